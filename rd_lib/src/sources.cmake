@@ -1,0 +1,1 @@
+# Sources of rd_lib/src.

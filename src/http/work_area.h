@@ -1,0 +1,23 @@
+// The per-request work area: one zero-filled block holding the response body,
+// the response header, the request body and the raw request, in this order.
+// The dispatcher allocates it; the capture, DeviceInfo and PostAuth workers
+// write the response body at its start and the header at kRespHeaderOffset.
+#ifndef VEXO_HTTP_WORK_AREA_H
+#define VEXO_HTTP_WORK_AREA_H
+
+#include <cstddef>
+
+constexpr std::size_t kRespBodySize = 3072000;
+constexpr std::size_t kRespHeaderOffset = 3072000;
+constexpr std::size_t kRespHeaderSize = 1024;
+constexpr std::size_t kReqBodyOffset = 3073024;
+constexpr std::size_t kReqBodySize = 2048;
+constexpr std::size_t kRawReqOffset = 3075072;
+constexpr std::size_t kRawReqSize = 2048;
+constexpr std::size_t kWorkAreaSize = 3077120;
+static_assert(kRawReqOffset + kRawReqSize == kWorkAreaSize);
+
+// The service port actually bound (11100..11120), 0 before binding.
+int service_port();
+
+#endif  // VEXO_HTTP_WORK_AREA_H

@@ -1,0 +1,56 @@
+// Process-wide configuration and device identity.
+//
+// RdConfig is filled by read_config_file and read_proxy_file (init/config);
+// RdIdentity by Initialize_process and load_config_file (init/init). Other
+// modules only read them. Both are plain records written during start-up,
+// before the accept thread starts, and read afterwards; the accessors return
+// the one instance.
+#ifndef VEXO_INIT_RD_CONFIG_H
+#define VEXO_INIT_RD_CONFIG_H
+
+#include <string>
+
+struct RdConfig {
+  std::string ssl_enable_text;   // IS_SSL_ENABLE as written (at most 8 bytes)
+  int ssl_enabled = 0;           // atoi(IS_SSL_ENABLE)
+  int verbose = 0;               // atoi(Verbose)
+  std::string rd_ver;            // RD_VER
+  std::string dev_pub_key_validity;  // DEV_PUB_KEY_VALIDITY, minutes as text
+  std::string dc;                // device code
+  int dc_missing = 0;            // dc present but empty
+  std::string prod_register_url; // PROD_REGISTER_URL (optional): production register endpoint
+  std::string mgmt_url_register;
+  std::string mgmt_url_keyrotation;
+  std::string mgmt_url_uidaiupdate;
+  std::string mgmt_url_updatestatus;
+  std::string mgmt_url_softupdate;
+  std::string mgmt_url_getcert_pp;
+  std::string mgmt_url_getcert_p;
+  std::string proxy_url;
+  std::string proxy_username;
+  std::string proxy_password;
+};
+
+struct RdIdentity {
+  std::string scanner_name;      // from Initialize_process's argument
+  std::string port_path;         // handheld serial port, "/dev/<name>"
+  std::string security_param;    // handheld security-library parameter
+  std::string prefix = "./";     // working-folder prefix before keystore/ and cert/public/
+  std::string clId;              // Management client identifier
+  std::string clVer;             // "1.0"
+  std::string host_type;         // "WINDOWS"
+  std::string dpId;              // device provider code
+  std::string rdsId;             // RD service identifier, e.g. "QDX.WIN.002"
+  std::string make;              // vendor name in capitals
+  std::string mi;                // model identifier
+  std::string model;             // same as mi
+  std::string appdata;           // APPDATA folder
+  std::string ssl_cert_path;     // "./cert/ssl/public.crt"
+  std::string ssl_key_path;      // "./cert/ssl/private.key"
+  int device_changed = 0;        // Init must run: new scanner or no device certificate
+};
+
+RdConfig& rd_config();
+RdIdentity& rd_identity();
+
+#endif  // VEXO_INIT_RD_CONFIG_H

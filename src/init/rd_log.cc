@@ -1,0 +1,218 @@
+#include "init/rd_log.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace {
+
+constexpr long kIstOffsetSeconds = 19800;
+constexpr std::size_t kLastStatusSize = 2048;
+constexpr int kDefaultLogLimitKb = 2048;
+
+std::mutex g_log_mutex;        // guards g_log_stream and every line written to it
+FILE* g_log_stream = nullptr;
+std::mutex g_status_mutex;     // guards g_last_status
+char g_last_status[kLastStatusSize] = {};
+std::atomic<int> g_verbose{0};
+std::atomic<int> g_log_limit_kb{kDefaultLogLimitKb};
+std::atomic<int> g_pipe_fd{-1};
+
+// Writes one complete line. REQUIRES: g_log_mutex held.
+void write_line_locked(LogLevel level, const char* file, const char* func, unsigned line,
+                       const char* fmt, va_list args) {
+  if (g_log_stream == nullptr) return;
+  log_timestamp();
+  std::fprintf(g_log_stream, level == LogLevel::kInfo ? "INFO   (%s:%s:%u) - " : "ERROR  (%s:%s:%u) - ",
+               source_base_name(file).c_str(), func, line);
+  std::vfprintf(g_log_stream, fmt, args);
+  std::fputc('\n', g_log_stream);
+  std::fflush(g_log_stream);
+}
+
+void log_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+void log_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  write_line_locked(level, file, func, line, fmt, args);
+  va_end(args);
+}
+
+}  // namespace
+
+int ist_time_text(const char* format, std::string* out) {
+  out->clear();
+  std::time_t t = platform::now();
+  if (t == static_cast<std::time_t>(-1)) return -1;
+  t += kIstOffsetSeconds;
+  std::tm tm_utc{};
+  if (gmtime_r(&t, &tm_utc) == nullptr) return -1;
+  char buf[48] = {};
+  std::size_t n = std::strftime(buf, sizeof buf, format, &tm_utc);
+  out->assign(buf, n);
+  return 0;
+}
+
+std::string source_base_name(const char* file) {
+  std::string name = file ? file : "";
+  std::size_t slash = name.find_last_of("/\\");
+  if (slash != std::string::npos) name.erase(0, slash + 1);
+  std::size_t dot = name.find('.');
+  if (dot != std::string::npos) name.erase(dot);
+  return name;
+}
+
+int zlog_init(const char* path) {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  g_log_stream = std::fopen(path, "a");
+  return g_log_stream ? 0 : -1;
+}
+
+FILE* zlog_get_category(const char* name) {
+  if (name == nullptr) return nullptr;
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  return g_log_stream;
+}
+
+int zlog_fini() {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  if (g_log_stream == nullptr) return -1;
+  std::fflush(g_log_stream);
+  std::fclose(g_log_stream);
+  g_log_stream = nullptr;
+  return 0;
+}
+
+int log_timestamp() {
+  std::string ts;
+  if (ist_time_text("%Y-%m-%d %H:%M:%S", &ts) != 0) return -1;
+  if (g_log_stream) std::fprintf(g_log_stream, "%s ", ts.c_str());
+  return 0;
+}
+
+void write_error_log(const char* text) {
+  FILE* f = std::fopen("Vexo_Error.log", "ab");
+  if (f == nullptr) {
+    // Stands in for the design's message box: the text goes to standard error.
+    std::fprintf(stderr, "Error: Error in opening the Vexo_Error.log file\n");
+    return;
+  }
+  std::fprintf(f, "%s", text);
+  std::fclose(f);
+}
+
+void rd_set_verbose(int verbose) { g_verbose.store(verbose, std::memory_order_relaxed); }
+int rd_verbose() { return g_verbose.load(std::memory_order_relaxed); }
+void rd_set_log_size_limit_kb(int kb) { g_log_limit_kb.store(kb, std::memory_order_relaxed); }
+int rd_log_size_limit_kb() { return g_log_limit_kb.load(std::memory_order_relaxed); }
+
+void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  va_list args;
+  va_start(args, fmt);
+  write_line_locked(level, file, func, line, fmt, args);
+  va_end(args);
+}
+
+int rd_set_last_status(const char* file, const char* func, const char* fmt, ...) {
+  std::string ts;
+  if (ist_time_text("%Y-%m-%d %H:%M:%S", &ts) != 0) return -1;
+  char text[kLastStatusSize] = {};
+  va_list args;
+  va_start(args, fmt);
+  std::vsnprintf(text, sizeof text, fmt, args);
+  va_end(args);
+  std::lock_guard<std::mutex> lock(g_status_mutex);
+  std::snprintf(g_last_status, sizeof g_last_status, "%s | %s | %s | %s", ts.c_str(),
+                source_base_name(file).c_str(), func, text);
+  return 0;
+}
+
+void rd_copy_last_status(char* out, std::size_t len) {
+  if (out == nullptr || len == 0) return;
+  std::lock_guard<std::mutex> lock(g_status_mutex);
+  std::snprintf(out, len, "%s", g_last_status);
+}
+
+void rd_notify(const char* code, const char* fmt, ...) {
+  char text[2048] = {};
+  va_list args;
+  va_start(args, fmt);
+  std::vsnprintf(text, sizeof text, fmt, args);
+  va_end(args);
+  std::string message = std::string(code) + "|" + text;
+  write_to_pipe(message.data(), message.size());
+}
+
+int create_Pipe() {
+  int err = 0;
+  int fd = platform::pipe_open(platform::status_pipe_path(), &err);
+  if (fd < 0) {
+    RD_ERROR("Create pipe failed\n");
+    RD_STATUS("Create pipe failed, error_code = %d\n ", err);
+    return -1;
+  }
+  int old = g_pipe_fd.exchange(fd);
+  if (old >= 0) ::close(old);
+  return 0;
+}
+
+int write_to_pipe(const char* buf, std::size_t len) {
+  int err = EBADF;
+  int fd = g_pipe_fd.load();
+  if (fd < 0 || platform::pipe_write(fd, buf, len, &err) != 0) {
+    RD_ERROR("Write to pipe failed\n");
+    RD_STATUS("Write to pipe failed, error_code = %d\n ", err);
+    return -1;
+  }
+  return 0;
+}
+
+int logfile_size_check() {
+  long long bytes = platform::file_size("./rd.log");
+  if (bytes < 0 || bytes / 1024 <= rd_log_size_limit_kb()) return 0;
+  // The log mutex is held across the whole swap, so no other thread writes to a
+  // closed stream or loses a line, and two requests never rotate twice.
+  std::unique_lock<std::mutex> lock(g_log_mutex);
+  bytes = platform::file_size("./rd.log");
+  long long kb = bytes / 1024;
+  if (bytes < 0 || kb <= rd_log_size_limit_kb()) return 0;
+  log_locked(LogLevel::kInfo, __FILE__, __func__, __LINE__,
+             "..................RD Log Reached  %dKB of size..............................", static_cast<int>(kb));
+  if (g_log_stream) {
+    std::fclose(g_log_stream);
+    g_log_stream = nullptr;
+  }
+  // Replaces rd1.log atomically; like the design's "move", its result is ignored.
+  (void)std::rename("./rd.log", "./rd1.log");
+  g_log_stream = std::fopen("rd.log", "a");
+  if (g_log_stream == nullptr) {
+    lock.unlock();
+    write_error_log("zlog_init failed from logfile_size_check\n");
+    return -1;
+  }
+  return 0;
+}
+
+void rd_log_reset_for_test() {
+  {
+    std::lock_guard<std::mutex> lock(g_status_mutex);
+    std::memset(g_last_status, 0, sizeof g_last_status);
+  }
+  int old = g_pipe_fd.exchange(-1);
+  if (old >= 0) ::close(old);
+}
+
+#include "vexo.h"
+
+extern "C" VEXO_EXPORT int Get_Last_RDservice_Status(char* status) noexcept {
+  rd_copy_last_status(status, VEXO_STATUS_LEN);
+  return 0;
+}

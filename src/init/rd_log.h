@@ -1,0 +1,84 @@
+// Run log, last-status line, error log and status pipe: the four channels
+// through which every module reports.
+//
+// Thread-safety: the run log is guarded by the log mutex (one line at a time,
+// also across rotation), the last-status buffer by the status mutex; the two
+// are never held together. Pipe writes are single write() calls.
+//
+// Call sites use the macros at the end and pass only their text:
+//   RD_INFO("socket is bound on port: %hd", port);
+//   RD_ERROR("Listen error");
+//   RD_VERBOSE("Inside recv_thru_tcp_socket");
+//   RD_STATUS("Listen error ");          -> "time | server | fn | Listen error "
+//   RD_PIPE("5000", "Listen error\n");   -> "5000|Listen error\n"
+#ifndef VEXO_INIT_RD_LOG_H
+#define VEXO_INIT_RD_LOG_H
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+enum class LogLevel { kInfo, kError };
+
+// Opens the run log with fopen(path, "a"). 0, or -1 (stream left null).
+int zlog_init(const char* path);
+// The open run-log stream for any non-null name; null for a null name or no log.
+FILE* zlog_get_category(const char* name);
+// Flushes and closes the run log. 0, or -1 when none is open.
+int zlog_fini();
+// Writes "YYYY-mm-dd HH:MM:SS " (IST) to the run log. REQUIRES: log mutex held.
+// 0, or -1 when the clock cannot be read (nothing written).
+int log_timestamp();
+// Appends text unchanged to "Vexo_Error.log"; when that fails, prints
+// "Error in opening the Vexo_Error.log file" to standard error.
+void write_error_log(const char* text);
+// Opens the status pipe (platform::status_pipe_path()). 0, or -1 with the
+// "Create pipe failed" reports.
+int create_Pipe();
+// Writes len bytes to the status pipe in one call. 0, or -1 (reported).
+int write_to_pipe(const char* buf, std::size_t len);
+// Rotates ./rd.log to ./rd1.log once it is larger than the size limit.
+// 0, or -1 when the log cannot be reopened.
+int logfile_size_check();
+
+// Verbose flag (config:Verbose) and the size limit in KB (2048 by default).
+void rd_set_verbose(int verbose);
+int rd_verbose();
+void rd_set_log_size_limit_kb(int kb);
+int rd_log_size_limit_kb();
+
+// IST timestamp (UTC + 19800 s) in the given strftime format, into out.
+// 0, or -1 when the clock cannot be read (out cleared).
+int ist_time_text(const char* format, std::string* out);
+
+// "server" for ".../src/http/server.cc": the name that log lines carry.
+std::string source_base_name(const char* file);
+
+// One run-log line: "<ts> INFO   (file:func:line) - text\n" under the log mutex.
+void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line,
+                  const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+// Sets the last-status line "<ts> | file | func | text". 0, or -1 when the
+// clock cannot be read (the line is left as it was).
+int rd_set_last_status(const char* file, const char* func, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+// Sends "code|text" to the status pipe; the text carries its own "\n".
+// A failed send is reported by write_to_pipe and otherwise ignored.
+void rd_notify(const char* code, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+// Copies the last-status line (at most len-1 bytes) into out.
+void rd_copy_last_status(char* out, std::size_t len);
+
+// Test seams: clears the last-status buffer and closes the pipe handle.
+void rd_log_reset_for_test();
+
+#define RD_INFO(...) rd_log_write(LogLevel::kInfo, __FILE__, __func__, __LINE__, __VA_ARGS__)
+#define RD_ERROR(...) rd_log_write(LogLevel::kError, __FILE__, __func__, __LINE__, __VA_ARGS__)
+#define RD_VERBOSE(...)          \
+  do {                           \
+    if (rd_verbose() != 0) {     \
+      RD_INFO(__VA_ARGS__);      \
+    }                            \
+  } while (0)
+#define RD_STATUS(...) rd_set_last_status(__FILE__, __func__, __VA_ARGS__)
+#define RD_PIPE(code, ...) rd_notify(code, __VA_ARGS__)
+
+#endif  // VEXO_INIT_RD_LOG_H

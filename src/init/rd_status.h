@@ -1,0 +1,28 @@
+// Service status (READY, USED, NOTREADY), the device-detached flag and the
+// stored scanner serial number.
+//
+// Thread-safety: the status index and the detached flag are atomics read and
+// written without a lock from every thread; the stored serial has its own mutex.
+#ifndef VEXO_INIT_RD_STATUS_H
+#define VEXO_INIT_RD_STATUS_H
+
+#include <string>
+
+enum RdStatusIndex : unsigned { kRdReady = 0, kRdUsed = 1, kRdNotReady = 2 };
+
+// The status text with its own double quotes: "\"READY\"", "\"USED\"", "\"NOTREADY\"".
+const char* get_rd_status();
+unsigned get_rd_status_index();
+void set_rd_status_ready();
+void set_rd_status_used();
+void set_rd_status_notready();
+
+// 1 after detach_device (or a lost handheld connection), 0 after attach_device.
+int get_device_detached();
+void set_device_detached(int detached);
+
+// Serial number of the scanner last identified (reported as srno).
+std::string get_device_serial();
+void set_device_serial(const std::string& serial);
+
+#endif  // VEXO_INIT_RD_STATUS_H

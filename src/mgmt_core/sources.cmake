@@ -1,0 +1,7 @@
+# Sources of src/mgmt_core.
+list(APPEND VEXO_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/Base64Encode.cc
+  ${CMAKE_CURRENT_LIST_DIR}/Base64Decode.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hash.cc
+  ${CMAKE_CURRENT_LIST_DIR}/mgmt_pending.cc
+)

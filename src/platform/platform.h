@@ -1,0 +1,146 @@
+// Operating-system layer. Every system call of the library goes through the
+// functions declared here; src/platform/posix/ defines them for Linux, and a
+// win32/ folder would define the same names. Nothing outside src/platform/
+// includes a header that exists on only one system.
+//
+// Thread-safety: every function may be called from any thread. The test seams
+// (set_*_for_test) are meant to be set before the code under test runs.
+#ifndef VEXO_PLATFORM_PLATFORM_H
+#define VEXO_PLATFORM_PLATFORM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// ---------------------------------------------------------------- clock
+// Seconds since 1970 (UTC), or -1 when the clock cannot be read. A test may
+// pin the value (or force -1) with set_time_for_test; nullopt restores it.
+std::time_t now();
+void set_time_for_test(std::optional<std::time_t> t);
+// Monotonic milliseconds, for measuring waits.
+std::uint64_t monotonic_ms();
+// Sleeps the given milliseconds (nanosleep; restarts after signals).
+void sleep_ms(unsigned ms);
+// The PC-speaker beep of the design: here it only waits the given time.
+void beep(unsigned frequency_hz, unsigned duration_ms);
+
+// ---------------------------------------------------------------- errors
+// The last system error number of the calling thread (errno).
+int last_error();
+
+// ---------------------------------------------------------------- status pipe
+// Path of the status FIFO, "/tmp/qdx.win.002" unless a test moved it.
+std::string status_pipe_path();
+void set_status_pipe_path_for_test(const std::string& path);
+// Opens the FIFO write-only; fails (returns -1, *err = errno) when it does not
+// exist, is not a FIFO or has no reader. Returns the descriptor.
+int pipe_open(const std::string& path, int* err);
+// One write of the whole message. 0, or -1 with *err = errno (EPIPE when the
+// reader went away; never raises SIGPIPE).
+int pipe_write(int fd, const void* data, std::size_t len, int* err);
+
+// ---------------------------------------------------------------- sockets
+using socket_t = int;
+constexpr socket_t kInvalidSocket = -1;
+socket_t tcp_socket();                          // IPv4 stream socket or kInvalidSocket
+int bind_loopback(socket_t s, std::uint16_t port);  // 0 or -1 (errno kept)
+int listen_socket(socket_t s, int backlog);     // 0 or -1
+// Waits until s is readable (or writable). 1 ready, 0 time-out, -1 error.
+int wait_readable(socket_t s, int timeout_ms);
+int wait_writable(socket_t s, int timeout_ms);
+socket_t accept_socket(socket_t s);             // kInvalidSocket on failure
+// recv/send with the system's semantics; send never raises SIGPIPE.
+long recv_socket(socket_t s, void* buf, std::size_t len);
+long send_socket(socket_t s, const void* buf, std::size_t len);
+void close_socket(socket_t s);
+
+// ---------------------------------------------------------------- locks
+// A machine-wide binary lock per name (the design's named semaphore). The name
+// is the design's, for example "Global\\QDX_WIN_010"; it maps to a lock file in
+// lock_dir(). Threads of one process also exclude each other. A lock whose
+// holder process dies is released by the system.
+struct NamedLock;
+std::string lock_dir();                          // "/tmp" unless a test moved it
+void set_lock_dir_for_test(const std::string& dir);
+NamedLock* named_lock_open(const char* name);    // nullptr on failure (errno kept)
+// 0 acquired, 1 time-out, -1 failure.
+int named_lock_acquire(NamedLock* lock, unsigned timeout_ms);
+// 0 released, -1 not held by this process (or failure).
+int named_lock_release(NamedLock* lock);
+void named_lock_close(NamedLock* lock);
+
+// A process-local binary semaphore (initial 1, maximum 1).
+struct LocalLock;
+LocalLock* local_lock_create();
+int local_lock_acquire(LocalLock* lock, unsigned timeout_ms);  // 0, 1 time-out, -1
+int local_lock_release(LocalLock* lock);                       // 0, -1 when not held
+void local_lock_destroy(LocalLock* lock);
+
+// ---------------------------------------------------------------- dynamic libraries
+// "NAME.dll" becomes "libNAME.so"; other names are returned unchanged.
+std::string shared_library_name(const std::string& dll_name);
+// Joins folder and the platform's name for dll_name: "./RefDll" + "AraTrustFinger.dll"
+// gives "./RefDll/libAraTrustFinger.so".
+std::string library_path(const std::string& folder, const std::string& dll_name);
+void* library_open(const std::string& path);     // nullptr on failure
+void* library_symbol(void* lib, const char* name);
+std::string library_error();                     // the loader's last message
+// Path of the file that holds this library's own code (for the service digest).
+std::string own_module_path();
+
+// ---------------------------------------------------------------- network adapters
+struct Adapter {
+  std::uint8_t address[6] = {};
+  unsigned index = 0;
+  bool ethernet = false;   // ARPHRD_ETHER, else "Other"
+  std::string name;
+  std::string description;
+};
+// Adapters with a hardware address, in interface-index order, without loopback
+// and all-zero addresses. 0, or -1 when the list cannot be read.
+int list_adapters(std::vector<Adapter>* out);
+// Replaces the system's list for tests; nullopt restores it.
+void set_adapters_for_test(std::optional<std::vector<Adapter>> adapters);
+
+// ---------------------------------------------------------------- file identity
+struct FileIdentity {
+  unsigned long volume_serial = 0;   // st_dev
+  unsigned long index_high = 0;      // high 32 bits of st_ino
+  unsigned long index_low = 0;       // low 32 bits of st_ino
+};
+// create_new: create the file, failing if it exists (owner-only permissions);
+// otherwise open an existing file. 0, or -1 with errno kept.
+int file_identity(const std::string& path, bool create_new, FileIdentity* out);
+
+// ---------------------------------------------------------------- files
+bool file_exists(const std::string& path);
+bool file_readable(const std::string& path);
+// Whole-file read; 0 or -1.
+int read_file(const std::string& path, std::string* out);
+// Writes a temporary file beside path, flushes it and renames it over path,
+// so a crash never leaves a torn file. mode is the new file's permission bits.
+int write_file_atomic(const std::string& path, const void* data, std::size_t len,
+                      unsigned mode = 0644);
+// Creates every missing folder of path with owner-only permissions. 0 or -1.
+int make_dirs(const std::string& path);
+// The file's last-access time in seconds, or -1.
+long long file_access_time(const std::string& path);
+long long file_size(const std::string& path);
+
+// ---------------------------------------------------------------- random
+// Cryptographically strong random bytes. 0 or -1.
+int random_bytes(std::uint8_t* out, std::size_t len);
+
+// ---------------------------------------------------------------- environment
+// The folder the design calls APPDATA: $APPDATA, else $XDG_DATA_HOME, else
+// $HOME/.local/share. Empty when none of these gives a folder.
+std::string appdata_dir();
+
+}  // namespace platform
+
+#endif  // VEXO_PLATFORM_PLATFORM_H

@@ -1,0 +1,1 @@
+// Filled in with the fileid area of the platform layer.

@@ -1,0 +1,97 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "platform/platform.h"
+
+namespace platform {
+
+bool file_exists(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+bool file_readable(const std::string& path) { return ::access(path.c_str(), R_OK) == 0; }
+
+int read_file(const std::string& path, std::string* out) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return -1;
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  if (in.bad()) return -1;
+  *out = ss.str();
+  return 0;
+}
+
+int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode) {
+  std::string tmp = path + ".tmpXXXXXX";
+  int fd = ::mkstemp(tmp.data());
+  if (fd < 0) return -1;
+  const char* p = static_cast<const char*>(data);
+  std::size_t left = len;
+  while (left > 0) {
+    ssize_t n = ::write(fd, p, left);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      ::close(fd);
+      ::unlink(tmp.c_str());
+      return -1;
+    }
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0 || ::close(fd) != 0) {
+    ::unlink(tmp.c_str());
+    return -1;
+  }
+  if (::rename(tmp.c_str(), path.c_str()) != 0) {
+    int saved = errno;
+    ::unlink(tmp.c_str());
+    errno = saved;
+    return -1;
+  }
+  return 0;
+}
+
+int make_dirs(const std::string& path) {
+  if (path.empty()) return -1;
+  std::string cur;
+  std::size_t pos = 0;
+  while (pos != std::string::npos) {
+    pos = path.find('/', pos + 1);
+    cur = path.substr(0, pos);
+    if (cur.empty()) continue;
+    if (::mkdir(cur.c_str(), 0700) != 0 && errno != EEXIST) return -1;
+  }
+  struct stat st {};
+  return (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) ? 0 : -1;
+}
+
+long long file_access_time(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return -1;
+  return static_cast<long long>(st.st_atime);
+}
+
+long long file_size(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return -1;
+  return static_cast<long long>(st.st_size);
+}
+
+std::string appdata_dir() {
+  for (const char* var : {"APPDATA", "XDG_DATA_HOME"}) {
+    const char* v = std::getenv(var);
+    if (v && *v) return v;
+  }
+  const char* home = std::getenv("HOME");
+  if (home && *home) return std::string(home) + "/.local/share";
+  return "";
+}
+
+}  // namespace platform

@@ -1,0 +1,1 @@
+// Filled in with the lock area of the platform layer.

@@ -1,0 +1,1 @@
+// Filled in with the netif area of the platform layer.

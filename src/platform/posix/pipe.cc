@@ -1,0 +1,71 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace platform {
+namespace {
+std::mutex g_pipe_path_mutex;
+std::string g_pipe_path = "/tmp/qdx.win.002";
+}  // namespace
+
+std::string status_pipe_path() {
+  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+  return g_pipe_path;
+}
+
+void set_status_pipe_path_for_test(const std::string& path) {
+  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+  g_pipe_path = path;
+}
+
+int pipe_open(const std::string& path, int* err) {
+  // Non-blocking open fails with ENXIO when nobody reads the FIFO, instead of
+  // waiting for a reader forever.
+  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *err = errno;
+    return -1;
+  }
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
+    *err = S_ISFIFO(st.st_mode) ? errno : ENOENT;
+    ::close(fd);
+    return -1;
+  }
+  int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    *err = errno;
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int pipe_write(int fd, const void* data, std::size_t len, int* err) {
+  // A reader that went away must give EPIPE, not kill the host with SIGPIPE:
+  // block the signal for this thread around the write and swallow a pending one.
+  sigset_t block, old;
+  sigemptyset(&block);
+  sigaddset(&block, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &block, &old);
+  ssize_t n = ::write(fd, data, len);
+  int saved = errno;
+  if (n < 0 && saved == EPIPE) {
+    timespec zero{0, 0};
+    sigtimedwait(&block, nullptr, &zero);
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  if (n < 0 || static_cast<std::size_t>(n) != len) {
+    *err = n < 0 ? saved : EIO;
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace platform

@@ -1,0 +1,1 @@
+// Filled in with the socket area of the platform layer.

@@ -1,0 +1,34 @@
+// Machine-wide lock per scanner model, and the process-local handheld lock.
+//
+// The scanner lock serialises capture, DeviceInfo, configuration reading, key
+// reading and key rotation across processes; the Tavio lock serialises the
+// handheld device's commands inside one process. Both are binary: any thread
+// may release. Results are those of the design: 0, -1, -2.
+#ifndef VEXO_SEMAPHORE_SEMAPHORE_SYC_H
+#define VEXO_SEMAPHORE_SEMAPHORE_SYC_H
+
+// Creates the lock for rd_identity().scanner_name (and, for "Tavio_TX9", the
+// Tavio lock). 0; -1 unknown scanner ("FP sensor is not valid sensor") or failure.
+int init_semaphore();
+// Waits up to lock_timeout_ms(). 0 acquired; -1 no lock created; -2 time-out or failure.
+int Lock_Semaphore();
+// 0 released; -1 not held or failure.
+int Unlock_Semaphore();
+
+int init_semaphore_Tavio();
+// Waits up to tavio_lock_timeout_ms(). 0 acquired; -2 time-out or failure.
+int Lock_Semaphore_Tavio();
+int Unlock_Semaphore_Tavio();
+int close_semaphore_Tavio();
+
+// The machine-wide lock name for a scanner ("Global\\QDX_WIN_010"), or nullptr.
+const char* semaphore_name_for_scanner(const char* scanner_name);
+
+// Waits: 20000 ms and 2000 ms; tests shorten them.
+unsigned lock_timeout_ms();
+unsigned tavio_lock_timeout_ms();
+void set_lock_timeouts_for_test(unsigned scanner_ms, unsigned tavio_ms);
+// Forgets the created locks so a test can call init_semaphore again.
+void semaphore_reset_for_test();
+
+#endif  // VEXO_SEMAPHORE_SEMAPHORE_SYC_H

@@ -1,0 +1,64 @@
+// Helpers shared by the tests: a temporary working folder, a status-pipe
+// reader, and small file and socket utilities.
+#ifndef VEXO_TESTS_TEST_UTIL_H
+#define VEXO_TESTS_TEST_UTIL_H
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace testutil {
+
+// Creates a fresh folder under /tmp, makes it the current folder, and on
+// destruction goes back and removes it.
+class WorkDir {
+ public:
+  WorkDir();
+  ~WorkDir();
+  WorkDir(const WorkDir&) = delete;
+  WorkDir& operator=(const WorkDir&) = delete;
+  const std::string& path() const { return path_; }
+  // Absolute path of a file inside the folder.
+  std::string file(const std::string& rel) const { return path_ + "/" + rel; }
+
+ private:
+  std::string path_;
+  std::string old_cwd_;
+};
+
+// A FIFO that the library's status pipe opens (the seam path is set to it),
+// read by a thread of the test. messages() returns what arrived so far.
+class PipeReader {
+ public:
+  explicit PipeReader(const std::string& dir);
+  ~PipeReader();
+  PipeReader(const PipeReader&) = delete;
+  PipeReader& operator=(const PipeReader&) = delete;
+  const std::string& path() const { return path_; }
+  // All bytes received so far.
+  std::string received();
+  // Waits up to timeout_ms until received() contains needle.
+  bool wait_for(const std::string& needle, int timeout_ms = 3000);
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+  int stop_fd_[2] = {-1, -1};
+  std::mutex mutex_;
+  std::string data_;
+  std::thread thread_;
+};
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& data);
+// Sends raw bytes to 127.0.0.1:port, reads until the peer closes. Returns the
+// answer (empty on connection failure).
+std::string http_exchange(int port, const std::string& request, int timeout_ms = 10000);
+// Last-status line as the host reads it.
+std::string last_status();
+
+}  // namespace testutil
+
+#endif  // VEXO_TESTS_TEST_UTIL_H
