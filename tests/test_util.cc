@@ -113,6 +113,9 @@ std::string http_exchange(int port, const std::string& request, int timeout_ms) 
     if (n <= 0) break;
     off += static_cast<std::size_t>(n);
   }
+  // Half-close first, so the TIME_WAIT state lands on this side and the
+  // service's port can be bound again at once by the next test.
+  ::shutdown(s, SHUT_WR);
   std::string answer;
   char buf[65536];
   for (;;) {

@@ -16,14 +16,6 @@ int answer_not_implemented(char* work_area, const char* path, const char* origin
 }
 }  // namespace
 
-int capture(const char* /*request_body*/, const char* origin, char* work_area) {
-  return answer_not_implemented(work_area, "/rd/capture", origin);
-}
-
-int GetDeviceInfo(char* work_area, const char* origin) {
-  return answer_not_implemented(work_area, "/rd/info", origin);
-}
-
 int PostAuth(char* work_area, const char* origin, const char* path) {
   answer_not_implemented(work_area, path, origin);
   return 0;

@@ -14,7 +14,8 @@ int prepare_http_socket(platform::socket_t* server);
 // The accept loop; never returns. arg points to the server socket.
 void* client_connection_handler(void* arg);
 // Reads one request (header up to the blank line, then Content-Length bytes)
-// into buf (kRawReqSize bytes). Length, or -1.
+// into buf (kRawReqSize bytes, zero-filled). Length, -1, or kRequestTooLarge
+// (request_reader.h) when the request does not fit.
 int recv_thru_tcp_socket(platform::socket_t s, char* buf);
 // 0 when header and body were sent; -1 on a send error.
 int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len,
@@ -22,13 +23,26 @@ int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t h
 // Body of a connection thread: receives, dispatches, answers, closes. 0.
 int process_incoming_message(platform::socket_t s);
 
+// Checks a CAPTURE request and copies its body (from the first "<") into
+// request_body (kReqBodySize bytes). 0 valid; 505 version not HTTP/1.1; 400
+// path not "/rd/capture" (or a request-line field too long); -1 other faults.
 int ParseHTTP_ReqCapture(const char* raw_request, char* request_body);
+// Copies the body of a POSTAUTH request (from the first "<") into
+// request_body (kReqBodySize bytes). 0, or -1 when there is no "<".
 int Get_PostAuthBody(const char* raw_request, char* request_body);
+// The discovery answer: body (kRespBodySize bytes) with the current status and
+// model, header (kRespHeaderSize bytes) for the path "/". 0.
 int frame_rdservice_response(const char* origin, char* header, char* body);
+// The origin forms are used when origin is non-null and not exactly "null".
 // Both write at most kRespHeaderSize bytes into header; return the length.
 int frame_http_ok_header(const char* host, int port, const char* path, int body_len,
                          const char* origin, char* header);
 int frame_http_error_header(int code, const char* host, int port, const char* path, int body_len,
                             const char* origin, char* header);
+
+// How long the accept loop's select waits before starting again: 15000 ms
+// unless a test shortened it.
+int accept_wait_ms();
+void set_accept_wait_ms_for_test(int ms);
 
 #endif  // VEXO_HTTP_SERVER_H

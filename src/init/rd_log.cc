@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -129,9 +130,11 @@ int rd_set_last_status(const char* file, const char* func, const char* fmt, ...)
   va_start(args, fmt);
   std::vsnprintf(text, sizeof text, fmt, args);
   va_end(args);
+  const std::string line = ts + " | " + source_base_name(file) + " | " + func + " | " + text;
   std::lock_guard<std::mutex> lock(g_status_mutex);
-  std::snprintf(g_last_status, sizeof g_last_status, "%s | %s | %s | %s", ts.c_str(),
-                source_base_name(file).c_str(), func, text);
+  const std::size_t n = std::min(line.size(), sizeof g_last_status - 1);
+  std::memcpy(g_last_status, line.data(), n);
+  g_last_status[n] = '\0';
   return 0;
 }
 

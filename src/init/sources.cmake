@@ -5,3 +5,4 @@ list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/rd_config.cc
 )
 include(${CMAKE_CURRENT_LIST_DIR}/sources_config.cmake OPTIONAL)
+list(APPEND VEXO_SOURCES ${CMAKE_CURRENT_LIST_DIR}/init.cc)

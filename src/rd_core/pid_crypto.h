@@ -30,6 +30,9 @@ int aes_encrypt_GCM_Mode(std::span<const std::uint8_t> plain, std::span<const st
 // 0, -1 or 999.
 int GenerateEncPID_EncPIDHash(std::span<const std::uint8_t> pid, const std::uint8_t* key /*32*/,
                               const std::string& ts, std::string* data_text, std::string* hmac_text);
+// Turns OpenSSL's text form of a certificate time ("Jun  1 10:00:00 2027 GMT")
+// into ci "20270601". 0, or -1 (ci cleared) when the month name or a number is wrong.
+int cert_time_text_to_ci(const std::string& text, std::string* ci);
 // Sets *invalid to 1 when the SHA-256 hex of cert_pem differs from expected.
 void check_valid_cert(const std::string& cert_pem, const std::string& expected_checksum, int* invalid);
 

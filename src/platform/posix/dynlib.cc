@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <stdlib.h>
 
 #include "platform/platform.h"
 
@@ -31,10 +32,21 @@ std::string library_error() {
   return e ? e : "";
 }
 
-std::string own_module_path() {
+namespace {
+// The loader may report the relative path it was given, which a later change
+// of the current folder would break: resolve it once, when the code is loaded.
+std::string resolve_own_module_path() {
   Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&own_module_path), &info) == 0 || !info.dli_fname) return "";
-  return info.dli_fname;
+  if (dladdr(reinterpret_cast<void*>(&resolve_own_module_path), &info) == 0 || !info.dli_fname) return "";
+  char* resolved = realpath(info.dli_fname, nullptr);
+  if (resolved == nullptr) return info.dli_fname;
+  std::string path = resolved;
+  free(resolved);
+  return path;
 }
+const std::string g_own_module_path = resolve_own_module_path();
+}  // namespace
+
+std::string own_module_path() { return g_own_module_path.empty() ? resolve_own_module_path() : g_own_module_path; }
 
 }  // namespace platform

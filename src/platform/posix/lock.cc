@@ -1,1 +1,197 @@
-// Filled in with the lock area of the platform layer.
+// Named locks: a lock file per name held with an open-file-description lock,
+// which the kernel drops when the holder dies, plus a per-process binary
+// semaphore so that threads of one process exclude each other as well (OFD
+// locks alone would let two handles of one process conflict, but not two
+// threads sharing one handle).
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace platform {
+
+namespace {
+
+// How often a waiter retries the file lock held by another process.
+constexpr unsigned kPollMs = 5;
+
+std::mutex g_dir_mutex;
+std::string g_lock_dir = "/tmp";
+
+// The process-local half of a named lock, shared by every handle of one name.
+struct LockState {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool held = false;     // acquired and not yet released
+  bool taking = false;   // a thread has the local half and polls the file lock
+  int fd = -1;
+  pid_t owner_pid = 0;   // the process that opened fd; a forked child reopens
+  ~LockState() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+std::mutex g_registry_mutex;
+std::map<std::string, std::weak_ptr<LockState>>& registry() {
+  static auto* r = new std::map<std::string, std::weak_ptr<LockState>>();
+  return *r;
+}
+
+// "Global\\QDX_WIN_010" -> "<dir>/Global_QDX_WIN_010.lock".
+std::string lock_file_path(const char* name) {
+  std::string file(name);
+  for (char& c : file) {
+    if (c == '\\' || c == '/') c = '_';
+  }
+  return lock_dir() + "/" + file + ".lock";
+}
+
+int ofd_lock(int fd, short type) {
+  struct flock fl {};
+  fl.l_type = type;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = 0;
+  fl.l_len = 0;
+  return ::fcntl(fd, F_OFD_SETLK, &fl);
+}
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+Deadline deadline_after(unsigned timeout_ms) {
+  return std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+}
+
+}  // namespace
+
+struct NamedLock {
+  std::shared_ptr<LockState> state;
+};
+
+struct LocalLock {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool held = false;
+};
+
+std::string lock_dir() {
+  std::lock_guard<std::mutex> guard(g_dir_mutex);
+  return g_lock_dir;
+}
+
+void set_lock_dir_for_test(const std::string& dir) {
+  std::lock_guard<std::mutex> guard(g_dir_mutex);
+  g_lock_dir = dir;
+}
+
+NamedLock* named_lock_open(const char* name) {
+  if (name == nullptr || *name == '\0') {
+    errno = EINVAL;
+    return nullptr;
+  }
+  const std::string path = lock_file_path(name);
+  std::lock_guard<std::mutex> guard(g_registry_mutex);
+  auto& reg = registry();
+  std::shared_ptr<LockState> state = reg[path].lock();
+  if (state == nullptr || state->owner_pid != ::getpid()) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) return nullptr;
+    // Other users' processes must be able to open the same file; the umask
+    // would otherwise narrow it. A failure here only limits sharing.
+    (void)::fchmod(fd, 0666);
+    auto fresh = std::make_shared<LockState>();
+    fresh->fd = fd;
+    fresh->owner_pid = ::getpid();
+    // A state inherited across fork shares the parent's open file description
+    // and so its lock; the child gets its own. Closing the inherited
+    // descriptor later does not drop the parent's lock.
+    state = fresh;
+    reg[path] = state;
+  }
+  return new NamedLock{state};
+}
+
+namespace {
+
+// A handle inherited across fork shares the parent's open file description;
+// using it would take or drop the parent's lock, so it is refused.
+bool usable(const NamedLock* lock) {
+  return lock != nullptr && lock->state != nullptr && lock->state->owner_pid == ::getpid();
+}
+
+}  // namespace
+
+int named_lock_acquire(NamedLock* lock, unsigned timeout_ms) {
+  if (!usable(lock)) return -1;
+  LockState& s = *lock->state;
+  const Deadline deadline = deadline_after(timeout_ms);
+  std::unique_lock<std::mutex> guard(s.mutex);
+  if (!s.cv.wait_until(guard, deadline, [&] { return !s.held && !s.taking; })) return 1;
+  // The local half is ours; now the file lock against other processes.
+  s.taking = true;
+  for (;;) {
+    if (ofd_lock(s.fd, F_WRLCK) == 0) {
+      s.taking = false;
+      s.held = true;
+      return 0;
+    }
+    int err = errno;
+    bool failed = err != EAGAIN && err != EACCES && err != EINTR;
+    if (failed || std::chrono::steady_clock::now() >= deadline) {
+      s.taking = false;
+      s.cv.notify_all();
+      errno = err;
+      return failed ? -1 : 1;
+    }
+    // Other threads only wait on the condition variable, so polling with the
+    // mutex released lets a release from another thread proceed meanwhile.
+    guard.unlock();
+    sleep_ms(kPollMs);
+    guard.lock();
+  }
+}
+
+int named_lock_release(NamedLock* lock) {
+  if (!usable(lock)) return -1;
+  LockState& s = *lock->state;
+  std::lock_guard<std::mutex> guard(s.mutex);
+  if (!s.held) return -1;
+  if (ofd_lock(s.fd, F_UNLCK) != 0) return -1;
+  s.held = false;
+  s.cv.notify_all();
+  return 0;
+}
+
+void named_lock_close(NamedLock* lock) { delete lock; }
+
+LocalLock* local_lock_create() { return new (std::nothrow) LocalLock(); }
+
+int local_lock_acquire(LocalLock* lock, unsigned timeout_ms) {
+  if (lock == nullptr) return -1;
+  std::unique_lock<std::mutex> guard(lock->mutex);
+  if (!lock->cv.wait_until(guard, deadline_after(timeout_ms), [&] { return !lock->held; })) {
+    return 1;
+  }
+  lock->held = true;
+  return 0;
+}
+
+int local_lock_release(LocalLock* lock) {
+  if (lock == nullptr) return -1;
+  std::lock_guard<std::mutex> guard(lock->mutex);
+  if (!lock->held) return -1;
+  lock->held = false;
+  lock->cv.notify_one();
+  return 0;
+}
+
+void local_lock_destroy(LocalLock* lock) { delete lock; }
+
+}  // namespace platform

@@ -1,1 +1,92 @@
-// Filled in with the socket area of the platform layer.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/platform.h"
+#include "platform/socket_extra.h"
+
+namespace platform {
+namespace {
+
+// Waits for one poll event; poll instead of select so that descriptors above
+// FD_SETSIZE work too. 1 ready, 0 time-out, -1 error.
+int wait_event(socket_t s, short events, int timeout_ms) {
+  if (s < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  pollfd p{s, events, 0};
+  for (;;) {
+    int n = ::poll(&p, 1, timeout_ms);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n;
+    // A hung-up or failed socket counts as ready: the next call reports it.
+    if (p.revents & POLLNVAL) {
+      errno = EBADF;
+      return -1;
+    }
+    return 1;
+  }
+}
+
+}  // namespace
+
+socket_t tcp_socket() {
+  int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  return s < 0 ? kInvalidSocket : s;
+}
+
+int bind_loopback(socket_t s, std::uint16_t port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return ::bind(s, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ? 0 : -1;
+}
+
+int listen_socket(socket_t s, int backlog) { return ::listen(s, backlog) == 0 ? 0 : -1; }
+
+int wait_readable(socket_t s, int timeout_ms) { return wait_event(s, POLLIN, timeout_ms); }
+
+int wait_writable(socket_t s, int timeout_ms) { return wait_event(s, POLLOUT, timeout_ms); }
+
+socket_t accept_socket(socket_t s) {
+  for (;;) {
+    int c = ::accept4(s, nullptr, nullptr, SOCK_CLOEXEC);
+    if (c >= 0) return c;
+    if (errno != EINTR) return kInvalidSocket;
+  }
+}
+
+long recv_socket(socket_t s, void* buf, std::size_t len) {
+  for (;;) {
+    ssize_t n = ::recv(s, buf, len, 0);
+    if (n >= 0 || errno != EINTR) return static_cast<long>(n);
+  }
+}
+
+long send_socket(socket_t s, const void* buf, std::size_t len) {
+  for (;;) {
+    ssize_t n = ::send(s, buf, len, MSG_NOSIGNAL);
+    if (n >= 0 || errno != EINTR) return static_cast<long>(n);
+  }
+}
+
+void close_socket(socket_t s) {
+  if (s >= 0) ::close(s);
+}
+
+int set_nonblocking(socket_t s, bool on) {
+  int flags = ::fcntl(s, F_GETFL);
+  if (flags < 0) return -1;
+  int wanted = on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
+  if (wanted == flags) return 0;
+  return ::fcntl(s, F_SETFL, wanted) == 0 ? 0 : -1;
+}
+
+}  // namespace platform

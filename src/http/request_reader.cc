@@ -1,0 +1,122 @@
+#include "http/request_reader.h"
+
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "http/work_area.h"
+#include "init/rd_log.h"
+#include "platform/platform.h"
+
+namespace {
+
+constexpr int kDefaultRecvWaitMs = 60000;
+std::atomic<int> g_recv_wait_ms{kDefaultRecvWaitMs};
+
+// Room for data in the raw area: the last byte is kept for the terminating NUL.
+constexpr std::size_t kRawCapacity = kRawReqSize - 1;
+
+// A refused request is read and dropped until the client pauses, so that
+// closing the socket does not reset the connection before the answer is read.
+constexpr int kDiscardPauseMs = 200;
+constexpr std::uint64_t kDiscardLimitMs = 2000;
+constexpr std::size_t kDiscardLimitBytes = 1 << 20;
+
+// Log lines carry the transport function's file and name, not this file's.
+#define SRC_INFO(...) rd_log_write(LogLevel::kInfo, src.file, src.func, __LINE__, __VA_ARGS__)
+#define SRC_ERROR(...) rd_log_write(LogLevel::kError, src.file, src.func, __LINE__, __VA_ARGS__)
+
+int refuse_too_large(const RequestSource& src) {
+  SRC_ERROR("Request too large for the receive area");
+  char scratch[4096];
+  std::size_t dropped = 0;
+  std::uint64_t end = platform::monotonic_ms() + kDiscardLimitMs;
+  while (dropped < kDiscardLimitBytes && platform::monotonic_ms() < end &&
+         src.ready(src.ctx, kDiscardPauseMs) == 1) {
+    long n = src.read(src.ctx, scratch, sizeof scratch);
+    if (n <= 0) break;
+    dropped += static_cast<std::size_t>(n);
+  }
+  return kRequestTooLarge;
+}
+
+bool ends_with_blank_line(const char* buf, std::size_t len) {
+  return len >= 4 && std::memcmp(buf + len - 4, "\r\n\r\n", 4) == 0;
+}
+
+// The Content-Length value: the characters after "Content-Length" and one more
+// (normally the colon) up to the line end, at most 15 of them, as atoi reads
+// them. Out-of-range numbers are clamped instead of overflowing.
+int content_length_of(const char* header, bool* present) {
+  const char* match = std::strstr(header, "Content-Length");
+  *present = match != nullptr;
+  if (match == nullptr) return 0;
+  const char* value = match + 14;
+  if (*value != '\0') ++value;
+  const char* eol = std::strstr(value, "\r\n");
+  std::size_t n = eol ? static_cast<std::size_t>(eol - value) : std::strlen(value);
+  char text[16] = {};
+  std::memcpy(text, value, n < sizeof text - 1 ? n : sizeof text - 1);
+  long v = std::strtol(text, nullptr, 10);
+  if (v > INT_MAX) return INT_MAX;
+  if (v < INT_MIN) return INT_MIN;
+  return static_cast<int>(v);
+}
+
+}  // namespace
+
+int recv_wait_ms() { return g_recv_wait_ms.load(std::memory_order_relaxed); }
+void set_recv_wait_ms_for_test(int ms) { g_recv_wait_ms.store(ms, std::memory_order_relaxed); }
+
+int read_http_request(const RequestSource& src, char* buf) {
+  // The first read takes up to three bytes; a read error counts as a closed
+  // peer, since a failed socket would otherwise be read forever.
+  long n = src.read(src.ctx, buf, 3);
+  if (n <= 0) {
+    SRC_ERROR("recv failed");
+    return -1;
+  }
+  std::size_t len = static_cast<std::size_t>(n);
+  // One byte at a time, so that nothing after the blank line is consumed.
+  while (!ends_with_blank_line(buf, len)) {
+    if (len >= kRawCapacity) return refuse_too_large(src);
+    n = src.read(src.ctx, buf + len, 1);
+    if (n <= 0) {
+      SRC_ERROR("recv failed in loop");
+      return -1;
+    }
+    len += static_cast<std::size_t>(n);
+  }
+  buf[len] = '\0';
+  SRC_INFO("Request Header Received");
+
+  bool present = false;
+  int content_length = content_length_of(buf, &present);
+  if (!present) {
+    SRC_INFO("Current Request will have only Header(No Body)");
+    return static_cast<int>(len);
+  }
+  SRC_INFO(" content_length is: %d", content_length);
+  if (content_length < 1) {
+    SRC_INFO("Current Request will have only Header(No Body)");
+    return static_cast<int>(len);
+  }
+  if (static_cast<std::size_t>(content_length) > kRawCapacity - len) return refuse_too_large(src);
+
+  SRC_INFO("Going to get request body");
+  std::size_t outstanding = static_cast<std::size_t>(content_length);
+  while (outstanding > 0) {
+    n = src.read(src.ctx, buf + len, outstanding);
+    if (n < 1) {
+      SRC_ERROR("Receiving Body, From Socket Failed");
+      return -1;
+    }
+    len += static_cast<std::size_t>(n);
+    if (static_cast<std::size_t>(n) == outstanding) break;
+    SRC_INFO("Received :%d  Expected size: %d", static_cast<int>(n), static_cast<int>(outstanding));
+    outstanding -= static_cast<std::size_t>(n);
+  }
+  buf[len] = '\0';
+  return static_cast<int>(len);
+}

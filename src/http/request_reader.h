@@ -1,0 +1,38 @@
+// Reading one HTTP request into the raw-request area, shared by the plain TCP
+// and the TLS transports. Each transport supplies its read function and the
+// file and function names that the log lines carry, so both write the same
+// messages under their own names.
+//
+// Thread-safety: every function may run on many connection threads at once.
+#ifndef VEXO_HTTP_REQUEST_READER_H
+#define VEXO_HTTP_REQUEST_READER_H
+
+#include <cstddef>
+
+// Result of a read whose request does not fit the kRawReqSize-byte area.
+constexpr int kRequestTooLarge = -413;
+
+struct RequestSource {
+  // Reads up to len bytes into buf: the count, 0 when the peer closed, or a
+  // negative value on failure.
+  long (*read)(void* ctx, char* buf, std::size_t len);
+  // 1 when more input can be read within timeout_ms, otherwise 0.
+  int (*ready)(void* ctx, int timeout_ms);
+  void* ctx;
+  const char* file;  // the caller's __FILE__, for its log lines
+  const char* func;  // the caller's function name, for its log lines
+};
+
+// Reads the header up to the blank line, then Content-Length bytes of body,
+// into buf (kRawReqSize bytes, zero-filled) and NUL-terminates it. Returns the
+// length; -1 when the peer closed or a read failed; kRequestTooLarge when the
+// header or the announced body would pass the area (the rest of the input is
+// read and discarded for a short while so that the answer reaches the client).
+int read_http_request(const RequestSource& src, char* buf);
+
+// How long the first byte of a request is waited for: 60000 ms unless a test
+// shortened it.
+int recv_wait_ms();
+void set_recv_wait_ms_for_test(int ms);
+
+#endif  // VEXO_HTTP_REQUEST_READER_H

@@ -1,0 +1,232 @@
+#include "init/config.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "init/config_dict.h"
+#include "init/file_crc.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "mgmt_core/Base64.h"
+#include "rd_core/aes.h"
+#include "semaphore/semaphore_syc.h"
+
+namespace {
+
+constexpr char kConfigPath[] = "./config.ini";
+constexpr char kCrcPath[] = "bin_crc.txt";
+
+// The address key is the XOR of these two tables, so it never lies whole in
+// the library's image.
+constexpr std::array<std::uint8_t, 32> kAddressMaskA = {
+    0x5e, 0x21, 0x9c, 0x07, 0xd3, 0x4a, 0x88, 0x1f, 0x62, 0xb5, 0x0e, 0x73, 0xc9, 0x36, 0xaf, 0x54,
+    0x19, 0xe2, 0x7d, 0x40, 0x8b, 0x25, 0xf6, 0x6c, 0x03, 0xba, 0x4f, 0x91, 0x2e, 0xd8, 0x67, 0xc1};
+constexpr std::array<std::uint8_t, 32> kAddressMaskB = {
+    0x2b, 0x97, 0x40, 0xe8, 0x15, 0x6f, 0x3c, 0xa2, 0xd9, 0x04, 0x71, 0xbe, 0x58, 0x83, 0x1a, 0xf7,
+    0x6d, 0x30, 0xc4, 0x9b, 0x52, 0xe9, 0x0f, 0x86, 0x7a, 0x45, 0xdc, 0x13, 0xa8, 0x61, 0xf2, 0x3e};
+
+struct Endpoint {
+  std::string RdConfig::*field;
+  const char* suffix;
+};
+
+// The trailing slashes differ between entries on purpose: the server's routes.
+constexpr Endpoint kEndpoints[] = {
+    {&RdConfig::mgmt_url_register, "/rest/register/"},
+    {&RdConfig::mgmt_url_keyrotation, "/rest/keyRotation/"},
+    {&RdConfig::mgmt_url_uidaiupdate, "/rest/uidaiUpdate"},
+    {&RdConfig::mgmt_url_updatestatus, "/rest/updateStatus"},
+    {&RdConfig::mgmt_url_softupdate, "/rest/softUpdate/"},
+    {&RdConfig::mgmt_url_getcert_pp, "/rest/getCert/PP"},
+    {&RdConfig::mgmt_url_getcert_p, "/rest/getCert/P"},
+};
+
+std::array<std::uint8_t, 32> address_key() {
+  std::array<std::uint8_t, 32> key{};
+  for (std::size_t i = 0; i < key.size(); ++i) key[i] = kAddressMaskA[i] ^ kAddressMaskB[i];
+  return key;
+}
+
+// Reads the keys of the [config] section in order. REQUIRES: scanner lock held.
+int read_keys(dictionary* ini) {
+  RdConfig& cfg = rd_config();
+  const char* ssl = iniparser_getstring(ini, "config:IS_SSL_ENABLE", nullptr);
+  cfg.ssl_enable_text = ssl != nullptr ? std::string(ssl).substr(0, 7) : "0";
+  cfg.ssl_enabled = ssl != nullptr ? std::atoi(ssl) : 0;
+  const char* verbose = iniparser_getstring(ini, "config:Verbose", nullptr);
+  cfg.verbose = verbose != nullptr ? std::atoi(verbose) : 0;
+  rd_set_verbose(cfg.verbose);
+  cfg.prod_register_url = iniparser_getstring(ini, "config:PROD_REGISTER_URL", "");
+
+  const char* value = iniparser_getstring(ini, "config:RD_VER", nullptr);
+  if (value == nullptr) {
+    RD_ERROR("iniparser_getstring Failed For getting RD VER");
+    return -4;
+  }
+  cfg.rd_ver = value;
+  value = iniparser_getstring(ini, "config:DEV_PUB_KEY_VALIDITY", nullptr);
+  if (value == nullptr) {
+    RD_ERROR(" iniparser_getstring Failed For getting dev cert validity days");
+    return -18;
+  }
+  cfg.dev_pub_key_validity = value;
+  value = iniparser_getstring(ini, "config:dc", nullptr);
+  if (value == nullptr) {
+    RD_ERROR(" iniparser_getstring Failed For getting DC");
+    return -10;
+  }
+  cfg.dc = value;
+  cfg.dc_missing = 0;
+  if (cfg.dc.empty()) {
+    RD_INFO("DC value is null");
+    cfg.dc_missing = 1;
+  }
+  value = iniparser_getstring(ini, "config:DOMAIN_NAME", nullptr);
+  if (value == nullptr) {
+    RD_ERROR(" iniparser_getstring Failed For getting DOMAIN_NAME");
+    return -13;
+  }
+  const std::string hex_data = value;
+  RD_VERBOSE("Hex_Data is %s", hex_data.c_str());
+  RD_VERBOSE("Hex data length is %d", static_cast<int>(hex_data.size()));
+  std::vector<std::uint8_t> decoded;
+  if (Base64Decode(hex_data, &decoded) != 0) decoded.clear();
+  RD_VERBOSE("Decoded binary data length is %d", static_cast<int>(decoded.size()));
+  std::vector<std::uint8_t> plain;
+  const auto key = address_key();
+  if (aes_decrypt(key, decoded, &plain) != 0) {
+    RD_ERROR("Decryption failed");
+    return -1;
+  }
+  const std::string base(plain.begin(), plain.end());
+  std::printf("URL is: %s\n", base.c_str());
+  std::fflush(stdout);
+  RD_VERBOSE("URL Length is %d", static_cast<int>(base.size()));
+  for (const Endpoint& e : kEndpoints) {
+    if (base.size() + std::char_traits<char>::length(e.suffix) >= kEndpointMax) {
+      RD_ERROR("Management URL is too long: %d bytes", static_cast<int>(base.size()));
+      return -1;
+    }
+  }
+  for (const Endpoint& e : kEndpoints) cfg.*e.field = base + e.suffix;
+  return 0;
+}
+
+// Loads config.ini, sets key to value and writes it back. 0 or -1.
+int set_config_key(const char* key, const std::string& value, const char* set_error,
+                   const char* write_error) {
+  Dict ini(iniparser_load(kConfigPath));
+  if (ini == nullptr) {
+    RD_ERROR("Error in opening file %s", kConfigPath);
+    return -1;
+  }
+  if (iniparser_set(ini.get(), key, value.c_str()) != 0) {
+    RD_ERROR("%s", set_error);
+    return -1;
+  }
+  if (WriteToIniFile(ini.get(), kConfigPath) != 0) {
+    RD_ERROR("%s", write_error);
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int read_config_file() {
+  if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) {
+    RD_ERROR("verify_crc failed");
+    return -1;
+  }
+  RD_INFO("CRC check is passed");
+  if (Lock_Semaphore() != 0) {
+    RD_ERROR("Error at lock semaphore");
+    return -1;
+  }
+  int rc = 0;
+  {
+    Dict ini(iniparser_load(kConfigPath));
+    if (ini == nullptr) {
+      Unlock_Semaphore();
+      RD_ERROR("Error in opening file %s", kConfigPath);
+      return -2;
+    }
+    rc = read_keys(ini.get());
+  }
+  // Released on every path, failures included, so one bad file cannot stall
+  // every other process of the device family for the lock's full wait.
+  if (Unlock_Semaphore() != 0) {
+    RD_ERROR("Error at Unlock_Semaphore");
+    if (rc == 0) rc = -19;
+  }
+  return rc;
+}
+
+int WriteToIniFile(dictionary* dict, const char* path) {
+  if (dict == nullptr || path == nullptr) {
+    RD_ERROR("Error Ini file not present to write dc value");
+    return -1;
+  }
+  std::string tmp = std::string(path) + ".tmpXXXXXX";
+  int fd = ::mkstemp(tmp.data());
+  FILE* f = fd >= 0 ? ::fdopen(fd, "w+") : nullptr;
+  if (f == nullptr) {
+    if (fd >= 0) {
+      ::close(fd);
+      ::unlink(tmp.c_str());
+    }
+    RD_ERROR("Error Ini file not present to write dc value");
+    return -1;
+  }
+  iniparser_dump_ini(dict, f);
+  bool ok = std::fflush(f) == 0 && std::ferror(f) == 0 && ::fchmod(fd, 0644) == 0 &&
+            ::fsync(fd) == 0;
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok || ::rename(tmp.c_str(), path) != 0) {
+    ::unlink(tmp.c_str());
+    RD_ERROR("Error Ini file not present to write dc value");
+    return -1;
+  }
+  return 0;
+}
+
+int write_config_file(const char* dc) {
+  if (dc == nullptr) return -1;
+  // The newline is stored on purpose; the INI reader strips it again.
+  return set_config_key("CONFIG:dc", std::string(dc) + "\n",
+                        "Error iniparser_set  to write dc value",
+                        "Error at to write dc value in ini file");
+}
+
+int write_config_file_ssl_enable(const char* value) {
+  if (value == nullptr) return -1;
+  return set_config_key("CONFIG:is_ssl_enable", std::string(value).substr(0, 7),
+                        "Error iniparser_set  to write ssl_enable value",
+                        "Error at to write ssl_enable value in ini file");
+}
+
+int encrypt_domain_name(const std::string& url, std::string* value) {
+  value->clear();
+  const auto key = address_key();
+  std::vector<std::uint8_t> cipher;
+  const auto* p = reinterpret_cast<const std::uint8_t*>(url.data());
+  if (aes_encrypt(key, std::span<const std::uint8_t>(p, url.size()), &cipher) != 0) return -1;
+  return Base64Encode(cipher, value) == 0 ? 0 : (value->clear(), -1);
+}
+
+int decrypt_domain_name(const std::string& value, std::string* url) {
+  url->clear();
+  std::vector<std::uint8_t> decoded;
+  std::vector<std::uint8_t> plain;
+  const auto key = address_key();
+  if (Base64Decode(value, &decoded) != 0 || aes_decrypt(key, decoded, &plain) != 0) return -1;
+  url->assign(plain.begin(), plain.end());
+  return 0;
+}

@@ -1,0 +1,194 @@
+// proxy.ini and the three exported configuration setters.
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "init/config.h"
+#include "init/config_dict.h"
+#include "init/file_crc.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "mgmt_core/Base64.h"
+#include "platform/platform.h"
+#include "rd_core/aes.h"
+#include "vexo.h"
+
+namespace {
+
+constexpr char kProxyPath[] = "./proxy.ini";
+constexpr char kProxySkeleton[] = "\n[config]\n";
+constexpr char kAccessTimeFile[] = "./last_acces_time_file";
+
+// Key of the proxy password; the same constant serves writing and reading.
+constexpr std::array<std::uint8_t, 32> kProxyKey = {
+    0xa4, 0x1d, 0x6e, 0x93, 0x07, 0xcb, 0x58, 0x32, 0xf1, 0x8a, 0x2c, 0x75, 0xbe, 0x49, 0x10, 0xd6,
+    0x63, 0x9f, 0x04, 0xe7, 0x3a, 0x81, 0x5d, 0xc2, 0x1b, 0x76, 0xe9, 0x28, 0x95, 0x4e, 0xb3, 0x6a};
+
+// Splits "URL|USER|PASSWORD" into three fields; missing ones stay empty and
+// anything after a third separator is ignored.
+std::array<std::string, 3> split_proxy_text(const std::string& proxy_text) {
+  std::array<std::string, 3> fields;
+  std::size_t start = 0;
+  for (std::size_t i = 0; i < fields.size() && start <= proxy_text.size(); ++i) {
+    std::size_t bar = proxy_text.find('|', start);
+    fields[i] = proxy_text.substr(start, bar == std::string::npos ? std::string::npos : bar - start);
+    if (bar == std::string::npos) break;
+    start = bar + 1;
+  }
+  return fields;
+}
+
+// Reads one proxy.ini key into field, refusing values that do not fit. 0 or -1.
+int read_proxy_key(dictionary* ini, const char* key, const char* missing, std::string* field) {
+  const char* value = iniparser_getstring(ini, key, nullptr);
+  if (value == nullptr) {
+    RD_ERROR("%s", missing);
+    return -1;
+  }
+  std::string text(value);
+  if (text.size() >= kProxyFieldMax) {
+    RD_ERROR("Proxy field %s is too long: %d bytes", key, static_cast<int>(text.size()));
+    return -1;
+  }
+  *field = std::move(text);
+  return 0;
+}
+
+}  // namespace
+
+int write_config_file_proxy_url(const char* proxy_text) {
+  if (proxy_text == nullptr) return -1;
+  const auto [url, user, password] = split_proxy_text(proxy_text);
+  if (url.size() >= kProxyFieldMax || user.size() >= kProxyFieldMax ||
+      password.size() >= kProxyFieldMax) {
+    RD_ERROR("Proxy field is too long");
+    return -1;
+  }
+  if (platform::write_file_atomic("proxy.ini", kProxySkeleton, sizeof kProxySkeleton - 1) != 0) {
+    RD_ERROR("cannot create proxy.ini file\n\n");
+    return -1;
+  }
+  RD_INFO("proxy.ini file created successfully");
+  Dict ini(iniparser_load(kProxyPath));
+  if (ini == nullptr) {
+    RD_ERROR("Error in opening file %s", kProxyPath);
+    return -1;
+  }
+  iniparser_dump(ini.get(), stderr);
+  if (iniparser_set(ini.get(), "config:proxy_url", url.c_str()) != 0) {
+    RD_ERROR("Error iniparser_set  to write proxy_url value");
+    return -1;
+  }
+  if (iniparser_set(ini.get(), "config:username", user.c_str()) != 0) {
+    RD_ERROR("Error iniparser_set to write username value");
+    return -1;
+  }
+  std::string stored = password;
+  // A one-character password is kept as it stands (the reader then refuses it).
+  if (password.size() != 1) {
+    std::vector<std::uint8_t> cipher;
+    const auto* p = reinterpret_cast<const std::uint8_t*>(password.data());
+    if (aes_encrypt(kProxyKey, std::span<const std::uint8_t>(p, password.size()), &cipher) != 0) {
+      RD_ERROR("Encryption failed\n");
+      return -1;
+    }
+    RD_INFO("Encryption success\n");
+    if (Base64Encode(cipher, &stored) != 0) {
+      RD_ERROR("Encryption failed\n");
+      return -1;
+    }
+  }
+  if (iniparser_set(ini.get(), "config:password", stored.c_str()) != 0) {
+    RD_ERROR("Error iniparser_set  to write password value");
+    return -1;
+  }
+  if (WriteToIniFile(ini.get(), kProxyPath) != 0) {
+    RD_ERROR("Error at to write proxy_url, username & password value in ini file");
+    return -1;
+  }
+  return 0;
+}
+
+int read_proxy_file() {
+  RdConfig& cfg = rd_config();
+  Dict ini(iniparser_load(kProxyPath));
+  if (ini == nullptr) {
+    RD_INFO("opening %s file failed, MEANS local machine is not using proxy", kProxyPath);
+    cfg.proxy_url.clear();
+    cfg.proxy_username.clear();
+    cfg.proxy_password.clear();
+    return 0;
+  }
+  std::string password;
+  if (read_proxy_key(ini.get(), "config:PROXY_URL", "iniparser_getstring Failed For getting PROXY_URL",
+                     &cfg.proxy_url) != 0 ||
+      read_proxy_key(ini.get(), "config:USERNAME", "iniparser_getstring Failed For getting USERNAME",
+                     &cfg.proxy_username) != 0 ||
+      read_proxy_key(ini.get(), "config:PASSWORD", "iniparser_getstring Failed For getting PASSWORD",
+                     &password) != 0) {
+    return -1;
+  }
+  if (password.empty()) {
+    cfg.proxy_password.clear();
+    return 0;
+  }
+  std::vector<std::uint8_t> decoded;
+  std::vector<std::uint8_t> plain;
+  if (Base64Decode(password, &decoded) != 0 || aes_decrypt(kProxyKey, decoded, &plain) != 0) {
+    RD_ERROR("Decryption failed");
+    return -1;
+  }
+  cfg.proxy_password.assign(plain.begin(), plain.end());
+  return 0;
+}
+
+extern "C" VEXO_EXPORT int Https_Set_Api(const char* value) noexcept {
+  try {
+    if (write_config_file_ssl_enable(value) != 0) {
+      RD_ERROR("Error at writing ssl enable to config file");
+      RD_STATUS("Error at writing ssl enable to config file ");
+      RD_PIPE("10000", "Writing ssl value to config file failed\n");
+      return -1;
+    }
+    rd_config().ssl_enable_text = std::string(value).substr(0, 7);
+    RD_INFO("Writing ssl enable to file successful");
+    if (add_crc(kCrc16, "./config.ini", "bin_crc.txt") != 0) {
+      RD_ERROR("Adding crc on file failed");
+      return -1;
+    }
+    RD_INFO("Adding crc to file is done successfully");
+    // Without the recorded access time the next key read forces a key rotation.
+    if (platform::file_readable(kAccessTimeFile)) ::unlink(kAccessTimeFile);
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+extern "C" VEXO_EXPORT int Set_Proxy_Api(const char* proxy) noexcept {
+  try {
+    if (write_config_file_proxy_url(proxy) != 0) {
+      RD_ERROR("Error at writing proxy_url to proxy file");
+      RD_STATUS("Error at writing proxy_url to proxy file ");
+      RD_PIPE("10000", "Write proxy_url to config file failed\n");
+      return -1;
+    }
+    RD_INFO("Writing proxy_url, username & password to file successful");
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+extern "C" VEXO_EXPORT int Remove_Proxy_Api(void) noexcept {
+  try {
+    if (platform::file_readable(kProxyPath)) ::unlink(kProxyPath);
+    RD_INFO("proxy.ini file removed successfully");
+  } catch (...) {
+  }
+  return 0;
+}

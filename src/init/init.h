@@ -1,0 +1,34 @@
+// Service start-up and the exported lifecycle: Initialize_process,
+// Start_RDservice, attach_device and detach_device (exports in vexo.h), and
+// the scanner table that load_config_file reads.
+//
+// Thread-safety: the exports run on the host's thread. Start-up state is
+// written before Start_RDservice starts the accept thread.
+#ifndef VEXO_INIT_INIT_H
+#define VEXO_INIT_INIT_H
+
+#include <string>
+
+// One row of the maker's table: the identifiers a scanner model reports.
+struct ScannerModel {
+  const char* name;    // scanner name as the host passes it
+  const char* rdsId;   // RD service identifier
+  const char* make;    // vendor name in capitals
+  const char* mi;      // model identifier, "QDX.<family>.<model>.W"
+};
+
+// The scanner's row, or nullptr for an unknown name (exact comparison).
+const ScannerModel* find_scanner_model(const std::string& name);
+
+// Fixed defaults and the identifiers of rd_identity().scanner_name.
+// 0, or -1 for an unknown scanner.
+int load_config_file();
+
+// Status value Initialize_process returns when the vendor libraries cannot be
+// loaded: non-zero and outside the negative codes.
+constexpr int kDllLoadingFailed = 1;
+
+// Forgets every one-time step so a test can run Initialize_process afresh.
+void init_reset_for_test();
+
+#endif  // VEXO_INIT_INIT_H

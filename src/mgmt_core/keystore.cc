@@ -1,0 +1,281 @@
+// Writing the keystore, and reading the device key back with its tamper checks.
+#include <openssl/crypto.h>
+
+#include <cstring>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "mgmt_core/hash.h"
+#include "mgmt_core/keystore.h"
+#include "mgmt_core/keystore_internal.h"
+#include "mgmt_core/mgmt_api.h"
+#include "platform/platform.h"
+#include "rd_core/aes.h"
+#include "semaphore/semaphore_syc.h"
+
+namespace {
+
+using keystore_detail::Mac;
+using keystore_detail::Password;
+using Stamp = std::array<char, 4>;
+
+constexpr const char* kEncKey = "keystore/enc_private_key";
+constexpr const char* kKeyHash = "keystore/key.hash";
+constexpr const char* kPdHash = "keystore/pdHash.hash";
+constexpr const char* kAccessTimeFile = "last_acces_time_file";
+
+// Wipes key material when it goes out of scope, on every path.
+struct WipeOnExit {
+  void* data;
+  std::size_t len;
+  WipeOnExit(void* d, std::size_t n) : data(d), len(n) {}
+  WipeOnExit(const WipeOnExit&) = delete;
+  WipeOnExit& operator=(const WipeOnExit&) = delete;
+  ~WipeOnExit() { OPENSSL_cleanse(data, len); }
+};
+
+// The key file's last-access time as 32-bit seconds, low byte first. 0 or -1.
+int access_stamp(const std::string& path, Stamp* out) {
+  long long t = platform::file_access_time(path);
+  if (t < 0) return -1;
+  const auto v = static_cast<std::uint32_t>(t);
+  for (int i = 0; i < 4; ++i) (*out)[i] = static_cast<char>((v >> (8 * i)) & 0xff);
+  return 0;
+}
+
+bool same_digest(const std::string& stored, const Sha256Digest& digest) {
+  return stored.size() == digest.size() && std::memcmp(stored.data(), digest.data(), digest.size()) == 0;
+}
+
+// The key has been tampered with: release the caller's lock, ask for a new
+// key, and take the lock again. -100 when the key was replaced, else -1.
+int forced_key_rotation(bool* lock_released) {
+  // The rotation takes the scanner lock itself, so the caller's hold must go.
+  (void)Unlock_Semaphore();
+  if (lock_released) *lock_released = true;
+  RD_INFO("Going for Forceful Key rotation");
+  if (mgmt_key_rotation("KEY_ROTATION") != 0) {
+    // The caller's lock stays released on this path.
+    RD_ERROR("Key rotation function failed");
+    return -1;
+  }
+  RD_INFO("Forceful Key rotation is successful");
+  if (Lock_Semaphore() != 0) {
+    RD_ERROR("Error at Lock_Semaphore");
+    return -1;
+  }
+  if (lock_released) *lock_released = false;
+  return -100;
+}
+
+}  // namespace
+
+int GenerateKeyPair(std::string* cert_pem) {
+  cert_pem->clear();
+  RD_INFO("............................Accessing keystore files.......................");
+  std::string pem;
+  std::string cert;
+  if (RSA_Generate_key(&pem, &cert) != 0) return -1;
+  struct PemWipe {
+    std::string& s;
+    ~PemWipe() { keystore_detail::wipe(&s); }
+  } pem_wipe{pem};
+  RD_INFO("Key pair generation successful");
+
+  Password password{};
+  WipeOnExit password_wipe{password.data(), password.size()};
+  if (GetPasswordToEncPrivateKey(&password) != 0) {
+    RD_ERROR("Error at GetPasswordToEncDecPrivateKey");
+    return -1;
+  }
+  RD_INFO("Password generated successfully");
+
+  (void)platform::make_dirs(keystore_file_path("keystore"));
+  const Sha256Digest key_hash = sha256(pem);
+  if (platform::write_file_atomic(keystore_file_path(kKeyHash), key_hash.data(), key_hash.size(), 0600) != 0) {
+    RD_ERROR("Error at to create key.hash file");
+    return -1;
+  }
+  RD_VERBOSE("Password validation is successful");
+  RD_VERBOSE("password creation is completed");
+
+  std::vector<std::uint8_t> encrypted;
+  if (aes_encrypt(password, std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()),
+                  &encrypted) != 0) {
+    RD_ERROR("Error at to do aes encryption of device private key");
+    return -1;
+  }
+  keystore_detail::wipe(&pem);
+  RD_INFO("Private protection is successful");
+
+  const std::string key_path = keystore_file_path(kEncKey);
+  if (platform::write_file_atomic(key_path, encrypted.data(), encrypted.size(), 0600) != 0) {
+    RD_ERROR("Error at to open enc dev private key file");
+    RD_STATUS("File not found %s ", key_path.c_str());
+    RD_PIPE("5000", "File not found %s\n", key_path.c_str());
+    return -1;
+  }
+  Stamp stamp{};
+  if (access_stamp(key_path, &stamp) != 0) {
+    RD_ERROR("error to do stat of private key");
+    return -1;
+  }
+  if (platform::write_file_atomic(keystore_file_path(kAccessTimeFile), stamp.data(), stamp.size(), 0600) != 0) {
+    RD_ERROR("Unable to create keystore access time file");
+    return -1;
+  }
+  RD_INFO(".........................Leaving from keystore............................");
+  *cert_pem = std::move(cert);
+  return 0;
+}
+
+int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
+  password->fill(0);
+  const std::string node = keystore_node_file(rd_identity().rdsId);
+  if (node.empty()) {
+    RD_ERROR("Invalid RDS_ID");
+    return -1;
+  }
+  std::string dynamic_key;
+  int rc = GetDynamickey_For_Decryption(node, &dynamic_key);
+  if (rc != 0) {
+    RD_ERROR("Getting Dynamic key Failed");
+    return rc;
+  }
+
+  const std::string key_path = keystore_file_path(kEncKey);
+  Stamp current{};
+  if (access_stamp(key_path, &current) != 0) {
+    RD_ERROR("Error at to reading private key file");
+    RD_STATUS("Error at to reading private key file : %s ", key_path.c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", key_path.c_str());
+    return -1;
+  }
+  const std::string time_path = keystore_file_path(kAccessTimeFile);
+  std::string recorded;
+  if (platform::read_file(time_path, &recorded) != 0) {
+    RD_ERROR("keystore access time file not exist");
+    RD_STATUS("keystore access time file not exist : %s ", time_path.c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", time_path.c_str());
+    return -100;
+  }
+  // Anything but the 4 recorded bytes (also a truncated file) means the key
+  // file was touched since the library last read it.
+  if (recorded.size() < current.size() || std::memcmp(recorded.data(), current.data(), current.size()) != 0) {
+    RD_ERROR("key tamper detected");
+    RD_STATUS("key tamper detected ");
+    return -100;
+  }
+
+  std::array<std::uint8_t, 32> digest;
+  if (GetHashRDservice(&digest) != 0) {
+    RD_ERROR("Error at password validation");
+    return -1;
+  }
+  RD_VERBOSE("password validation is successful");
+
+  const std::string pd_path = keystore_file_path(kPdHash);
+  std::string pd_hash;
+  if (platform::read_file(pd_path, &pd_hash) != 0) {
+    RD_ERROR("Error at to open pd_file application");
+    RD_STATUS("Error at to open pd_file application : %s ", pd_path.c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", pd_path.c_str());
+    return -1;
+  }
+  std::vector<Mac> ids;
+  if (GetAdapterID(&ids) != 0) {
+    RD_ERROR("Could not get MAC ID");
+    return -1;
+  }
+  if (ids.empty()) {
+    RD_ERROR("iCount is <= 0");
+    RD_ERROR("Unable to get MAC ID");
+    return -1;
+  }
+  // The first adapter whose address hashes to the recorded value made the password.
+  const Mac* match = nullptr;
+  for (const Mac& mac : ids) {
+    if (same_digest(pd_hash, sha256(std::span<const std::uint8_t>(mac.data(), mac.size())))) {
+      match = &mac;
+      break;
+    }
+  }
+  if (match == nullptr) {
+    RD_ERROR("PD didn't match");
+    return -100;
+  }
+  *password = keystore_detail::derive_password(digest, *match, dynamic_key);
+  RD_VERBOSE("Password generated successfully");
+  return 0;
+}
+
+int GetDevicePrivateKeyFromFile(std::string* pem) { return GetDevicePrivateKeyFromFile(pem, nullptr); }
+
+int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
+  pem->clear();
+  if (lock_released) *lock_released = false;
+  RD_VERBOSE("Accessing Keystore to get device private key");
+
+  Password password{};
+  WipeOnExit password_wipe{password.data(), password.size()};
+  int rc = GetPasswordToDecPrivateKey(&password);
+  if (rc == -100) return forced_key_rotation(lock_released);
+  if (rc != 0) {
+    RD_ERROR("Failed to get Password");
+    return rc;
+  }
+
+  const std::string key_path = keystore_file_path(kEncKey);
+  std::string encrypted;
+  if (platform::read_file(key_path, &encrypted) != 0) {
+    RD_ERROR("failed to open device private key file");
+    RD_STATUS("failed to open device private key file : %s ", key_path.c_str());
+    RD_PIPE("10000", "File not found %s\n", key_path.c_str());
+    return -1;
+  }
+  RD_VERBOSE("Encrypted private key reading successful");
+
+  std::vector<std::uint8_t> plain;
+  if (aes_decrypt(password,
+                  std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(encrypted.data()),
+                                                encrypted.size()),
+                  &plain) != 0) {
+    RD_ERROR("Decryption of private key is failed");
+    return -1;
+  }
+  WipeOnExit plain_wipe{plain.data(), plain.size()};
+  RD_VERBOSE("decryption of Enc private key is success");
+
+  const Sha256Digest key_hash = sha256(std::span<const std::uint8_t>(plain.data(), plain.size()));
+  const std::string hash_path = keystore_file_path(kKeyHash);
+  std::string recorded_hash;
+  if (platform::read_file(hash_path, &recorded_hash) != 0) {
+    RD_ERROR("Failed to open private key validation info");
+    RD_STATUS("File not found : %s ", hash_path.c_str());
+    RD_PIPE("10000", "File not found %s\n", hash_path.c_str());
+    return -1;
+  }
+  RD_VERBOSE("Got private key validation info");
+  if (!same_digest(recorded_hash, key_hash)) {
+    RD_ERROR("validation failed, Private key might be tampered");
+    RD_STATUS("validation failed, Private key might be tampered ");
+    // The second "|" is the front end's line break.
+    RD_PIPE("10000", "validation failed, Private key might|be tampered\n");
+    return forced_key_rotation(lock_released);
+  }
+
+  // Record the access this read has just made, so it is not taken for tampering.
+  Stamp stamp{};
+  if (access_stamp(key_path, &stamp) != 0) {
+    RD_ERROR("error to do stat of private key");
+    return -1;
+  }
+  const std::string time_path = keystore_file_path(kAccessTimeFile);
+  if (!platform::file_exists(time_path) ||
+      platform::write_file_atomic(time_path, stamp.data(), stamp.size(), 0600) != 0) {
+    RD_ERROR("Tamper detection failed");
+    return -1;
+  }
+  pem->assign(reinterpret_cast<const char*>(plain.data()), plain.size());
+  return 0;
+}

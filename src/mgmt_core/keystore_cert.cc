@@ -1,0 +1,178 @@
+// The device key pair and its self-signed certificate.
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <climits>
+#include <cstdlib>
+#include <memory>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "mgmt_core/keystore.h"
+#include "platform/platform.h"
+
+namespace {
+
+struct X509Free {
+  void operator()(X509* x) const { X509_free(x); }
+};
+struct PkeyFree {
+  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
+};
+struct BioFree {
+  void operator()(BIO* b) const { BIO_free_all(b); }
+};
+struct ExtFree {
+  void operator()(X509_EXTENSION* e) const { X509_EXTENSION_free(e); }
+};
+using X509Ptr = std::unique_ptr<X509, X509Free>;
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
+using BioPtr = std::unique_ptr<BIO, BioFree>;
+using ExtPtr = std::unique_ptr<X509_EXTENSION, ExtFree>;
+
+// The maker's subject entries, in the order the certificate carries them.
+constexpr const char* kSubject[][2] = {
+    {"C", "IN"},
+    {"CN", "Korvane Biometric Systems Private Limited"},
+    {"OU", "RDService"},
+    {"O", "KBSPL"},
+    {"L", "Bengaluru"},
+    {"ST", "Karnataka"},
+    {"emailAddress", "rdsupport@korvane.in"},
+};
+
+// The five extensions, in order.
+constexpr struct {
+  int nid;
+  const char* value;
+} kExtensions[] = {
+    {NID_basic_constraints, "critical,CA:TRUE"},
+    {NID_key_usage, "critical,keyCertSign,cRLSign"},
+    {NID_subject_key_identifier, "hash"},
+    {NID_netscape_cert_type, "sslCA"},
+    {NID_netscape_comment, "example comment extension"},
+};
+
+int add_ext(X509* cert, int nid, const char* value) {
+  X509V3_CTX ctx;
+  X509V3_set_ctx_nodb(&ctx);
+  // Self-signed: the certificate is its own issuer (needed for the key identifier).
+  X509V3_set_ctx(&ctx, cert, cert, nullptr, nullptr, 0);
+  ExtPtr ext(X509V3_EXT_nconf_nid(nullptr, &ctx, nid, value));
+  if (!ext) return -1;
+  return X509_add_ext(cert, ext.get(), -1) == 1 ? 0 : -1;
+}
+
+// notAfter = start + minutes, split into days and seconds so that large
+// settings cannot overflow; a date OpenSSL cannot express fails.
+int set_validity(X509* cert, std::time_t start, long minutes) {
+  long days = minutes / 1440;
+  long secs = (minutes % 1440) * 60;
+  if (days > INT_MAX || days < INT_MIN) return -1;
+  if (ASN1_TIME_set(X509_getm_notBefore(cert), start) == nullptr) return -1;
+  if (ASN1_TIME_adj(X509_getm_notAfter(cert), start, static_cast<int>(days), secs) == nullptr) return -1;
+  return 0;
+}
+
+// Copies a memory BIO's content into out.
+int bio_text(BIO* bio, std::string* out) {
+  char* data = nullptr;
+  long len = BIO_get_mem_data(bio, &data);
+  if (len <= 0 || data == nullptr) return -1;
+  out->assign(data, static_cast<std::size_t>(len));
+  return 0;
+}
+
+}  // namespace
+
+int mkcert(X509** cert_out, EVP_PKEY** pkey_out, int bits, int serial, long minutes) {
+  *cert_out = nullptr;
+  *pkey_out = nullptr;
+  PkeyPtr pkey(EVP_RSA_gen(static_cast<unsigned>(bits)));
+  X509Ptr cert(X509_new());
+  if (!pkey || !cert) return -1;
+  std::time_t start = platform::now();
+  if (start == static_cast<std::time_t>(-1)) return -1;
+  if (X509_set_version(cert.get(), X509_VERSION_3) != 1 ||
+      ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial) != 1 ||
+      set_validity(cert.get(), start, minutes) != 0 || X509_set_pubkey(cert.get(), pkey.get()) != 1) {
+    return -1;
+  }
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  for (const auto& entry : kSubject) {
+    // A subject entry that cannot be added is left out rather than failing the certificate.
+    (void)X509_NAME_add_entry_by_txt(name, entry[0], MBSTRING_UTF8,
+                                     reinterpret_cast<const unsigned char*>(entry[1]), -1, -1, 0);
+  }
+  if (X509_set_issuer_name(cert.get(), name) != 1) return -1;
+  for (const auto& ext : kExtensions) {
+    if (add_ext(cert.get(), ext.nid, ext.value) != 0) return -1;
+  }
+  // MD5 is what the Management server expects of the device certificate.
+  if (X509_sign(cert.get(), pkey.get(), EVP_md5()) <= 0) return -1;
+  *cert_out = cert.release();
+  *pkey_out = pkey.release();
+  return 0;
+}
+
+int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
+  private_pem->clear();
+  cert_pem->clear();
+  long minutes = std::atol(rd_config().dev_pub_key_validity.c_str());
+  RD_INFO("cert expiration mins = %ld", minutes);
+  X509* raw_cert = nullptr;
+  EVP_PKEY* raw_key = nullptr;
+  if (mkcert(&raw_cert, &raw_key, 2048, 0, minutes) != 0) {
+    RD_ERROR("Error at to make certificate ");
+    return -1;
+  }
+  X509Ptr cert(raw_cert);
+  PkeyPtr pkey(raw_key);
+  RD_INFO("device certificate generated successfully.");
+
+  BioPtr bio_private(BIO_new(BIO_s_mem()));
+  if (!bio_private) {
+    RD_ERROR("Error at to create memory for bio_private");
+    return -1;
+  }
+  if (PEM_write_bio_PrivateKey(bio_private.get(), pkey.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+    RD_ERROR("Error at to PEM_write_bio_PrivateKey");
+    return -1;
+  }
+  std::string key_text;
+  if (bio_text(bio_private.get(), &key_text) != 0) {
+    RD_ERROR("Error at to read bio private");
+    return -1;
+  }
+  // The memory BIO holds a plain copy of the key: wipe it before it is freed.
+  char* mem = nullptr;
+  long mem_len = BIO_get_mem_data(bio_private.get(), &mem);
+  if (mem != nullptr && mem_len > 0) OPENSSL_cleanse(mem, static_cast<std::size_t>(mem_len));
+  RD_INFO("private key created successfully");
+
+  BioPtr bio_cert(BIO_new(BIO_s_mem()));
+  std::string cert_text;
+  if (!bio_cert || PEM_write_bio_X509(bio_cert.get(), cert.get()) != 1 ||
+      bio_text(bio_cert.get(), &cert_text) != 0) {
+    RD_ERROR("Error at PEM_write_bio_X509 ");
+    OPENSSL_cleanse(key_text.data(), key_text.size());
+    return -1;
+  }
+  (void)platform::make_dirs(keystore_file_path("cert/public"));
+  const std::string path = keystore_file_path("cert/public/DevPubKey");
+  if (platform::write_file_atomic(path, cert_text.data(), cert_text.size(), 0600) != 0) {
+    RD_ERROR("opening public key file failed");
+    RD_STATUS("opening device public key file failed : %s ", path.c_str());
+    RD_PIPE("10000", "File not found %s\n", path.c_str());
+    OPENSSL_cleanse(key_text.data(), key_text.size());
+    return -1;
+  }
+  *private_pem = std::move(key_text);
+  *cert_pem = std::move(cert_text);
+  return 0;
+}

@@ -1,0 +1,244 @@
+// The keystore password's three ingredients (node-file identity, adapter
+// address, service digest) and the encryption-side password.
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <span>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "mgmt_core/hash.h"
+#include "mgmt_core/keystore.h"
+#include "mgmt_core/keystore_internal.h"
+#include "platform/platform.h"
+
+namespace {
+
+std::mutex g_base_mutex;
+std::string g_base_for_test;
+
+struct MdCtxFree {
+  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
+};
+
+// Node-file location below the base folder, per RD service identifier.
+constexpr const char* kNodeFiles[][2] = {
+    {"QDX.WIN.001", "/korvane/QDX.WIN.001/Vexo_001_Node.txt"},
+    {"QDX.WIN.002", "/korvane/QDX.WIN.002/Vexo_002_Node.txt"},
+    {"QDX.WIN.003", "/korvane/QDX.WIN.003/Vexo_003_Node.txt"},
+    {"QDX.WIN.007", "/korvane/QDX.WIN.007/Vexo_007_Node.txt"},
+    {"QDX.WIN.009", "/korvane/QDX.WIN.009/Vexo_009_Node.txt"},
+};
+
+std::string dynamic_key_text(const platform::FileIdentity& id) {
+  char buf[96];
+  std::snprintf(buf, sizeof buf, "%lu%lu%lu", id.volume_serial, id.index_high, id.index_low);
+  return buf;
+}
+
+std::string parent_folder(const std::string& path) {
+  std::size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+// The adapter dump of GetAdaptersInfo's sample output, printed at Verbose >= 3.
+void print_adapter(const platform::Adapter& a) {
+  std::printf("\tComboIndex: \t%lu\n", static_cast<unsigned long>(a.index));
+  std::printf("\tAdapter Name: \t%s\n", a.name.c_str());
+  std::printf("\tAdapter Desc: \t%s\n", a.description.c_str());
+  std::printf("\tAdapter Addr: \t");
+  for (int i = 0; i < 6; ++i) {
+    std::printf(i == 5 ? "%.2X\n" : "%.2X-", static_cast<unsigned>(a.address[i]));
+  }
+  std::printf("\tIndex: \t%lu\n", static_cast<unsigned long>(a.index));
+  std::printf("\tType: \t%s\n", a.ethernet ? "Ethernet" : "Other");
+}
+
+}  // namespace
+
+namespace keystore_detail {
+
+Password derive_password(const std::array<std::uint8_t, 32>& digest, const Mac& address,
+                         const std::string& dynamic_key) {
+  std::string input(reinterpret_cast<const char*>(digest.data()), digest.size());
+  input.append(reinterpret_cast<const char*>(address.data()), address.size());
+  input += dynamic_key;
+  Password password = sha256(input);
+  wipe(&input);
+  return password;
+}
+
+void wipe(std::string* text) {
+  if (!text->empty()) OPENSSL_cleanse(text->data(), text->size());
+  text->clear();
+}
+
+}  // namespace keystore_detail
+
+using keystore_detail::Mac;
+using keystore_detail::Password;
+
+std::string keystore_node_base() {
+  {
+    std::lock_guard<std::mutex> lock(g_base_mutex);
+    if (!g_base_for_test.empty()) return g_base_for_test;
+  }
+  if (!rd_identity().appdata.empty()) return rd_identity().appdata;
+  return platform::appdata_dir();
+}
+
+void set_keystore_node_base_for_test(const std::string& dir) {
+  std::lock_guard<std::mutex> lock(g_base_mutex);
+  g_base_for_test = dir;
+}
+
+std::string keystore_node_file(const std::string& rds_id) {
+  for (const auto& row : kNodeFiles) {
+    if (rds_id == row[0]) return keystore_node_base() + row[1];
+  }
+  return "";
+}
+
+std::string keystore_file_path(const char* rel) { return rd_identity().prefix + rel; }
+
+int GetDynamickey_For_Encryption(const std::string& node_path, std::string* key) {
+  key->clear();
+  // A missing folder is reported by the create below.
+  (void)platform::make_dirs(parent_folder(node_path));
+  platform::FileIdentity id;
+  if (platform::file_identity(node_path, true, &id) != 0) {
+    RD_ERROR("CreateFile for Vexo_Node.txt file Failed");
+    RD_ERROR("GetLastError Returning %lu", static_cast<unsigned long>(platform::last_error()));
+    return -1;
+  }
+  RD_INFO("Vexo_Node.txt File Created Successfully");
+  *key = dynamic_key_text(id);
+  return 0;
+}
+
+int GetDynamickey_For_Decryption(const std::string& node_path, std::string* key) {
+  key->clear();
+  platform::FileIdentity id;
+  if (platform::file_identity(node_path, false, &id) != 0) {
+    RD_ERROR("Opening Vexo_Node.txt Failed");
+    RD_ERROR("GetLastError Returning %lu", static_cast<unsigned long>(platform::last_error()));
+    return -1;
+  }
+  *key = dynamic_key_text(id);
+  return 0;
+}
+
+int GetAdapterID(std::vector<std::array<std::uint8_t, 6>>* ids) {
+  ids->clear();
+  try {
+    std::vector<platform::Adapter> adapters;
+    if (platform::list_adapters(&adapters) != 0) {
+      // Like an empty list: the callers report a count below 1.
+      RD_ERROR("GetAdaptersInfo failed");
+      return 0;
+    }
+    for (const auto& a : adapters) {
+      if (rd_verbose() >= 3) print_adapter(a);
+      Mac mac;
+      std::copy(a.address, a.address + 6, mac.begin());
+      ids->push_back(mac);
+    }
+  } catch (const std::bad_alloc&) {
+    ids->clear();
+    RD_ERROR("Error allocating memory needed to call GetAdaptersinfo\n");
+    return 1;
+  }
+  return 0;
+}
+
+int GetMAC(std::array<std::uint8_t, 6>* mac) {
+  mac->fill(0);
+  std::vector<Mac> ids;
+  if (GetAdapterID(&ids) != 0 || ids.empty()) return -1;
+  *mac = ids.front();
+  return 0;
+}
+
+int GetHashRDservice(std::array<std::uint8_t, 32>* digest) {
+  digest->fill(0);
+  const std::string path = platform::own_module_path();
+  if (path.empty()) return -1;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return -1;
+  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return -1;
+  char buf[65536];
+  while (in) {
+    in.read(buf, sizeof buf);
+    std::streamsize n = in.gcount();
+    if (n > 0 && EVP_DigestUpdate(ctx.get(), buf, static_cast<std::size_t>(n)) != 1) return -1;
+  }
+  if (in.bad()) return -1;
+  unsigned int len = 0;
+  if (EVP_DigestFinal_ex(ctx.get(), digest->data(), &len) != 1 || len != digest->size()) {
+    digest->fill(0);
+    return -1;
+  }
+  return 0;
+}
+
+int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
+  password->fill(0);
+  const std::string node = keystore_node_file(rd_identity().rdsId);
+  if (node.empty()) {
+    RD_ERROR("Invalid RDS ID");
+    return -1;
+  }
+  if (platform::file_exists(node)) {
+    if (std::remove(node.c_str()) != 0) {
+      RD_ERROR("Removing Vexo_Node.txt file failed");
+      return -1;
+    }
+    RD_INFO("Vexo_Node.txt file Deleted Successfully");
+  } else {
+    RD_INFO("Vexo_Node File Already Deleted");
+  }
+
+  std::string dynamic_key;
+  if (GetDynamickey_For_Encryption(node, &dynamic_key) != 0) {
+    RD_ERROR("Getting Dynamic key Failed");
+    return -1;
+  }
+  std::array<std::uint8_t, 32> digest;
+  if (GetHashRDservice(&digest) != 0) {
+    RD_ERROR("Error at to get RD Service hash");
+    return -1;
+  }
+  std::vector<Mac> ids;
+  if (GetAdapterID(&ids) != 0) {
+    RD_ERROR("Getting MAC ID Failed");
+    return -1;
+  }
+  if (ids.empty()) {
+    RD_ERROR("iCount is <= 0");
+    RD_ERROR("Getting Mac id failed");
+    return -1;
+  }
+  const Mac& mac = ids.front();
+  RD_VERBOSE("MAC ID %d is: %02x-%02x-%02x-%02x-%02x-%02x", 0, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+
+  Password derived = keystore_detail::derive_password(digest, mac, dynamic_key);
+  const Sha256Digest pd_hash = sha256(std::span<const std::uint8_t>(mac.data(), mac.size()));
+  (void)platform::make_dirs(keystore_file_path("keystore"));
+  const std::string pd_path = keystore_file_path("keystore/pdHash.hash");
+  if (platform::write_file_atomic(pd_path, pd_hash.data(), pd_hash.size(), 0600) != 0) {
+    RD_ERROR("Error at to open pdHash_file application, path is %s", pd_path.c_str());
+    OPENSSL_cleanse(derived.data(), derived.size());
+    return -1;
+  }
+  *password = derived;
+  OPENSSL_cleanse(derived.data(), derived.size());
+  return 0;
+}

@@ -1,0 +1,293 @@
+// The CAPTURE and DEVICEINFO workers: status checks, the PidOptions gates, the
+// scanner lock around the capture driver, and the framed HTTP answers.
+#include "rd_core/api.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <string>
+
+#include "http/work_area.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "mgmt_core/Base64.h"
+#include "platform/platform.h"
+#include "postauth/postauth.h"
+#include "rd_core/pid_data.h"
+#include "rd_core/pidblock.h"
+#include "rd_core/xml_parse.h"
+#include "semaphore/semaphore_syc.h"
+
+namespace {
+
+constexpr const char* kHost = "127.0.0.1";
+constexpr const char* kSignedMcFile = "cert/public/signed_mc.cer";
+constexpr const char* kHandheldScanner = "Tavio_TX9";
+
+// The two origin headers differ on purpose: last and with a blank for capture,
+// first and without a blank for device info. Clients already depend on both.
+constexpr const char* kCaptureHead =
+    "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://%s:%hd/rd/capture\r\nContent-Length: "
+    "%d\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+constexpr const char* kCaptureHeadOrigin =
+    "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://%s:%hd/rd/capture\r\nContent-Length: "
+    "%d\r\nContent-Type: text/xml\r\nConnection: close\r\nAccess-Control-Allow-Origin: %s\r\n\r\n";
+constexpr const char* kInfoHead =
+    "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://%s:%hd/rd/info\r\nContent-Length: "
+    "%d\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+constexpr const char* kInfoHeadOrigin =
+    "HTTP/1.1 200 OK\r\nAccess-Control-Allow-Origin:%s\r\nCACHE-CONTROL: no-cache\r\nLOCATION: "
+    "http://%s:%hd/rd/info\r\nContent-Length: %d\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+constexpr const char* kDeviceInfoFormat =
+    "<DeviceInfo dpId=\"%s\" rdsId=\"%s\" rdsVer=\"%s\" dc=\"%s\" mi=\"%s\" mc=\"%s\"><additional_info>"
+    "<Param name=\"srno\" value=\"%s\"/></additional_info></DeviceInfo>\n";
+
+std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format_text(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  va_list copy;
+  va_copy(copy, args);
+  int n = std::vsnprintf(nullptr, 0, fmt, copy);
+  va_end(copy);
+  std::string text;
+  if (n > 0) {
+    text.resize(static_cast<std::size_t>(n) + 1);
+    std::vsnprintf(text.data(), text.size(), fmt, args);
+    text.resize(static_cast<std::size_t>(n));
+  }
+  va_end(args);
+  return text;
+}
+
+short port_value() { return static_cast<short>(service_port()); }
+
+std::string signed_mc_path() { return rd_identity().prefix + kSignedMcFile; }
+
+// Base64 of the signed device certificate into *mc. 0; -1 file missing or
+// unreadable; -2 encoding failed. *mc is empty on failure.
+int read_signed_mc(std::string* mc) {
+  mc->clear();
+  std::string bytes;
+  if (platform::read_file(signed_mc_path(), &bytes) != 0) return -1;
+  auto data = std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+  if (Base64Encode(data, mc) != 0) {
+    mc->clear();
+    return -2;
+  }
+  return 0;
+}
+
+void fill_device_values(PidDataResponse* r) {
+  const RdIdentity& id = rd_identity();
+  r->dpId = id.dpId;
+  r->rdsId = id.rdsId;
+  r->rdsVer = rd_config().rd_ver;
+  r->dc = rd_config().dc;
+  r->mi = id.mi;
+  r->srno = get_device_serial();
+}
+
+void fill_counts(const PidOptionsRequest& request, PidDataResponse* r) {
+  r->fCount = static_cast<std::int8_t>(request.fCount);
+  r->fType = static_cast<std::int8_t>(request.fType);
+  r->pCount = static_cast<std::int8_t>(request.pCount);
+  r->type = std::string(1, request.format);
+}
+
+// Copies body and the capture head into the work area. A head too long for
+// its region (an oversized origin) falls back to the form without origin.
+void write_capture_answer(const std::string& body, const char* origin, char* work_area) {
+  std::memcpy(work_area, body.c_str(), body.size() + 1);
+  char* head = work_area + kRespHeaderOffset;
+  const int len = static_cast<int>(body.size());
+  if (origin != nullptr) {
+    int n = std::snprintf(head, kRespHeaderSize, kCaptureHeadOrigin, kHost, port_value(), len, origin);
+    if (n >= 0 && static_cast<std::size_t>(n) < kRespHeaderSize) return;
+    RD_ERROR("Origin value is too long for the response header");
+  }
+  std::snprintf(head, kRespHeaderSize, kCaptureHead, kHost, port_value(), len);
+}
+
+// Frames and writes a PidData answer. Falls back to the internal-error answer
+// when the document cannot be made or does not fit the response region.
+int send_pid_data(PidDataResponse* r, const char* origin, char* work_area) {
+  std::string body;
+  if (FramePidOutputOuterXML(*r, &body) != 0 || body.size() >= kRespBodySize) {
+    RD_ERROR("Error at FramePidOutputOuterXML");
+    set_pid_error(r, 999);
+    if (FramePidOutputOuterXML(*r, &body) != 0) body.clear();
+  }
+  write_capture_answer(body, origin, work_area);
+  return 0;
+}
+
+// The PidData error answer: the code, the counts parsed so far and the device
+// information (with mc when the certificate can be read).
+int answer_error(int code, const PidOptionsRequest& request, const EncPidBlock* enc, const char* origin,
+                 char* work_area) {
+  PidDataResponse r;
+  fill_device_values(&r);
+  fill_counts(request, &r);
+  read_signed_mc(&r.mc);
+  if (enc != nullptr) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(kMaxFingers); ++i) {
+      if (i < enc->nmPoints.size()) r.nmPoints[i] = enc->nmPoints[i];
+      if (i < enc->qScore.size()) r.qScore[i] = enc->qScore[i];
+    }
+  }
+  set_pid_error(&r, code);
+  return send_pid_data(&r, origin, work_area);
+}
+
+void report_used() {
+  RD_ERROR("RD Service is in USED state, please wait for some time");
+  RD_PIPE("5000", "RD Service is in USED state,|please wait for some time\n");
+}
+
+}  // namespace
+
+int capture(const char* request_body, const char* origin, char* work_area) {
+  PidOptionsRequest request;
+  if (request_body == nullptr || request_body[0] == '\0') {
+    RD_ERROR("Request_For_Pidblock is null ");
+    return answer_error(100, request, nullptr, origin, work_area);
+  }
+  RD_INFO("Request for pidblock is success");
+
+  // The status comes first: a busy or absent device is never touched.
+  if (get_rd_status_index() == kRdUsed) {
+    report_used();
+    return answer_error(710, request, nullptr, origin, work_area);
+  }
+  if (rd_identity().scanner_name == kHandheldScanner) {
+    // The handheld device's own check may move the status; the status says it all.
+    Check_Device_status();
+  }
+  if (get_rd_status_index() == kRdNotReady) {
+    RD_ERROR("RD Service is in NOTREADY state, please wait for some time");
+    if (get_device_detached() != 0) {
+      RD_STATUS("Device is not connected, RD Service is in not ready state");
+      RD_PIPE("5000", "Device is not connected,|RD Service is in not ready state\n");
+    } else {
+      RD_PIPE("5000", "RD Service is in NOTREADY state,|please wait for some time\n");
+    }
+    return answer_error(720, request, nullptr, origin, work_area);
+  }
+  if (get_rd_status_index() == kRdUsed) {
+    report_used();
+    return answer_error(710, request, nullptr, origin, work_area);
+  }
+  RD_INFO("RD Service is Ready, going for all input validation and capture");
+
+  int rc = 0;
+
+  if (Pidinput_validate(request_body) != 0) {
+    RD_ERROR("Pid options validation failed");
+    RD_STATUS("Pid options validation failed");
+    RD_PIPE("5000", "Pid options validation failed\n");
+    return answer_error(100, request, nullptr, origin, work_area);
+  }
+  rc = Parse_XML_Request(request_body, &request);
+  if (rc != 0) {
+    RD_ERROR("Request xml, parameter invalid");
+    RD_STATUS("Request xml, parameter invalid");
+    RD_PIPE("5000", "Request xml, parameter invalid\n");
+    return answer_error(rc, request, nullptr, origin, work_area);
+  }
+  if (Allowed_methods(request) != 0) {
+    RD_STATUS("Allowed auth methods failed");
+    RD_PIPE("5000", "Allowed auth methods failed\n");
+    return answer_error(-1, request, nullptr, origin, work_area);
+  }
+
+  int lock = Lock_Semaphore();
+  if (lock != 0) {
+    RD_ERROR("Error at to lock semaphore");
+    RD_STATUS("Error at to lock semaphore");
+    return answer_error(lock == -2 ? 710 : 999, request, nullptr, origin, work_area);
+  }
+  EncPidBlock enc;
+  rc = GenerateEncPIDBlock(request, &enc);
+  if (Unlock_Semaphore() != 0) {
+    RD_ERROR("Error at to unlock semaphore");
+    return answer_error(999, request, &enc, origin, work_area);
+  }
+  if (rc != 0) {
+    RD_ERROR("Error at GenerateEncPIDBlock");
+    return answer_error(rc, request, &enc, origin, work_area);
+  }
+
+  PidDataResponse r;
+  fill_device_values(&r);
+  fill_counts(request, &r);
+  int mc_rc = read_signed_mc(&r.mc);
+  if (mc_rc == -1) {
+    RD_ERROR("unable to open device public signed cert");
+    RD_STATUS("File not found  : %s", signed_mc_path().c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", signed_mc_path().c_str());
+    return answer_error(999, request, &enc, origin, work_area);
+  }
+  if (mc_rc != 0) {
+    RD_ERROR("Error at doing Base64Encode");
+    return answer_error(999, request, &enc, origin, work_area);
+  }
+  for (std::size_t i = 0; i < static_cast<std::size_t>(kMaxFingers); ++i) {
+    if (i < enc.nmPoints.size()) r.nmPoints[i] = enc.nmPoints[i];
+    if (i < enc.qScore.size()) r.qScore[i] = enc.qScore[i];
+  }
+  r.errCode = 0;
+  r.errInfo = rd_error_text(0);
+  r.ci = enc.ci;
+  r.skey = enc.skey;
+  r.hmac = enc.hmac;
+  r.data = enc.data;
+  RD_PIPE("5000", "Capture Success\n");
+  return send_pid_data(&r, origin, work_area);
+}
+
+int GetDeviceInfo(char* work_area, const char* origin) {
+  const bool locked = Lock_Semaphore() == 0;
+  if (!locked) RD_ERROR("Error at to lock semaphore");
+
+  const std::string path = signed_mc_path();
+  std::string bytes;
+  const bool have_cert = platform::read_file(path, &bytes) == 0;
+  if (locked && Unlock_Semaphore() != 0) RD_ERROR("Error at to unlock semaphore");
+  std::string mc;
+  if (!have_cert) {
+    // Answered all the same, with an empty mc: the client still learns the
+    // device's identity and the reports say what is missing.
+    RD_ERROR("device public cert is not present");
+    RD_STATUS("device public cert is not present : %s ", path.c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", path.c_str());
+  } else if (Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                                                        bytes.size()),
+                          &mc) != 0) {
+    RD_ERROR("Error at doing Base64Encode");
+    mc.clear();
+  }
+
+  const RdIdentity& id = rd_identity();
+  const std::string srno = get_device_serial();
+  std::string body = format_text(kDeviceInfoFormat, id.dpId.c_str(), id.rdsId.c_str(), rd_config().rd_ver.c_str(),
+                                 rd_config().dc.c_str(), id.mi.c_str(), mc.c_str(), srno.c_str());
+  if (body.size() >= kRespBodySize) {
+    RD_ERROR("Device certificate is too large for the response");
+    body = format_text(kDeviceInfoFormat, id.dpId.c_str(), id.rdsId.c_str(), rd_config().rd_ver.c_str(),
+                       rd_config().dc.c_str(), id.mi.c_str(), "", srno.c_str());
+  }
+  std::memcpy(work_area, body.c_str(), body.size() + 1);
+
+  char* head = work_area + kRespHeaderOffset;
+  const int len = static_cast<int>(body.size());
+  if (origin != nullptr) {
+    int n = std::snprintf(head, kRespHeaderSize, kInfoHeadOrigin, origin, kHost, port_value(), len);
+    if (n >= 0 && static_cast<std::size_t>(n) < kRespHeaderSize) return 0;
+    RD_ERROR("Origin value is too long for the response header");
+  }
+  std::snprintf(head, kRespHeaderSize, kInfoHead, kHost, port_value(), len);
+  return 0;
+}

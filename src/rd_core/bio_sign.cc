@@ -1,0 +1,71 @@
+#include <openssl/crypto.h>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "mgmt_core/Base64.h"
+#include "mgmt_core/hash.h"
+#include "mgmt_core/keystore.h"
+#include "rd_core/dig_sign.h"
+#include "rd_core/pid_crypto.h"
+
+int Generate_dih(std::string* dih_text) {
+  dih_text->clear();
+  const RdIdentity& id = rd_identity();
+  const RdConfig& cfg = rd_config();
+  std::string srno_hex = hex_lower(sha256(std::string_view(get_device_serial())));
+  std::string work = id.dpId + id.rdsId + cfg.rd_ver + cfg.dc + id.mi + srno_hex;
+  Sha256Digest digest = sha256(std::string_view(work));
+  RD_INFO("Plain dih generated successfully ... ");
+  std::string text;
+  if (Base64Encode(digest, &text) != 0 || text.empty()) {
+    RD_ERROR("Error at base64 of Plain dih");
+    return 999;
+  }
+  *dih_text = std::move(text);
+  return 0;
+}
+
+int Generate_bio_sign(std::span<const std::uint8_t> bio, const std::string& ts, std::string* bs_text) {
+  bs_text->clear();
+  std::string pem;
+  if (GetDevicePrivateKeyFromFile(&pem) != 0) {
+    RD_ERROR("Error at to GetDevicePrivateKeyFromFile");
+    return -1;
+  }
+  Sha256Digest bio_hash = sha256(bio);
+  RD_INFO("Bio-hash generated successfully");
+
+  // Signed: the record's digest, then ts, then dc, with no separators.
+  const std::string& dc = rd_config().dc;
+  std::vector<std::uint8_t> message(bio_hash.begin(), bio_hash.end());
+  message.insert(message.end(), ts.begin(), ts.end());
+  message.insert(message.end(), dc.begin(), dc.end());
+
+  PkeyPtr key;
+  int rc = make_keys(pem, &key);
+  // The key's PEM text is not needed any longer; do not leave it in memory.
+  OPENSSL_cleanse(pem.data(), pem.size());
+  if (rc != 0) {
+    RD_ERROR("Error at to make key for digital signing");
+    return -1;
+  }
+  if (!key) {
+    RD_ERROR("skey is null to generate key for make digital signing");
+    return -1;
+  }
+  std::vector<std::uint8_t> signature;
+  rc = sign_it(message, &signature, key.get());
+  if (rc != 0) {
+    RD_ERROR("Failed to create signature, return code %d", rc);
+    return -1;
+  }
+  std::string text;
+  if (Base64Encode(signature, &text) != 0 || text.empty()) {
+    RD_ERROR("Error at to create base-64 of encrypted bio-data");
+    return -1;
+  }
+  *bs_text = std::move(text);
+  RD_INFO("Generation of bio-sign is successful");
+  return 0;
+}

@@ -1,0 +1,98 @@
+#include "rd_core/dig_sign.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <climits>
+
+#include "init/rd_log.h"
+
+namespace {
+
+struct BioFree {
+  void operator()(BIO* b) const { BIO_free(b); }
+};
+struct MdCtxFree {
+  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
+};
+
+}  // namespace
+
+int make_keys(const std::string& private_key_pem, PkeyPtr* key) {
+  if (key == nullptr) {
+    RD_ERROR("skey pointer is null");
+    return -1;
+  }
+  key->reset();
+  if (private_key_pem.empty() || private_key_pem.size() > static_cast<std::size_t>(INT_MAX)) {
+    RD_ERROR("bio is null");
+    return -1;
+  }
+  std::unique_ptr<BIO, BioFree> bio(
+      BIO_new_mem_buf(private_key_pem.data(), static_cast<int>(private_key_pem.size())));
+  if (!bio) {
+    RD_ERROR("bio is null");
+    return -1;
+  }
+  PkeyPtr read(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
+  if (!read) {
+    RD_ERROR("rsa_privatekey is null");
+    return -1;
+  }
+  // Only an RSA key makes the signature UIDAI verifies.
+  if (EVP_PKEY_get_base_id(read.get()) != EVP_PKEY_RSA) {
+    RD_ERROR("EVP_PKEY_assign_RSA (1) failed, error 0x%lx\n\n", ERR_get_error());
+    return -1;
+  }
+  *key = std::move(read);
+  return 0;
+}
+
+int sign_it(std::span<const std::uint8_t> message, std::vector<std::uint8_t>* signature, EVP_PKEY* key) {
+  if (signature != nullptr) signature->clear();
+  if (message.empty() || signature == nullptr || key == nullptr) {
+    RD_ERROR("sign_it invalid parameter passed");
+    return -1;
+  }
+  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+  if (!ctx) {
+    RD_ERROR("EVP_MD_CTX_create failed, error 0x%lx\n", ERR_get_error());
+    return -1;
+  }
+  const EVP_MD* md = EVP_get_digestbyname("SHA256");
+  if (md == nullptr) {
+    RD_ERROR("EVP_get_digestbyname failed, error 0x%lx\n", ERR_get_error());
+    return -1;
+  }
+  if (EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1) {
+    RD_ERROR("EVP_DigestInit_ex failed, error 0x%lx\n", ERR_get_error());
+    return -1;
+  }
+  if (EVP_DigestSignInit(ctx.get(), nullptr, md, nullptr, key) != 1) {
+    RD_ERROR("EVP_DigestSignInit failed, error 0x%lx\n", ERR_get_error());
+    return -1;
+  }
+  if (EVP_DigestSignUpdate(ctx.get(), message.data(), message.size()) != 1) {
+    RD_ERROR("EVP_DigestSignUpdate failed, error 0x%lx\n", ERR_get_error());
+    return -1;
+  }
+  std::size_t len = 0;
+  if (EVP_DigestSignFinal(ctx.get(), nullptr, &len) != 1) {
+    RD_ERROR("EVP_DigestSignFinal failed (1), error 0x%lx\n", ERR_get_error());
+    return -1;
+  }
+  if (len == 0) {
+    RD_ERROR("EVP_DigestSignFinal failed (2), error 0x%lx\n", ERR_get_error());
+    return -1;
+  }
+  std::vector<std::uint8_t> sig(len);
+  int rc = EVP_DigestSignFinal(ctx.get(), sig.data(), &len);
+  if (rc != 1) {
+    RD_ERROR("EVP_DigestSignFinal failed (3), return code %d, error 0x%lx\n", rc, ERR_get_error());
+    return -1;
+  }
+  sig.resize(len);
+  *signature = std::move(sig);
+  return 0;
+}

@@ -1,0 +1,26 @@
+// RSA-SHA256 signing with the device key (the bio-sign of each biometric
+// record). OpenSSL key objects are held by PkeyPtr, so every path frees them.
+#ifndef VEXO_RD_CORE_DIG_SIGN_H
+#define VEXO_RD_CORE_DIG_SIGN_H
+
+#include <openssl/evp.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+struct PkeyFree {
+  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
+};
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
+
+// Reads the RSA private key in private_key_pem (PKCS#8 or PKCS#1 PEM) into
+// *key, freeing any key it held. 0, or -1 with *key empty.
+int make_keys(const std::string& private_key_pem, PkeyPtr* key);
+// RSA PKCS#1 v1.5 signature with SHA-256 over message into *signature
+// (cleared first). 0, or -1 on an empty message, a missing key or a crypto failure.
+int sign_it(std::span<const std::uint8_t> message, std::vector<std::uint8_t>* signature, EVP_PKEY* key);
+
+#endif  // VEXO_RD_CORE_DIG_SIGN_H

@@ -1,0 +1,237 @@
+#include "rd_core/pidblock.h"
+
+#include <libxml/tree.h>
+
+#include <cstdio>
+#include <memory>
+#include <new>
+
+#include "init/rd_log.h"
+#include "rd_core/pid_crypto.h"
+#include "rd_core/pid_input.h"
+#include "rd_core/pidblock_A600.h"
+#include "rd_core/protobuf_rd.h"
+
+// The driver's reports name GenerateEncPIDBlock, whichever helper makes them.
+#define DRV_INFO(...) rd_log_write(LogLevel::kInfo, __FILE__, "GenerateEncPIDBlock", __LINE__, __VA_ARGS__)
+#define DRV_ERROR(...) rd_log_write(LogLevel::kError, __FILE__, "GenerateEncPIDBlock", __LINE__, __VA_ARGS__)
+#define DRV_STATUS(...) rd_set_last_status(__FILE__, "GenerateEncPIDBlock", __VA_ARGS__)
+
+namespace {
+
+struct DocDeleter {
+  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
+};
+using DocPtr = std::unique_ptr<xmlDoc, DocDeleter>;
+
+// Adds name=value when value is non-empty. false when libxml2 fails.
+bool add_attr(xmlNode* node, const char* name, const std::string& value) {
+  if (value.empty()) return true;
+  return xmlNewProp(node, BAD_CAST name, BAD_CAST value.c_str()) != nullptr;
+}
+
+// The one-letter attributes (ms, gender, dobt) carry only their first character.
+bool add_letter_attr(xmlNode* node, const char* name, const std::string& value) {
+  if (value.empty()) return true;
+  return add_attr(node, name, value.substr(0, 1));
+}
+
+xmlNode* add_child(xmlNode* parent, const char* name) {
+  return xmlNewChild(parent, nullptr, BAD_CAST name, nullptr);
+}
+
+bool add_pi(xmlNode* demo, const PiGroup& pi) {
+  xmlNode* n = add_child(demo, "Pi");
+  return n != nullptr && add_letter_attr(n, "ms", pi.ms) && add_attr(n, "mv", pi.mv) &&
+         add_attr(n, "name", pi.name) && add_attr(n, "lname", pi.lname) &&
+         add_attr(n, "lmv", pi.lmv) && add_letter_attr(n, "gender", pi.gender) &&
+         add_attr(n, "dob", pi.dob) && add_letter_attr(n, "dobt", pi.dobt) &&
+         add_attr(n, "age", pi.age) && add_attr(n, "phone", pi.phone) &&
+         add_attr(n, "email", pi.email);
+}
+
+bool add_pa(xmlNode* demo, const PaGroup& pa) {
+  xmlNode* n = add_child(demo, "Pa");
+  return n != nullptr && add_letter_attr(n, "ms", pa.ms) && add_attr(n, "co", pa.co) &&
+         add_attr(n, "house", pa.house) && add_attr(n, "street", pa.street) &&
+         add_attr(n, "lm", pa.lm) && add_attr(n, "loc", pa.loc) && add_attr(n, "vtc", pa.vtc) &&
+         add_attr(n, "subdist", pa.subdist) && add_attr(n, "dist", pa.dist) &&
+         add_attr(n, "state", pa.state) && add_attr(n, "country", pa.country) &&
+         add_attr(n, "pc", pa.pc) && add_attr(n, "po", pa.po);
+}
+
+bool add_pfa(xmlNode* demo, const PfaGroup& pfa) {
+  xmlNode* n = add_child(demo, "Pfa");
+  return n != nullptr && add_letter_attr(n, "ms", pfa.ms) && add_attr(n, "mv", pfa.mv) &&
+         add_attr(n, "av", pfa.av) && add_attr(n, "lav", pfa.lav) && add_attr(n, "lmv", pfa.lmv);
+}
+
+bool build_pid(const PidInput& in, xmlDoc* doc) {
+  xmlNode* root = xmlNewNode(nullptr, BAD_CAST "Pid");
+  if (root == nullptr) return false;
+  xmlDocSetRootElement(doc, root);
+  if (!add_attr(root, "ts", in.ts) || !add_attr(root, "ver", in.ver) ||
+      !add_attr(root, "wadh", in.wadh)) {
+    return false;
+  }
+  if (in.demo_given) {
+    xmlNode* demo = add_child(root, "Demo");
+    if (demo == nullptr || !add_attr(demo, "lang", in.lang)) return false;
+    if (in.pi.given && !add_pi(demo, in.pi)) return false;
+    if (in.pa.given && !add_pa(demo, in.pa)) return false;
+    if (in.pfa.given && !add_pfa(demo, in.pfa)) return false;
+  }
+  xmlNode* bios = add_child(root, "Bios");
+  if (bios == nullptr || !add_attr(bios, "dih", in.dih)) return false;
+  for (const CapturedFinger& finger : in.fingers) {
+    for (const BioRecord& record : finger.records) {
+      xmlNode* bio = xmlNewTextChild(bios, nullptr, BAD_CAST "Bio", BAD_CAST record.base64.c_str());
+      if (bio == nullptr || !add_attr(bio, "type", record.image ? "FIR" : "FMR") ||
+          !add_attr(bio, "posh", finger.position) || !add_attr(bio, "bs", record.bs)) {
+        return false;
+      }
+    }
+  }
+  if (in.otp_given) {
+    xmlNode* pv = add_child(root, "Pv");
+    if (pv == nullptr || !add_attr(pv, "otp", in.otp) || !add_attr(pv, "pin", in.pin)) return false;
+  }
+  return true;
+}
+
+// Overwrites secrets before their memory is released.
+void wipe(void* p, std::size_t n) {
+  volatile unsigned char* v = static_cast<volatile unsigned char*>(p);
+  while (n-- > 0) *v++ = 0;
+}
+
+int generate(PidOptionsRequest& request, EncPidBlock* out) {
+  std::string ts;
+  if (capture_timestamp(&ts) != 0) {
+    DRV_ERROR("Error at capture timestamp");
+    return 999;
+  }
+
+  std::vector<CapturedFinger> fingers;
+  int rc = FP_Cap(&fingers, request, ts);
+  if (rc != 0) {
+    DRV_ERROR("Error at FP Capture");
+    if (rc == kCaptureTimedOut || rc == kCaptureFailed) return rc;
+    RD_PIPE("5000", "Internal Error\n");
+    return 999;
+  }
+
+  std::string dih;
+  if (Generate_dih(&dih) != 0) {
+    DRV_ERROR("Error at dih generation ...");
+    DRV_STATUS("Error at dih generation ... ");
+    RD_PIPE("10000", "Error at dih generation\n");
+    return 999;
+  }
+
+  std::uint8_t key[32] = {};
+  std::string skey, ci;
+  rc = GenerateEncandPlainSessionKey(request.env, key, &skey, &ci);
+  if (rc != 0) {
+    DRV_ERROR("Error at GenerateEncandPlainSessionKey ");
+    DRV_STATUS("Error at GenerateEncandPlainSessionKey ");
+    RD_PIPE("10000", "Error at Generate encrypted and|plain sessionKey\n");
+    wipe(key, sizeof key);
+    return rc;
+  }
+
+  PidInput input = make_pid_input(request, ts, dih, fingers);
+  std::vector<std::uint8_t> plain;
+  if (request.format == 'P') {
+    rc = FramePidOutputProtobuf(input, &plain);
+  } else {
+    std::string xml;
+    rc = FramePidInnerXML(input, &xml);
+    plain.assign(xml.begin(), xml.end());
+    wipe(xml.data(), xml.size());
+  }
+  if (rc != 0) {
+    DRV_ERROR("Error at framing the plain pid block");
+    wipe(key, sizeof key);
+    return 999;
+  }
+  std::string shown(plain.begin(), plain.end());
+  std::printf("Plain pid: \n%s\n", shown.c_str());
+  wipe(shown.data(), shown.size());
+  DRV_INFO("Length of plain pid is %d", static_cast<int>(plain.size()));
+
+  std::string data, hmac;
+  rc = GenerateEncPID_EncPIDHash(plain, key, ts, &data, &hmac);
+  wipe(key, sizeof key);
+  wipe(plain.data(), plain.size());
+  if (rc != 0) {
+    DRV_ERROR("Error at to generate encrypted pinblock and encrypted pidblock hash");
+    DRV_STATUS("Error at to generate encrypted pinblock and encrypted pidblock hash");
+    RD_PIPE("10000", "Error at to generate encrypted|pidblock and encrypted pidblock|hash\n");
+    return 999;
+  }
+
+  out->data = std::move(data);
+  out->hmac = std::move(hmac);
+  out->skey = std::move(skey);
+  out->ci = std::move(ci);
+  for (const CapturedFinger& finger : fingers) {
+    out->nmPoints.push_back(finger.nmPoints);
+    out->qScore.push_back(finger.qScore);
+  }
+  return 0;
+}
+
+}  // namespace
+
+PidInput make_pid_input(const PidOptionsRequest& request, const std::string& ts,
+                        const std::string& dih, std::span<const CapturedFinger> fingers) {
+  PidInput in;
+  in.ts = ts;
+  in.ver = request.ver;
+  in.wadh = request.wadh;
+  in.otp_given = request.otp_given;
+  in.otp = request.otp;
+  in.demo_given = request.demo_given;
+  in.lang = request.lang;
+  in.pi = request.pi;
+  in.pa = request.pa;
+  in.pfa = request.pfa;
+  in.dih = dih;
+  in.fingers = fingers;
+  return in;
+}
+
+int FramePidInnerXML(const PidInput& in, std::string* xml) {
+  xml->clear();
+  DocPtr doc(xmlNewDoc(BAD_CAST "1.0"));
+  if (!doc || !build_pid(in, doc.get())) {
+    RD_ERROR("Error at creating the pid xml node");
+    return -1;
+  }
+  xmlChar* buf = nullptr;
+  int size = 0;
+  xmlDocDumpFormatMemoryEnc(doc.get(), &buf, &size, "UTF-8", 0);
+  if (buf == nullptr || size <= 0) {
+    xmlFree(buf);
+    RD_ERROR("Error at creating the pid xml node");
+    return -1;
+  }
+  xml->assign(reinterpret_cast<const char*>(buf), static_cast<std::size_t>(size));
+  wipe(buf, static_cast<std::size_t>(size));
+  xmlFree(buf);
+  return 0;
+}
+
+int GenerateEncPIDBlock(PidOptionsRequest& request, EncPidBlock* out) {
+  *out = EncPidBlock{};
+  try {
+    int rc = generate(request, out);
+    if (rc != 0) *out = EncPidBlock{};
+    return rc;
+  } catch (const std::bad_alloc&) {
+    RD_ERROR("Memory allocation failed");
+    *out = EncPidBlock{};
+    return 999;
+  }
+}

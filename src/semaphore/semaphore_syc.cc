@@ -1,0 +1,121 @@
+// The machine-wide lock per scanner model.
+#include "semaphore/semaphore_syc.h"
+
+#include <atomic>
+#include <cstring>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "platform/platform.h"
+
+namespace {
+
+struct ScannerLockName {
+  const char* scanner;
+  const char* lock;
+};
+
+// 003 belongs to no scanner; the numbering keeps the gap.
+constexpr ScannerLockName kLockNames[] = {
+    {"UAREU", "Global\\QDX_WIN_001"},     {"FUTRONIC", "Global\\QDX_WIN_002"},
+    {"GEMALTO", "Global\\QDX_WIN_004"},   {"MANTRA", "Global\\QDX_WIN_005"},
+    {"MORPHO", "Global\\QDX_WIN_006"},    {"SECUGEN", "Global\\QDX_WIN_007"},
+    {"TX9", "Global\\QDX_WIN_008"},       {"Tavio_TX9", "Global\\QDX_WIN_009"},
+    {"Aratek_A600", "Global\\QDX_WIN_010"}, {"Aratek_A400", "Global\\QDX_WIN_011"},
+};
+
+constexpr unsigned kLockTimeoutMs = 20000;
+
+std::atomic<unsigned> g_timeout_ms{kLockTimeoutMs};
+// The handle from creation and the one used for waiting and releasing; both
+// name the same lock. Set once at start-up, never closed.
+platform::NamedLock* g_created = nullptr;
+platform::NamedLock* g_opened = nullptr;
+const char* g_opened_name = nullptr;
+
+}  // namespace
+
+// Set by the Tavio half; the test seam sets both waits at once.
+void set_tavio_lock_timeout_for_test(unsigned ms);
+
+const char* semaphore_name_for_scanner(const char* scanner_name) {
+  if (scanner_name == nullptr) return nullptr;
+  for (const auto& entry : kLockNames) {
+    if (std::strcmp(entry.scanner, scanner_name) == 0) return entry.lock;
+  }
+  return nullptr;
+}
+
+unsigned lock_timeout_ms() { return g_timeout_ms.load(); }
+
+void set_lock_timeouts_for_test(unsigned scanner_ms, unsigned tavio_ms) {
+  g_timeout_ms.store(scanner_ms);
+  set_tavio_lock_timeout_for_test(tavio_ms);
+}
+
+void semaphore_reset_for_test() {
+  platform::named_lock_close(g_created);
+  platform::named_lock_close(g_opened);
+  g_created = nullptr;
+  g_opened = nullptr;
+  g_opened_name = nullptr;
+  close_semaphore_Tavio();
+}
+
+int init_semaphore() {
+  const std::string scanner = rd_identity().scanner_name;
+  const char* name = semaphore_name_for_scanner(scanner.c_str());
+  if (name != nullptr && scanner == "Tavio_TX9") {
+    if (init_semaphore_Tavio() != 0) return -1;
+  }
+  if (name == nullptr) {
+    RD_ERROR("FP sensor is not valid sensor");
+    return -1;
+  }
+  // A repeated start-up keeps the handles other threads may be waiting on.
+  if (g_opened != nullptr && g_opened_name == name) return 0;
+  platform::NamedLock* created = platform::named_lock_open(name);
+  if (created == nullptr) {
+    RD_ERROR("Create Semaphore Failed");
+    return -1;
+  }
+  platform::named_lock_close(g_created);
+  g_created = created;
+  // The second look-up mirrors opening the object by name for lock and unlock.
+  name = semaphore_name_for_scanner(scanner.c_str());
+  if (name == nullptr) {
+    RD_ERROR("scanner name is not a valid name");
+    return -1;
+  }
+  platform::named_lock_close(g_opened);
+  // A failed open is only noticed by Lock_Semaphore, as "openSemaphore error".
+  g_opened = platform::named_lock_open(name);
+  g_opened_name = g_opened != nullptr ? name : nullptr;
+  return 0;
+}
+
+int Lock_Semaphore() {
+  if (g_opened == nullptr) {
+    RD_ERROR("openSemaphore error");
+    return -1;
+  }
+  int rc = platform::named_lock_acquire(g_opened, lock_timeout_ms());
+  if (rc == 1) {
+    RD_ERROR("sem_timedwait timeout");
+    return -2;
+  }
+  if (rc != 0) {
+    RD_ERROR("wait failed");
+    return -2;
+  }
+  RD_VERBOSE("wait success");
+  return 0;
+}
+
+int Unlock_Semaphore() {
+  if (platform::named_lock_release(g_opened) != 0) {
+    RD_ERROR("error at sem_release");
+    return -1;
+  }
+  return 0;
+}

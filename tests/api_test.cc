@@ -1,0 +1,292 @@
+// The CAPTURE and DEVICEINFO workers called directly with a work area: status
+// checks, the three gates, the scanner lock and the exact answers.
+#include <gtest/gtest.h>
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <openssl/evp.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "http/work_area.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "platform/platform.h"
+#include "rd_core/api.h"
+#include "semaphore/semaphore_syc.h"
+#include "test_util.h"
+
+namespace {
+
+constexpr char kCertRaw[] = "0\x82\x01\x0a signed device certificate \xff\x00 tail";
+const std::string kCertBytes(kCertRaw, sizeof kCertRaw - 1);  // binary, with a NUL inside
+const char* kCertPath = "./cert/public/signed_mc.cer";
+constexpr const char* kValidBody =
+    "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
+    "posh=\"UNKNOWN\"/></PidOptions>";
+
+std::string base64(const std::string& in) {
+  std::string out(4 * ((in.size() + 2) / 3) + 1, '\0');
+  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                          reinterpret_cast<const unsigned char*>(in.data()), static_cast<int>(in.size()));
+  out.resize(static_cast<std::size_t>(n));
+  return out;
+}
+
+std::string capture_head(std::size_t len, const char* origin) {
+  std::string port = std::to_string(service_port());
+  std::string head = "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
+                     "/rd/capture\r\nContent-Length: " + std::to_string(len) +
+                     "\r\nContent-Type: text/xml\r\nConnection: close\r\n";
+  if (origin) head += std::string("Access-Control-Allow-Origin: ") + origin + "\r\n";
+  return head + "\r\n";
+}
+
+std::string info_head(std::size_t len, const char* origin) {
+  std::string port = std::to_string(service_port());
+  std::string head = "HTTP/1.1 200 OK\r\n";
+  if (origin) head += std::string("Access-Control-Allow-Origin:") + origin + "\r\n";
+  return head + "CACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
+         "/rd/info\r\nContent-Length: " + std::to_string(len) + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+}
+
+struct DocFree {
+  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
+};
+
+std::string attr(xmlNode* n, const char* name) {
+  xmlChar* v = xmlGetProp(n, reinterpret_cast<const xmlChar*>(name));
+  std::string s = v ? reinterpret_cast<const char*>(v) : "<absent>";
+  xmlFree(v);
+  return s;
+}
+
+class ApiTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::copy_file(VEXO_SOURCE_DIR "/data/Final.xsd", dir_.file("Final.xsd"));
+    std::filesystem::create_directories(dir_.file("cert/public"));
+    testutil::write_file(dir_.file("cert/public/signed_mc.cer"), kCertBytes);
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    pipe_ = std::make_unique<testutil::PipeReader>(dir_.path());
+    ASSERT_EQ(create_Pipe(), 0);
+
+    RdIdentity& id = rd_identity();
+    id.scanner_name = "Aratek_A600";
+    id.prefix = "./";
+    id.dpId = "KORVANE.AR";
+    id.rdsId = "QDX.WIN.002";
+    id.mi = "A600";
+    rd_config().rd_ver = "1.0.2";
+    rd_config().dc = "4f3c1a2b-dc";
+    set_device_serial("SN0042");
+    set_rd_status_ready();
+    set_device_detached(0);
+
+    platform::set_lock_dir_for_test(dir_.path());
+    semaphore_reset_for_test();
+    set_lock_timeouts_for_test(250, 250);
+    ASSERT_EQ(init_semaphore(), 0);
+    area_.assign(kWorkAreaSize, '\0');
+  }
+  void TearDown() override {
+    semaphore_reset_for_test();
+    platform::set_lock_dir_for_test("/tmp");
+    set_rd_status_ready();
+    set_device_detached(0);
+    pipe_.reset();
+    zlog_fini();
+  }
+
+  // Starts a fresh case: empty last-status line, pipe reopened.
+  void fresh_reports() {
+    rd_log_reset_for_test();
+    ASSERT_EQ(create_Pipe(), 0);
+    pipe_mark_ = pipe_->received().size();
+    std::fill(area_.begin(), area_.end(), '\0');
+  }
+  bool piped(const std::string& text) {
+    for (int i = 0; i < 300; ++i) {
+      if (pipe_->received().substr(pipe_mark_).find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+  std::string body() const { return std::string(area_.data()); }
+  std::string head() const { return std::string(area_.data() + kRespHeaderOffset); }
+
+  // Parses the PidData body and checks code, text, fCount and the device block.
+  void expect_pid_data(int code, const std::string& info, const std::string& fcount, const std::string& mc) {
+    std::string b = body();
+    std::unique_ptr<xmlDoc, DocFree> doc(
+        xmlReadMemory(b.data(), static_cast<int>(b.size()), "r.xml", nullptr, XML_PARSE_NONET));
+    ASSERT_TRUE(doc) << b;
+    xmlNode* root = xmlDocGetRootElement(doc.get());
+    xmlNode* resp = xmlFirstElementChild(root);
+    xmlNode* dev = xmlNextElementSibling(resp);
+    ASSERT_TRUE(resp && dev);
+    EXPECT_EQ(attr(resp, "errCode"), std::to_string(code));
+    EXPECT_EQ(attr(resp, "errInfo"), info);
+    EXPECT_EQ(attr(resp, "fCount"), fcount);
+    EXPECT_EQ(attr(dev, "dpId"), "KORVANE.AR");
+    EXPECT_EQ(attr(dev, "rdsId"), "QDX.WIN.002");
+    EXPECT_EQ(attr(dev, "rdsVer"), "1.0.2");
+    EXPECT_EQ(attr(dev, "dc"), "4f3c1a2b-dc");
+    EXPECT_EQ(attr(dev, "mi"), "A600");
+    EXPECT_EQ(attr(dev, "mc"), mc);
+    EXPECT_EQ(attr(xmlFirstElementChild(xmlFirstElementChild(dev)), "value"), "SN0042");
+    for (xmlNode* n = xmlNextElementSibling(dev); n; n = xmlNextElementSibling(n)) {
+      xmlChar* c = xmlNodeGetContent(n);
+      EXPECT_STREQ(reinterpret_cast<const char*>(c), "") << n->name;
+      xmlFree(c);
+    }
+  }
+
+  testutil::WorkDir dir_;
+  std::unique_ptr<testutil::PipeReader> pipe_;
+  std::size_t pipe_mark_ = 0;
+  std::vector<char> area_;
+};
+
+TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
+  struct Case {
+    const char* name;
+    std::function<void()> setup;
+    std::string body;
+    const char* origin;
+    int code;
+    const char* info;
+    const char* fcount;
+    const char* pipe;     // expected status-pipe message
+    const char* status;   // expected end of the last-status line, "" for none
+  };
+  const auto used = [] { set_rd_status_used(); };
+  const auto notready = [] { set_rd_status_notready(); };
+  const auto detached = [] {
+    set_rd_status_notready();
+    set_device_detached(1);
+  };
+  const std::vector<Case> cases = {
+      {"used", used, kValidBody, nullptr, 710, "Being used by another application", "0",
+       "5000|RD Service is in USED state,|please wait for some time\n", ""},
+      {"used with origin", used, kValidBody, "http://example.com", 710, "Being used by another application", "0",
+       "5000|RD Service is in USED state,|please wait for some time\n", ""},
+      {"not ready", notready, kValidBody, nullptr, 720, "Device not ready", "0",
+       "5000|RD Service is in NOTREADY state,|please wait for some time\n", ""},
+      {"detached", detached, kValidBody, nullptr, 720, "Device not ready", "0",
+       "5000|Device is not connected,|RD Service is in not ready state\n",
+       " | api | capture | Device is not connected, RD Service is in not ready state"},
+      {"schema", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"1\"></PidOptions>", nullptr, 100,
+       "Invalid PidOptions input. XML should strictly adhere to spec.", "0", "5000|Pid options validation failed\n",
+       " | api | capture | Pid options validation failed"},
+      {"other root", nullptr, "<Pid ver=\"1.0\"/>", " http://a.example", 100,
+       "Invalid PidOptions input. XML should strictly adhere to spec.", "0", "5000|Pid options validation failed\n",
+       " | api | capture | Pid options validation failed"},
+      {"pidVer", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" pidVer=\"1.0\"/></PidOptions>", nullptr, 150,
+       "Invalid value for pidVer", "1", "5000|Request xml, parameter invalid\n",
+       " | api | capture | Request xml, parameter invalid"},
+      {"image of three", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"3\" fType=\"1\"/></PidOptions>", nullptr,
+       120, "Invalid value for fCount", "3", "5000|Request xml, parameter invalid\n",
+       " | api | capture | Request xml, parameter invalid"},
+      {"no finger", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>",
+       "http://example.com", -1, "Command Not Sent to Device", "0", "5000|Allowed auth methods failed\n",
+       " | api | capture | Allowed auth methods failed"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    fresh_reports();
+    set_rd_status_ready();
+    set_device_detached(0);
+    if (c.setup) c.setup();
+    ASSERT_EQ(capture(c.body.c_str(), c.origin, area_.data()), 0);
+    expect_pid_data(c.code, c.info, c.fcount, base64(kCertBytes));
+    EXPECT_EQ(head(), capture_head(body().size(), c.origin));
+    EXPECT_TRUE(piped(c.pipe)) << pipe_->received();
+    std::string status = testutil::last_status();
+    if (c.status[0] == '\0') {
+      EXPECT_EQ(status, "");
+    } else {
+      EXPECT_TRUE(status.ends_with(c.status)) << status;
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir_.file("Final.xml")));
+  }
+}
+
+TEST_F(ApiTest, CaptureEmptyBodyAndMissingCertificate) {
+  std::filesystem::remove(dir_.file("cert/public/signed_mc.cer"));
+  fresh_reports();
+  ASSERT_EQ(capture("", nullptr, area_.data()), 0);
+  // An error answer without the certificate still frames the device block.
+  expect_pid_data(100, "Invalid PidOptions input. XML should strictly adhere to spec.", "0", "");
+  EXPECT_EQ(head(), capture_head(body().size(), nullptr));
+  EXPECT_NE(testutil::read_file("rd.log").find("Request_For_Pidblock is null "), std::string::npos);
+}
+
+TEST_F(ApiTest, CaptureLockBusyAndLockMissing) {
+  // Another holder keeps the scanner lock: the wait ends in 710.
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  fresh_reports();
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(capture(kValidBody, nullptr, area_.data()), 0);
+  auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, std::chrono::milliseconds(200));
+  expect_pid_data(710, "Being used by another application", "1", base64(kCertBytes));
+  EXPECT_TRUE(testutil::last_status().ends_with(" | api | capture | Error at to lock semaphore"));
+  ASSERT_EQ(Unlock_Semaphore(), 0);
+
+  // No lock was ever created: an internal error.
+  semaphore_reset_for_test();
+  fresh_reports();
+  ASSERT_EQ(capture(kValidBody, nullptr, area_.data()), 0);
+  expect_pid_data(999, "Internal error", "1", base64(kCertBytes));
+}
+
+TEST_F(ApiTest, DeviceInfoWithAndWithoutCertificate) {
+  struct Case {
+    bool cert;
+    const char* origin;
+  };
+  const Case cases[] = {{true, nullptr}, {true, "http://example.com"}, {false, nullptr}, {false, " null"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.cert ? "cert " : "no cert ") + (c.origin ? c.origin : "no origin"));
+    if (!c.cert) std::filesystem::remove(dir_.file("cert/public/signed_mc.cer"));
+    fresh_reports();
+    ASSERT_EQ(GetDeviceInfo(area_.data(), c.origin), 0);
+    const std::string mc = c.cert ? base64(kCertBytes) : "";
+    const std::string expected =
+        "<DeviceInfo dpId=\"KORVANE.AR\" rdsId=\"QDX.WIN.002\" rdsVer=\"1.0.2\" dc=\"4f3c1a2b-dc\" mi=\"A600\" mc=\"" +
+        mc + "\"><additional_info><Param name=\"srno\" value=\"SN0042\"/></additional_info></DeviceInfo>\n";
+    EXPECT_EQ(body(), expected);
+    EXPECT_EQ(head(), info_head(expected.size(), c.origin));
+    if (c.cert) {
+      EXPECT_EQ(testutil::last_status(), "");
+    } else {
+      EXPECT_TRUE(testutil::last_status().ends_with(
+          std::string(" | api | GetDeviceInfo | device public cert is not present : ") + kCertPath + " "))
+          << testutil::last_status();
+      EXPECT_TRUE(piped(std::string("10000|File Not Found : ") + kCertPath + "\n"));
+    }
+    // The scanner lock is free again.
+    EXPECT_EQ(Lock_Semaphore(), 0);
+    EXPECT_EQ(Unlock_Semaphore(), 0);
+  }
+}
+
+TEST_F(ApiTest, OversizedOriginFallsBackToPlainHead) {
+  const std::string origin(1023, 'o');
+  fresh_reports();
+  set_rd_status_used();
+  ASSERT_EQ(capture(kValidBody, origin.c_str(), area_.data()), 0);
+  EXPECT_EQ(head(), capture_head(body().size(), nullptr));
+  ASSERT_EQ(GetDeviceInfo(area_.data(), origin.c_str()), 0);
+  EXPECT_EQ(head(), info_head(body().size(), nullptr));
+}
+
+}  // namespace

@@ -1,0 +1,655 @@
+// Fingerprint acquisition and the whole capture driver through the simulated
+// scanner (scripted by its control file), the real keystore, the status pipe,
+// and OpenSSL, openjpeg, libxml2 and protobuf-c to read back what was made.
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "auth.pb-c.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "jp2_test_util.h"
+#include "mgmt_core/Base64.h"
+#include "mgmt_core/hash.h"
+#include "mgmt_core/keystore.h"
+#include "platform/platform.h"
+#include "rd_core/pid_crypto.h"
+#include "rd_core/pidblock.h"
+#include "rd_core/pidblock_A600.h"
+#include "rd_core/scanner.h"
+#include "rd_core/uidai_certs.h"
+#include "semaphore/semaphore_syc.h"
+#include "sim_control.h"
+#include "test_util.h"
+
+namespace {
+
+const char kTs[] = "2016-01-21T12:34:56";
+const char kDc[] = "TESTDC-0001";
+
+struct PkeyFree {
+  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
+};
+struct X509Free {
+  void operator()(X509* x) const { X509_free(x); }
+};
+struct BioFree {
+  void operator()(BIO* b) const { BIO_free(b); }
+};
+struct CtxFree {
+  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
+};
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
+
+// The simulator libraries stay loaded for the life of the process, so one copy
+// of them per process, removed when the program ends.
+class SimFolder : public ::testing::Environment {
+ public:
+  static std::string refdll() {
+    static std::string dir = [] {
+      char tmpl[] = "/tmp/vexo_capture_sim_XXXXXX";
+      if (mkdtemp(tmpl) == nullptr) std::abort();
+      base() = tmpl;
+      return sim::install_refdll(tmpl);
+    }();
+    return dir;
+  }
+  void TearDown() override {
+    std::error_code ec;
+    if (!base().empty()) std::filesystem::remove_all(base(), ec);
+  }
+
+ private:
+  static std::string& base() {
+    static std::string b;
+    return b;
+  }
+};
+const auto* const g_sim_env = ::testing::AddGlobalTestEnvironment(new SimFolder);
+
+PkeyPtr public_key_of(const std::string& cert_pem) {
+  std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())));
+  std::unique_ptr<X509, X509Free> x(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
+}
+
+// bs must be the device key's RSA-SHA256 signature over SHA-256(record) + ts + dc.
+bool verify_bs(EVP_PKEY* key, const BioRecord& record, const std::string& ts) {
+  std::vector<std::uint8_t> sig;
+  if (Base64Decode(record.bs, &sig) != 0) return false;
+  Sha256Digest d = sha256(record.bytes);
+  std::string msg(d.begin(), d.end());
+  msg += ts;
+  msg += kDc;
+  std::unique_ptr<EVP_MD_CTX, CtxFree> ctx(EVP_MD_CTX_new());
+  return EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
+         EVP_DigestVerify(ctx.get(), sig.data(), sig.size(),
+                          reinterpret_cast<const unsigned char*>(msg.data()), msg.size()) == 1;
+}
+
+unsigned be(const std::vector<std::uint8_t>& b, std::size_t off, int n) {
+  unsigned long long v = 0;
+  for (int i = 0; i < n; ++i) v = (v << 8) | b[off + static_cast<std::size_t>(i)];
+  return static_cast<unsigned>(v);
+}
+
+PidOptionsRequest make_request(int fcount, int ftype, std::vector<std::string> positions) {
+  PidOptionsRequest r;
+  r.ver = "2.0";
+  r.finger_requested = fcount > 0 ? 1 : 0;
+  r.fCount = fcount;
+  r.fType = ftype;
+  r.positions = std::move(positions);
+  return r;
+}
+
+int count_of(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (std::size_t p = text.find(needle); p != std::string::npos; p = text.find(needle, p + 1)) ++n;
+  return n;
+}
+
+class CaptureTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    pipe_ = std::make_unique<testutil::PipeReader>(work_.path());
+    ASSERT_EQ(create_Pipe(), 0);
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    rd_set_verbose(0);
+    RdIdentity& id = rd_identity();
+    id.scanner_name = "Aratek_A600";
+    id.rdsId = "QDX.WIN.002";
+    id.prefix = "./";
+    id.appdata.clear();
+    id.dpId = "TESTDP";
+    id.mi = "QDX.TST.A600.W";
+    rd_config().dev_pub_key_validity = "1440";
+    rd_config().dc = kDc;
+    rd_config().rd_ver = "1.0.0";
+    set_device_serial("SIM0000001");
+    uidai_certs_reset_for_test();
+
+    std::filesystem::create_directory(work_.file("locks"));
+    platform::set_lock_dir_for_test(work_.file("locks"));
+    semaphore_reset_for_test();
+    ASSERT_EQ(init_semaphore(), 0);
+    set_keystore_node_base_for_test(work_.file("appdata"));
+    platform::Adapter a;
+    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
+    std::copy(std::begin(mac), std::end(mac), a.address);
+    a.index = 2;
+    a.ethernet = true;
+    a.name = a.description = "eth0";
+    platform::set_adapters_for_test(std::vector<platform::Adapter>{a});
+    ASSERT_EQ(GenerateKeyPair(&device_cert_), 0) << log();
+    device_key_ = public_key_of(device_cert_);
+    ASSERT_TRUE(device_key_);
+
+    refdll_ = SimFolder::refdll();
+    ASSERT_EQ(dll_loading(refdll_.c_str()), 0);
+    int g = aratek_sdk().GlobalInit();
+    ASSERT_TRUE(g == 0 || g == ARAFPSCAN_ERROR_ALREADY_INIT) << g;
+    // No beeps or pauses unless a case asks for them.
+    set_capture_timing_for_test(CaptureTiming{0, 0, 0, 0, 0});
+    // The capture runs under the scanner lock, as a request holds it.
+    ASSERT_EQ(Lock_Semaphore(), 0);
+  }
+
+  void TearDown() override {
+    Unlock_Semaphore();
+    set_capture_timing_for_test(CaptureTiming{});
+    sim::remove_control(refdll_);
+    std::error_code ec;
+    std::filesystem::remove(refdll_ + "/sim_calls.log", ec);
+    semaphore_reset_for_test();
+    platform::set_lock_dir_for_test("/tmp");
+    platform::set_adapters_for_test(std::nullopt);
+    set_keystore_node_base_for_test("");
+    uidai_certs_reset_for_test();
+    zlog_fini();
+    pipe_.reset();
+  }
+
+  // Scripts the scanner: no wait per capture, plus the given keys.
+  void script(sim::Keys keys) {
+    keys.emplace_back("capture_wait_ms", "0");
+    keys.emplace_back("call_log", "1");
+    std::error_code ec;
+    std::filesystem::remove(refdll_ + "/sim_calls.log", ec);
+    sim::write_control(refdll_, keys);
+  }
+  std::string calls() { return sim::call_log(refdll_); }
+  std::string log() { return testutil::read_file("rd.log"); }
+  // Pipe messages so far, after a short wait for the reader thread.
+  std::string pipe_text(const std::string& last) {
+    pipe_->wait_for(last, 2000);
+    return pipe_->received();
+  }
+
+  // How often needle has arrived on the pipe, waiting up to 2 s for n of them.
+  int pipe_count(const std::string& needle, int n) {
+    int seen = 0;
+    for (int i = 0; i < 200 && (seen = count_of(pipe_->received(), needle)) < n; ++i) platform::sleep_ms(10);
+    return seen;
+  }
+
+  testutil::WorkDir work_;
+  std::unique_ptr<testutil::PipeReader> pipe_;
+  std::string device_cert_;
+  PkeyPtr device_key_;
+  std::string refdll_;
+};
+
+TEST_F(CaptureTest, DefaultTimingAndWaitRule) {
+  set_capture_timing_for_test(CaptureTiming{});
+  const CaptureTiming t = capture_timing();
+  EXPECT_EQ(t.prompt_beep_ms, 500u);
+  EXPECT_EQ(t.accepted_beep_ms, 900u);
+  EXPECT_EQ(t.low_quality_beep_ms, 900u);
+  EXPECT_EQ(t.recapture_pause_ms, 1500u);
+  EXPECT_EQ(t.between_fingers_ms, 5u);
+
+  struct Case {
+    int given, timeout, seconds;
+  } cases[] = {{0, 0, 20}, {0, 5000, 20}, {1, 10000, 10}, {1, 999, 0}, {1, 1999, 1},
+               {1, 60000, 60}, {1, 0, 0}, {1, -5, 0}, {1, -5000, 0}};
+  for (const Case& c : cases) {
+    PidOptionsRequest r;
+    r.timeout_given = c.given;
+    r.timeout = c.timeout;
+    EXPECT_EQ(capture_wait_seconds(r), c.seconds) << c.given << " " << c.timeout;
+  }
+
+  // Through a capture: the wait is logged and the request's time-out is used up.
+  set_capture_timing_for_test(CaptureTiming{0, 0, 0, 0, 0});
+  script({});
+  PidOptionsRequest r = make_request(1, 0, {"UNKNOWN"});
+  r.timeout_given = 1;
+  r.timeout = 999;
+  std::vector<CapturedFinger> fingers;
+  ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
+  EXPECT_EQ(r.timeout_given, 0);
+  EXPECT_NE(log().find("Timeout value is 0\n"), std::string::npos);
+  ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
+  EXPECT_NE(log().find("Timeout value is 20\n"), std::string::npos);
+}
+
+TEST_F(CaptureTest, DisplayNamesOfPositions) {
+  struct Case {
+    const char* position;
+    const char* shown;
+  } cases[] = {{"LEFT_INDEX", "Left Index"}, {"RIGHT_LITTLE", "Right Little"},
+               {"LEFT_THUMB", "Left Thumb"}, {"RIGHT_MIDDLE", "Right Middle"}};
+  for (const Case& c : cases) EXPECT_EQ(position_display_name(c.position), c.shown);
+
+  // The prompts on the pipe, and "Remove Finger" only between two fingers.
+  struct Prompts {
+    std::vector<std::string> positions;
+    std::string expected;
+  } runs[] = {
+      {{"UNKNOWN"}, "10000|Put Finger\n"},
+      {{}, "10000|Put Finger\n"},
+      {{"LEFT_INDEX"}, "10000|Put Left Index Finger\n"},
+      {{"RIGHT_LITTLE", "LEFT_THUMB"},
+       "10000|Put Right Little Finger\n10000|Remove Finger\n10000|Put Left Thumb Finger\n"},
+  };
+  std::string before;
+  for (const Prompts& p : runs) {
+    script({});
+    PidOptionsRequest r = make_request(p.positions.empty() ? 1 : static_cast<int>(p.positions.size()),
+                                       0, p.positions);
+    std::vector<CapturedFinger> fingers;
+    ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
+    std::string all = pipe_text(p.expected);
+    EXPECT_EQ(all.substr(before.size()), p.expected);
+    before = all;
+    ASSERT_EQ(fingers.size(), r.positions.empty() ? 1u : r.positions.size());
+    EXPECT_EQ(fingers[0].position, p.positions.empty() ? "UNKNOWN" : p.positions[0]);
+  }
+}
+
+TEST_F(CaptureTest, FailuresGiveTheirCodesAndCloseTheDevice) {
+  struct Case {
+    sim::Keys keys;
+    int rc;
+    const char* log_line;
+    const char* pipe;  // "" when nothing is piped after the prompt
+    bool opened;
+  } cases[] = {
+      {{{"capture_results", "-113"}}, 700, "Image capture got timed out", "5000|Capture Timeout\n", true},
+      {{{"capture_results", "-5"}}, 730, "capturing Raw data is failed with error code -5", "5000|Capture Failed\n", true},
+      {{{"open_result", "-1"}}, -1, "opening fp device failed",
+       "5000|Aratek fingerprint scanner:|opening fp device failed\n", false},
+      {{{"present", "0"}}, -1, "opening fp device failed",
+       "5000|Aratek fingerprint scanner:|opening fp device failed\n", false},
+      {{{"image_info_result", "-9"}}, -1, "Getting Image info is failed", "5000|Getting Image info failed\n", true},
+      {{{"led_results", "-7"}}, -1, "Turn_On_Green light failed", "", true},
+      {{{"led_results", "0,-7"}}, -1, "Turn_Off_Green light failed", "", true},
+      {{{"nfiq_result", "-4"}}, -1, "Getting Nfiq value failed", "", true},
+      {{{"quality_result", "-4"}}, -1, "Getting Image quality failed", "", true},
+      {{{"extract_result", "-4"}}, -1, "Extracting ISO Features failed", "", true},
+      {{{"feature_length_result", "-4"}}, -1, "Extracting ISO Features failed", "", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.log_line);
+    script(c.keys);
+    PidOptionsRequest r = make_request(2, 2, {"LEFT_INDEX", "RIGHT_INDEX"});
+    std::vector<CapturedFinger> fingers(1);
+    EXPECT_EQ(FP_Cap(&fingers, r, kTs), c.rc);
+    EXPECT_TRUE(fingers.empty());
+    EXPECT_NE(log().find(std::string(c.log_line) + "\n"), std::string::npos);
+    if (*c.pipe != '\0') {
+      EXPECT_TRUE(pipe_->wait_for(c.pipe)) << pipe_->received();
+    }
+    const std::string trace = calls();
+    if (c.opened) {
+      EXPECT_NE(trace.find("ARAFPSCAN_CloseDevice 0\n"), std::string::npos) << trace;
+    } else {
+      EXPECT_EQ(trace.find("ARAFPSCAN_CloseDevice"), std::string::npos) << trace;
+    }
+  }
+  EXPECT_NE(testutil::last_status().find(" | pidblock_A600 | FP_Cap | Aratek fingerprint scanner: opening fp device failed"),
+            std::string::npos);
+}
+
+TEST_F(CaptureTest, LowNfiqIsCapturedAgainUpToThreeTimes) {
+  // NFIQ 4 then 3: one re-capture, accepted.
+  script({{"nfiq_scores", "4,3"}});
+  PidOptionsRequest r = make_request(1, 0, {"LEFT_RING"});
+  std::vector<CapturedFinger> fingers;
+  ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
+  ASSERT_EQ(fingers.size(), 1u);
+  EXPECT_EQ(fingers[0].nfiq, 3);
+  EXPECT_EQ(count_of(calls(), "ARAFPSCAN_CaptureRawData 0"), 2);
+  EXPECT_EQ(count_of(pipe_text("3000|Low Quality Image\n"), "3000|Low Quality Image\n"), 1);
+  EXPECT_NE(log().find("Nfiq value is 4, going for re-capture\n"), std::string::npos);
+
+  // Three NFIQ 4 images: -1 after two pauses.
+  const unsigned kPause = 150;
+  set_capture_timing_for_test(CaptureTiming{0, 0, 0, kPause, 0});
+  script({{"nfiq_scores", "4,5,4,2"}});
+  const std::uint64_t start = platform::monotonic_ms();
+  EXPECT_EQ(FP_Cap(&fingers, r, kTs), -1);
+  const std::uint64_t elapsed = platform::monotonic_ms() - start;
+  // Two pauses, each right after its re-capture log line; none after the last
+  // rejected image. (No upper bound on the time: the machine may be busy.)
+  EXPECT_GE(elapsed, 2 * kPause);
+  EXPECT_EQ(count_of(log(), "going for re-capture\n"), 1 + 2);
+  EXPECT_EQ(pipe_count("3000|Low Quality Image\n", 1 + 3), 1 + 3);
+  EXPECT_TRUE(fingers.empty());
+  EXPECT_EQ(count_of(calls(), "ARAFPSCAN_CaptureRawData 0"), 3);
+  EXPECT_NE(log().find("Quality of finger is too low, failed to capture bio data\n"), std::string::npos);
+  EXPECT_NE(testutil::last_status().find(
+                " | pidblock_A600 | FP_Cap | Quality of fingerprint image is too low, failed to capture bio data "),
+            std::string::npos)
+      << testutil::last_status();
+}
+
+TEST_F(CaptureTest, RecordsCarryTheScannerValuesAndTheirOwnSignatures) {
+  struct Case {
+    int ftype;
+    std::vector<bool> kinds;  // per finger: false FMR, true FIR
+  } cases[] = {{0, {false}}, {1, {true}}, {2, {false, true}}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.ftype);
+    script({{"minutiae_count", "25"}, {"quality", "64"}, {"image_width", "300"},
+            {"image_height", "400"}, {"resolution", "1000"}});
+    PidOptionsRequest r = make_request(2, c.ftype, {"LEFT_INDEX", "RIGHT_THUMB"});
+    std::vector<CapturedFinger> fingers;
+    ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
+    ASSERT_EQ(fingers.size(), 2u);
+    std::vector<std::string> signatures;
+    for (const CapturedFinger& f : fingers) {
+      EXPECT_EQ(f.qScore, 64);
+      EXPECT_EQ(f.nmPoints, c.ftype == 1 ? 0 : 25);
+      ASSERT_EQ(f.records.size(), c.kinds.size());
+      for (std::size_t k = 0; k < c.kinds.size(); ++k) {
+        const BioRecord& rec = f.records[k];
+        EXPECT_EQ(rec.image, c.kinds[k]);
+        std::vector<std::uint8_t> decoded;
+        ASSERT_EQ(Base64Decode(rec.base64, &decoded), 0);
+        EXPECT_EQ(decoded, rec.bytes);
+        EXPECT_TRUE(verify_bs(device_key_.get(), rec, kTs));
+        EXPECT_FALSE(verify_bs(device_key_.get(), rec, "2016-01-21T12:34:57"));
+        signatures.push_back(rec.bs);
+        if (!rec.image) {
+          ASSERT_GT(rec.bytes.size(), 28u);
+          EXPECT_EQ(std::string(rec.bytes.begin(), rec.bytes.begin() + 4), std::string("FMR\0", 4));
+          EXPECT_EQ(rec.bytes[27], 25);
+          continue;
+        }
+        const std::vector<std::uint8_t>& b = rec.bytes;
+        ASSERT_GT(b.size(), kFirHeaderSize);
+        const std::size_t image_len = b.size() - kFirHeaderSize;
+        struct Field {
+          std::size_t off;
+          int size;
+          unsigned value;
+        } fields[] = {
+            {8, 6, static_cast<unsigned>(b.size())}, {14, 2, 0}, {16, 2, 30}, {18, 1, 1}, {19, 1, 1},
+            {20, 2, 1000}, {22, 2, 1000}, {24, 2, 1000}, {26, 2, 1000}, {28, 1, 8}, {29, 1, 4},
+            {30, 2, 0}, {32, 4, static_cast<unsigned>(14 + image_len)}, {36, 1, 0}, {37, 1, 1},
+            {38, 1, 1}, {39, 1, 64}, {40, 1, 0}, {41, 2, 300}, {43, 2, 400}, {45, 1, 0},
+        };
+        EXPECT_EQ(std::string(b.begin(), b.begin() + 8), std::string("FIR\0" "010\0", 8));
+        for (const Field& fl : fields) EXPECT_EQ(be(b, fl.off, fl.size), fl.value) << "offset " << fl.off;
+        jp2test::DecodedImage img;
+        ASSERT_TRUE(jp2test::decode_jp2(b.data() + kFirHeaderSize, image_len, &img));
+        EXPECT_EQ(img.width, 300);
+        EXPECT_EQ(img.height, 400);
+        EXPECT_NE(log().find("Compressed Rawdatasize = " + std::to_string(image_len) + "\n"), std::string::npos);
+      }
+    }
+    // Every record has its own signature.
+    std::sort(signatures.begin(), signatures.end());
+    EXPECT_EQ(std::unique(signatures.begin(), signatures.end()), signatures.end());
+  }
+}
+
+TEST_F(CaptureTest, NoFingersAndUnreadableKey) {
+  // fCount 0: the device is opened and closed, nothing captured.
+  script({});
+  PidOptionsRequest none = make_request(0, 0, {});
+  std::vector<CapturedFinger> fingers;
+  EXPECT_EQ(FP_Cap(&fingers, none, kTs), 0);
+  EXPECT_TRUE(fingers.empty());
+  EXPECT_EQ(calls().find("ARAFPSCAN_CaptureRawData"), std::string::npos);
+  EXPECT_NE(calls().find("ARAFPSCAN_CloseDevice 0"), std::string::npos);
+
+  // Without the device key no record can be signed.
+  std::filesystem::remove("keystore/enc_private_key");
+  script({});
+  PidOptionsRequest one = make_request(1, 0, {"LEFT_INDEX"});
+  EXPECT_EQ(FP_Cap(&fingers, one, kTs), -1);
+  EXPECT_TRUE(fingers.empty());
+  EXPECT_NE(log().find("Error at to generate bio-sign\n"), std::string::npos);
+  EXPECT_NE(calls().find("ARAFPSCAN_CloseDevice 0"), std::string::npos);
+}
+
+// ------------------------------------------------------------------ capture driver
+
+struct UidaiKey {
+  PkeyPtr key;
+  std::string cert_pem;
+};
+
+// A stand-in UIDAI key pair; the certificate goes where the production one is read.
+UidaiKey make_uidai_cert() {
+  UidaiKey k;
+  k.key.reset(EVP_RSA_gen(2048));
+  std::unique_ptr<X509, X509Free> x(X509_new());
+  X509_set_version(x.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(x.get()), 7);
+  ASN1_TIME_set_string(X509_getm_notBefore(x.get()), "20200101000000Z");
+  ASN1_TIME_set_string(X509_getm_notAfter(x.get()), "20340309120000Z");
+  X509_NAME* name = X509_get_subject_name(x.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Test UIDAI"), -1, -1, 0);
+  X509_set_issuer_name(x.get(), name);
+  X509_set_pubkey(x.get(), k.key.get());
+  X509_sign(x.get(), k.key.get(), EVP_sha256());
+  std::unique_ptr<BIO, BioFree> bio(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(bio.get(), x.get());
+  char* data = nullptr;
+  long len = BIO_get_mem_data(bio.get(), &data);
+  k.cert_pem.assign(data, static_cast<std::size_t>(len));
+  return k;
+}
+
+std::vector<std::uint8_t> rsa_unwrap(EVP_PKEY* key, const std::vector<std::uint8_t>& in) {
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr), EVP_PKEY_CTX_free);
+  std::vector<std::uint8_t> out(512);
+  std::size_t len = out.size();
+  if (EVP_PKEY_decrypt_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      EVP_PKEY_decrypt(ctx.get(), out.data(), &len, in.data(), in.size()) != 1) {
+    return {};
+  }
+  out.resize(len);
+  return out;
+}
+
+// AES-256-GCM decryption with the vector and additional data taken from ts.
+bool gcm_open(const std::vector<std::uint8_t>& key, const std::string& ts, const std::uint8_t* cipher,
+              std::size_t len, const std::uint8_t* tag, std::vector<std::uint8_t>* plain) {
+  const std::string iv = ts.substr(7, 12), aad = ts.substr(3, 16);
+  std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+  int n = 0, fin = 0;
+  plain->assign(len + 16, 0);
+  bool ok = EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) == 1 &&
+            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, 12, nullptr) == 1 &&
+            EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key.data(),
+                               reinterpret_cast<const unsigned char*>(iv.data())) == 1 &&
+            EVP_DecryptUpdate(ctx.get(), nullptr, &n, reinterpret_cast<const unsigned char*>(aad.data()),
+                              static_cast<int>(aad.size())) == 1 &&
+            EVP_DecryptUpdate(ctx.get(), plain->data(), &n, cipher, static_cast<int>(len)) == 1 &&
+            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, const_cast<std::uint8_t*>(tag)) == 1 &&
+            EVP_DecryptFinal_ex(ctx.get(), plain->data() + n, &fin) == 1;
+  plain->resize(ok ? static_cast<std::size_t>(n + fin) : 0);
+  return ok;
+}
+
+struct PidFree {
+  void operator()(In__Gov__Uidai__Authserver__Protobuf__Pid* p) const {
+    in__gov__uidai__authserver__protobuf__pid__free_unpacked(p, nullptr);
+  }
+};
+
+TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
+  UidaiKey uidai = make_uidai_cert();
+  std::filesystem::create_directories("cert/uidai");
+  testutil::write_file("cert/uidai/prod.pem", uidai.cert_pem);
+  std::string dih;
+  ASSERT_EQ(Generate_dih(&dih), 0);
+
+  for (char format : {'P', 'X'}) {
+    SCOPED_TRACE(format);
+    script({{"minutiae_count", "31"}, {"quality_values", "70,55"}});
+    PidOptionsRequest r = make_request(2, 2, {"LEFT_INDEX", "RIGHT_THUMB"});
+    r.format = format;
+    r.otp_given = 1;
+    r.otp = "654321";
+    r.wadh = "wadh-text";
+    EncPidBlock out;
+    ASSERT_EQ(GenerateEncPIDBlock(r, &out), 0);
+    EXPECT_EQ(out.nmPoints, (std::vector<int>{31, 31}));
+    EXPECT_EQ(out.qScore, (std::vector<int>{70, 55}));
+    EXPECT_EQ(out.ci, "20340309");
+
+    std::vector<std::uint8_t> wrapped, data, hmac;
+    ASSERT_EQ(Base64Decode(out.skey, &wrapped), 0);
+    std::vector<std::uint8_t> key = rsa_unwrap(uidai.key.get(), wrapped);
+    ASSERT_EQ(key.size(), 32u);
+    ASSERT_EQ(Base64Decode(out.data, &data), 0);
+    ASSERT_GT(data.size(), 19u + 16u);
+    const std::string ts(data.begin(), data.begin() + 19);
+    std::vector<std::uint8_t> plain;
+    ASSERT_TRUE(gcm_open(key, ts, data.data() + 19, data.size() - 35, data.data() + data.size() - 16, &plain));
+    ASSERT_EQ(Base64Decode(out.hmac, &hmac), 0);
+    ASSERT_EQ(hmac.size(), 48u);
+    std::vector<std::uint8_t> digest;
+    ASSERT_TRUE(gcm_open(key, ts, hmac.data(), 32, hmac.data() + 32, &digest));
+    Sha256Digest want = sha256(plain);
+    EXPECT_EQ(digest, std::vector<std::uint8_t>(want.begin(), want.end()));
+
+    // The plain block: records in capture order, each signed with this ts.
+    struct Bio {
+      std::string type, posh;
+      std::vector<std::uint8_t> content;
+      std::string bs;
+    };
+    std::vector<Bio> bios;
+    std::string pid_ts, pid_dih, otp;
+    if (format == 'P') {
+      std::unique_ptr<In__Gov__Uidai__Authserver__Protobuf__Pid, PidFree> pid(
+          in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
+      ASSERT_TRUE(pid);
+      pid_ts = pid->ts;
+      EXPECT_STREQ(pid->ver, "2.0");
+      EXPECT_STREQ(pid->wadh, "wadh-text");
+      pid_dih = pid->bios->dih;
+      otp = pid->pv ? pid->pv->otp : "";
+      for (std::size_t i = 0; i < pid->bios->n_bio; ++i) {
+        const auto* b = pid->bios->bio[i];
+        bios.push_back({b->type == 0 ? "FMR" : "FIR", b->posh == 3 ? "LEFT_INDEX" : b->posh == 12 ? "RIGHT_THUMB" : "?",
+                        std::vector<std::uint8_t>(b->content.data, b->content.data + b->content.len), b->bs});
+      }
+    } else {
+      std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> doc(
+          xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0),
+          xmlFreeDoc);
+      ASSERT_TRUE(doc);
+      auto prop = [](xmlNode* n, const char* a) {
+        xmlChar* v = xmlGetProp(n, BAD_CAST a);
+        std::string s = v ? reinterpret_cast<const char*>(v) : "";
+        xmlFree(v);
+        return s;
+      };
+      xmlNode* root = xmlDocGetRootElement(doc.get());
+      pid_ts = prop(root, "ts");
+      EXPECT_EQ(prop(root, "ver"), "2.0");
+      EXPECT_EQ(prop(root, "wadh"), "wadh-text");
+      for (xmlNode* n = root->children; n; n = n->next) {
+        if (n->type != XML_ELEMENT_NODE) continue;
+        if (xmlStrEqual(n->name, BAD_CAST "Pv")) otp = prop(n, "otp");
+        if (!xmlStrEqual(n->name, BAD_CAST "Bios")) continue;
+        pid_dih = prop(n, "dih");
+        for (xmlNode* b = n->children; b; b = b->next) {
+          if (b->type != XML_ELEMENT_NODE) continue;
+          xmlChar* content = xmlNodeGetContent(b);
+          std::vector<std::uint8_t> bytes;
+          EXPECT_EQ(Base64Decode(reinterpret_cast<const char*>(content), &bytes), 0);
+          xmlFree(content);
+          bios.push_back({prop(b, "type"), prop(b, "posh"), bytes, prop(b, "bs")});
+        }
+      }
+    }
+    EXPECT_EQ(pid_ts, ts);
+    EXPECT_EQ(pid_dih, dih);
+    EXPECT_EQ(otp, "654321");
+    ASSERT_EQ(bios.size(), 4u);
+    const char* order[4][2] = {{"FMR", "LEFT_INDEX"}, {"FIR", "LEFT_INDEX"}, {"FMR", "RIGHT_THUMB"}, {"FIR", "RIGHT_THUMB"}};
+    for (std::size_t i = 0; i < 4; ++i) {
+      SCOPED_TRACE(i);
+      EXPECT_EQ(bios[i].type, order[i][0]);
+      EXPECT_EQ(bios[i].posh, order[i][1]);
+      BioRecord rec;
+      rec.bytes = bios[i].content;
+      rec.bs = bios[i].bs;
+      EXPECT_TRUE(verify_bs(device_key_.get(), rec, ts));
+      EXPECT_EQ(std::string(rec.bytes.begin(), rec.bytes.begin() + 3), i % 2 ? "FIR" : "FMR");
+    }
+  }
+}
+
+TEST_F(CaptureTest, DriverFailuresGiveTheirCodes) {
+  struct Case {
+    const char* name;
+    sim::Keys keys;
+    bool drop_key;
+    bool wrong_checksum;
+    int rc;
+    const char* pipe;
+  } cases[] = {
+      {"timeout", {{"capture_results", "-113"}}, false, false, 700, "5000|Capture Timeout\n"},
+      {"capture error", {{"capture_results", "-6"}}, false, false, 730, "5000|Capture Failed\n"},
+      {"no device", {{"present", "0"}}, false, false, 999, "5000|Internal Error\n"},
+      {"certificate", {}, false, true, 240, "10000|Error at Generate encrypted and|plain sessionKey\n"},
+      {"no key", {}, true, false, 999, "5000|Internal Error\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.drop_key) std::filesystem::remove("keystore/enc_private_key");
+    if (c.wrong_checksum) set_uidai_prod_checksum(std::string(64, '0'));
+    script(c.keys);
+    PidOptionsRequest r = make_request(1, 0, {"LEFT_INDEX"});
+    EncPidBlock out;
+    out.data = "stale";
+    EXPECT_EQ(GenerateEncPIDBlock(r, &out), c.rc);
+    EXPECT_TRUE(out.data.empty() && out.hmac.empty() && out.skey.empty() && out.nmPoints.empty());
+    EXPECT_TRUE(pipe_->wait_for(c.pipe)) << pipe_->received();
+    EXPECT_NE(calls().find("ARAFPSCAN_OpenDevice"), std::string::npos);
+    if (c.wrong_checksum) {
+      EXPECT_NE(testutil::last_status().find(
+                    " | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
+                std::string::npos)
+          << testutil::last_status();
+      set_uidai_prod_checksum("");
+    }
+  }
+  EXPECT_NE(log().find("Error at FP Capture\n"), std::string::npos);
+  EXPECT_NE(log().find("Error at GenerateEncandPlainSessionKey \n"), std::string::npos);
+}
+
+}  // namespace

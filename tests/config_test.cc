@@ -1,0 +1,468 @@
+// The CRC seal, config.ini reading under the scanner lock, the writers, the
+// proxy file and the exported setters, all on real files in a temporary folder.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "init/config.h"
+#include "init/file_crc.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "platform/platform.h"
+#include "semaphore/semaphore_syc.h"
+#include "test_util.h"
+#include "vexo.h"
+
+namespace {
+
+using testutil::read_file;
+using testutil::write_file;
+
+constexpr char kBase[] = "https://mgmt.example.test:8443/Zelm";
+
+std::uint16_t crc_of(const std::string& s) {
+  return crc16_update(0, reinterpret_cast<const std::uint8_t*>(s.data()), s.size());
+}
+
+std::string crc_bytes(std::uint16_t crc, bool swapped = false) {
+  char lo = static_cast<char>(crc & 0xFF);
+  char hi = static_cast<char>(crc >> 8);
+  return swapped ? std::string{hi, lo} : std::string{lo, hi};
+}
+
+using Keys = std::vector<std::pair<std::string, std::string>>;
+
+Keys full_keys() {
+  std::string domain;
+  EXPECT_EQ(encrypt_domain_name(kBase, &domain), 0);
+  return {{"IS_SSL_ENABLE", "1"}, {"Verbose", "1"},        {"RD_VER", "1.0.4"},
+          {"DEV_PUB_KEY_VALIDITY", "1440"}, {"dc", "3f2a-77"}, {"DOMAIN_NAME", domain},
+          {"PROD_REGISTER_URL", "https://prod.example.test/register"}};
+}
+
+void write_sealed_config(const Keys& keys) {
+  std::string text = "[config]\n";
+  for (const auto& [k, v] : keys) text += k + " = " + v + "\n";
+  write_file("config.ini", text);
+  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+}
+
+std::vector<std::string> folder_entries(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& e : std::filesystem::directory_iterator(dir)) {
+    names.push_back(e.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+class ConfigTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    rd_log_reset_for_test();
+    rd_config() = RdConfig();
+    rd_set_verbose(0);
+    platform::set_lock_dir_for_test(dir_.path());
+    set_lock_timeouts_for_test(200, 200);
+    semaphore_reset_for_test();
+    rd_identity().scanner_name = "Aratek_A600";
+    ASSERT_EQ(init_semaphore(), 0);
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+  }
+  void TearDown() override {
+    semaphore_reset_for_test();
+    zlog_fini();
+    rd_log_reset_for_test();
+    rd_set_verbose(0);
+  }
+  // The run log so far (flushed by closing and reopening it).
+  std::string log() {
+    zlog_fini();
+    std::string text = read_file("rd.log");
+    zlog_init("rd.log");
+    return text;
+  }
+  // True when the scanner lock can be taken (and is then released again).
+  static bool lock_is_free() {
+    if (Lock_Semaphore() != 0) return false;
+    return Unlock_Semaphore() == 0;
+  }
+  testutil::WorkDir dir_;
+};
+
+TEST(Crc16, CheckValueAndBlockwiseFeeding) {
+  EXPECT_EQ(crc_of("123456789"), 0x31C3);
+  EXPECT_EQ(crc_of(""), 0);
+  EXPECT_EQ(crc_of("A"), 0x58E5);
+  std::string big(3000, '\0');
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + 3);
+  const auto* p = reinterpret_cast<const std::uint8_t*>(big.data());
+  std::uint16_t split = crc16_update(crc16_update(0, p, 1000), p + 1000, 2000);
+  EXPECT_EQ(split, crc_of(big));
+}
+
+TEST(Seal, VerifyTable) {
+  testutil::WorkDir dir;
+  const std::string body = "[config]\nRD_VER = 1.0.4\n";
+  std::string big(1500, 'x');
+  big[700] = 'y';  // the second 512-byte block must count
+  const struct {
+    const char* name;
+    bool write_data;
+    std::string data;
+    bool write_crc;
+    std::string crc;
+    std::uint8_t kind;
+    int expected;
+  } cases[] = {
+      {"match", true, body, true, crc_bytes(crc_of(body)), 1, 0},
+      {"kinds 2 and 3 are the same routine", true, body, true, crc_bytes(crc_of(body)), 2, 0},
+      {"kind 3", true, body, true, crc_bytes(crc_of(body)), 3, 0},
+      {"kind 4", true, body, true, crc_bytes(crc_of(body)), 4, 3},
+      {"kind 0 opens nothing", false, "", false, "", 0, 0},
+      {"bytes swapped", true, body, true, crc_bytes(crc_of(body), true), 1, 3},
+      {"longer crc file", true, body, true, crc_bytes(crc_of(body)) + "\r\ntrailer", 1, 0},
+      {"one-byte crc file", true, body, true, crc_bytes(crc_of(body)).substr(0, 1), 1, 3},
+      {"no crc file", true, body, false, "", 1, 3},
+      {"no data file", false, "", true, crc_bytes(0), 1, 3},
+      {"empty data file", true, "", true, crc_bytes(0), 1, 3},
+      {"one-byte data file", true, "A", true, crc_bytes(crc_of("A")), 1, 3},
+      {"two-byte data file", true, "AB", true, crc_bytes(crc_of("AB")), 1, 0},
+      {"several blocks", true, big, true, crc_bytes(crc_of(big)), 1, 0},
+      {"one byte changed", true, body + "x", true, crc_bytes(crc_of(body)), 1, 3},
+  };
+  for (const auto& c : cases) {
+    std::remove("data.ini");
+    std::remove("crc.bin");
+    if (c.write_data) write_file("data.ini", c.data);
+    if (c.write_crc) write_file("crc.bin", c.crc);
+    EXPECT_EQ(verify_crc(c.kind, "data.ini", "crc.bin"), c.expected) << c.name;
+  }
+  EXPECT_EQ(verify_crc(1, nullptr, "crc.bin"), 3);
+}
+
+TEST(Seal, AddWritesTwoBytesLowFirst) {
+  testutil::WorkDir dir;
+  const std::string body = "[config]\ndc = \nRD_VER = 2.0\n";
+  write_file("config.ini", body);
+  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  EXPECT_EQ(read_file("bin_crc.txt"), crc_bytes(crc_of(body)));
+  EXPECT_EQ(read_file("config.ini"), body);  // "ab+" never changes the data
+  EXPECT_EQ(verify_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  // Resealing after an edit replaces the old seal entirely.
+  write_file("bin_crc.txt", "0123456789");
+  write_file("config.ini", body + "Verbose = 1\n");
+  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  EXPECT_EQ(read_file("bin_crc.txt").size(), 2u);
+
+  const struct {
+    const char* name;
+    std::uint8_t kind;
+    const char* data;
+    const char* crc;
+    int expected;
+  } failures[] = {
+      {"kind 0 touches nothing", 0, "absent.ini", "absent.crc", 0},
+      {"kind 4", 4, "./config.ini", "x.crc", 3},
+      {"no data path", 1, nullptr, "x.crc", 3},
+      {"crc file cannot be created", 1, "./config.ini", "no/such/dir/crc", -1},
+      {"missing data is created empty and then fails the check", 1, "new.ini", "new.crc", 3},
+  };
+  for (const auto& f : failures) {
+    EXPECT_EQ(add_crc(f.kind, f.data, f.crc), f.expected) << f.name;
+  }
+  EXPECT_FALSE(platform::file_exists("absent.ini"));
+  EXPECT_FALSE(platform::file_exists("absent.crc"));
+  EXPECT_FALSE(platform::file_exists("x.crc"));
+  EXPECT_TRUE(platform::file_exists("new.ini"));
+  EXPECT_EQ(platform::file_size("new.ini"), 0);
+}
+
+TEST(DomainName, RoundTripAndRefusals) {
+  const char* urls[] = {kBase, "http://127.0.0.1:9000", "x", "https://h/a%20b?c=d&e=f#g"};
+  for (const char* url : urls) {
+    std::string value;
+    std::string back;
+    ASSERT_EQ(encrypt_domain_name(url, &value), 0) << url;
+    EXPECT_EQ(value.find(url), std::string::npos) << url;
+    ASSERT_EQ(decrypt_domain_name(value, &back), 0) << url;
+    EXPECT_EQ(back, url);
+  }
+  std::string out = "stale";
+  EXPECT_EQ(encrypt_domain_name("", &out), -1);
+  EXPECT_EQ(out, "");
+  const char* bad[] = {"", "not base64!", "QUJDRA==", "AAAAAAAAAAAAAAAAAAAAAA=="};
+  for (const char* v : bad) {
+    out = "stale";
+    EXPECT_EQ(decrypt_domain_name(v, &out), -1) << v;
+    EXPECT_EQ(out, "") << v;
+  }
+}
+
+TEST_F(ConfigTest, ReadsEveryKeyAndBuildsTheEndpoints) {
+  write_sealed_config(full_keys());
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(read_config_file(), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("URL is: ") + kBase + "\n");
+  const RdConfig& c = rd_config();
+  EXPECT_EQ(c.ssl_enable_text, "1");
+  EXPECT_EQ(c.ssl_enabled, 1);
+  EXPECT_EQ(c.verbose, 1);
+  EXPECT_EQ(rd_verbose(), 1);
+  EXPECT_EQ(c.rd_ver, "1.0.4");
+  EXPECT_EQ(c.dev_pub_key_validity, "1440");
+  EXPECT_EQ(c.dc, "3f2a-77");
+  EXPECT_EQ(c.dc_missing, 0);
+  EXPECT_EQ(c.prod_register_url, "https://prod.example.test/register");
+  const std::string b = kBase;
+  EXPECT_EQ(c.mgmt_url_register, b + "/rest/register/");
+  EXPECT_EQ(c.mgmt_url_keyrotation, b + "/rest/keyRotation/");
+  EXPECT_EQ(c.mgmt_url_uidaiupdate, b + "/rest/uidaiUpdate");
+  EXPECT_EQ(c.mgmt_url_updatestatus, b + "/rest/updateStatus");
+  EXPECT_EQ(c.mgmt_url_softupdate, b + "/rest/softUpdate/");
+  EXPECT_EQ(c.mgmt_url_getcert_pp, b + "/rest/getCert/PP");
+  EXPECT_EQ(c.mgmt_url_getcert_p, b + "/rest/getCert/P");
+  EXPECT_TRUE(lock_is_free());
+  const std::string text = log();
+  for (const char* line : {" - CRC check is passed\n", " - Hex_Data is ", " - Hex data length is ",
+                           " - Decoded binary data length is 48\n", " - URL Length is 35\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+}
+
+TEST_F(ConfigTest, OptionalKeysAndEmptyDc) {
+  Keys keys = full_keys();
+  keys.erase(keys.begin(), keys.begin() + 2);  // no IS_SSL_ENABLE, no Verbose
+  keys.pop_back();                             // no PROD_REGISTER_URL
+  keys[2].second = "";                         // "dc = "
+  write_sealed_config(keys);
+  rd_config().ssl_enabled = 7;
+  rd_config().verbose = 7;
+  rd_config().prod_register_url = "old";
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(read_config_file(), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(rd_config().ssl_enabled, 0);
+  EXPECT_EQ(rd_config().verbose, 0);
+  EXPECT_EQ(rd_verbose(), 0);
+  EXPECT_EQ(rd_config().prod_register_url, "");
+  EXPECT_EQ(rd_config().dc, "");
+  EXPECT_EQ(rd_config().dc_missing, 1);
+  EXPECT_NE(log().find(" - DC value is null\n"), std::string::npos);
+}
+
+TEST_F(ConfigTest, MissingRequiredKeyStopsTheReading) {
+  const struct {
+    const char* key;
+    int expected;
+    const char* message;
+  } cases[] = {
+      {"RD_VER", -4, " - iniparser_getstring Failed For getting RD VER\n"},
+      {"DEV_PUB_KEY_VALIDITY", -18, " -  iniparser_getstring Failed For getting dev cert validity days\n"},
+      {"dc", -10, " -  iniparser_getstring Failed For getting DC\n"},
+      {"DOMAIN_NAME", -13, " -  iniparser_getstring Failed For getting DOMAIN_NAME\n"},
+  };
+  const char* order[] = {"RD_VER", "DEV_PUB_KEY_VALIDITY", "dc", "DOMAIN_NAME"};
+  for (const auto& c : cases) {
+    Keys keys = full_keys();
+    std::erase_if(keys, [&](const auto& kv) { return kv.first == c.key; });
+    write_sealed_config(keys);
+    RdConfig& cfg = rd_config();
+    cfg.rd_ver = cfg.dev_pub_key_validity = cfg.dc = cfg.mgmt_url_register = "sentinel";
+    EXPECT_EQ(read_config_file(), c.expected) << c.key;
+    EXPECT_NE(log().find(c.message), std::string::npos) << c.key;
+    EXPECT_TRUE(lock_is_free()) << c.key;
+    // Keys before the missing one are read, the ones after keep their values.
+    bool after = false;
+    for (const char* k : order) {
+      std::string got = std::strcmp(k, "RD_VER") == 0                 ? cfg.rd_ver
+                        : std::strcmp(k, "DEV_PUB_KEY_VALIDITY") == 0 ? cfg.dev_pub_key_validity
+                        : std::strcmp(k, "dc") == 0                   ? cfg.dc
+                                                                      : cfg.mgmt_url_register;
+      if (std::strcmp(k, c.key) == 0) after = true;
+      if (after) {
+        EXPECT_EQ(got, "sentinel") << c.key << " then " << k;
+      } else {
+        EXPECT_NE(got, "sentinel") << c.key << " then " << k;
+      }
+    }
+  }
+}
+
+TEST_F(ConfigTest, SealLockDecryptionAndLoadFailures) {
+  // A hand edit after sealing fails before the lock is taken.
+  write_sealed_config(full_keys());
+  write_file("config.ini", read_file("config.ini") + "Verbose = 0\n");
+  EXPECT_EQ(read_config_file(), -1);
+  EXPECT_NE(log().find(" - verify_crc failed\n"), std::string::npos);
+
+  // A DOMAIN_NAME under another key: -1, and the lock is free afterwards.
+  Keys keys = full_keys();
+  keys[5].second = "AAAAAAAAAAAAAAAAAAAAAA==";
+  write_sealed_config(keys);
+  rd_config().mgmt_url_register = "sentinel";
+  EXPECT_EQ(read_config_file(), -1);
+  EXPECT_NE(log().find(" - Decryption failed\n"), std::string::npos);
+  EXPECT_EQ(rd_config().mgmt_url_register, "sentinel");
+  EXPECT_TRUE(lock_is_free());
+
+  // A URL whose endpoints would not fit is refused rather than cut.
+  keys = full_keys();
+  ASSERT_EQ(encrypt_domain_name("https://h/" + std::string(490, 'p'), &keys[5].second), 0);
+  write_sealed_config(keys);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(read_config_file(), -1);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(rd_config().mgmt_url_register, "sentinel");
+  EXPECT_TRUE(lock_is_free());
+
+  // An INI line the parser cannot take: -2 and the lock is released.
+  keys = full_keys();
+  keys.push_back({"COMMENT", std::string(1500, 'c')});
+  write_sealed_config(keys);
+  EXPECT_EQ(read_config_file(), -2);
+  EXPECT_NE(log().find(" - Error in opening file ./config.ini\n"), std::string::npos);
+  EXPECT_TRUE(lock_is_free());
+
+  // Another holder of the scanner lock: -1 after the wait.
+  write_sealed_config(full_keys());
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  int rc = 0;
+  std::thread([&] { rc = read_config_file(); }).join();
+  EXPECT_EQ(rc, -1);
+  EXPECT_NE(log().find(" - Error at lock semaphore\n"), std::string::npos);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
+}
+
+TEST_F(ConfigTest, WritersKeepOtherKeysAndReplaceTheFileWhole) {
+  write_sealed_config(full_keys());
+  ASSERT_EQ(write_config_file("NEW-DC-9"), 0);
+  // The writer does not reseal; the caller does.
+  EXPECT_EQ(verify_crc(1, "./config.ini", "bin_crc.txt"), 3);
+  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  ASSERT_EQ(write_config_file_ssl_enable("0123456789"), 0);
+  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(read_config_file(), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(rd_config().dc, "NEW-DC-9");
+  EXPECT_EQ(rd_config().ssl_enable_text, "0123456");
+  EXPECT_EQ(rd_config().rd_ver, "1.0.4");
+  EXPECT_EQ(rd_config().mgmt_url_getcert_p, std::string(kBase) + "/rest/getCert/P");
+  EXPECT_EQ(folder_entries(dir_.path()),
+            (std::vector<std::string>{"Global_QDX_WIN_010.lock", "bin_crc.txt", "config.ini",
+                                      "rd.log"}));
+  std::remove("config.ini");
+  EXPECT_EQ(write_config_file("x"), -1);
+  EXPECT_EQ(WriteToIniFile(nullptr, "./config.ini"), -1);
+}
+
+TEST_F(ConfigTest, HttpsSetApiReseals) {
+  testutil::PipeReader pipe(dir_.path());
+  ASSERT_EQ(create_Pipe(), 0);
+  write_sealed_config(full_keys());
+  write_file("last_acces_time_file", "1700000000");
+  ASSERT_EQ(Https_Set_Api("0"), 0);
+  EXPECT_EQ(rd_config().ssl_enable_text, "0");
+  EXPECT_EQ(verify_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  EXPECT_FALSE(platform::file_exists("last_acces_time_file"));
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(read_config_file(), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(rd_config().ssl_enabled, 0);
+  EXPECT_EQ(rd_config().dc, "3f2a-77");
+  ASSERT_EQ(Https_Set_Api("1"), 0);  // no access-time file: still fine
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(read_config_file(), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(rd_config().ssl_enabled, 1);
+
+  std::remove("config.ini");
+  EXPECT_EQ(Https_Set_Api("1"), -1);
+  EXPECT_NE(testutil::last_status().find(" | Error at writing ssl enable to config file "),
+            std::string::npos);
+  EXPECT_TRUE(pipe.wait_for("10000|Writing ssl value to config file failed\n"));
+  EXPECT_EQ(Https_Set_Api(nullptr), -1);
+}
+
+TEST_F(ConfigTest, ProxyRoundTrip) {
+  testutil::PipeReader pipe(dir_.path());
+  ASSERT_EQ(create_Pipe(), 0);
+  const std::string long_field(1100, 'u');
+  const struct {
+    std::string proxy_text;
+    int set;
+    int read;
+    const char* url;
+    const char* user;
+    const char* password;
+  } cases[] = {
+      {"http://proxy:3128|bob|s3cret", 0, 0, "http://proxy:3128", "bob", "s3cret"},
+      {"http://proxy:3128|bob|s3cret|fourth|fifth", 0, 0, "http://proxy:3128", "bob", "s3cret"},
+      {"http://proxy:3128||p;#=ss word", 0, 0, "http://proxy:3128", "", "p;#=ss word"},
+      {"http://proxy:3128|bob|", -1, 0, nullptr, nullptr, nullptr},
+      {"http://proxy:3128|bob", -1, 0, nullptr, nullptr, nullptr},
+      {"http://proxy:3128|bob|x", 0, -1, nullptr, nullptr, nullptr},  // stored plain
+      {"http://proxy:3128|" + long_field + "|pw", -1, 0, nullptr, nullptr, nullptr},
+  };
+  for (const auto& c : cases) {
+    std::remove("proxy.ini");
+    EXPECT_EQ(Set_Proxy_Api(c.proxy_text.c_str()), c.set) << c.proxy_text;
+    if (c.set != 0) continue;
+    const std::string file = read_file("proxy.ini");
+    EXPECT_EQ(file.find("\n[config]\n"), 0u) << file;
+    rd_config().proxy_password = "stale";
+    EXPECT_EQ(read_proxy_file(), c.read) << c.proxy_text;
+    if (c.read != 0) continue;
+    EXPECT_EQ(file.find(c.password), std::string::npos) << "password stored in clear: " << file;
+    EXPECT_EQ(rd_config().proxy_url, c.url);
+    EXPECT_EQ(rd_config().proxy_username, c.user);
+    EXPECT_EQ(rd_config().proxy_password, c.password);
+  }
+  EXPECT_NE(testutil::last_status().find(" | Error at writing proxy_url to proxy file "),
+            std::string::npos)
+      << testutil::last_status();
+  EXPECT_TRUE(pipe.wait_for("10000|Write proxy_url to config file failed\n"));
+  EXPECT_NE(log().find(" - Encryption failed\n"), std::string::npos);
+}
+
+TEST_F(ConfigTest, ProxyFileReadingAndRemoval) {
+  const struct {
+    const char* file;
+    int expected;
+    const char* password;
+  } cases[] = {
+      {"[config]\nPROXY_URL = http://p:1\nUSERNAME = u\nPASSWORD = \n", 0, ""},
+      {"[config]\nUSERNAME = u\nPASSWORD = \n", -1, nullptr},
+      {"[config]\nPROXY_URL = http://p:1\nPASSWORD = \n", -1, nullptr},
+      {"[config]\nPROXY_URL = http://p:1\nUSERNAME = u\n", -1, nullptr},
+      {"[config]\nPROXY_URL = http://p:1\nUSERNAME = u\nPASSWORD = plain\n", -1, nullptr},
+  };
+  for (const auto& c : cases) {
+    write_file("proxy.ini", c.file);
+    EXPECT_EQ(read_proxy_file(), c.expected) << c.file;
+    if (c.expected == 0) {
+      EXPECT_EQ(rd_config().proxy_password, c.password);
+    }
+  }
+  // Without the file there is no proxy, and removing it again is no error.
+  EXPECT_EQ(Remove_Proxy_Api(), 0);
+  EXPECT_FALSE(platform::file_exists("proxy.ini"));
+  EXPECT_EQ(Remove_Proxy_Api(), 0);
+  rd_config().proxy_url = "http://old";
+  EXPECT_EQ(read_proxy_file(), 0);
+  EXPECT_EQ(rd_config().proxy_url, "");
+  EXPECT_NE(log().find(" - opening ./proxy.ini file failed, MEANS local machine is not using proxy\n"),
+            std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,1 @@
+vexo_add_test(crypto_test crypto_test.cc)

@@ -1,0 +1,633 @@
+// Pid block encryption for UIDAI, the certificate choice and its checksum
+// test, the device identity hash and the biometric signatures. Everything the
+// library makes is opened again here with OpenSSL: the wrapped key with the
+// test's UIDAI private key, Data and Hmac with AES-256-GCM, the signatures
+// with the public key.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "mgmt_core/Base64.h"
+#include "mgmt_core/hash.h"
+#include "mgmt_core/keystore.h"
+#include "platform/platform.h"
+#include "rd_core/dig_sign.h"
+#include "rd_core/pid_crypto.h"
+#include "rd_core/uidai_certs.h"
+#include "semaphore/semaphore_syc.h"
+#include "test_util.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using testutil::read_file;
+
+// unique_ptr deleter calling an OpenSSL free function.
+template <auto Fn>
+struct Free {
+  template <class T>
+  void operator()(T* p) const { Fn(p); }
+};
+using BioPtr = std::unique_ptr<BIO, Free<BIO_free_all>>;
+using X509Ptr = std::unique_ptr<X509, Free<X509_free>>;
+
+Bytes bytes_of(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+std::string bio_text(BIO* mem) {
+  char* data = nullptr;
+  long len = BIO_get_mem_data(mem, &data);
+  return std::string(data, static_cast<std::size_t>(len));
+}
+
+// One RSA-2048 key per test process stands in for UIDAI's and the device's keys.
+EVP_PKEY* test_key() {
+  static PkeyPtr key(EVP_RSA_gen(2048));
+  return key.get();
+}
+
+// A self-signed certificate over key whose not-after is not_after ("YYYYMMDDHHMMSSZ").
+std::string make_cert_pem(EVP_PKEY* key, const char* not_after) {
+  X509Ptr x(X509_new());
+  X509_set_version(x.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(x.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(x.get()), 0);
+  EXPECT_EQ(ASN1_TIME_set_string_X509(X509_getm_notAfter(x.get()), not_after), 1);
+  X509_set_pubkey(x.get(), key);
+  X509_NAME* name = X509_get_subject_name(x.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Test UIDAI"), -1,
+                             -1, 0);
+  X509_set_issuer_name(x.get(), name);
+  EXPECT_GT(X509_sign(x.get(), key, EVP_sha256()), 0);
+  BioPtr mem(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(mem.get(), x.get());
+  return bio_text(mem.get());
+}
+
+PkeyPtr public_key_of_cert(const std::string& pem) {
+  BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  X509Ptr x(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
+}
+
+std::string private_key_pem(EVP_PKEY* key, bool pkcs8) {
+  BioPtr mem(BIO_new(BIO_s_mem()));
+  if (pkcs8) {
+    PEM_write_bio_PrivateKey(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+  } else {
+    PEM_write_bio_PrivateKey_traditional(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+  }
+  return bio_text(mem.get());
+}
+
+std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
+  std::unique_ptr<EVP_PKEY_CTX, Free<EVP_PKEY_CTX_free>> ctx(EVP_PKEY_CTX_new(key, nullptr));
+  std::size_t len = 0;
+  if (EVP_PKEY_decrypt_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      EVP_PKEY_decrypt(ctx.get(), nullptr, &len, wrapped.data(), wrapped.size()) != 1) {
+    return std::nullopt;
+  }
+  Bytes out(len);
+  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) return std::nullopt;
+  out.resize(len);
+  return out;
+}
+
+// AES-256-GCM decryption; nullopt when the tag does not verify.
+std::optional<Bytes> gcm_open(const std::uint8_t* key, const std::string& iv, const std::string& aad,
+                              const Bytes& cipher, const Bytes& tag) {
+  std::unique_ptr<EVP_CIPHER_CTX, Free<EVP_CIPHER_CTX_free>> ctx(EVP_CIPHER_CTX_new());
+  int len = 0;
+  Bytes out(cipher.size() + 16);
+  if (EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) != 1 ||
+      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()), nullptr) != 1 ||
+      EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key, reinterpret_cast<const std::uint8_t*>(iv.data())) != 1 ||
+      EVP_DecryptUpdate(ctx.get(), nullptr, &len, reinterpret_cast<const std::uint8_t*>(aad.data()),
+                        static_cast<int>(aad.size())) != 1) {
+    return std::nullopt;
+  }
+  int n1 = 0, n2 = 0;
+  if (!cipher.empty() &&
+      EVP_DecryptUpdate(ctx.get(), out.data(), &n1, cipher.data(), static_cast<int>(cipher.size())) != 1) {
+    return std::nullopt;
+  }
+  Bytes t = tag;
+  if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, t.data()) != 1 ||
+      EVP_DecryptFinal_ex(ctx.get(), out.data() + n1, &n2) != 1) {
+    return std::nullopt;
+  }
+  out.resize(static_cast<std::size_t>(n1 + n2));
+  return out;
+}
+
+bool rsa_sha256_verify(EVP_PKEY* key, const Bytes& message, const Bytes& sig) {
+  std::unique_ptr<EVP_MD_CTX, Free<EVP_MD_CTX_free>> ctx(EVP_MD_CTX_new());
+  return EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
+         EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), message.data(), message.size()) == 1;
+}
+
+Bytes decode(const std::string& text) {
+  Bytes out;
+  EXPECT_EQ(Base64Decode(text, &out), 0) << text;
+  return out;
+}
+
+bool contains(const std::string& hay, const std::string& needle) { return hay.find(needle) != std::string::npos; }
+
+// Test certificates, each with its own expiry so that ci shows which one was used.
+struct TestCert {
+  UidaiCert which;
+  const char* not_after;
+  const char* ci;
+};
+constexpr TestCert kTestCerts[] = {
+    {UidaiCert::kStage, "20300101000000Z", "20300101"},
+    {UidaiCert::kPreProd, "20300202000000Z", "20300202"},
+    {UidaiCert::kProd, "20300303000000Z", "20300303"},
+    {UidaiCert::kProdOld, "20300404000000Z", "20300404"},
+};
+
+class CryptoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    rd_log_reset_for_test();
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    uidai_certs_reset_for_test();
+    rd_config().mgmt_url_register.clear();
+    rd_config().prod_register_url.clear();
+  }
+  void TearDown() override {
+    zlog_fini();
+    uidai_certs_reset_for_test();
+    platform::set_time_for_test(std::nullopt);
+    rd_log_reset_for_test();
+  }
+  // Places the test certificates as the working-folder copies.
+  void install_test_certs() {
+    std::filesystem::create_directories("cert/uidai");
+    for (const TestCert& c : kTestCerts) {
+      testutil::write_file(uidai_cert_path(c.which), make_cert_pem(test_key(), c.not_after));
+    }
+  }
+  std::string log() { return read_file("rd.log"); }
+  std::string cert_hash(UidaiCert which) { return hex_lower(sha256(std::string_view(uidai_cert_in_force(which)))); }
+
+  testutil::WorkDir dir_;
+};
+
+TEST_F(CryptoTest, BuiltInCertificatesAreTheDataFilesByteForByte) {
+  struct Case {
+    UidaiCert which;
+    const char* file;
+    std::size_t length;
+    const char* sha256;
+  } cases[] = {
+      {UidaiCert::kStage, "stage.pem", 1434, "694265716a6c8d5fcfe8ebb9e3d3fcef77738e58a47608aacb1f266750b52d97"},
+      {UidaiCert::kPreProd, "preprod.pem", 2203, "49d93a16760d0adc99c09dcb506b54129fc9e5c8c6581a45d5f6466055e7c939"},
+      {UidaiCert::kProd, "prod.pem", 2203, "02fb61de373a363f39b2af9e8d38757febaab6ae15bd2350a80788aceab043c0"},
+      {UidaiCert::kProdOld, "prod_old.pem", 2045, "3f874aec46eea0a7f520779567cbf294ffe4f3c2343404bf1d9dc7b5c85f42cb"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    std::string_view built_in = uidai_builtin_cert(c.which);
+    EXPECT_EQ(uidai_cert_file_name(c.which), std::string(c.file));
+    EXPECT_EQ(built_in.size(), c.length);
+    EXPECT_EQ(hex_lower(sha256(built_in)), c.sha256);
+    EXPECT_EQ(built_in, read_file(std::string(VEXO_SOURCE_DIR) + "/data/uidai/" + c.file));
+    // Without a working-folder copy the built-in text is in force.
+    EXPECT_EQ(uidai_cert_in_force(c.which), built_in);
+  }
+  EXPECT_TRUE(contains(std::string(uidai_builtin_cert(UidaiCert::kStage)), "-----\r\n"));
+  EXPECT_NE(uidai_builtin_cert(UidaiCert::kProd).back(), '\n');
+}
+
+TEST_F(CryptoTest, BuiltInCertificatesWrapTheKeyAndGiveTheirExpiry) {
+  struct Case {
+    const char* env;
+    bool prod_newer;
+    const char* ci;
+  } cases[] = {
+      {"S", true, "20250825"}, {"PP", true, "20250929"}, {"P", true, "20250923"},
+      {"P", false, "20221021"}, {"", true, "20250923"}, {"X", false, "20221021"},
+  };
+  const Bytes key(32, 0x5a);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string("env ") + c.env);
+    set_uidai_prod_cert_newer(c.prod_newer);
+    Bytes out;
+    std::string ci;
+    ASSERT_EQ(uid_rsa_public_encrypt(c.env, key, &out, &ci), 0);
+    EXPECT_EQ(ci, c.ci);
+    EXPECT_EQ(out.size(), 256u);  // every UIDAI key is RSA-2048
+  }
+}
+
+TEST_F(CryptoTest, CertificateTimeTextToCi) {
+  struct Case {
+    const char* text;
+    int rc;
+    const char* ci;
+  } cases[] = {
+      {"Jun  1 10:00:00 2027 GMT", 0, "20270601"},
+      {"Aug 25 00:00:00 2025 GMT", 0, "20250825"},
+      {"Dec 31 23:59:59 9999 GMT", 0, "99991231"},
+      {"Jan  9 08:00:00.25 2030 GMT", 0, "20300109"},
+      {"jun  1 10:00:00 2027 GMT", -1, ""},
+      {"Foo  1 10:00:00 2027 GMT", -1, ""},
+      {"Jun 32 10:00:00 2027 GMT", -1, ""},
+      {"Jun 1x 10:00:00 2027 GMT", -1, ""},
+      {"Jun  1 10:00:00 20x7 GMT", -1, ""},
+      {"Jun  1 10:00:00", -1, ""},
+      {"", -1, ""},
+  };
+  for (const Case& c : cases) {
+    std::string ci = "stale";
+    EXPECT_EQ(cert_time_text_to_ci(c.text, &ci), c.rc) << c.text;
+    EXPECT_EQ(ci, c.ci) << c.text;
+  }
+  // The same through a real certificate: OpenSSL prints its not-after as
+  // "Jun  1 10:00:00 2027 GMT".
+  std::filesystem::create_directories("cert/uidai");
+  testutil::write_file(uidai_cert_path(UidaiCert::kProd), make_cert_pem(test_key(), "20270601100000Z"));
+  Bytes out;
+  std::string ci;
+  ASSERT_EQ(uid_rsa_public_encrypt("P", Bytes(32, 1), &out, &ci), 0);
+  EXPECT_EQ(ci, "20270601");
+}
+
+TEST_F(CryptoTest, SessionKeyIsWrappedForTheCertificateOfTheEnvironment) {
+  install_test_certs();
+  struct Case {
+    const char* env;
+    bool prod_newer;
+    const char* ci;
+    const char* logged;
+  } cases[] = {
+      {"S", true, "20300101", nullptr},
+      {"PP", true, "20300202", "Pre-Prod UIDAI Certificate is VAID"},
+      {"P", true, "20300303", "Prod UIDAI Certificate is VALID"},
+      {"P", false, "20300404", "Prod UIDAI Certificate is VALID"},
+  };
+  std::vector<Bytes> keys;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string("env ") + c.env);
+    set_uidai_prod_cert_newer(c.prod_newer);
+    std::uint8_t key[32];
+    std::string skey, ci;
+    ASSERT_EQ(GenerateEncandPlainSessionKey(c.env, key, &skey, &ci), 0);
+    EXPECT_EQ(ci, c.ci);
+    std::optional<Bytes> unwrapped = rsa_unwrap(test_key(), decode(skey));
+    ASSERT_TRUE(unwrapped.has_value());
+    EXPECT_EQ(*unwrapped, Bytes(key, key + 32));
+    keys.push_back(*unwrapped);
+    if (c.logged) {
+      EXPECT_TRUE(contains(log(), c.logged));
+    }
+  }
+  // A fresh key for every capture.
+  for (std::size_t i = 1; i < keys.size(); ++i) EXPECT_NE(keys[i], keys[0]);
+
+  Bytes out = {9};
+  std::string ci = "x";
+  EXPECT_EQ(uid_rsa_public_encrypt("P", {}, &out, &ci), -1);
+  EXPECT_TRUE(out.empty());
+  EXPECT_TRUE(contains(log(), "ERROR  (rsa:uid_rsa_public_encrypt:"));
+  EXPECT_TRUE(contains(log(), ") - Invalid Input parameters, Either indata or inlen is null\n"));
+}
+
+TEST_F(CryptoTest, StagingUsesTheProductionCertificateOnlyForTheProductionServer) {
+  install_test_certs();
+  const std::string prod_url = "https://ms.example.in/rd/register";
+  struct Case {
+    const char* register_url;
+    const char* prod_register_url;
+    bool wrong_prod_checksum;
+    int rc;
+    const char* ci;
+  } cases[] = {
+      // Not the production server: staging certificate, no checksum test at all.
+      {"https://stage.example.in/rd/register", "https://ms.example.in/rd/register", true, 0, "20300101"},
+      {"", "", true, 0, "20300101"},
+      {"https://ms.example.in/rd/register", "", true, 0, "20300101"},
+      // The production server: the current production certificate and its test.
+      {"https://ms.example.in/rd/register", "https://ms.example.in/rd/register", false, 0, "20300303"},
+      {"https://ms.example.in/rd/register", "https://ms.example.in/rd/register", true, 240, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.register_url) + " / " + c.prod_register_url);
+    std::filesystem::remove("rd.log");
+    zlog_fini();
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    rd_config().mgmt_url_register = c.register_url;
+    rd_config().prod_register_url = c.prod_register_url;
+    set_uidai_prod_checksum(c.wrong_prod_checksum ? std::string(64, '0') : cert_hash(UidaiCert::kProd));
+    set_uidai_preprod_checksum(std::string(64, '0'));
+    Bytes out;
+    std::string ci;
+    EXPECT_EQ(uid_rsa_public_encrypt("S", Bytes(32, 7), &out, &ci), c.rc);
+    EXPECT_EQ(ci, c.ci);
+    std::string text = log();
+    bool switched = c.ci != std::string("20300101");
+    EXPECT_EQ(contains(text, "MS URL is production URL, But RD Service request is for stagging"), switched);
+    EXPECT_EQ(contains(text, "Prod UIDAI Certificate is VAID"), switched && c.rc == 0);
+    EXPECT_EQ(contains(text, "Check-Sum"), c.rc == 240);
+    if (!switched) {
+      EXPECT_FALSE(contains(text, "cert_checksum is"));
+    }
+  }
+}
+
+TEST_F(CryptoTest, WrongChecksumGives240AndAnUpdateAttempt) {
+  install_test_certs();
+  const std::string wrong(64, 'f');
+  struct Case {
+    const char* env;
+    bool prod_newer;
+    bool wrong_prod;
+    bool wrong_preprod;
+    int rc;
+    const char* verdict;
+  } cases[] = {
+      {"P", true, true, false, 240, "Prod UIDAI Certificate is INVAID"},
+      {"P", true, false, true, 0, "Prod UIDAI Certificate is VALID"},
+      {"PP", true, false, true, 240, "Pre-Prod UIDAI Certificate is INVAID"},
+      {"PP", true, true, false, 0, "Pre-Prod UIDAI Certificate is VAID"},
+      {"P", false, true, false, 240, "Prod UIDAI Certificate is INVAID"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string("env ") + c.env + (c.wrong_prod ? " wrong prod" : " wrong preprod"));
+    std::filesystem::remove("rd.log");
+    zlog_fini();
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    rd_log_reset_for_test();
+    set_uidai_prod_cert_newer(c.prod_newer);
+    UidaiCert prod = c.prod_newer ? UidaiCert::kProd : UidaiCert::kProdOld;
+    set_uidai_prod_checksum(c.wrong_prod ? wrong : cert_hash(prod));
+    set_uidai_preprod_checksum(c.wrong_preprod ? wrong : cert_hash(UidaiCert::kPreProd));
+
+    std::uint8_t key[32];
+    std::string skey = "stale", ci;
+    EXPECT_EQ(GenerateEncandPlainSessionKey(c.env, key, &skey, &ci), c.rc);
+    std::string text = log();
+    EXPECT_TRUE(contains(text, c.verdict));
+    if (c.rc == 0) {
+      EXPECT_FALSE(skey.empty());
+      EXPECT_FALSE(contains(text, "Check-Sum"));
+      continue;
+    }
+    EXPECT_TRUE(skey.empty());
+    EXPECT_TRUE(ci.empty());
+    UidaiCert checked = std::string(c.env) == "PP" ? UidaiCert::kPreProd : prod;
+    EXPECT_TRUE(contains(text, "INFO   (rsa:check_valid_cert:"));
+    EXPECT_TRUE(contains(text, ") - cert_checksum is " + wrong + "\n"));
+    EXPECT_TRUE(contains(text, ") - hash_buf is " + cert_hash(checked) + "\n"));
+    EXPECT_TRUE(contains(text, "ERROR  (rsa:check_valid_cert:"));
+    EXPECT_TRUE(contains(text, ") - Check-Sum Verification failed\n"));
+    EXPECT_TRUE(contains(text, ") - Going To download New version of RD Service\n"));
+    EXPECT_TRUE(contains(text, ") - ..... Software_Update Failed ......\n"));
+    EXPECT_TRUE(contains(text, ") - Error at  session key encryption with UIDAI public key \n"));
+    std::string status = testutil::last_status();
+    EXPECT_TRUE(contains(status, " | rsa | check_valid_cert | Certificate Check-Sum Verification failed "))
+        << status;
+  }
+}
+
+TEST_F(CryptoTest, UnusableCertificateInForceFails) {
+  std::filesystem::create_directories("cert/uidai");
+  struct Case {
+    const char* content;
+    const char* message;
+  } cases[] = {
+      {"not a certificate", "Error at PEM_read_X509"},
+      {"-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n", "Error at PEM_read_X509"},
+  };
+  for (const Case& c : cases) {
+    testutil::write_file(uidai_cert_path(UidaiCert::kProd), c.content);
+    std::string ci;
+    std::string skey = "stale";
+    std::uint8_t key[32];
+    EXPECT_EQ(GenerateEncandPlainSessionKey("P", key, &skey, &ci), -1);
+    EXPECT_TRUE(skey.empty());
+    EXPECT_TRUE(contains(log(), c.message));
+  }
+}
+
+TEST_F(CryptoTest, DataAndHmacOpenWithTheSessionKey) {
+  const std::string ts = "2016-01-21T12:34:56";
+  const std::string iv = "-21T12:34:56";
+  const std::string aad = "6-01-21T12:34:56";
+  Bytes big(100000);
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i * 31 + 7);
+  const std::vector<Bytes> pids = {
+      bytes_of("<Pid ts=\"2016-01-21T12:34:56\" ver=\"2.0\" wadh=\"\"><Bios><Bio type=\"FMR\" posh=\"UNKNOWN\" "
+               "bs=\"x\">AAAA</Bio></Bios></Pid>"),
+      Bytes{0},
+      Bytes{},
+      big,
+  };
+  std::uint8_t key[32];
+  ASSERT_EQ(GenerateSessionKey(256, 32, key), 0);
+  for (const Bytes& pid : pids) {
+    SCOPED_TRACE("pid length " + std::to_string(pid.size()));
+    std::string data_text, hmac_text;
+    ASSERT_EQ(GenerateEncPID_EncPIDHash(pid, key, ts, &data_text, &hmac_text), 0);
+
+    Bytes data = decode(data_text);
+    ASSERT_EQ(data.size(), 19 + pid.size() + 16);
+    EXPECT_EQ(std::string(data.begin(), data.begin() + 19), ts);
+    Bytes cipher(data.begin() + 19, data.end() - 16);
+    Bytes tag(data.end() - 16, data.end());
+    std::optional<Bytes> plain = gcm_open(key, iv, aad, cipher, tag);
+    ASSERT_TRUE(plain.has_value());
+    EXPECT_EQ(*plain, pid);
+    // The tag covers the additional data and the ciphertext.
+    EXPECT_FALSE(gcm_open(key, iv, "7-01-21T12:34:56", cipher, tag).has_value());
+    Bytes bad_tag = tag;
+    bad_tag[0] ^= 1;
+    EXPECT_FALSE(gcm_open(key, iv, aad, cipher, bad_tag).has_value());
+
+    Bytes hmac = decode(hmac_text);
+    ASSERT_EQ(hmac.size(), 48u);
+    std::optional<Bytes> digest =
+        gcm_open(key, iv, aad, Bytes(hmac.begin(), hmac.begin() + 32), Bytes(hmac.begin() + 32, hmac.end()));
+    ASSERT_TRUE(digest.has_value());
+    Sha256Digest expected = sha256(pid);
+    EXPECT_EQ(*digest, Bytes(expected.begin(), expected.end()));
+  }
+
+  // A timestamp that is not 19 characters long gives no IV or additional data.
+  for (const char* bad_ts : {"", "2016-01-21T12:34", "2016-01-21T12:34:567"}) {
+    std::string data_text = "stale", hmac_text = "stale";
+    EXPECT_EQ(GenerateEncPID_EncPIDHash(pids[0], key, bad_ts, &data_text, &hmac_text), 999) << bad_ts;
+    EXPECT_TRUE(data_text.empty());
+    EXPECT_TRUE(hmac_text.empty());
+  }
+}
+
+TEST_F(CryptoTest, CaptureTimestampIsIst) {
+  struct Case {
+    std::time_t now;
+    int rc;
+    const char* ts;
+  } cases[] = {
+      {0, 0, "1970-01-01T05:30:00"},
+      {1453359896, 0, "2016-01-21T12:34:56"},  // 07:04:56 UTC
+      {-1, -1, ""},
+  };
+  for (const Case& c : cases) {
+    platform::set_time_for_test(c.now);
+    std::string ts = "stale";
+    EXPECT_EQ(capture_timestamp(&ts), c.rc);
+    EXPECT_EQ(ts, c.ts);
+  }
+}
+
+TEST_F(CryptoTest, DihHashesTheSixIdentityValues) {
+  struct Identity {
+    std::string dpId = "QDX", rdsId = "QDX.WIN.002", rdsVer = "1.0.0", dc = "dc-uuid", mi = "A600", srno = "S123";
+  };
+  auto apply = [](const Identity& v) {
+    rd_identity().dpId = v.dpId;
+    rd_identity().rdsId = v.rdsId;
+    rd_config().rd_ver = v.rdsVer;
+    rd_config().dc = v.dc;
+    rd_identity().mi = v.mi;
+    set_device_serial(v.srno);
+  };
+  Identity base;
+  apply(base);
+  std::string dih;
+  ASSERT_EQ(Generate_dih(&dih), 0);
+  // Computed outside the library: base64(sha256(dpId rdsId rdsVer dc mi hex(sha256(srno)))).
+  EXPECT_EQ(dih, "2pWslpH9xL8uqIEGXSd+Fe/L5HJwe2aO5i5evA4a6OA=");
+  EXPECT_TRUE(contains(log(), "INFO   (bio_sign:Generate_dih:"));
+
+  std::vector<std::pair<const char*, Identity>> changes;
+  Identity v;
+  v = base; v.dpId = "QDY"; changes.push_back({"dpId", v});
+  v = base; v.rdsId = "QDX.WIN.001"; changes.push_back({"rdsId", v});
+  v = base; v.rdsVer = "1.0.1"; changes.push_back({"rdsVer", v});
+  v = base; v.dc = "dc-uuie"; changes.push_back({"dc", v});
+  v = base; v.mi = "A400"; changes.push_back({"mi", v});
+  v = base; v.srno = "S124"; changes.push_back({"srno", v});
+  for (const auto& [field, values] : changes) {
+    apply(values);
+    std::string other;
+    ASSERT_EQ(Generate_dih(&other), 0) << field;
+    EXPECT_EQ(other.size(), 44u) << field;
+    EXPECT_NE(other, dih) << field;
+  }
+}
+
+TEST_F(CryptoTest, SignaturesVerifyWithThePublicKey) {
+  const Bytes message = bytes_of("message to sign");
+  for (bool pkcs8 : {true, false}) {
+    SCOPED_TRACE(pkcs8 ? "PKCS#8" : "PKCS#1");
+    PkeyPtr key;
+    ASSERT_EQ(make_keys(private_key_pem(test_key(), pkcs8), &key), 0);
+    ASSERT_TRUE(key);
+    Bytes sig = {1, 2, 3};
+    ASSERT_EQ(sign_it(message, &sig, key.get()), 0);
+    EXPECT_EQ(sig.size(), 256u);
+    EXPECT_TRUE(rsa_sha256_verify(test_key(), message, sig));
+    EXPECT_FALSE(rsa_sha256_verify(test_key(), bytes_of("message to sigm"), sig));
+  }
+
+  // Keys that cannot sign for UIDAI leave the holder empty.
+  PkeyPtr ec(EVP_EC_gen("P-256"));
+  std::string rsa_pem = private_key_pem(test_key(), true);
+  const std::string bad_pems[] = {"", "garbage", rsa_pem.substr(0, rsa_pem.size() / 2),
+                                  private_key_pem(ec.get(), true)};
+  for (const std::string& pem : bad_pems) {
+    PkeyPtr key;
+    ASSERT_EQ(make_keys(rsa_pem, &key), 0);
+    EXPECT_EQ(make_keys(pem, &key), -1) << pem;
+    EXPECT_FALSE(key);
+  }
+  EXPECT_EQ(make_keys(rsa_pem, nullptr), -1);
+
+  PkeyPtr key;
+  ASSERT_EQ(make_keys(rsa_pem, &key), 0);
+  Bytes sig = {1};
+  EXPECT_EQ(sign_it({}, &sig, key.get()), -1);
+  EXPECT_TRUE(sig.empty());
+  EXPECT_EQ(sign_it(message, &sig, nullptr), -1);
+  EXPECT_EQ(sign_it(message, nullptr, key.get()), -1);
+  EXPECT_TRUE(contains(log(), ") - sign_it invalid parameter passed\n"));
+}
+
+// Generate_bio_sign against a real keystore made by GenerateKeyPair.
+class BioSignTest : public CryptoTest {
+ protected:
+  void SetUp() override {
+    CryptoTest::SetUp();
+    std::filesystem::create_directories("locks");
+    std::filesystem::create_directories("node");
+    platform::set_lock_dir_for_test(dir_.file("locks"));
+    set_keystore_node_base_for_test(dir_.file("node"));
+    platform::Adapter nic;
+    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
+    std::copy(mac, mac + 6, nic.address);
+    nic.ethernet = true;
+    nic.name = "eth0";
+    platform::set_adapters_for_test(std::vector<platform::Adapter>{nic});
+    rd_identity().scanner_name = "Aratek_A600";
+    rd_identity().rdsId = "QDX.WIN.002";
+    rd_config().dev_pub_key_validity = "1440";
+    rd_config().dc = "8e1f7c3a-dc";
+    semaphore_reset_for_test();
+    ASSERT_EQ(init_semaphore(), 0);
+  }
+  void TearDown() override {
+    platform::set_adapters_for_test(std::nullopt);
+    semaphore_reset_for_test();
+    CryptoTest::TearDown();
+  }
+};
+
+TEST_F(BioSignTest, BioSignVerifiesOverRecordDigestTsAndDc) {
+  // No keystore yet: no signature.
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  std::string bs = "stale";
+  EXPECT_EQ(Generate_bio_sign(bytes_of("record"), "2016-01-21T12:34:56", &bs), -1);
+  EXPECT_TRUE(bs.empty());
+  EXPECT_TRUE(contains(log(), ") - Error at to GetDevicePrivateKeyFromFile\n"));
+  Unlock_Semaphore();
+
+  std::string cert_pem;
+  ASSERT_EQ(GenerateKeyPair(&cert_pem), 0);
+  PkeyPtr device_public = public_key_of_cert(cert_pem);
+  ASSERT_TRUE(device_public);
+
+  const Bytes record = bytes_of("FMR\x01\x02\x03 minutiae bytes");
+  struct Case {
+    const char* ts;
+  } cases[] = {{"2016-01-21T12:34:56"}, {"2016-01-21T12:34:57"}};
+  std::vector<std::string> signatures;
+  for (const Case& c : cases) {
+    ASSERT_EQ(Lock_Semaphore(), 0);
+    int rc = Generate_bio_sign(record, c.ts, &bs);
+    Unlock_Semaphore();
+    ASSERT_EQ(rc, 0) << c.ts;
+    Sha256Digest digest = sha256(record);
+    Bytes signed_bytes(digest.begin(), digest.end());
+    const std::string tail = std::string(c.ts) + rd_config().dc;
+    signed_bytes.insert(signed_bytes.end(), tail.begin(), tail.end());
+    EXPECT_TRUE(rsa_sha256_verify(device_public.get(), signed_bytes, decode(bs))) << c.ts;
+    signatures.push_back(bs);
+  }
+  EXPECT_NE(signatures[0], signatures[1]);
+  EXPECT_TRUE(contains(log(), ") - Generation of bio-sign is successful\n"));
+}
+
+}  // namespace

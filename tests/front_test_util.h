@@ -1,0 +1,157 @@
+// Helpers of the listener, dispatch and TLS tests: start the real listener in
+// the test process, hold ports, and read the run log.
+#ifndef VEXO_TESTS_FRONT_TEST_UTIL_H
+#define VEXO_TESTS_FRONT_TEST_UTIL_H
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "http/server.h"
+#include "http/work_area.h"
+#include "init/rd_log.h"
+#include "test_util.h"
+
+namespace fronttest {
+
+// Binds the listener and runs the accept loop on a detached thread (it never
+// returns; the test process ends it). Returns the port, 0 on failure.
+inline int start_server() {
+  static platform::socket_t server = platform::kInvalidSocket;
+  if (prepare_http_socket(&server) != 0) return 0;
+  std::thread(client_connection_handler, &server).detach();
+  return service_port();
+}
+
+// A socket bound to 127.0.0.1:port with SO_REUSEADDR, not listening: if the
+// listener also set that option it could bind the same port, which it must not.
+inline int hold_port(int port) {
+  int s = ::socket(AF_INET, SOCK_STREAM, 0);
+  int one = 1;
+  ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::close(s);
+    return -1;
+  }
+  return s;
+}
+
+inline int connect_to(int port) {
+  int s = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::close(s);
+    return -1;
+  }
+  return s;
+}
+
+// Reads until the peer closes or timeout_ms of silence.
+inline std::string read_until_close(int s, int timeout_ms = 5000) {
+  std::string answer;
+  char buf[8192];
+  for (;;) {
+    pollfd p{s, POLLIN, 0};
+    if (::poll(&p, 1, timeout_ms) <= 0) break;
+    ssize_t n = ::recv(s, buf, sizeof buf, 0);
+    if (n <= 0) break;
+    answer.append(buf, static_cast<std::size_t>(n));
+  }
+  return answer;
+}
+
+// Sends the pieces with a pause between them, then reads the answer. The
+// client half-closes first, so the TIME_WAIT state stays on its side and the
+// service ports are free again for the next test.
+inline std::string exchange_pieces(int port, const std::vector<std::string>& pieces, int pause_ms) {
+  int s = connect_to(port);
+  if (s < 0) return "";
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+    (void)::send(s, pieces[i].data(), pieces[i].size(), MSG_NOSIGNAL);
+  }
+  ::shutdown(s, SHUT_WR);
+  std::string answer = read_until_close(s);
+  ::close(s);
+  return answer;
+}
+
+inline std::string round_trip(int port, const std::string& request) { return exchange_pieces(port, {request}, 0); }
+
+// True when a socket can bind 127.0.0.1:port the way the listener does.
+inline bool port_bindable(int port) {
+  int s = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool ok = ::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  ::close(s);
+  return ok;
+}
+
+inline std::string log_text() { return testutil::read_file("rd.log"); }
+
+// True when the log holds a line "(file:func:N) - text" after offset.
+inline bool log_has(const std::string& file, const std::string& func, const std::string& text,
+                    std::size_t offset = 0) {
+  std::string log = log_text();
+  std::string site = "(" + file + ":" + func + ":";
+  for (std::size_t pos = log.find(site, offset); pos != std::string::npos; pos = log.find(site, pos + 1)) {
+    std::size_t dash = log.find(") - ", pos);
+    if (dash != std::string::npos && log.compare(dash + 4, text.size() + 1, text + "\n") == 0) return true;
+  }
+  return false;
+}
+
+// Waits up to timeout_ms for log_has to become true.
+inline bool wait_log(const std::string& file, const std::string& func, const std::string& text,
+                     std::size_t offset = 0, int timeout_ms = 3000) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (std::chrono::steady_clock::now() < end) {
+    if (log_has(file, func, text, offset)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return log_has(file, func, text, offset);
+}
+
+// The error header as clients receive it, written out independently of the code.
+inline std::string error_header(int code, int port, const std::string& path, const char* origin = nullptr) {
+  std::string head = "HTTP/1.1 " + std::to_string(code);
+  std::string tail = "\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + std::to_string(port) + path +
+                     "\r\nContent-Length: 0\r\nContent-Type: text/xml\r\nConnection: close\r\n";
+  if (origin != nullptr) return head + " " + tail + "Access-Control-Allow-Origin: " + origin + "\r\n\r\n";
+  return head + tail + "\r\n";
+}
+
+inline std::string ok_header(int port, const std::string& path, std::size_t length, const char* origin = nullptr) {
+  std::string loc = "http://127.0.0.1:" + std::to_string(port) + path;
+  return "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: " + loc + "\r\nContent-Length: " +
+         std::to_string(length) + "\r\nContent-Type: text/xml\r\nConnection: close\r\nAccess-Control-Allow-Origin: " +
+         (origin ? std::string(origin) : loc) + "\r\n\r\n";
+}
+
+inline std::string discovery_body(const std::string& status, const std::string& mi) {
+  return "<RDService status=\"" + status + "\" info=\"Korvane RD service(" + mi +
+         ") is running\">\n\t<Interface id=\"CAPTURE\" path=\"/rd/capture\" />\n\t<Interface id=\"DEVICEINFO\" "
+         "path=\"/rd/info\" />\n\t<Interface id=\"POSTAUTH\" path=\"/rd/postauth\" />\n</RDService>\n";
+}
+
+}  // namespace fronttest
+
+#endif  // VEXO_TESTS_FRONT_TEST_UTIL_H

@@ -1,0 +1,372 @@
+// Start-up, plug events and the host program, on real working folders laid
+// out by vexoctl, with the simulated scanner.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "http/work_area.h"
+#include "init/init.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "platform/platform.h"
+#include "semaphore/semaphore_syc.h"
+#include "sim_control.h"
+#include "test_util.h"
+#include "vexo.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testutil::read_file;
+
+int count_of(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (std::size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
+  return n;
+}
+
+// Runs a command and returns its exit status.
+int run(const std::string& command) {
+  int rc = std::system(command.c_str());
+  return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+}
+
+std::string vexoctl() { return std::string(VEXO_BUILD_DIR) + "/vexoctl"; }
+
+// A working folder laid out by vexoctl, with a status FIFO, a private lock
+// folder, a fixed network adapter and APPDATA inside it.
+class StartupTest : public ::testing::Test {
+ protected:
+  void SetUp() override { layout(false); }
+
+  void layout(bool tls) {
+    init_reset_for_test();
+    semaphore_reset_for_test();
+    rd_log_reset_for_test();
+    set_rd_status_ready();
+    set_device_detached(0);
+    set_device_serial("");
+    std::string cmd = vexoctl() + " init-workdir " + dir_.path() +
+                      " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm" + (tls ? " --tls" : "") +
+                      " > /dev/null";
+    ASSERT_EQ(run(cmd), 0);
+    refdll_ = dir_.file("RefDll");
+    sim::write_control(refdll_, {{"serial", "SERIAL-A"}, {"capture_wait_ms", "0"}});
+    fs::create_directories(dir_.file("locks"));
+    platform::set_lock_dir_for_test(dir_.file("locks"));
+    platform::Adapter eth;
+    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
+    std::copy(mac, mac + 6, eth.address);
+    eth.index = 2;
+    eth.ethernet = true;
+    eth.name = "eth0";
+    platform::set_adapters_for_test(std::vector<platform::Adapter>{eth});
+    setenv("APPDATA", dir_.file("appdata").c_str(), 1);
+    fs::create_directories(dir_.file("appdata"));
+  }
+
+  void TearDown() override {
+    zlog_fini();
+    platform::set_adapters_for_test(std::nullopt);
+    unsetenv("APPDATA");
+  }
+
+  testutil::WorkDir dir_;
+  testutil::PipeReader pipe_{dir_.path()};
+  std::string refdll_;
+};
+
+TEST_F(StartupTest, FirstCallSucceedsAndSecondSkipsOneTimeSteps) {
+  fs::create_directories("cert/public");
+  testutil::write_file("cert/public/signed_mc.cer", "certificate");
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+  EXPECT_NE(testutil::last_status().find(" | init | Initialize_process | Initialize_process Success "), std::string::npos)
+      << testutil::last_status();
+  EXPECT_EQ(read_file("Serial_number"), "SERIAL-A");
+  EXPECT_EQ(get_device_serial(), "SERIAL-A");
+  EXPECT_EQ(rd_identity().rdsId, "QDX.WIN.002");
+  EXPECT_EQ(rd_identity().mi, "QDX.ARA.A600.W");
+  EXPECT_EQ(rd_identity().dpId, "KORVANE.QDX");
+  EXPECT_EQ(rd_identity().clId.size(), 5u);
+  EXPECT_EQ(rd_log_size_limit_kb(), 2048);
+  EXPECT_EQ(rd_identity().device_changed, 1);  // no Serial_number before
+
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+  EXPECT_EQ(rd_identity().device_changed, 0);  // same scanner, device certificate present
+  std::string log = read_file("rd.log");
+  struct {
+    const char* text;
+    int count;
+  } expected[] = {
+      {") - zlog initialized successfully\n", 1},
+      {") - Pipe created successfully\n", 1},
+      {") - DLL Loading SUCCESS\n", 1},
+      {") - init_semaphore success\n", 1},
+      {") - Config file reading is successful\n", 1},
+      {") - IsFilePresent function success\n", 2},
+      {") - fingerprint is attached, serial number is SERIAL-A\n", 2},
+      {") - Serial_number file is not there\n", 1},
+      {") - old_serial_number is: SERIAL-A\n", 1},
+      {") - old_serial_number and serial_number are same\n", 1},
+      {") - Returning from Initialize_process\n", 2},
+  };
+  for (const auto& e : expected) EXPECT_EQ(count_of(log, e.text), e.count) << e.text;
+}
+
+struct FailureCase {
+  const char* name;
+  void (*damage)(const std::string& refdll);
+  const char* scanner;
+  int expected;
+  const char* status;  // expected part of the last-status line
+};
+
+const FailureCase kFailureCases[] = {
+    {"NoSealFile", [](const std::string&) { fs::remove("bin_crc.txt"); }, "Aratek_A600", -16,
+     "File Not Found : bin_crc.txt"},
+    {"NoConfig", [](const std::string&) { fs::remove("config.ini"); }, "Aratek_A600", -16,
+     "File Not Found : config.ini"},
+    {"NoServerCertificate", [](const std::string&) { fs::remove("cert/server.crt"); }, "Aratek_A600", -16,
+     "File Not Found : cert/server.crt"},
+    {"UnknownScanner", [](const std::string&) {}, "NIKON_X1", -3, ""},
+    {"NoDevice", [](const std::string& refdll) { sim::write_control(refdll, {{"present", "0"}}); }, "Aratek_A600",
+     -10, "fingerprint device not attached, err_code: -3 "},
+    {"VendorLibraryMissing", [](const std::string& refdll) { fs::remove(refdll + "/libAraTrustFinger.so"); },
+     "Aratek_A600", kDllLoadingFailed, ""},
+    {"GlobalInitFails",
+     [](const std::string& refdll) { sim::write_control(refdll, {{"global_init_result", "-7"}}); }, "Aratek_A600",
+     -1, "Aratek fingerprint scanner: Global init failed "},
+    {"HandEditedConfig",
+     [](const std::string&) { testutil::write_file("config.ini", read_file("config.ini") + "\n"); }, "Aratek_A600",
+     -5, "Config file reading failed"},
+    {"ProxyWithoutUrl",
+     [](const std::string&) { testutil::write_file("proxy.ini", "[config]\nusername = u\npassword = \n"); },
+     "Aratek_A600", -13, ""},
+};
+
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
+
+// Each row runs in a process of its own: the vendor libraries stay loaded once loaded.
+class StartupFailureTest : public StartupTest, public ::testing::WithParamInterface<FailureCase> {};
+
+TEST_P(StartupFailureTest, ReturnsItsCode) {
+  const FailureCase& c = GetParam();
+  c.damage(refdll_);
+  EXPECT_EQ(Initialize_process(c.scanner), c.expected);
+  if (*c.status) {
+    EXPECT_NE(testutil::last_status().find(c.status), std::string::npos) << testutil::last_status();
+  }
+  if (c.expected == -3) {
+    EXPECT_NE(read_file("rd.log").find(") - FP sensor is not valid sensor\n"), std::string::npos);
+  }
+  if (c.expected == -16) {
+    EXPECT_TRUE(pipe_.wait_for(std::string("10000|") + c.status + "\n"));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureCases),
+                         [](const ::testing::TestParamInfo<FailureCase>& info) { return info.param.name; });
+
+TEST_F(StartupTest, NoStatusPipeFailsWithMinusOne) {
+  platform::set_status_pipe_path_for_test(dir_.file("absent_fifo"));
+  EXPECT_EQ(Initialize_process("Aratek_A600"), -1);
+  EXPECT_NE(testutil::last_status().find("Create pipe failed, error_code = 2"), std::string::npos);
+}
+
+TEST_F(StartupTest, ResumesAtTheFailedStepAfterRepair) {
+  const std::string good = read_file("config.ini");
+  testutil::write_file("config.ini", good + "; edited by hand\n");
+  ASSERT_EQ(Initialize_process("Aratek_A600"), -5);
+  testutil::write_file("config.ini", good);
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+  std::string log = read_file("rd.log");
+  EXPECT_EQ(count_of(log, ") - zlog initialized successfully\n"), 1);
+  EXPECT_EQ(count_of(log, ") - DLL Loading SUCCESS\n"), 1);
+  EXPECT_EQ(count_of(log, ") - Config file reading failed\n"), 1);
+  EXPECT_EQ(count_of(log, ") - Config file reading is successful\n"), 1);
+}
+
+TEST_F(StartupTest, ChangedScannerSetsTheDeviceChangedFlag) {
+  fs::create_directories("cert/public");
+  testutil::write_file("cert/public/signed_mc.cer", "certificate");
+  testutil::write_file("Serial_number", "SERIAL-A");
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+  EXPECT_EQ(rd_identity().device_changed, 0);
+  sim::write_control(refdll_, {{"serial", "SERIAL-B"}});
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+  EXPECT_EQ(rd_identity().device_changed, 1);
+  EXPECT_EQ(read_file("Serial_number"), "SERIAL-B");
+  EXPECT_NE(read_file("rd.log").find(") - old_serial_number and serial_number are different\n"), std::string::npos);
+  fs::remove("cert/public/signed_mc.cer");
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+  EXPECT_EQ(rd_identity().device_changed, 1);  // no device certificate: Init must run
+  EXPECT_NE(read_file("rd.log").find(") - device public key not present\n"), std::string::npos);
+}
+
+TEST_F(StartupTest, TlsFilesAreCheckedOnlyWithTlsOn) {
+  // TLS off: a missing cert/ssl folder is no error.
+  fs::remove_all("cert/ssl");
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+
+  struct Case {
+    const char* name;
+    const char* damage;  // the file to remove, or to replace by a folder
+    bool folder;
+    int expected;
+  } cases[] = {
+      {"key missing", "cert/ssl/private.key", false, -16},
+      {"certificate missing", "cert/ssl/public.crt", false, -16},
+      {"certificate unreadable", "cert/ssl/public.crt", true, -14},
+      {"key unreadable", "cert/ssl/private.key", true, -15},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    testutil::WorkDir fresh;
+    testutil::PipeReader pipe(fresh.path());
+    ASSERT_EQ(run(vexoctl() + " init-workdir " + fresh.path() +
+                  " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm --tls > /dev/null"),
+              0);
+    init_reset_for_test();
+    semaphore_reset_for_test();
+    rd_log_reset_for_test();
+    fs::remove(c.damage);
+    if (c.folder) fs::create_directory(c.damage);
+    EXPECT_EQ(Initialize_process("Aratek_A600"), c.expected);
+    if (c.expected != -16) {
+      EXPECT_NE(testutil::last_status().find(std::string("./") + c.damage + " file is not exist in the path"),
+                std::string::npos)
+          << testutil::last_status();
+      EXPECT_TRUE(pipe.wait_for(std::string("10000|./") + c.damage + " file not found\n"));
+    }
+    zlog_fini();
+  }
+}
+
+TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+  ASSERT_EQ(Start_RDservice(), 0) << testutil::last_status();
+  EXPECT_NE(testutil::last_status().find("RD service started successfully"), std::string::npos);
+  const int port = service_port();
+  ASSERT_GE(port, 11100);
+  ASSERT_LE(port, 11120);
+  const std::string request = "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  std::string answer = testutil::http_exchange(port, request);
+  EXPECT_NE(answer.find("<RDService status=\"READY\" info=\"Korvane RD service(QDX.ARA.A600.W) is running\">"),
+            std::string::npos)
+      << answer;
+
+  // Pulled out: NOTREADY, with the detach notification.
+  EXPECT_EQ(detach_device(), 0);
+  EXPECT_EQ(get_device_detached(), 1);
+  EXPECT_NE(testutil::last_status().find(" | detach_device | Fingerprint device not attached "), std::string::npos);
+  answer = testutil::http_exchange(port, request);
+  EXPECT_NE(answer.find("status=\"NOTREADY\""), std::string::npos);
+
+  // The same scanner again: 0 and READY.
+  EXPECT_EQ(attach_device(), 0);
+  EXPECT_EQ(get_device_detached(), 0);
+  EXPECT_STREQ(get_rd_status(), "\"READY\"");
+
+  // Another scanner: -10, READY, and the new serial is stored.
+  sim::write_control(refdll_, {{"serial", "SERIAL-B"}});
+  EXPECT_EQ(attach_device(), -10);
+  EXPECT_EQ(get_device_serial(), "SERIAL-B");
+  EXPECT_STREQ(get_rd_status(), "\"READY\"");
+
+  // No scanner answers: -1, the status stays, both notifications in order.
+  set_rd_status_notready();
+  sim::write_control(refdll_, {{"present", "0"}});
+  const std::size_t before = pipe_.received().size();
+  EXPECT_EQ(attach_device(), -1);
+  EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");
+  EXPECT_NE(testutil::last_status().find(" | attach_device | fingerprint device not attached "), std::string::npos);
+  ASSERT_TRUE(pipe_.wait_for("5000|Fingerprint device connected\n5000|Fingerprint device disconnected\n"));
+  EXPECT_EQ(pipe_.received().substr(before),
+            "5000|Fingerprint device connected\n5000|Fingerprint device disconnected\n");
+}
+
+TEST_F(StartupTest, TlsContextFailureReportsSslServerInitFailed) {
+  testutil::WorkDir fresh;
+  testutil::PipeReader pipe(fresh.path());
+  ASSERT_EQ(run(vexoctl() + " init-workdir " + fresh.path() +
+                " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm --tls > /dev/null"),
+            0);
+  // A key of another pair: the modulus check fails before any context is made.
+  ASSERT_EQ(run("openssl genrsa -out cert/ssl/private.key 2048 2>/dev/null"), 0);
+  init_reset_for_test();
+  semaphore_reset_for_test();
+  rd_log_reset_for_test();
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+  EXPECT_EQ(Start_RDservice(), -3);
+  EXPECT_NE(testutil::last_status().find(" | init | Start_RDservice |  SSL server init failed"), std::string::npos)
+      << testutil::last_status();
+  EXPECT_TRUE(pipe.wait_for("5000|SSL server init failed\n"));
+}
+
+// The host program in a folder made by vexoctl: serves discovery on a real
+// socket, reports plug events from signals and exits 0 on SIGTERM.
+TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
+  testutil::WorkDir dir;
+  ASSERT_EQ(run(vexoctl() + " init-workdir " + dir.path() +
+                " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm > /dev/null"),
+            0);
+  fs::create_directories(dir.file("appdata"));
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    close(out[0]);
+    setenv("APPDATA", dir.file("appdata").c_str(), 1);
+    std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
+    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "Aratek_A600", nullptr);
+    _exit(127);
+  }
+  close(out[1]);
+  auto read_until = [&](const std::string& needle, std::string* got) {
+    char buf[4096];
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (got->find(needle) == std::string::npos && std::chrono::steady_clock::now() < end) {
+      ssize_t n = read(out[0], buf, sizeof buf);
+      if (n <= 0) break;
+      got->append(buf, static_cast<std::size_t>(n));
+    }
+    return got->find(needle) != std::string::npos;
+  };
+  std::string output;
+  ASSERT_TRUE(read_until("Start_RDservice returned 0", &output)) << output;
+  std::smatch m;
+  std::string log = read_file(dir.file("rd.log"));
+  ASSERT_TRUE(std::regex_search(log, m, std::regex(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))")));
+  const int port = std::stoi(m[1]);
+  std::string answer = testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(answer.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << answer;
+  EXPECT_NE(answer.find("status=\"READY\""), std::string::npos);
+
+  kill(pid, SIGUSR2);
+  ASSERT_TRUE(read_until("detach_device returned 0", &output)) << output;
+  EXPECT_NE(testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n").find("status=\"NOTREADY\""),
+            std::string::npos);
+  kill(pid, SIGUSR1);
+  ASSERT_TRUE(read_until("attach_device returned 0", &output)) << output;
+  EXPECT_NE(output.find("pipe: 5000|Fingerprint device connected"), std::string::npos) << output;
+
+  kill(pid, SIGTERM);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  close(out[0]);
+}
+
+}  // namespace

@@ -1,0 +1,1 @@
+vexo_add_test(keystore_test keystore_test.cc LOCKS scanner_lock)

@@ -1,0 +1,212 @@
+// Scanner and handheld locks: across real processes (fork), across threads,
+// and through their start-up from the configured scanner name.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "platform/platform.h"
+#include "semaphore/semaphore_syc.h"
+#include "test_util.h"
+
+namespace {
+
+constexpr unsigned kShortMs = 300;
+
+class LockTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    platform::set_lock_dir_for_test(dir_.path());
+    set_lock_timeouts_for_test(kShortMs, kShortMs);
+    semaphore_reset_for_test();
+    rd_identity().scanner_name = "Aratek_A600";
+  }
+  void TearDown() override {
+    semaphore_reset_for_test();
+    zlog_fini();
+  }
+  testutil::WorkDir dir_;
+};
+
+// Runs fn in a child process that opens the lock afresh; returns its exit code.
+template <typename Fn>
+int in_child(Fn fn) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    semaphore_reset_for_test();
+    _exit(init_semaphore() == 0 ? fn() : 99);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(LockDefaults, RealTimeoutsAndLockFolder) {
+  EXPECT_EQ(lock_timeout_ms(), 20000u);
+  EXPECT_EQ(tavio_lock_timeout_ms(), 2000u);
+  EXPECT_EQ(platform::lock_dir(), "/tmp");
+}
+
+TEST(LockNames, ScannerTable) {
+  const struct {
+    const char* scanner;
+    const char* lock;
+  } cases[] = {
+      {"UAREU", "Global\\QDX_WIN_001"},     {"FUTRONIC", "Global\\QDX_WIN_002"},
+      {"GEMALTO", "Global\\QDX_WIN_004"},   {"MANTRA", "Global\\QDX_WIN_005"},
+      {"MORPHO", "Global\\QDX_WIN_006"},    {"SECUGEN", "Global\\QDX_WIN_007"},
+      {"TX9", "Global\\QDX_WIN_008"},       {"Tavio_TX9", "Global\\QDX_WIN_009"},
+      {"Aratek_A600", "Global\\QDX_WIN_010"}, {"Aratek_A400", "Global\\QDX_WIN_011"},
+      {"aratek_a600", nullptr},             {"Aratek_A600 ", nullptr},
+      {"Aratek", nullptr},                  {"", nullptr},
+      {"TX", nullptr},                      {"Tavio_TX9|COM3|x", nullptr},
+  };
+  for (const auto& c : cases) {
+    const char* got = semaphore_name_for_scanner(c.scanner);
+    if (c.lock == nullptr) {
+      EXPECT_EQ(got, nullptr) << c.scanner;
+    } else {
+      ASSERT_NE(got, nullptr) << c.scanner;
+      EXPECT_STREQ(got, c.lock) << c.scanner;
+    }
+  }
+  EXPECT_EQ(semaphore_name_for_scanner(nullptr), nullptr);
+}
+
+TEST_F(LockTest, SecondProcessTimesOutWhileFirstHolds) {
+  ASSERT_EQ(init_semaphore(), 0);
+  EXPECT_TRUE(platform::file_exists(dir_.file("Global_QDX_WIN_010.lock")));
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  int waited = in_child([] {
+    std::uint64_t start = platform::monotonic_ms();
+    int rc = Lock_Semaphore();
+    std::uint64_t took = platform::monotonic_ms() - start;
+    if (rc != -2) return 1;
+    return took >= kShortMs - 10 && took < kShortMs + 2000 ? 0 : 2;
+  });
+  EXPECT_EQ(waited, 0);
+  // A child that uses the handles it inherited cannot drop the parent's lock.
+  pid_t pid = fork();
+  if (pid == 0) _exit(Unlock_Semaphore() == -1 && Lock_Semaphore() == -2 ? 0 : 1);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(in_child([] { return Lock_Semaphore() == -2 ? 0 : 1; }), 0);
+  ASSERT_EQ(Unlock_Semaphore(), 0);
+  EXPECT_EQ(in_child([] { return Lock_Semaphore() == 0 && Unlock_Semaphore() == 0 ? 0 : 1; }), 0);
+  // Another scanner model has a lock of its own.
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  EXPECT_EQ(in_child([] {
+              semaphore_reset_for_test();
+              rd_identity().scanner_name = "Aratek_A400";
+              return init_semaphore() == 0 && Lock_Semaphore() == 0 ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
+}
+
+TEST_F(LockTest, KilledHolderDoesNotKeepTheLock) {
+  ASSERT_EQ(init_semaphore(), 0);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t pid = fork();
+  if (pid == 0) {
+    semaphore_reset_for_test();
+    char ok = (init_semaphore() == 0 && Lock_Semaphore() == 0) ? 'y' : 'n';
+    (void)!write(ready[1], &ok, 1);
+    for (;;) pause();
+  }
+  close(ready[1]);
+  char ok = 0;
+  ASSERT_EQ(read(ready[0], &ok, 1), 1);
+  close(ready[0]);
+  ASSERT_EQ(ok, 'y');
+  EXPECT_EQ(Lock_Semaphore(), -2);
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  EXPECT_EQ(Lock_Semaphore(), 0);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
+}
+
+TEST_F(LockTest, ThreadsExcludeEachOtherAndAnyThreadReleases) {
+  ASSERT_EQ(init_semaphore(), 0);
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  int second = 0;
+  std::thread([&] { second = Lock_Semaphore(); }).join();
+  EXPECT_EQ(second, -2);
+  int released = -5;
+  std::thread([&] { released = Unlock_Semaphore(); }).join();
+  EXPECT_EQ(released, 0);
+  // A waiter is woken by a release from another thread before its time-out.
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  set_lock_timeouts_for_test(5000, kShortMs);
+  std::uint64_t start = platform::monotonic_ms();
+  std::thread waiter([&] { second = Lock_Semaphore(); });
+  platform::sleep_ms(100);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
+  waiter.join();
+  EXPECT_EQ(second, 0);
+  EXPECT_LT(platform::monotonic_ms() - start, 3000u);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
+}
+
+TEST_F(LockTest, ReleasingAFreeLockFails) {
+  ASSERT_EQ(zlog_init("rd.log"), 0);
+  ASSERT_EQ(init_semaphore(), 0);
+  EXPECT_EQ(Unlock_Semaphore(), -1);
+  ASSERT_EQ(Lock_Semaphore(), 0);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
+  EXPECT_EQ(Unlock_Semaphore(), -1);
+  zlog_fini();
+  EXPECT_NE(testutil::read_file("rd.log").find("error at sem_release"), std::string::npos);
+}
+
+TEST_F(LockTest, UnknownScannerAndMissingHandle) {
+  ASSERT_EQ(zlog_init("rd.log"), 0);
+  EXPECT_EQ(Lock_Semaphore(), -1);  // nothing created yet
+  rd_identity().scanner_name = "Aratek_A900";
+  EXPECT_EQ(init_semaphore(), -1);
+  EXPECT_EQ(Lock_Semaphore(), -1);
+  zlog_fini();
+  std::string log = testutil::read_file("rd.log");
+  EXPECT_NE(log.find("ERROR  ("), std::string::npos) << log;
+  EXPECT_NE(log.find(" - FP sensor is not valid sensor\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(" - openSemaphore error\n"), std::string::npos) << log;
+}
+
+TEST_F(LockTest, TavioScannerCreatesBothLocks) {
+  ASSERT_EQ(zlog_init("rd.log"), 0);
+  EXPECT_EQ(Lock_Semaphore_Tavio(), -2);  // not created yet
+  rd_identity().scanner_name = "Tavio_TX9";
+  ASSERT_EQ(init_semaphore(), 0);
+  EXPECT_TRUE(platform::file_exists(dir_.file("Global_QDX_WIN_009.lock")));
+  EXPECT_EQ(Unlock_Semaphore_Tavio(), -1);
+  ASSERT_EQ(Lock_Semaphore_Tavio(), 0);
+  std::uint64_t start = platform::monotonic_ms();
+  EXPECT_EQ(Lock_Semaphore_Tavio(), -2);
+  EXPECT_GE(platform::monotonic_ms() - start, kShortMs - 10);
+  int released = -5;
+  std::thread([&] { released = Unlock_Semaphore_Tavio(); }).join();
+  EXPECT_EQ(released, 0);
+  EXPECT_EQ(Lock_Semaphore_Tavio(), 0);
+  // The scanner lock is independent of the handheld lock.
+  EXPECT_EQ(Lock_Semaphore(), 0);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
+  EXPECT_EQ(Unlock_Semaphore_Tavio(), 0);
+  zlog_fini();
+  std::string log = testutil::read_file("rd.log");
+  EXPECT_NE(log.find(" - sem_timedwait Tavio timeout\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(" - error at sem_release for Tavio Semaphore\n"), std::string::npos) << log;
+}
+
+TEST_F(LockTest, OtherScannersDoNotCreateTheHandheldLock) {
+  ASSERT_EQ(init_semaphore(), 0);
+  EXPECT_EQ(Lock_Semaphore_Tavio(), -2);
+}
+
+}  // namespace

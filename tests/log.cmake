@@ -1,0 +1,1 @@
+vexo_add_test(log_test log_test.cc)

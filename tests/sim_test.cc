@@ -1,0 +1,461 @@
+// The simulated device libraries, driven through their control file, and the
+// loader that binds their entry points. The libraries stay loaded for the life
+// of a process, so CTest runs every case in a process of its own.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "platform/platform.h"
+#include "rd_core/scanner.h"
+#include "sim_codes.h"
+#include "sim_control.h"
+#include "test_util.h"
+
+namespace {
+
+class SimTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    refdll_ = sim::install_refdll(dir_.path());
+    ASSERT_EQ(0, zlog_init("rd.log"));
+  }
+  void TearDown() override { zlog_fini(); }
+
+  void load(const char* scanner = "Aratek_A600") {
+    rd_identity().scanner_name = scanner;
+    ASSERT_EQ(0, dll_loading("./RefDll"));
+  }
+  void control(const sim::Keys& keys) { sim::write_control(refdll_, keys); }
+
+  testutil::WorkDir dir_;
+  std::string refdll_;
+};
+
+// Device 0, opened for the scope.
+struct OpenScanner {
+  ARAFPSCAN_HANDLE handle = nullptr;
+  int rc;
+  OpenScanner() : rc(aratek_sdk().OpenDevice(0, &handle)) {}
+  ~OpenScanner() {
+    if (handle != nullptr) aratek_sdk().CloseDevice(handle);
+  }
+};
+
+std::vector<unsigned char> capture(ARAFPSCAN_HANDLE h, int* rc) {
+  int w = 0, ht = 0, r = 0;
+  EXPECT_EQ(0, aratek_sdk().GetImageInfo(h, &w, &ht, &r));
+  std::vector<unsigned char> raw(static_cast<std::size_t>(w) * ht);
+  *rc = aratek_sdk().CaptureRawData(h, 20, raw.data());
+  return raw;
+}
+
+TEST_F(SimTest, SerialNumberIsTheDescriptionsLeadingText) {
+  load();
+  const std::string long_word(300, 'S');
+  struct Row {
+    sim::Keys keys;
+    int rc;
+    std::string serial;
+  } rows[] = {
+      {{}, 0, SIM_DEFAULT_SERIAL},
+      {{{"serial", "ABC123"}}, 0, "ABC123"},
+      {{{"description", "\"  XY-9 model A600\""}}, 0, "XY-9"},
+      {{{"description", long_word}}, 0, std::string(ARAFPSCAN_DESCRIPTION_LEN - 1, 'S')},
+      {{{"description", "\"\""}}, -3, ""},
+      {{{"present", "0"}}, -3, ""},
+      {{{"description_result", "-9"}}, -3, ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.keys.empty() ? "no keys" : row.keys[0].first + "=" + row.keys[0].second);
+    control(row.keys);
+    rd_log_reset_for_test();
+    std::string serial = "stale";
+    EXPECT_EQ(row.rc, getdeviceserialnumber(&serial));
+    EXPECT_EQ(row.serial, serial);
+    const std::string status = testutil::last_status();
+    if (row.rc == -3) {
+      EXPECT_NE(std::string::npos, status.find(" | scanner | getdeviceserialnumber | Getting serial number failed "))
+          << status;
+    } else {
+      EXPECT_EQ("", status);
+    }
+  }
+  EXPECT_NE(std::string::npos, testutil::read_file("rd.log").find("GetDeviceDescription failed"));
+
+  // An unplugged scanner cannot be opened either, and the handle stays null.
+  control({{"present", "0"}});
+  ARAFPSCAN_HANDLE h = &h;
+  EXPECT_EQ(SIM_ERR_NO_DEVICE, aratek_sdk().OpenDevice(0, &h));
+  EXPECT_EQ(nullptr, h);
+  sim::remove_control(refdll_);
+  EXPECT_EQ(SIM_ERR_NO_DEVICE, aratek_sdk().OpenDevice(1, &h));
+  OpenScanner dev;
+  EXPECT_EQ(0, dev.rc);
+}
+
+TEST_F(SimTest, CaptureResultsAreConsumedInOrderAndRestartWithANewFile) {
+  load();
+  struct Row {
+    sim::Keys keys;
+    std::vector<int> results;
+  } rows[] = {
+      {{}, {0, 0}},
+      {{{"capture_results", "0,-113,-5"}}, {0, ARAFPSCAN_ERROR_TIMEOUT, -5, 0, 0}},
+      {{{"capture_results", "-113"}, {"capture_result", "-7"}}, {-113, -7, -7}},
+      {{{"capture_results", " -113 , x, 0 ,-5"}}, {-113, 0, -5, 0}},
+  };
+  OpenScanner dev;
+  ASSERT_EQ(0, dev.rc);
+  for (const Row& row : rows) {
+    sim::Keys keys = row.keys;
+    keys.push_back({"capture_wait_ms", "0"});
+    // Twice: the second, identical file must start the list again.
+    for (int round = 0; round < 2; ++round) {
+      control(keys);
+      for (std::size_t i = 0; i < row.results.size(); ++i) {
+        int rc = 1;
+        capture(dev.handle, &rc);
+        EXPECT_EQ(row.results[i], rc) << "call " << i << " round " << round
+                                      << (row.keys.empty() ? "" : " " + row.keys[0].second);
+      }
+    }
+  }
+  // Unplugged after opening: the capture fails.
+  control({{"present", "0"}, {"capture_wait_ms", "0"}});
+  std::vector<unsigned char> raw(SIM_DEFAULT_WIDTH * SIM_DEFAULT_HEIGHT);
+  EXPECT_EQ(SIM_ERR_NO_DEVICE, aratek_sdk().CaptureRawData(dev.handle, 20, raw.data()));
+  EXPECT_EQ(SIM_ERR_BAD_HANDLE, aratek_sdk().CaptureRawData(&raw, 20, raw.data()));
+}
+
+TEST_F(SimTest, NfiqAndQualityFollowTheirLists) {
+  load();
+  struct Row {
+    sim::Keys keys;
+    std::vector<int> nfiq;
+    std::vector<int> quality;
+  } rows[] = {
+      {{}, {SIM_DEFAULT_NFIQ, SIM_DEFAULT_NFIQ}, {SIM_DEFAULT_QUALITY, SIM_DEFAULT_QUALITY}},
+      {{{"nfiq_scores", "4,4,3"}, {"quality_values", "30,55"}}, {4, 4, 3, 2, 2}, {30, 55, 80, 80, 80}},
+      {{{"nfiq_scores", "9,0"}, {"nfiq", "5"}, {"quality_values", "120,-4"}, {"quality", "61"}},
+       {5, 1, 5},
+       {100, 0, 61}},
+  };
+  const std::vector<unsigned char> raw(SIM_DEFAULT_WIDTH * SIM_DEFAULT_HEIGHT, 128);
+  for (const Row& row : rows) {
+    control(row.keys);
+    for (std::size_t i = 0; i < row.nfiq.size(); ++i) {
+      int nfiq = 0, quality = -1;
+      EXPECT_EQ(0, aratek_sdk().GetNFIQScore(SIM_DEFAULT_WIDTH, SIM_DEFAULT_HEIGHT, raw.data(), &nfiq));
+      EXPECT_EQ(0, aratek_sdk().ImgQuality(SIM_DEFAULT_WIDTH, SIM_DEFAULT_HEIGHT, raw.data(), &quality));
+      EXPECT_EQ(row.nfiq[i], nfiq) << "call " << i;
+      EXPECT_EQ(row.quality[i], quality) << "call " << i;
+    }
+  }
+  // Scripted failures of the calls themselves, and refused arguments.
+  control({{"nfiq_results", "0,-21"}, {"quality_result", "-22"}});
+  int v = 0;
+  EXPECT_EQ(0, aratek_sdk().GetNFIQScore(SIM_DEFAULT_WIDTH, SIM_DEFAULT_HEIGHT, raw.data(), &v));
+  EXPECT_EQ(-21, aratek_sdk().GetNFIQScore(SIM_DEFAULT_WIDTH, SIM_DEFAULT_HEIGHT, raw.data(), &v));
+  EXPECT_EQ(0, aratek_sdk().GetNFIQScore(SIM_DEFAULT_WIDTH, SIM_DEFAULT_HEIGHT, raw.data(), &v));
+  EXPECT_EQ(-22, aratek_sdk().ImgQuality(SIM_DEFAULT_WIDTH, SIM_DEFAULT_HEIGHT, raw.data(), &v));
+  EXPECT_EQ(SIM_ERR_BAD_PARAM, aratek_sdk().GetNFIQScore(0, SIM_DEFAULT_HEIGHT, raw.data(), &v));
+  EXPECT_EQ(SIM_ERR_BAD_PARAM, aratek_sdk().ImgQuality(SIM_DEFAULT_WIDTH, SIM_DEFAULT_HEIGHT, nullptr, &v));
+}
+
+TEST_F(SimTest, CaptureTakesTheScriptedTime) {
+  load();
+  struct Row {
+    sim::Keys keys;
+    int rc;
+    unsigned min_ms, max_ms;
+  } rows[] = {
+      {{}, 0, SIM_DEFAULT_CAPTURE_WAIT_MS - 5, SIM_DEFAULT_CAPTURE_WAIT_MS + 1500},
+      {{{"capture_wait_ms", "0"}}, 0, 0, 250},
+      {{{"capture_wait_ms", "600"}, {"capture_results", "-113"}}, ARAFPSCAN_ERROR_TIMEOUT, 595, 2500},
+  };
+  static_assert(SIM_DEFAULT_CAPTURE_WAIT_MS == 300);
+  OpenScanner dev;
+  ASSERT_EQ(0, dev.rc);
+  std::vector<unsigned char> raw(SIM_DEFAULT_WIDTH * SIM_DEFAULT_HEIGHT);
+  for (const Row& row : rows) {
+    control(row.keys);
+    const std::uint64_t start = platform::monotonic_ms();
+    EXPECT_EQ(row.rc, aratek_sdk().CaptureRawData(dev.handle, 20, raw.data()));
+    const std::uint64_t took = platform::monotonic_ms() - start;
+    EXPECT_GE(took, row.min_ms);
+    EXPECT_LT(took, row.max_ms);
+  }
+}
+
+unsigned be16(const unsigned char* p) { return (p[0] << 8) | p[1]; }
+
+TEST_F(SimTest, MinutiaeRecordIsIsoWithTheScriptedCount) {
+  load();
+  struct Row {
+    const char* count;
+    int expected;
+  } rows[] = {{nullptr, SIM_DEFAULT_MINUTIAE}, {"0", 0}, {"1", 1}, {"25", 25}, {"255", 255}, {"999", 255}, {"-3", 0}};
+  OpenScanner dev;
+  ASSERT_EQ(0, dev.rc);
+  std::vector<unsigned char> record(1568, 0xEE);
+  EXPECT_EQ(SIM_ERR_NO_IMAGE, aratek_sdk().ExtractISOFeature(dev.handle, 0, record.data()));
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.count ? row.count : "default");
+    sim::Keys keys = {{"capture_wait_ms", "0"}, {"quality", "73"}};
+    if (row.count) keys.push_back({"minutiae_count", row.count});
+    control(keys);
+    int rc = 1;
+    capture(dev.handle, &rc);
+    ASSERT_EQ(0, rc);
+    std::fill(record.begin(), record.end(), 0xEE);
+    ASSERT_EQ(0, aratek_sdk().ExtractISOFeature(dev.handle, 0, record.data()));
+    int length = 0;
+    ASSERT_EQ(0, aratek_sdk().GetISOFeatureLength(record.data(), &length));
+    const unsigned char* r = record.data();
+    const int n = row.expected;
+    EXPECT_EQ(30 + 6 * n, length);
+    EXPECT_EQ(0, std::memcmp(r, "FMR\0 20\0", 8));
+    EXPECT_EQ(static_cast<unsigned>(length), (be16(r + 8) << 16) | be16(r + 10));
+    EXPECT_EQ(unsigned{SIM_DEFAULT_WIDTH}, be16(r + 14));
+    EXPECT_EQ(unsigned{SIM_DEFAULT_HEIGHT}, be16(r + 16));
+    EXPECT_EQ(197u, be16(r + 18));  // 500 ppi in pixels per centimetre
+    EXPECT_EQ(197u, be16(r + 20));
+    EXPECT_EQ(1, r[22]);
+    EXPECT_EQ(73, r[26]);
+    EXPECT_EQ(n, r[27]);
+    for (int i = 0; i < n; ++i) {
+      const unsigned char* m = r + 28 + 6 * i;
+      const unsigned type = m[0] >> 6;
+      EXPECT_TRUE(type == 1 || type == 2) << "minutia " << i;
+      EXPECT_LT(be16(m) & 0x3FFF, unsigned{SIM_DEFAULT_WIDTH}) << "minutia " << i;
+      EXPECT_LT(be16(m + 2) & 0x3FFF, unsigned{SIM_DEFAULT_HEIGHT}) << "minutia " << i;
+    }
+    EXPECT_EQ(0u, be16(r + length - 2));  // no extended data
+    EXPECT_EQ(0xEE, r[length]);           // nothing written past the record
+  }
+  // Refused: another mode, a record that is not one, and a scripted failure.
+  EXPECT_EQ(SIM_ERR_BAD_PARAM, aratek_sdk().ExtractISOFeature(dev.handle, 1, record.data()));
+  const unsigned char junk[32] = {'F', 'M', 'X'};
+  int length = 5;
+  EXPECT_EQ(SIM_ERR_BAD_PARAM, aratek_sdk().GetISOFeatureLength(junk, &length));
+  EXPECT_EQ(0, length);
+  control({{"extract_result", "-31"}});
+  EXPECT_EQ(-31, aratek_sdk().ExtractISOFeature(dev.handle, 0, record.data()));
+}
+
+TEST_F(SimTest, CapturedImageHasRidgesAndDiffersPerCapture) {
+  load();
+  control({{"capture_wait_ms", "0"}});
+  OpenScanner dev;
+  ASSERT_EQ(0, dev.rc);
+  int w = 0, h = 0, res = 0;
+  ASSERT_EQ(0, aratek_sdk().GetImageInfo(dev.handle, &w, &h, &res));
+  EXPECT_EQ(SIM_DEFAULT_WIDTH, w);
+  EXPECT_EQ(SIM_DEFAULT_HEIGHT, h);
+  EXPECT_EQ(SIM_DEFAULT_RESOLUTION, res);
+  int rc = 1;
+  const std::vector<unsigned char> first = capture(dev.handle, &rc);
+  ASSERT_EQ(0, rc);
+
+  double sum = 0, sq = 0;
+  for (unsigned char p : first) {
+    sum += p;
+    sq += static_cast<double>(p) * p;
+  }
+  const double mean = sum / first.size();
+  EXPECT_GT(sq / first.size() - mean * mean, 1000.0) << "a flat image";
+  EXPECT_GT(first[0], 200) << "the corner is background";
+  // Across the middle of the finger the row crosses its mean at every ridge:
+  // a ridge every 8 to 10.5 pixels gives about 20 crossings per 100 pixels.
+  const unsigned char* row = first.data() + static_cast<std::size_t>(h / 2) * w;
+  double row_mean = 0;
+  for (int x = w / 2 - 50; x < w / 2 + 50; ++x) row_mean += row[x];
+  row_mean /= 100;
+  int crossings = 0;
+  for (int x = w / 2 - 50; x < w / 2 + 49; ++x) {
+    if ((row[x] < row_mean) != (row[x + 1] < row_mean)) ++crossings;
+  }
+  EXPECT_GE(crossings, 12);
+  EXPECT_LE(crossings, 60) << "noise, not ridges";
+
+  // The next capture is another finger; a fresh control file replays the first.
+  const std::vector<unsigned char> second = capture(dev.handle, &rc);
+  EXPECT_NE(first, second);
+  control({{"capture_wait_ms", "0"}});
+  EXPECT_EQ(first, capture(dev.handle, &rc));
+}
+
+enum class Call { kOpen, kClose, kBattery, kFirmware, kSerial, kPrint, kLogsInit, kSecurity };
+
+struct Step {
+  Call call;
+  int rc;
+  std::string text;
+};
+
+// Runs one handheld call with a 64-byte answer buffer.
+int run(Call call, std::string* text, int out_len = 64) {
+  const TavioSdk& t = tavio_sdk();
+  std::vector<char> out(64, 'Z');
+  int rc = 0;
+  switch (call) {
+    case Call::kOpen: rc = t.OpenCom_port("/dev/rfcomm0"); break;
+    case Call::kClose: rc = t.ClosePort(); break;
+    case Call::kBattery: rc = t.Get_BatteryStatus(out.data(), out_len); break;
+    case Call::kFirmware: rc = t.Get_FWVersion(out.data(), out_len); break;
+    case Call::kSerial: rc = t.Get_SerialNumber(out.data(), out_len); break;
+    case Call::kPrint: rc = t.Print_Data("Receipt 42", out.data(), out_len); break;
+    case Call::kLogsInit: rc = t.TavioLogs_Init("logs"); break;
+    case Call::kSecurity: rc = t.Initialize_BT_Security("secret"); break;
+  }
+  const bool answers = call != Call::kOpen && call != Call::kClose && call != Call::kLogsInit &&
+                       call != Call::kSecurity;
+  *text = answers ? std::string(out.data(), strnlen(out.data(), out.size())) : "";
+  return rc;
+}
+
+TEST_F(SimTest, HandheldAnswersAndFailsAsScripted) {
+  load("Tavio_TX9");
+  using C = Call;
+  struct Row {
+    sim::Keys keys;
+    std::vector<Step> steps;
+  } rows[] = {
+      {{},
+       {{C::kLogsInit, 0, ""}, {C::kSecurity, 0, ""}, {C::kBattery, SIM_ERR_NO_DEVICE, ""}, {C::kOpen, 0, ""},
+        {C::kBattery, 0, SIM_DEFAULT_TAVIO_BATTERY}, {C::kFirmware, 0, SIM_DEFAULT_TAVIO_FIRMWARE},
+        {C::kSerial, 0, SIM_DEFAULT_TAVIO_SERIAL}, {C::kPrint, 0, SIM_DEFAULT_TAVIO_PRINT}, {C::kClose, 0, ""},
+        {C::kClose, SIM_ERR_NO_DEVICE, ""}, {C::kSerial, SIM_ERR_NO_DEVICE, ""}}},
+      {{{"tavio_open_results", "-1,-1"}}, {{C::kOpen, -1, ""}, {C::kOpen, -1, ""}, {C::kOpen, 0, ""}}},
+      {{{"tavio_present", "0"}}, {{C::kClose, 0, ""}, {C::kOpen, -1, ""}, {C::kOpen, -1, ""}}},
+      {{{"tavio_battery", "20"}, {"tavio_firmware", "FW 9.9"}, {"tavio_serial", "TX9-777"}, {"tavio_print", "Done"}},
+       {{C::kOpen, 0, ""}, {C::kBattery, 0, "20"}, {C::kFirmware, 0, "FW 9.9"}, {C::kSerial, 0, "TX9-777"},
+        {C::kPrint, 0, "Done"}}},
+      {{{"tavio_battery_result", "65"}, {"tavio_firmware_results", "0,-30"}, {"tavio_serial_result", "-60"},
+        {"tavio_print_result", "3"}},
+       {{C::kBattery, 65, ""}, {C::kFirmware, 0, SIM_DEFAULT_TAVIO_FIRMWARE}, {C::kFirmware, -30, ""},
+        {C::kSerial, -60, ""}, {C::kPrint, 3, ""}, {C::kBattery, 65, ""}}},
+      {{{"tavio_logs_init_result", "-8"}, {"bt_security_results", "-4"}, {"tavio_close_result", "-2"}},
+       {{C::kLogsInit, -8, ""}, {C::kSecurity, -4, ""}, {C::kSecurity, 0, ""}, {C::kClose, -2, ""}}},
+  };
+  for (std::size_t r = 0; r < std::size(rows); ++r) {
+    control(rows[r].keys);
+    for (std::size_t i = 0; i < rows[r].steps.size(); ++i) {
+      const Step& s = rows[r].steps[i];
+      std::string text;
+      EXPECT_EQ(s.rc, run(s.call, &text)) << "row " << r << " step " << i;
+      EXPECT_EQ(s.text, text) << "row " << r << " step " << i;
+    }
+  }
+  // Only the successful print reached the paper; a short buffer cuts the answer.
+  EXPECT_EQ("Receipt 42\nReceipt 42\n", sim::printed(refdll_));
+  sim::remove_control(refdll_);
+  std::string text;
+  EXPECT_EQ(0, run(Call::kFirmware, &text, 3));
+  EXPECT_EQ("TX", text);
+  EXPECT_EQ(SIM_ERR_BAD_PARAM, run(Call::kFirmware, &text, 0));
+}
+
+TEST_F(SimTest, CallLogRecordsEveryCallWhenAsked) {
+  load();
+  control({{"call_log", "1"}, {"capture_wait_ms", "0"}, {"capture_results", "-113"}});
+  {
+    OpenScanner dev;
+    ASSERT_EQ(0, dev.rc);
+    int rc = 0;
+    capture(dev.handle, &rc);
+  }
+  EXPECT_EQ(
+      "ARAFPSCAN_OpenDevice 0\nARAFPSCAN_GetImageInfo 0\nARAFPSCAN_CaptureRawData -113\n"
+      "ARAFPSCAN_CloseDevice 0\n",
+      sim::call_log(refdll_));
+}
+
+TEST_F(SimTest, GlobalInitTwiceAnswersAlreadyInitialised) {
+  load();
+  const AratekSdk& sdk = aratek_sdk();
+  EXPECT_EQ(0, sdk.GlobalInit());
+  EXPECT_EQ(ARAFPSCAN_ERROR_ALREADY_INIT, sdk.GlobalInit());
+  EXPECT_EQ(0, sdk.GlobalFree());
+  control({{"require_global_init", "1"}});
+  ARAFPSCAN_HANDLE h = nullptr;
+  EXPECT_EQ(SIM_ERR_NOT_INIT, sdk.OpenDevice(0, &h));
+  EXPECT_EQ(0, sdk.GlobalInit());
+  EXPECT_EQ(0, sdk.OpenDevice(0, &h));
+  EXPECT_EQ(0, sdk.CloseDevice(h));
+  EXPECT_EQ(SIM_ERR_BAD_HANDLE, sdk.CloseDevice(h));
+  control({{"global_init_result", "-44"}});
+  EXPECT_EQ(-44, sdk.GlobalInit());
+}
+
+TEST_F(SimTest, LoadingFailsOnAMissingLibraryOrEntryPoint) {
+  namespace fs = std::filesystem;
+  const std::string incomplete = SIM_INCOMPLETE_DIR;
+  struct Row {
+    const char* scanner;
+    std::function<void(const fs::path&)> damage;
+    const char* log_line;
+  } rows[] = {
+      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / "libopenjp2.so"); }, "Loading openjp2.dll failed"},
+      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / "libAraNFIQ.so"); }, "Loading AraNFIQ.dll failed"},
+      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / "libAraTrustFinger.so"); },
+       "Loading AraTrustFinger.dll failed"},
+      {"Aratek_A600",
+       [&](const fs::path& d) {
+         fs::copy_file(incomplete + "/scanner/libAraTrustFinger.so", d / "libAraTrustFinger.so",
+                       fs::copy_options::overwrite_existing);
+       },
+       "Entry point ARAFPSCAN_GetNFIQScore not found in AraTrustFinger.dll"},
+      // The scanner libraries of these rows load; the handheld ones do not.
+      {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / "libTavio.so"); }, "Loading Tavio.dll failed"},
+      {"Tavio_TX9",
+       [&](const fs::path& d) {
+         fs::copy_file(incomplete + "/handheld/libTavio.so", d / "libTavio.so", fs::copy_options::overwrite_existing);
+       },
+       "Entry point TavioLogs_Init not found in Tavio.dll"},
+      {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / "libBT_Hmac.so"); }, "Loading BT_Hmac.dll failed"},
+  };
+  for (std::size_t r = 0; r < std::size(rows); ++r) {
+    SCOPED_TRACE(rows[r].log_line);
+    // Each row in a folder of its own, so that no earlier load is reused.
+    const fs::path folder = fs::path(dir_.path()) / ("case" + std::to_string(r));
+    const std::string refdll = sim::install_refdll(folder.string());
+    rows[r].damage(refdll);
+    rd_identity().scanner_name = rows[r].scanner;
+    EXPECT_EQ(-1, dll_loading((folder / "RefDll").c_str()));
+    EXPECT_NE(std::string::npos, testutil::read_file("rd.log").find(rows[r].log_line));
+    EXPECT_EQ(std::string::npos, testutil::read_file("rd.log").find("DLL Loading SUCCESS"));
+    EXPECT_EQ(nullptr, tavio_sdk().OpenCom_port);
+    if (std::string(rows[r].scanner) != "Tavio_TX9") {
+      EXPECT_EQ(nullptr, aratek_sdk().GetNFIQScore);
+    }
+  }
+
+  // Complete libraries load; a second call neither reloads nor looks at its folder.
+  ASSERT_EQ(0, dll_loading("./RefDll"));
+  EXPECT_NE(std::string::npos, testutil::read_file("rd.log").find("DLL Loading SUCCESS"));
+  const Initialize_BT_Security_t security = tavio_sdk().Initialize_BT_Security;
+  ASSERT_NE(nullptr, security);
+  EXPECT_NE(nullptr, aratek_sdk().GetNFIQScore);
+  EXPECT_EQ(0, dll_loading("./nowhere"));
+  EXPECT_EQ(security, tavio_sdk().Initialize_BT_Security);
+}
+
+TEST_F(SimTest, HandheldLibrariesLoadOnlyForTheHandheldScanner) {
+  load("Aratek_A400");
+  EXPECT_NE(nullptr, aratek_sdk().GetNFIQScore);
+  EXPECT_EQ(nullptr, tavio_sdk().OpenCom_port);
+  EXPECT_EQ(nullptr, tavio_sdk().Initialize_BT_Security);
+  std::string serial;
+  EXPECT_EQ(0, getdeviceserialnumber(&serial));
+  EXPECT_EQ(SIM_DEFAULT_SERIAL, serial);
+}
+
+}  // namespace

@@ -1,0 +1,219 @@
+// The TLS transport with real OpenSSL on both ends: certificates made here,
+// a real client, and clients that refuse or stall the handshake.
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "front_test_util.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "ssl/sslCommunication.h"
+#include "test_util.h"
+
+using namespace fronttest;
+
+namespace {
+
+struct PkeyFree {
+  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
+};
+struct X509Free {
+  void operator()(X509* x) const { X509_free(x); }
+};
+struct CtxFree {
+  void operator()(SSL_CTX* c) const { SSL_CTX_free(c); }
+};
+struct SslFree {
+  void operator()(SSL* s) const { SSL_free(s); }
+};
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
+
+PkeyPtr new_key() { return PkeyPtr(EVP_RSA_gen(2048)); }
+
+void write_key(const std::string& path, EVP_PKEY* key) {
+  FILE* f = std::fopen(path.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(PEM_write_PrivateKey(f, key, nullptr, nullptr, 0, nullptr, nullptr), 1);
+  std::fclose(f);
+}
+
+// A self-signed certificate for "localhost" over key.
+void write_cert(const std::string& path, EVP_PKEY* key) {
+  std::unique_ptr<X509, X509Free> cert(X509_new());
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), name);
+  X509_set_pubkey(cert.get(), key);
+  ASSERT_GT(X509_sign(cert.get(), key, EVP_sha256()), 0);
+  FILE* f = std::fopen(path.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(PEM_write_X509(f, cert.get()), 1);
+  std::fclose(f);
+}
+
+class TlsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    rd_identity().mi = "VX100";
+    rd_identity().scanner_name = "Aratek_A600";
+    ASSERT_EQ(platform::make_dirs("cert/ssl"), 0);
+    key_ = new_key();
+    ASSERT_TRUE(key_);
+    write_cert(settings_.cert_file, key_.get());
+    write_key(settings_.key_file, key_.get());
+  }
+  void TearDown() override { zlog_fini(); }
+
+  // Builds the context and starts the listener with TLS on.
+  int start_tls_server() {
+    if (validateServerCertAndInitSSLCTX(settings_) != 0) return 0;
+    rd_config().ssl_enabled = 1;
+    return start_server();
+  }
+
+  testutil::WorkDir dir_;
+  SslSettings settings_{"./cert/ssl/public.crt", "./cert/ssl/private.key"};
+  PkeyPtr key_;
+};
+
+// A TLS client limited to [min_version, max_version]; returns the answer, or
+// "handshake failed".
+std::string tls_exchange(int port, const std::string& request, int min_version = 0, int max_version = 0) {
+  std::unique_ptr<SSL_CTX, CtxFree> ctx(SSL_CTX_new(TLS_client_method()));
+  if (min_version != 0) {
+    // Old protocols are only offered at security level 0.
+    SSL_CTX_set_security_level(ctx.get(), 0);
+    SSL_CTX_set_min_proto_version(ctx.get(), min_version);
+    SSL_CTX_set_max_proto_version(ctx.get(), max_version);
+  }
+  int s = connect_to(port);
+  if (s < 0) return "no connection";
+  std::unique_ptr<SSL, SslFree> ssl(SSL_new(ctx.get()));
+  SSL_set_fd(ssl.get(), s);
+  std::string answer;
+  if (SSL_connect(ssl.get()) != 1) {
+    answer = "handshake failed";
+  } else {
+    SSL_write(ssl.get(), request.data(), static_cast<int>(request.size()));
+    // Half-closing first keeps the TIME_WAIT state off the service port.
+    ::shutdown(s, SHUT_WR);
+    char buf[4096];
+    int n;
+    while ((n = SSL_read(ssl.get(), buf, sizeof buf)) > 0) answer.append(buf, static_cast<std::size_t>(n));
+  }
+  ::close(s);
+  ERR_clear_error();
+  return answer;
+}
+
+TEST_F(TlsTest, HandshakeWaitHasItsRealDefault) { EXPECT_EQ(ssl_accept_wait_ms(), 120000); }
+
+TEST_F(TlsTest, ServesRequestsOverHttps) {
+  int port = start_tls_server();
+  ASSERT_NE(port, 0);
+  SSL_CTX* ctx = ssl_server_ctx();
+  ASSERT_NE(ctx, nullptr);
+  EXPECT_EQ(SSL_CTX_get_min_proto_version(ctx), TLS1_2_VERSION);
+  EXPECT_NE(SSL_CTX_get_options(ctx) & SSL_OP_NO_SSLv3, 0u);
+  EXPECT_EQ(SSL_CTX_get_timeout(ctx), 1200);
+
+  std::string body = discovery_body("READY", "VX100");
+  EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\nOrigin: https://app\r\n\r\n"),
+            ok_header(port, "/", body.size(), " https://app") + body);
+  EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept successful"));
+  EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSLWithTC", "Received message successfully"));
+  EXPECT_TRUE(wait_log("sslCommunication", "sendThruSSL", "Body sent successfully"));
+
+  // A body read through TLS takes the same path as over plain TCP.
+  std::string capture = "CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 1025\r\n\r\n<" + std::string(1024, 'a');
+  EXPECT_EQ(tls_exchange(port, capture),
+            ok_header(port, "/rd/capture", 114) +
+                "<PidData>\n<Resp errCode=\"100\" errInfo=\"Invalid input Pid-Options, XML should strictly adhere "
+                "to spec\"\n<PidData />\n");
+  EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", " content_length is: 1025"));
+
+  // A request that does not fit is refused over TLS too.
+  EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\nContent-Length: 3000\r\n\r\n" + std::string(3000, 'z')),
+            error_header(413, port, ""));
+  EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", "Request too large for the receive area"));
+}
+
+TEST_F(TlsTest, RefusesCertificateAndKeyThatDoNotBelongTogether) {
+  PkeyPtr other = new_key();
+  ASSERT_TRUE(other);
+  write_key("other.key", other.get());
+  testutil::write_file("garbage.crt", "-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n");
+  testutil::write_file("garbage.key", "no key here");
+  struct Row {
+    const char* name;
+    SslSettings settings;
+    const char* function;
+    std::string logged;
+  };
+  const std::vector<Row> rows = {
+      {"key of another pair", {"./cert/ssl/public.crt", "other.key"}, "validateSSLCert",
+       "Public key of ./cert/ssl/public.crt certificate does not match with private key of other.key"},
+      {"missing certificate", {"missing.crt", "./cert/ssl/private.key"}, "getCertInfo",
+       "Unable to open missing.crt file"},
+      {"unreadable certificate", {"garbage.crt", "./cert/ssl/private.key"}, "getCertInfo",
+       "Unable to load garbage.crt certificate"},
+      {"missing key", {"./cert/ssl/public.crt", "missing.key"}, "getPrivateKey", "Unable to open missing.key file"},
+      {"unreadable key", {"./cert/ssl/public.crt", "garbage.key"}, "getPrivateKey",
+       "Unable to read RSA private key from garbage.key"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(validateServerCertAndInitSSLCTX(row.settings), -2);
+    EXPECT_EQ(ssl_server_ctx(), nullptr);
+    EXPECT_TRUE(log_has("sslCommunication", row.function, row.logged));
+  }
+  EXPECT_TRUE(log_has("sslCommunication", "validateSSLCert", "getCertInfo failed"));
+  // The matching pair passes the same check.
+  EXPECT_EQ(validateSSLCert(settings_), 0);
+}
+
+TEST_F(TlsTest, DropsClientThatNeverStartsTheHandshake) {
+  set_ssl_accept_wait_ms_for_test(300);
+  int port = start_tls_server();
+  ASSERT_NE(port, 0);
+  int s = connect_to(port);
+  ASSERT_GE(s, 0);
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(read_until_close(s, 3000), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2500));
+  ::close(s);
+  EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept timed out"));
+  EXPECT_TRUE(wait_log("server", "process_incoming_message", "makeSSLConnection Failed"));
+  std::string status = testutil::last_status();
+  EXPECT_NE(status.find(" | server | process_incoming_message | SSL Connection Failed, please check browser settings "),
+            std::string::npos)
+      << status;
+}
+
+// This OpenSSL cannot offer SSLv3 at all, so the refusal is shown with a
+// client limited to TLS 1.0 and 1.1, both below the server's minimum.
+TEST_F(TlsTest, RefusesClientsBelowTheMinimumProtocol) {
+  int port = start_tls_server();
+  ASSERT_NE(port, 0);
+  EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n", TLS1_VERSION, TLS1_1_VERSION), "handshake failed");
+  EXPECT_TRUE(wait_log("sslCommunication", "printSSLError", "SSL throws:SSL_ERROR_SSL"));
+  EXPECT_TRUE(wait_log("server", "process_incoming_message", "makeSSLConnection Failed"));
+  // The same server still serves a current client.
+  std::string body = discovery_body("READY", "VX100");
+  EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), ok_header(port, "/", body.size()) + body);
+}
+
+}  // namespace

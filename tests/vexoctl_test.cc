@@ -1,0 +1,295 @@
+// vexoctl run as a child process: its DOMAIN_NAME values, seals and laid-out
+// working folders must be what the library itself accepts.
+#include <gtest/gtest.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "init/config.h"
+#include "init/file_crc.h"
+#include "init/rd_config.h"
+#include "platform/platform.h"
+#include "semaphore/semaphore_syc.h"
+#include "test_util.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testutil::read_file;
+using testutil::write_file;
+
+constexpr char kUrl[] = "https://127.0.0.1:9443/Zelm";
+
+struct ToolRun {
+  int rc = -1;
+  std::string out;  // standard output and standard error together
+};
+
+ToolRun run_tool(const std::string& exe, const std::vector<std::string>& args) {
+  int fds[2];
+  if (pipe(fds) != 0) return {};
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], 1);
+    dup2(fds[1], 2);
+    close(fds[0]);
+    close(fds[1]);
+    std::vector<char*> argv{const_cast<char*>(exe.c_str())};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(exe.c_str(), argv.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  ToolRun r;
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(fds[0], buf, sizeof buf)) > 0) r.out.append(buf, static_cast<std::size_t>(n));
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  r.rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+const std::string kTool = std::string(VEXO_BUILD_DIR) + "/vexoctl";
+
+struct X509Free {
+  void operator()(X509* x) const { X509_free(x); }
+};
+struct PkeyFree {
+  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+};
+struct BnFree {
+  void operator()(BIGNUM* b) const { BN_free(b); }
+};
+
+std::unique_ptr<X509, X509Free> load_cert(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "r");
+  if (f == nullptr) return nullptr;
+  std::unique_ptr<X509, X509Free> cert(PEM_read_X509(f, nullptr, nullptr, nullptr));
+  fclose(f);
+  return cert;
+}
+
+std::unique_ptr<EVP_PKEY, PkeyFree> load_key(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "r");
+  if (f == nullptr) return nullptr;
+  std::unique_ptr<EVP_PKEY, PkeyFree> key(PEM_read_PrivateKey(f, nullptr, nullptr, nullptr));
+  fclose(f);
+  return key;
+}
+
+std::unique_ptr<BIGNUM, BnFree> modulus(const EVP_PKEY* key) {
+  BIGNUM* n = nullptr;
+  EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &n);
+  return std::unique_ptr<BIGNUM, BnFree>(n);
+}
+
+class VexoctlTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    platform::set_lock_dir_for_test(dir_.path());
+    set_lock_timeouts_for_test(200, 200);
+    semaphore_reset_for_test();
+    rd_identity().scanner_name = "Aratek_A600";
+    ASSERT_EQ(init_semaphore(), 0);
+    rd_config() = RdConfig();
+  }
+  void TearDown() override { semaphore_reset_for_test(); }
+
+  // A copy of vexoctl in its own folder, with a RefDll folder beside it when
+  // refdll is set, so the test controls what the tool finds there.
+  std::string staged_tool(bool refdll) {
+    const std::string bin = dir_.file("bin");
+    fs::create_directories(bin);
+    fs::copy_file(kTool, bin + "/vexoctl", fs::copy_options::overwrite_existing);
+    if (refdll) {
+      fs::create_directories(bin + "/RefDll");
+      write_file(bin + "/RefDll/libAraTrustFinger.so", std::string("\x7f" "ELF fake library\0tail", 22));
+      write_file(bin + "/RefDll/libTavio.so", "another");
+      write_file(bin + "/RefDll/README.txt", "not a library");
+    }
+    return bin + "/vexoctl";
+  }
+
+  // Reads config.ini of folder wd as the service would at start-up.
+  int read_config_in(const std::string& wd) {
+    const fs::path old = fs::current_path();
+    fs::current_path(wd);
+    testing::internal::CaptureStdout();
+    int rc = read_config_file();
+    testing::internal::GetCapturedStdout();
+    fs::current_path(old);
+    return rc;
+  }
+
+  testutil::WorkDir dir_;
+};
+
+TEST_F(VexoctlTest, CommandsHaveHelpAndRejectBadUsage) {
+  const char* commands[] = {"domain-encrypt", "domain-decrypt", "seal", "verify", "init-workdir"};
+  for (const char* c : commands) {
+    ToolRun r = run_tool(kTool, {c, "--help"});
+    EXPECT_EQ(r.rc, 0) << c;
+    EXPECT_EQ(r.out.find(std::string("usage: vexoctl ") + c), 0u) << r.out;
+  }
+  const struct {
+    std::vector<std::string> args;
+    int rc;
+  } bad[] = {
+      {{}, 2},
+      {{"frobnicate"}, 2},
+      {{"domain-encrypt"}, 2},
+      {{"domain-encrypt", "a", "b"}, 2},
+      {{"seal"}, 2},
+      {{"init-workdir", "wd", "--scanner", "Aratek_A600"}, 2},
+      {{"init-workdir", "wd", "--mgmt-url", kUrl}, 2},
+      {{"init-workdir", "wd", "--scanner", "Aratek_A600", "--mgmt-url", kUrl, "--bogus"}, 2},
+      {{"init-workdir", "wd", "--scanner", "Nikon_D5", "--mgmt-url", kUrl}, 1},
+      {{"domain-decrypt", "AAAAAAAAAAAAAAAAAAAAAA=="}, 1},
+  };
+  for (const auto& b : bad) {
+    ToolRun r = run_tool(kTool, b.args);
+    EXPECT_EQ(r.rc, b.rc) << (b.args.empty() ? "(none)" : b.args[0]) << ": " << r.out;
+  }
+  EXPECT_FALSE(fs::exists("wd"));
+  EXPECT_EQ(run_tool(kTool, {"--help"}).rc, 0);
+}
+
+TEST_F(VexoctlTest, DomainValueFromTheToolGivesTheEndpoints) {
+  ToolRun enc = run_tool(kTool, {"domain-encrypt", kUrl});
+  ASSERT_EQ(enc.rc, 0) << enc.out;
+  ASSERT_FALSE(enc.out.empty());
+  ASSERT_EQ(enc.out.back(), '\n');
+  const std::string value = enc.out.substr(0, enc.out.size() - 1);
+  ToolRun dec = run_tool(kTool, {"domain-decrypt", value});
+  EXPECT_EQ(dec.rc, 0);
+  EXPECT_EQ(dec.out, std::string(kUrl) + "\n");
+
+  write_file("config.ini", "[config]\nRD_VER = 1.0.0\nDEV_PUB_KEY_VALIDITY = 1440\ndc = D1\n"
+                           "DOMAIN_NAME = " + value + "\n");
+  ASSERT_EQ(run_tool(kTool, {"seal", dir_.file("config.ini")}).rc, 0);
+  ASSERT_EQ(read_config_in(dir_.path()), 0);
+  const std::string b = kUrl;
+  const RdConfig& c = rd_config();
+  const std::vector<std::pair<std::string, std::string>> endpoints = {
+      {c.mgmt_url_register, b + "/rest/register/"},
+      {c.mgmt_url_keyrotation, b + "/rest/keyRotation/"},
+      {c.mgmt_url_uidaiupdate, b + "/rest/uidaiUpdate"},
+      {c.mgmt_url_updatestatus, b + "/rest/updateStatus"},
+      {c.mgmt_url_softupdate, b + "/rest/softUpdate/"},
+      {c.mgmt_url_getcert_pp, b + "/rest/getCert/PP"},
+      {c.mgmt_url_getcert_p, b + "/rest/getCert/P"},
+  };
+  for (const auto& [got, want] : endpoints) EXPECT_EQ(got, want);
+}
+
+TEST_F(VexoctlTest, SealAndVerifyMatchTheLibrary) {
+  fs::create_directories("sub");
+  const std::string body = "[config]\nRD_VER = 9\n";
+  write_file("sub/config.ini", body);
+  ToolRun seal = run_tool(kTool, {"seal", "sub/config.ini"});
+  ASSERT_EQ(seal.rc, 0) << seal.out;
+  EXPECT_EQ(verify_crc(1, "sub/config.ini", "sub/bin_crc.txt"), 0);
+  EXPECT_FALSE(fs::exists("bin_crc.txt"));
+  ToolRun ok = run_tool(kTool, {"verify", "sub/config.ini"});
+  EXPECT_EQ(ok.rc, 0);
+  EXPECT_EQ(ok.out, "seal ok: sub/config.ini\n");
+  write_file("sub/config.ini", body + "dc = x\n");
+  ToolRun broken = run_tool(kTool, {"verify", "sub/config.ini"});
+  EXPECT_EQ(broken.rc, 1);
+  EXPECT_EQ(broken.out.find("seal broken: sub/config.ini"), 0u) << broken.out;
+  EXPECT_EQ(std::count(broken.out.begin(), broken.out.end(), '\n'), 1);
+  EXPECT_EQ(run_tool(kTool, {"verify", "sub/absent.ini"}).rc, 1);
+}
+
+TEST_F(VexoctlTest, InitWorkdirLaysOutAStartableFolder) {
+  const std::string tool = staged_tool(true);
+  const std::string wd = dir_.file("wd");
+  ToolRun r = run_tool(tool, {"init-workdir", wd, "--scanner", "Aratek_A600", "--mgmt-url", kUrl});
+  ASSERT_EQ(r.rc, 0) << r.out;
+  EXPECT_EQ(verify_crc(1, (wd + "/config.ini").c_str(), (wd + "/bin_crc.txt").c_str()), 0);
+  ASSERT_EQ(read_config_in(wd), 0);
+  EXPECT_EQ(rd_config().mgmt_url_register, std::string(kUrl) + "/rest/register/");
+  EXPECT_EQ(rd_config().dc_missing, 1);
+  EXPECT_EQ(rd_config().ssl_enabled, 0);
+  EXPECT_EQ(rd_config().verbose, 0);
+  EXPECT_EQ(rd_config().dev_pub_key_validity, "1440");
+  EXPECT_FALSE(rd_config().rd_ver.empty());
+
+  auto ca = load_cert(wd + "/cert/server.crt");
+  ASSERT_NE(ca, nullptr);
+  EXPECT_EQ(X509_check_ca(ca.get()), 1);
+  EXPECT_EQ(read_file(wd + "/RefDll/libAraTrustFinger.so"),
+            read_file(dir_.file("bin/RefDll/libAraTrustFinger.so")));
+  EXPECT_EQ(read_file(wd + "/RefDll/libTavio.so"), "another");
+  EXPECT_FALSE(fs::exists(wd + "/RefDll/README.txt"));
+  EXPECT_FALSE(fs::exists(wd + "/cert/ssl"));
+
+  // Laying out again over an existing folder is allowed and leaves it valid.
+  ASSERT_EQ(run_tool(tool, {"init-workdir", wd, "--scanner", "Aratek_A600", "--mgmt-url", kUrl}).rc, 0);
+  EXPECT_EQ(read_config_in(wd), 0);
+}
+
+TEST_F(VexoctlTest, InitWorkdirWithTlsMakesAMatchingPair) {
+  const std::string tool = staged_tool(true);
+  const std::string wd = dir_.file("wd");
+  // The Management CA given on the command line is used byte for byte.
+  ASSERT_EQ(run_tool(tool, {"init-workdir", dir_.file("first"), "--scanner", "Tavio_TX9",
+                            "--mgmt-url", kUrl}).rc,
+            0);
+  const std::string given = read_file(dir_.file("first/cert/server.crt"));
+  ToolRun r = run_tool(tool, {"init-workdir", wd, "--tls", "--scanner", "Aratek_A400", "--mgmt-url",
+                          kUrl, "--mgmt-ca", dir_.file("first/cert/server.crt")});
+  ASSERT_EQ(r.rc, 0) << r.out;
+  EXPECT_EQ(read_file(wd + "/cert/server.crt"), given);
+
+  auto cert = load_cert(wd + "/cert/ssl/public.crt");
+  auto key = load_key(wd + "/cert/ssl/private.key");
+  ASSERT_NE(cert, nullptr);
+  ASSERT_NE(key, nullptr);
+  EXPECT_EQ(X509_check_private_key(cert.get(), key.get()), 1);
+  auto n_cert = modulus(X509_get0_pubkey(cert.get()));
+  auto n_key = modulus(key.get());
+  ASSERT_NE(n_cert, nullptr);
+  ASSERT_NE(n_key, nullptr);
+  EXPECT_EQ(BN_cmp(n_cert.get(), n_key.get()), 0);
+  EXPECT_EQ(X509_check_host(cert.get(), "localhost", 0, 0, nullptr), 1);
+  EXPECT_EQ(X509_check_ip_asc(cert.get(), "127.0.0.1", 0), 1);
+  EXPECT_EQ(X509_verify(cert.get(), key.get()), 1);
+  struct stat st {};
+  ASSERT_EQ(stat((wd + "/cert/ssl/private.key").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 077, 0u);
+  ASSERT_EQ(read_config_in(wd), 0);
+  EXPECT_EQ(rd_config().ssl_enabled, 1);
+
+  // A file that is not a certificate is refused.
+  write_file("junk.crt", "hello");
+  EXPECT_EQ(run_tool(tool, {"init-workdir", dir_.file("other"), "--scanner", "Aratek_A600",
+                            "--mgmt-url", kUrl, "--mgmt-ca", dir_.file("junk.crt")}).rc,
+            1);
+}
+
+TEST_F(VexoctlTest, InitWorkdirWithoutRefDllFails) {
+  const std::string tool = staged_tool(false);
+  ToolRun r = run_tool(tool, {"init-workdir", dir_.file("wd"), "--scanner", "Aratek_A600",
+                          "--mgmt-url", kUrl});
+  EXPECT_EQ(r.rc, 1);
+  EXPECT_NE(r.out.find("no RefDll folder beside vexoctl (" + dir_.file("bin") + "/RefDll)"),
+            std::string::npos)
+      << r.out;
+}
+
+}  // namespace

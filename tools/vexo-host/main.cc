@@ -1,0 +1,172 @@
+// vexo-host: stands in for the front end and the host program. It creates the
+// status FIFO and prints what arrives, loads libVexo.so from its own folder,
+// starts the service, and turns signals into plug events:
+//   SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "vexo.h"
+
+namespace {
+
+constexpr const char* kPipePath = "/tmp/qdx.win.002";
+
+struct Exports {
+  int (*Initialize_process)(const char*) = nullptr;
+  int (*Start_RDservice)() = nullptr;
+  int (*Get_Last_RDservice_Status)(char*) = nullptr;
+  int (*attach_device)() = nullptr;
+  int (*detach_device)() = nullptr;
+};
+
+void usage() {
+  std::fprintf(stderr,
+               "usage: vexo-host [--workdir DIR] SCANNER_DETAILS\n"
+               "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
+               "  SIGUSR1 reports the scanner plugged in, SIGUSR2 pulled out;\n"
+               "  SIGINT or SIGTERM stops the host.\n");
+}
+
+std::string own_folder() {
+  char path[PATH_MAX] = {};
+  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (n <= 0) return ".";
+  std::string p(path, static_cast<std::size_t>(n));
+  return p.substr(0, p.find_last_of('/'));
+}
+
+template <typename F>
+bool bind(void* lib, const char* name, F* out) {
+  *out = reinterpret_cast<F>(dlsym(lib, name));
+  if (*out == nullptr) std::fprintf(stderr, "vexo-host: %s missing in libVexo.so\n", name);
+  return *out != nullptr;
+}
+
+void print_status(const Exports& x, const char* call, int rc) {
+  char status[VEXO_STATUS_LEN] = {};
+  x.Get_Last_RDservice_Status(status);
+  std::printf("%s returned %d\nlast status: %s\n", call, rc, status);
+  std::fflush(stdout);
+}
+
+// Prints every status-pipe message as it arrives, until stop is set.
+void read_pipe(int fd, const std::atomic<bool>* stop) {
+  char buf[4096];
+  while (!stop->load()) {
+    pollfd p{fd, POLLIN, 0};
+    int r = poll(&p, 1, 200);
+    if (r <= 0) continue;
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n > 0) {
+      std::printf("pipe: %.*s", static_cast<int>(n), buf);
+      if (buf[n - 1] != '\n') std::printf("\n");
+      std::fflush(stdout);
+    } else {
+      usleep(50000);  // no writer at the moment
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string workdir;
+  std::string scanner;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      usage();
+      return 0;
+    }
+    if (arg == "--workdir" && i + 1 < argc) {
+      workdir = argv[++i];
+    } else if (scanner.empty()) {
+      scanner = arg;
+    } else {
+      usage();
+      return 2;
+    }
+  }
+  if (scanner.empty()) {
+    usage();
+    return 2;
+  }
+
+  const std::string lib_path = own_folder() + "/libVexo.so";
+  if (!workdir.empty() && chdir(workdir.c_str()) != 0) {
+    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), std::strerror(errno));
+    return 1;
+  }
+
+  // Signals are taken by sigwait below; every thread inherits the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int s : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, s);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  struct stat st {};
+  if (stat(kPipePath, &st) == 0 && !S_ISFIFO(st.st_mode)) unlink(kPipePath);
+  if (mkfifo(kPipePath, 0600) != 0 && errno != EEXIST) {
+    std::fprintf(stderr, "vexo-host: cannot create %s: %s\n", kPipePath, std::strerror(errno));
+    return 1;
+  }
+  int pipe_fd = open(kPipePath, O_RDONLY | O_NONBLOCK);
+  if (pipe_fd < 0) {
+    std::fprintf(stderr, "vexo-host: cannot open %s: %s\n", kPipePath, std::strerror(errno));
+    return 1;
+  }
+  std::atomic<bool> stop{false};
+  std::thread reader(read_pipe, pipe_fd, &stop);
+
+  void* lib = dlopen(lib_path.c_str(), RTLD_NOW);
+  Exports x;
+  if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
+      !bind(lib, "Start_RDservice", &x.Start_RDservice) ||
+      !bind(lib, "Get_Last_RDservice_Status", &x.Get_Last_RDservice_Status) ||
+      !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device)) {
+    if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", dlerror());
+    stop = true;
+    reader.join();
+    return 1;
+  }
+
+  int rc = x.Initialize_process(scanner.c_str());
+  print_status(x, "Initialize_process", rc);
+  if (rc == 0) {
+    rc = x.Start_RDservice();
+    print_status(x, "Start_RDservice", rc);
+  }
+  int exit_code = rc == 0 ? 0 : 1;
+  while (rc == 0) {
+    int sig = 0;
+    if (sigwait(&signals, &sig) != 0) continue;
+    if (sig == SIGUSR1) {
+      print_status(x, "attach_device", x.attach_device());
+    } else if (sig == SIGUSR2) {
+      print_status(x, "detach_device", x.detach_device());
+    } else {
+      std::printf("vexo-host: stopping\n");
+      std::fflush(stdout);
+      break;
+    }
+  }
+  stop = true;
+  reader.join();
+  close(pipe_fd);
+  // The library's threads live as long as the process; leave without unloading it.
+  std::fflush(stdout);
+  _exit(exit_code);
+}

@@ -1,0 +1,155 @@
+// init-workdir: lays out a working folder the service can start in. One
+// function per laid-out item, in the order they are made.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "init/config.h"
+#include "init/file_crc.h"
+#include "platform/platform.h"
+#include "semaphore/semaphore_syc.h"
+#include "vexoctl.h"
+#include "x509_make.h"
+
+namespace {
+
+struct Options {
+  std::string dir;
+  std::string scanner;
+  std::string mgmt_url;
+  std::string mgmt_ca;   // copied to cert/server.crt when given
+  bool tls = false;
+};
+
+int fail(const std::string& message) {
+  std::fprintf(stderr, "vexoctl: %s\n", message.c_str());
+  return 1;
+}
+
+int parse(const Args& args, Options* o) {
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    bool has_value = i + 1 < args.size();
+    if (a == "--scanner" && has_value) {
+      o->scanner = args[++i];
+    } else if (a == "--mgmt-url" && has_value) {
+      o->mgmt_url = args[++i];
+    } else if (a == "--mgmt-ca" && has_value) {
+      o->mgmt_ca = args[++i];
+    } else if (a == "--tls") {
+      o->tls = true;
+    } else if (!a.empty() && a[0] != '-' && o->dir.empty()) {
+      o->dir = a;
+    } else {
+      return -1;
+    }
+  }
+  return o->dir.empty() || o->scanner.empty() || o->mgmt_url.empty() ? -1 : 0;
+}
+
+int write_text(const std::string& path, const std::string& text, unsigned mode = 0644) {
+  if (platform::write_file_atomic(path, text.data(), text.size(), mode) != 0) {
+    return fail("cannot write " + path);
+  }
+  return 0;
+}
+
+// Folder of the running vexoctl executable.
+std::string own_folder() {
+  char buf[4096];
+  ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) return ".";
+  std::string path(buf, static_cast<std::size_t>(n));
+  std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+// config.ini with the service defaults and the encrypted Management address,
+// sealed by bin_crc.txt. dc stays empty so the first Init registers the device.
+int lay_config(const Options& o) {
+  std::string domain;
+  if (encrypt_domain_name(o.mgmt_url, &domain) != 0) return fail("cannot encrypt the Management URL");
+  const std::string text = "[config]\n"
+                           "RD_VER = 1.0.0\n"
+                           "DEV_PUB_KEY_VALIDITY = 1440\n"
+                           "dc = \n"
+                           "DOMAIN_NAME = " + domain + "\n"
+                           "IS_SSL_ENABLE = " + (o.tls ? "1" : "0") + "\n"
+                           "Verbose = 0\n";
+  const std::string config = o.dir + "/config.ini";
+  if (write_text(config, text) != 0) return 1;
+  const std::string crc = o.dir + "/bin_crc.txt";
+  if (add_crc(kCrc16, config.c_str(), crc.c_str()) != 0) return fail("cannot seal " + config);
+  return 0;
+}
+
+// cert/server.crt: the CA file the Management client checks the server with.
+// Without --mgmt-ca a fresh self-signed CA certificate stands in; its key is
+// not kept, so it only completes the layout.
+int lay_mgmt_ca(const Options& o) {
+  std::string pem;
+  if (!o.mgmt_ca.empty()) {
+    if (platform::read_file(o.mgmt_ca, &pem) != 0 || pem.find("-----BEGIN CERTIFICATE-----") ==
+                                                          std::string::npos) {
+      return fail("cannot read a PEM certificate from " + o.mgmt_ca);
+    }
+  } else {
+    std::string key;
+    std::string error;
+    CertRequest req{"Vexo Management CA", true, {}, 3650};
+    if (make_self_signed(req, &pem, &key, &error) != 0) return fail(error);
+  }
+  return write_text(o.dir + "/cert/server.crt", pem);
+}
+
+// RefDll/: the scanner libraries, copied from the RefDll folder beside vexoctl.
+int lay_refdll(const Options& o) {
+  const std::string from = own_folder() + "/RefDll";
+  DIR* d = ::opendir(from.c_str());
+  if (d == nullptr) return fail("no RefDll folder beside vexoctl (" + from + "); build the simulators first");
+  const std::string to = o.dir + "/RefDll";
+  int rc = platform::make_dirs(to) == 0 ? 0 : fail("cannot create " + to);
+  while (rc == 0) {
+    dirent* e = ::readdir(d);
+    if (e == nullptr) break;
+    std::string name = e->d_name;
+    if (name.size() < 4 || name.compare(name.size() - 3, 3, ".so") != 0) continue;
+    std::string data;
+    if (platform::read_file(from + "/" + name, &data) != 0) {
+      rc = fail("cannot read " + from + "/" + name);
+    } else {
+      rc = write_text(to + "/" + name, data, 0755);
+    }
+  }
+  ::closedir(d);
+  return rc;
+}
+
+// cert/ssl/public.crt and private.key: the local server's TLS pair.
+int lay_tls_pair(const Options& o) {
+  std::string cert;
+  std::string key;
+  std::string error;
+  CertRequest req{"localhost", false, {"DNS:localhost", "IP:127.0.0.1"}, 825};
+  if (make_self_signed(req, &cert, &key, &error) != 0) return fail(error);
+  if (platform::make_dirs(o.dir + "/cert/ssl") != 0) return fail("cannot create " + o.dir + "/cert/ssl");
+  if (write_text(o.dir + "/cert/ssl/private.key", key, 0600) != 0) return 1;
+  return write_text(o.dir + "/cert/ssl/public.crt", cert);
+}
+
+}  // namespace
+
+int cmd_init_workdir(const Args& args) {
+  Options o;
+  if (parse(args, &o) != 0) return 2;
+  if (semaphore_name_for_scanner(o.scanner.c_str()) == nullptr) {
+    return fail("unknown scanner " + o.scanner);
+  }
+  if (platform::make_dirs(o.dir + "/cert") != 0) return fail("cannot create " + o.dir + "/cert");
+  if (lay_config(o) != 0 || lay_mgmt_ca(o) != 0 || lay_refdll(o) != 0) return 1;
+  if (o.tls && lay_tls_pair(o) != 0) return 1;
+  std::printf("working folder %s is ready for %s\n", o.dir.c_str(), o.scanner.c_str());
+  return 0;
+}
