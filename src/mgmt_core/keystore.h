@@ -75,6 +75,9 @@ int GetAdapterID(std::vector<std::array<std::uint8_t, 6>>* ids);
 // The 32-byte digest of the service's own program file: SHA-256 of the file
 // that holds this library's code. 0 or -1.
 int GetHashRDservice(std::array<std::uint8_t, 32>* digest);
+// Makes GetHashRDservice digest another file: the provisioning tool builds a
+// keystore for the library installed beside it. An empty path restores the default.
+void set_service_module_path(const std::string& path);
 
 // Base folder of the node files: the test override, else rd_identity().appdata,
 // else platform::appdata_dir(). An empty dir removes the test override.

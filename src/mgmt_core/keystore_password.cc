@@ -166,9 +166,24 @@ int GetMAC(std::array<std::uint8_t, 6>* mac) {
   return 0;
 }
 
+namespace {
+std::mutex g_module_path_mutex;  // guards g_module_path_override
+std::string g_module_path_override;
+}  // namespace
+
+void set_service_module_path(const std::string& path) {
+  std::lock_guard<std::mutex> lock(g_module_path_mutex);
+  g_module_path_override = path;
+}
+
 int GetHashRDservice(std::array<std::uint8_t, 32>* digest) {
   digest->fill(0);
-  const std::string path = platform::own_module_path();
+  std::string path;
+  {
+    std::lock_guard<std::mutex> lock(g_module_path_mutex);
+    path = g_module_path_override;
+  }
+  if (path.empty()) path = platform::own_module_path();
   if (path.empty()) return -1;
   std::ifstream in(path, std::ios::binary);
   if (!in) return -1;

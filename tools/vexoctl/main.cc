@@ -76,9 +76,14 @@ const Command kCommands[] = {
      cmd_verify},
     {"init-workdir",
      "init-workdir DIR --scanner NAME --mgmt-url URL [--tls] [--mgmt-ca FILE]",
-     "lay out a working folder: sealed config.ini, cert/server.crt, RefDll/ and with --tls "
+     "lay out a working folder: sealed config.ini, cert/server.crt, RefDll/, Final.xsd, a "
+     "demonstration keystore with cert/public/signed_mc.cer, and with --tls "
      "cert/ssl/public.crt and private.key",
      cmd_init_workdir},
+    {"demo-keystore", "demo-keystore DIR --scanner NAME",
+     "make the demonstration keystore and cert/public/signed_mc.cer in DIR again (after a rebuild "
+     "of libVexo.so)",
+     cmd_demo_keystore},
 };
 
 void print_usage(FILE* out) {

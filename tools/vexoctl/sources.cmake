@@ -5,3 +5,5 @@ add_executable(vexoctl
   ${CMAKE_CURRENT_LIST_DIR}/x509_make.cc
 )
 target_link_libraries(vexoctl PRIVATE vexo_core)
+# init-workdir binds the demonstration keystore to the library beside vexoctl.
+add_dependencies(vexoctl Vexo)

@@ -9,6 +9,7 @@
 using Args = std::vector<std::string>;
 
 int cmd_init_workdir(const Args& args);
+int cmd_demo_keystore(const Args& args);
 
 // True when args ask for help ("--help" or "-h").
 bool wants_help(const Args& args);

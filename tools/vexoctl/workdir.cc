@@ -4,9 +4,17 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
+
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <string>
 
 #include "init/config.h"
+#include "init/init.h"
+#include "init/rd_log.h"
+#include "init/rd_config.h"
+#include "mgmt_core/keystore.h"
 #include "init/file_crc.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
@@ -141,6 +149,64 @@ int lay_tls_pair(const Options& o) {
 
 }  // namespace
 
+// Final.xsd, the schema every capture request is validated against, from
+// beside vexoctl.
+int lay_schema(const Options& o) {
+  std::string xsd;
+  if (platform::read_file(own_folder() + "/Final.xsd", &xsd) != 0) {
+    return fail("no Final.xsd beside vexoctl (" + own_folder() + ")");
+  }
+  return write_text(o.dir + "/Final.xsd", xsd);
+}
+
+struct X509Free {
+  void operator()(X509* x) const { X509_free(x); }
+};
+struct BioFree {
+  void operator()(BIO* b) const { BIO_free(b); }
+};
+
+// A demonstration keystore, so the service can capture before any Management
+// server has been reached: a device key pair made exactly as a key rotation
+// makes it, bound to this machine and to the libVexo.so beside vexoctl, and
+// the device certificate itself (DER) standing in for the Management-signed
+// cert/public/signed_mc.cer. Rebuilding the library changes its digest, so
+// the keystore must be laid out again after a rebuild.
+int lay_demo_keystore(const Options& o) {
+  const std::string library = own_folder() + "/libVexo.so";
+  if (!platform::file_readable(library)) return fail("no libVexo.so beside vexoctl (" + library + ")");
+  char cwd[4096];
+  if (::getcwd(cwd, sizeof cwd) == nullptr) return fail("cannot read the current folder");
+  if (::chdir(o.dir.c_str()) != 0) return fail("cannot enter " + o.dir);
+  zlog_init("rd.log");  // the keystore's own lines, as the service would write them
+  RdIdentity& id = rd_identity();
+  id.scanner_name = o.scanner;
+  int rc = load_config_file();
+  id.appdata = platform::appdata_dir();
+  rd_config().dev_pub_key_validity = "1440";
+  set_service_module_path(library);
+  std::string cert_pem;
+  if (rc == 0 && !id.appdata.empty()) rc = GenerateKeyPair(&cert_pem);
+  std::string der;
+  if (rc == 0) {
+    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())));
+    std::unique_ptr<X509, X509Free> cert(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    unsigned char* out = nullptr;
+    int len = cert ? i2d_X509(cert.get(), &out) : -1;
+    if (len > 0) der.assign(reinterpret_cast<char*>(out), static_cast<std::size_t>(len));
+    OPENSSL_free(out);
+  }
+  const bool ok = rc == 0 && !der.empty() && platform::make_dirs("cert/public") == 0 &&
+                  platform::write_file_atomic("cert/public/signed_mc.cer", der.data(), der.size()) == 0;
+  zlog_fini();
+  (void)::chdir(cwd);
+  if (!ok) {
+    return fail("cannot make the demonstration keystore (see " + o.dir +
+                "/rd.log; it needs APPDATA or HOME and a network adapter)");
+  }
+  return 0;
+}
+
 int cmd_init_workdir(const Args& args) {
   Options o;
   if (parse(args, &o) != 0) return 2;
@@ -148,8 +214,27 @@ int cmd_init_workdir(const Args& args) {
     return fail("unknown scanner " + o.scanner);
   }
   if (platform::make_dirs(o.dir + "/cert") != 0) return fail("cannot create " + o.dir + "/cert");
-  if (lay_config(o) != 0 || lay_mgmt_ca(o) != 0 || lay_refdll(o) != 0) return 1;
+  if (lay_config(o) != 0 || lay_mgmt_ca(o) != 0 || lay_refdll(o) != 0 || lay_schema(o) != 0) return 1;
+  // Without a keystore the service still starts and answers; only captures
+  // fail until a key rotation has made one.
+  if (lay_demo_keystore(o) != 0) std::fprintf(stderr, "vexoctl: warning: the working folder has no keystore\n");
   if (o.tls && lay_tls_pair(o) != 0) return 1;
   std::printf("working folder %s is ready for %s\n", o.dir.c_str(), o.scanner.c_str());
   return 0;
+}
+
+int cmd_demo_keystore(const Args& args) {
+  Options o;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--scanner" && i + 1 < args.size()) {
+      o.scanner = args[++i];
+    } else if (!args[i].empty() && args[i][0] != '-' && o.dir.empty()) {
+      o.dir = args[i];
+    } else {
+      return 2;
+    }
+  }
+  if (o.dir.empty() || o.scanner.empty()) return 2;
+  if (find_scanner_model(o.scanner) == nullptr) return fail("unknown scanner " + o.scanner);
+  return lay_demo_keystore(o);
 }

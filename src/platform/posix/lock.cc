@@ -150,8 +150,8 @@ int named_lock_acquire(NamedLock* lock, unsigned timeout_ms) {
       errno = err;
       return failed ? -1 : 1;
     }
-    // Other threads only wait on the condition variable, so polling with the
-    // mutex released lets a release from another thread proceed meanwhile.
+    // "taking" keeps other threads out while the mutex is dropped for the
+    // pause, so a release on another thread is never blocked by the poll.
     guard.unlock();
     sleep_ms(kPollMs);
     guard.lock();

@@ -1,0 +1,499 @@
+// Captures end to end: a request over a real socket to the running service,
+// the simulated scanner, the real keystore, and a UIDAI key pair of the test.
+// Every answer is opened here independently with OpenSSL, libxml2, protobuf-c
+// and openjpeg.
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+
+#include "auth.pb-c.h"
+#include "http/work_area.h"
+#include "init/init.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "jp2_test_util.h"
+#include "mgmt_core/Base64.h"
+#include "mgmt_core/hash.h"
+#include "mgmt_core/keystore.h"
+#include "platform/platform.h"
+#include "rd_core/pidblock_A600.h"
+#include "rd_core/uidai_certs.h"
+#include "semaphore/semaphore_syc.h"
+#include "sim_control.h"
+#include "test_util.h"
+#include "vexo.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<std::uint8_t>;
+
+struct PkeyFree {
+  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
+};
+struct X509Free {
+  void operator()(X509* x) const { X509_free(x); }
+};
+struct CtxFree {
+  void operator()(EVP_PKEY_CTX* c) const { EVP_PKEY_CTX_free(c); }
+};
+struct CipherFree {
+  void operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
+};
+struct MdFree {
+  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
+};
+struct DocFree {
+  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
+};
+using PidMessage = In__Gov__Uidai__Authserver__Protobuf__Pid;
+struct PidFree {
+  void operator()(PidMessage* p) const { in__gov__uidai__authserver__protobuf__pid__free_unpacked(p, nullptr); }
+};
+
+Bytes b64(const std::string& text) {
+  Bytes out;
+  EXPECT_EQ(Base64Decode(text, &out), 0) << text;
+  return out;
+}
+
+std::string as_text(const Bytes& b) { return std::string(b.begin(), b.end()); }
+
+// The test's UIDAI key pair: a self-signed certificate that expires on
+// 2031-03-09, placed where the service looks for its UIDAI certificates.
+struct UidaiKey {
+  std::unique_ptr<EVP_PKEY, PkeyFree> key;
+  std::string pem;
+};
+
+UidaiKey make_uidai_certificate() {
+  UidaiKey out;
+  out.key.reset(EVP_RSA_gen(2048));
+  std::unique_ptr<X509, X509Free> cert(X509_new());
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 7);
+  ASN1_TIME_set_string(X509_getm_notBefore(cert.get()), "20240101000000Z");
+  ASN1_TIME_set_string(X509_getm_notAfter(cert.get()), "20310309120000Z");
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Test UIDAI"), -1,
+                             -1, 0);
+  X509_set_issuer_name(cert.get(), name);
+  X509_set_pubkey(cert.get(), out.key.get());
+  X509_sign(cert.get(), out.key.get(), EVP_sha256());
+  BIO* bio = BIO_new(BIO_s_mem());
+  PEM_write_bio_X509(bio, cert.get());
+  char* data = nullptr;
+  long len = BIO_get_mem_data(bio, &data);
+  out.pem.assign(data, static_cast<std::size_t>(len));
+  BIO_free(bio);
+  return out;
+}
+
+Bytes rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
+  std::unique_ptr<EVP_PKEY_CTX, CtxFree> ctx(EVP_PKEY_CTX_new(key, nullptr));
+  EVP_PKEY_decrypt_init(ctx.get());
+  EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING);
+  std::size_t len = 0;
+  EVP_PKEY_decrypt(ctx.get(), nullptr, &len, wrapped.data(), wrapped.size());
+  Bytes out(len);
+  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) return {};
+  out.resize(len);
+  return out;
+}
+
+// AES-256-GCM open; false when the tag does not match.
+bool gcm_open(const Bytes& key, const std::string& iv, const std::string& aad, const Bytes& cipher,
+              const Bytes& tag, Bytes* plain) {
+  std::unique_ptr<EVP_CIPHER_CTX, CipherFree> ctx(EVP_CIPHER_CTX_new());
+  EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr);
+  EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()), nullptr);
+  EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key.data(), reinterpret_cast<const unsigned char*>(iv.data()));
+  int n = 0;
+  EVP_DecryptUpdate(ctx.get(), nullptr, &n, reinterpret_cast<const unsigned char*>(aad.data()),
+                    static_cast<int>(aad.size()));
+  plain->assign(cipher.size() + 16, 0);
+  EVP_DecryptUpdate(ctx.get(), plain->data(), &n, cipher.data(), static_cast<int>(cipher.size()));
+  int total = n;
+  EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, const_cast<std::uint8_t*>(tag.data()));
+  if (EVP_DecryptFinal_ex(ctx.get(), plain->data() + total, &n) != 1) return false;
+  plain->resize(static_cast<std::size_t>(total + n));
+  return true;
+}
+
+// The device certificate's public key verifies bs over SHA-256(record) + ts + dc.
+bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts, const std::string& dc,
+               const std::string& bs) {
+  Sha256Digest digest = sha256(record);
+  std::string message(digest.begin(), digest.end());
+  message += ts + dc;
+  Bytes sig = b64(bs);
+  std::unique_ptr<EVP_MD_CTX, MdFree> ctx(EVP_MD_CTX_new());
+  EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, device_key);
+  return EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), reinterpret_cast<const unsigned char*>(message.data()),
+                          message.size()) == 1;
+}
+
+std::map<std::string, std::string> attributes(xmlNode* node) {
+  std::map<std::string, std::string> out;
+  for (xmlAttr* a = node->properties; a; a = a->next) {
+    xmlChar* v = xmlNodeGetContent(reinterpret_cast<xmlNode*>(a));
+    out[reinterpret_cast<const char*>(a->name)] = v ? reinterpret_cast<const char*>(v) : "";
+    xmlFree(v);
+  }
+  return out;
+}
+
+xmlNode* child(xmlNode* parent, const char* name) {
+  for (xmlNode* c = parent ? parent->children : nullptr; c; c = c->next) {
+    if (c->type == XML_ELEMENT_NODE && std::string(reinterpret_cast<const char*>(c->name)) == name) return c;
+  }
+  return nullptr;
+}
+
+std::string content(xmlNode* node) {
+  xmlChar* v = xmlNodeGetContent(node);
+  std::string s = v ? reinterpret_cast<const char*>(v) : "";
+  xmlFree(v);
+  return s;
+}
+
+// One parsed PidData answer.
+struct PidData {
+  std::unique_ptr<xmlDoc, DocFree> doc;
+  std::map<std::string, std::string> resp, device, skey_attrs, data_attrs;
+  std::string srno, skey, hmac, data;
+};
+
+PidData parse_pid_data(const std::string& body) {
+  PidData p;
+  p.doc.reset(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr, XML_PARSE_NONET));
+  xmlNode* root = p.doc ? xmlDocGetRootElement(p.doc.get()) : nullptr;
+  EXPECT_NE(root, nullptr) << body;
+  if (!root) return p;
+  p.resp = attributes(child(root, "Resp"));
+  xmlNode* info = child(root, "DeviceInfo");
+  p.device = attributes(info);
+  p.srno = attributes(child(child(info, "additional_info"), "Param"))["value"];
+  p.skey_attrs = attributes(child(root, "Skey"));
+  p.skey = content(child(root, "Skey"));
+  p.hmac = content(child(root, "Hmac"));
+  p.data_attrs = attributes(child(root, "Data"));
+  p.data = content(child(root, "Data"));
+  return p;
+}
+
+class CaptureEndToEnd : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("APPDATA", dir_.file("appdata").c_str(), 1);
+    ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir_.path() +
+                           " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm > /dev/null 2>&1")
+                              .c_str()),
+              0);
+    refdll_ = dir_.file("RefDll");
+    sim::write_control(refdll_, {{"serial", "A600-E2E-7"},
+                                 {"capture_wait_ms", "0"},
+                                 {"minutiae_count", "33"},
+                                 {"quality", "77"}});
+    fs::create_directories("locks");
+    platform::set_lock_dir_for_test(dir_.file("locks"));
+    platform::Adapter eth;
+    eth.address[0] = 0x02;
+    eth.address[5] = 0x07;
+    eth.ethernet = true;
+    eth.index = 2;
+    platform::set_adapters_for_test(std::vector<platform::Adapter>{eth});
+    set_capture_timing_for_test(CaptureTiming{1, 1, 1, 20, 5});
+
+    uidai_ = make_uidai_certificate();
+    fs::create_directories("cert/uidai");
+    for (const char* name : {"stage.pem", "preprod.pem", "prod.pem", "prod_old.pem"}) {
+      testutil::write_file(std::string("cert/uidai/") + name, uidai_.pem);
+    }
+
+    ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+    // The keystore is bound to the program that reads it: make it for this one.
+    std::string cert_pem;
+    ASSERT_EQ(GenerateKeyPair(&cert_pem), 0);
+    BIO* bio = BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size()));
+    device_cert_.reset(PEM_read_bio_X509(bio, nullptr, nullptr, nullptr));
+    BIO_free(bio);
+    ASSERT_TRUE(device_cert_);
+    testutil::write_file("cert/public/signed_mc.cer", cert_pem);
+    ASSERT_EQ(Start_RDservice(), 0) << testutil::last_status();
+    port_ = service_port();
+  }
+
+  void TearDown() override {
+    platform::set_adapters_for_test(std::nullopt);
+    unsetenv("APPDATA");
+  }
+
+  // Sends a CAPTURE request and returns the answer split into head and body.
+  std::pair<std::string, std::string> capture(const std::string& pid_options) {
+    std::string request = "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
+                          std::to_string(pid_options.size()) + "\r\n\r\n" + pid_options;
+    std::string answer = testutil::http_exchange(port_, request, 20000);
+    std::size_t split = answer.find("\r\n\r\n");
+    EXPECT_NE(split, std::string::npos) << answer;
+    if (split == std::string::npos) return {};
+    return {answer.substr(0, split + 4), answer.substr(split + 4)};
+  }
+
+  std::string capture_head(std::size_t body_len) {
+    return "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + std::to_string(port_) +
+           "/rd/capture\r\nContent-Length: " + std::to_string(body_len) +
+           "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+  }
+
+  // Opens Skey, Data and Hmac of a successful answer; returns the plain Pid and its ts.
+  Bytes open_pid(const PidData& p, std::string* ts) {
+    Bytes key = rsa_unwrap(uidai_.key.get(), b64(p.skey));
+    EXPECT_EQ(key.size(), 32u);
+    Bytes data = b64(p.data);
+    EXPECT_GT(data.size(), 19u + 16u);
+    if (data.size() <= 35) return {};
+    *ts = std::string(data.begin(), data.begin() + 19);
+    const std::string iv = ts->substr(19 - 12), aad = ts->substr(19 - 16);
+    Bytes cipher(data.begin() + 19, data.end() - 16), tag(data.end() - 16, data.end());
+    Bytes plain;
+    EXPECT_TRUE(gcm_open(key, iv, aad, cipher, tag, &plain)) << "Data tag";
+    Bytes hmac = b64(p.hmac);
+    EXPECT_EQ(hmac.size(), 48u);
+    Bytes digest;
+    EXPECT_TRUE(gcm_open(key, iv, aad, Bytes(hmac.begin(), hmac.begin() + 32), Bytes(hmac.begin() + 32, hmac.end()),
+                         &digest))
+        << "Hmac tag";
+    Sha256Digest expected = sha256(plain);
+    EXPECT_EQ(digest, Bytes(expected.begin(), expected.end()));
+    return plain;
+  }
+
+  std::string expected_dih() {
+    const RdIdentity& id = rd_identity();
+    Sha256Digest srno = sha256(std::string_view(get_device_serial()));
+    std::string text = id.dpId + id.rdsId + rd_config().rd_ver + rd_config().dc + id.mi + hex_lower(srno);
+    Sha256Digest d = sha256(std::string_view(text));
+    std::string out;
+    Base64Encode(d, &out);
+    return out;
+  }
+
+  testutil::WorkDir dir_;
+  testutil::PipeReader pipe_{dir_.path()};
+  std::string refdll_;
+  UidaiKey uidai_;
+  std::unique_ptr<X509, X509Free> device_cert_;
+  int port_ = 0;
+};
+
+TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
+  auto [head, body] = capture(
+      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
+      "posh=\"LEFT_INDEX\" env=\"P\" wadh=\"\"/></PidOptions>");
+  EXPECT_EQ(head, capture_head(body.size()));
+  PidData p = parse_pid_data(body);
+  EXPECT_EQ(p.resp["errCode"], "0");
+  EXPECT_EQ(p.resp["errInfo"], "SUCCESS");
+  EXPECT_EQ(p.resp["fCount"], "1");
+  EXPECT_EQ(p.resp["fType"], "0");
+  EXPECT_EQ(p.resp["nmPoints"], "033");
+  EXPECT_EQ(p.resp["qScore"], "077");
+  EXPECT_EQ(p.device["dpId"], rd_identity().dpId);
+  EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
+  EXPECT_EQ(p.device["mi"], "QDX.ARA.A600.W");
+  std::string mc;
+  std::string cert_file = testutil::read_file("cert/public/signed_mc.cer");
+  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_file.data()), cert_file.size()),
+               &mc);
+  EXPECT_EQ(p.device["mc"], mc);
+  EXPECT_EQ(p.srno, "A600-E2E-7");
+  EXPECT_EQ(p.skey_attrs["ci"], "20310309");
+  EXPECT_EQ(p.data_attrs["type"], "X");
+
+  std::string ts;
+  Bytes plain = open_pid(p, &ts);
+  std::unique_ptr<xmlDoc, DocFree> pid(
+      xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0));
+  ASSERT_TRUE(pid) << as_text(plain);
+  xmlNode* root = xmlDocGetRootElement(pid.get());
+  EXPECT_EQ(attributes(root)["ts"], ts);
+  EXPECT_EQ(attributes(root)["ver"], "1.0");
+  xmlNode* bios = child(root, "Bios");
+  EXPECT_EQ(attributes(bios)["dih"], expected_dih());
+  xmlNode* bio = child(bios, "Bio");
+  ASSERT_NE(bio, nullptr);
+  auto bio_attrs = attributes(bio);
+  EXPECT_EQ(bio_attrs["type"], "FMR");
+  EXPECT_EQ(bio_attrs["posh"], "LEFT_INDEX");
+  Bytes record = b64(content(bio));
+  ASSERT_GT(record.size(), 28u);
+  EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 4)), std::string("FMR\0", 4));
+  EXPECT_EQ(record[27], 33);
+  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
+  EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config().dc, bio_attrs["bs"]));
+  EXPECT_FALSE(verify_bs(device_key.get(), record, "2000-01-01T00:00:00", rd_config().dc, bio_attrs["bs"]));
+  EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
+}
+
+TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
+  auto [head, body] = capture(
+      "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" "
+      "posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>");
+  EXPECT_EQ(head, capture_head(body.size()));
+  PidData p = parse_pid_data(body);
+  ASSERT_EQ(p.resp["errCode"], "0") << body;
+  EXPECT_EQ(p.resp["nmPoints"], "033,033");
+  EXPECT_EQ(p.resp["qScore"], "077,077");
+  EXPECT_EQ(p.data_attrs["type"], "P");
+
+  std::string ts;
+  Bytes plain = open_pid(p, &ts);
+  std::unique_ptr<PidMessage, PidFree> pid(
+      in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
+  ASSERT_TRUE(pid);
+  EXPECT_STREQ(pid->ts, ts.c_str());
+  EXPECT_STREQ(pid->ver, "2.0");
+  ASSERT_NE(pid->bios, nullptr);
+  EXPECT_STREQ(pid->bios->dih, expected_dih().c_str());
+  ASSERT_EQ(pid->bios->n_bio, 4u);
+  const struct {
+    In__Gov__Uidai__Authserver__Protobuf__BioType type;
+    In__Gov__Uidai__Authserver__Protobuf__Position posh;
+  } order[] = {
+      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
+      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
+      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
+      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
+  };
+  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
+  for (std::size_t i = 0; i < 4; ++i) {
+    SCOPED_TRACE(i);
+    const auto* bio = pid->bios->bio[i];
+    EXPECT_EQ(bio->type, order[i].type);
+    EXPECT_EQ(bio->posh, order[i].posh);
+    Bytes record(bio->content.data, bio->content.data + bio->content.len);
+    EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config().dc, bio->bs));
+    if (bio->type == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR) {
+      ASSERT_GT(record.size(), 28u);
+      EXPECT_EQ(record[27], 33);
+      continue;
+    }
+    // Finger image record: the 46-byte header, then JPEG 2000 of the sensor's size.
+    ASSERT_GT(record.size(), 46u);
+    EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 8)), std::string("FIR\0" "010\0", 8));
+    const std::uint64_t total = (std::uint64_t{record[8]} << 40) | (std::uint64_t{record[9]} << 32) |
+                                (std::uint64_t{record[10]} << 24) | (std::uint64_t{record[11]} << 16) |
+                                (std::uint64_t{record[12]} << 8) | record[13];
+    EXPECT_EQ(total, record.size());
+    EXPECT_EQ(record[29], 4);   // JPEG 2000
+    EXPECT_EQ(record[36], 0);   // position byte stays 0
+    EXPECT_EQ(record[39], 77);  // quality
+    jp2test::DecodedImage image;
+    ASSERT_TRUE(jp2test::decode_jp2(record.data() + 46, record.size() - 46, &image));
+    EXPECT_EQ(image.width, 256);
+    EXPECT_EQ(image.height, 360);
+  }
+  // The user is asked for each finger and told to lift the first one only.
+  ASSERT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
+  const std::string messages = pipe_.received();
+  const std::size_t first = messages.find("|Put Left Index Finger\n");
+  const std::size_t remove = messages.find("10000|Remove Finger\n");
+  const std::size_t second = messages.find("|Put Right Thumb Finger\n");
+  EXPECT_NE(first, std::string::npos) << messages;
+  EXPECT_LT(first, remove);
+  EXPECT_LT(remove, second);
+  EXPECT_EQ(messages.find("Remove Finger", remove + 10), std::string::npos) << messages;
+}
+
+TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
+  const std::string one_finger =
+      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
+  struct Case {
+    const char* name;
+    sim::Keys control;
+    std::function<void()> before;
+    std::string request;
+    const char* code;
+    const char* info;
+  } cases[] = {
+      {"time-out", {{"capture_results", "-113"}}, [] {}, one_finger, "700", "Capture timed out"},
+      {"capture failure", {{"capture_results", "-5"}}, [] {}, one_finger, "730", "Capture Failed"},
+      {"re-capture after NFIQ 4", {{"nfiq_scores", "4,3"}}, [] {}, one_finger, "0", "SUCCESS"},
+      {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, one_finger, "999", "Internal error"},
+      {"service used", {}, [] { set_rd_status_used(); }, one_finger, "710", "Being used by another application"},
+      {"service not ready", {}, [] { set_rd_status_notready(); }, one_finger, "720", "Device not ready"},
+      {"production checksum differs", {}, [] { set_uidai_prod_checksum(std::string(64, '0')); }, one_finger, "240",
+       "UIDAI Certificate is INVALID"},
+      {"no finger asked for", {}, [] {},
+       "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>", "-1",
+       "Command Not Sent to Device"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    set_rd_status_ready();
+    uidai_certs_reset_for_test();
+    sim::Keys keys = c.control;
+    keys.push_back({"capture_wait_ms", "0"});
+    keys.push_back({"serial", "A600-E2E-7"});
+    sim::write_control(refdll_, keys);
+    c.before();
+    auto [head, body] = capture(c.request);
+    EXPECT_EQ(head, capture_head(body.size()));
+    PidData p = parse_pid_data(body);
+    EXPECT_EQ(p.resp["errCode"], c.code) << body;
+    EXPECT_EQ(p.resp["errInfo"], c.info);
+    EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
+    EXPECT_EQ(p.srno, "A600-E2E-7");
+    if (std::string(c.code) != "0") {
+      EXPECT_EQ(p.skey, "");
+      EXPECT_EQ(p.hmac, "");
+      EXPECT_EQ(p.data, "");
+    }
+  }
+  EXPECT_NE(pipe_.received().find("3000|Low Quality Image\n"), std::string::npos);
+  set_rd_status_ready();
+}
+
+TEST_F(CaptureEndToEnd, DeviceInfoWithAndWithoutOrigin) {
+  std::string cert_file = testutil::read_file("cert/public/signed_mc.cer");
+  std::string mc;
+  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_file.data()), cert_file.size()),
+               &mc);
+  const std::string body = "<DeviceInfo dpId=\"" + rd_identity().dpId +
+                           "\" rdsId=\"QDX.WIN.002\" rdsVer=\"1.0.0\" dc=\"\" mi=\"QDX.ARA.A600.W\" mc=\"" + mc +
+                           "\"><additional_info><Param name=\"srno\" value=\"A600-E2E-7\"/></additional_info>"
+                           "</DeviceInfo>\n";
+  const std::string port = std::to_string(port_);
+  const std::string len = std::to_string(body.size());
+  struct {
+    const char* origin_header;
+    std::string head;
+  } cases[] = {
+      {"", "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
+               "/rd/info\r\nContent-Length: " + len + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n"},
+      {"Origin: http://localhost:8080\r\n",
+       "HTTP/1.1 200 OK\r\nAccess-Control-Allow-Origin: http://localhost:8080\r\nCACHE-CONTROL: no-cache\r\n"
+       "LOCATION: http://127.0.0.1:" +
+           port + "/rd/info\r\nContent-Length: " + len + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.origin_header);
+    std::string answer = testutil::http_exchange(
+        port_, std::string("DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n") + c.origin_header + "\r\n");
+    EXPECT_EQ(answer, c.head + body);
+  }
+}
+
+}  // namespace
