@@ -115,6 +115,11 @@ class VexoctlTest : public ::testing::Test {
     const std::string bin = dir_.file("bin");
     fs::create_directories(bin);
     fs::copy_file(kTool, bin + "/vexoctl", fs::copy_options::overwrite_existing);
+    // The schema and the library the demonstration keystore is bound to.
+    fs::copy_file(std::string(VEXO_BUILD_DIR) + "/Final.xsd", bin + "/Final.xsd", fs::copy_options::overwrite_existing);
+    fs::copy_file(std::string(VEXO_BUILD_DIR) + "/libVexo.so", bin + "/libVexo.so",
+                  fs::copy_options::overwrite_existing);
+    setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     if (refdll) {
       fs::create_directories(bin + "/RefDll");
       write_file(bin + "/RefDll/libAraTrustFinger.so", std::string("\x7f" "ELF fake library\0tail", 22));
@@ -237,6 +242,21 @@ TEST_F(VexoctlTest, InitWorkdirLaysOutAStartableFolder) {
   EXPECT_EQ(read_file(wd + "/RefDll/libTavio.so"), "another");
   EXPECT_FALSE(fs::exists(wd + "/RefDll/README.txt"));
   EXPECT_FALSE(fs::exists(wd + "/cert/ssl"));
+  EXPECT_EQ(read_file(wd + "/Final.xsd"), read_file(std::string(VEXO_BUILD_DIR) + "/Final.xsd"));
+  // The demonstration keystore: the device certificate, in DER as the
+  // Management server would send it, and the encrypted key.
+  EXPECT_TRUE(fs::exists(wd + "/keystore/enc_private_key"));
+  EXPECT_TRUE(fs::exists(wd + "/keystore/key.hash"));
+  EXPECT_TRUE(fs::exists(wd + "/last_acces_time_file"));
+  const std::string der = read_file(wd + "/cert/public/signed_mc.cer");
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
+  X509* device = d2i_X509(nullptr, &p, static_cast<long>(der.size()));
+  ASSERT_NE(device, nullptr);
+  auto dev_pem = load_cert(wd + "/cert/public/DevPubKey");
+  ASSERT_NE(dev_pem, nullptr);
+  EXPECT_EQ(X509_cmp(device, dev_pem.get()), 0);
+  X509_free(device);
+  EXPECT_TRUE(fs::exists(dir_.file("appdata/korvane/QDX.WIN.002/Vexo_002_Node.txt")));
 
   // Laying out again over an existing folder is allowed and leaves it valid.
   ASSERT_EQ(run_tool(tool, {"init-workdir", wd, "--scanner", "Aratek_A600", "--mgmt-url", kUrl}).rc, 0);

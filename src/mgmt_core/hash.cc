@@ -2,7 +2,9 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <fstream>
+#include <vector>
 #include <memory>
 
 namespace {
@@ -10,8 +12,8 @@ struct MdCtxFree {
   void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
 };
 
-int file_digest(const EVP_MD* md, const std::string& path, std::string* hex) {
-  hex->clear();
+int file_digest_bytes(const EVP_MD* md, const std::string& path, std::vector<std::uint8_t>* out) {
+  out->clear();
   std::ifstream in(path, std::ios::binary);
   if (!in) return -1;
   std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
@@ -22,10 +24,18 @@ int file_digest(const EVP_MD* md, const std::string& path, std::string* hex) {
     if (in.gcount() > 0 && EVP_DigestUpdate(ctx.get(), buf, static_cast<std::size_t>(in.gcount())) != 1) return -1;
   }
   if (in.bad()) return -1;
-  unsigned char out[EVP_MAX_MD_SIZE];
+  unsigned char md_out[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
-  if (EVP_DigestFinal_ex(ctx.get(), out, &len) != 1) return -1;
-  *hex = hex_lower(std::span<const std::uint8_t>(out, len));
+  if (EVP_DigestFinal_ex(ctx.get(), md_out, &len) != 1) return -1;
+  out->assign(md_out, md_out + len);
+  return 0;
+}
+
+int file_digest(const EVP_MD* md, const std::string& path, std::string* hex) {
+  hex->clear();
+  std::vector<std::uint8_t> bytes;
+  if (file_digest_bytes(md, path, &bytes) != 0) return -1;
+  *hex = hex_lower(bytes);
   return 0;
 }
 }  // namespace
@@ -50,6 +60,14 @@ std::string hex_lower(std::span<const std::uint8_t> bytes) {
     out += kDigits[b & 0x0F];
   }
   return out;
+}
+
+int sha256_file(const std::string& path, Sha256Digest* out) {
+  out->fill(0);
+  std::vector<std::uint8_t> bytes;
+  if (file_digest_bytes(EVP_sha256(), path, &bytes) != 0 || bytes.size() != out->size()) return -1;
+  std::copy(bytes.begin(), bytes.end(), out->begin());
+  return 0;
 }
 
 int Get_Sha2(const std::string& path, std::string* hex) { return file_digest(EVP_sha256(), path, hex); }

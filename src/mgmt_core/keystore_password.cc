@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -23,10 +21,6 @@ namespace {
 
 std::mutex g_base_mutex;
 std::string g_base_for_test;
-
-struct MdCtxFree {
-  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
-};
 
 // Node-file location below the base folder, per RD service identifier.
 constexpr const char* kNodeFiles[][2] = {
@@ -167,7 +161,7 @@ int GetMAC(std::array<std::uint8_t, 6>* mac) {
 }
 
 namespace {
-std::mutex g_module_path_mutex;  // guards g_module_path_override
+std::mutex g_module_path_mutex;  // guards g_module_path_override and the digest cache
 std::string g_module_path_override;
 }  // namespace
 
@@ -178,29 +172,26 @@ void set_service_module_path(const std::string& path) {
 
 int GetHashRDservice(std::array<std::uint8_t, 32>* digest) {
   digest->fill(0);
-  std::string path;
-  {
-    std::lock_guard<std::mutex> lock(g_module_path_mutex);
-    path = g_module_path_override;
-  }
-  if (path.empty()) path = platform::own_module_path();
+  std::lock_guard<std::mutex> lock(g_module_path_mutex);
+  std::string path = g_module_path_override.empty() ? platform::own_module_path() : g_module_path_override;
   if (path.empty()) return -1;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return -1;
-  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return -1;
-  char buf[65536];
-  while (in) {
-    in.read(buf, sizeof buf);
-    std::streamsize n = in.gcount();
-    if (n > 0 && EVP_DigestUpdate(ctx.get(), buf, static_cast<std::size_t>(n)) != 1) return -1;
+  // Every key read needs the digest; hashing the whole program file each time
+  // would dominate a capture. It is kept while the file's size and
+  // modification time stay the same, so a replaced program is hashed anew.
+  static std::string cached_path;
+  static long long cached_size = -1, cached_mtime = -1;
+  static Sha256Digest cached{};
+  const long long size = platform::file_size(path), mtime = platform::file_modify_time_ns(path);
+  if (size < 0 || mtime < 0) return -1;
+  if (path != cached_path || size != cached_size || mtime != cached_mtime) {
+    Sha256Digest fresh{};
+    if (sha256_file(path, &fresh) != 0) return -1;
+    cached = fresh;
+    cached_path = path;
+    cached_size = size;
+    cached_mtime = mtime;
   }
-  if (in.bad()) return -1;
-  unsigned int len = 0;
-  if (EVP_DigestFinal_ex(ctx.get(), digest->data(), &len) != 1 || len != digest->size()) {
-    digest->fill(0);
-    return -1;
-  }
+  std::copy(cached.begin(), cached.end(), digest->begin());
   return 0;
 }
 

@@ -131,6 +131,8 @@ int make_dirs(const std::string& path);
 // The file's last-access time in seconds, or -1.
 long long file_access_time(const std::string& path);
 long long file_size(const std::string& path);
+// The file's last-modification time in nanoseconds, or -1.
+long long file_modify_time_ns(const std::string& path);
 
 // ---------------------------------------------------------------- random
 // Cryptographically strong random bytes. 0 or -1.

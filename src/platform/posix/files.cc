@@ -84,6 +84,12 @@ long long file_size(const std::string& path) {
   return static_cast<long long>(st.st_size);
 }
 
+long long file_modify_time_ns(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return -1;
+  return static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
+}
+
 std::string appdata_dir() {
   for (const char* var : {"APPDATA", "XDG_DATA_HOME"}) {
     const char* v = std::getenv(var);
