@@ -14,8 +14,11 @@ scanner="Aratek_A600"
 if [ ! -f "$workdir/config.ini" ]; then
   build/vexoctl init-workdir "$workdir" --scanner "$scanner" --mgmt-url "https://127.0.0.1:8443/Zelm"
 fi
-# Keep the simulated vendor libraries in step with the build.
+# Keep the simulated vendor libraries in step with the build, and bind the
+# demonstration keystore to the library just built (its digest is part of the
+# key's password).
 cp -f build/RefDll/*.so "$workdir/RefDll/"
+build/vexoctl demo-keystore "$workdir" --scanner "$scanner" || echo "warning: no demonstration keystore; captures will answer 999"
 
 echo "Starting vexo-host in $workdir (Ctrl-C stops it)."
 exec build/vexo-host --workdir "$workdir" "$scanner"

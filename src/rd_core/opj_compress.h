@@ -1,6 +1,6 @@
 // JPEG 2000 compression of raw 8-bit grey fingerprint images, in memory, on
 // openjpeg. The output is a JP2 file (signature box, header box with a grey
-// colour specification, then the codestream), the form most decoders of ISO
+// colour box, then the codestream), the form most decoders of ISO
 // finger image records accept for compression algorithm 4.
 //
 // Thread-safety: every call uses its own codec and stream.
