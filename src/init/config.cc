@@ -1,9 +1,5 @@
 #include "init/config.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +10,7 @@
 #include "init/file_crc.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
+#include "platform/platform.h"
 #include "mgmt_core/Base64.h"
 #include "rd_core/aes.h"
 #include "semaphore/semaphore_syc.h"
@@ -174,23 +171,11 @@ int WriteToIniFile(dictionary* dict, const char* path) {
     RD_ERROR("Error Ini file not present to write dc value");
     return -1;
   }
-  std::string tmp = std::string(path) + ".tmpXXXXXX";
-  int fd = ::mkstemp(tmp.data());
-  FILE* f = fd >= 0 ? ::fdopen(fd, "w+") : nullptr;
-  if (f == nullptr) {
-    if (fd >= 0) {
-      ::close(fd);
-      ::unlink(tmp.c_str());
-    }
-    RD_ERROR("Error Ini file not present to write dc value");
-    return -1;
-  }
-  iniparser_dump_ini(dict, f);
-  bool ok = std::fflush(f) == 0 && std::ferror(f) == 0 && ::fchmod(fd, 0644) == 0 &&
-            ::fsync(fd) == 0;
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok || ::rename(tmp.c_str(), path) != 0) {
-    ::unlink(tmp.c_str());
+  auto dump = [dict](std::FILE* f) {
+    iniparser_dump_ini(dict, f);
+    return true;
+  };
+  if (platform::write_file_atomic_stream(path, dump) != 0) {
     RD_ERROR("Error Ini file not present to write dc value");
     return -1;
   }

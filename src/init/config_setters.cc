@@ -1,6 +1,4 @@
 // proxy.ini and the three exported configuration setters.
-#include <unistd.h>
-
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -115,7 +113,9 @@ int write_config_file_proxy_url(const char* proxy_text) {
 
 int read_proxy_file() {
   RdConfig& cfg = rd_config();
-  Dict ini(iniparser_load(kProxyPath));
+  // Most machines have no proxy: skip the loader, which would complain about
+  // the missing file on standard error.
+  Dict ini(platform::file_exists(kProxyPath) ? iniparser_load(kProxyPath) : nullptr);
   if (ini == nullptr) {
     RD_INFO("opening %s file failed, MEANS local machine is not using proxy", kProxyPath);
     cfg.proxy_url.clear();
@@ -162,7 +162,7 @@ extern "C" VEXO_EXPORT int Https_Set_Api(const char* value) noexcept {
     }
     RD_INFO("Adding crc to file is done successfully");
     // Without the recorded access time the next key read forces a key rotation.
-    if (platform::file_readable(kAccessTimeFile)) ::unlink(kAccessTimeFile);
+    if (platform::file_readable(kAccessTimeFile)) std::remove(kAccessTimeFile);
     return 0;
   } catch (...) {
     return -1;
@@ -186,7 +186,7 @@ extern "C" VEXO_EXPORT int Set_Proxy_Api(const char* proxy) noexcept {
 
 extern "C" VEXO_EXPORT int Remove_Proxy_Api(void) noexcept {
   try {
-    if (platform::file_readable(kProxyPath)) ::unlink(kProxyPath);
+    if (platform::file_readable(kProxyPath)) std::remove(kProxyPath);
     RD_INFO("proxy.ini file removed successfully");
   } catch (...) {
   }

@@ -1,7 +1,5 @@
 #include "init/rd_log.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdarg>
@@ -163,7 +161,7 @@ int create_Pipe() {
     return -1;
   }
   int old = g_pipe_fd.exchange(fd);
-  if (old >= 0) ::close(old);
+  platform::pipe_close(old);
   return 0;
 }
 
@@ -210,7 +208,7 @@ void rd_log_reset_for_test() {
     std::memset(g_last_status, 0, sizeof g_last_status);
   }
   int old = g_pipe_fd.exchange(-1);
-  if (old >= 0) ::close(old);
+  platform::pipe_close(old);
 }
 
 #include "vexo.h"

@@ -4,13 +4,12 @@
 
 #include <algorithm>
 #include <fstream>
-#include <vector>
 #include <memory>
+#include <vector>
+
+#include "ssl/openssl_ptr.h"
 
 namespace {
-struct MdCtxFree {
-  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
-};
 
 int file_digest_bytes(const EVP_MD* md, const std::string& path, std::vector<std::uint8_t>* out) {
   out->clear();

@@ -15,24 +15,10 @@
 #include "init/rd_log.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
+#include "ssl/openssl_ptr.h"
 
 namespace {
 
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free_all(b); }
-};
-struct ExtFree {
-  void operator()(X509_EXTENSION* e) const { X509_EXTENSION_free(e); }
-};
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
-using BioPtr = std::unique_ptr<BIO, BioFree>;
 using ExtPtr = std::unique_ptr<X509_EXTENSION, ExtFree>;
 
 // The maker's subject entries, in the order the certificate carries them.

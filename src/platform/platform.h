@@ -10,6 +10,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <functional>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -43,6 +45,7 @@ int pipe_open(const std::string& path, int* err);
 // One write of the whole message. 0, or -1 with *err = errno (EPIPE when the
 // reader went away; never raises SIGPIPE).
 int pipe_write(int fd, const void* data, std::size_t len, int* err);
+void pipe_close(int fd);
 
 // ---------------------------------------------------------------- sockets
 using socket_t = int;
@@ -126,6 +129,10 @@ int read_file(const std::string& path, std::string* out);
 // so a crash never leaves a torn file. mode is the new file's permission bits.
 int write_file_atomic(const std::string& path, const void* data, std::size_t len,
                       unsigned mode = 0644);
+// The same, for writers that need a stream: write() fills the temporary file
+// and returns false on failure. 0 or -1.
+int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
+                             unsigned mode = 0644);
 // Creates every missing folder of path with owner-only permissions. 0 or -1.
 int make_dirs(const std::string& path);
 // The file's last-access time in seconds, or -1.

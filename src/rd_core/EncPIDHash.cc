@@ -7,12 +7,9 @@
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/hash.h"
 #include "rd_core/pid_crypto.h"
+#include "ssl/openssl_ptr.h"
 
 namespace {
-
-struct CipherCtxFree {
-  void operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
-};
 
 constexpr std::size_t kTsLength = 19;
 constexpr std::size_t kIvLength = 12;

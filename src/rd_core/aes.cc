@@ -5,10 +5,9 @@
 #include <climits>
 #include <memory>
 
+#include "ssl/openssl_ptr.h"
+
 namespace {
-struct CipherCtxFree {
-  void operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
-};
 
 int aes_ecb(bool encrypt, std::span<const std::uint8_t> key, std::span<const std::uint8_t> in,
             std::vector<std::uint8_t>* out) {

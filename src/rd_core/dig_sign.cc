@@ -7,17 +7,7 @@
 #include <climits>
 
 #include "init/rd_log.h"
-
-namespace {
-
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free(b); }
-};
-struct MdCtxFree {
-  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
-};
-
-}  // namespace
+#include "ssl/openssl_ptr.h"
 
 int make_keys(const std::string& private_key_pem, PkeyPtr* key) {
   if (key == nullptr) {

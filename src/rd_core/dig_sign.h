@@ -11,10 +11,7 @@
 #include <string>
 #include <vector>
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
+#include "ssl/openssl_ptr.h"
 
 // Reads the RSA private key in private_key_pem (PKCS#8 or PKCS#1 PEM) into
 // *key, freeing any key it held. 0, or -1 with *key empty.

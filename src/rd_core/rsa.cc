@@ -17,19 +17,9 @@
 #include "rd_core/dig_sign.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/uidai_certs.h"
+#include "ssl/openssl_ptr.h"
 
 namespace {
-
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free(b); }
-};
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct PkeyCtxFree {
-  void operator()(EVP_PKEY_CTX* c) const { EVP_PKEY_CTX_free(c); }
-};
-using BioPtr = std::unique_ptr<BIO, BioFree>;
 
 constexpr const char* kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};

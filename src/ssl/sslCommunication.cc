@@ -19,33 +19,13 @@
 #include "init/rd_log.h"
 #include "platform/platform.h"
 #include "platform/socket_extra.h"
+#include "ssl/openssl_ptr.h"
 
 namespace {
 
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free_all(b); }
-};
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct BnFree {
-  void operator()(BIGNUM* n) const { BN_free(n); }
-};
-struct SslFree {
-  void operator()(SSL* s) const { SSL_free(s); }
-};
-struct CtxFree {
-  void operator()(SSL_CTX* c) const { SSL_CTX_free(c); }
-};
-using BioPtr = std::unique_ptr<BIO, BioFree>;
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 using BnPtr = std::unique_ptr<BIGNUM, BnFree>;
 using SslPtr = std::unique_ptr<SSL, SslFree>;
-using CtxPtr = std::unique_ptr<SSL_CTX, CtxFree>;
+using CtxPtr = std::unique_ptr<SSL_CTX, SslCtxFree>;
 
 constexpr int kDefaultAcceptWaitMs = 120000;
 // How long closing waits for the client's close_notify before giving up.

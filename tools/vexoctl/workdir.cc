@@ -11,13 +11,14 @@
 #include <string>
 
 #include "init/config.h"
-#include "init/init.h"
-#include "init/rd_log.h"
-#include "init/rd_config.h"
-#include "mgmt_core/keystore.h"
 #include "init/file_crc.h"
+#include "init/init.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "mgmt_core/keystore.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
+#include "ssl/openssl_ptr.h"
 #include "vexoctl.h"
 #include "x509_make.h"
 
@@ -158,13 +159,6 @@ int lay_schema(const Options& o) {
   }
   return write_text(o.dir + "/Final.xsd", xsd);
 }
-
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free(b); }
-};
 
 // A demonstration keystore, so the service can capture before any Management
 // server has been reached: a device key pair made exactly as a key rotation

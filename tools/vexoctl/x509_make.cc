@@ -12,23 +12,9 @@
 
 #include <memory>
 
-namespace {
+#include "ssl/openssl_ptr.h"
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free(b); }
-};
-struct ExtFree {
-  void operator()(X509_EXTENSION* e) const { X509_EXTENSION_free(e); }
-};
-struct BnFree {
-  void operator()(BIGNUM* b) const { BN_free(b); }
-};
+namespace {
 
 std::string openssl_error(const char* what) {
   unsigned long code = ERR_get_error();

@@ -58,6 +58,26 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
   return 0;
 }
 
+int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
+                             unsigned mode) {
+  std::string tmp = path + ".tmpXXXXXX";
+  int fd = ::mkstemp(tmp.data());
+  if (fd < 0) return -1;
+  std::FILE* f = ::fdopen(fd, "w+");
+  if (f == nullptr) {
+    ::close(fd);
+    ::unlink(tmp.c_str());
+    return -1;
+  }
+  bool ok = write(f) && std::fflush(f) == 0 && std::ferror(f) == 0 && ::fchmod(fd, mode) == 0 && ::fsync(fd) == 0;
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {
+    ::unlink(tmp.c_str());
+    return -1;
+  }
+  return 0;
+}
+
 int make_dirs(const std::string& path) {
   if (path.empty()) return -1;
   std::string cur;

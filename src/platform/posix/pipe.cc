@@ -68,4 +68,8 @@ int pipe_write(int fd, const void* data, std::size_t len, int* err) {
   return 0;
 }
 
+void pipe_close(int fd) {
+  if (fd >= 0) ::close(fd);
+}
+
 }  // namespace platform
