@@ -45,9 +45,11 @@ TEST_F(ListenerTest, SkipsPortsHeldByOtherPrograms) {
     int s = hold_port(port);
     if (s >= 0) held.push_back(s);
   }
-  ASSERT_FALSE(held.empty()) << "no port of 11100-11104 could be held";
-  int expected = 11105;
+  // A port the test could not hold is already taken (for example by the
+  // TIME_WAIT of an earlier test's connection): it counts as held too.
+  int expected = 11100;
   while (expected <= 11120 && !port_bindable(expected)) ++expected;
+  ASSERT_GE(expected, 11105);
   ASSERT_LE(expected, 11120);
   int port = start_server();
   ASSERT_EQ(port, expected);
