@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 namespace simfp {
 namespace {
@@ -64,7 +65,12 @@ void put16(unsigned char* p, unsigned v) {
 void render_fingerprint(int width, int height, std::uint32_t seed, unsigned char* out) {
   const Finger f = make_finger(width, height, seed);
   Rng noise{seed * 0x2545F4914F6CDD1DULL + 1};
+  // The waviness is a product of a column term and a row term: work each out
+  // once rather than per pixel (the same values, a third less work).
+  std::vector<double> wave_x(static_cast<std::size_t>(width));
+  for (int x = 0; x < width; ++x) wave_x[static_cast<std::size_t>(x)] = f.wa * std::sin(x / 37.0 + f.wp);
   for (int y = 0; y < height; ++y) {
+    const double wave_y = std::cos(y / 53.0 + f.wq);
     for (int x = 0; x < width; ++x) {
       const double dx = x - f.cx, dy = y - f.cy;
       // Rings around the core above it turn into wide arches below it; the
@@ -73,7 +79,7 @@ void render_fingerprint(int width, int height, std::uint32_t seed, unsigned char
       const double t = std::clamp(dy / 90.0, 0.0, 1.0);
       const double arch = dy + 0.004 * dx * dx + 40.0;
       double dist = r * (1.0 - t) + arch * t;
-      dist += f.wa * std::sin(x / 37.0 + f.wp) * std::cos(y / 53.0 + f.wq);
+      dist += wave_x[static_cast<std::size_t>(x)] * wave_y;
       const double phase = 2 * kPi * dist / f.period + f.wb * std::atan2(dy, dx);
       const double ridge = 0.5 - 0.5 * std::cos(phase);  // 1 on a ridge
       const double q = ellipse(f, x, y);
