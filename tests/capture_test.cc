@@ -116,11 +116,7 @@ PidOptionsRequest make_request(int fcount, int ftype, std::vector<std::string> p
   return r;
 }
 
-int count_of(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (std::size_t p = text.find(needle); p != std::string::npos; p = text.find(needle, p + 1)) ++n;
-  return n;
-}
+using testutil::count_of;
 
 class CaptureTest : public ::testing::Test {
  protected:

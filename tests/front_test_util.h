@@ -61,19 +61,7 @@ inline int connect_to(int port) {
   return s;
 }
 
-// Reads until the peer closes or timeout_ms of silence.
-inline std::string read_until_close(int s, int timeout_ms = 5000) {
-  std::string answer;
-  char buf[8192];
-  for (;;) {
-    pollfd p{s, POLLIN, 0};
-    if (::poll(&p, 1, timeout_ms) <= 0) break;
-    ssize_t n = ::recv(s, buf, sizeof buf, 0);
-    if (n <= 0) break;
-    answer.append(buf, static_cast<std::size_t>(n));
-  }
-  return answer;
-}
+using testutil::read_until_close;
 
 // Sends the pieces with a pause between them, then reads the answer. The
 // client half-closes first, so the TIME_WAIT state stays on its side and the

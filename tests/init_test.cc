@@ -28,11 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 using testutil::read_file;
 
-int count_of(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (std::size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
-  return n;
-}
+using testutil::count_of;
 
 // Runs a command and returns its exit status.
 int run(const std::string& command) {

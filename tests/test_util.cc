@@ -116,6 +116,18 @@ std::string http_exchange(int port, const std::string& request, int timeout_ms) 
   // Half-close first, so the TIME_WAIT state lands on this side and the
   // service's port can be bound again at once by the next test.
   ::shutdown(s, SHUT_WR);
+  std::string answer = read_until_close(s, timeout_ms);
+  ::close(s);
+  return answer;
+}
+
+int count_of(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (std::size_t p = text.find(needle); p != std::string::npos; p = text.find(needle, p + 1)) ++n;
+  return n;
+}
+
+std::string read_until_close(int s, int timeout_ms) {
   std::string answer;
   char buf[65536];
   for (;;) {
@@ -125,7 +137,6 @@ std::string http_exchange(int port, const std::string& request, int timeout_ms) 
     if (n <= 0) break;
     answer.append(buf, static_cast<std::size_t>(n));
   }
-  ::close(s);
   return answer;
 }
 

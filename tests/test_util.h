@@ -52,6 +52,10 @@ class PipeReader {
 };
 
 std::string read_file(const std::string& path);
+// Occurrences of needle in text (overlapping ones included).
+int count_of(const std::string& text, const std::string& needle);
+// Reads from socket s until the peer closes or timeout_ms pass in silence.
+std::string read_until_close(int s, int timeout_ms = 5000);
 void write_file(const std::string& path, const std::string& data);
 // Sends raw bytes to 127.0.0.1:port, reads until the peer closes. Returns the
 // answer (empty on connection failure).
