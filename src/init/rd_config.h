@@ -1,13 +1,17 @@
-// Process-wide configuration and device identity.
+// Process-wide configuration and device identity, owned by this module.
 //
-// RdConfig is filled by read_config_file and read_proxy_file (init/config);
-// RdIdentity by Initialize_process and load_config_file (init/init). Other
-// modules only read them. Both are plain records written during start-up,
-// before the accept thread starts, and read afterwards; the accessors return
-// the one instance.
+// RdConfig is filled by read_config_file and read_proxy_file (init/config) and
+// later changed by the exported setters and the Management client; RdIdentity
+// by Initialize_process and load_config_file (init/init). Request threads read
+// both while these writers may run, so neither record is handed out by
+// reference: readers get a consistent copy, writers change the record through
+// an update function. Each record is guarded by its own mutex inside
+// rd_config.cc (the config mutex and the identity mutex); the two are never
+// held together, and no other lock is taken while one is held.
 #ifndef VEXO_INIT_RD_CONFIG_H
 #define VEXO_INIT_RD_CONFIG_H
 
+#include <functional>
 #include <string>
 
 struct RdConfig {
@@ -50,6 +54,21 @@ struct RdIdentity {
   int device_changed = 0;        // Init must run: new scanner or no device certificate
 };
 
+// A consistent copy of the record, taken under its mutex.
+RdConfig rd_config_copy();
+RdIdentity rd_identity_copy();
+
+// Runs change on the record under its mutex. REQUIRES: change takes no other
+// lock and calls nothing that reads these records.
+void rd_config_update(const std::function<void(RdConfig&)>& change);
+void rd_identity_update(const std::function<void(RdIdentity&)>& change);
+
+// Single fields that request threads read often, without copying the record.
+std::string rd_scanner_name();
+bool rd_ssl_enabled();
+
+// TRANSITIONAL, being removed: unguarded references to the records. Every
+// call site moves to the copy and update functions above.
 RdConfig& rd_config();
 RdIdentity& rd_identity();
 

@@ -121,6 +121,8 @@ struct FileIdentity {
 int file_identity(const std::string& path, bool create_new, FileIdentity* out);
 
 // ---------------------------------------------------------------- files
+// Closes a file descriptor; a negative one is ignored. UniqueFd calls it.
+void close_fd(int fd);
 bool file_exists(const std::string& path);
 bool file_readable(const std::string& path);
 // Whole-file read; 0 or -1.

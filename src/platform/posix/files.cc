@@ -11,6 +11,10 @@
 
 namespace platform {
 
+void close_fd(int fd) {
+  if (fd >= 0) ::close(fd);
+}
+
 bool file_exists(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0;

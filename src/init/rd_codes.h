@@ -1,0 +1,160 @@
+// Result codes of the library, in one table: the name call sites use, the
+// value the design gives, and the message that goes with it.
+//
+// Codes are grouped by family, because the same value means different things
+// to different callers (-1 is a failed start-up step, and also the PostAuth
+// text "Command Not Sent to Device"). Each family is an X-macro list:
+// X(name, value, message). The RD family carries the errInfo texts of
+// PidData and PostAuthResp byte for byte; other messages are descriptions
+// for readers of the code and the README, not wire texts.
+//
+// Thread-safety: constant data only.
+#ifndef VEXO_INIT_RD_CODES_H
+#define VEXO_INIT_RD_CODES_H
+
+// Initialize_process results.
+#define VEXO_INIT_CODES(X)                                                   \
+  X(kInitOk, 0, "success")                                                   \
+  X(kInitFailed, -1, "run log or status pipe not opened, scanner global initialisation failed, or clock unreadable") \
+  X(kInitHostId, -2, "host identifier not read")                             \
+  X(kInitLocks, -3, "locks not created")                                     \
+  X(kInitLoadConfig, -4, "load_config_file failed")                          \
+  X(kInitConfig, -5, "config.ini not read or not valid")                     \
+  X(kInitSerialRead, -6, "Serial_number not readable")                       \
+  X(kInitSerialWrite, -7, "Serial_number not written")                       \
+  X(kInitSerialOpen, -8, "Serial_number not opened for writing")             \
+  X(kInitNoDevice, -10, "no scanner answered")                               \
+  X(kInitAppData, -11, "APPDATA not set")                                    \
+  X(kInitLogStream, -12, "log stream not obtained")                          \
+  X(kInitProxy, -13, "proxy file without its URL")                           \
+  X(kInitTlsCert, -14, "TLS certificate file missing")                       \
+  X(kInitTlsKey, -15, "TLS key file missing")                                \
+  X(kInitFileMissing, -16, "a required file or TLS file missing")            \
+  X(kInitDllLoading, 1, "vendor libraries not loaded")
+
+// Start_RDservice results.
+#define VEXO_START_CODES(X)                                                  \
+  X(kStartOk, 0, "success")                                                  \
+  X(kStartClock, -1, "clock unreadable while reporting")                     \
+  X(kStartSocket, -2, "server socket not created")                           \
+  X(kStartTls, -3, "TLS context not created")                                \
+  X(kStartThread, -4, "accept thread not started")
+
+// attach_device and detach_device results.
+#define VEXO_ATTACH_CODES(X)                                                 \
+  X(kAttachSame, 0, "same scanner as before")                                \
+  X(kAttachFailed, -1, "no scanner answered, or clock unreadable")           \
+  X(kAttachChanged, -10, "a different scanner was attached")
+
+// read_config_file results.
+#define VEXO_CONFIG_CODES(X)                                                 \
+  X(kConfigOk, 0, "success")                                                 \
+  X(kConfigFailed, -1, "seal, lock, decryption or overlong value")           \
+  X(kConfigNotLoadable, -2, "config.ini not loadable")                       \
+  X(kConfigNoRdVer, -4, "RD_VER missing")                                    \
+  X(kConfigNoDc, -10, "dc missing")                                          \
+  X(kConfigNoDomain, -13, "DOMAIN_NAME missing")                             \
+  X(kConfigNoValidity, -18, "DEV_PUB_KEY_VALIDITY missing")                  \
+  X(kConfigUnlock, -19, "scanner lock not released")
+
+// Machine-wide and handheld lock results.
+#define VEXO_LOCK_CODES(X)                                                   \
+  X(kLockOk, 0, "acquired or released")                                      \
+  X(kLockFailed, -1, "no lock, or not held")                                 \
+  X(kLockTimeout, -2, "time-out or failure while waiting")
+
+// Keystore results.
+#define VEXO_KEYSTORE_CODES(X)                                               \
+  X(kKeystoreOk, 0, "success")                                               \
+  X(kKeystoreFailed, -1, "failure")                                          \
+  X(kKeystoreTampered, -100, "keystore tampered; key rotation failed")
+
+// HTTP status codes the listener and dispatch answer with.
+#define VEXO_HTTP_CODES(X)                                                   \
+  X(kHttpOk, 200, "OK")                                                      \
+  X(kHttpBadRequest, 400, "path not valid")                                  \
+  X(kHttpBadVerb, 405, "verb not known")                                     \
+  X(kHttpTooLarge, 413, "request does not fit the receive area")             \
+  X(kHttpNoBody, 422, "request without a body")                              \
+  X(kHttpNotImplemented, 501, "not implemented")                             \
+  X(kHttpBadVersion, 505, "version not HTTP/1.1")
+
+// RD error codes of PidData and PostAuthResp with their errInfo texts.
+// Negative codes and 3..73 are the handheld printer's states (PostAuth); the
+// capture path uses -1, 0 and the codes from 100 upward. Some texts keep the
+// spelling and blanks that clients already match on.
+#define VEXO_RD_CODES(X)                                                                       \
+  X(kRdGetIdsFailed, -60, "Getting ID's from Device is failed")                                \
+  X(kRdPrintFailed, -50, "Printing data is Failed")                                            \
+  X(kRdInvalidXml, -40, "Invalid XML is Recieved from Clinet")                                 \
+  X(kRdFirmwareFailed, -30, "Getting Firmware Version is Failed from the Device")              \
+  X(kRdBatteryFailed, -20, "Getting Battery Status is Failed from the Device ")                \
+  X(kRdPortFailed, -10, "Opening COM Port is failed for device")                               \
+  X(kRdNotSent, -1, "Command Not Sent to Device")                                              \
+  X(kRdSuccess, 0, "SUCCESS")                                                                  \
+  X(kRdPaperOut, 3, "Paper Roll is Finished or Not Present")                                   \
+  X(kRdHot, 5, "Sensor Temperature Exceeded the Range")                                        \
+  X(kRdHotPaperOut, 7, "Sensor Temperature Exceeded the Range and Paper Roll is also Finished or Not Present") \
+  X(kRdPatchOpen, 9, "Paper Roll Patch is left Opened")                                        \
+  X(kRdPatchOpenPaperOut, 11, "Paper Roll Patch is Opened and Paper Roll is also Finished or Not Present") \
+  X(kRdHotPatchOpen, 13, "Sensor Temperature Exceeded the Range and Paper Roll Patch is also left Opened") \
+  X(kRdBatteryLow, 65, "Battery of Device is Low")                                             \
+  X(kRdBatteryLowPaperOut, 67, "Battery of Device is Low and Paper Roll is also Finished or Not Present") \
+  X(kRdHotBatteryLow, 69, "Sensor Temperature Exceeded the Range and Battery of Device is also Low") \
+  X(kRdPatchOpenBatteryLow, 73, "Paper Roll Patch is left Opened and Battery of Device is also Low") \
+  X(kRdBadPidOptions, 100, "Invalid PidOptions input. XML should strictly adhere to spec.")     \
+  X(kRdBadFType, 110, "Invalid value for fType")                                               \
+  X(kRdBadFCount, 120, "Invalid value for fCount")                                             \
+  X(kRdBadIType, 130, "Invalid value for iType")                                               \
+  X(kRdBadICount, 140, "Invalid value for iCount")                                             \
+  X(kRdBadPidVer, 150, "Invalid value for pidVer")                                             \
+  X(kRdBadTimeout, 160, "Invalid value for timeout")                                           \
+  X(kRdPoshCount, 170, "Number of posh positions are not equal to number of finger count")     \
+  X(kRdNoFace, 180, "Face matching is not supported")                                          \
+  X(kRdBadFormat, 190, "Invalid value for format")                                             \
+  X(kRdBadDemo, 200, "Invalid Demo structure")                                                 \
+  X(kRdNoProtobuf, 210, "Protobuf format not supported")                                       \
+  X(kRdBadPosh, 220, "Invalid data in posh")                                                   \
+  X(kRdBadUidaiCert, 240, "UIDAI Certificate is INVALID")                                      \
+  X(kRdBadHttpVersion, 505, "Invalid Http Version")                                            \
+  X(kRdTimeout, 700, "Capture timed out")                                                      \
+  X(kRdBusy, 710, "Being used by another application")                                         \
+  X(kRdNotReady, 720, "Device not ready")                                                      \
+  X(kRdCaptureFailed, 730, "Capture Failed")                                                   \
+  X(kRdReinit, 740, "Device needs to be re-initialized")                                       \
+  X(kRdNoFingerprints, 750, "RD Service does not support fingerprints")                        \
+  X(kRdNoIris, 760, "RD Service does not support Iris")                                        \
+  X(kRdBadUrl, 770, "Invalid URL")                                                             \
+  X(kRdBadCommand, 790, "Invalid Command/Request")                                             \
+  X(kRdInternal, 999, "Internal error")
+
+namespace rd_codes {
+
+#define VEXO_CODE_CONSTANT(name, value, message) inline constexpr int name = value;
+VEXO_INIT_CODES(VEXO_CODE_CONSTANT)
+VEXO_START_CODES(VEXO_CODE_CONSTANT)
+VEXO_ATTACH_CODES(VEXO_CODE_CONSTANT)
+VEXO_CONFIG_CODES(VEXO_CODE_CONSTANT)
+VEXO_LOCK_CODES(VEXO_CODE_CONSTANT)
+VEXO_KEYSTORE_CODES(VEXO_CODE_CONSTANT)
+VEXO_HTTP_CODES(VEXO_CODE_CONSTANT)
+VEXO_RD_CODES(VEXO_CODE_CONSTANT)
+#undef VEXO_CODE_CONSTANT
+
+enum class Family { kInit, kStart, kAttach, kConfig, kLock, kKeystore, kHttp, kRd };
+
+struct CodeInfo {
+  int value;
+  const char* name;     // "kRdBusy"
+  const char* message;  // errInfo for the RD family; a description otherwise
+};
+
+// The entry of value in family, or nullptr when the family has no such code.
+const CodeInfo* find_code(Family family, int value);
+
+// The message of value in family, or nullptr when the family has no such code.
+const char* code_message(Family family, int value);
+
+}  // namespace rd_codes
+
+#endif  // VEXO_INIT_RD_CODES_H
