@@ -109,6 +109,15 @@ void write_error_log(const char* text) {
 
 void rd_set_verbose(int verbose) { g_verbose.store(verbose, std::memory_order_relaxed); }
 int rd_verbose() { return g_verbose.load(std::memory_order_relaxed); }
+
+void rd_debug_print(const char* fmt, ...) {
+  if (rd_verbose() < 2) return;
+  va_list args;
+  va_start(args, fmt);
+  std::vfprintf(stdout, fmt, args);
+  va_end(args);
+  std::fflush(stdout);
+}
 void rd_set_log_size_limit_kb(int kb) { g_log_limit_kb.store(kb, std::memory_order_relaxed); }
 int rd_log_size_limit_kb() { return g_log_limit_kb.load(std::memory_order_relaxed); }
 

@@ -67,6 +67,11 @@ void rd_notify(const char* code, const char* fmt, ...) __attribute__((format(pri
 // Copies the last-status line (at most len-1 bytes) into out.
 void rd_copy_last_status(char* out, std::size_t len);
 
+// Debugging output on standard output, written only when config:Verbose is 2
+// or more; nothing reaches standard output or standard error otherwise.
+// Never pass biometric data or key material.
+void rd_debug_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 // Test seams: clears the last-status buffer and closes the pipe handle.
 void rd_log_reset_for_test();
 
@@ -78,6 +83,7 @@ void rd_log_reset_for_test();
       RD_INFO(__VA_ARGS__);      \
     }                            \
   } while (0)
+#define RD_DEBUG(...) rd_debug_print(__VA_ARGS__)
 #define RD_STATUS(...) rd_set_last_status(__FILE__, __func__, __VA_ARGS__)
 #define RD_PIPE(code, ...) rd_notify(code, __VA_ARGS__)
 
