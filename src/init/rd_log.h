@@ -75,8 +75,17 @@ void rd_debug_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Test seams: clears the last-status buffer and closes the pipe handle.
 void rd_log_reset_for_test();
 
-#define RD_INFO(...) rd_log_write(LogLevel::kInfo, __FILE__, __func__, __LINE__, __VA_ARGS__)
-#define RD_ERROR(...) rd_log_write(LogLevel::kError, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// The module name that log and last-status lines carry is the source file's
+// base name. A file that belongs to a larger module of the design (server.cc
+// split into listener, connection and dispatch files) defines VEXO_LOG_FILE
+// to that module's name before including this header:
+//   #define VEXO_LOG_FILE "server"
+#ifndef VEXO_LOG_FILE
+#define VEXO_LOG_FILE __FILE__
+#endif
+
+#define RD_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, __func__, __LINE__, __VA_ARGS__)
+#define RD_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_FILE, __func__, __LINE__, __VA_ARGS__)
 #define RD_VERBOSE(...)          \
   do {                           \
     if (rd_verbose() != 0) {     \
@@ -84,7 +93,7 @@ void rd_log_reset_for_test();
     }                            \
   } while (0)
 #define RD_DEBUG(...) rd_debug_print(__VA_ARGS__)
-#define RD_STATUS(...) rd_set_last_status(__FILE__, __func__, __VA_ARGS__)
+#define RD_STATUS(...) rd_set_last_status(VEXO_LOG_FILE, __func__, __VA_ARGS__)
 #define RD_PIPE(code, ...) rd_notify(code, __VA_ARGS__)
 
 #endif  // VEXO_INIT_RD_LOG_H
