@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds the project and runs the whole suite twice: a normal build in build/,
-# then an AddressSanitizer + UndefinedBehaviorSanitizer build in build-asan/.
-# Exits 0 only when both pass.
+# Builds the project and runs the whole suite three times, with warnings as
+# errors: a normal GCC build in build/, an AddressSanitizer +
+# UndefinedBehaviorSanitizer build in build-asan/, and a Clang build in
+# build-clang/. Exits 0 only when all three pass.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -10,17 +11,22 @@ cd "$(dirname "$0")"
 jobs=$(nproc)
 run_suite() {
   local dir=$1; shift
-  cmake -S . -B "$dir" "$@" >/dev/null
+  cmake -S . -B "$dir" -DVEXO_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
   (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs")
 }
 
-echo "== normal build =="
-run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF
+echo "== normal build (GCC) =="
+run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF -DVEXO_TSAN=OFF
 
 echo "== sanitizer build (ASan + UBSan) =="
-export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
-export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DVEXO_SANITIZE=ON
+(
+  export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+  export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+  run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DVEXO_SANITIZE=ON -DVEXO_TSAN=OFF
+)
 
-echo "test.sh: both builds passed"
+echo "== Clang build (Release) =="
+CC=clang CXX=clang++ run_suite build-clang -DCMAKE_BUILD_TYPE=Release -DVEXO_SANITIZE=OFF -DVEXO_TSAN=OFF
+
+echo "test.sh: all three builds passed"

@@ -5,5 +5,5 @@ list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/rd_status.cc
   ${CMAKE_CURRENT_LIST_DIR}/rd_config.cc
 )
-include(${CMAKE_CURRENT_LIST_DIR}/sources_config.cmake OPTIONAL)
+include(${CMAKE_CURRENT_LIST_DIR}/sources_config.cmake)
 list(APPEND VEXO_SOURCES ${CMAKE_CURRENT_LIST_DIR}/init.cc)

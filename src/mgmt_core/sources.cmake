@@ -5,4 +5,4 @@ list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/hash.cc
   ${CMAKE_CURRENT_LIST_DIR}/mgmt_pending.cc
 )
-include(${CMAKE_CURRENT_LIST_DIR}/sources_keystore.cmake OPTIONAL)
+include(${CMAKE_CURRENT_LIST_DIR}/sources_keystore.cmake)

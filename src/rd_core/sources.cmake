@@ -2,7 +2,7 @@
 list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/aes.cc
 )
-include(${CMAKE_CURRENT_LIST_DIR}/sources_scanner.cmake OPTIONAL)
-include(${CMAKE_CURRENT_LIST_DIR}/sources_pidoptions.cmake OPTIONAL)
-include(${CMAKE_CURRENT_LIST_DIR}/sources_crypto.cmake OPTIONAL)
-include(${CMAKE_CURRENT_LIST_DIR}/sources_capture.cmake OPTIONAL)
+include(${CMAKE_CURRENT_LIST_DIR}/sources_scanner.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/sources_pidoptions.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/sources_crypto.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/sources_capture.cmake)
