@@ -356,6 +356,8 @@ int Pidinput_validate(const char* body) {
   return result;
 }
 
+constexpr char kDefaultEnv = 'P';
+
 int Parse_XML_Request(const char* body, PidOptionsRequest* request) {
   init_libxml();
   *request = PidOptionsRequest{};
@@ -378,7 +380,10 @@ int Parse_XML_Request(const char* body, PidOptionsRequest* request) {
     return 100;
   }
 
-  request->env = "P";
+  // The environment defaults to production. Built and moved in rather than
+  // assigned from a literal: GCC 12 misreads the inlined literal copy as an
+  // overlapping memcpy (-Wrestrict) in optimised builds.
+  request->env = std::string(1, kDefaultEnv);
   bool ver_seen = false;
   for (const xmlAttr* a = root->properties; a != nullptr; a = a->next) {
     if (name_is(a->name, "ver")) {
@@ -391,7 +396,7 @@ int Parse_XML_Request(const char* body, PidOptionsRequest* request) {
       ver_seen = true;
     } else if (name_is(a->name, "env")) {
       std::string env = attribute_value(doc.get(), a);
-      if (env.empty()) env = "P";
+      if (env.empty()) env = std::string(1, kDefaultEnv);
       if (!copy_bounded(env, kEnvSize, "env", &request->env)) return 100;
     }
   }
