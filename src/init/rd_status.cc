@@ -18,6 +18,16 @@ void set_rd_status_ready() { g_status.store(kRdReady, std::memory_order_relaxed)
 void set_rd_status_used() { g_status.store(kRdUsed, std::memory_order_relaxed); }
 void set_rd_status_notready() { g_status.store(kRdNotReady, std::memory_order_relaxed); }
 
+bool rd_status_claim() {
+  unsigned expected = kRdReady;
+  return g_status.compare_exchange_strong(expected, kRdUsed, std::memory_order_acq_rel);
+}
+
+void rd_status_release() {
+  unsigned expected = kRdUsed;
+  g_status.compare_exchange_strong(expected, kRdReady, std::memory_order_acq_rel);
+}
+
 int get_device_detached() { return g_detached.load(std::memory_order_relaxed); }
 void set_device_detached(int detached) { g_detached.store(detached, std::memory_order_relaxed); }
 

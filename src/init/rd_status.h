@@ -17,6 +17,28 @@ void set_rd_status_ready();
 void set_rd_status_used();
 void set_rd_status_notready();
 
+// One step READY -> USED, for work that needs the device to itself (a capture).
+// True when this caller made the change; false when the status was not READY.
+bool rd_status_claim();
+// One step USED -> READY, ending a claim. A status that something else changed
+// meanwhile (a detach's NOTREADY) is left as it is.
+void rd_status_release();
+
+// Holds the READY -> USED claim for a scope: READY again when it ends.
+class RdStatusClaim {
+ public:
+  RdStatusClaim() : held_(rd_status_claim()) {}
+  ~RdStatusClaim() {
+    if (held_) rd_status_release();
+  }
+  RdStatusClaim(const RdStatusClaim&) = delete;
+  RdStatusClaim& operator=(const RdStatusClaim&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  bool held_;
+};
+
 // 1 after detach_device (or a lost handheld connection), 0 after attach_device.
 int get_device_detached();
 void set_device_detached(int detached);

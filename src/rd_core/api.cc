@@ -9,6 +9,7 @@
 #include <string>
 
 #include "http/work_area.h"
+#include "init/rd_codes.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "init/rd_status.h"
@@ -18,7 +19,7 @@
 #include "rd_core/pid_data.h"
 #include "rd_core/pidblock.h"
 #include "rd_core/xml_parse.h"
-#include "semaphore/semaphore_syc.h"
+#include "semaphore/device_lock.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ std::string format_text(const char* fmt, ...) {
 
 short port_value() { return static_cast<short>(service_port()); }
 
-std::string signed_mc_path() { return rd_identity().prefix + kSignedMcFile; }
+std::string signed_mc_path() { return rd_identity_copy().prefix + kSignedMcFile; }
 
 // Base64 of the signed device certificate into *mc. 0; -1 file missing or
 // unreadable; -2 encoding failed. *mc is empty on failure.
@@ -81,11 +82,12 @@ int read_signed_mc(std::string* mc) {
 }
 
 void fill_device_values(PidDataResponse* r) {
-  const RdIdentity& id = rd_identity();
+  const RdIdentity id = rd_identity_copy();
+  const RdConfig config = rd_config_copy();
   r->dpId = id.dpId;
   r->rdsId = id.rdsId;
-  r->rdsVer = rd_config().rd_ver;
-  r->dc = rd_config().dc;
+  r->rdsVer = config.rd_ver;
+  r->dc = config.dc;
   r->mi = id.mi;
   r->srno = get_device_serial();
 }
@@ -162,7 +164,7 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     report_used();
     return answer_error(710, request, nullptr, origin, work_area);
   }
-  if (rd_identity().scanner_name == kHandheldScanner) {
+  if (rd_scanner_name() == kHandheldScanner) {
     // The handheld device's own check may move the status; the status says it all.
     Check_Device_status();
   }
@@ -176,9 +178,18 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     }
     return answer_error(720, request, nullptr, origin, work_area);
   }
-  if (get_rd_status_index() == kRdUsed) {
+  // From here the capture holds the device: discovery reports USED, and a
+  // second capture or a PostAuth is answered 710 at once instead of waiting
+  // on the scanner lock. READY again when the capture ends, on every path.
+  RdStatusClaim claim;
+  if (!claim.held()) {
+    if (get_rd_status_index() == kRdNotReady) {
+      RD_ERROR("RD Service is in NOTREADY state, please wait for some time");
+      RD_PIPE("5000", "RD Service is in NOTREADY state,|please wait for some time\n");
+      return answer_error(rd_codes::kRdNotReady, request, nullptr, origin, work_area);
+    }
     report_used();
-    return answer_error(710, request, nullptr, origin, work_area);
+    return answer_error(rd_codes::kRdBusy, request, nullptr, origin, work_area);
   }
   RD_INFO("RD Service is Ready, going for all input validation and capture");
 
@@ -203,17 +214,20 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     return answer_error(-1, request, nullptr, origin, work_area);
   }
 
-  int lock = Lock_Semaphore();
-  if (lock != 0) {
-    RD_ERROR("Error at to lock semaphore");
-    RD_STATUS("Error at to lock semaphore");
-    return answer_error(lock == -2 ? 710 : 999, request, nullptr, origin, work_area);
-  }
   EncPidBlock enc;
-  rc = GenerateEncPIDBlock(request, &enc);
-  if (Unlock_Semaphore() != 0) {
-    RD_ERROR("Error at to unlock semaphore");
-    return answer_error(999, request, &enc, origin, work_area);
+  {
+    ScannerLock lock;
+    if (!lock.held()) {
+      RD_ERROR("Error at to lock semaphore");
+      RD_STATUS("Error at to lock semaphore");
+      return answer_error(lock.result() == rd_codes::kLockTimeout ? rd_codes::kRdBusy : rd_codes::kRdInternal,
+                          request, nullptr, origin, work_area);
+    }
+    rc = GenerateEncPIDBlock(request, &enc);
+    if (lock.unlock() != 0) {
+      RD_ERROR("Error at to unlock semaphore");
+      return answer_error(rd_codes::kRdInternal, request, &enc, origin, work_area);
+    }
   }
   if (rc != 0) {
     RD_ERROR("Error at GenerateEncPIDBlock");
@@ -249,13 +263,17 @@ int capture(const char* request_body, const char* origin, char* work_area) {
 }
 
 int GetDeviceInfo(char* work_area, const char* origin) {
-  const bool locked = Lock_Semaphore() == 0;
-  if (!locked) RD_ERROR("Error at to lock semaphore");
-
-  const std::string path = signed_mc_path();
+  const RdIdentity id = rd_identity_copy();
+  const RdConfig config = rd_config_copy();
+  const std::string path = id.prefix + kSignedMcFile;
   std::string bytes;
-  const bool have_cert = platform::read_file(path, &bytes) == 0;
-  if (locked && Unlock_Semaphore() != 0) RD_ERROR("Error at to unlock semaphore");
+  bool have_cert = false;
+  {
+    ScannerLock lock;
+    if (!lock.held()) RD_ERROR("Error at to lock semaphore");
+    have_cert = platform::read_file(path, &bytes) == 0;
+    if (lock.held() && lock.unlock() != 0) RD_ERROR("Error at to unlock semaphore");
+  }
   std::string mc;
   if (!have_cert) {
     // Answered all the same, with an empty mc: the client still learns the
@@ -270,14 +288,16 @@ int GetDeviceInfo(char* work_area, const char* origin) {
     mc.clear();
   }
 
-  const RdIdentity& id = rd_identity();
-  const std::string srno = get_device_serial();
-  std::string body = format_text(kDeviceInfoFormat, id.dpId.c_str(), id.rdsId.c_str(), rd_config().rd_ver.c_str(),
-                                 rd_config().dc.c_str(), id.mi.c_str(), mc.c_str(), srno.c_str());
+  // The serial number and the device code come from outside (the scanner and
+  // the Management server): escaped, so that they can never break the line.
+  const std::string srno = xml_escape_attribute(get_device_serial());
+  const std::string dc = xml_escape_attribute(config.dc);
+  std::string body = format_text(kDeviceInfoFormat, id.dpId.c_str(), id.rdsId.c_str(), config.rd_ver.c_str(),
+                                 dc.c_str(), id.mi.c_str(), mc.c_str(), srno.c_str());
   if (body.size() >= kRespBodySize) {
     RD_ERROR("Device certificate is too large for the response");
-    body = format_text(kDeviceInfoFormat, id.dpId.c_str(), id.rdsId.c_str(), rd_config().rd_ver.c_str(),
-                       rd_config().dc.c_str(), id.mi.c_str(), "", srno.c_str());
+    body = format_text(kDeviceInfoFormat, id.dpId.c_str(), id.rdsId.c_str(), config.rd_ver.c_str(), dc.c_str(),
+                       id.mi.c_str(), "", srno.c_str());
   }
   std::memcpy(work_area, body.c_str(), body.size() + 1);
 

@@ -11,8 +11,8 @@
 
 int Generate_dih(std::string* dih_text) {
   dih_text->clear();
-  const RdIdentity& id = rd_identity();
-  const RdConfig& cfg = rd_config();
+  const RdIdentity id = rd_identity_copy();
+  const RdConfig cfg = rd_config_copy();
   std::string srno_hex = hex_lower(sha256(std::string_view(get_device_serial())));
   std::string work = id.dpId + id.rdsId + cfg.rd_ver + cfg.dc + id.mi + srno_hex;
   Sha256Digest digest = sha256(std::string_view(work));
@@ -37,7 +37,7 @@ int Generate_bio_sign(std::span<const std::uint8_t> bio, const std::string& ts, 
   RD_INFO("Bio-hash generated successfully");
 
   // Signed: the record's digest, then ts, then dc, with no separators.
-  const std::string& dc = rd_config().dc;
+  const std::string dc = rd_config_copy().dc;
   std::vector<std::uint8_t> message(bio_hash.begin(), bio_hash.end());
   message.insert(message.end(), ts.begin(), ts.end());
   message.insert(message.end(), dc.begin(), dc.end());

@@ -1,5 +1,6 @@
 #include "rd_core/pid_data.h"
 
+#include <libxml/entities.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
@@ -189,4 +190,12 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
   out->assign(reinterpret_cast<const char*>(text), static_cast<std::size_t>(size));
   xmlFree(text);
   return 0;
+}
+
+std::string xml_escape_attribute(const std::string& text) {
+  if (text.find_first_of("&<>\"\r") == std::string::npos) return text;
+  std::unique_ptr<xmlChar, decltype(xmlFree)> escaped(
+      xmlEncodeSpecialChars(nullptr, reinterpret_cast<const xmlChar*>(text.c_str())), xmlFree);
+  if (!escaped) return std::string();
+  return reinterpret_cast<const char*>(escaped.get());
 }

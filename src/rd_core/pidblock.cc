@@ -155,9 +155,7 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
     wipe(key, sizeof key);
     return 999;
   }
-  std::string shown(plain.begin(), plain.end());
-  std::printf("Plain pid: \n%s\n", shown.c_str());
-  wipe(shown.data(), shown.size());
+  // The plain Pid holds biometric records and the OTP: only its length is told.
   DRV_INFO("Length of plain pid is %d", static_cast<int>(plain.size()));
 
   std::string data, hmac;

@@ -104,7 +104,7 @@ int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t>
     pem = uidai_cert_in_force(which);
     // A production Management server must not see staging captures: use the
     // production certificate when the registration URL is the production one.
-    const RdConfig& cfg = rd_config();
+    const RdConfig cfg = rd_config_copy();
     if (!cfg.prod_register_url.empty() && cfg.mgmt_url_register == cfg.prod_register_url) {
       RD_INFO("MS URL is production URL, But RD Service request is for stagging");
       which = uidai_current_prod_cert();

@@ -103,7 +103,7 @@ int load_handheld(const char* folder) {
 int dll_loading(const char* folder) {
   if (folder == nullptr) return -1;
   std::lock_guard<std::mutex> lock(g_load_mutex);
-  const bool handheld = rd_identity().scanner_name == kHandheldScanner;
+  const bool handheld = rd_scanner_name() == kHandheldScanner;
   if (!g_scanner_loaded) {
     if (load_scanner(folder) != 0) return -1;
     g_scanner_loaded = true;

@@ -52,7 +52,7 @@ std::string_view uidai_builtin_cert(UidaiCert which) {
 }
 
 std::string uidai_cert_path(UidaiCert which) {
-  return rd_identity().prefix + "cert/uidai/" + uidai_cert_file_name(which);
+  return rd_identity_copy().prefix + "cert/uidai/" + uidai_cert_file_name(which);
 }
 
 std::string uidai_cert_in_force(UidaiCert which) {

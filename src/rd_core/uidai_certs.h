@@ -16,7 +16,7 @@ enum class UidaiCert { kStage, kPreProd, kProd, kProdOld };
 const char* uidai_cert_file_name(UidaiCert which);
 // The built-in PEM text, byte for byte as in data/uidai/.
 std::string_view uidai_builtin_cert(UidaiCert which);
-// Path of the working-folder copy: rd_identity().prefix + "cert/uidai/" + file name.
+// Path of the working-folder copy: rd_identity_copy().prefix + "cert/uidai/" + file name.
 std::string uidai_cert_path(UidaiCert which);
 // The PEM text in force: the working-folder copy when it can be read, else the
 // built-in one.

@@ -121,6 +121,18 @@ constexpr DemoField<PfaGroup> kPfaFields[] = {
     {"lav", &PfaGroup::lav}, {"lmv", &PfaGroup::lmv},
 };
 
+// The one-letter attributes (match strategy, gender, date-of-birth type).
+bool is_letter_field(const char* name) {
+  return std::strcmp(name, "ms") == 0 || std::strcmp(name, "gender") == 0 || std::strcmp(name, "dobt") == 0;
+}
+
+bool is_ascii(const std::string& value) {
+  for (unsigned char c : value) {
+    if (c >= 0x80) return false;
+  }
+  return true;
+}
+
 // Sets the group's flag and copies the attributes it knows. 0 or 100.
 template <typename Group, std::size_t N>
 int read_demo_group(xmlDoc* doc, const xmlNode* node, const DemoField<Group> (&fields)[N],
@@ -129,7 +141,14 @@ int read_demo_group(xmlDoc* doc, const xmlNode* node, const DemoField<Group> (&f
   for (const xmlAttr* a = node->properties; a != nullptr; a = a->next) {
     for (const auto& field : fields) {
       if (!name_is(a->name, field.name)) continue;
-      if (!copy_bounded(attribute_value(doc, a), kDemoValueSize, field.name, &(group->*field.member))) {
+      const std::string value = attribute_value(doc, a);
+      if (is_letter_field(field.name) && !is_ascii(value)) {
+        // These keep one character in the Pid: half of a UTF-8 character
+        // would make the Pid invalid for UIDAI.
+        RD_ERROR("Invalid Demo attribute : %s", field.name);
+        return 100;
+      }
+      if (!copy_bounded(value, kDemoValueSize, field.name, &(group->*field.member))) {
         return 100;
       }
       break;
@@ -248,9 +267,6 @@ int settle_positions(const std::string& raw_posh, PidOptionsRequest* request) {
     return 0;
   }
   int n = split_positions(raw_posh.c_str(), &request->positions);
-  for (int i = 0; i < request->fCount && i < static_cast<int>(request->positions.size()); ++i) {
-    std::printf("Position %s\n", request->positions[static_cast<std::size_t>(i)].c_str());
-  }
   if (both_kinds && n >= 1) {
     for (const auto& p : request->positions) {
       if (p == "UNKNOWN") {
@@ -305,7 +321,7 @@ int split_positions(const char* raw, std::vector<std::string>* positions) {
 int Pidinput_validate(const char* body) {
   init_libxml();
   std::lock_guard<std::mutex> lock(g_validate_mutex);
-  const std::string schema_path = rd_identity().prefix + "Final.xsd";
+  const std::string schema_path = rd_identity_copy().prefix + "Final.xsd";
   if (schema_path.size() >= kSchemaPathSize) {
     RD_ERROR("Could not parse %s", schema_path.c_str());
     return -1;
