@@ -56,9 +56,12 @@ inline int hold_port(int port) {
   return s;
 }
 
-// True when a socket without SO_REUSEADDR can bind 127.0.0.1:port.
-inline bool port_bindable(int port) {
+// True when a socket can bind 127.0.0.1:port, with SO_REUSEADDR as the
+// listener sets it, or without.
+inline bool port_bindable(int port, bool reuse = false) {
   int s = ::socket(AF_INET, SOCK_STREAM, 0);
+  int one = 1;
+  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   sockaddr_in addr = loopback(port);
   bool ok = ::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   ::close(s);
