@@ -42,30 +42,34 @@ inline int start_server() {
   return service_port();
 }
 
-// Another program listening on 127.0.0.1:port (with SO_REUSEADDR, as servers
-// usually have it). The socket, or -1 when the port is taken already.
-inline int hold_port(int port) {
+// A socket bound to 127.0.0.1:port, with SO_REUSEADDR when reuse; -1 when
+// the port cannot be bound.
+inline int bound_socket(int port, bool reuse) {
   int s = ::socket(AF_INET, SOCK_STREAM, 0);
   int one = 1;
-  ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   sockaddr_in addr = loopback(port);
-  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(s, 1) != 0) {
+  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return s;
+  ::close(s);
+  return -1;
+}
+
+// Another program listening on port (with SO_REUSEADDR, as servers usually
+// have it). The socket, or -1 when the port is taken already.
+inline int hold_port(int port) {
+  int s = bound_socket(port, true);
+  if (s >= 0 && ::listen(s, 1) != 0) {
     ::close(s);
     return -1;
   }
   return s;
 }
 
-// True when a socket can bind 127.0.0.1:port, with SO_REUSEADDR as the
-// listener sets it, or without.
+// True when a socket can bind port, with or without SO_REUSEADDR.
 inline bool port_bindable(int port, bool reuse = false) {
-  int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  int one = 1;
-  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr = loopback(port);
-  bool ok = ::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-  ::close(s);
-  return ok;
+  int s = bound_socket(port, reuse);
+  if (s >= 0) ::close(s);
+  return s >= 0;
 }
 
 inline int connect_to(int port) {

@@ -26,9 +26,10 @@ TEST_F(ListenerTest, WaitsHaveTheirRealDefaults) {
   EXPECT_EQ(ssl_accept_wait_ms(), 120000);
 }
 
-// A port that cannot be held is blocked already (by the TIME_WAIT of a
+// Ports other programs listen on are skipped; with every port taken start-up
+// fails. A port that cannot be held is blocked already (by the TIME_WAIT of a
 // listener without SO_REUSEADDR, such as another build's): it counts as held.
-TEST_F(ListenerTest, SkipsPortsOtherProgramsListenOn) {
+TEST_F(ListenerTest, TakesTheFirstPortNoOtherProgramListensOn) {
   std::vector<int> held;
   for (int port = 11100; port <= 11104; ++port) held.push_back(hold_port(port));
   int expected = 11105;
@@ -44,18 +45,13 @@ TEST_F(ListenerTest, SkipsPortsOtherProgramsListenOn) {
   EXPECT_TRUE(log_has("server", "prepare_http_socket",
                       "....................Server Listening On 127.0.0.1 And Port " + port_text + "..................."));
   EXPECT_EQ(round_trip(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
-  for (int s : held) ::close(s);
-}
 
-TEST_F(ListenerTest, FailsWhenAllPortsAreHeld) {
-  std::vector<int> held;
-  for (int port = 11100; port <= 11120; ++port) held.push_back(hold_port(port));
+  for (int p = port + 1; p <= 11120; ++p) held.push_back(hold_port(p));
   platform::socket_t server = platform::kInvalidSocket;
   EXPECT_EQ(prepare_http_socket(&server), -1);
   EXPECT_EQ(server, platform::kInvalidSocket);
   EXPECT_TRUE(log_has("server", "prepare_http_socket",
                       "binding_tcp_socket : failed on Port 11120\nAll Ports are in use, RD Service Can't Run"));
-  EXPECT_FALSE(log_has("server", "prepare_http_socket", "binding_tcp_socket : failed on port = 11120, Trying for next port"));
   for (int s : held) ::close(s);
 }
 
@@ -126,7 +122,6 @@ TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
   const std::vector<Row> rows = {
       {"no Content-Length", {"RDSERVICE / HTTP/1.1\r\nHost: a\r\n\r\n"}, ok,
        {"Request Header Received", "Current Request will have only Header(No Body)"}},
-      {"Content-Length 0", {"RDSERVICE / HTTP/1.1\r\nContent-Length: 0\r\n\r\n"}, ok, {" content_length is: 0"}},
       {"Content-Length not a number", {"RDSERVICE / HTTP/1.1\r\nContent-Length: abc\r\n\r\n"}, ok,
        {" content_length is: 0", "Current Request will have only Header(No Body)"}},
       {"header in single bytes", {"R", "D", "SERVICE / HTTP/1.1\r\n", "\r", "\n"}, ok, {"Request Header Received"}},

@@ -22,17 +22,15 @@ namespace {
 
 PkeyPtr new_key() { return PkeyPtr(EVP_RSA_gen(2048)); }
 
-void write_key(const std::string& path, EVP_PKEY* key) {
-  FILE* f = std::fopen(path.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  ASSERT_EQ(PEM_write_PrivateKey(f, key, nullptr, nullptr, 0, nullptr, nullptr), 1);
-  std::fclose(f);
-}
-
-// A self-signed certificate for "localhost" over key.
-void write_cert(const std::string& path, EVP_PKEY* key) {
+// Writes key, or a self-signed certificate for "localhost" over it, as PEM.
+void write_pem(const std::string& path, EVP_PKEY* key, bool cert_too) {
+  BioPtr out(BIO_new_file(path.c_str(), "w"));
+  ASSERT_TRUE(out);
+  if (!cert_too) {
+    ASSERT_EQ(PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr), 1);
+    return;
+  }
   X509Ptr cert(X509_new());
-  X509_set_version(cert.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
   X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
   X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
@@ -41,10 +39,7 @@ void write_cert(const std::string& path, EVP_PKEY* key) {
   X509_set_issuer_name(cert.get(), name);
   X509_set_pubkey(cert.get(), key);
   ASSERT_GT(X509_sign(cert.get(), key, EVP_sha256()), 0);
-  FILE* f = std::fopen(path.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  ASSERT_EQ(PEM_write_X509(f, cert.get()), 1);
-  std::fclose(f);
+  ASSERT_EQ(PEM_write_bio_X509(out.get(), cert.get()), 1);
 }
 
 class TlsTest : public FrontTest {
@@ -54,8 +49,8 @@ class TlsTest : public FrontTest {
     ASSERT_EQ(platform::make_dirs("cert/ssl"), 0);
     key_ = new_key();
     ASSERT_TRUE(key_);
-    write_cert(settings_.cert_file, key_.get());
-    write_key(settings_.key_file, key_.get());
+    write_pem(settings_.cert_file, key_.get(), true);
+    write_pem(settings_.key_file, key_.get(), false);
   }
   // Builds the context and starts the listener with TLS on.
   int start_tls_server() {
@@ -131,7 +126,7 @@ TEST_F(TlsTest, ServesRequestsOverHttps) {
 TEST_F(TlsTest, RefusesCertificateAndKeyThatDoNotBelongTogether) {
   PkeyPtr other = new_key();
   ASSERT_TRUE(other);
-  write_key("other.key", other.get());
+  write_pem("other.key", other.get(), false);
   testutil::write_file("garbage.crt", "-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n");
   testutil::write_file("garbage.key", "no key here");
   struct Row {

@@ -5,6 +5,7 @@
 #include "http/dispatch.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
