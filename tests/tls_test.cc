@@ -157,7 +157,10 @@ TEST_F(TlsTest, RefusesCertificateAndKeyThatDoNotBelongTogether) {
   EXPECT_EQ(validateSSLCert(settings_), 0);
 }
 
-TEST_F(TlsTest, DropsClientThatNeverStartsTheHandshake) {
+// A client that never starts the handshake is dropped after the (shortened)
+// wait; one limited to TLS 1.0 and 1.1 is refused (this OpenSSL cannot offer
+// SSLv3 at all). The same server still serves a current client.
+TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
   set_ssl_accept_wait_ms_for_test(300);
   int port = start_tls_server();
   ASSERT_NE(port, 0);
@@ -170,17 +173,9 @@ TEST_F(TlsTest, DropsClientThatNeverStartsTheHandshake) {
   EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept timed out"));
   EXPECT_TRUE(wait_log("server", "process_incoming_message", "makeSSLConnection Failed"));
   expect_status_line(" | server | process_incoming_message | SSL Connection Failed, please check browser settings ");
-}
 
-// This OpenSSL cannot offer SSLv3 at all, so the refusal is shown with a
-// client limited to TLS 1.0 and 1.1, both below the server's minimum.
-TEST_F(TlsTest, RefusesClientsBelowTheMinimumProtocol) {
-  int port = start_tls_server();
-  ASSERT_NE(port, 0);
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n", TLS1_VERSION, TLS1_1_VERSION), "handshake failed");
   EXPECT_TRUE(wait_log("sslCommunication", "printSSLError", "SSL throws:SSL_ERROR_SSL"));
-  EXPECT_TRUE(wait_log("server", "process_incoming_message", "makeSSLConnection Failed"));
-  // The same server still serves a current client.
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
 }
 
