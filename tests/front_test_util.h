@@ -1,12 +1,12 @@
-// Helpers of the listener, dispatch and TLS tests: start the real listener in
-// the test process, hold ports, and read the run log.
+// Helpers of the listener, dispatch and TLS tests: a fixture that starts the
+// real listener in the test process, sockets that hold ports, the answers as
+// clients receive them, and the run log.
 #ifndef VEXO_TESTS_FRONT_TEST_UTIL_H
 #define VEXO_TESTS_FRONT_TEST_UTIL_H
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,10 +17,21 @@
 
 #include "http/server.h"
 #include "http/work_area.h"
+#include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "test_util.h"
 
 namespace fronttest {
+
+using testutil::read_until_close;
+
+inline sockaddr_in loopback(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return addr;
+}
 
 // Binds the listener and runs the accept loop on a detached thread (it never
 // returns; the test process ends it). Returns the port, 0 on failure.
@@ -31,29 +42,39 @@ inline int start_server() {
   return service_port();
 }
 
-// A socket bound to 127.0.0.1:port with SO_REUSEADDR, not listening: if the
-// listener also set that option it could bind the same port, which it must not.
-inline int hold_port(int port) {
+// A socket bound to 127.0.0.1:port, with SO_REUSEADDR when reuse; -1 when
+// the port cannot be bound.
+inline int bound_socket(int port, bool reuse) {
   int s = ::socket(AF_INET, SOCK_STREAM, 0);
   int one = 1;
-  ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in addr = loopback(port);
+  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return s;
+  ::close(s);
+  return -1;
+}
+
+// Another program listening on port (with SO_REUSEADDR, as servers usually
+// have it). The socket, or -1 when the port is taken already.
+inline int hold_port(int port) {
+  int s = bound_socket(port, true);
+  if (s >= 0 && ::listen(s, 1) != 0) {
     ::close(s);
     return -1;
   }
   return s;
 }
 
+// True when a socket can bind port, with or without SO_REUSEADDR.
+inline bool port_bindable(int port, bool reuse = false) {
+  int s = bound_socket(port, reuse);
+  if (s >= 0) ::close(s);
+  return s >= 0;
+}
+
 inline int connect_to(int port) {
   int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr = loopback(port);
   if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     ::close(s);
     return -1;
@@ -61,11 +82,8 @@ inline int connect_to(int port) {
   return s;
 }
 
-using testutil::read_until_close;
-
 // Sends the pieces with a pause between them, then reads the answer. The
-// client half-closes first, so the TIME_WAIT state stays on its side and the
-// service ports are free again for the next test.
+// client half-closes first, so the TIME_WAIT state stays on its side.
 inline std::string exchange_pieces(int port, const std::vector<std::string>& pieces, int pause_ms) {
   int s = connect_to(port);
   if (s < 0) return "";
@@ -80,18 +98,6 @@ inline std::string exchange_pieces(int port, const std::vector<std::string>& pie
 }
 
 inline std::string round_trip(int port, const std::string& request) { return exchange_pieces(port, {request}, 0); }
-
-// True when a socket can bind 127.0.0.1:port the way the listener does.
-inline bool port_bindable(int port) {
-  int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = ::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-  ::close(s);
-  return ok;
-}
 
 inline std::string log_text() { return testutil::read_file("rd.log"); }
 
@@ -111,11 +117,11 @@ inline bool log_has(const std::string& file, const std::string& func, const std:
 inline bool wait_log(const std::string& file, const std::string& func, const std::string& text,
                      std::size_t offset = 0, int timeout_ms = 3000) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (std::chrono::steady_clock::now() < end) {
-    if (log_has(file, func, text, offset)) return true;
+  while (!log_has(file, func, text, offset)) {
+    if (std::chrono::steady_clock::now() >= end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return log_has(file, func, text, offset);
+  return true;
 }
 
 // The error header as clients receive it, written out independently of the code.
@@ -134,11 +140,38 @@ inline std::string ok_header(int port, const std::string& path, std::size_t leng
          (origin ? std::string(origin) : loc) + "\r\n\r\n";
 }
 
-inline std::string discovery_body(const std::string& status, const std::string& mi) {
+inline std::string discovery_body(const std::string& status, const std::string& mi = "VX100") {
   return "<RDService status=\"" + status + "\" info=\"Korvane RD service(" + mi +
          ") is running\">\n\t<Interface id=\"CAPTURE\" path=\"/rd/capture\" />\n\t<Interface id=\"DEVICEINFO\" "
          "path=\"/rd/info\" />\n\t<Interface id=\"POSTAUTH\" path=\"/rd/postauth\" />\n</RDService>\n";
 }
+
+inline std::string discovery_answer(int port, const std::string& status = "READY") {
+  std::string body = discovery_body(status);
+  return ok_header(port, "/", body.size()) + body;
+}
+
+inline void expect_status_line(const std::string& text) {
+  std::string status = testutil::last_status();
+  EXPECT_NE(status.find(text), std::string::npos) << status;
+}
+
+// A working folder with the run log open and a non-handheld scanner "VX100".
+class FrontTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    set_scanner("Aratek_A600");
+  }
+  void TearDown() override { zlog_fini(); }
+  static void set_scanner(const std::string& name) {
+    rd_identity_update([&](RdIdentity& id) {
+      id.mi = "VX100";
+      id.scanner_name = name;
+    });
+  }
+  testutil::WorkDir dir_;
+};
 
 }  // namespace fronttest
 

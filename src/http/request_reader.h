@@ -19,7 +19,7 @@ struct RequestSource {
   // 1 when more input can be read within timeout_ms, otherwise 0.
   int (*ready)(void* ctx, int timeout_ms);
   void* ctx;
-  const char* file;  // the caller's __FILE__, for its log lines
+  const char* file;  // the module name (or __FILE__) its log lines carry
   const char* func;  // the caller's function name, for its log lines
 };
 

@@ -1,6 +1,12 @@
 // Local RD listener and request dispatch: binds 127.0.0.1 on the first free
 // port of 11100..11120, serves each connection on a detached thread, and
-// answers OPTIONS, RDSERVICE, CAPTURE, DEVICEINFO and POSTAUTH.
+// answers OPTIONS, RDSERVICE, CAPTURE, DEVICEINFO and POSTAUTH. The module is
+// split into listener.cc (socket and accept loop), connection.cc (receive,
+// send, the connection thread) and dispatch.cc (the verbs); http_frame.cc
+// frames the headers.
+//
+// Thread-safety: the service port and the waits are atomics; every other
+// function may run on many connection threads at once.
 #ifndef VEXO_HTTP_SERVER_H
 #define VEXO_HTTP_SERVER_H
 
@@ -21,6 +27,8 @@ int recv_thru_tcp_socket(platform::socket_t s, char* buf);
 int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len,
                          const char* body, std::size_t body_len);
 // Body of a connection thread: receives, dispatches, answers, closes. 0.
+// Never throws: an exception inside is logged, the socket closed and the
+// work area freed.
 int process_incoming_message(platform::socket_t s);
 
 // Checks a CAPTURE request and copies its body (from the first "<") into
@@ -34,7 +42,8 @@ int Get_PostAuthBody(const char* raw_request, char* request_body);
 // model, header (kRespHeaderSize bytes) for the path "/". 0.
 int frame_rdservice_response(const char* origin, char* header, char* body);
 // The origin forms are used when origin is non-null and not exactly "null".
-// Both write at most kRespHeaderSize bytes into header; return the length.
+// Both write at most kRespHeaderSize bytes into header and return the length;
+// the echoed origin is cut so that the header always ends with its blank line.
 int frame_http_ok_header(const char* host, int port, const char* path, int body_len,
                          const char* origin, char* header);
 int frame_http_error_header(int code, const char* host, int port, const char* path, int body_len,
@@ -44,5 +53,7 @@ int frame_http_error_header(int code, const char* host, int port, const char* pa
 // unless a test shortened it.
 int accept_wait_ms();
 void set_accept_wait_ms_for_test(int ms);
+// Test seam: the next count dispatches throw std::bad_alloc.
+void set_dispatch_faults_for_test(int count);
 
 #endif  // VEXO_HTTP_SERVER_H

@@ -1,1 +1,4 @@
 # Sources of src/postauth.
+list(APPEND VEXO_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/postauth.cc
+)

@@ -44,15 +44,21 @@ std::string last_error_text() {
   return text;
 }
 
-void log_error_queue() {
+// Helpers log under the name of the function they serve.
+#define LOG_AS(level, func, ...) rd_log_write(LogLevel::level, VEXO_LOG_FILE, func, __LINE__, __VA_ARGS__)
+
+// Drains OpenSSL's error queue into the log, one line per entry.
+void log_error_queue(const char* func) {
   const char* file = nullptr;
   const char* data = nullptr;
   int line = 0;
   int flags = 0;
   unsigned long code;
   while ((code = ERR_get_error_all(&file, &line, nullptr, &data, &flags)) != 0) {
-    RD_ERROR("error code: %lu in %s line %d", code, file ? file : "", line);
-    if ((flags & ERR_TXT_STRING) != 0 && data != nullptr && data[0] != '\0') RD_ERROR("error data: %s", data);
+    LOG_AS(kError, func, "error code: %lu in %s line %d", code, file ? file : "", line);
+    if ((flags & ERR_TXT_STRING) != 0 && data != nullptr && data[0] != '\0') {
+      LOG_AS(kError, func, "error data: %s", data);
+    }
   }
 }
 
@@ -128,7 +134,7 @@ long ssl_read_some(void* ctx, char* buf, std::size_t len) {
   int n = SSL_read(ssl, buf, want);
   if (n > 0) return n;
   int err = SSL_get_error(ssl, n);
-  rd_log_write(LogLevel::kError, __FILE__, "recvFromSSL", __LINE__, "SSL_read failed");
+  LOG_AS(kError, "recvFromSSL", "SSL_read failed");
   ERR_clear_error();
   return err == SSL_ERROR_ZERO_RETURN ? 0 : -1;
 }
@@ -147,11 +153,13 @@ int ssl_write_all(SSL* ssl, const char* data, std::size_t len) {
     int chunk = rest > INT_MAX ? INT_MAX : static_cast<int>(rest);
     int n = SSL_write(ssl, data + sent, chunk);
     if (n < 1) {
-      RD_ERROR("Send Thru SSL Failed");
+      LOG_AS(kError, "sendThruSSL", "Send Thru SSL Failed");
       return -2;
     }
     sent += static_cast<std::size_t>(n);
-    if (sent < len) RD_INFO("Sent Thru SSL: %d, To be sent size: %d", n, static_cast<int>(len - sent));
+    if (sent < len) {
+      LOG_AS(kInfo, "sendThruSSL", "Sent Thru SSL: %d, To be sent size: %d", n, static_cast<int>(len - sent));
+    }
   }
   return 0;
 }
@@ -265,12 +273,12 @@ int validateServerCertAndInitSSLCTX(SslSettings settings) {
   ERR_clear_error();
   CtxPtr ctx(SSL_CTX_new(TLS_server_method()));
   if (!ctx) {
-    log_error_queue();
+    log_error_queue(__func__);
     return -2;
   }
   SSL_CTX_set_options(ctx.get(), SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3);
   if (SSL_CTX_set_min_proto_version(ctx.get(), TLS1_2_VERSION) != 1) {
-    log_error_queue();
+    log_error_queue(__func__);
     return -2;
   }
   SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_NONE, nullptr);
@@ -432,5 +440,5 @@ void printSSLError(SSL* ssl, int ret) {
     case SSL_ERROR_WANT_ACCEPT: RD_ERROR("SSL throws:SSL_ERROR_WANT_ACCEPT"); break;
     default: RD_ERROR("SSL throws:SSL error not defined"); break;
   }
-  log_error_queue();
+  log_error_queue(__func__);
 }

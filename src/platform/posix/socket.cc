@@ -89,4 +89,9 @@ int set_nonblocking(socket_t s, bool on) {
   return ::fcntl(s, F_SETFL, wanted) == 0 ? 0 : -1;
 }
 
+int set_reuse_address(socket_t s) {
+  int one = 1;
+  return ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0 ? 0 : -1;
+}
+
 }  // namespace platform

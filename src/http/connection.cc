@@ -1,0 +1,210 @@
+// One connection: receive the request over plain TCP or TLS, dispatch it,
+// send the answer and close.
+#define VEXO_LOG_FILE "server"
+
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <new>
+
+#include "http/dispatch.h"
+#include "http/request_reader.h"
+#include "http/server.h"
+#include "http/work_area.h"
+#include "init/rd_codes.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "platform/unique_handle.h"
+#include "ssl/sslCommunication.h"
+
+namespace {
+
+constexpr char kHost[] = "127.0.0.1";
+constexpr std::size_t kOriginSize = 1024;
+
+// The value starts right after the colon (a blank there is kept) and ends
+// before the carriage return; it is cut to fit the 1024-byte origin block.
+// Logs as a step of process_incoming_message.
+OriginKind find_origin(const char* raw, std::unique_ptr<char[]>* origin) {
+  const char* match = std::strstr(raw, "Origin:");
+  if (match == nullptr) return OriginKind::kAbsent;
+  const char* lf = std::strchr(match, '\n');
+  if (lf == nullptr) return OriginKind::kNoLineEnd;
+  const char* start = match + 7;
+  const char* end = lf[-2] == '\r' ? lf - 2 : lf - 1;
+  std::size_t n = end > start ? static_cast<std::size_t>(end - start) : 0;
+  if (n > kOriginSize - 1) n = kOriginSize - 1;
+  origin->reset(new char[kOriginSize]());
+  std::memcpy(origin->get(), start, n);
+  rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, "process_incoming_message", __LINE__,
+               "Origin value is:%s AND length of origin is:%d", origin->get(), static_cast<int>(n));
+  return OriginKind::kValue;
+}
+
+// Owns the accepted socket, and after the handshake the TLS connection that
+// took it over; whatever is still open is closed when it ends.
+class Connection {
+ public:
+  explicit Connection(platform::socket_t s) : socket_(s) {}
+  ~Connection() { close(); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  void use_tls(bool tls) { tls_ = tls; }
+  bool tls() const { return tls_; }
+  platform::socket_t socket() const { return socket_.get(); }
+  SSL* ssl() const { return ssl_; }
+
+  // TLS handshake; the TLS connection owns the socket from here on, and on
+  // failure makeSSLConnection has closed it already.
+  int handshake() { return makeSSLConnection(socket_.release(), ssl_server_ctx(), &ssl_); }
+
+  void send(const char* header, const char* body) {
+    std::size_t header_len = strnlen(header, kRespHeaderSize);
+    std::size_t body_len = strnlen(body, kRespBodySize);
+    if (tls_) {
+      if (ssl_ != nullptr) sendThruSSL(ssl_, header, header_len, body, body_len);
+    } else {
+      send_thru_tcp_socket(socket_.get(), header, header_len, body, body_len);
+    }
+  }
+
+  void close() {
+    if (ssl_ != nullptr) {
+      closeSSLConnection(ssl_);
+      ssl_ = nullptr;
+    } else if (socket_) {
+      rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, "process_incoming_message", __LINE__, "Closing Socket");
+      socket_.reset();
+    }
+  }
+
+ private:
+  platform::UniqueSocket socket_;
+  SSL* ssl_ = nullptr;
+  bool tls_ = false;
+};
+
+long tcp_read_some(void* ctx, char* buf, std::size_t len) {
+  return platform::recv_socket(*static_cast<platform::socket_t*>(ctx), buf, len);
+}
+
+int tcp_input_ready(void* ctx, int timeout_ms) {
+  return platform::wait_readable(*static_cast<platform::socket_t*>(ctx), timeout_ms) == 1 ? 1 : 0;
+}
+
+int send_all(platform::socket_t s, const char* data, std::size_t len) {
+  std::size_t sent = 0;
+  while (sent < len) {
+    long n = platform::send_socket(s, data + sent, len - sent);
+    if (n < 0) return -1;
+    sent += static_cast<std::size_t>(n);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int recv_thru_tcp_socket(platform::socket_t s, char* buf) {
+  RD_VERBOSE("Inside recv_thru_tcp_socket");
+  int ready = platform::wait_readable(s, recv_wait_ms());
+  if (ready < 0) {
+    RD_ERROR("Error at the select function");
+    return -1;
+  }
+  if (ready == 0) {
+    RD_ERROR("Timeout to receive data from client");
+    return -1;
+  }
+  RequestSource src{tcp_read_some, tcp_input_ready, &s, VEXO_LOG_FILE, __func__};
+  int len = read_http_request(src, buf);
+  if (len >= 0) RD_VERBOSE("Returning from recv_thru_tcp_socket");
+  return len;
+}
+
+int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len, const char* body,
+                         std::size_t body_len) {
+  RD_VERBOSE("sending HTTP header to client ");
+  if (send_all(s, header, header_len) != 0) {
+    RD_ERROR("Error at sending header data on http");
+    return -1;
+  }
+  RD_VERBOSE("sending HTTP Data to client ");
+  if (body != nullptr && send_all(s, body, body_len) != 0) {
+    RD_ERROR("Error at sending body data on http");
+    return -1;
+  }
+  RD_INFO("Data is Sent to client successfully ");
+  return 0;
+}
+
+int process_incoming_message(platform::socket_t s) {
+  // The connection closes the socket on every path out, exceptions included.
+  Connection conn(s);
+  // Nothing may leave this thread body: an exception would end the host process.
+  try {
+    RD_INFO("Entered inside process_incoming_message,socket_fd is: %d", s);
+    conn.use_tls(rd_ssl_enabled());
+    std::unique_ptr<char[]> area(new (std::nothrow) char[kWorkAreaSize]());
+    if (!area) {
+      RD_ERROR("Memory allocation failed\n");
+      return 0;
+    }
+    char* raw = area.get() + kRawReqOffset;
+    char* header = area.get() + kRespHeaderOffset;
+
+    int received;
+    if (conn.tls()) {
+      if (conn.handshake() != 0) {
+        RD_ERROR("makeSSLConnection Failed");
+        RD_STATUS("SSL Connection Failed, please check browser settings ");
+        return 0;
+      }
+      RD_VERBOSE("Going for recvFromSSLWithTC");
+      int len = 0;
+      received = recvFromSSLWithTC(conn.ssl(), raw, &len);
+      if (received == 0) received = len;
+    } else {
+      RD_VERBOSE("Going for recv_thru_tcp_socket");
+      received = recv_thru_tcp_socket(s, raw);
+    }
+    if (received == kRequestTooLarge) {
+      frame_http_error_header(rd_codes::kHttpTooLarge, kHost, service_port(), "", 0, nullptr, header);
+      conn.send(header, "");
+      conn.close();
+      RD_INFO("Returning from process_incoming_message");
+      return 0;
+    }
+    if (received < 0) {
+      RD_ERROR("recv failed : Could not received data bytes");
+      RD_STATUS("recv failed : Could not received data bytes ");
+      conn.close();
+      RD_INFO("Returning from process_incoming_message");
+      return 0;
+    }
+    RD_INFO("Request is:\n%s", raw);
+
+    std::unique_ptr<char[]> origin;
+    OriginKind origin_kind = find_origin(raw, &origin);
+    RequestLine line = split_request_line(raw);
+    RD_VERBOSE("custom_verb is %.*s\n", static_cast<int>(line.verb.size()), line.verb.data());
+
+    if (logfile_size_check() != 0) {
+      RD_ERROR("logfile_size_check failed");
+      return 0;
+    }
+
+    dispatch_request(raw, line, origin_kind, origin.get(), area.get());
+    conn.send(header, area.get());
+    RD_INFO("Response Sent Successfully");
+    area.reset();
+    origin.reset();
+    conn.close();
+    RD_INFO("Returning from process_incoming_message");
+  } catch (const std::exception& e) {
+    RD_ERROR("Request not answered: %s", e.what());
+  } catch (...) {
+    RD_ERROR("Request not answered");
+  }
+  return 0;
+}

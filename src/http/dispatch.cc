@@ -1,0 +1,299 @@
+// The RD verbs: request-line checks, the hand-over to the capture, DeviceInfo
+// and PostAuth workers, and the answers of the checks that fail.
+#define VEXO_LOG_FILE "server"
+
+#include "http/dispatch.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "http/server.h"
+#include "http/work_area.h"
+#include "init/rd_codes.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "postauth/postauth.h"
+#include "rd_core/api.h"
+#include "semaphore/device_lock.h"
+
+namespace {
+
+using rd_codes::kHttpBadRequest;
+using rd_codes::kHttpBadVerb;
+using rd_codes::kHttpBadVersion;
+using rd_codes::kHttpNoBody;
+
+constexpr char kHost[] = "127.0.0.1";
+constexpr char kTavioScanner[] = "Tavio_TX9";
+// Room of the request-line fields, the terminating NUL included.
+constexpr std::size_t kVerbSize = 16;
+constexpr std::size_t kPathSize = 256;
+constexpr std::size_t kVersionSize = 16;
+constexpr std::size_t kCaptureFieldSize = 56;
+constexpr long kMaxCaptureBody = 1024;
+
+constexpr char kCorsBlock[] =
+    "\r\nAccess-Control-Allow-Origin: *\r\nAccess-Control-Allow-Methods:RDSERVICE,DEVICEINFO,CAPTURE,"
+    "POSTAUTH\r\nACCESS-CONTROL-ALLOW-HEADERS:Content-Type\r\nContent-Type: text/xml; charset=utf-8";
+// The errCode 100 answer leaves Resp unclosed and ends with an empty PidData
+// element instead of a closing tag; clients have always received it so.
+constexpr char kBadPidOptionsBody[] =
+    "<PidData>\n<Resp errCode=\"100\" errInfo=\"Invalid input Pid-Options, XML should strictly adhere to "
+    "spec\"\n<PidData />\n";
+static_assert(sizeof kBadPidOptionsBody - 1 == 114);
+
+std::atomic<int> g_dispatch_faults{0};
+
+// The verb branches are steps of process_incoming_message and log under its name.
+constexpr char kDispatchFn[] = "process_incoming_message";
+#define PIM_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, kDispatchFn, __LINE__, __VA_ARGS__)
+#define PIM_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_FILE, kDispatchFn, __LINE__, __VA_ARGS__)
+#define PIM_STATUS(...) rd_set_last_status(VEXO_LOG_FILE, kDispatchFn, __VA_ARGS__)
+
+bool is_tavio() { return rd_scanner_name() == kTavioScanner; }
+
+bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+// Runs work under the handheld lock; when another process holds the device,
+// the status becomes USED and work still runs to give the busy answer.
+template <typename Work>
+void with_tavio_lock(Work work) {
+  TavioLock lock;
+  if (!lock.held()) set_rd_status_used();
+  work();
+}
+
+void error_header(int code, std::string_view path, const char* origin, char* area) {
+  std::string p(path);
+  frame_http_error_header(code, kHost, service_port(), p.c_str(), 0, origin, area + kRespHeaderOffset);
+}
+
+void answer_options(OriginKind kind, char* header) {
+  if (kind == OriginKind::kAbsent) {
+    // Ends after one line break, with no empty line: the answer has always been so.
+    std::snprintf(header, kRespHeaderSize, "HTTP/1.1 405 \r\nContent-Length: 0%s\r\n", kCorsBlock);
+  } else if (kind == OriginKind::kValue) {
+    std::snprintf(header, kRespHeaderSize,
+                  "HTTP/1.1 200 OK\r\nACCESS-CONTROL-ALLOW-HEADERS: Content-Type\r\nACCESS-CONTROL-ALLOW-"
+                  "METHODS: RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH\r\nACCESS-CONTROL-ALLOW-ORIGIN: "
+                  "%s\r\nContent-Length: 0\r\nConnection: close\r\nContent-Type: text/xml; "
+                  "charset=utf-8\r\n\r\n",
+                  "*");
+  } else {
+    std::snprintf(header, kRespHeaderSize, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: %s%s\r\n\r\n",
+                  "close", kCorsBlock);
+  }
+  PIM_INFO("....................Options Successful...................");
+}
+
+void answer_discovery(const RequestLine& line, const char* origin, char* area) {
+  PIM_INFO("......................Client Request for Device Discovery......................");
+  bool version_ok = line.version == "HTTP/1.1";
+  if (!version_ok) {
+    PIM_ERROR("HTTP VER is wrong");
+    error_header(kHttpBadVersion, line.path, origin, area);
+    PIM_INFO(".........................Device Discovery Failed.......................");
+  }
+  // The handheld device is asked for its state even after a version error.
+  if (is_tavio() && get_rd_status_index() != kRdUsed) {
+    TavioLock lock;
+    if (lock.held()) {
+      Check_Device_status();
+    } else {
+      set_rd_status_used();
+    }
+  }
+  if (version_ok) {
+    frame_rdservice_response(origin, area + kRespHeaderOffset, area);
+    PIM_INFO(".........................Device Discovery Successful.......................");
+  }
+}
+
+void answer_capture(const char* raw, const char* origin, char* area) {
+  char* request_body = area + kReqBodyOffset;
+  PIM_INFO("......................Client Request for Capture......................");
+  int result = ParseHTTP_ReqCapture(raw, request_body);
+  if (result == 0) {
+    if (is_tavio()) {
+      with_tavio_lock([&] { capture(request_body, origin, area); });
+    } else {
+      capture(request_body, origin, area);
+    }
+    return;
+  }
+  PIM_ERROR("Error at ParseHTTP_ReqCapture");
+  PIM_STATUS("Error at Parsing the capture request ");
+  RD_PIPE("10000", "Error at Parsing the capture request\n");
+  if (result == kHttpBadVersion || result == kHttpBadRequest) {
+    error_header(result, "/rd/capture", origin, area);
+  } else {
+    std::memcpy(area, kBadPidOptionsBody, sizeof kBadPidOptionsBody);
+    frame_http_ok_header(kHost, service_port(), "/rd/capture", static_cast<int>(sizeof kBadPidOptionsBody - 1),
+                         origin, area + kRespHeaderOffset);
+  }
+}
+
+// The path and version rules of DEVICEINFO and POSTAUTH: 0, 400 or 505.
+int check_path_and_version(const RequestLine& line, std::string_view expected_path) {
+  bool version_ok = line.version == "HTTP/1.1";
+  if (line.path != expected_path) {
+    PIM_ERROR("PATH VALIDATION FAILED");
+    if (version_ok) return kHttpBadRequest;
+    PIM_ERROR("Unsupported HTTP Version");
+    return kHttpBadVersion;
+  }
+  if (!version_ok) {
+    PIM_ERROR("Unsupported HTTP Version");
+    return kHttpBadVersion;
+  }
+  return 0;
+}
+
+void answer_device_info(const RequestLine& line, const char* origin, char* area) {
+  PIM_INFO("......................Client Requested for Device Info......................");
+  int code = check_path_and_version(line, "/rd/info");
+  if (code != 0) {
+    error_header(code, line.path, origin, area);
+    return;
+  }
+  GetDeviceInfo(area, origin);
+  PIM_INFO("......................Device Info Successful.........................");
+}
+
+void answer_postauth(const RequestLine& line, const char* raw, const char* origin, char* area) {
+  PIM_INFO("......................Client Requested Verb is POSTAUTH......................");
+  int code = check_path_and_version(line, "/rd/postauth");
+  if (code == 0 && Get_PostAuthBody(raw, area + kReqBodyOffset) != 0) code = kHttpNoBody;
+  if (code != 0) {
+    error_header(code, line.path, origin, area);
+    return;
+  }
+  std::string path(line.path);
+  if (is_tavio()) {
+    with_tavio_lock([&] { PostAuth(area, origin, path.c_str()); });
+  } else {
+    PostAuth(area, origin, path.c_str());
+  }
+  PIM_INFO("......................POST AUTH Successful.........................");
+}
+
+}  // namespace
+
+void set_dispatch_faults_for_test(int count) { g_dispatch_faults.store(count, std::memory_order_relaxed); }
+
+RequestLine split_request_line(std::string_view request) {
+  RequestLine line;
+  std::string_view first = request.substr(0, request.find_first_of("\r\n"));
+  std::string_view* fields[] = {&line.verb, &line.path, &line.version};
+  std::size_t pos = 0;
+  for (std::string_view* field : fields) {
+    while (pos < first.size() && is_blank(first[pos])) ++pos;
+    std::size_t end = pos;
+    while (end < first.size() && !is_blank(first[end])) ++end;
+    if (end == pos) break;
+    *field = first.substr(pos, end - pos);
+    ++line.fields;
+    pos = end;
+  }
+  return line;
+}
+
+void dispatch_request(const char* raw, const RequestLine& line, OriginKind origin_kind, const char* origin,
+                      char* area) {
+  if (g_dispatch_faults.load(std::memory_order_relaxed) > 0 &&
+      g_dispatch_faults.fetch_sub(1, std::memory_order_relaxed) > 0) {
+    throw std::bad_alloc();
+  }
+  const std::string_view verb = line.verb;
+  bool known_line_verb = verb == "RDSERVICE" || verb == "DEVICEINFO" || verb == "POSTAUTH";
+  // Fields longer than the request line's buffers are refused; an unknown
+  // verb's path and version are never looked at.
+  if (verb.size() >= kVerbSize ||
+      (known_line_verb && (line.path.size() >= kPathSize || line.version.size() >= kVersionSize))) {
+    PIM_ERROR("Request line field is too long");
+    error_header(kHttpBadRequest, "", origin, area);
+    return;
+  }
+  if (verb == "OPTIONS") {
+    answer_options(origin_kind, area + kRespHeaderOffset);
+  } else if (verb == "RDSERVICE") {
+    answer_discovery(line, origin, area);
+  } else if (verb == "CAPTURE") {
+    answer_capture(raw, origin, area);
+  } else if (verb == "DEVICEINFO") {
+    answer_device_info(line, origin, area);
+  } else if (verb == "POSTAUTH") {
+    answer_postauth(line, raw, origin, area);
+  } else {
+    // The request line of an unknown verb is not split: the path stays empty.
+    PIM_INFO("..................Client Request for Invalid Verb....................");
+    error_header(kHttpBadVerb, "", origin, area);
+    PIM_INFO("......................Invalid Verb Successful.........................");
+  }
+}
+
+int ParseHTTP_ReqCapture(const char* raw_request, char* request_body) {
+  const char* lt = std::strchr(raw_request, '<');
+  if (lt == nullptr) return -1;
+  // The header part is the text before "<" less its last character.
+  std::size_t header_len = static_cast<std::size_t>(lt - raw_request);
+  if (header_len > 0) --header_len;
+  if (header_len > kRawReqSize) header_len = kRawReqSize;
+  std::string_view header(raw_request, header_len);
+  std::size_t body_len = strnlen(lt, kReqBodySize - 1);
+  std::memcpy(request_body, lt, body_len);
+  request_body[body_len] = '\0';
+
+  RequestLine line = split_request_line(header);
+  for (std::string_view field : {line.verb, line.path, line.version}) {
+    if (field.size() >= kCaptureFieldSize) {
+      RD_ERROR("Request line field is too long");
+      return kHttpBadRequest;
+    }
+  }
+  if (line.fields < 3) return -1;
+  if (line.version.find("HTTP/1.1") == std::string_view::npos) {
+    RD_ERROR("Unsupported HTTP Version");
+    return kHttpBadVersion;
+  }
+  if (line.path != "/rd/capture") {
+    RD_ERROR("Capture path is wrong");
+    return kHttpBadRequest;
+  }
+
+  // The first header line naming Content-Length gives the body's length.
+  std::size_t at = header.find("Content-Length");
+  if (at == std::string_view::npos) return -1;
+  std::size_t line_start = header.rfind('\n', at);
+  line_start = line_start == std::string_view::npos ? 0 : line_start + 1;
+  std::string_view header_line = header.substr(line_start, header.find('\n', at) - line_start);
+  std::size_t colon = header_line.find(':');
+  std::string value(colon == std::string_view::npos ? "" : header_line.substr(colon + 1, 15));
+  long content_length = std::strtol(value.c_str(), nullptr, 10);
+  if (content_length > kMaxCaptureBody) {
+    RD_ERROR("Body data is too high, which is not valid\n");
+    return -1;
+  }
+  if (content_length != static_cast<long>(body_len)) {
+    RD_ERROR("Content-Length and Body Length is not matching\n");
+    return -1;
+  }
+  return 0;
+}
+
+int Get_PostAuthBody(const char* raw_request, char* request_body) {
+  const char* lt = std::strchr(raw_request, '<');
+  if (lt == nullptr) {
+    RD_ERROR("Post Auth request doesn't have Body");
+    return -1;
+  }
+  std::size_t n = strnlen(lt, kReqBodySize - 1);
+  std::memcpy(request_body, lt, n);
+  request_body[n] = '\0';
+  return 0;
+}

@@ -1,0 +1,126 @@
+// The listening socket and the accept loop of the local server.
+#define VEXO_LOG_FILE "server"
+
+#include <atomic>
+#include <exception>
+#include <system_error>
+#include <thread>
+
+#include "http/server.h"
+#include "http/work_area.h"
+#include "init/rd_log.h"
+#include "platform/socket_extra.h"
+#include "platform/unique_handle.h"
+
+namespace {
+
+constexpr int kFirstPort = 11100;
+constexpr int kLastPort = 11120;
+constexpr int kListenBacklog = 5;
+constexpr int kDefaultAcceptWaitMs = 15000;
+// Pause after each connection thread starts: at most ten accepts a second.
+constexpr unsigned kAcceptPauseMs = 100;
+// A Winsock code that the C runtime's errno never holds, so the second
+// wording below is the one that appears, as it always has.
+constexpr int kWinsockAddressInUse = 10048;
+
+// The module's process-wide values: the port bound and the accept wait.
+std::atomic<int> g_service_port{0};
+std::atomic<int> g_accept_wait_ms{kDefaultAcceptWaitMs};
+
+}  // namespace
+
+int service_port() { return g_service_port.load(std::memory_order_relaxed); }
+
+int accept_wait_ms() { return g_accept_wait_ms.load(std::memory_order_relaxed); }
+void set_accept_wait_ms_for_test(int ms) { g_accept_wait_ms.store(ms, std::memory_order_relaxed); }
+
+int prepare_http_socket(platform::socket_t* server) {
+  // POSIX sockets need no start-up call, so the result 1 never occurs here.
+  platform::UniqueSocket s(platform::tcp_socket());
+  if (!s) {
+    RD_ERROR("could not create socket for server(ERROR:%d)", platform::last_error());
+    return -1;
+  }
+  // A restarted service gets its port back at once even while connections of
+  // the old one linger in TIME_WAIT; a port another program listens on is
+  // still refused, so the first free port keeps its meaning.
+  if (platform::set_reuse_address(s.get()) != 0) {
+    RD_ERROR("could not create socket for server(ERROR:%d)", platform::last_error());
+    return -1;
+  }
+  int port = kFirstPort;
+  for (;; ++port) {
+    if (platform::bind_loopback(s.get(), static_cast<std::uint16_t>(port)) == 0) {
+      RD_INFO("socket is bound on port: %hd", static_cast<short>(port));
+      break;
+    }
+    if (port == kLastPort) {
+      RD_ERROR("binding_tcp_socket : failed on Port %hd\nAll Ports are in use, RD Service Can't Run",
+               static_cast<short>(port));
+      return -1;
+    }
+    if (platform::last_error() == kWinsockAddressInUse) {
+      RD_ERROR("Port %hd is already in use, Trying for next port", static_cast<short>(port));
+    } else {
+      RD_ERROR("binding_tcp_socket : failed on port = %hd, Trying for next port", static_cast<short>(port));
+    }
+  }
+  if (platform::listen_socket(s.get(), kListenBacklog) != 0) {
+    s.reset();
+    RD_ERROR("Listen error");
+    RD_STATUS("Listen error ");
+    RD_PIPE("5000", "Listen error\n");
+    return -1;
+  }
+  *server = s.release();
+  g_service_port.store(port, std::memory_order_relaxed);
+  RD_INFO("....................Server Listening On 127.0.0.1 And Port %d...................", port);
+  return 0;
+}
+
+void* client_connection_handler(void* arg) {
+  const platform::socket_t server = *static_cast<platform::socket_t*>(arg);
+  RD_INFO("...........................Waiting for connection.............................");
+  for (;;) {
+    // Nothing may end the loop: a failure costs at most the one connection.
+    try {
+      int ready = platform::wait_readable(server, accept_wait_ms());
+      if (ready != 1) {
+        // A failing wait would otherwise spin the loop at full speed.
+        if (ready < 0) platform::sleep_ms(kAcceptPauseMs);
+        continue;
+      }
+      platform::UniqueSocket client(platform::accept_socket(server));
+      if (!client) {
+        RD_ERROR("Accept Error");
+        // Out of descriptors, accept fails at once every time: keep the log readable.
+        platform::sleep_ms(kAcceptPauseMs);
+        continue;
+      }
+      RD_INFO("*********************************");
+      RD_INFO("After accepting,socket_fd is: %d", client.get());
+      RD_INFO("*********************************");
+      // std::thread plus detach stands in for the detached-attribute steps; the
+      // socket goes to the thread by value, which then owns it.
+      RD_VERBOSE("pthread_attr_init is success for process_incoming_message");
+      RD_VERBOSE("pthread_attr_setdetachstate is success for process_incoming_message");
+      try {
+        std::thread(process_incoming_message, client.get()).detach();
+      } catch (const std::system_error&) {
+        RD_ERROR("Pthread_created failed inside client_connection_handler");
+        continue;
+      }
+      client.release();
+      RD_VERBOSE("pthread_create is success for process_incoming_message");
+      platform::sleep_ms(kAcceptPauseMs);
+    } catch (const std::exception& e) {
+      RD_ERROR("Accept loop failed: %s", e.what());
+      platform::sleep_ms(kAcceptPauseMs);
+    } catch (...) {
+      RD_ERROR("Accept loop failed");
+      platform::sleep_ms(kAcceptPauseMs);
+    }
+  }
+  return nullptr;
+}
