@@ -13,6 +13,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <memory>
 
@@ -281,9 +282,10 @@ class CaptureEndToEnd : public ::testing::Test {
   }
 
   std::string expected_dih() {
-    const RdIdentity& id = rd_identity();
+    const RdIdentity id = rd_identity_copy();
+    const RdConfig config = rd_config_copy();
     Sha256Digest srno = sha256(std::string_view(get_device_serial()));
-    std::string text = id.dpId + id.rdsId + rd_config().rd_ver + rd_config().dc + id.mi + hex_lower(srno);
+    std::string text = id.dpId + id.rdsId + config.rd_ver + config.dc + id.mi + hex_lower(srno);
     Sha256Digest d = sha256(std::string_view(text));
     std::string out;
     Base64Encode(d, &out);
@@ -471,7 +473,7 @@ TEST_F(CaptureEndToEnd, DeviceInfoWithAndWithoutOrigin) {
   std::string mc;
   Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_file.data()), cert_file.size()),
                &mc);
-  const std::string body = "<DeviceInfo dpId=\"" + rd_identity().dpId +
+  const std::string body = "<DeviceInfo dpId=\"" + rd_identity_copy().dpId +
                            "\" rdsId=\"QDX.WIN.002\" rdsVer=\"1.0.0\" dc=\"\" mi=\"QDX.ARA.A600.W\" mc=\"" + mc +
                            "\"><additional_info><Param name=\"srno\" value=\"A600-E2E-7\"/></additional_info>"
                            "</DeviceInfo>\n";
@@ -494,6 +496,67 @@ TEST_F(CaptureEndToEnd, DeviceInfoWithAndWithoutOrigin) {
         port_, std::string("DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n") + c.origin_header + "\r\n");
     EXPECT_EQ(answer, c.head + body);
   }
+}
+
+// While a capture runs the service is USED: discovery says so, and a second
+// capture is refused with 710 at once instead of waiting for the scanner.
+TEST_F(CaptureEndToEnd, ServiceIsUsedWhileACaptureRuns) {
+  const std::string one_finger =
+      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
+  sim::write_control(refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "1500"}});
+  auto discovery_status = [this] {
+    std::string answer = testutil::http_exchange(port_, "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    std::size_t at = answer.find("status=\"");
+    return at == std::string::npos ? answer : answer.substr(at + 8, answer.find('"', at + 8) - at - 8);
+  };
+  ASSERT_EQ(discovery_status(), "READY");
+  auto first = std::async(std::launch::async, [&] { return capture(one_finger); });
+  platform::sleep_ms(500);
+  EXPECT_EQ(discovery_status(), "USED");
+  const std::uint64_t start = platform::monotonic_ms();
+  auto [head, body] = capture(one_finger);
+  EXPECT_LT(platform::monotonic_ms() - start, 1000u) << "the second capture waited for the first";
+  EXPECT_EQ(parse_pid_data(body).resp["errCode"], "710") << body;
+  EXPECT_EQ(parse_pid_data(first.get().second).resp["errCode"], "0");
+  EXPECT_EQ(discovery_status(), "READY");
+
+  // A detach during a capture is not undone when the capture ends.
+  auto third = std::async(std::launch::async, [&] { return capture(one_finger); });
+  platform::sleep_ms(500);
+  ASSERT_EQ(detach_device(), 0);
+  third.get();
+  EXPECT_EQ(discovery_status(), "NOTREADY");
+  set_rd_status_ready();
+}
+
+// Values that come from outside (the scanner's serial, the server's device
+// code) are escaped in DeviceInfo; plain ones stay byte for byte.
+TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
+  struct {
+    const char* serial;
+    const char* dc;
+    const char* serial_attr;
+    const char* dc_attr;
+  } cases[] = {
+      {"A600-E2E-7", "0f5c-11aa", "A600-E2E-7", "0f5c-11aa"},
+      {"A6\"00&<x>", "d\"c&1", "A6&quot;00&amp;&lt;x&gt;", "d&quot;c&amp;1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.serial);
+    set_device_serial(c.serial);
+    rd_config_update([&](RdConfig& r) { r.dc = c.dc; });
+    std::string answer =
+        testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
+    EXPECT_NE(body.find(std::string("dc=\"") + c.dc_attr + "\""), std::string::npos) << body;
+    EXPECT_NE(body.find(std::string("value=\"") + c.serial_attr + "\""), std::string::npos) << body;
+    std::unique_ptr<xmlDoc, DocFree> doc(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr, 0));
+    ASSERT_TRUE(doc) << body;
+    xmlChar* dc = xmlGetProp(xmlDocGetRootElement(doc.get()), reinterpret_cast<const xmlChar*>("dc"));
+    EXPECT_STREQ(reinterpret_cast<const char*>(dc), c.dc);
+    xmlFree(dc);
+  }
+  rd_config_update([](RdConfig& r) { r.dc.clear(); });
 }
 
 }  // namespace

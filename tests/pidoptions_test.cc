@@ -179,6 +179,15 @@ TEST_F(PidOptionsTest, EveryGateAndAttributeRule) {
        kSkip, "", nullptr},
       {"Demo lang 256", doc("fCount=\"1\"", "<Demo lang=\"" + repeat('l', 256) + "\"><Pi/></Demo>"), 0, 100, kSkip,
        "", nullptr},
+      // One-letter values keep one byte in the Pid: a UTF-8 letter would be cut in half.
+      {"Pi gender non-ASCII", doc("fCount=\"1\"", "<Demo><Pi gender=\"\xC3\x89\"/></Demo>"), 0, 100, kSkip, "",
+       nullptr},
+      {"Pi dobt non-ASCII", doc("fCount=\"1\"", "<Demo><Pi dobt=\"\xE0\xA4\x85\"/></Demo>"), 0, 100, kSkip, "",
+       nullptr},
+      {"Pa ms non-ASCII", doc("fCount=\"1\"", "<Demo><Pa ms=\"\xC3\x89\"/></Demo>"), 0, 100, kSkip, "", nullptr},
+      {"Pfa ms non-ASCII", doc("fCount=\"1\"", "<Demo><Pfa ms=\"\xC3\x89\"/></Demo>"), 0, 100, kSkip, "", nullptr},
+      {"Pi name non-ASCII", doc("fCount=\"1\"", "<Demo><Pi name=\"\xC3\x89lan\" gender=\"F\"/></Demo>"), 0, 0, 0,
+       "", [](R r) { EXPECT_EQ(r.pi.name, "\xC3\x89lan"); EXPECT_EQ(r.pi.gender, "F"); }},
       {"CustOpts ignored", doc("fCount=\"1\"", "<CustOpts><Param name=\"a\" value=\"b\"/></CustOpts>"), 0, 0, 0, "",
        nullptr},
       // schema gate
