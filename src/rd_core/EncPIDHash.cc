@@ -3,6 +3,7 @@
 #include <climits>
 #include <memory>
 
+#include "init/rd_codes.h"
 #include "init/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/hash.h"
@@ -79,7 +80,7 @@ int GenerateEncPID_EncPIDHash(std::span<const std::uint8_t> pid, const std::uint
   // last 16; UIDAI derives both from the ts in front of Data the same way.
   if (ts.size() != kTsLength) {
     RD_ERROR("Error at to encrypt hash of pidblock");
-    return 999;
+    return rd_codes::kRdInternal;
   }
   const auto* ts_bytes = reinterpret_cast<const std::uint8_t*>(ts.data());
   std::span<const std::uint8_t> aad(ts_bytes + kTsLength - kAadLength, kAadLength);
@@ -90,20 +91,20 @@ int GenerateEncPID_EncPIDHash(std::span<const std::uint8_t> pid, const std::uint
   std::uint8_t tag[kTagLength] = {};
   if (aes_encrypt_GCM_Mode(digest, aad, key, iv, &hash_cipher, tag) != 0) {
     RD_ERROR("Error at to encrypt hash of pidblock");
-    return 999;
+    return rd_codes::kRdInternal;
   }
   hash_cipher.insert(hash_cipher.end(), tag, tag + kTagLength);
   std::string hmac;
   if (Base64Encode(hash_cipher, &hmac) != 0) {
     RD_ERROR("Error at to encode encrypted hash of pidblock");
-    return 999;
+    return rd_codes::kRdInternal;
   }
 
   // Data is ts, then the ciphertext of the whole Pid, then the tag.
   std::vector<std::uint8_t> pid_cipher;
   if (aes_encrypt_GCM_Mode(pid, aad, key, iv, &pid_cipher, tag) != 0) {
     RD_ERROR("Error at to encrypt pidblock");
-    return 999;
+    return rd_codes::kRdInternal;
   }
   std::vector<std::uint8_t> record;
   record.reserve(kTsLength + pid_cipher.size() + kTagLength);
@@ -113,7 +114,7 @@ int GenerateEncPID_EncPIDHash(std::span<const std::uint8_t> pid, const std::uint
   std::string data;
   if (Base64Encode(record, &data) != 0) {
     RD_ERROR("Error at to encode encrypted pidblock");
-    return 999;
+    return rd_codes::kRdInternal;
   }
   *hmac_text = std::move(hmac);
   *data_text = std::move(data);

@@ -119,7 +119,7 @@ int send_pid_data(PidDataResponse* r, const char* origin, char* work_area) {
   std::string body;
   if (FramePidOutputOuterXML(*r, &body) != 0 || body.size() >= kRespBodySize) {
     RD_ERROR("Error at FramePidOutputOuterXML");
-    set_pid_error(r, 999);
+    set_pid_error(r, rd_codes::kRdInternal);
     if (FramePidOutputOuterXML(*r, &body) != 0) body.clear();
   }
   write_capture_answer(body, origin, work_area);
@@ -155,14 +155,14 @@ int capture(const char* request_body, const char* origin, char* work_area) {
   PidOptionsRequest request;
   if (request_body == nullptr || request_body[0] == '\0') {
     RD_ERROR("Request_For_Pidblock is null ");
-    return answer_error(100, request, nullptr, origin, work_area);
+    return answer_error(rd_codes::kRdBadPidOptions, request, nullptr, origin, work_area);
   }
   RD_INFO("Request for pidblock is success");
 
   // The status comes first: a busy or absent device is never touched.
   if (get_rd_status_index() == kRdUsed) {
     report_used();
-    return answer_error(710, request, nullptr, origin, work_area);
+    return answer_error(rd_codes::kRdBusy, request, nullptr, origin, work_area);
   }
   if (rd_scanner_name() == kHandheldScanner) {
     // The handheld device's own check may move the status; the status says it all.
@@ -176,7 +176,7 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     } else {
       RD_PIPE("5000", "RD Service is in NOTREADY state,|please wait for some time\n");
     }
-    return answer_error(720, request, nullptr, origin, work_area);
+    return answer_error(rd_codes::kRdNotReady, request, nullptr, origin, work_area);
   }
   // From here the capture holds the device: discovery reports USED, and a
   // second capture or a PostAuth is answered 710 at once instead of waiting
@@ -199,7 +199,7 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     RD_ERROR("Pid options validation failed");
     RD_STATUS("Pid options validation failed");
     RD_PIPE("5000", "Pid options validation failed\n");
-    return answer_error(100, request, nullptr, origin, work_area);
+    return answer_error(rd_codes::kRdBadPidOptions, request, nullptr, origin, work_area);
   }
   rc = Parse_XML_Request(request_body, &request);
   if (rc != 0) {
@@ -242,11 +242,11 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     RD_ERROR("unable to open device public signed cert");
     RD_STATUS("File not found  : %s", signed_mc_path().c_str());
     RD_PIPE("10000", "File Not Found : %s\n", signed_mc_path().c_str());
-    return answer_error(999, request, &enc, origin, work_area);
+    return answer_error(rd_codes::kRdInternal, request, &enc, origin, work_area);
   }
   if (mc_rc != 0) {
     RD_ERROR("Error at doing Base64Encode");
-    return answer_error(999, request, &enc, origin, work_area);
+    return answer_error(rd_codes::kRdInternal, request, &enc, origin, work_area);
   }
   for (std::size_t i = 0; i < static_cast<std::size_t>(kMaxFingers); ++i) {
     if (i < enc.nmPoints.size()) r.nmPoints[i] = enc.nmPoints[i];

@@ -1,5 +1,6 @@
 #include <openssl/crypto.h>
 
+#include "init/rd_codes.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "init/rd_status.h"
@@ -20,7 +21,7 @@ int Generate_dih(std::string* dih_text) {
   std::string text;
   if (Base64Encode(digest, &text) != 0 || text.empty()) {
     RD_ERROR("Error at base64 of Plain dih");
-    return 999;
+    return rd_codes::kRdInternal;
   }
   *dih_text = std::move(text);
   return 0;

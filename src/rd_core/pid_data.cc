@@ -7,63 +7,10 @@
 #include <cstdio>
 #include <memory>
 
+#include "init/rd_codes.h"
 #include "init/rd_log.h"
 
 namespace {
-
-struct ErrorText {
-  int code;
-  const char* text;
-};
-
-// Negative codes and 3..73 are the handheld printer's states (PostAuth); the
-// capture path uses -1, 0 and the codes from 100 upward. Some texts keep the
-// spelling and blanks that clients already match on.
-constexpr ErrorText kErrorTexts[] = {
-    {-60, "Getting ID's from Device is failed"},
-    {-50, "Printing data is Failed"},
-    {-40, "Invalid XML is Recieved from Clinet"},
-    {-30, "Getting Firmware Version is Failed from the Device"},
-    {-20, "Getting Battery Status is Failed from the Device "},
-    {-10, "Opening COM Port is failed for device"},
-    {-1, "Command Not Sent to Device"},
-    {0, "SUCCESS"},
-    {3, "Paper Roll is Finished or Not Present"},
-    {5, "Sensor Temperature Exceeded the Range"},
-    {7, "Sensor Temperature Exceeded the Range and Paper Roll is also Finished or Not Present"},
-    {9, "Paper Roll Patch is left Opened"},
-    {11, "Paper Roll Patch is Opened and Paper Roll is also Finished or Not Present"},
-    {13, "Sensor Temperature Exceeded the Range and Paper Roll Patch is also left Opened"},
-    {65, "Battery of Device is Low"},
-    {67, "Battery of Device is Low and Paper Roll is also Finished or Not Present"},
-    {69, "Sensor Temperature Exceeded the Range and Battery of Device is also Low"},
-    {73, "Paper Roll Patch is left Opened and Battery of Device is also Low"},
-    {100, "Invalid PidOptions input. XML should strictly adhere to spec."},
-    {110, "Invalid value for fType"},
-    {120, "Invalid value for fCount"},
-    {130, "Invalid value for iType"},
-    {140, "Invalid value for iCount"},
-    {150, "Invalid value for pidVer"},
-    {160, "Invalid value for timeout"},
-    {170, "Number of posh positions are not equal to number of finger count"},
-    {180, "Face matching is not supported"},
-    {190, "Invalid value for format"},
-    {200, "Invalid Demo structure"},
-    {210, "Protobuf format not supported"},
-    {220, "Invalid data in posh"},
-    {240, "UIDAI Certificate is INVALID"},
-    {505, "Invalid Http Version"},
-    {700, "Capture timed out"},
-    {710, "Being used by another application"},
-    {720, "Device not ready"},
-    {730, "Capture Failed"},
-    {740, "Device needs to be re-initialized"},
-    {750, "RD Service does not support fingerprints"},
-    {760, "RD Service does not support Iris"},
-    {770, "Invalid URL"},
-    {790, "Invalid Command/Request"},
-    {999, "Internal error"},
-};
 
 struct DocFree {
   void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
@@ -95,12 +42,7 @@ xmlNode* new_text_child(xmlNode* parent, const char* name, const std::string& te
 
 }  // namespace
 
-const char* rd_error_text(int code) {
-  for (const auto& entry : kErrorTexts) {
-    if (entry.code == code) return entry.text;
-  }
-  return nullptr;
-}
+const char* rd_error_text(int code) { return rd_codes::code_message(rd_codes::Family::kRd, code); }
 
 void set_pid_error(PidDataResponse* response, int code) {
   const char* text = rd_error_text(code);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "init/rd_codes.h"
 #include "init/rd_log.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/pid_input.h"
@@ -109,7 +110,7 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
   std::string ts;
   if (capture_timestamp(&ts) != 0) {
     DRV_ERROR("Error at capture timestamp");
-    return 999;
+    return rd_codes::kRdInternal;
   }
 
   std::vector<CapturedFinger> fingers;
@@ -118,7 +119,7 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
     DRV_ERROR("Error at FP Capture");
     if (rc == kCaptureTimedOut || rc == kCaptureFailed) return rc;
     RD_PIPE("5000", "Internal Error\n");
-    return 999;
+    return rd_codes::kRdInternal;
   }
 
   std::string dih;
@@ -126,7 +127,7 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
     DRV_ERROR("Error at dih generation ...");
     DRV_STATUS("Error at dih generation ... ");
     RD_PIPE("10000", "Error at dih generation\n");
-    return 999;
+    return rd_codes::kRdInternal;
   }
 
   std::uint8_t key[32] = {};
@@ -153,7 +154,7 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
   if (rc != 0) {
     DRV_ERROR("Error at framing the plain pid block");
     wipe(key, sizeof key);
-    return 999;
+    return rd_codes::kRdInternal;
   }
   // The plain Pid holds biometric records and the OTP: only its length is told.
   DRV_INFO("Length of plain pid is %d", static_cast<int>(plain.size()));
@@ -166,7 +167,7 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
     DRV_ERROR("Error at to generate encrypted pinblock and encrypted pidblock hash");
     DRV_STATUS("Error at to generate encrypted pinblock and encrypted pidblock hash");
     RD_PIPE("10000", "Error at to generate encrypted|pidblock and encrypted pidblock|hash\n");
-    return 999;
+    return rd_codes::kRdInternal;
   }
 
   out->data = std::move(data);
@@ -230,6 +231,6 @@ int GenerateEncPIDBlock(PidOptionsRequest& request, EncPidBlock* out) {
   } catch (const std::bad_alloc&) {
     RD_ERROR("Memory allocation failed");
     *out = EncPidBlock{};
-    return 999;
+    return rd_codes::kRdInternal;
   }
 }

@@ -10,6 +10,7 @@
 #include <memory>
 #include <sstream>
 
+#include "init/rd_codes.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "mgmt_core/hash.h"
@@ -136,7 +137,7 @@ int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t>
   if (invalid != 0) {
     RD_INFO("Going To download New version of RD Service");
     if (mgmt_software_update() != 0) RD_ERROR("..... Software_Update Failed ......");
-    return 240;
+    return rd_codes::kRdBadUidaiCert;
   }
 
   BioPtr bio(pem.size() <= static_cast<std::size_t>(INT_MAX)

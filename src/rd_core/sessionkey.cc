@@ -1,6 +1,7 @@
 #include <cstring>
 #include <vector>
 
+#include "init/rd_codes.h"
 #include "init/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
@@ -39,7 +40,7 @@ int GenerateEncandPlainSessionKey(const std::string& env, std::uint8_t* key, std
   std::string text;
   if (Base64Encode(wrapped, &text) != 0 || text.empty()) {
     RD_ERROR("Error at base64 encoding of  encrypted session key...");
-    return 999;
+    return rd_codes::kRdInternal;
   }
   *skey_text = std::move(text);
   return 0;

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 
+#include "init/rd_codes.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 
@@ -146,10 +147,10 @@ int read_demo_group(xmlDoc* doc, const xmlNode* node, const DemoField<Group> (&f
         // These keep one character in the Pid: half of a UTF-8 character
         // would make the Pid invalid for UIDAI.
         RD_ERROR("Invalid Demo attribute : %s", field.name);
-        return 100;
+        return rd_codes::kRdBadPidOptions;
       }
       if (!copy_bounded(value, kDemoValueSize, field.name, &(group->*field.member))) {
-        return 100;
+        return rd_codes::kRdBadPidOptions;
       }
       break;
     }
@@ -161,7 +162,7 @@ int read_demo(xmlDoc* doc, const xmlNode* demo, PidOptionsRequest* request) {
   for (const xmlAttr* a = demo->properties; a != nullptr; a = a->next) {
     if (name_is(a->name, "lang") &&
         !copy_bounded(attribute_value(doc, a), kDemoValueSize, "lang", &request->lang)) {
-      return 100;
+      return rd_codes::kRdBadPidOptions;
     }
   }
   if (xmlFirstElementChild(const_cast<xmlNode*>(demo)) == nullptr) return 0;
@@ -191,30 +192,30 @@ int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std:
       // Compared unsigned so that a negative count fails too.
       if (static_cast<unsigned>(count) > kMaxFingers) {
         RD_ERROR("Invalid fingerprint count : %d", count);
-        return 120;
+        return rd_codes::kRdBadFCount;
       }
       request->fCount = count;
       request->finger_requested = count >= 1 ? 1 : 0;
     } else if (name_is(a->name, "env")) {
-      if (!copy_bounded(value, kEnvSize, "env", &request->env)) return 100;
+      if (!copy_bounded(value, kEnvSize, "env", &request->env)) return rd_codes::kRdBadPidOptions;
     } else if (name_is(a->name, "fType")) {
       int type = to_int(value);
       if (static_cast<unsigned>(type) > 2) {
         RD_ERROR("Invalid finger print type : %d", type);
-        return 110;
+        return rd_codes::kRdBadFType;
       }
       request->fType = type;
       // Image records are large: an image capture is limited to two fingers.
       // Only the count read so far is seen, so the attribute order matters.
       if (type != 0 && request->fCount > 2) {
         RD_ERROR("Invalid fingerprint count : %d", request->fCount);
-        return 120;
+        return rd_codes::kRdBadFCount;
       }
     } else if (name_is(a->name, "posh")) {
       request->positions.clear();
       if (value.size() >= kRawPoshSize) {
         RD_ERROR("Invalid position");
-        return 220;
+        return rd_codes::kRdBadPosh;
       }
       *raw_posh = value;
     } else if (name_is(a->name, "iCount")) {
@@ -225,7 +226,7 @@ int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std:
     } else if (name_is(a->name, "pCount")) {
       if (to_int(value) != 0) {
         RD_ERROR("Invalid face count value(It should be 0");
-        return 180;
+        return rd_codes::kRdNoFace;
       }
       request->face_requested = 0;
       request->pCount = 0;
@@ -233,24 +234,24 @@ int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std:
       int format = to_int(value);
       if (static_cast<unsigned>(format) > 1) {
         RD_ERROR("Invalid format value : %d", format);
-        return 190;
+        return rd_codes::kRdBadFormat;
       }
       request->format = format == 1 ? 'P' : 'X';
     } else if (name_is(a->name, "pidVer")) {
       if (value != "2.0") {
         RD_ERROR("Invalid PID version");
-        return 150;
+        return rd_codes::kRdBadPidVer;
       }
     } else if (name_is(a->name, "timeout")) {
       int timeout = to_int(value);
-      if (timeout > 60000) return 160;
+      if (timeout > 60000) return rd_codes::kRdBadTimeout;
       request->timeout_given = 1;
       request->timeout = timeout;
     } else if (name_is(a->name, "otp")) {
       request->otp_given = 1;
-      if (!copy_bounded(value, kOtpSize, "otp", &request->otp)) return 100;
+      if (!copy_bounded(value, kOtpSize, "otp", &request->otp)) return rd_codes::kRdBadPidOptions;
     } else if (name_is(a->name, "wadh")) {
-      if (!copy_bounded(value, kWadhSize, "wadh", &request->wadh)) return 100;
+      if (!copy_bounded(value, kWadhSize, "wadh", &request->wadh)) return rd_codes::kRdBadPidOptions;
     }
   }
   return 0;
@@ -262,7 +263,7 @@ int settle_positions(const std::string& raw_posh, PidOptionsRequest* request) {
   if (raw_posh.empty()) {
     if (both_kinds) {
       RD_ERROR("Invalid position");
-      return 220;
+      return rd_codes::kRdBadPosh;
     }
     return 0;
   }
@@ -271,18 +272,18 @@ int settle_positions(const std::string& raw_posh, PidOptionsRequest* request) {
     for (const auto& p : request->positions) {
       if (p == "UNKNOWN") {
         RD_ERROR("Invalid position");
-        return 220;
+        return rd_codes::kRdBadPosh;
       }
     }
   }
   if (n == -1) {
     RD_ERROR("Invalid position");
-    return 220;
+    return rd_codes::kRdBadPosh;
   }
   // A miscounted posh is answered with 220, the code of bad posh data.
   if (n != request->fCount) {
     RD_ERROR("Number of posh positions are not equal to number of finger count");
-    return 220;
+    return rd_codes::kRdBadPosh;
   }
   return 0;
 }
@@ -384,16 +385,16 @@ int Parse_XML_Request(const char* body, PidOptionsRequest* request) {
   }
   if (!doc) {
     RD_ERROR("Failed at xmlParseMemory");
-    return 100;
+    return rd_codes::kRdBadPidOptions;
   }
   xmlNode* root = xmlDocGetRootElement(doc.get());
   if (root == nullptr) {
     RD_ERROR("xmlDocGetRootElement");
-    return 100;
+    return rd_codes::kRdBadPidOptions;
   }
   if (!name_is(root->name, "PidOptions")) {
     RD_ERROR("Invalid pidoption input : %s", reinterpret_cast<const char*>(root->name));
-    return 100;
+    return rd_codes::kRdBadPidOptions;
   }
 
   // The environment defaults to production. Built and moved in rather than
@@ -406,19 +407,19 @@ int Parse_XML_Request(const char* body, PidOptionsRequest* request) {
       std::string ver = attribute_value(doc.get(), a);
       if (ver != "1.0" && ver != "2.0") {
         RD_ERROR("Invalid pid option version : %s", ver.c_str());
-        return 100;
+        return rd_codes::kRdBadPidOptions;
       }
       request->ver = ver;
       ver_seen = true;
     } else if (name_is(a->name, "env")) {
       std::string env = attribute_value(doc.get(), a);
       if (env.empty()) env = std::string(1, kDefaultEnv);
-      if (!copy_bounded(env, kEnvSize, "env", &request->env)) return 100;
+      if (!copy_bounded(env, kEnvSize, "env", &request->env)) return rd_codes::kRdBadPidOptions;
     }
   }
   if (!ver_seen) {
     RD_ERROR("Invalid pidoption input :Ver atttribute is missing");
-    return 100;
+    return rd_codes::kRdBadPidOptions;
   }
 
   std::string raw_posh;
