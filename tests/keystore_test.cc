@@ -2,6 +2,7 @@
 // folder, the real scanner lock, and OpenSSL to read back what was written.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>
@@ -134,7 +135,10 @@ TEST_F(KeystoreTest, GeneratedKeyReadsBackTwiceUnderDerivedPassword) {
   ASSERT_EQ(::stat(node_file().c_str(), &st), 0);
   const auto ino = static_cast<unsigned long long>(st.st_ino);
   char dyn[96];
-  std::snprintf(dyn, sizeof dyn, "%lu%lu%lu", static_cast<unsigned long>(st.st_dev),
+  struct statfs fs {};
+  ASSERT_EQ(::statfs(node_file().c_str(), &fs), 0);
+  const unsigned long fsid = static_cast<unsigned>(fs.f_fsid.__val[0]) ^ static_cast<unsigned>(fs.f_fsid.__val[1]);
+  std::snprintf(dyn, sizeof dyn, "%lu%lu%lu", fsid,
                 static_cast<unsigned long>(ino >> 32), static_cast<unsigned long>(ino & 0xffffffffULL));
   const Sha256Digest password = sha256(bytes(digest) + std::string(kMacA.begin(), kMacA.end()) + dyn);
   std::array<std::uint8_t, 32> derived{};
@@ -422,7 +426,17 @@ TEST(FileIdentityTest, CreateNewAndOpenExisting) {
   struct stat st {};
   ASSERT_EQ(::stat("node.txt", &st), 0);
   const auto ino = static_cast<unsigned long long>(st.st_ino);
-  EXPECT_EQ(created.volume_serial, static_cast<unsigned long>(st.st_dev));
+  // The volume serial is the file system's id, which survives a reboot;
+  // st_dev may not (LVM, btrfs).
+  struct statfs fs {};
+  ASSERT_EQ(::statfs("node.txt", &fs), 0);
+  const unsigned long fsid = static_cast<unsigned>(fs.f_fsid.__val[0]) ^ static_cast<unsigned>(fs.f_fsid.__val[1]);
+  EXPECT_EQ(created.volume_serial, fsid);
+  struct {
+    int words[2];
+    unsigned long folded;
+  } folds[] = {{{0, 0}, 0}, {{0x12345678, 0}, 0x12345678}, {{-1, 1}, 0xFFFFFFFEul}, {{0x0F0F0F0F, 0x0F0F0F0F}, 0}};
+  for (const auto& f : folds) EXPECT_EQ(platform::fold_fsid(f.words), f.folded) << f.words[0];
   EXPECT_EQ(created.index_high, static_cast<unsigned long>(ino >> 32));
   EXPECT_EQ(created.index_low, static_cast<unsigned long>(ino & 0xffffffffULL));
 

@@ -112,13 +112,15 @@ void set_adapters_for_test(std::optional<std::vector<Adapter>> adapters);
 
 // ---------------------------------------------------------------- file identity
 struct FileIdentity {
-  unsigned long volume_serial = 0;   // st_dev
+  unsigned long volume_serial = 0;   // f_fsid of the file's file system, folded to 32 bits
   unsigned long index_high = 0;      // high 32 bits of st_ino
   unsigned long index_low = 0;       // low 32 bits of st_ino
 };
 // create_new: create the file, failing if it exists (owner-only permissions);
 // otherwise open an existing file. 0, or -1 with errno kept.
 int file_identity(const std::string& path, bool create_new, FileIdentity* out);
+// The two 32-bit words of a file-system identifier folded into one (xor).
+unsigned long fold_fsid(const int words[2]);
 
 // ---------------------------------------------------------------- files
 // Closes a file descriptor; a negative one is ignored. UniqueFd calls it.
