@@ -103,8 +103,7 @@ int read_keys(dictionary* ini) {
     return -1;
   }
   const std::string base(plain.begin(), plain.end());
-  std::printf("URL is: %s\n", base.c_str());
-  std::fflush(stdout);
+  RD_DEBUG("URL is: %s\n", base.c_str());
   RD_VERBOSE("URL Length is %d", static_cast<int>(base.size()));
   for (const Endpoint& e : kEndpoints) {
     if (base.size() + std::char_traits<char>::length(e.suffix) >= kEndpointMax) {

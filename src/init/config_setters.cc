@@ -1,4 +1,5 @@
 // proxy.ini and the three exported configuration setters.
+#define VEXO_LOG_FILE "config"
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -13,12 +14,12 @@
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
 #include "rd_core/aes.h"
+#include "ssl/secret.h"
 #include "vexo.h"
 
 namespace {
 
 constexpr char kProxyPath[] = "./proxy.ini";
-constexpr char kProxySkeleton[] = "\n[config]\n";
 constexpr char kAccessTimeFile[] = "./last_acces_time_file";
 
 // Key of the proxy password; the same constant serves writing and reading.
@@ -66,25 +67,8 @@ int write_config_file_proxy_url(const char* proxy_text) {
     RD_ERROR("Proxy field is too long");
     return -1;
   }
-  if (platform::write_file_atomic("proxy.ini", kProxySkeleton, sizeof kProxySkeleton - 1) != 0) {
-    RD_ERROR("cannot create proxy.ini file\n\n");
-    return -1;
-  }
-  RD_INFO("proxy.ini file created successfully");
-  Dict ini(iniparser_load(kProxyPath));
-  if (ini == nullptr) {
-    RD_ERROR("Error in opening file %s", kProxyPath);
-    return -1;
-  }
-  iniparser_dump(ini.get(), stderr);
-  if (iniparser_set(ini.get(), "config:proxy_url", url.c_str()) != 0) {
-    RD_ERROR("Error iniparser_set  to write proxy_url value");
-    return -1;
-  }
-  if (iniparser_set(ini.get(), "config:username", user.c_str()) != 0) {
-    RD_ERROR("Error iniparser_set to write username value");
-    return -1;
-  }
+  // Every field is checked and encrypted before the file is touched, so a
+  // refused proxy text leaves the working proxy.ini exactly as it was.
   std::string stored = password;
   // A one-character password is kept as it stands (the reader then refuses it).
   if (password.size() != 1) {
@@ -100,49 +84,68 @@ int write_config_file_proxy_url(const char* proxy_text) {
       return -1;
     }
   }
+  Dict ini(dictionary_new(0));
+  if (ini == nullptr || iniparser_set(ini.get(), "config", nullptr) != 0) {
+    RD_ERROR("cannot create proxy.ini file\n\n");
+    return -1;
+  }
+  if (iniparser_set(ini.get(), "config:proxy_url", url.c_str()) != 0) {
+    RD_ERROR("Error iniparser_set  to write proxy_url value");
+    return -1;
+  }
+  if (iniparser_set(ini.get(), "config:username", user.c_str()) != 0) {
+    RD_ERROR("Error iniparser_set to write username value");
+    return -1;
+  }
   if (iniparser_set(ini.get(), "config:password", stored.c_str()) != 0) {
     RD_ERROR("Error iniparser_set  to write password value");
     return -1;
   }
+  // One atomic replace: the old file stays whole until the new one is complete.
   if (WriteToIniFile(ini.get(), kProxyPath) != 0) {
     RD_ERROR("Error at to write proxy_url, username & password value in ini file");
     return -1;
   }
+  RD_INFO("proxy.ini file created successfully");
   return 0;
 }
 
 int read_proxy_file() {
-  RdConfig& cfg = rd_config();
   // Most machines have no proxy: skip the loader, which would complain about
   // the missing file on standard error.
   Dict ini(platform::file_exists(kProxyPath) ? iniparser_load(kProxyPath) : nullptr);
   if (ini == nullptr) {
     RD_INFO("opening %s file failed, MEANS local machine is not using proxy", kProxyPath);
-    cfg.proxy_url.clear();
-    cfg.proxy_username.clear();
-    cfg.proxy_password.clear();
+    rd_config_update([](RdConfig& c) {
+      c.proxy_url.clear();
+      c.proxy_username.clear();
+      c.proxy_password.clear();
+    });
     return 0;
   }
-  std::string password;
-  if (read_proxy_key(ini.get(), "config:PROXY_URL", "iniparser_getstring Failed For getting PROXY_URL",
-                     &cfg.proxy_url) != 0 ||
-      read_proxy_key(ini.get(), "config:USERNAME", "iniparser_getstring Failed For getting USERNAME",
-                     &cfg.proxy_username) != 0 ||
+  std::string url, user, password;
+  if (read_proxy_key(ini.get(), "config:PROXY_URL", "iniparser_getstring Failed For getting PROXY_URL", &url) != 0 ||
+      read_proxy_key(ini.get(), "config:USERNAME", "iniparser_getstring Failed For getting USERNAME", &user) != 0 ||
       read_proxy_key(ini.get(), "config:PASSWORD", "iniparser_getstring Failed For getting PASSWORD",
                      &password) != 0) {
     return -1;
   }
-  if (password.empty()) {
-    cfg.proxy_password.clear();
-    return 0;
+  Secret plain_password;
+  if (!password.empty()) {
+    std::vector<std::uint8_t> decoded;
+    std::vector<std::uint8_t> plain;
+    if (Base64Decode(password, &decoded) != 0 || aes_decrypt(kProxyKey, decoded, &plain) != 0) {
+      RD_ERROR("Decryption failed");
+      return -1;
+    }
+    plain_password.assign(plain.data(), plain.size());
+    cleanse(plain.data(), plain.size());
   }
-  std::vector<std::uint8_t> decoded;
-  std::vector<std::uint8_t> plain;
-  if (Base64Decode(password, &decoded) != 0 || aes_decrypt(kProxyKey, decoded, &plain) != 0) {
-    RD_ERROR("Decryption failed");
-    return -1;
-  }
-  cfg.proxy_password.assign(plain.begin(), plain.end());
+  rd_config_update([&](RdConfig& c) {
+    c.proxy_url = url;
+    c.proxy_username = user;
+    c.proxy_password.assign(plain_password.data(), plain_password.size());
+  });
   return 0;
 }
 
@@ -154,7 +157,7 @@ extern "C" VEXO_EXPORT int Https_Set_Api(const char* value) noexcept {
       RD_PIPE("10000", "Writing ssl value to config file failed\n");
       return -1;
     }
-    rd_config().ssl_enable_text = std::string(value).substr(0, 7);
+    rd_config_update([value](RdConfig& c) { c.ssl_enable_text = std::string(value).substr(0, 7); });
     RD_INFO("Writing ssl enable to file successful");
     if (add_crc(kCrc16, "./config.ini", "bin_crc.txt") != 0) {
       RD_ERROR("Adding crc on file failed");

@@ -42,17 +42,15 @@ std::string parent_folder(const std::string& path) {
   return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
 }
 
-// The adapter dump of GetAdaptersInfo's sample output, printed at Verbose >= 3.
+// The adapter dump of GetAdaptersInfo's sample output, debugging output only.
 void print_adapter(const platform::Adapter& a) {
-  std::printf("\tComboIndex: \t%lu\n", static_cast<unsigned long>(a.index));
-  std::printf("\tAdapter Name: \t%s\n", a.name.c_str());
-  std::printf("\tAdapter Desc: \t%s\n", a.description.c_str());
-  std::printf("\tAdapter Addr: \t");
-  for (int i = 0; i < 6; ++i) {
-    std::printf(i == 5 ? "%.2X\n" : "%.2X-", static_cast<unsigned>(a.address[i]));
-  }
-  std::printf("\tIndex: \t%lu\n", static_cast<unsigned long>(a.index));
-  std::printf("\tType: \t%s\n", a.ethernet ? "Ethernet" : "Other");
+  RD_DEBUG("\tComboIndex: \t%lu\n", static_cast<unsigned long>(a.index));
+  RD_DEBUG("\tAdapter Name: \t%s\n", a.name.c_str());
+  RD_DEBUG("\tAdapter Desc: \t%s\n", a.description.c_str());
+  RD_DEBUG("\tAdapter Addr: \t%.2X-%.2X-%.2X-%.2X-%.2X-%.2X\n", a.address[0], a.address[1], a.address[2],
+           a.address[3], a.address[4], a.address[5]);
+  RD_DEBUG("\tIndex: \t%lu\n", static_cast<unsigned long>(a.index));
+  RD_DEBUG("\tType: \t%s\n", a.ethernet ? "Ethernet" : "Other");
 }
 
 }  // namespace
