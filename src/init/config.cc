@@ -8,12 +8,13 @@
 
 #include "init/config_dict.h"
 #include "init/file_crc.h"
+#include "init/rd_codes.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "platform/platform.h"
 #include "mgmt_core/Base64.h"
 #include "rd_core/aes.h"
-#include "semaphore/semaphore_syc.h"
+#include "semaphore/device_lock.h"
 
 namespace {
 
@@ -51,70 +52,6 @@ std::array<std::uint8_t, 32> address_key() {
   return key;
 }
 
-// Reads the keys of the [config] section in order. REQUIRES: scanner lock held.
-int read_keys(dictionary* ini) {
-  RdConfig& cfg = rd_config();
-  const char* ssl = iniparser_getstring(ini, "config:IS_SSL_ENABLE", nullptr);
-  cfg.ssl_enable_text = ssl != nullptr ? std::string(ssl).substr(0, 7) : "0";
-  cfg.ssl_enabled = ssl != nullptr ? std::atoi(ssl) : 0;
-  const char* verbose = iniparser_getstring(ini, "config:Verbose", nullptr);
-  cfg.verbose = verbose != nullptr ? std::atoi(verbose) : 0;
-  rd_set_verbose(cfg.verbose);
-  cfg.prod_register_url = iniparser_getstring(ini, "config:PROD_REGISTER_URL", "");
-
-  const char* value = iniparser_getstring(ini, "config:RD_VER", nullptr);
-  if (value == nullptr) {
-    RD_ERROR("iniparser_getstring Failed For getting RD VER");
-    return -4;
-  }
-  cfg.rd_ver = value;
-  value = iniparser_getstring(ini, "config:DEV_PUB_KEY_VALIDITY", nullptr);
-  if (value == nullptr) {
-    RD_ERROR(" iniparser_getstring Failed For getting dev cert validity days");
-    return -18;
-  }
-  cfg.dev_pub_key_validity = value;
-  value = iniparser_getstring(ini, "config:dc", nullptr);
-  if (value == nullptr) {
-    RD_ERROR(" iniparser_getstring Failed For getting DC");
-    return -10;
-  }
-  cfg.dc = value;
-  cfg.dc_missing = 0;
-  if (cfg.dc.empty()) {
-    RD_INFO("DC value is null");
-    cfg.dc_missing = 1;
-  }
-  value = iniparser_getstring(ini, "config:DOMAIN_NAME", nullptr);
-  if (value == nullptr) {
-    RD_ERROR(" iniparser_getstring Failed For getting DOMAIN_NAME");
-    return -13;
-  }
-  const std::string hex_data = value;
-  RD_VERBOSE("Hex_Data is %s", hex_data.c_str());
-  RD_VERBOSE("Hex data length is %d", static_cast<int>(hex_data.size()));
-  std::vector<std::uint8_t> decoded;
-  if (Base64Decode(hex_data, &decoded) != 0) decoded.clear();
-  RD_VERBOSE("Decoded binary data length is %d", static_cast<int>(decoded.size()));
-  std::vector<std::uint8_t> plain;
-  const auto key = address_key();
-  if (aes_decrypt(key, decoded, &plain) != 0) {
-    RD_ERROR("Decryption failed");
-    return -1;
-  }
-  const std::string base(plain.begin(), plain.end());
-  RD_DEBUG("URL is: %s\n", base.c_str());
-  RD_VERBOSE("URL Length is %d", static_cast<int>(base.size()));
-  for (const Endpoint& e : kEndpoints) {
-    if (base.size() + std::char_traits<char>::length(e.suffix) >= kEndpointMax) {
-      RD_ERROR("Management URL is too long: %d bytes", static_cast<int>(base.size()));
-      return -1;
-    }
-  }
-  for (const Endpoint& e : kEndpoints) cfg.*e.field = base + e.suffix;
-  return 0;
-}
-
 // Loads config.ini, sets key to value and writes it back. 0 or -1.
 int set_config_key(const char* key, const std::string& value, const char* set_error,
                    const char* write_error) {
@@ -139,30 +76,89 @@ int set_config_key(const char* key, const std::string& value, const char* set_er
 int read_config_file() {
   if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) {
     RD_ERROR("verify_crc failed");
-    return -1;
+    return rd_codes::kConfigFailed;
   }
   RD_INFO("CRC check is passed");
-  if (Lock_Semaphore() != 0) {
-    RD_ERROR("Error at lock semaphore");
-    return -1;
-  }
-  int rc = 0;
-  {
-    Dict ini(iniparser_load(kConfigPath));
-    if (ini == nullptr) {
-      Unlock_Semaphore();
-      RD_ERROR("Error in opening file %s", kConfigPath);
-      return -2;
-    }
-    rc = read_keys(ini.get());
-  }
   // Released on every path, failures included, so one bad file cannot stall
   // every other process of the device family for the lock's full wait.
-  if (Unlock_Semaphore() != 0) {
-    RD_ERROR("Error at Unlock_Semaphore");
-    if (rc == 0) rc = -19;
+  ScannerLock lock;
+  if (!lock.held()) {
+    RD_ERROR("Error at lock semaphore");
+    return rd_codes::kConfigFailed;
   }
-  return rc;
+  Dict ini(iniparser_load(kConfigPath));
+  if (ini == nullptr) {
+    RD_ERROR("Error in opening file %s", kConfigPath);
+    return rd_codes::kConfigNotLoadable;
+  }
+  // The keys are read into a copy in the file's order; the shared record
+  // changes only when every key was good, so readers never see half a file.
+  RdConfig cfg = rd_config_copy();
+  const char* ssl = iniparser_getstring(ini.get(), "config:IS_SSL_ENABLE", nullptr);
+  cfg.ssl_enable_text = ssl != nullptr ? std::string(ssl).substr(0, 7) : "0";
+  cfg.ssl_enabled = ssl != nullptr ? std::atoi(ssl) : 0;
+  const char* verbose = iniparser_getstring(ini.get(), "config:Verbose", nullptr);
+  cfg.verbose = verbose != nullptr ? std::atoi(verbose) : 0;
+  rd_set_verbose(cfg.verbose);
+  cfg.prod_register_url = iniparser_getstring(ini.get(), "config:PROD_REGISTER_URL", "");
+
+  const char* value = iniparser_getstring(ini.get(), "config:RD_VER", nullptr);
+  if (value == nullptr) {
+    RD_ERROR("iniparser_getstring Failed For getting RD VER");
+    return rd_codes::kConfigNoRdVer;
+  }
+  cfg.rd_ver = value;
+  value = iniparser_getstring(ini.get(), "config:DEV_PUB_KEY_VALIDITY", nullptr);
+  if (value == nullptr) {
+    RD_ERROR(" iniparser_getstring Failed For getting dev cert validity days");
+    return rd_codes::kConfigNoValidity;
+  }
+  cfg.dev_pub_key_validity = value;
+  value = iniparser_getstring(ini.get(), "config:dc", nullptr);
+  if (value == nullptr) {
+    RD_ERROR(" iniparser_getstring Failed For getting DC");
+    return rd_codes::kConfigNoDc;
+  }
+  cfg.dc = value;
+  cfg.dc_missing = 0;
+  if (cfg.dc.empty()) {
+    RD_INFO("DC value is null");
+    cfg.dc_missing = 1;
+  }
+  value = iniparser_getstring(ini.get(), "config:DOMAIN_NAME", nullptr);
+  if (value == nullptr) {
+    RD_ERROR(" iniparser_getstring Failed For getting DOMAIN_NAME");
+    return rd_codes::kConfigNoDomain;
+  }
+  const std::string hex_data = value;
+  RD_VERBOSE("Hex_Data is %s", hex_data.c_str());
+  RD_VERBOSE("Hex data length is %d", static_cast<int>(hex_data.size()));
+  std::vector<std::uint8_t> decoded;
+  if (Base64Decode(hex_data, &decoded) != 0) decoded.clear();
+  RD_VERBOSE("Decoded binary data length is %d", static_cast<int>(decoded.size()));
+  std::vector<std::uint8_t> plain;
+  const auto key = address_key();
+  if (aes_decrypt(key, decoded, &plain) != 0) {
+    RD_ERROR("Decryption failed");
+    return rd_codes::kConfigFailed;
+  }
+  const std::string base(plain.begin(), plain.end());
+  RD_DEBUG("URL is: %s\n", base.c_str());
+  RD_VERBOSE("URL Length is %d", static_cast<int>(base.size()));
+  for (const Endpoint& e : kEndpoints) {
+    if (base.size() + std::char_traits<char>::length(e.suffix) >= kEndpointMax) {
+      RD_ERROR("Management URL is too long: %d bytes", static_cast<int>(base.size()));
+      return rd_codes::kConfigFailed;
+    }
+  }
+  for (const Endpoint& e : kEndpoints) cfg.*e.field = base + e.suffix;
+  ini.reset();
+  if (lock.unlock() != 0) {
+    RD_ERROR("Error at Unlock_Semaphore");
+    return rd_codes::kConfigUnlock;
+  }
+  rd_config_update([&cfg](RdConfig& shared) { shared = std::move(cfg); });
+  return rd_codes::kConfigOk;
 }
 
 int WriteToIniFile(dictionary* dict, const char* path) {
