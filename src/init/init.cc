@@ -9,6 +9,7 @@
 #include "http/server.h"
 #include "http/work_area.h"
 #include "init/config.h"
+#include "init/rd_codes.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "init/rd_status.h"
@@ -45,82 +46,325 @@ constexpr ScannerModel kScannerModels[] = {
 constexpr const char* kSslFolder = "./cert/ssl/";
 constexpr const char* kDeviceCertificate = "cert/public/signed_mc.cer";
 
-// One flag per one-time step: set until the step has succeeded, so a repeated
-// call skips what is done and resumes at the step that failed.
-struct PendingSteps {
-  bool log = true, pipe = true, host_id = true, locks = true, dll = true, scanner_start = true,
-       handheld = true, load_config = true, read_config = true, proxy = true, appdata = true,
-       tls_paths = true;
+// Required files, in the order they are checked, with the line that says each is there.
+struct RequiredFile {
+  const char* path;
+  const char* present_message;
 };
-PendingSteps g_pending;
+constexpr RequiredFile kRequiredFiles[] = {{"bin_crc.txt", "bin_crc file present"},
+                                           {"config.ini", "config file present"},
+                                           {"cert/server.crt", "Server certificate file present"}};
+constexpr RequiredFile kSslFiles[] = {{"cert/ssl/private.key", "SSL key file present"},
+                                      {"cert/ssl/public.crt", "SSL certificate file present"}};
+
+// The checks of IsFilePresent and Is_SSL_FilePresent, reported under the
+// caller's name: the first missing file in the log, the last-status line and
+// the pipe. 0 or -1.
+template <std::size_t N>
+int check_files(const RequiredFile (&files)[N], const char* caller) {
+  RD_LOG_AS(caller);
+  for (const RequiredFile& f : files) {
+    if (!platform::file_exists(f.path)) {
+      RD_ERROR("File Not Found : %s", f.path);
+      RD_STATUS("File Not Found : %s", f.path);
+      RD_PIPE("10000", "File Not Found : %s\n", f.path);
+      return -1;
+    }
+    RD_INFO("%s", f.present_message);
+  }
+  return 0;
+}
+
 std::array<std::uint8_t, 6> g_host_id{};
 
-// A file the service needs: present, or reported in the log, the last-status
-// line and the pipe.
-bool check_required_file(const char* path, const char* present_message) {
-  if (platform::file_exists(path)) {
-    RD_INFO("%s", present_message);
-    return true;
-  }
-  RD_ERROR("File Not Found : %s", path);
-  RD_STATUS("File Not Found : %s", path);
-  RD_PIPE("10000", "File Not Found : %s\n", path);
-  return false;
-}
+// ---------------------------------------------------------------- the steps
+// Each step of Initialize_process, in order. A step returns 0 or the result
+// Initialize_process returns; its lines carry Initialize_process's name.
 
-int IsFilePresent() {
-  return check_required_file("bin_crc.txt", "bin_crc file present") &&
-                 check_required_file("config.ini", "config file present") &&
-                 check_required_file("cert/server.crt", "Server certificate file present")
-             ? 0
-             : -1;
-}
-
-int Is_SSL_FilePresent() {
-  return check_required_file("cert/ssl/private.key", "SSL key file present") &&
-                 check_required_file("cert/ssl/public.crt", "SSL certificate file present")
-             ? 0
-             : -1;
-}
-
-// Takes the scanner description apart: a model name, or the handheld form
-// "...Tavio_TX9|PORT|SECURITY".
-void set_scanner(const char* details) {
-  RdIdentity& id = rd_identity();
-  std::string text = details ? details : "";
-  if (text.find("Tavio_TX9") == std::string::npos) {
-    id.scanner_name = text;
-    RD_INFO("Attached scanner is %s", text.c_str());
-    return;
-  }
-  RD_INFO(" scanner details : %s", text.c_str());
-  RD_INFO(" Vexo library with semaphore lock for Quokka port open");
-  id.scanner_name = "Tavio_TX9";
-  std::size_t first = text.find('|');
-  std::size_t second = first == std::string::npos ? std::string::npos : text.find('|', first + 1);
-  std::string port = first == std::string::npos ? "" : text.substr(first + 1, second - first - 1);
-  id.security_param = second == std::string::npos ? "" : text.substr(second + 1);
-  id.port_path = "/dev/" + port;
-  RD_INFO("Port is %s", id.port_path.c_str());
-}
-
-int open_run_log() {
-  rd_config() = RdConfig{};
+int step_open_log() {
+  RD_LOG_AS("Initialize_process");
+  rd_config_update([](RdConfig& c) { c = RdConfig{}; });
   if (zlog_init("rd.log") != 0) {
     write_error_log("zlog_init failed\n");
-    return -1;
+    return rd_codes::kInitFailed;
   }
   if (zlog_get_category("Vexo") == nullptr) {
     write_error_log("zlog_get_category call failed\n");
     zlog_fini();
-    return -12;
+    return rd_codes::kInitLogStream;
   }
   RD_INFO("\n****************************************************************************************************");
   RD_INFO("zlog initialized successfully");
   return 0;
 }
 
+// Takes the scanner description apart: a model name, or the handheld form
+// "...Tavio_TX9|PORT|SECURITY".
+void step_scanner(const char* details) {
+  RD_LOG_AS("Initialize_process");
+  std::string text = details ? details : "";
+  if (text.find("Tavio_TX9") == std::string::npos) {
+    rd_identity_update([&](RdIdentity& id) { id.scanner_name = text; });
+    RD_INFO("Attached scanner is %s", text.c_str());
+    return;
+  }
+  RD_INFO(" scanner details : %s", text.c_str());
+  RD_INFO(" Vexo library with semaphore lock for Quokka port open");
+  std::size_t first = text.find('|');
+  std::size_t second = first == std::string::npos ? std::string::npos : text.find('|', first + 1);
+  const std::string port = first == std::string::npos ? "" : text.substr(first + 1, second - first - 1);
+  const std::string port_path = "/dev/" + port;
+  rd_identity_update([&](RdIdentity& id) {
+    id.scanner_name = "Tavio_TX9";
+    id.security_param = second == std::string::npos ? "" : text.substr(second + 1);
+    id.port_path = port_path;
+  });
+  RD_INFO("Port is %s", port_path.c_str());
+}
+
+int step_pipe() {
+  RD_LOG_AS("Initialize_process");
+  if (create_Pipe() != 0) return rd_codes::kInitFailed;
+  RD_INFO("Pipe created successfully\n");
+  return 0;
+}
+
+int step_required_files() {
+  RD_LOG_AS("Initialize_process");
+  if (IsFilePresent() != 0) {
+    RD_ERROR("File checking failed");
+    return rd_codes::kInitFileMissing;
+  }
+  RD_INFO("IsFilePresent function success");
+  return 0;
+}
+
+int step_host_id() {
+  RD_LOG_AS("Initialize_process");
+  if (GetMAC(&g_host_id) != 0) {
+    RD_ERROR("Error at Getting HostID");
+    return rd_codes::kInitHostId;
+  }
+  RD_INFO("Host ID is: %02x%02x%02x%02x%02x%02x", g_host_id[0], g_host_id[1], g_host_id[2], g_host_id[3],
+          g_host_id[4], g_host_id[5]);
+  return 0;
+}
+
+int step_locks() {
+  RD_LOG_AS("Initialize_process");
+  if (init_semaphore() != 0) {
+    RD_ERROR("init_semaphore failed");
+    return rd_codes::kInitLocks;
+  }
+  RD_INFO("init_semaphore success");
+  return 0;
+}
+
+int step_vendor_libraries() {
+  RD_LOG_AS("Initialize_process");
+  if (dll_loading(".\\RefDll") != 0) {
+    RD_ERROR("DLL Loading failed");
+    return rd_codes::kInitDllLoading;
+  }
+  return 0;
+}
+
+int step_scanner_start() {
+  RD_LOG_AS("Initialize_process");
+  const std::string scanner = rd_scanner_name();
+  if (scanner != "Aratek_A600" && scanner != "Aratek_A400") return 0;
+  int rc = aratek_sdk().GlobalInit();
+  if (rc != 0 && rc != ARAFPSCAN_ERROR_ALREADY_INIT) {
+    RD_ERROR("Global init failed");
+    RD_STATUS("Aratek fingerprint scanner: Global init failed ");
+    RD_PIPE("10000", "Aratek fingerprint scanner:|Global init failed\n");
+    return rd_codes::kInitFailed;
+  }
+  return 0;
+}
+
+int step_handheld() {
+  const RdIdentity id = rd_identity_copy();
+  if (id.scanner_name == "Tavio_TX9") {
+    // The handheld libraries' own start-up; their results are theirs to report.
+    tavio_sdk().TavioLogs_Init("rd.log");
+    tavio_sdk().Initialize_BT_Security(id.security_param.c_str());
+  }
+  return 0;
+}
+
+int step_load_config() {
+  RD_LOG_AS("Initialize_process");
+  if (load_config_file() != 0) {
+    RD_ERROR("load_config_file failed");
+    return rd_codes::kInitLoadConfig;
+  }
+  RD_INFO("Loading config file parameters is done successfully");
+  return 0;
+}
+
+int step_read_config() {
+  RD_LOG_AS("Initialize_process");
+  if (read_config_file() != 0) {
+    RD_ERROR("Config file reading failed");
+    RD_STATUS("Config file reading failed");
+    RD_PIPE("10000", "Config file reading failed\n");
+    return rd_codes::kInitConfig;
+  }
+  RD_INFO("Config file reading is successful");
+  return 0;
+}
+
+int step_ssl_files() {
+  RD_LOG_AS("Initialize_process");
+  if (!rd_ssl_enabled()) return 0;
+  if (Is_SSL_FilePresent() != 0) {
+    RD_ERROR("SSL File checking failed");
+    return rd_codes::kInitFileMissing;
+  }
+  RD_INFO("Is_SSL_FilePresent function success");
+  return 0;
+}
+
+int step_proxy() {
+  RD_LOG_AS("Initialize_process");
+  if (read_proxy_file() == -1) {
+    RD_ERROR("read_proxy_file failed,PROXY_URL field is missing");
+    return rd_codes::kInitProxy;
+  }
+  return 0;
+}
+
+int step_appdata() {
+  RD_LOG_AS("Initialize_process");
+  const std::string appdata = platform::appdata_dir();
+  if (appdata.empty()) {
+    RD_ERROR("GetEnvironmentVariable Failed");
+    return rd_codes::kInitAppData;
+  }
+  rd_identity_update([&](RdIdentity& id) { id.appdata = appdata; });
+  RD_VERBOSE("APPDATA Path is %s", appdata.c_str());
+  return 0;
+}
+
+int step_tls_paths() {
+  RD_LOG_AS("Initialize_process");
+  if (!rd_ssl_enabled()) return 0;
+  const std::string cert = std::string(kSslFolder) + "public.crt";
+  const std::string key = std::string(kSslFolder) + "private.key";
+  struct {
+    const std::string& path;
+    int code;
+  } files[] = {{cert, rd_codes::kInitTlsCert}, {key, rd_codes::kInitTlsKey}};
+  for (const auto& f : files) {
+    std::FILE* fp = std::fopen(f.path.c_str(), "r");
+    // A folder opens on Linux but is no certificate or key: read one byte to be sure.
+    bool ok = fp != nullptr && (std::fgetc(fp), !std::ferror(fp));
+    if (fp) std::fclose(fp);
+    if (!ok) {
+      RD_ERROR("%s file is not exist in the path", f.path.c_str());
+      RD_STATUS("%s file is not exist in the path", f.path.c_str());
+      RD_PIPE("10000", "%s file not found\n", f.path.c_str());
+      return f.code;
+    }
+  }
+  rd_identity_update([&](RdIdentity& id) {
+    id.ssl_cert_path = cert;
+    id.ssl_key_path = key;
+  });
+  return 0;
+}
+
+// The old and the new serial number, the Serial_number file and the
+// device-changed flag. Runs on every call.
+int step_serial() {
+  RD_LOG_AS("Initialize_process");
+  std::string old_serial;
+  if (!platform::file_exists("Serial_number")) {
+    RD_INFO("Serial_number file is not there");
+  } else {
+    if (platform::read_file("Serial_number", &old_serial) != 0) {
+      RD_ERROR("Reading from Serial_number file is failed");
+      return rd_codes::kInitSerialRead;
+    }
+    if (old_serial.size() > 128) old_serial.resize(128);
+    old_serial = old_serial.c_str();  // the text ends at its first NUL, as read into a buffer
+    RD_INFO("old_serial_number is: %s", old_serial.c_str());
+  }
+
+  std::string serial;
+  int rc = getdeviceserialnumber(&serial);
+  if (rc != 0) {
+    RD_ERROR("fingerprint device not attached");
+    RD_STATUS("fingerprint device not attached, err_code: %d ", rc);
+    RD_PIPE("10000", "Fingerprint device disconnected\n");
+    return rd_codes::kInitNoDevice;
+  }
+  set_device_serial(serial);
+  RD_INFO("fingerprint is attached, serial number is %s", serial.c_str());
+  // Replaced atomically: a file that cannot be made is an open failure, one
+  // that cannot be written, flushed or put in place is a write failure.
+  switch (platform::write_file_atomic("Serial_number", serial.data(), serial.size())) {
+    case 0:
+      break;
+    case -1:
+      RD_ERROR("opening Serial_number file failed");
+      return rd_codes::kInitSerialOpen;
+    default:
+      RD_ERROR("writing to serial_number file is failed");
+      return rd_codes::kInitSerialWrite;
+  }
+
+  int changed = 0;
+  if (serial == old_serial) {
+    RD_INFO("old_serial_number and serial_number are same");
+  } else {
+    changed = 1;
+    RD_INFO("old_serial_number and serial_number are different");
+  }
+  if (!platform::file_readable(rd_identity_copy().prefix + kDeviceCertificate)) {
+    RD_INFO("device public key not present");
+    changed = 1;
+  }
+  rd_identity_update([changed](RdIdentity& id) { id.device_changed = changed; });
+  return 0;
+}
+
+// One-time steps keep a flag each: set until the step has succeeded, so a
+// repeated call skips what is done and resumes at the step that failed.
+struct OnceStep {
+  int (*run)();
+  bool pending;
+};
+struct OnceSteps {
+  OnceStep log{step_open_log, true};
+  OnceStep pipe{step_pipe, true};
+  OnceStep host_id{step_host_id, true};
+  OnceStep locks{step_locks, true};
+  OnceStep dll{step_vendor_libraries, true};
+  OnceStep scanner_start{step_scanner_start, true};
+  OnceStep handheld{step_handheld, true};
+  OnceStep load_config{step_load_config, true};
+  OnceStep read_config{step_read_config, true};
+  OnceStep proxy{step_proxy, true};
+  OnceStep appdata{step_appdata, true};
+  OnceStep tls_paths{step_tls_paths, true};
+};
+OnceSteps g_once;
+
+// Runs a one-time step unless it already succeeded. 0 or the step's result.
+int once(OnceStep& step) {
+  if (!step.pending) return 0;
+  int rc = step.run();
+  if (rc == 0) step.pending = false;
+  return rc;
+}
+
 }  // namespace
+
+int IsFilePresent() { return check_files(kRequiredFiles, "IsFilePresent"); }
+
+int Is_SSL_FilePresent() { return check_files(kSslFiles, "Is_SSL_FilePresent"); }
 
 const ScannerModel* find_scanner_model(const std::string& name) {
   for (const ScannerModel& m : kScannerModels) {
@@ -130,217 +374,54 @@ const ScannerModel* find_scanner_model(const std::string& name) {
 }
 
 int load_config_file() {
-  RdIdentity& id = rd_identity();
-  id.prefix = "./";
   rd_set_log_size_limit_kb(kLogSizeLimitKb);
-  id.clId = kClientId;
-  id.clVer = kClientVersion;
-  id.host_type = kHostType;
-  id.dpId = kProviderCode;
-  const ScannerModel* model = find_scanner_model(id.scanner_name);
-  if (model == nullptr) return -1;
-  id.rdsId = model->rdsId;
-  id.make = model->make;
-  id.mi = model->mi;
-  id.model = model->mi;
-  return 0;
+  const ScannerModel* model = find_scanner_model(rd_scanner_name());
+  rd_identity_update([model](RdIdentity& id) {
+    id.prefix = "./";
+    id.clId = kClientId;
+    id.clVer = kClientVersion;
+    id.host_type = kHostType;
+    id.dpId = kProviderCode;
+    if (model == nullptr) return;
+    id.rdsId = model->rdsId;
+    id.make = model->make;
+    id.mi = model->mi;
+    id.model = model->mi;
+  });
+  return model == nullptr ? -1 : 0;
 }
 
 void init_reset_for_test() {
-  g_pending = PendingSteps{};
-  rd_identity() = RdIdentity{};
+  g_once = OnceSteps{};
+  rd_identity_update([](RdIdentity& id) { id = RdIdentity{}; });
   zlog_fini();
 }
 
 extern "C" VEXO_EXPORT int Initialize_process(const char* scanner_details) noexcept try {
-  if (g_pending.log) {
-    int rc = open_run_log();
-    if (rc != 0) return rc;
-    g_pending.log = false;
-  }
-  set_scanner(scanner_details);
-  RdIdentity& id = rd_identity();
-
-  if (g_pending.pipe) {
-    if (create_Pipe() != 0) return -1;
-    RD_INFO("Pipe created successfully\n");
-    g_pending.pipe = false;
-  }
-
-  if (IsFilePresent() != 0) {
-    RD_ERROR("File checking failed");
-    return -16;
-  }
-  RD_INFO("IsFilePresent function success");
-
-  if (g_pending.host_id) {
-    if (GetMAC(&g_host_id) != 0) {
-      RD_ERROR("Error at Getting HostID");
-      return -2;
-    }
-    RD_INFO("Host ID is: %02x%02x%02x%02x%02x%02x", g_host_id[0], g_host_id[1], g_host_id[2], g_host_id[3],
-            g_host_id[4], g_host_id[5]);
-    g_pending.host_id = false;
-  }
-
-  if (g_pending.locks) {
-    if (init_semaphore() != 0) {
-      RD_ERROR("init_semaphore failed");
-      return -3;
-    }
-    RD_INFO("init_semaphore success");
-    g_pending.locks = false;
-  }
-
-  if (g_pending.dll) {
-    if (dll_loading(".\\RefDll") != 0) {
-      RD_ERROR("DLL Loading failed");
-      return kDllLoadingFailed;
-    }
-    g_pending.dll = false;
-  }
-
-  if (g_pending.scanner_start) {
-    if (id.scanner_name == "Aratek_A600" || id.scanner_name == "Aratek_A400") {
-      int rc = aratek_sdk().GlobalInit();
-      if (rc != 0 && rc != ARAFPSCAN_ERROR_ALREADY_INIT) {
-        RD_ERROR("Global init failed");
-        RD_STATUS("Aratek fingerprint scanner: Global init failed ");
-        RD_PIPE("10000", "Aratek fingerprint scanner:|Global init failed\n");
-        return -1;
-      }
-    }
-    g_pending.scanner_start = false;
-  }
-
-  if (g_pending.handheld) {
-    if (id.scanner_name == "Tavio_TX9") {
-      // The handheld libraries' own start-up; their results are theirs to report.
-      tavio_sdk().TavioLogs_Init("rd.log");
-      tavio_sdk().Initialize_BT_Security(id.security_param.c_str());
-    }
-    g_pending.handheld = false;
-  }
-
-  if (g_pending.load_config) {
-    if (load_config_file() != 0) {
-      RD_ERROR("load_config_file failed");
-      return -4;
-    }
-    RD_INFO("Loading config file parameters is done successfully");
-    g_pending.load_config = false;
-  }
-
-  if (g_pending.read_config) {
-    if (read_config_file() != 0) {
-      RD_ERROR("Config file reading failed");
-      RD_STATUS("Config file reading failed");
-      RD_PIPE("10000", "Config file reading failed\n");
-      return -5;
-    }
-    RD_INFO("Config file reading is successful");
-    g_pending.read_config = false;
-  }
-
-  const bool tls = rd_config().ssl_enabled != 0;
-  if (tls) {
-    if (Is_SSL_FilePresent() != 0) {
-      RD_ERROR("SSL File checking failed");
-      return -16;
-    }
-    RD_INFO("Is_SSL_FilePresent function success");
-  }
-
-  if (g_pending.proxy) {
-    if (read_proxy_file() == -1) {
-      RD_ERROR("read_proxy_file failed,PROXY_URL field is missing");
-      return -13;
-    }
-    g_pending.proxy = false;
-  }
-
-  if (g_pending.appdata) {
-    id.appdata = platform::appdata_dir();
-    if (id.appdata.empty()) {
-      RD_ERROR("GetEnvironmentVariable Failed");
-      return -11;
-    }
-    RD_VERBOSE("APPDATA Path is %s", id.appdata.c_str());
-    g_pending.appdata = false;
-  }
-
-  if (g_pending.tls_paths && tls) {
-    const std::string cert = std::string(kSslFolder) + "public.crt";
-    const std::string key = std::string(kSslFolder) + "private.key";
-    struct {
-      const std::string& path;
-      int code;
-    } files[] = {{cert, -14}, {key, -15}};
-    for (const auto& f : files) {
-      std::FILE* fp = std::fopen(f.path.c_str(), "r");
-      // A folder opens on Linux but is no certificate or key: read one byte to be sure.
-      bool ok = fp != nullptr && (std::fgetc(fp), !std::ferror(fp));
-      if (fp) std::fclose(fp);
-      if (!ok) {
-        RD_ERROR("%s file is not exist in the path", f.path.c_str());
-        RD_STATUS("%s file is not exist in the path", f.path.c_str());
-        RD_PIPE("10000", "%s file not found\n", f.path.c_str());
-        return f.code;
-      }
-    }
-    id.ssl_cert_path = cert;
-    id.ssl_key_path = key;
-    g_pending.tls_paths = false;
-  }
-
-  {
-    std::string old_serial;
-    if (!platform::file_exists("Serial_number")) {
-      RD_INFO("Serial_number file is not there");
-    } else {
-      if (platform::read_file("Serial_number", &old_serial) != 0) {
-        RD_ERROR("Reading from Serial_number file is failed");
-        return -6;
-      }
-      if (old_serial.size() > 128) old_serial.resize(128);
-      old_serial = old_serial.c_str();  // the text ends at its first NUL, as read into a buffer
-      RD_INFO("old_serial_number is: %s", old_serial.c_str());
-    }
-
-    std::string serial;
-    int rc = getdeviceserialnumber(&serial);
-    if (rc != 0) {
-      RD_ERROR("fingerprint device not attached");
-      RD_STATUS("fingerprint device not attached, err_code: %d ", rc);
-      RD_PIPE("10000", "Fingerprint device disconnected\n");
-      return -10;
-    }
-    set_device_serial(serial);
-    RD_INFO("fingerprint is attached, serial number is %s", serial.c_str());
-    if (platform::write_file_atomic("Serial_number", serial.data(), serial.size()) != 0) {
-      RD_ERROR("opening Serial_number file failed");
-      return -8;
-    }
-
-    if (serial == old_serial) {
-      id.device_changed = 0;
-      RD_INFO("old_serial_number and serial_number are same");
-    } else {
-      id.device_changed = 1;
-      RD_INFO("old_serial_number and serial_number are different");
-    }
-    if (!platform::file_readable(id.prefix + kDeviceCertificate)) {
-      RD_INFO("device public key not present");
-      id.device_changed = 1;
-    }
-      }
+  int rc = once(g_once.log);
+  if (rc != 0) return rc;
+  step_scanner(scanner_details);
+  if ((rc = once(g_once.pipe)) != 0) return rc;
+  if ((rc = step_required_files()) != 0) return rc;
+  if ((rc = once(g_once.host_id)) != 0) return rc;
+  if ((rc = once(g_once.locks)) != 0) return rc;
+  if ((rc = once(g_once.dll)) != 0) return rc;
+  if ((rc = once(g_once.scanner_start)) != 0) return rc;
+  if ((rc = once(g_once.handheld)) != 0) return rc;
+  if ((rc = once(g_once.load_config)) != 0) return rc;
+  if ((rc = once(g_once.read_config)) != 0) return rc;
+  if ((rc = step_ssl_files()) != 0) return rc;
+  if ((rc = once(g_once.proxy)) != 0) return rc;
+  if ((rc = once(g_once.appdata)) != 0) return rc;
+  if ((rc = once(g_once.tls_paths)) != 0) return rc;
+  if ((rc = step_serial()) != 0) return rc;
 
   IsAppFilePresent();  // informational: marks a pending key rotation
   RD_INFO("Returning from Initialize_process");
-  if (RD_STATUS("Initialize_process Success ") != 0) return -1;
-  return 0;
+  if (RD_STATUS("Initialize_process Success ") != 0) return rd_codes::kInitFailed;
+  return rd_codes::kInitOk;
 } catch (...) {
-  return -1;
+  return rd_codes::kInitFailed;
 }
 
 extern "C" VEXO_EXPORT int Start_RDservice(void) noexcept try {
@@ -353,8 +434,9 @@ extern "C" VEXO_EXPORT int Start_RDservice(void) noexcept try {
   }
   RD_INFO("http-Socket prepared successfully");
 
-  if (rd_config().ssl_enabled != 0) {
-    SslSettings settings{rd_identity().ssl_cert_path, rd_identity().ssl_key_path};
+  if (rd_ssl_enabled()) {
+    const RdIdentity id = rd_identity_copy();
+    SslSettings settings{id.ssl_cert_path, id.ssl_key_path};
     if (validateServerCertAndInitSSLCTX(settings) != 0) {
       RD_ERROR("Error at validateServerCertAndInitSSLCTX()");
       if (RD_STATUS(" SSL server init failed") != 0) return -1;

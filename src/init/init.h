@@ -9,6 +9,8 @@
 
 #include <string>
 
+#include "init/rd_codes.h"
+
 // One row of the maker's table: the identifiers a scanner model reports.
 struct ScannerModel {
   const char* name;    // scanner name as the host passes it
@@ -16,6 +18,13 @@ struct ScannerModel {
   const char* make;    // vendor name in capitals
   const char* mi;      // model identifier, "QDX.<family>.<model>.W"
 };
+
+// The files every start-up needs ("bin_crc.txt", "config.ini",
+// "cert/server.crt") and, with TLS on, the TLS key and certificate: 0, or -1
+// with the first missing one reported in the log, the last-status line and
+// the pipe.
+int IsFilePresent();
+int Is_SSL_FilePresent();
 
 // The scanner's row, or nullptr for an unknown name (exact comparison).
 const ScannerModel* find_scanner_model(const std::string& name);
@@ -26,7 +35,7 @@ int load_config_file();
 
 // Status value Initialize_process returns when the vendor libraries cannot be
 // loaded: non-zero and outside the negative codes.
-constexpr int kDllLoadingFailed = 1;
+constexpr int kDllLoadingFailed = rd_codes::kInitDllLoading;
 
 // Forgets every one-time step so a test can run Initialize_process afresh.
 void init_reset_for_test();

@@ -84,8 +84,16 @@ void rd_log_reset_for_test();
 #define VEXO_LOG_FILE __FILE__
 #endif
 
-#define RD_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, __func__, __LINE__, __VA_ARGS__)
-#define RD_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_FILE, __func__, __LINE__, __VA_ARGS__)
+// The function name that lines carry is the enclosing function's, unless the
+// scope says that it works on behalf of a function of the design:
+//   int step_pipe() { RD_LOG_AS("Initialize_process"); ... RD_INFO(...); }
+// RD_LOG_AS declares a local that hides this null default.
+inline constexpr const char* vexo_log_function = nullptr;
+#define RD_LOG_AS(name) [[maybe_unused]] const char* const vexo_log_function = name
+#define VEXO_LOG_FUNC (vexo_log_function != nullptr ? vexo_log_function : __func__)
+
+#define RD_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
+#define RD_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_FILE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
 #define RD_VERBOSE(...)          \
   do {                           \
     if (rd_verbose() != 0) {     \
@@ -93,7 +101,7 @@ void rd_log_reset_for_test();
     }                            \
   } while (0)
 #define RD_DEBUG(...) rd_debug_print(__VA_ARGS__)
-#define RD_STATUS(...) rd_set_last_status(VEXO_LOG_FILE, __func__, __VA_ARGS__)
+#define RD_STATUS(...) rd_set_last_status(VEXO_LOG_FILE, VEXO_LOG_FUNC, __VA_ARGS__)
 #define RD_PIPE(code, ...) rd_notify(code, __VA_ARGS__)
 
 #endif  // VEXO_INIT_RD_LOG_H

@@ -131,8 +131,13 @@ bool file_readable(const std::string& path);
 int read_file(const std::string& path, std::string* out);
 // Writes a temporary file beside path, flushes it and renames it over path,
 // so a crash never leaves a torn file. mode is the new file's permission bits.
+// 0; -1 the temporary file cannot be created (nothing was written); -2 writing,
+// flushing or renaming failed (the temporary file is removed, path unchanged).
 int write_file_atomic(const std::string& path, const void* data, std::size_t len,
                       unsigned mode = 0644);
+// Test seam: makes every write_file_atomic fail at the given stage.
+enum class WriteFault { kNone, kOpen, kWrite };
+void set_write_fault_for_test(WriteFault fault);
 // The same, for writers that need a stream: write() fills the temporary file
 // and returns false on failure. 0 or -1.
 int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,

@@ -4,10 +4,12 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <atomic>
 #include <fstream>
 #include <sstream>
 
 #include "platform/platform.h"
+#include "platform/unique_handle.h"
 
 namespace platform {
 
@@ -32,33 +34,42 @@ int read_file(const std::string& path, std::string* out) {
   return 0;
 }
 
+namespace {
+std::atomic<WriteFault> g_write_fault{WriteFault::kNone};
+}  // namespace
+
+void set_write_fault_for_test(WriteFault fault) { g_write_fault.store(fault); }
+
 int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode) {
+  const WriteFault fault = g_write_fault.load();
   std::string tmp = path + ".tmpXXXXXX";
-  int fd = ::mkstemp(tmp.data());
-  if (fd < 0) return -1;
+  UniqueFd fd(fault == WriteFault::kOpen ? -1 : ::mkstemp(tmp.data()));
+  if (!fd) return -1;
+  // From here the temporary file exists: every failure removes it again.
+  auto fail = [&tmp, &fd] {
+    int saved = errno;
+    fd.reset();
+    ::unlink(tmp.c_str());
+    errno = saved;
+    return -2;
+  };
+  if (fault == WriteFault::kWrite) {
+    errno = EIO;
+    return fail();
+  }
   const char* p = static_cast<const char*>(data);
   std::size_t left = len;
   while (left > 0) {
-    ssize_t n = ::write(fd, p, left);
+    ssize_t n = ::write(fd.get(), p, left);
     if (n < 0) {
       if (errno == EINTR) continue;
-      ::close(fd);
-      ::unlink(tmp.c_str());
-      return -1;
+      return fail();
     }
     p += n;
     left -= static_cast<std::size_t>(n);
   }
-  if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0 || ::close(fd) != 0) {
-    ::unlink(tmp.c_str());
-    return -1;
-  }
-  if (::rename(tmp.c_str(), path.c_str()) != 0) {
-    int saved = errno;
-    ::unlink(tmp.c_str());
-    errno = saved;
-    return -1;
-  }
+  if (::fchmod(fd.get(), mode) != 0 || ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) return fail();
+  if (::rename(tmp.c_str(), path.c_str()) != 0) return fail();
   return 0;
 }
 
