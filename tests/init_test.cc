@@ -126,27 +126,33 @@ struct FailureCase {
   const char* status;  // expected part of the last-status line
 };
 
+// The status column is the last-status line after its time stamp: the file
+// and function that report must be the design's (the host shows this line).
 const FailureCase kFailureCases[] = {
     {"NoSealFile", [](const std::string&) { fs::remove("bin_crc.txt"); }, "Aratek_A600", -16,
-     "File Not Found : bin_crc.txt"},
+     " | init | IsFilePresent | File Not Found : bin_crc.txt"},
     {"NoConfig", [](const std::string&) { fs::remove("config.ini"); }, "Aratek_A600", -16,
-     "File Not Found : config.ini"},
+     " | init | IsFilePresent | File Not Found : config.ini"},
     {"NoServerCertificate", [](const std::string&) { fs::remove("cert/server.crt"); }, "Aratek_A600", -16,
-     "File Not Found : cert/server.crt"},
+     " | init | IsFilePresent | File Not Found : cert/server.crt"},
     {"UnknownScanner", [](const std::string&) {}, "NIKON_X1", -3, ""},
     {"NoDevice", [](const std::string& refdll) { sim::write_control(refdll, {{"present", "0"}}); }, "Aratek_A600",
-     -10, "fingerprint device not attached, err_code: -3 "},
+     -10, " | init | Initialize_process | fingerprint device not attached, err_code: -3 "},
     {"VendorLibraryMissing", [](const std::string& refdll) { fs::remove(refdll + "/libAraTrustFinger.so"); },
      "Aratek_A600", kDllLoadingFailed, ""},
     {"GlobalInitFails",
      [](const std::string& refdll) { sim::write_control(refdll, {{"global_init_result", "-7"}}); }, "Aratek_A600",
-     -1, "Aratek fingerprint scanner: Global init failed "},
+     -1, " | init | Initialize_process | Aratek fingerprint scanner: Global init failed "},
     {"HandEditedConfig",
      [](const std::string&) { testutil::write_file("config.ini", read_file("config.ini") + "\n"); }, "Aratek_A600",
-     -5, "Config file reading failed"},
+     -5, " | init | Initialize_process | Config file reading failed"},
     {"ProxyWithoutUrl",
      [](const std::string&) { testutil::write_file("proxy.ini", "[config]\nusername = u\npassword = \n"); },
      "Aratek_A600", -13, ""},
+    {"SerialNotOpened", [](const std::string&) { platform::set_write_fault_for_test(platform::WriteFault::kOpen); },
+     "Aratek_A600", -8, ""},
+    {"SerialNotWritten", [](const std::string&) { platform::set_write_fault_for_test(platform::WriteFault::kWrite); },
+     "Aratek_A600", -7, ""},
 };
 
 void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
@@ -165,8 +171,16 @@ TEST_P(StartupFailureTest, ReturnsItsCode) {
     EXPECT_NE(read_file("rd.log").find(") - FP sensor is not valid sensor\n"), std::string::npos);
   }
   if (c.expected == -16) {
-    EXPECT_TRUE(pipe_.wait_for(std::string("10000|") + c.status + "\n"));
+    const std::string text = std::string(c.status).substr(std::string(c.status).find("File Not Found"));
+    EXPECT_TRUE(pipe_.wait_for("10000|" + text + "\n"));
   }
+  if (c.expected == -7 || c.expected == -8) {
+    EXPECT_NE(read_file("rd.log").find(c.expected == -7 ? ") - writing to serial_number file is failed\n"
+                                                         : ") - opening Serial_number file failed\n"),
+              std::string::npos);
+    EXPECT_FALSE(fs::exists("Serial_number"));
+  }
+  platform::set_write_fault_for_test(platform::WriteFault::kNone);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureCases),
