@@ -119,7 +119,7 @@ struct Floor {
     Sha256Digest d = sha256(record);
     std::string msg(d.begin(), d.end());
     msg += "2016-01-21T12:34:56";
-    msg += rd_config().dc;
+    msg += rd_config_copy().dc;
     EVP_MD_CTX* ctx = EVP_MD_CTX_new();
     std::size_t len = 0;
     EVP_DigestSignInit(ctx, nullptr, EVP_sha256(), nullptr, device_key);
@@ -183,14 +183,15 @@ int main(int argc, char** argv) {
   {
     PipeDrain drain(work + "/qdx.win.002");
     if (create_Pipe() != 0 || zlog_init("rd.log") != 0) die("log or pipe");
-    RdIdentity& id = rd_identity();
-    id.scanner_name = "Aratek_A600";
-    id.rdsId = "QDX.WIN.002";
-    id.dpId = "BENCHDP";
-    id.mi = "QDX.BEN.A600.W";
-    rd_config().dev_pub_key_validity = "1440";
-    rd_config().dc = "BENCH-DC-0001";
-    rd_config().rd_ver = "1.0.0";
+    rd_identity_update([&](RdIdentity& id) {
+      id.scanner_name = "Aratek_A600";
+      id.rdsId = "QDX.WIN.002";
+      id.dpId = "BENCHDP";
+      id.mi = "QDX.BEN.A600.W";
+    });
+    rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
+    rd_config_update([&](RdConfig& r) { r.dc = "BENCH-DC-0001"; });
+    rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.0"; });
     set_device_serial("SIM0000001");
     std::filesystem::create_directory("locks");
     platform::set_lock_dir_for_test(work + "/locks");

@@ -78,14 +78,15 @@ class ApiTest : public ::testing::Test {
     pipe_ = std::make_unique<testutil::PipeReader>(dir_.path());
     ASSERT_EQ(create_Pipe(), 0);
 
-    RdIdentity& id = rd_identity();
-    id.scanner_name = "Aratek_A600";
-    id.prefix = "./";
-    id.dpId = "KORVANE.AR";
-    id.rdsId = "QDX.WIN.002";
-    id.mi = "A600";
-    rd_config().rd_ver = "1.0.2";
-    rd_config().dc = "4f3c1a2b-dc";
+    rd_identity_update([&](RdIdentity& id) {
+      id.scanner_name = "Aratek_A600";
+      id.prefix = "./";
+      id.dpId = "KORVANE.AR";
+      id.rdsId = "QDX.WIN.002";
+      id.mi = "A600";
+    });
+    rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.2"; });
+    rd_config_update([&](RdConfig& r) { r.dc = "4f3c1a2b-dc"; });
     set_device_serial("SN0042");
     set_rd_status_ready();
     set_device_detached(0);

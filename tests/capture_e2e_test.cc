@@ -312,7 +312,7 @@ TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
   EXPECT_EQ(p.resp["fType"], "0");
   EXPECT_EQ(p.resp["nmPoints"], "033");
   EXPECT_EQ(p.resp["qScore"], "077");
-  EXPECT_EQ(p.device["dpId"], rd_identity().dpId);
+  EXPECT_EQ(p.device["dpId"], rd_identity_copy().dpId);
   EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
   EXPECT_EQ(p.device["mi"], "QDX.ARA.A600.W");
   std::string mc;
@@ -344,8 +344,8 @@ TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
   EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 4)), std::string("FMR\0", 4));
   EXPECT_EQ(record[27], 33);
   std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
-  EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config().dc, bio_attrs["bs"]));
-  EXPECT_FALSE(verify_bs(device_key.get(), record, "2000-01-01T00:00:00", rd_config().dc, bio_attrs["bs"]));
+  EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio_attrs["bs"]));
+  EXPECT_FALSE(verify_bs(device_key.get(), record, "2000-01-01T00:00:00", rd_config_copy().dc, bio_attrs["bs"]));
   EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
 }
 
@@ -386,7 +386,7 @@ TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
     EXPECT_EQ(bio->type, order[i].type);
     EXPECT_EQ(bio->posh, order[i].posh);
     Bytes record(bio->content.data, bio->content.data + bio->content.len);
-    EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config().dc, bio->bs));
+    EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio->bs));
     if (bio->type == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR) {
       ASSERT_GT(record.size(), 28u);
       EXPECT_EQ(record[27], 33);

@@ -125,16 +125,17 @@ class CaptureTest : public ::testing::Test {
     ASSERT_EQ(create_Pipe(), 0);
     ASSERT_EQ(zlog_init("rd.log"), 0);
     rd_set_verbose(0);
-    RdIdentity& id = rd_identity();
-    id.scanner_name = "Aratek_A600";
-    id.rdsId = "QDX.WIN.002";
-    id.prefix = "./";
-    id.appdata.clear();
-    id.dpId = "TESTDP";
-    id.mi = "QDX.TST.A600.W";
-    rd_config().dev_pub_key_validity = "1440";
-    rd_config().dc = kDc;
-    rd_config().rd_ver = "1.0.0";
+    rd_identity_update([&](RdIdentity& id) {
+      id.scanner_name = "Aratek_A600";
+      id.rdsId = "QDX.WIN.002";
+      id.prefix = "./";
+      id.appdata.clear();
+      id.dpId = "TESTDP";
+      id.mi = "QDX.TST.A600.W";
+    });
+    rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
+    rd_config_update([&](RdConfig& r) { r.dc = kDc; });
+    rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.0"; });
     set_device_serial("SIM0000001");
     uidai_certs_reset_for_test();
 

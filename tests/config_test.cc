@@ -69,12 +69,12 @@ class ConfigTest : public ::testing::Test {
  protected:
   void SetUp() override {
     rd_log_reset_for_test();
-    rd_config() = RdConfig();
+    rd_config_update([&](RdConfig& r) { r = RdConfig(); });
     rd_set_verbose(0);
     platform::set_lock_dir_for_test(dir_.path());
     set_lock_timeouts_for_test(200, 200);
     semaphore_reset_for_test();
-    rd_identity().scanner_name = "Aratek_A600";
+    rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     ASSERT_EQ(init_semaphore(), 0);
     ASSERT_EQ(zlog_init("rd.log"), 0);
   }
@@ -215,7 +215,7 @@ TEST_F(ConfigTest, ReadsEveryKeyAndBuildsTheEndpoints) {
   // The decrypted Management URL never reaches standard output unless
   // debugging output is switched on.
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  const RdConfig& c = rd_config();
+  const RdConfig c = rd_config_copy();
   EXPECT_EQ(c.ssl_enable_text, "1");
   EXPECT_EQ(c.ssl_enabled, 1);
   EXPECT_EQ(c.verbose, 1);
@@ -247,18 +247,18 @@ TEST_F(ConfigTest, OptionalKeysAndEmptyDc) {
   keys.pop_back();                             // no PROD_REGISTER_URL
   keys[2].second = "";                         // "dc = "
   write_sealed_config(keys);
-  rd_config().ssl_enabled = 7;
-  rd_config().verbose = 7;
-  rd_config().prod_register_url = "old";
+  rd_config_update([&](RdConfig& r) { r.ssl_enabled = 7; });
+  rd_config_update([&](RdConfig& r) { r.verbose = 7; });
+  rd_config_update([&](RdConfig& r) { r.prod_register_url = "old"; });
   testing::internal::CaptureStdout();
   ASSERT_EQ(read_config_file(), 0);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(rd_config().ssl_enabled, 0);
-  EXPECT_EQ(rd_config().verbose, 0);
+  EXPECT_EQ(rd_config_copy().ssl_enabled, 0);
+  EXPECT_EQ(rd_config_copy().verbose, 0);
   EXPECT_EQ(rd_verbose(), 0);
-  EXPECT_EQ(rd_config().prod_register_url, "");
-  EXPECT_EQ(rd_config().dc, "");
-  EXPECT_EQ(rd_config().dc_missing, 1);
+  EXPECT_EQ(rd_config_copy().prod_register_url, "");
+  EXPECT_EQ(rd_config_copy().dc, "");
+  EXPECT_EQ(rd_config_copy().dc_missing, 1);
   EXPECT_NE(log().find(" - DC value is null\n"), std::string::npos);
 }
 
@@ -300,10 +300,10 @@ TEST_F(ConfigTest, SealLockDecryptionAndLoadFailures) {
   Keys keys = full_keys();
   keys[5].second = "AAAAAAAAAAAAAAAAAAAAAA==";
   write_sealed_config(keys);
-  rd_config().mgmt_url_register = "sentinel";
+  rd_config_update([&](RdConfig& r) { r.mgmt_url_register = "sentinel"; });
   EXPECT_EQ(read_config_file(), -1);
   EXPECT_NE(log().find(" - Decryption failed\n"), std::string::npos);
-  EXPECT_EQ(rd_config().mgmt_url_register, "sentinel");
+  EXPECT_EQ(rd_config_copy().mgmt_url_register, "sentinel");
   EXPECT_TRUE(lock_is_free());
 
   // A URL whose endpoints would not fit is refused rather than cut.
@@ -313,7 +313,7 @@ TEST_F(ConfigTest, SealLockDecryptionAndLoadFailures) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(read_config_file(), -1);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(rd_config().mgmt_url_register, "sentinel");
+  EXPECT_EQ(rd_config_copy().mgmt_url_register, "sentinel");
   EXPECT_TRUE(lock_is_free());
 
   // An INI line the parser cannot take: -2 and the lock is released.
@@ -345,10 +345,10 @@ TEST_F(ConfigTest, WritersKeepOtherKeysAndReplaceTheFileWhole) {
   testing::internal::CaptureStdout();
   ASSERT_EQ(read_config_file(), 0);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(rd_config().dc, "NEW-DC-9");
-  EXPECT_EQ(rd_config().ssl_enable_text, "0123456");
-  EXPECT_EQ(rd_config().rd_ver, "1.0.4");
-  EXPECT_EQ(rd_config().mgmt_url_getcert_p, std::string(kBase) + "/rest/getCert/P");
+  EXPECT_EQ(rd_config_copy().dc, "NEW-DC-9");
+  EXPECT_EQ(rd_config_copy().ssl_enable_text, "0123456");
+  EXPECT_EQ(rd_config_copy().rd_ver, "1.0.4");
+  EXPECT_EQ(rd_config_copy().mgmt_url_getcert_p, std::string(kBase) + "/rest/getCert/P");
   EXPECT_EQ(folder_entries(dir_.path()),
             (std::vector<std::string>{"Global_QDX_WIN_010.lock", "bin_crc.txt", "config.ini",
                                       "rd.log"}));
@@ -363,19 +363,19 @@ TEST_F(ConfigTest, HttpsSetApiReseals) {
   write_sealed_config(full_keys());
   write_file("last_acces_time_file", "1700000000");
   ASSERT_EQ(Https_Set_Api("0"), 0);
-  EXPECT_EQ(rd_config().ssl_enable_text, "0");
+  EXPECT_EQ(rd_config_copy().ssl_enable_text, "0");
   EXPECT_EQ(verify_crc(1, "./config.ini", "bin_crc.txt"), 0);
   EXPECT_FALSE(platform::file_exists("last_acces_time_file"));
   testing::internal::CaptureStdout();
   ASSERT_EQ(read_config_file(), 0);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(rd_config().ssl_enabled, 0);
-  EXPECT_EQ(rd_config().dc, "3f2a-77");
+  EXPECT_EQ(rd_config_copy().ssl_enabled, 0);
+  EXPECT_EQ(rd_config_copy().dc, "3f2a-77");
   ASSERT_EQ(Https_Set_Api("1"), 0);  // no access-time file: still fine
   testing::internal::CaptureStdout();
   ASSERT_EQ(read_config_file(), 0);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(rd_config().ssl_enabled, 1);
+  EXPECT_EQ(rd_config_copy().ssl_enabled, 1);
 
   std::remove("config.ini");
   EXPECT_EQ(Https_Set_Api("1"), -1);

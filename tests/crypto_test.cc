@@ -163,8 +163,8 @@ class CryptoTest : public ::testing::Test {
     rd_log_reset_for_test();
     ASSERT_EQ(zlog_init("rd.log"), 0);
     uidai_certs_reset_for_test();
-    rd_config().mgmt_url_register.clear();
-    rd_config().prod_register_url.clear();
+    rd_config_copy().mgmt_url_register.clear();
+    rd_config_copy().prod_register_url.clear();
   }
   void TearDown() override {
     zlog_fini();
@@ -328,8 +328,8 @@ TEST_F(CryptoTest, StagingUsesTheProductionCertificateOnlyForTheProductionServer
     std::filesystem::remove("rd.log");
     zlog_fini();
     ASSERT_EQ(zlog_init("rd.log"), 0);
-    rd_config().mgmt_url_register = c.register_url;
-    rd_config().prod_register_url = c.prod_register_url;
+    rd_config_update([&](RdConfig& r) { r.mgmt_url_register = c.register_url; });
+    rd_config_update([&](RdConfig& r) { r.prod_register_url = c.prod_register_url; });
     set_uidai_prod_checksum(c.wrong_prod_checksum ? std::string(64, '0') : cert_hash(UidaiCert::kProd));
     set_uidai_preprod_checksum(std::string(64, '0'));
     Bytes out;
@@ -497,11 +497,11 @@ TEST_F(CryptoTest, DihHashesTheSixIdentityValues) {
     std::string dpId = "QDX", rdsId = "QDX.WIN.002", rdsVer = "1.0.0", dc = "dc-uuid", mi = "A600", srno = "S123";
   };
   auto apply = [](const Identity& v) {
-    rd_identity().dpId = v.dpId;
-    rd_identity().rdsId = v.rdsId;
-    rd_config().rd_ver = v.rdsVer;
-    rd_config().dc = v.dc;
-    rd_identity().mi = v.mi;
+    rd_identity_update([&](RdIdentity& r) { r.dpId = v.dpId; });
+    rd_identity_update([&](RdIdentity& r) { r.rdsId = v.rdsId; });
+    rd_config_update([&](RdConfig& r) { r.rd_ver = v.rdsVer; });
+    rd_config_update([&](RdConfig& r) { r.dc = v.dc; });
+    rd_identity_update([&](RdIdentity& r) { r.mi = v.mi; });
     set_device_serial(v.srno);
   };
   Identity base;
@@ -581,10 +581,10 @@ class BioSignTest : public CryptoTest {
     nic.ethernet = true;
     nic.name = "eth0";
     platform::set_adapters_for_test(std::vector<platform::Adapter>{nic});
-    rd_identity().scanner_name = "Aratek_A600";
-    rd_identity().rdsId = "QDX.WIN.002";
-    rd_config().dev_pub_key_validity = "1440";
-    rd_config().dc = "8e1f7c3a-dc";
+    rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
+    rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.002"; });
+    rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
+    rd_config_update([&](RdConfig& r) { r.dc = "8e1f7c3a-dc"; });
     semaphore_reset_for_test();
     ASSERT_EQ(init_semaphore(), 0);
   }
@@ -621,7 +621,7 @@ TEST_F(BioSignTest, BioSignVerifiesOverRecordDigestTsAndDc) {
     ASSERT_EQ(rc, 0) << c.ts;
     Sha256Digest digest = sha256(record);
     Bytes signed_bytes(digest.begin(), digest.end());
-    const std::string tail = std::string(c.ts) + rd_config().dc;
+    const std::string tail = std::string(c.ts) + rd_config_copy().dc;
     signed_bytes.insert(signed_bytes.end(), tail.begin(), tail.end());
     EXPECT_TRUE(rsa_sha256_verify(device_public.get(), signed_bytes, decode(bs))) << c.ts;
     signatures.push_back(bs);

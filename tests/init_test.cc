@@ -89,15 +89,15 @@ TEST_F(StartupTest, FirstCallSucceedsAndSecondSkipsOneTimeSteps) {
       << testutil::last_status();
   EXPECT_EQ(read_file("Serial_number"), "SERIAL-A");
   EXPECT_EQ(get_device_serial(), "SERIAL-A");
-  EXPECT_EQ(rd_identity().rdsId, "QDX.WIN.002");
-  EXPECT_EQ(rd_identity().mi, "QDX.ARA.A600.W");
-  EXPECT_EQ(rd_identity().dpId, "KORVANE.QDX");
-  EXPECT_EQ(rd_identity().clId.size(), 5u);
+  EXPECT_EQ(rd_identity_copy().rdsId, "QDX.WIN.002");
+  EXPECT_EQ(rd_identity_copy().mi, "QDX.ARA.A600.W");
+  EXPECT_EQ(rd_identity_copy().dpId, "KORVANE.QDX");
+  EXPECT_EQ(rd_identity_copy().clId.size(), 5u);
   EXPECT_EQ(rd_log_size_limit_kb(), 2048);
-  EXPECT_EQ(rd_identity().device_changed, 1);  // no Serial_number before
+  EXPECT_EQ(rd_identity_copy().device_changed, 1);  // no Serial_number before
 
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  EXPECT_EQ(rd_identity().device_changed, 0);  // same scanner, device certificate present
+  EXPECT_EQ(rd_identity_copy().device_changed, 0);  // same scanner, device certificate present
   std::string log = read_file("rd.log");
   struct {
     const char* text;
@@ -210,15 +210,15 @@ TEST_F(StartupTest, ChangedScannerSetsTheDeviceChangedFlag) {
   testutil::write_file("cert/public/signed_mc.cer", "certificate");
   testutil::write_file("Serial_number", "SERIAL-A");
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  EXPECT_EQ(rd_identity().device_changed, 0);
+  EXPECT_EQ(rd_identity_copy().device_changed, 0);
   sim::write_control(refdll_, {{"serial", "SERIAL-B"}});
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  EXPECT_EQ(rd_identity().device_changed, 1);
+  EXPECT_EQ(rd_identity_copy().device_changed, 1);
   EXPECT_EQ(read_file("Serial_number"), "SERIAL-B");
   EXPECT_NE(read_file("rd.log").find(") - old_serial_number and serial_number are different\n"), std::string::npos);
   fs::remove("cert/public/signed_mc.cer");
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  EXPECT_EQ(rd_identity().device_changed, 1);  // no device certificate: Init must run
+  EXPECT_EQ(rd_identity_copy().device_changed, 1);  // no device certificate: Init must run
   EXPECT_NE(read_file("rd.log").find(") - device public key not present\n"), std::string::npos);
 }
 

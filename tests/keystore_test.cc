@@ -82,11 +82,11 @@ class KeystoreTest : public ::testing::Test {
     ASSERT_EQ(create_Pipe(), 0);
     ASSERT_EQ(zlog_init("rd.log"), 0);
     rd_set_verbose(0);
-    rd_identity().scanner_name = "Aratek_A600";
-    rd_identity().rdsId = "QDX.WIN.002";
-    rd_identity().prefix = "./";
-    rd_identity().appdata.clear();
-    rd_config().dev_pub_key_validity = "1440";
+    rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
+    rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.002"; });
+    rd_identity_update([&](RdIdentity& r) { r.prefix = "./"; });
+    rd_identity_copy().appdata.clear();
+    rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
     std::filesystem::create_directory(work_.file("locks"));
     platform::set_lock_dir_for_test(work_.file("locks"));
     semaphore_reset_for_test();
@@ -309,7 +309,7 @@ TEST_F(KeystoreTest, UnknownRdsIdFailsWithoutRotation) {
   }
 
   std::string cert = "stale";
-  rd_identity().rdsId = "QDX.WIN.005";
+  rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.005"; });
   std::array<std::uint8_t, 32> password{};
   EXPECT_EQ(GetPasswordToEncPrivateKey(&password), -1);
   EXPECT_NE(log().find("Invalid RDS ID"), std::string::npos);
@@ -411,10 +411,10 @@ TEST_F(KeystoreTest, AdaptersAndNodeBase) {
 
   // Without the seam the base is APPDATA as start-up read it, else the platform's folder.
   set_keystore_node_base_for_test("");
-  rd_identity().appdata = "/srv/appdata";
+  rd_identity_update([&](RdIdentity& r) { r.appdata = "/srv/appdata"; });
   EXPECT_EQ(keystore_node_base(), "/srv/appdata");
   EXPECT_EQ(keystore_node_file("QDX.WIN.001"), "/srv/appdata/korvane/QDX.WIN.001/Vexo_001_Node.txt");
-  rd_identity().appdata.clear();
+  rd_identity_copy().appdata.clear();
   EXPECT_EQ(keystore_node_base(), platform::appdata_dir());
 }
 

@@ -24,7 +24,7 @@ class LockTest : public ::testing::Test {
     platform::set_lock_dir_for_test(dir_.path());
     set_lock_timeouts_for_test(kShortMs, kShortMs);
     semaphore_reset_for_test();
-    rd_identity().scanner_name = "Aratek_A600";
+    rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
   }
   void TearDown() override {
     semaphore_reset_for_test();
@@ -103,7 +103,7 @@ TEST_F(LockTest, SecondProcessTimesOutWhileFirstHolds) {
   ASSERT_EQ(Lock_Semaphore(), 0);
   EXPECT_EQ(in_child([] {
               semaphore_reset_for_test();
-              rd_identity().scanner_name = "Aratek_A400";
+              rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A400"; });
               return init_semaphore() == 0 && Lock_Semaphore() == 0 ? 0 : 1;
             }),
             0);
@@ -169,7 +169,7 @@ TEST_F(LockTest, ReleasingAFreeLockFails) {
 TEST_F(LockTest, UnknownScannerAndMissingHandle) {
   ASSERT_EQ(zlog_init("rd.log"), 0);
   EXPECT_EQ(Lock_Semaphore(), -1);  // nothing created yet
-  rd_identity().scanner_name = "Aratek_A900";
+  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A900"; });
   EXPECT_EQ(init_semaphore(), -1);
   EXPECT_EQ(Lock_Semaphore(), -1);
   zlog_fini();
@@ -182,7 +182,7 @@ TEST_F(LockTest, UnknownScannerAndMissingHandle) {
 TEST_F(LockTest, TavioScannerCreatesBothLocks) {
   ASSERT_EQ(zlog_init("rd.log"), 0);
   EXPECT_EQ(Lock_Semaphore_Tavio(), -2);  // not created yet
-  rd_identity().scanner_name = "Tavio_TX9";
+  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Tavio_TX9"; });
   ASSERT_EQ(init_semaphore(), 0);
   EXPECT_TRUE(platform::file_exists(dir_.file("Global_QDX_WIN_009.lock")));
   EXPECT_EQ(Unlock_Semaphore_Tavio(), -1);

@@ -29,7 +29,7 @@ class SimTest : public ::testing::Test {
   void TearDown() override { zlog_fini(); }
 
   void load(const char* scanner = "Aratek_A600") {
-    rd_identity().scanner_name = scanner;
+    rd_identity_update([&](RdIdentity& r) { r.scanner_name = scanner; });
     ASSERT_EQ(0, dll_loading("./RefDll"));
   }
   void control(const sim::Keys& keys) { sim::write_control(refdll_, keys); }
@@ -428,7 +428,7 @@ TEST_F(SimTest, LoadingFailsOnAMissingLibraryOrEntryPoint) {
     const fs::path folder = fs::path(dir_.path()) / ("case" + std::to_string(r));
     const std::string refdll = sim::install_refdll(folder.string());
     rows[r].damage(refdll);
-    rd_identity().scanner_name = rows[r].scanner;
+    rd_identity_update([&](RdIdentity& id) { id.scanner_name = rows[r].scanner; });
     EXPECT_EQ(-1, dll_loading((folder / "RefDll").c_str()));
     EXPECT_NE(std::string::npos, testutil::read_file("rd.log").find(rows[r].log_line));
     EXPECT_EQ(std::string::npos, testutil::read_file("rd.log").find("DLL Loading SUCCESS"));

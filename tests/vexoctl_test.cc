@@ -103,9 +103,9 @@ class VexoctlTest : public ::testing::Test {
     platform::set_lock_dir_for_test(dir_.path());
     set_lock_timeouts_for_test(200, 200);
     semaphore_reset_for_test();
-    rd_identity().scanner_name = "Aratek_A600";
+    rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     ASSERT_EQ(init_semaphore(), 0);
-    rd_config() = RdConfig();
+    rd_config_update([&](RdConfig& r) { r = RdConfig(); });
   }
   void TearDown() override { semaphore_reset_for_test(); }
 
@@ -188,7 +188,7 @@ TEST_F(VexoctlTest, DomainValueFromTheToolGivesTheEndpoints) {
   ASSERT_EQ(run_tool(kTool, {"seal", dir_.file("config.ini")}).rc, 0);
   ASSERT_EQ(read_config_in(dir_.path()), 0);
   const std::string b = kUrl;
-  const RdConfig& c = rd_config();
+  const RdConfig c = rd_config_copy();
   const std::vector<std::pair<std::string, std::string>> endpoints = {
       {c.mgmt_url_register, b + "/rest/register/"},
       {c.mgmt_url_keyrotation, b + "/rest/keyRotation/"},
@@ -227,12 +227,12 @@ TEST_F(VexoctlTest, InitWorkdirLaysOutAStartableFolder) {
   ASSERT_EQ(r.rc, 0) << r.out;
   EXPECT_EQ(verify_crc(1, (wd + "/config.ini").c_str(), (wd + "/bin_crc.txt").c_str()), 0);
   ASSERT_EQ(read_config_in(wd), 0);
-  EXPECT_EQ(rd_config().mgmt_url_register, std::string(kUrl) + "/rest/register/");
-  EXPECT_EQ(rd_config().dc_missing, 1);
-  EXPECT_EQ(rd_config().ssl_enabled, 0);
-  EXPECT_EQ(rd_config().verbose, 0);
-  EXPECT_EQ(rd_config().dev_pub_key_validity, "1440");
-  EXPECT_FALSE(rd_config().rd_ver.empty());
+  EXPECT_EQ(rd_config_copy().mgmt_url_register, std::string(kUrl) + "/rest/register/");
+  EXPECT_EQ(rd_config_copy().dc_missing, 1);
+  EXPECT_EQ(rd_config_copy().ssl_enabled, 0);
+  EXPECT_EQ(rd_config_copy().verbose, 0);
+  EXPECT_EQ(rd_config_copy().dev_pub_key_validity, "1440");
+  EXPECT_FALSE(rd_config_copy().rd_ver.empty());
 
   auto ca = load_cert(wd + "/cert/server.crt");
   ASSERT_NE(ca, nullptr);
@@ -293,7 +293,7 @@ TEST_F(VexoctlTest, InitWorkdirWithTlsMakesAMatchingPair) {
   ASSERT_EQ(stat((wd + "/cert/ssl/private.key").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 077, 0u);
   ASSERT_EQ(read_config_in(wd), 0);
-  EXPECT_EQ(rd_config().ssl_enabled, 1);
+  EXPECT_EQ(rd_config_copy().ssl_enabled, 1);
 
   // A file that is not a certificate is refused.
   write_file("junk.crt", "hello");

@@ -1,4 +1,4 @@
-// config.ini and proxy.ini: reading them into rd_config(), the writers used by
+// config.ini and proxy.ini: reading them into the configuration record, the writers used by
 // the exported setters and the Management operations, and the DOMAIN_NAME
 // codec (Base64 of the AES-256-ECB ciphertext of the Management base URL).
 //
@@ -19,7 +19,7 @@ typedef struct _dictionary_ dictionary;
 constexpr std::size_t kEndpointMax = 512;
 constexpr std::size_t kProxyFieldMax = 1024;
 
-// Checks the seal, then fills rd_config() from config.ini under the scanner
+// Checks the seal, then fills the configuration record from config.ini under the scanner
 // lock. 0; -1 seal, lock, decryption or overlong URL; -2 file not loadable;
 // -4 RD_VER, -18 DEV_PUB_KEY_VALIDITY, -10 dc, -13 DOMAIN_NAME missing;
 // -19 unlock failed. The lock is released and the dictionary freed on every path.
@@ -32,7 +32,7 @@ int WriteToIniFile(dictionary* dict, const char* path);
 // Sets is_ssl_enable (at most 7 characters kept) in config.ini. 0 or -1.
 int write_config_file_ssl_enable(const char* value);
 
-// Fills the proxy fields of rd_config() from proxy.ini (cleared when there is
+// Fills the proxy fields of the configuration record from proxy.ini (cleared when there is
 // no such file). 0 (also without the file) or -1.
 int read_proxy_file();
 // Writes proxy.ini from "URL|USER|PASSWORD" (a fourth field is ignored); the

@@ -29,7 +29,7 @@ int Is_SSL_FilePresent();
 // The scanner's row, or nullptr for an unknown name (exact comparison).
 const ScannerModel* find_scanner_model(const std::string& name);
 
-// Fixed defaults and the identifiers of rd_identity().scanner_name.
+// Fixed defaults and the identifiers of the scanner name.
 // 0, or -1 for an unknown scanner.
 int load_config_file();
 

@@ -41,6 +41,3 @@ bool rd_ssl_enabled() {
   std::lock_guard<std::mutex> lock(g_config_mutex);
   return g_config.ssl_enabled != 0;
 }
-
-RdConfig& rd_config() { return g_config; }
-RdIdentity& rd_identity() { return g_identity; }

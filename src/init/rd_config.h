@@ -67,9 +67,4 @@ void rd_identity_update(const std::function<void(RdIdentity&)>& change);
 std::string rd_scanner_name();
 bool rd_ssl_enabled();
 
-// TRANSITIONAL, being removed: unguarded references to the records. Every
-// call site moves to the copy and update functions above.
-RdConfig& rd_config();
-RdIdentity& rd_identity();
-
 #endif  // VEXO_INIT_RD_CONFIG_H

@@ -131,7 +131,7 @@ int GenerateKeyPair(std::string* cert_pem) {
 
 int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   password->fill(0);
-  const std::string node = keystore_node_file(rd_identity().rdsId);
+  const std::string node = keystore_node_file(rd_identity_copy().rdsId);
   if (node.empty()) {
     RD_ERROR("Invalid RDS_ID");
     return -1;

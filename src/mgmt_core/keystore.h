@@ -79,7 +79,7 @@ int GetHashRDservice(std::array<std::uint8_t, 32>* digest);
 // keystore for the library installed beside it. An empty path restores the default.
 void set_service_module_path(const std::string& path);
 
-// Base folder of the node files: the test override, else rd_identity().appdata,
+// Base folder of the node files: the test override, else the identity record's appdata,
 // else platform::appdata_dir(). An empty dir removes the test override.
 std::string keystore_node_base();
 void set_keystore_node_base_for_test(const std::string& dir);
@@ -88,7 +88,7 @@ void set_keystore_node_base_for_test(const std::string& dir);
 // empty for an identifier outside the table.
 std::string keystore_node_file(const std::string& rds_id);
 
-// rd_identity().prefix followed by rel, e.g. "./keystore/key.hash".
+// the working-folder prefix followed by rel, e.g. "./keystore/key.hash".
 std::string keystore_file_path(const char* rel);
 
 #endif  // VEXO_MGMT_CORE_KEYSTORE_H

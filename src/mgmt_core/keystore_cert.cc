@@ -109,7 +109,7 @@ int mkcert(X509** cert_out, EVP_PKEY** pkey_out, int bits, int serial, long minu
 int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
   private_pem->clear();
   cert_pem->clear();
-  long minutes = std::atol(rd_config().dev_pub_key_validity.c_str());
+  long minutes = std::atol(rd_config_copy().dev_pub_key_validity.c_str());
   RD_INFO("cert expiration mins = %ld", minutes);
   X509* raw_cert = nullptr;
   EVP_PKEY* raw_key = nullptr;

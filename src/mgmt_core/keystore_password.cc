@@ -82,7 +82,8 @@ std::string keystore_node_base() {
     std::lock_guard<std::mutex> lock(g_base_mutex);
     if (!g_base_for_test.empty()) return g_base_for_test;
   }
-  if (!rd_identity().appdata.empty()) return rd_identity().appdata;
+  const std::string appdata = rd_identity_copy().appdata;
+  if (!appdata.empty()) return appdata;
   return platform::appdata_dir();
 }
 
@@ -98,7 +99,7 @@ std::string keystore_node_file(const std::string& rds_id) {
   return "";
 }
 
-std::string keystore_file_path(const char* rel) { return rd_identity().prefix + rel; }
+std::string keystore_file_path(const char* rel) { return rd_identity_copy().prefix + rel; }
 
 int GetDynamickey_For_Encryption(const std::string& node_path, std::string* key) {
   key->clear();
@@ -195,7 +196,7 @@ int GetHashRDservice(std::array<std::uint8_t, 32>* digest) {
 
 int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   password->fill(0);
-  const std::string node = keystore_node_file(rd_identity().rdsId);
+  const std::string node = keystore_node_file(rd_identity_copy().rdsId);
   if (node.empty()) {
     RD_ERROR("Invalid RDS ID");
     return -1;

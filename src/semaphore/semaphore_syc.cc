@@ -63,7 +63,7 @@ void semaphore_reset_for_test() {
 }
 
 int init_semaphore() {
-  const std::string scanner = rd_identity().scanner_name;
+  const std::string scanner = rd_scanner_name();
   const char* name = semaphore_name_for_scanner(scanner.c_str());
   if (name != nullptr && scanner == "Tavio_TX9") {
     if (init_semaphore_Tavio() != 0) return -1;

@@ -7,7 +7,7 @@
 #ifndef VEXO_SEMAPHORE_SEMAPHORE_SYC_H
 #define VEXO_SEMAPHORE_SEMAPHORE_SYC_H
 
-// Creates the lock for rd_identity().scanner_name (and, for "Tavio_TX9", the
+// Creates the lock for the scanner name (and, for "Tavio_TX9", the
 // Tavio lock). 0; -1 unknown scanner ("FP sensor is not valid sensor") or failure.
 int init_semaphore();
 // Waits up to lock_timeout_ms(). 0 acquired; -1 no lock created; -2 time-out or failure.

@@ -173,14 +173,14 @@ int lay_demo_keystore(const Options& o) {
   if (::getcwd(cwd, sizeof cwd) == nullptr) return fail("cannot read the current folder");
   if (::chdir(o.dir.c_str()) != 0) return fail("cannot enter " + o.dir);
   zlog_init("rd.log");  // the keystore's own lines, as the service would write them
-  RdIdentity& id = rd_identity();
-  id.scanner_name = o.scanner;
+  const std::string appdata = platform::appdata_dir();
+  rd_identity_update([&](RdIdentity& id) { id.scanner_name = o.scanner; });
   int rc = load_config_file();
-  id.appdata = platform::appdata_dir();
-  rd_config().dev_pub_key_validity = "1440";
+  rd_identity_update([&](RdIdentity& id) { id.appdata = appdata; });
+  rd_config_update([](RdConfig& c) { c.dev_pub_key_validity = "1440"; });
   set_service_module_path(library);
   std::string cert_pem;
-  if (rc == 0 && !id.appdata.empty()) rc = GenerateKeyPair(&cert_pem);
+  if (rc == 0 && !appdata.empty()) rc = GenerateKeyPair(&cert_pem);
   std::string der;
   if (rc == 0) {
     std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())));
