@@ -163,8 +163,8 @@ class CryptoTest : public ::testing::Test {
     rd_log_reset_for_test();
     ASSERT_EQ(zlog_init("rd.log"), 0);
     uidai_certs_reset_for_test();
-    rd_config_copy().mgmt_url_register.clear();
-    rd_config_copy().prod_register_url.clear();
+    rd_config_update([](RdConfig& r) { r.mgmt_url_register.clear(); });
+    rd_config_update([](RdConfig& r) { r.prod_register_url.clear(); });
   }
   void TearDown() override {
     zlog_fini();

@@ -85,7 +85,7 @@ class KeystoreTest : public ::testing::Test {
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.002"; });
     rd_identity_update([&](RdIdentity& r) { r.prefix = "./"; });
-    rd_identity_copy().appdata.clear();
+    rd_identity_update([](RdIdentity& r) { r.appdata.clear(); });
     rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
     std::filesystem::create_directory(work_.file("locks"));
     platform::set_lock_dir_for_test(work_.file("locks"));
@@ -414,7 +414,7 @@ TEST_F(KeystoreTest, AdaptersAndNodeBase) {
   rd_identity_update([&](RdIdentity& r) { r.appdata = "/srv/appdata"; });
   EXPECT_EQ(keystore_node_base(), "/srv/appdata");
   EXPECT_EQ(keystore_node_file("QDX.WIN.001"), "/srv/appdata/korvane/QDX.WIN.001/Vexo_001_Node.txt");
-  rd_identity_copy().appdata.clear();
+  rd_identity_update([](RdIdentity& r) { r.appdata.clear(); });
   EXPECT_EQ(keystore_node_base(), platform::appdata_dir());
 }
 
