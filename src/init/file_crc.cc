@@ -19,7 +19,9 @@ using CrcRoutine = std::uint16_t (*)(std::uint16_t, const std::uint8_t*, std::si
 // Kinds 1..3 all pick the same routine; entry 0 stands for "no seal".
 constexpr CrcRoutine kRoutines[4] = {nullptr, crc16_update, crc16_update, crc16_update};
 
-bool valid_arguments(std::uint8_t kind, const char* data_path) {
+// Helpers report under the name of the function they serve (caller).
+bool valid_arguments(std::uint8_t kind, const char* data_path, const char* caller) {
+  RD_LOG_AS(caller);
   if (kind > 3 || data_path == nullptr) {
     RD_ERROR("Invalid input parameters");
     return false;
@@ -28,7 +30,8 @@ bool valid_arguments(std::uint8_t kind, const char* data_path) {
 }
 
 // Feeds the whole stream from its start into the routine. 0 or 3.
-int crc_of_stream(FILE* f, const char* name, CrcRoutine routine, std::uint16_t* crc) {
+int crc_of_stream(FILE* f, const char* name, CrcRoutine routine, std::uint16_t* crc, const char* caller) {
+  RD_LOG_AS(caller);
   if (std::fseek(f, 0, SEEK_SET) != 0) {
     RD_ERROR("Error in fseek");
     return 3;
@@ -65,7 +68,7 @@ std::uint16_t crc16_update(std::uint16_t crc, const std::uint8_t* data, std::siz
 
 int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   if (kind == kCrcNone) return 0;
-  if (!valid_arguments(kind, data_path) || crc_path == nullptr) return 3;
+  if (!valid_arguments(kind, data_path, __func__) || crc_path == nullptr) return 3;
   std::uint16_t crc = 0;
   {
     // "ab+" creates a missing data file empty, so its seal can still be made.
@@ -78,7 +81,7 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
       RD_ERROR("Getting file %s size failed", data_path);
       return 3;
     }
-    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc) != 0) return 3;
+    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc, __func__) != 0) return 3;
     std::fseek(f.get(), 0, SEEK_END);
     if (std::fclose(f.release()) != 0) {
       RD_ERROR("Error in closing file %s", data_path);
@@ -108,7 +111,7 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
 
 int verify_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   if (kind == kCrcNone) return 0;
-  if (!valid_arguments(kind, data_path) || crc_path == nullptr) return 3;
+  if (!valid_arguments(kind, data_path, __func__) || crc_path == nullptr) return 3;
   std::uint16_t crc = 0;
   {
     File f(std::fopen(data_path, "rb"));
@@ -131,7 +134,7 @@ int verify_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
       RD_ERROR("ERROR verify_crc: fsize : %d", static_cast<int>(size));
       return 3;
     }
-    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc) != 0) return 3;
+    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc, __func__) != 0) return 3;
   }
   std::uint8_t stored[2];
   {

@@ -10,6 +10,7 @@
 #include "mgmt_core/keystore_internal.h"
 #include "mgmt_core/mgmt_api.h"
 #include "platform/platform.h"
+#include "ssl/secret.h"
 #include "rd_core/aes.h"
 #include "semaphore/semaphore_syc.h"
 
@@ -23,16 +24,6 @@ constexpr const char* kEncKey = "keystore/enc_private_key";
 constexpr const char* kKeyHash = "keystore/key.hash";
 constexpr const char* kPdHash = "keystore/pdHash.hash";
 constexpr const char* kAccessTimeFile = "last_acces_time_file";
-
-// Wipes key material when it goes out of scope, on every path.
-struct WipeOnExit {
-  void* data;
-  std::size_t len;
-  WipeOnExit(void* d, std::size_t n) : data(d), len(n) {}
-  WipeOnExit(const WipeOnExit&) = delete;
-  WipeOnExit& operator=(const WipeOnExit&) = delete;
-  ~WipeOnExit() { OPENSSL_cleanse(data, len); }
-};
 
 // The key file's last-access time as 32-bit seconds, low byte first. 0 or -1.
 int access_stamp(const std::string& path, Stamp* out) {
@@ -50,6 +41,7 @@ bool same_digest(const std::string& stored, const Sha256Digest& digest) {
 // The key has been tampered with: release the caller's lock, ask for a new
 // key, and take the lock again. -100 when the key was replaced, else -1.
 int forced_key_rotation(bool* lock_released) {
+  RD_LOG_AS("GetDevicePrivateKeyFromFile");
   // The rotation takes the scanner lock itself, so the caller's hold must go.
   (void)Unlock_Semaphore();
   if (lock_released) *lock_released = true;
@@ -73,17 +65,13 @@ int forced_key_rotation(bool* lock_released) {
 int GenerateKeyPair(std::string* cert_pem) {
   cert_pem->clear();
   RD_INFO("............................Accessing keystore files.......................");
-  std::string pem;
+  std::string pem_text;
   std::string cert;
-  if (RSA_Generate_key(&pem, &cert) != 0) return -1;
-  struct PemWipe {
-    std::string& s;
-    ~PemWipe() { keystore_detail::wipe(&s); }
-  } pem_wipe{pem};
+  if (RSA_Generate_key(&pem_text, &cert) != 0) return -1;
+  const Secret pem = Secret::adopt(std::move(pem_text));
   RD_INFO("Key pair generation successful");
 
-  Password password{};
-  WipeOnExit password_wipe{password.data(), password.size()};
+  SecretArray<32> password{};
   if (GetPasswordToEncPrivateKey(&password) != 0) {
     RD_ERROR("Error at GetPasswordToEncDecPrivateKey");
     return -1;
@@ -91,7 +79,7 @@ int GenerateKeyPair(std::string* cert_pem) {
   RD_INFO("Password generated successfully");
 
   (void)platform::make_dirs(keystore_file_path("keystore"));
-  const Sha256Digest key_hash = sha256(pem);
+  const Sha256Digest key_hash = sha256(pem.view());
   if (platform::write_file_atomic(keystore_file_path(kKeyHash), key_hash.data(), key_hash.size(), 0600) != 0) {
     RD_ERROR("Error at to create key.hash file");
     return -1;
@@ -100,12 +88,10 @@ int GenerateKeyPair(std::string* cert_pem) {
   RD_VERBOSE("password creation is completed");
 
   std::vector<std::uint8_t> encrypted;
-  if (aes_encrypt(password, std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()),
-                  &encrypted) != 0) {
+  if (aes_encrypt(password, std::span<const std::uint8_t>(pem.bytes(), pem.size()), &encrypted) != 0) {
     RD_ERROR("Error at to do aes encryption of device private key");
     return -1;
   }
-  keystore_detail::wipe(&pem);
   RD_INFO("Private protection is successful");
 
   const std::string key_path = keystore_file_path(kEncKey);
@@ -216,8 +202,7 @@ int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
   if (lock_released) *lock_released = false;
   RD_VERBOSE("Accessing Keystore to get device private key");
 
-  Password password{};
-  WipeOnExit password_wipe{password.data(), password.size()};
+  SecretArray<32> password{};
   int rc = GetPasswordToDecPrivateKey(&password);
   if (rc == -100) return forced_key_rotation(lock_released);
   if (rc != 0) {
@@ -235,18 +220,21 @@ int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
   }
   RD_VERBOSE("Encrypted private key reading successful");
 
-  std::vector<std::uint8_t> plain;
-  if (aes_decrypt(password,
-                  std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(encrypted.data()),
-                                                encrypted.size()),
-                  &plain) != 0) {
+  std::vector<std::uint8_t> decrypted;
+  const int decrypt_rc = aes_decrypt(
+      password,
+      std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(encrypted.data()), encrypted.size()),
+      &decrypted);
+  // From here the plain key lives only in its owner.
+  const Secret plain(std::string_view(reinterpret_cast<const char*>(decrypted.data()), decrypted.size()));
+  cleanse(decrypted.data(), decrypted.size());
+  if (decrypt_rc != 0) {
     RD_ERROR("Decryption of private key is failed");
     return -1;
   }
-  WipeOnExit plain_wipe{plain.data(), plain.size()};
   RD_VERBOSE("decryption of Enc private key is success");
 
-  const Sha256Digest key_hash = sha256(std::span<const std::uint8_t>(plain.data(), plain.size()));
+  const Sha256Digest key_hash = sha256(std::span<const std::uint8_t>(plain.bytes(), plain.size()));
   const std::string hash_path = keystore_file_path(kKeyHash);
   std::string recorded_hash;
   if (platform::read_file(hash_path, &recorded_hash) != 0) {
@@ -276,6 +264,6 @@ int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
     RD_ERROR("Tamper detection failed");
     return -1;
   }
-  pem->assign(reinterpret_cast<const char*>(plain.data()), plain.size());
+  pem->assign(plain.data(), plain.size());
   return 0;
 }

@@ -1,4 +1,5 @@
 // The device key pair and its self-signed certificate.
+#define VEXO_LOG_FILE "keystore"
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -15,6 +16,7 @@
 #include "init/rd_log.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
+#include "ssl/secret.h"
 #include "ssl/openssl_ptr.h"
 
 namespace {
@@ -130,15 +132,17 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
     RD_ERROR("Error at to PEM_write_bio_PrivateKey");
     return -1;
   }
-  std::string key_text;
-  if (bio_text(bio_private.get(), &key_text) != 0) {
+  std::string text;
+  const int read_rc = bio_text(bio_private.get(), &text);
+  Secret key_text = Secret::adopt(std::move(text));
+  // The memory BIO holds a plain copy of the key: cleanse it before it is freed.
+  char* mem = nullptr;
+  long mem_len = BIO_get_mem_data(bio_private.get(), &mem);
+  if (mem != nullptr && mem_len > 0) cleanse(mem, static_cast<std::size_t>(mem_len));
+  if (read_rc != 0) {
     RD_ERROR("Error at to read bio private");
     return -1;
   }
-  // The memory BIO holds a plain copy of the key: wipe it before it is freed.
-  char* mem = nullptr;
-  long mem_len = BIO_get_mem_data(bio_private.get(), &mem);
-  if (mem != nullptr && mem_len > 0) OPENSSL_cleanse(mem, static_cast<std::size_t>(mem_len));
   RD_INFO("private key created successfully");
 
   BioPtr bio_cert(BIO_new(BIO_s_mem()));
@@ -146,7 +150,6 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
   if (!bio_cert || PEM_write_bio_X509(bio_cert.get(), cert.get()) != 1 ||
       bio_text(bio_cert.get(), &cert_text) != 0) {
     RD_ERROR("Error at PEM_write_bio_X509 ");
-    OPENSSL_cleanse(key_text.data(), key_text.size());
     return -1;
   }
   (void)platform::make_dirs(keystore_file_path("cert/public"));
@@ -155,10 +158,9 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
     RD_ERROR("opening public key file failed");
     RD_STATUS("opening device public key file failed : %s ", path.c_str());
     RD_PIPE("10000", "File not found %s\n", path.c_str());
-    OPENSSL_cleanse(key_text.data(), key_text.size());
     return -1;
   }
-  *private_pem = std::move(key_text);
+  private_pem->assign(key_text.data(), key_text.size());
   *cert_pem = std::move(cert_text);
   return 0;
 }

@@ -6,17 +6,17 @@
 #include <cstdint>
 #include <string>
 
+#include "ssl/secret.h"
+
 namespace keystore_detail {
 
-using Password = std::array<std::uint8_t, 32>;
+// Cleansed when it ends.
+using Password = SecretArray<32>;
 using Mac = std::array<std::uint8_t, 6>;
 
 // SHA-256 over digest, address and the dynamic-key text (without terminator).
 Password derive_password(const std::array<std::uint8_t, 32>& digest, const Mac& address,
                          const std::string& dynamic_key);
-
-// Wipes a text that held key material.
-void wipe(std::string* text);
 
 }  // namespace keystore_detail
 

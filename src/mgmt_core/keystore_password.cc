@@ -1,5 +1,6 @@
 // The keystore password's three ingredients (node-file identity, adapter
 // address, service digest) and the encryption-side password.
+#define VEXO_LOG_FILE "keystore"
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
@@ -16,6 +17,7 @@
 #include "mgmt_core/keystore.h"
 #include "mgmt_core/keystore_internal.h"
 #include "platform/platform.h"
+#include "ssl/secret.h"
 
 namespace {
 
@@ -59,17 +61,15 @@ namespace keystore_detail {
 
 Password derive_password(const std::array<std::uint8_t, 32>& digest, const Mac& address,
                          const std::string& dynamic_key) {
-  std::string input(reinterpret_cast<const char*>(digest.data()), digest.size());
-  input.append(reinterpret_cast<const char*>(address.data()), address.size());
-  input += dynamic_key;
-  Password password = sha256(input);
-  wipe(&input);
+  Secret input;
+  input.append(std::string_view(reinterpret_cast<const char*>(digest.data()), digest.size()));
+  input.append(std::string_view(reinterpret_cast<const char*>(address.data()), address.size()));
+  input.append(dynamic_key);
+  Sha256Digest hash = sha256(input.view());
+  Password password{};
+  std::copy(hash.begin(), hash.end(), password.begin());
+  cleanse(hash.data(), hash.size());
   return password;
-}
-
-void wipe(std::string* text) {
-  if (!text->empty()) OPENSSL_cleanse(text->data(), text->size());
-  text->clear();
 }
 
 }  // namespace keystore_detail
@@ -240,10 +240,8 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   const std::string pd_path = keystore_file_path("keystore/pdHash.hash");
   if (platform::write_file_atomic(pd_path, pd_hash.data(), pd_hash.size(), 0600) != 0) {
     RD_ERROR("Error at to open pdHash_file application, path is %s", pd_path.c_str());
-    OPENSSL_cleanse(derived.data(), derived.size());
     return -1;
   }
   *password = derived;
-  OPENSSL_cleanse(derived.data(), derived.size());
   return 0;
 }

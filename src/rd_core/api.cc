@@ -102,6 +102,7 @@ void fill_counts(const PidOptionsRequest& request, PidDataResponse* r) {
 // Copies body and the capture head into the work area. A head too long for
 // its region (an oversized origin) falls back to the form without origin.
 void write_capture_answer(const std::string& body, const char* origin, char* work_area) {
+  RD_LOG_AS("capture");
   std::memcpy(work_area, body.c_str(), body.size() + 1);
   char* head = work_area + kRespHeaderOffset;
   const int len = static_cast<int>(body.size());
@@ -116,6 +117,7 @@ void write_capture_answer(const std::string& body, const char* origin, char* wor
 // Frames and writes a PidData answer. Falls back to the internal-error answer
 // when the document cannot be made or does not fit the response region.
 int send_pid_data(PidDataResponse* r, const char* origin, char* work_area) {
+  RD_LOG_AS("capture");
   std::string body;
   if (FramePidOutputOuterXML(*r, &body) != 0 || body.size() >= kRespBodySize) {
     RD_ERROR("Error at FramePidOutputOuterXML");
@@ -145,6 +147,7 @@ int answer_error(int code, const PidOptionsRequest& request, const EncPidBlock* 
 }
 
 void report_used() {
+  RD_LOG_AS("capture");
   RD_ERROR("RD Service is in USED state, please wait for some time");
   RD_PIPE("5000", "RD Service is in USED state,|please wait for some time\n");
 }

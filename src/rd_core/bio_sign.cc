@@ -9,6 +9,7 @@
 #include "mgmt_core/keystore.h"
 #include "rd_core/dig_sign.h"
 #include "rd_core/pid_crypto.h"
+#include "ssl/secret.h"
 
 int Generate_dih(std::string* dih_text) {
   dih_text->clear();
@@ -29,8 +30,10 @@ int Generate_dih(std::string* dih_text) {
 
 int Generate_bio_sign(std::span<const std::uint8_t> bio, const std::string& ts, std::string* bs_text) {
   bs_text->clear();
-  std::string pem;
-  if (GetDevicePrivateKeyFromFile(&pem) != 0) {
+  std::string pem_text;
+  const int key_rc = GetDevicePrivateKeyFromFile(&pem_text);
+  const Secret pem = Secret::adopt(std::move(pem_text));
+  if (key_rc != 0) {
     RD_ERROR("Error at to GetDevicePrivateKeyFromFile");
     return -1;
   }
@@ -44,9 +47,7 @@ int Generate_bio_sign(std::span<const std::uint8_t> bio, const std::string& ts, 
   message.insert(message.end(), dc.begin(), dc.end());
 
   PkeyPtr key;
-  int rc = make_keys(pem, &key);
-  // The key's PEM text is not needed any longer; do not leave it in memory.
-  OPENSSL_cleanse(pem.data(), pem.size());
+  int rc = make_keys(pem.view(), &key);
   if (rc != 0) {
     RD_ERROR("Error at to make key for digital signing");
     return -1;

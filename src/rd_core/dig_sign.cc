@@ -9,7 +9,7 @@
 #include "init/rd_log.h"
 #include "ssl/openssl_ptr.h"
 
-int make_keys(const std::string& private_key_pem, PkeyPtr* key) {
+int make_keys(std::string_view private_key_pem, PkeyPtr* key) {
   if (key == nullptr) {
     RD_ERROR("skey pointer is null");
     return -1;

@@ -9,13 +9,14 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ssl/openssl_ptr.h"
 
 // Reads the RSA private key in private_key_pem (PKCS#8 or PKCS#1 PEM) into
 // *key, freeing any key it held. 0, or -1 with *key empty.
-int make_keys(const std::string& private_key_pem, PkeyPtr* key);
+int make_keys(std::string_view private_key_pem, PkeyPtr* key);
 // RSA PKCS#1 v1.5 signature with SHA-256 over message into *signature
 // (cleared first). 0, or -1 on an empty message, a missing key or a crypto failure.
 int sign_it(std::span<const std::uint8_t> message, std::vector<std::uint8_t>* signature, EVP_PKEY* key);

@@ -56,7 +56,10 @@ OPJ_BOOL sink_seek(OPJ_OFF_T pos, void* user) {
   return OPJ_TRUE;
 }
 
-void report_error(const char* msg, void* /*user*/) { RD_ERROR("openjpeg: %s", msg); }
+void report_error(const char* msg, void* /*user*/) {
+  RD_LOG_AS("ConvertToJPEG2000");
+  RD_ERROR("openjpeg: %s", msg);
+}
 void ignore_message(const char* /*msg*/, void* /*user*/) {}
 
 }  // namespace

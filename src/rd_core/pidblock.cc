@@ -8,15 +8,12 @@
 
 #include "init/rd_codes.h"
 #include "init/rd_log.h"
+#include "ssl/secret.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/pid_input.h"
 #include "rd_core/pidblock_A600.h"
 #include "rd_core/protobuf_rd.h"
 
-// The driver's reports name GenerateEncPIDBlock, whichever helper makes them.
-#define DRV_INFO(...) rd_log_write(LogLevel::kInfo, __FILE__, "GenerateEncPIDBlock", __LINE__, __VA_ARGS__)
-#define DRV_ERROR(...) rd_log_write(LogLevel::kError, __FILE__, "GenerateEncPIDBlock", __LINE__, __VA_ARGS__)
-#define DRV_STATUS(...) rd_set_last_status(__FILE__, "GenerateEncPIDBlock", __VA_ARGS__)
 
 namespace {
 
@@ -100,23 +97,19 @@ bool build_pid(const PidInput& in, xmlDoc* doc) {
   return true;
 }
 
-// Overwrites secrets before their memory is released.
-void wipe(void* p, std::size_t n) {
-  volatile unsigned char* v = static_cast<volatile unsigned char*>(p);
-  while (n-- > 0) *v++ = 0;
-}
 
 int generate(PidOptionsRequest& request, EncPidBlock* out) {
+  RD_LOG_AS("GenerateEncPIDBlock");
   std::string ts;
   if (capture_timestamp(&ts) != 0) {
-    DRV_ERROR("Error at capture timestamp");
+    RD_ERROR("Error at capture timestamp");
     return rd_codes::kRdInternal;
   }
 
   std::vector<CapturedFinger> fingers;
   int rc = FP_Cap(&fingers, request, ts);
   if (rc != 0) {
-    DRV_ERROR("Error at FP Capture");
+    RD_ERROR("Error at FP Capture");
     if (rc == kCaptureTimedOut || rc == kCaptureFailed) return rc;
     RD_PIPE("5000", "Internal Error\n");
     return rd_codes::kRdInternal;
@@ -124,8 +117,8 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
 
   std::string dih;
   if (Generate_dih(&dih) != 0) {
-    DRV_ERROR("Error at dih generation ...");
-    DRV_STATUS("Error at dih generation ... ");
+    RD_ERROR("Error at dih generation ...");
+    RD_STATUS("Error at dih generation ... ");
     RD_PIPE("10000", "Error at dih generation\n");
     return rd_codes::kRdInternal;
   }
@@ -134,10 +127,10 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
   std::string skey, ci;
   rc = GenerateEncandPlainSessionKey(request.env, key, &skey, &ci);
   if (rc != 0) {
-    DRV_ERROR("Error at GenerateEncandPlainSessionKey ");
-    DRV_STATUS("Error at GenerateEncandPlainSessionKey ");
+    RD_ERROR("Error at GenerateEncandPlainSessionKey ");
+    RD_STATUS("Error at GenerateEncandPlainSessionKey ");
     RD_PIPE("10000", "Error at Generate encrypted and|plain sessionKey\n");
-    wipe(key, sizeof key);
+    cleanse(key, sizeof key);
     return rc;
   }
 
@@ -149,23 +142,23 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
     std::string xml;
     rc = FramePidInnerXML(input, &xml);
     plain.assign(xml.begin(), xml.end());
-    wipe(xml.data(), xml.size());
+    cleanse(xml.data(), xml.size());
   }
   if (rc != 0) {
-    DRV_ERROR("Error at framing the plain pid block");
-    wipe(key, sizeof key);
+    RD_ERROR("Error at framing the plain pid block");
+    cleanse(key, sizeof key);
     return rd_codes::kRdInternal;
   }
   // The plain Pid holds biometric records and the OTP: only its length is told.
-  DRV_INFO("Length of plain pid is %d", static_cast<int>(plain.size()));
+  RD_INFO("Length of plain pid is %d", static_cast<int>(plain.size()));
 
   std::string data, hmac;
   rc = GenerateEncPID_EncPIDHash(plain, key, ts, &data, &hmac);
-  wipe(key, sizeof key);
-  wipe(plain.data(), plain.size());
+  cleanse(key, sizeof key);
+  cleanse(plain.data(), plain.size());
   if (rc != 0) {
-    DRV_ERROR("Error at to generate encrypted pinblock and encrypted pidblock hash");
-    DRV_STATUS("Error at to generate encrypted pinblock and encrypted pidblock hash");
+    RD_ERROR("Error at to generate encrypted pinblock and encrypted pidblock hash");
+    RD_STATUS("Error at to generate encrypted pinblock and encrypted pidblock hash");
     RD_PIPE("10000", "Error at to generate encrypted|pidblock and encrypted pidblock|hash\n");
     return rd_codes::kRdInternal;
   }
@@ -217,7 +210,7 @@ int FramePidInnerXML(const PidInput& in, std::string* xml) {
     return -1;
   }
   xml->assign(reinterpret_cast<const char*>(buf), static_cast<std::size_t>(size));
-  wipe(buf, static_cast<std::size_t>(size));
+  cleanse(buf, static_cast<std::size_t>(size));
   xmlFree(buf);
   return 0;
 }

@@ -31,6 +31,7 @@ constexpr const char* kHandheldScanner = "Tavio_TX9";
 
 // Opens folder/dll (or finds it already open). nullptr after logging the failure.
 void* open_library(const char* folder, const char* dll) {
+  RD_LOG_AS("dll_loading");
   const std::string path = platform::library_path(folder, dll);
   auto it = g_handles.find(path);
   if (it != g_handles.end()) return it->second;
@@ -46,6 +47,7 @@ void* open_library(const char* folder, const char* dll) {
 // Looks up one entry point into *fn. false after logging which one is missing.
 template <typename Fn>
 bool resolve(void* lib, const char* dll, const char* name, Fn* fn) {
+  RD_LOG_AS("dll_loading");
   void* sym = platform::library_symbol(lib, name);
   if (sym == nullptr) {
     RD_ERROR("Entry point %s not found in %s", name, dll);

@@ -83,6 +83,7 @@ int to_int(const std::string& text) {
 // included); a longer value is refused rather than cut.
 bool copy_bounded(const std::string& value, std::size_t capacity, const char* what,
                   std::string* field) {
+  RD_LOG_AS("Parse_XML_Request");
   if (value.size() >= capacity) {
     RD_ERROR("Invalid pidoption input : %s value is too long", what);
     return false;
@@ -138,6 +139,7 @@ bool is_ascii(const std::string& value) {
 template <typename Group, std::size_t N>
 int read_demo_group(xmlDoc* doc, const xmlNode* node, const DemoField<Group> (&fields)[N],
                     Group* group) {
+  RD_LOG_AS("Parse_XML_Request");
   group->given = 1;
   for (const xmlAttr* a = node->properties; a != nullptr; a = a->next) {
     for (const auto& field : fields) {
@@ -185,6 +187,7 @@ int read_demo(xmlDoc* doc, const xmlNode* demo, PidOptionsRequest* request) {
 // Walks the attributes of one Opts element in document order. 0 or the code
 // of the first fault.
 int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std::string* raw_posh) {
+  RD_LOG_AS("Parse_XML_Request");
   for (const xmlAttr* a = opts->properties; a != nullptr; a = a->next) {
     const std::string value = attribute_value(doc, a);
     if (name_is(a->name, "fCount")) {
@@ -259,6 +262,7 @@ int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std:
 
 // Settles the positions after an Opts element. 0 or 220.
 int settle_positions(const std::string& raw_posh, PidOptionsRequest* request) {
+  RD_LOG_AS("Parse_XML_Request");
   const bool both_kinds = request->fType == 2 && request->fCount >= 2;
   if (raw_posh.empty()) {
     if (both_kinds) {

@@ -6,7 +6,9 @@
 #ifndef VEXO_SSL_SECRET_H
 #define VEXO_SSL_SECRET_H
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -50,5 +52,12 @@ class Secret {
 
 // Cleanses len bytes at p (OPENSSL_cleanse). For buffers that cannot be a Secret.
 void cleanse(void* p, std::size_t len);
+
+// A fixed-size key (passwords, AES keys) that is cleansed when it ends. It is
+// a std::array, so it goes wherever a key array is expected.
+template <std::size_t N>
+struct SecretArray : std::array<std::uint8_t, N> {
+  ~SecretArray() { cleanse(this->data(), N); }
+};
 
 #endif  // VEXO_SSL_SECRET_H
