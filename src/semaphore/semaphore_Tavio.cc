@@ -10,7 +10,8 @@ namespace {
 constexpr unsigned kTavioLockTimeoutMs = 2000;
 
 std::atomic<unsigned> g_tavio_timeout_ms{kTavioLockTimeoutMs};
-platform::LocalLock* g_tavio = nullptr;
+// Created by start-up before the accept thread exists; read through the atomic.
+std::atomic<platform::LocalLock*> g_tavio{nullptr};
 
 }  // namespace
 
@@ -26,12 +27,12 @@ int init_semaphore_Tavio() {
     RD_ERROR("Error in creation of Tavio Semaphore");
     return -1;
   }
-  g_tavio = lock;
+  g_tavio.store(lock);
   return 0;
 }
 
 int Lock_Semaphore_Tavio() {
-  int rc = platform::local_lock_acquire(g_tavio, tavio_lock_timeout_ms());
+  int rc = platform::local_lock_acquire(g_tavio.load(), tavio_lock_timeout_ms());
   if (rc == 1) {
     RD_ERROR("sem_timedwait Tavio timeout");
     return -2;
@@ -45,7 +46,7 @@ int Lock_Semaphore_Tavio() {
 }
 
 int Unlock_Semaphore_Tavio() {
-  if (platform::local_lock_release(g_tavio) != 0) {
+  if (platform::local_lock_release(g_tavio.load()) != 0) {
     RD_ERROR("error at sem_release for Tavio Semaphore");
     return -1;
   }
@@ -53,7 +54,6 @@ int Unlock_Semaphore_Tavio() {
 }
 
 int close_semaphore_Tavio() {
-  platform::local_lock_destroy(g_tavio);
-  g_tavio = nullptr;
+  platform::local_lock_destroy(g_tavio.exchange(nullptr));
   return 0;
 }

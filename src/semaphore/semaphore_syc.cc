@@ -28,9 +28,11 @@ constexpr unsigned kLockTimeoutMs = 20000;
 
 std::atomic<unsigned> g_timeout_ms{kLockTimeoutMs};
 // The handle from creation and the one used for waiting and releasing; both
-// name the same lock. Set once at start-up, never closed.
+// name the same lock. Written only by init_semaphore during start-up (before
+// the accept thread exists) and by the test seam; request threads load the
+// handle through the atomic. Never closed while the service runs.
 platform::NamedLock* g_created = nullptr;
-platform::NamedLock* g_opened = nullptr;
+std::atomic<platform::NamedLock*> g_opened{nullptr};
 const char* g_opened_name = nullptr;
 
 }  // namespace
@@ -55,9 +57,8 @@ void set_lock_timeouts_for_test(unsigned scanner_ms, unsigned tavio_ms) {
 
 void semaphore_reset_for_test() {
   platform::named_lock_close(g_created);
-  platform::named_lock_close(g_opened);
+  platform::named_lock_close(g_opened.exchange(nullptr));
   g_created = nullptr;
-  g_opened = nullptr;
   g_opened_name = nullptr;
   close_semaphore_Tavio();
 }
@@ -87,19 +88,20 @@ int init_semaphore() {
     RD_ERROR("scanner name is not a valid name");
     return -1;
   }
-  platform::named_lock_close(g_opened);
   // A failed open is only noticed by Lock_Semaphore, as "openSemaphore error".
-  g_opened = platform::named_lock_open(name);
-  g_opened_name = g_opened != nullptr ? name : nullptr;
+  platform::NamedLock* opened = platform::named_lock_open(name);
+  platform::named_lock_close(g_opened.exchange(opened));
+  g_opened_name = opened != nullptr ? name : nullptr;
   return 0;
 }
 
 int Lock_Semaphore() {
-  if (g_opened == nullptr) {
+  platform::NamedLock* lock = g_opened.load();
+  if (lock == nullptr) {
     RD_ERROR("openSemaphore error");
     return -1;
   }
-  int rc = platform::named_lock_acquire(g_opened, lock_timeout_ms());
+  int rc = platform::named_lock_acquire(lock, lock_timeout_ms());
   if (rc == 1) {
     RD_ERROR("sem_timedwait timeout");
     return -2;
@@ -113,7 +115,7 @@ int Lock_Semaphore() {
 }
 
 int Unlock_Semaphore() {
-  if (platform::named_lock_release(g_opened) != 0) {
+  if (platform::named_lock_release(g_opened.load()) != 0) {
     RD_ERROR("error at sem_release");
     return -1;
   }

@@ -4,6 +4,11 @@
 // reading and key rotation across processes; the Tavio lock serialises the
 // handheld device's commands inside one process. Both are binary: any thread
 // may release. Results are those of the design: 0, -1, -2.
+//
+// The lock handles are made by init_semaphore (and init_semaphore_Tavio)
+// during start-up, before Start_RDservice starts the accept thread, and kept
+// for the life of the process; request threads read them through atomics.
+// Prefer the scoped owners of device_lock.h to the Lock/Unlock pairs.
 #ifndef VEXO_SEMAPHORE_SEMAPHORE_SYC_H
 #define VEXO_SEMAPHORE_SEMAPHORE_SYC_H
 
