@@ -14,6 +14,7 @@
 
 #include "http/work_area.h"
 #include "init/init.h"
+#include "mgmt_core/keystore.h"
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "init/rd_status.h"
@@ -80,6 +81,45 @@ class StartupTest : public ::testing::Test {
   testutil::PipeReader pipe_{dir_.path()};
   std::string refdll_;
 };
+
+// The library says nothing on standard output or standard error at Verbose 0
+// and 1: no URL, no adapter list, no INI dump, no key material. At Verbose 2
+// its debugging lines appear, still without key material.
+TEST_F(StartupTest, NothingOnStandardOutputUnlessDebugging) {
+  for (int verbose : {0, 1, 2}) {
+    SCOPED_TRACE(verbose);
+    layout(false);
+    const std::string config = read_file("config.ini");
+    const std::size_t at = config.find("Verbose");
+    ASSERT_NE(at, std::string::npos) << config;
+    std::string edited = config.substr(0, at) + "Verbose = " + std::to_string(verbose) +
+                         config.substr(config.find('\n', at));
+    testutil::write_file("config.ini", edited);
+    ASSERT_EQ(run(vexoctl() + " seal config.ini > /dev/null"), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int rc = Initialize_process("Aratek_A600");
+    std::string cert_pem, key_pem;
+    const int key_rc = GenerateKeyPair(&cert_pem);
+    const int read_rc = GetDevicePrivateKeyFromFile(&key_pem);
+    EXPECT_EQ(Set_Proxy_Api("http://proxy:3128|bob|s3cret"), 0);
+    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string err = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(rc, 0) << testutil::last_status();
+    ASSERT_EQ(key_rc, 0);
+    ASSERT_EQ(read_rc, 0);
+    EXPECT_EQ(err, "");
+    if (verbose < 2) {
+      EXPECT_EQ(out, "");
+    } else {
+      EXPECT_NE(out.find("URL is: https://mgmt.test/Zelm"), std::string::npos) << out;
+    }
+    EXPECT_EQ(out.find("PRIVATE KEY"), std::string::npos);
+    EXPECT_EQ(out.find("s3cret"), std::string::npos);
+    init_reset_for_test();
+    semaphore_reset_for_test();
+  }
+}
 
 TEST_F(StartupTest, FirstCallSucceedsAndSecondSkipsOneTimeSteps) {
   fs::create_directories("cert/public");
