@@ -32,6 +32,7 @@
 #include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
+#include "test_crypto.h"
 #include "test_util.h"
 #include "vexo.h"
 
@@ -40,21 +41,6 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct CtxFree {
-  void operator()(EVP_PKEY_CTX* c) const { EVP_PKEY_CTX_free(c); }
-};
-struct CipherFree {
-  void operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
-};
-struct MdFree {
-  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
-};
 struct DocFree {
   void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
 };
@@ -71,78 +57,13 @@ Bytes b64(const std::string& text) {
 
 std::string as_text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
-// The test's UIDAI key pair: a self-signed certificate that expires on
-// 2031-03-09, placed where the service looks for its UIDAI certificates.
-struct UidaiKey {
-  std::unique_ptr<EVP_PKEY, PkeyFree> key;
-  std::string pem;
-};
-
-UidaiKey make_uidai_certificate() {
-  UidaiKey out;
-  out.key.reset(EVP_RSA_gen(2048));
-  std::unique_ptr<X509, X509Free> cert(X509_new());
-  X509_set_version(cert.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 7);
-  ASN1_TIME_set_string(X509_getm_notBefore(cert.get()), "20240101000000Z");
-  ASN1_TIME_set_string(X509_getm_notAfter(cert.get()), "20310309120000Z");
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Test UIDAI"), -1,
-                             -1, 0);
-  X509_set_issuer_name(cert.get(), name);
-  X509_set_pubkey(cert.get(), out.key.get());
-  X509_sign(cert.get(), out.key.get(), EVP_sha256());
-  BIO* bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_X509(bio, cert.get());
-  char* data = nullptr;
-  long len = BIO_get_mem_data(bio, &data);
-  out.pem.assign(data, static_cast<std::size_t>(len));
-  BIO_free(bio);
-  return out;
-}
-
-Bytes rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
-  std::unique_ptr<EVP_PKEY_CTX, CtxFree> ctx(EVP_PKEY_CTX_new(key, nullptr));
-  EVP_PKEY_decrypt_init(ctx.get());
-  EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING);
-  std::size_t len = 0;
-  EVP_PKEY_decrypt(ctx.get(), nullptr, &len, wrapped.data(), wrapped.size());
-  Bytes out(len);
-  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) return {};
-  out.resize(len);
-  return out;
-}
-
-// AES-256-GCM open; false when the tag does not match.
-bool gcm_open(const Bytes& key, const std::string& iv, const std::string& aad, const Bytes& cipher,
-              const Bytes& tag, Bytes* plain) {
-  std::unique_ptr<EVP_CIPHER_CTX, CipherFree> ctx(EVP_CIPHER_CTX_new());
-  EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr);
-  EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()), nullptr);
-  EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key.data(), reinterpret_cast<const unsigned char*>(iv.data()));
-  int n = 0;
-  EVP_DecryptUpdate(ctx.get(), nullptr, &n, reinterpret_cast<const unsigned char*>(aad.data()),
-                    static_cast<int>(aad.size()));
-  plain->assign(cipher.size() + 16, 0);
-  EVP_DecryptUpdate(ctx.get(), plain->data(), &n, cipher.data(), static_cast<int>(cipher.size()));
-  int total = n;
-  EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, const_cast<std::uint8_t*>(tag.data()));
-  if (EVP_DecryptFinal_ex(ctx.get(), plain->data() + total, &n) != 1) return false;
-  plain->resize(static_cast<std::size_t>(total + n));
-  return true;
-}
-
 // The device certificate's public key verifies bs over SHA-256(record) + ts + dc.
 bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts, const std::string& dc,
                const std::string& bs) {
   Sha256Digest digest = sha256(record);
   std::string message(digest.begin(), digest.end());
   message += ts + dc;
-  Bytes sig = b64(bs);
-  std::unique_ptr<EVP_MD_CTX, MdFree> ctx(EVP_MD_CTX_new());
-  EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, device_key);
-  return EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), reinterpret_cast<const unsigned char*>(message.data()),
-                          message.size()) == 1;
+  return testcrypto::rsa_sha256_verify(device_key, message, b64(bs));
 }
 
 std::map<std::string, std::string> attributes(xmlNode* node) {
@@ -217,10 +138,10 @@ class CaptureEndToEnd : public ::testing::Test {
     platform::set_adapters_for_test(std::vector<platform::Adapter>{eth});
     set_capture_timing_for_test(CaptureTiming{1, 1, 1, 20, 5});
 
-    uidai_ = make_uidai_certificate();
+    uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
     for (const char* name : {"stage.pem", "preprod.pem", "prod.pem", "prod_old.pem"}) {
-      testutil::write_file(std::string("cert/uidai/") + name, uidai_.pem);
+      testutil::write_file(std::string("cert/uidai/") + name, uidai_.cert_pem);
     }
 
     ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
@@ -260,25 +181,9 @@ class CaptureEndToEnd : public ::testing::Test {
 
   // Opens Skey, Data and Hmac of a successful answer; returns the plain Pid and its ts.
   Bytes open_pid(const PidData& p, std::string* ts) {
-    Bytes key = rsa_unwrap(uidai_.key.get(), b64(p.skey));
-    EXPECT_EQ(key.size(), 32u);
-    Bytes data = b64(p.data);
-    EXPECT_GT(data.size(), 19u + 16u);
-    if (data.size() <= 35) return {};
-    *ts = std::string(data.begin(), data.begin() + 19);
-    const std::string iv = ts->substr(19 - 12), aad = ts->substr(19 - 16);
-    Bytes cipher(data.begin() + 19, data.end() - 16), tag(data.end() - 16, data.end());
-    Bytes plain;
-    EXPECT_TRUE(gcm_open(key, iv, aad, cipher, tag, &plain)) << "Data tag";
-    Bytes hmac = b64(p.hmac);
-    EXPECT_EQ(hmac.size(), 48u);
-    Bytes digest;
-    EXPECT_TRUE(gcm_open(key, iv, aad, Bytes(hmac.begin(), hmac.begin() + 32), Bytes(hmac.begin() + 32, hmac.end()),
-                         &digest))
-        << "Hmac tag";
-    Sha256Digest expected = sha256(plain);
-    EXPECT_EQ(digest, Bytes(expected.begin(), expected.end()));
-    return plain;
+    std::optional<Bytes> plain = testcrypto::open_pid(uidai_.key.get(), p.skey, p.data, p.hmac, ts);
+    EXPECT_TRUE(plain.has_value()) << "Skey, Data and Hmac do not open";
+    return plain.value_or(Bytes{});
   }
 
   std::string expected_dih() {
@@ -295,8 +200,8 @@ class CaptureEndToEnd : public ::testing::Test {
   testutil::WorkDir dir_;
   testutil::PipeReader pipe_{dir_.path()};
   std::string refdll_;
-  UidaiKey uidai_;
-  std::unique_ptr<X509, X509Free> device_cert_;
+  testcrypto::KeyAndCert uidai_;
+  X509Ptr device_cert_;
   int port_ = 0;
 };
 

@@ -33,6 +33,7 @@
 #include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
+#include "test_crypto.h"
 #include "test_util.h"
 
 namespace {
@@ -40,19 +41,6 @@ namespace {
 const char kTs[] = "2016-01-21T12:34:56";
 const char kDc[] = "TESTDC-0001";
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free(b); }
-};
-struct CtxFree {
-  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 
 // The simulator libraries stay loaded for the life of the process, so one copy
 // of them per process, removed when the program ends.
@@ -80,11 +68,7 @@ class SimFolder : public ::testing::Environment {
 };
 const auto* const g_sim_env = ::testing::AddGlobalTestEnvironment(new SimFolder);
 
-PkeyPtr public_key_of(const std::string& cert_pem) {
-  std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())));
-  std::unique_ptr<X509, X509Free> x(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-  return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
-}
+PkeyPtr public_key_of(const std::string& cert_pem) { return testcrypto::public_key_of_cert(cert_pem); }
 
 // bs must be the device key's RSA-SHA256 signature over SHA-256(record) + ts + dc.
 bool verify_bs(EVP_PKEY* key, const BioRecord& record, const std::string& ts) {
@@ -94,10 +78,7 @@ bool verify_bs(EVP_PKEY* key, const BioRecord& record, const std::string& ts) {
   std::string msg(d.begin(), d.end());
   msg += ts;
   msg += kDc;
-  std::unique_ptr<EVP_MD_CTX, CtxFree> ctx(EVP_MD_CTX_new());
-  return EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
-         EVP_DigestVerify(ctx.get(), sig.data(), sig.size(),
-                          reinterpret_cast<const unsigned char*>(msg.data()), msg.size()) == 1;
+  return testcrypto::rsa_sha256_verify(key, msg, sig);
 }
 
 unsigned be(const std::vector<std::uint8_t>& b, std::size_t off, int n) {
@@ -438,65 +419,6 @@ TEST_F(CaptureTest, NoFingersAndUnreadableKey) {
 
 // ------------------------------------------------------------------ capture driver
 
-struct UidaiKey {
-  PkeyPtr key;
-  std::string cert_pem;
-};
-
-// A stand-in UIDAI key pair; the certificate goes where the production one is read.
-UidaiKey make_uidai_cert() {
-  UidaiKey k;
-  k.key.reset(EVP_RSA_gen(2048));
-  std::unique_ptr<X509, X509Free> x(X509_new());
-  X509_set_version(x.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(x.get()), 7);
-  ASN1_TIME_set_string(X509_getm_notBefore(x.get()), "20200101000000Z");
-  ASN1_TIME_set_string(X509_getm_notAfter(x.get()), "20340309120000Z");
-  X509_NAME* name = X509_get_subject_name(x.get());
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Test UIDAI"), -1, -1, 0);
-  X509_set_issuer_name(x.get(), name);
-  X509_set_pubkey(x.get(), k.key.get());
-  X509_sign(x.get(), k.key.get(), EVP_sha256());
-  std::unique_ptr<BIO, BioFree> bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(bio.get(), x.get());
-  char* data = nullptr;
-  long len = BIO_get_mem_data(bio.get(), &data);
-  k.cert_pem.assign(data, static_cast<std::size_t>(len));
-  return k;
-}
-
-std::vector<std::uint8_t> rsa_unwrap(EVP_PKEY* key, const std::vector<std::uint8_t>& in) {
-  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr), EVP_PKEY_CTX_free);
-  std::vector<std::uint8_t> out(512);
-  std::size_t len = out.size();
-  if (EVP_PKEY_decrypt_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      EVP_PKEY_decrypt(ctx.get(), out.data(), &len, in.data(), in.size()) != 1) {
-    return {};
-  }
-  out.resize(len);
-  return out;
-}
-
-// AES-256-GCM decryption with the vector and additional data taken from ts.
-bool gcm_open(const std::vector<std::uint8_t>& key, const std::string& ts, const std::uint8_t* cipher,
-              std::size_t len, const std::uint8_t* tag, std::vector<std::uint8_t>* plain) {
-  const std::string iv = ts.substr(7, 12), aad = ts.substr(3, 16);
-  std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
-  int n = 0, fin = 0;
-  plain->assign(len + 16, 0);
-  bool ok = EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) == 1 &&
-            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, 12, nullptr) == 1 &&
-            EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key.data(),
-                               reinterpret_cast<const unsigned char*>(iv.data())) == 1 &&
-            EVP_DecryptUpdate(ctx.get(), nullptr, &n, reinterpret_cast<const unsigned char*>(aad.data()),
-                              static_cast<int>(aad.size())) == 1 &&
-            EVP_DecryptUpdate(ctx.get(), plain->data(), &n, cipher, static_cast<int>(len)) == 1 &&
-            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, const_cast<std::uint8_t*>(tag)) == 1 &&
-            EVP_DecryptFinal_ex(ctx.get(), plain->data() + n, &fin) == 1;
-  plain->resize(ok ? static_cast<std::size_t>(n + fin) : 0);
-  return ok;
-}
-
 struct PidFree {
   void operator()(In__Gov__Uidai__Authserver__Protobuf__Pid* p) const {
     in__gov__uidai__authserver__protobuf__pid__free_unpacked(p, nullptr);
@@ -504,7 +426,7 @@ struct PidFree {
 };
 
 TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
-  UidaiKey uidai = make_uidai_cert();
+  testcrypto::KeyAndCert uidai = testcrypto::make_self_signed("Test UIDAI", "20200101000000Z", "20340309120000Z");
   std::filesystem::create_directories("cert/uidai");
   testutil::write_file("cert/uidai/prod.pem", uidai.cert_pem);
   std::string dih;
@@ -524,21 +446,10 @@ TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
     EXPECT_EQ(out.qScore, (std::vector<int>{70, 55}));
     EXPECT_EQ(out.ci, "20340309");
 
-    std::vector<std::uint8_t> wrapped, data, hmac;
-    ASSERT_EQ(Base64Decode(out.skey, &wrapped), 0);
-    std::vector<std::uint8_t> key = rsa_unwrap(uidai.key.get(), wrapped);
-    ASSERT_EQ(key.size(), 32u);
-    ASSERT_EQ(Base64Decode(out.data, &data), 0);
-    ASSERT_GT(data.size(), 19u + 16u);
-    const std::string ts(data.begin(), data.begin() + 19);
-    std::vector<std::uint8_t> plain;
-    ASSERT_TRUE(gcm_open(key, ts, data.data() + 19, data.size() - 35, data.data() + data.size() - 16, &plain));
-    ASSERT_EQ(Base64Decode(out.hmac, &hmac), 0);
-    ASSERT_EQ(hmac.size(), 48u);
-    std::vector<std::uint8_t> digest;
-    ASSERT_TRUE(gcm_open(key, ts, hmac.data(), 32, hmac.data() + 32, &digest));
-    Sha256Digest want = sha256(plain);
-    EXPECT_EQ(digest, std::vector<std::uint8_t>(want.begin(), want.end()));
+    std::string ts;
+    std::optional<std::vector<std::uint8_t>> opened = testcrypto::open_pid(uidai.key.get(), out.skey, out.data, out.hmac, &ts);
+    ASSERT_TRUE(opened.has_value());
+    const std::vector<std::uint8_t>& plain = *opened;
 
     // The plain block: records in capture order, each signed with this ts.
     struct Bio {

@@ -26,29 +26,20 @@
 #include "rd_core/pid_crypto.h"
 #include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
+#include "test_crypto.h"
 #include "test_util.h"
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+using testcrypto::gcm_open;
+using testcrypto::private_key_pem;
+using testcrypto::public_key_of_cert;
+using testcrypto::rsa_sha256_verify;
+using testcrypto::rsa_unwrap;
 using testutil::read_file;
 
-// unique_ptr deleter calling an OpenSSL free function.
-template <auto Fn>
-struct Free {
-  template <class T>
-  void operator()(T* p) const { Fn(p); }
-};
-using BioPtr = std::unique_ptr<BIO, Free<BIO_free_all>>;
-using X509Ptr = std::unique_ptr<X509, Free<X509_free>>;
-
 Bytes bytes_of(const std::string& s) { return Bytes(s.begin(), s.end()); }
-
-std::string bio_text(BIO* mem) {
-  char* data = nullptr;
-  long len = BIO_get_mem_data(mem, &data);
-  return std::string(data, static_cast<std::size_t>(len));
-}
 
 // One RSA-2048 key per test process stands in for UIDAI's and the device's keys.
 EVP_PKEY* test_key() {
@@ -56,84 +47,9 @@ EVP_PKEY* test_key() {
   return key.get();
 }
 
-// A self-signed certificate over key whose not-after is not_after ("YYYYMMDDHHMMSSZ").
+// A self-signed certificate over the test key whose not-after is not_after.
 std::string make_cert_pem(EVP_PKEY* key, const char* not_after) {
-  X509Ptr x(X509_new());
-  X509_set_version(x.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(x.get()), 1);
-  X509_gmtime_adj(X509_getm_notBefore(x.get()), 0);
-  EXPECT_EQ(ASN1_TIME_set_string_X509(X509_getm_notAfter(x.get()), not_after), 1);
-  X509_set_pubkey(x.get(), key);
-  X509_NAME* name = X509_get_subject_name(x.get());
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Test UIDAI"), -1,
-                             -1, 0);
-  X509_set_issuer_name(x.get(), name);
-  EXPECT_GT(X509_sign(x.get(), key, EVP_sha256()), 0);
-  BioPtr mem(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(mem.get(), x.get());
-  return bio_text(mem.get());
-}
-
-PkeyPtr public_key_of_cert(const std::string& pem) {
-  BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  X509Ptr x(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-  return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
-}
-
-std::string private_key_pem(EVP_PKEY* key, bool pkcs8) {
-  BioPtr mem(BIO_new(BIO_s_mem()));
-  if (pkcs8) {
-    PEM_write_bio_PrivateKey(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  } else {
-    PEM_write_bio_PrivateKey_traditional(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  }
-  return bio_text(mem.get());
-}
-
-std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
-  std::unique_ptr<EVP_PKEY_CTX, Free<EVP_PKEY_CTX_free>> ctx(EVP_PKEY_CTX_new(key, nullptr));
-  std::size_t len = 0;
-  if (EVP_PKEY_decrypt_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      EVP_PKEY_decrypt(ctx.get(), nullptr, &len, wrapped.data(), wrapped.size()) != 1) {
-    return std::nullopt;
-  }
-  Bytes out(len);
-  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) return std::nullopt;
-  out.resize(len);
-  return out;
-}
-
-// AES-256-GCM decryption; nullopt when the tag does not verify.
-std::optional<Bytes> gcm_open(const std::uint8_t* key, const std::string& iv, const std::string& aad,
-                              const Bytes& cipher, const Bytes& tag) {
-  std::unique_ptr<EVP_CIPHER_CTX, Free<EVP_CIPHER_CTX_free>> ctx(EVP_CIPHER_CTX_new());
-  int len = 0;
-  Bytes out(cipher.size() + 16);
-  if (EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) != 1 ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()), nullptr) != 1 ||
-      EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key, reinterpret_cast<const std::uint8_t*>(iv.data())) != 1 ||
-      EVP_DecryptUpdate(ctx.get(), nullptr, &len, reinterpret_cast<const std::uint8_t*>(aad.data()),
-                        static_cast<int>(aad.size())) != 1) {
-    return std::nullopt;
-  }
-  int n1 = 0, n2 = 0;
-  if (!cipher.empty() &&
-      EVP_DecryptUpdate(ctx.get(), out.data(), &n1, cipher.data(), static_cast<int>(cipher.size())) != 1) {
-    return std::nullopt;
-  }
-  Bytes t = tag;
-  if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, t.data()) != 1 ||
-      EVP_DecryptFinal_ex(ctx.get(), out.data() + n1, &n2) != 1) {
-    return std::nullopt;
-  }
-  out.resize(static_cast<std::size_t>(n1 + n2));
-  return out;
-}
-
-bool rsa_sha256_verify(EVP_PKEY* key, const Bytes& message, const Bytes& sig) {
-  std::unique_ptr<EVP_MD_CTX, Free<EVP_MD_CTX_free>> ctx(EVP_MD_CTX_new());
-  return EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
-         EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), message.data(), message.size()) == 1;
+  return testcrypto::make_cert_pem(key, "Test UIDAI", "20200101000000Z", not_after);
 }
 
 Bytes decode(const std::string& text) {
@@ -447,19 +363,19 @@ TEST_F(CryptoTest, DataAndHmacOpenWithTheSessionKey) {
     EXPECT_EQ(std::string(data.begin(), data.begin() + 19), ts);
     Bytes cipher(data.begin() + 19, data.end() - 16);
     Bytes tag(data.end() - 16, data.end());
-    std::optional<Bytes> plain = gcm_open(key, iv, aad, cipher, tag);
+    std::optional<Bytes> plain = gcm_open(Bytes(key, key + 32), iv, aad, cipher, tag);
     ASSERT_TRUE(plain.has_value());
     EXPECT_EQ(*plain, pid);
     // The tag covers the additional data and the ciphertext.
-    EXPECT_FALSE(gcm_open(key, iv, "7-01-21T12:34:56", cipher, tag).has_value());
+    EXPECT_FALSE(gcm_open(Bytes(key, key + 32), iv, "7-01-21T12:34:56", cipher, tag).has_value());
     Bytes bad_tag = tag;
     bad_tag[0] ^= 1;
-    EXPECT_FALSE(gcm_open(key, iv, aad, cipher, bad_tag).has_value());
+    EXPECT_FALSE(gcm_open(Bytes(key, key + 32), iv, aad, cipher, bad_tag).has_value());
 
     Bytes hmac = decode(hmac_text);
     ASSERT_EQ(hmac.size(), 48u);
     std::optional<Bytes> digest =
-        gcm_open(key, iv, aad, Bytes(hmac.begin(), hmac.begin() + 32), Bytes(hmac.begin() + 32, hmac.end()));
+        gcm_open(Bytes(key, key + 32), iv, aad, Bytes(hmac.begin(), hmac.begin() + 32), Bytes(hmac.begin() + 32, hmac.end()));
     ASSERT_TRUE(digest.has_value());
     Sha256Digest expected = sha256(pid);
     EXPECT_EQ(*digest, Bytes(expected.begin(), expected.end()));

@@ -27,6 +27,7 @@
 #include "platform/platform.h"
 #include "rd_core/aes.h"
 #include "semaphore/semaphore_syc.h"
+#include "ssl/openssl_ptr.h"
 #include "test_util.h"
 
 namespace {
@@ -47,15 +48,6 @@ const Mac kMacA = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 const Mac kMacB = {0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
 const Mac kMacC = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f};
 
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free(b); }
-};
 
 std::unique_ptr<X509, X509Free> parse_cert(const std::string& pem) {
   std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));

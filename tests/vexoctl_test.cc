@@ -21,6 +21,7 @@
 #include "init/rd_config.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
+#include "ssl/openssl_ptr.h"
 #include "test_util.h"
 
 namespace {
@@ -65,15 +66,6 @@ ToolRun run_tool(const std::string& exe, const std::vector<std::string>& args) {
 
 const std::string kTool = std::string(VEXO_BUILD_DIR) + "/vexoctl";
 
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-struct BnFree {
-  void operator()(BIGNUM* b) const { BN_free(b); }
-};
 
 std::unique_ptr<X509, X509Free> load_cert(const std::string& path) {
   FILE* f = fopen(path.c_str(), "r");

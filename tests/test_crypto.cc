@@ -1,0 +1,138 @@
+#include "test_crypto.h"
+
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/sha.h>
+
+namespace testcrypto {
+
+std::string bio_text(BIO* mem) {
+  char* data = nullptr;
+  long len = BIO_get_mem_data(mem, &data);
+  return std::string(data, static_cast<std::size_t>(len));
+}
+
+std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after,
+                          long serial) {
+  X509Ptr x(X509_new());
+  X509_set_version(x.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(x.get()), serial);
+  ASN1_TIME_set_string_X509(X509_getm_notBefore(x.get()), not_before);
+  ASN1_TIME_set_string_X509(X509_getm_notAfter(x.get()), not_after);
+  X509_set_pubkey(x.get(), key);
+  X509_NAME* name = X509_get_subject_name(x.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn), -1, -1, 0);
+  X509_set_issuer_name(x.get(), name);
+  if (X509_sign(x.get(), key, EVP_sha256()) <= 0) return {};
+  BioPtr mem(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(mem.get(), x.get());
+  return bio_text(mem.get());
+}
+
+KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* not_after, long serial) {
+  KeyAndCert out;
+  out.key.reset(EVP_RSA_gen(2048));
+  out.cert_pem = make_cert_pem(out.key.get(), cn, not_before, not_after, serial);
+  return out;
+}
+
+PkeyPtr public_key_of_cert(const std::string& pem) {
+  BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  X509Ptr x(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
+}
+
+std::string private_key_pem(EVP_PKEY* key, bool pkcs8) {
+  BioPtr mem(BIO_new(BIO_s_mem()));
+  if (pkcs8) {
+    PEM_write_bio_PrivateKey(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+  } else {
+    PEM_write_bio_PrivateKey_traditional(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+  }
+  return bio_text(mem.get());
+}
+
+std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
+  std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree> ctx(EVP_PKEY_CTX_new(key, nullptr));
+  std::size_t len = 0;
+  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      EVP_PKEY_decrypt(ctx.get(), nullptr, &len, wrapped.data(), wrapped.size()) != 1) {
+    return std::nullopt;
+  }
+  Bytes out(len);
+  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) return std::nullopt;
+  out.resize(len);
+  return out;
+}
+
+std::optional<Bytes> gcm_open(const Bytes& key, std::string_view iv, std::string_view aad, const Bytes& cipher,
+                              const Bytes& tag) {
+  std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
+  Bytes out(cipher.size() + 16);
+  Bytes t = tag;
+  int aad_len = 0, n1 = 0, n2 = 0;
+  if (!ctx || key.size() != 32 || t.size() != 16 ||
+      EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) != 1 ||
+      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()), nullptr) != 1 ||
+      EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key.data(), reinterpret_cast<const unsigned char*>(iv.data())) !=
+          1 ||
+      EVP_DecryptUpdate(ctx.get(), nullptr, &aad_len, reinterpret_cast<const unsigned char*>(aad.data()),
+                        static_cast<int>(aad.size())) != 1 ||
+      (!cipher.empty() &&
+       EVP_DecryptUpdate(ctx.get(), out.data(), &n1, cipher.data(), static_cast<int>(cipher.size())) != 1) ||
+      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, t.data()) != 1 ||
+      EVP_DecryptFinal_ex(ctx.get(), out.data() + n1, &n2) != 1) {
+    return std::nullopt;
+  }
+  out.resize(static_cast<std::size_t>(n1 + n2));
+  return out;
+}
+
+bool rsa_sha256_verify(EVP_PKEY* key, std::string_view message, const Bytes& sig) {
+  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+  return ctx && EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
+         EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), reinterpret_cast<const unsigned char*>(message.data()),
+                          message.size()) == 1;
+}
+
+bool rsa_sha256_verify(EVP_PKEY* key, const Bytes& message, const Bytes& sig) {
+  return rsa_sha256_verify(key, std::string_view(reinterpret_cast<const char*>(message.data()), message.size()), sig);
+}
+
+std::optional<Bytes> base64_decode(const std::string& text) {
+  if (text.size() % 4 != 0) return std::nullopt;
+  Bytes out(text.size() / 4 * 3 + 1);
+  int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+  if (n < 0) return std::nullopt;
+  std::size_t len = static_cast<std::size_t>(n);
+  // EVP_DecodeBlock counts the padding as zero bytes.
+  for (auto it = text.rbegin(); it != text.rend() && *it == '='; ++it) --len;
+  out.resize(len);
+  return out;
+}
+
+std::optional<Bytes> open_pid(EVP_PKEY* uidai_key, const std::string& skey, const std::string& data,
+                              const std::string& hmac, std::string* ts) {
+  auto wrapped = base64_decode(skey);
+  auto sealed = base64_decode(data);
+  auto sealed_hash = base64_decode(hmac);
+  if (!wrapped || !sealed || !sealed_hash || sealed->size() < 19 + 16 || sealed_hash->size() != 48) {
+    return std::nullopt;
+  }
+  auto key = rsa_unwrap(uidai_key, *wrapped);
+  if (!key || key->size() != 32) return std::nullopt;
+  *ts = std::string(sealed->begin(), sealed->begin() + 19);
+  const std::string iv = ts->substr(19 - 12), aad = ts->substr(19 - 16);
+  auto plain = gcm_open(*key, iv, aad, Bytes(sealed->begin() + 19, sealed->end() - 16),
+                        Bytes(sealed->end() - 16, sealed->end()));
+  auto digest = gcm_open(*key, iv, aad, Bytes(sealed_hash->begin(), sealed_hash->begin() + 32),
+                         Bytes(sealed_hash->begin() + 32, sealed_hash->end()));
+  if (!plain || !digest) return std::nullopt;
+  unsigned char want[32];
+  SHA256(plain->data(), plain->size(), want);
+  if (*digest != Bytes(want, want + 32)) return std::nullopt;
+  return plain;
+}
+
+}  // namespace testcrypto

@@ -1,0 +1,59 @@
+// OpenSSL helpers shared by the tests: they open what the library encrypts and
+// verify what it signs, independently of the library's own crypto code.
+#ifndef VEXO_TESTS_TEST_CRYPTO_H
+#define VEXO_TESTS_TEST_CRYPTO_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ssl/openssl_ptr.h"
+
+namespace testcrypto {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A key pair with a self-signed certificate (PEM).
+struct KeyAndCert {
+  PkeyPtr key;
+  std::string cert_pem;
+};
+
+// A new RSA-2048 key and a self-signed v3 certificate (CN=cn, SHA-256) valid
+// from not_before to not_after ("YYYYMMDDHHMMSSZ").
+KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* not_after, long serial = 7);
+// The same certificate form over an existing key.
+std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after,
+                          long serial = 1);
+// The public key of a PEM certificate, or null.
+PkeyPtr public_key_of_cert(const std::string& pem);
+// The key as PEM: PKCS#8, or the traditional RSA form.
+std::string private_key_pem(EVP_PKEY* key, bool pkcs8);
+// The whole contents of a memory BIO.
+std::string bio_text(BIO* mem);
+
+// RSA PKCS#1 v1.5 decryption; nullopt on failure.
+std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped);
+// AES-256-GCM decryption with the given IV and additional data; nullopt when
+// the tag does not match.
+std::optional<Bytes> gcm_open(const Bytes& key, std::string_view iv, std::string_view aad, const Bytes& cipher,
+                              const Bytes& tag);
+// RSA signature over SHA-256 of message.
+bool rsa_sha256_verify(EVP_PKEY* key, std::string_view message, const Bytes& sig);
+bool rsa_sha256_verify(EVP_PKEY* key, const Bytes& message, const Bytes& sig);
+
+// Standard Base64 (one line, "=" padding); nullopt for text that is not.
+std::optional<Bytes> base64_decode(const std::string& text);
+
+// Opens an encrypted Pid: Skey unwrapped with the UIDAI key, Data opened with
+// AES-256-GCM (IV and AAD from the time stamp in its first 19 bytes), and Hmac
+// checked to be the SHA-256 of the plain Pid. *ts receives the time stamp.
+// nullopt when any step fails.
+std::optional<Bytes> open_pid(EVP_PKEY* uidai_key, const std::string& skey, const std::string& data,
+                              const std::string& hmac, std::string* ts);
+
+}  // namespace testcrypto
+
+#endif  // VEXO_TESTS_TEST_CRYPTO_H
