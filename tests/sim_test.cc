@@ -81,7 +81,7 @@ TEST_F(SimTest, SerialNumberIsTheDescriptionsLeadingText) {
     EXPECT_EQ(row.serial, serial);
     const std::string status = testutil::last_status();
     if (row.rc == -3) {
-      EXPECT_NE(std::string::npos, status.find(" | scanner | getdeviceserialnumber | Getting serial number failed "))
+      EXPECT_NE(std::string::npos, status.find(" | pidblock_A600 | getdeviceserialnumber | Getting serial number failed "))
           << status;
     } else {
       EXPECT_EQ("", status);

@@ -1,3 +1,5 @@
+// PidData framing reports as part of the capture module.
+#define VEXO_LOG_FILE "api"
 #include "rd_core/pid_data.h"
 
 #include <libxml/entities.h>

@@ -1,3 +1,5 @@
+// Acquisition through the scanner SDK belongs to the pidblock_A600 module.
+#define VEXO_LOG_FILE "pidblock_A600"
 #include "rd_core/scanner.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// The UIDAI certificate choice reports as part of the rsa module.
+#define VEXO_LOG_FILE "rsa"
 #include "rd_core/uidai_certs.h"
 
 #include <atomic>
