@@ -12,10 +12,6 @@
 #include "rd_core/pid_crypto.h"
 #include "rd_core/scanner.h"
 
-// Every report of the acquisition names FP_Cap, whichever helper makes it.
-#define CAP_INFO(...) rd_log_write(LogLevel::kInfo, __FILE__, "FP_Cap", __LINE__, __VA_ARGS__)
-#define CAP_ERROR(...) rd_log_write(LogLevel::kError, __FILE__, "FP_Cap", __LINE__, __VA_ARGS__)
-#define CAP_STATUS(...) rd_set_last_status(__FILE__, "FP_Cap", __VA_ARGS__)
 
 namespace {
 
@@ -69,12 +65,14 @@ void put_be(std::vector<std::uint8_t>* v, std::size_t offset, std::uint64_t valu
 
 // Base64 text and bio-sign of one record. 0 or -1.
 int finish_record(BioRecord* record, const std::string& ts) {
+  // Every report of the acquisition names FP_Cap, whichever helper makes it.
+  RD_LOG_AS("FP_Cap");
   if (Base64Encode(record->bytes, &record->base64) != 0) {
-    CAP_ERROR("Error at base64 encoding of finger print data");
+    RD_ERROR("Error at base64 encoding of finger print data");
     return -1;
   }
   if (Generate_bio_sign(record->bytes, ts, &record->bs) != 0) {
-    CAP_ERROR("Error at to generate bio-sign");
+    RD_ERROR("Error at to generate bio-sign");
     return -1;
   }
   return 0;
@@ -85,10 +83,12 @@ int finish_record(BioRecord* record, const std::string& ts) {
 int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wait_s,
                            const std::string& position, int width, int height,
                            std::vector<std::uint8_t>* raw, int* nfiq) {
+  // Every report of the acquisition names FP_Cap, whichever helper makes it.
+  RD_LOG_AS("FP_Cap");
   const CaptureTiming timing = capture_timing();
   for (int attempt = 1; attempt <= kMaxAttempts; ++attempt) {
     if (sdk.SetLedStatus(handle, kLed, 1) != 0) {
-      CAP_ERROR("Turn_On_Green light failed");
+      RD_ERROR("Turn_On_Green light failed");
       return -1;
     }
     if (position == "UNKNOWN") {
@@ -103,22 +103,22 @@ int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wa
       // The LED goes off with the failed capture; its own failure changes nothing.
       sdk.SetLedStatus(handle, kLed, 0);
       if (rc == ARAFPSCAN_ERROR_TIMEOUT) {
-        CAP_ERROR("Image capture got timed out");
+        RD_ERROR("Image capture got timed out");
         RD_PIPE("5000", "Capture Timeout\n");
         return kCaptureTimedOut;
       }
-      CAP_ERROR("capturing Raw data is failed with error code %d", rc);
+      RD_ERROR("capturing Raw data is failed with error code %d", rc);
       RD_PIPE("5000", "Capture Failed\n");
       return kCaptureFailed;
     }
 
     if (sdk.GetNFIQScore(width, height, raw->data(), nfiq) != 0) {
-      CAP_ERROR("Getting Nfiq value failed");
+      RD_ERROR("Getting Nfiq value failed");
       sdk.SetLedStatus(handle, kLed, 0);
       return -1;
     }
     if (sdk.SetLedStatus(handle, kLed, 0) != 0) {
-      CAP_ERROR("Turn_Off_Green light failed");
+      RD_ERROR("Turn_Off_Green light failed");
       return -1;
     }
     if (*nfiq <= kWorstAcceptedNfiq) return 0;
@@ -126,25 +126,27 @@ int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wa
     RD_PIPE("3000", "Low Quality Image\n");
     for (int i = 0; i < kLowQualityBeeps; ++i) platform::beep(kLowQualityHz, timing.low_quality_beep_ms);
     if (attempt < kMaxAttempts) {
-      CAP_INFO("Nfiq value is %d, going for re-capture", *nfiq);
+      RD_INFO("Nfiq value is %d, going for re-capture", *nfiq);
       platform::sleep_ms(timing.recapture_pause_ms);
     }
   }
-  CAP_ERROR("Quality of finger is too low, failed to capture bio data");
-  CAP_STATUS("Quality of fingerprint image is too low, failed to capture bio data ");
+  RD_ERROR("Quality of finger is too low, failed to capture bio data");
+  RD_STATUS("Quality of fingerprint image is too low, failed to capture bio data ");
   return -1;
 }
 
 // Minutiae record of the last image. 0 or -1.
 int make_minutiae_record(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, BioRecord* record,
                          int* nm_points) {
+  // Every report of the acquisition names FP_Cap, whichever helper makes it.
+  RD_LOG_AS("FP_Cap");
   std::vector<std::uint8_t> feature(kFeatureBufferSize, 0);
   int length = 0;
   if (sdk.ExtractISOFeature(handle, 0, feature.data()) != 0 ||
       sdk.GetISOFeatureLength(feature.data(), &length) != 0 || length <= 0 ||
       static_cast<std::size_t>(length) > feature.size() ||
       static_cast<std::size_t>(length) <= kMinutiaeCountOffset) {
-    CAP_ERROR("Extracting ISO Features failed");
+    RD_ERROR("Extracting ISO Features failed");
     return -1;
   }
   feature.resize(static_cast<std::size_t>(length));
@@ -157,12 +159,14 @@ int make_minutiae_record(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, BioRecor
 // Finger image record: the 46-byte header and the JPEG 2000 image. 0 or -1.
 int make_image_record(const std::vector<std::uint8_t>& raw, int width, int height, int resolution,
                       int quality, BioRecord* record) {
+  // Every report of the acquisition names FP_Cap, whichever helper makes it.
+  RD_LOG_AS("FP_Cap");
   std::vector<std::uint8_t> jp2;
   if (ConvertToJPEG2000(raw.data(), &jp2, width, height, kJpeg2000Ratio) != 0) {
-    CAP_ERROR("Convert to JPEG 2000 failed");
+    RD_ERROR("Convert to JPEG 2000 failed");
     return -1;
   }
-  CAP_INFO("Compressed Rawdatasize = %d", static_cast<int>(jp2.size()));
+  RD_INFO("Compressed Rawdatasize = %d", static_cast<int>(jp2.size()));
   record->image = true;
   record->bytes = fir_header(jp2.size(), width, height, resolution, quality);
   record->bytes.insert(record->bytes.end(), jp2.begin(), jp2.end());
@@ -171,17 +175,19 @@ int make_image_record(const std::vector<std::uint8_t>& raw, int width, int heigh
 
 int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request,
                     const std::string& ts) {
+  // Every report of the acquisition names FP_Cap, whichever helper makes it.
+  RD_LOG_AS("FP_Cap");
   int wait_s = capture_wait_seconds(request);
   request.timeout_given = 0;
-  CAP_INFO("Timeout value is %d", wait_s);
+  RD_INFO("Timeout value is %d", wait_s);
   const bool want_minutiae = (request.fType == 0 || request.fType == 2);
   const bool want_image = (request.fType == 1 || request.fType == 2);
 
   const AratekSdk& sdk = aratek_sdk();
   DeviceHandle device(sdk);
   if (device.open() != 0) {
-    CAP_ERROR("opening fp device failed");
-    CAP_STATUS("Aratek fingerprint scanner: opening fp device failed");
+    RD_ERROR("opening fp device failed");
+    RD_STATUS("Aratek fingerprint scanner: opening fp device failed");
     RD_PIPE("5000", "Aratek fingerprint scanner:|opening fp device failed\n");
     return -1;
   }
@@ -189,7 +195,7 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
   if (sdk.GetImageInfo(device.get(), &width, &height, &resolution) != 0 || width <= 0 ||
       height <= 0 || width > kMaxSide || height > kMaxSide || resolution <= 0 ||
       resolution > 0xffff) {
-    CAP_ERROR("Getting Image info is failed");
+    RD_ERROR("Getting Image info is failed");
     RD_PIPE("5000", "Getting Image info failed\n");
     return -1;
   }
@@ -212,10 +218,10 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
     if (rc != 0) return rc;
 
     if (sdk.ImgQuality(width, height, raw.data(), &finger.qScore) != 0) {
-      CAP_ERROR("Getting Image quality failed");
+      RD_ERROR("Getting Image quality failed");
       return -1;
     }
-    CAP_INFO("Quality of image is: %d", finger.qScore);
+    RD_INFO("Quality of image is: %d", finger.qScore);
     if (i + 1 < count) RD_PIPE("10000", "Remove Finger\n");
     platform::beep(kPromptHz, capture_timing().accepted_beep_ms);
 
@@ -301,7 +307,7 @@ int FP_Cap(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request, con
   try {
     rc = capture_fingers(fingers, request, ts);
   } catch (const std::bad_alloc&) {
-    CAP_ERROR("Memory allocation failed");
+    RD_ERROR("Memory allocation failed");
     rc = -1;
   }
   if (rc != 0) fingers->clear();
