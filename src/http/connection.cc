@@ -26,6 +26,7 @@ constexpr std::size_t kOriginSize = 1024;
 // before the carriage return; it is cut to fit the 1024-byte origin block.
 // Logs as a step of process_incoming_message.
 OriginKind find_origin(const char* raw, std::unique_ptr<char[]>* origin) {
+  RD_LOG_AS("process_incoming_message");
   const char* match = std::strstr(raw, "Origin:");
   if (match == nullptr) return OriginKind::kAbsent;
   const char* lf = std::strchr(match, '\n');
@@ -36,8 +37,7 @@ OriginKind find_origin(const char* raw, std::unique_ptr<char[]>* origin) {
   if (n > kOriginSize - 1) n = kOriginSize - 1;
   origin->reset(new char[kOriginSize]());
   std::memcpy(origin->get(), start, n);
-  rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, "process_incoming_message", __LINE__,
-               "Origin value is:%s AND length of origin is:%d", origin->get(), static_cast<int>(n));
+  RD_INFO("Origin value is:%s AND length of origin is:%d", origin->get(), static_cast<int>(n));
   return OriginKind::kValue;
 }
 
@@ -70,11 +70,12 @@ class Connection {
   }
 
   void close() {
+    RD_LOG_AS("process_incoming_message");
     if (ssl_ != nullptr) {
       closeSSLConnection(ssl_);
       ssl_ = nullptr;
     } else if (socket_) {
-      rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, "process_incoming_message", __LINE__, "Closing Socket");
+      RD_INFO("Closing Socket");
       socket_.reset();
     }
   }

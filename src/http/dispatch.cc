@@ -51,9 +51,6 @@ std::atomic<int> g_dispatch_faults{0};
 
 // The verb branches are steps of process_incoming_message and log under its name.
 constexpr char kDispatchFn[] = "process_incoming_message";
-#define PIM_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, kDispatchFn, __LINE__, __VA_ARGS__)
-#define PIM_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_FILE, kDispatchFn, __LINE__, __VA_ARGS__)
-#define PIM_STATUS(...) rd_set_last_status(VEXO_LOG_FILE, kDispatchFn, __VA_ARGS__)
 
 bool is_tavio() { return rd_scanner_name() == kTavioScanner; }
 
@@ -74,6 +71,7 @@ void error_header(int code, std::string_view path, const char* origin, char* are
 }
 
 void answer_options(OriginKind kind, char* header) {
+  RD_LOG_AS(kDispatchFn);
   if (kind == OriginKind::kAbsent) {
     // Ends after one line break, with no empty line: the answer has always been so.
     std::snprintf(header, kRespHeaderSize, "HTTP/1.1 405 \r\nContent-Length: 0%s\r\n", kCorsBlock);
@@ -88,16 +86,17 @@ void answer_options(OriginKind kind, char* header) {
     std::snprintf(header, kRespHeaderSize, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: %s%s\r\n\r\n",
                   "close", kCorsBlock);
   }
-  PIM_INFO("....................Options Successful...................");
+  RD_INFO("....................Options Successful...................");
 }
 
 void answer_discovery(const RequestLine& line, const char* origin, char* area) {
-  PIM_INFO("......................Client Request for Device Discovery......................");
+  RD_LOG_AS(kDispatchFn);
+  RD_INFO("......................Client Request for Device Discovery......................");
   bool version_ok = line.version == "HTTP/1.1";
   if (!version_ok) {
-    PIM_ERROR("HTTP VER is wrong");
+    RD_ERROR("HTTP VER is wrong");
     error_header(kHttpBadVersion, line.path, origin, area);
-    PIM_INFO(".........................Device Discovery Failed.......................");
+    RD_INFO(".........................Device Discovery Failed.......................");
   }
   // The handheld device is asked for its state even after a version error.
   if (is_tavio() && get_rd_status_index() != kRdUsed) {
@@ -110,13 +109,14 @@ void answer_discovery(const RequestLine& line, const char* origin, char* area) {
   }
   if (version_ok) {
     frame_rdservice_response(origin, area + kRespHeaderOffset, area);
-    PIM_INFO(".........................Device Discovery Successful.......................");
+    RD_INFO(".........................Device Discovery Successful.......................");
   }
 }
 
 void answer_capture(const char* raw, const char* origin, char* area) {
+  RD_LOG_AS(kDispatchFn);
   char* request_body = area + kReqBodyOffset;
-  PIM_INFO("......................Client Request for Capture......................");
+  RD_INFO("......................Client Request for Capture......................");
   int result = ParseHTTP_ReqCapture(raw, request_body);
   if (result == 0) {
     if (is_tavio()) {
@@ -126,8 +126,8 @@ void answer_capture(const char* raw, const char* origin, char* area) {
     }
     return;
   }
-  PIM_ERROR("Error at ParseHTTP_ReqCapture");
-  PIM_STATUS("Error at Parsing the capture request ");
+  RD_ERROR("Error at ParseHTTP_ReqCapture");
+  RD_STATUS("Error at Parsing the capture request ");
   RD_PIPE("10000", "Error at Parsing the capture request\n");
   if (result == kHttpBadVersion || result == kHttpBadRequest) {
     error_header(result, "/rd/capture", origin, area);
@@ -140,33 +140,36 @@ void answer_capture(const char* raw, const char* origin, char* area) {
 
 // The path and version rules of DEVICEINFO and POSTAUTH: 0, 400 or 505.
 int check_path_and_version(const RequestLine& line, std::string_view expected_path) {
+  RD_LOG_AS(kDispatchFn);
   bool version_ok = line.version == "HTTP/1.1";
   if (line.path != expected_path) {
-    PIM_ERROR("PATH VALIDATION FAILED");
+    RD_ERROR("PATH VALIDATION FAILED");
     if (version_ok) return kHttpBadRequest;
-    PIM_ERROR("Unsupported HTTP Version");
+    RD_ERROR("Unsupported HTTP Version");
     return kHttpBadVersion;
   }
   if (!version_ok) {
-    PIM_ERROR("Unsupported HTTP Version");
+    RD_ERROR("Unsupported HTTP Version");
     return kHttpBadVersion;
   }
   return 0;
 }
 
 void answer_device_info(const RequestLine& line, const char* origin, char* area) {
-  PIM_INFO("......................Client Requested for Device Info......................");
+  RD_LOG_AS(kDispatchFn);
+  RD_INFO("......................Client Requested for Device Info......................");
   int code = check_path_and_version(line, "/rd/info");
   if (code != 0) {
     error_header(code, line.path, origin, area);
     return;
   }
   GetDeviceInfo(area, origin);
-  PIM_INFO("......................Device Info Successful.........................");
+  RD_INFO("......................Device Info Successful.........................");
 }
 
 void answer_postauth(const RequestLine& line, const char* raw, const char* origin, char* area) {
-  PIM_INFO("......................Client Requested Verb is POSTAUTH......................");
+  RD_LOG_AS(kDispatchFn);
+  RD_INFO("......................Client Requested Verb is POSTAUTH......................");
   int code = check_path_and_version(line, "/rd/postauth");
   if (code == 0 && Get_PostAuthBody(raw, area + kReqBodyOffset) != 0) code = kHttpNoBody;
   if (code != 0) {
@@ -179,7 +182,7 @@ void answer_postauth(const RequestLine& line, const char* raw, const char* origi
   } else {
     PostAuth(area, origin, path.c_str());
   }
-  PIM_INFO("......................POST AUTH Successful.........................");
+  RD_INFO("......................POST AUTH Successful.........................");
 }
 
 }  // namespace
@@ -205,6 +208,7 @@ RequestLine split_request_line(std::string_view request) {
 
 void dispatch_request(const char* raw, const RequestLine& line, OriginKind origin_kind, const char* origin,
                       char* area) {
+  RD_LOG_AS(kDispatchFn);
   if (g_dispatch_faults.load(std::memory_order_relaxed) > 0 &&
       g_dispatch_faults.fetch_sub(1, std::memory_order_relaxed) > 0) {
     throw std::bad_alloc();
@@ -215,7 +219,7 @@ void dispatch_request(const char* raw, const RequestLine& line, OriginKind origi
   // verb's path and version are never looked at.
   if (verb.size() >= kVerbSize ||
       (known_line_verb && (line.path.size() >= kPathSize || line.version.size() >= kVersionSize))) {
-    PIM_ERROR("Request line field is too long");
+    RD_ERROR("Request line field is too long");
     error_header(kHttpBadRequest, "", origin, area);
     return;
   }
@@ -231,9 +235,9 @@ void dispatch_request(const char* raw, const RequestLine& line, OriginKind origi
     answer_postauth(line, raw, origin, area);
   } else {
     // The request line of an unknown verb is not split: the path stays empty.
-    PIM_INFO("..................Client Request for Invalid Verb....................");
+    RD_INFO("..................Client Request for Invalid Verb....................");
     error_header(kHttpBadVerb, "", origin, area);
-    PIM_INFO("......................Invalid Verb Successful.........................");
+    RD_INFO("......................Invalid Verb Successful.........................");
   }
 }
 

@@ -23,12 +23,10 @@ constexpr int kDiscardPauseMs = 200;
 constexpr std::uint64_t kDiscardLimitMs = 2000;
 constexpr std::size_t kDiscardLimitBytes = 1 << 20;
 
-// Log lines carry the transport function's file and name, not this file's.
-#define SRC_INFO(...) rd_log_write(LogLevel::kInfo, src.file, src.func, __LINE__, __VA_ARGS__)
-#define SRC_ERROR(...) rd_log_write(LogLevel::kError, src.file, src.func, __LINE__, __VA_ARGS__)
 
 int refuse_too_large(const RequestSource& src) {
-  SRC_ERROR("Request too large for the receive area");
+  RD_LOG_IN(src.file, src.func);
+  RD_ERROR("Request too large for the receive area");
   char scratch[4096];
   std::size_t dropped = 0;
   std::uint64_t end = platform::monotonic_ms() + kDiscardLimitMs;
@@ -70,11 +68,12 @@ int recv_wait_ms() { return g_recv_wait_ms.load(std::memory_order_relaxed); }
 void set_recv_wait_ms_for_test(int ms) { g_recv_wait_ms.store(ms, std::memory_order_relaxed); }
 
 int read_http_request(const RequestSource& src, char* buf) {
+  RD_LOG_IN(src.file, src.func);
   // The first read takes up to three bytes; a read error counts as a closed
   // peer, since a failed socket would otherwise be read forever.
   long n = src.read(src.ctx, buf, 3);
   if (n <= 0) {
-    SRC_ERROR("recv failed");
+    RD_ERROR("recv failed");
     return -1;
   }
   std::size_t len = static_cast<std::size_t>(n);
@@ -83,38 +82,38 @@ int read_http_request(const RequestSource& src, char* buf) {
     if (len >= kRawCapacity) return refuse_too_large(src);
     n = src.read(src.ctx, buf + len, 1);
     if (n <= 0) {
-      SRC_ERROR("recv failed in loop");
+      RD_ERROR("recv failed in loop");
       return -1;
     }
     len += static_cast<std::size_t>(n);
   }
   buf[len] = '\0';
-  SRC_INFO("Request Header Received");
+  RD_INFO("Request Header Received");
 
   bool present = false;
   int content_length = content_length_of(buf, &present);
   if (!present) {
-    SRC_INFO("Current Request will have only Header(No Body)");
+    RD_INFO("Current Request will have only Header(No Body)");
     return static_cast<int>(len);
   }
-  SRC_INFO(" content_length is: %d", content_length);
+  RD_INFO(" content_length is: %d", content_length);
   if (content_length < 1) {
-    SRC_INFO("Current Request will have only Header(No Body)");
+    RD_INFO("Current Request will have only Header(No Body)");
     return static_cast<int>(len);
   }
   if (static_cast<std::size_t>(content_length) > kRawCapacity - len) return refuse_too_large(src);
 
-  SRC_INFO("Going to get request body");
+  RD_INFO("Going to get request body");
   std::size_t outstanding = static_cast<std::size_t>(content_length);
   while (outstanding > 0) {
     n = src.read(src.ctx, buf + len, outstanding);
     if (n < 1) {
-      SRC_ERROR("Receiving Body, From Socket Failed");
+      RD_ERROR("Receiving Body, From Socket Failed");
       return -1;
     }
     len += static_cast<std::size_t>(n);
     if (static_cast<std::size_t>(n) == outstanding) break;
-    SRC_INFO("Received :%d  Expected size: %d", static_cast<int>(n), static_cast<int>(outstanding));
+    RD_INFO("Received :%d  Expected size: %d", static_cast<int>(n), static_cast<int>(outstanding));
     outstanding -= static_cast<std::size_t>(n);
   }
   buf[len] = '\0';

@@ -88,12 +88,19 @@ void rd_log_reset_for_test();
 // scope says that it works on behalf of a function of the design:
 //   int step_pipe() { RD_LOG_AS("Initialize_process"); ... RD_INFO(...); }
 // RD_LOG_AS declares a local that hides this null default.
+// Code shared by two modules (the plain and the TLS request reader) names
+// both at run time: RD_LOG_IN(file, function).
 inline constexpr const char* vexo_log_function = nullptr;
+inline constexpr const char* vexo_log_module = nullptr;
 #define RD_LOG_AS(name) [[maybe_unused]] const char* const vexo_log_function = name
+#define RD_LOG_IN(file, name)                                  \
+  [[maybe_unused]] const char* const vexo_log_module = file;   \
+  RD_LOG_AS(name)
 #define VEXO_LOG_FUNC (vexo_log_function != nullptr ? vexo_log_function : __func__)
+#define VEXO_LOG_MODULE (vexo_log_module != nullptr ? vexo_log_module : VEXO_LOG_FILE)
 
-#define RD_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_FILE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
-#define RD_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_FILE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
+#define RD_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_MODULE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
+#define RD_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_MODULE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
 #define RD_VERBOSE(...)          \
   do {                           \
     if (rd_verbose() != 0) {     \
@@ -101,7 +108,7 @@ inline constexpr const char* vexo_log_function = nullptr;
     }                            \
   } while (0)
 #define RD_DEBUG(...) rd_debug_print(__VA_ARGS__)
-#define RD_STATUS(...) rd_set_last_status(VEXO_LOG_FILE, VEXO_LOG_FUNC, __VA_ARGS__)
+#define RD_STATUS(...) rd_set_last_status(VEXO_LOG_MODULE, VEXO_LOG_FUNC, __VA_ARGS__)
 #define RD_PIPE(code, ...) rd_notify(code, __VA_ARGS__)
 
 #endif  // VEXO_INIT_RD_LOG_H

@@ -44,20 +44,20 @@ std::string last_error_text() {
   return text;
 }
 
-// Helpers log under the name of the function they serve.
-#define LOG_AS(level, func, ...) rd_log_write(LogLevel::level, VEXO_LOG_FILE, func, __LINE__, __VA_ARGS__)
 
 // Drains OpenSSL's error queue into the log, one line per entry.
 void log_error_queue(const char* func) {
+  // Helpers log under the name of the function they serve.
+  RD_LOG_AS(func);
   const char* file = nullptr;
   const char* data = nullptr;
   int line = 0;
   int flags = 0;
   unsigned long code;
   while ((code = ERR_get_error_all(&file, &line, nullptr, &data, &flags)) != 0) {
-    LOG_AS(kError, func, "error code: %lu in %s line %d", code, file ? file : "", line);
+    RD_ERROR("error code: %lu in %s line %d", code, file ? file : "", line);
     if ((flags & ERR_TXT_STRING) != 0 && data != nullptr && data[0] != '\0') {
-      LOG_AS(kError, func, "error data: %s", data);
+      RD_ERROR("error data: %s", data);
     }
   }
 }
@@ -129,12 +129,13 @@ BnPtr rsa_modulus(const EVP_PKEY* key) {
 
 // Read callbacks of the shared request reader.
 long ssl_read_some(void* ctx, char* buf, std::size_t len) {
+  RD_LOG_AS("recvFromSSL");
   SSL* ssl = static_cast<SSL*>(ctx);
   int want = len > INT_MAX ? INT_MAX : static_cast<int>(len);
   int n = SSL_read(ssl, buf, want);
   if (n > 0) return n;
   int err = SSL_get_error(ssl, n);
-  LOG_AS(kError, "recvFromSSL", "SSL_read failed");
+  RD_ERROR("SSL_read failed");
   ERR_clear_error();
   return err == SSL_ERROR_ZERO_RETURN ? 0 : -1;
 }
@@ -147,18 +148,19 @@ int ssl_input_ready(void* ctx, int timeout_ms) {
 
 // Writes all of data; 0, or -2 after logging the failure.
 int ssl_write_all(SSL* ssl, const char* data, std::size_t len) {
+  RD_LOG_AS("sendThruSSL");
   std::size_t sent = 0;
   while (sent < len) {
     std::size_t rest = len - sent;
     int chunk = rest > INT_MAX ? INT_MAX : static_cast<int>(rest);
     int n = SSL_write(ssl, data + sent, chunk);
     if (n < 1) {
-      LOG_AS(kError, "sendThruSSL", "Send Thru SSL Failed");
+      RD_ERROR("Send Thru SSL Failed");
       return -2;
     }
     sent += static_cast<std::size_t>(n);
     if (sent < len) {
-      LOG_AS(kInfo, "sendThruSSL", "Sent Thru SSL: %d, To be sent size: %d", n, static_cast<int>(len - sent));
+      RD_INFO("Sent Thru SSL: %d, To be sent size: %d", n, static_cast<int>(len - sent));
     }
   }
   return 0;
