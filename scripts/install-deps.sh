@@ -14,6 +14,7 @@ packages=(
   libopenjp2-7-dev libopenjp2-tools
   libgtest-dev googletest
   curl
+  libcpp-httplib-dev libsqlite3-dev
 )
 
 missing=()
