@@ -15,6 +15,7 @@ packages=(
   libgtest-dev googletest
   curl
   clang
+  libcpp-httplib-dev libsqlite3-dev
 )
 
 missing=()

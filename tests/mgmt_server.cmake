@@ -1,0 +1,7 @@
+# The reference Management server, run as a child process on a free port and
+# reached through libcurl, with requests built by hand with json-c.
+if(TARGET vexo-mgmt-server)
+  vexo_add_test(mgmt_server_test mgmt_server_test.cc)
+  add_dependencies(mgmt_server_test vexo-mgmt-server)
+  target_link_libraries(mgmt_server_test PRIVATE PkgConfig::CURL PkgConfig::JSONC PkgConfig::OPENSSL)
+endif()
