@@ -51,9 +51,12 @@ TEST(RdsHash, MasterKeyIsNotInTheLibraryFile) {
   ASSERT_GT(lib.size(), 100000u);
   const std::string key(kMasterKey.begin(), kMasterKey.end());
   std::string reversed(key.rbegin(), key.rend());
-  EXPECT_EQ(lib.find(key), std::string::npos);
-  EXPECT_EQ(lib.find(reversed), std::string::npos);
-  EXPECT_EQ(lib.find(key.substr(0, 16)), std::string::npos);
+  // No run of 8 bytes either: an optimiser that folds the tables would leave
+  // the key as 8-byte immediates.
+  for (std::size_t at = 0; at + 8 <= key.size(); ++at) {
+    EXPECT_EQ(lib.find(key.substr(at, 8)), std::string::npos) << at;
+    EXPECT_EQ(lib.find(reversed.substr(at, 8)), std::string::npos) << at;
+  }
 }
 
 TEST(RdsHash, ProtectSealsTheHashUnderAFreshSessionKey) {

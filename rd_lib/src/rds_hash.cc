@@ -22,7 +22,11 @@ constexpr std::uint32_t kIndexB[32] = {23, 21, 0, 2, 20, 48, 19, 53, 59, 15, 5, 
 struct MasterKey {
   std::uint8_t bytes[32];
   MasterKey() {
-    for (std::size_t i = 0; i < 32; ++i) bytes[i] = kMaskA[kIndexA[i]] ^ kMaskB[kIndexB[i]];
+    // Read through volatile so the optimiser cannot fold the tables into the
+    // finished key and emit it as constants.
+    const volatile std::uint8_t* a = kMaskA;
+    const volatile std::uint8_t* b = kMaskB;
+    for (std::size_t i = 0; i < 32; ++i) bytes[i] = a[kIndexA[i]] ^ b[kIndexB[i]];
   }
   ~MasterKey() { cleanse(bytes, sizeof bytes); }
   MasterKey(const MasterKey&) = delete;

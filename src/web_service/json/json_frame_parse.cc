@@ -1,0 +1,365 @@
+// Management request framing on json-c, and the time-stamp comparison.
+#include "web_service/json/json_frame_parse.h"
+
+#include <json-c/json.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <ctime>
+#include <memory>
+
+#include "rds_hash.h"
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "init/rd_status.h"
+#include "mgmt_core/keystore.h"
+
+namespace {
+struct JsonPut {
+  void operator()(json_object* o) const { json_object_put(o); }
+};
+using JsonPtr = std::unique_ptr<json_object, JsonPut>;
+
+void add(json_object* o, const char* k, const std::string& v) {
+  json_object_object_add(o, k, json_object_new_string_len(v.data(), static_cast<int>(v.size())));
+}
+
+int two(std::string_view s, std::size_t at) {
+  if (at + 2 > s.size() || s[at] < '0' || s[at] > '9' || s[at + 1] < '0' || s[at + 1] > '9') return -1;
+  return (s[at] - '0') * 10 + (s[at + 1] - '0');
+}
+}  // namespace
+
+std::string mgmt_timestamp() {
+  std::time_t t = std::time(nullptr) + 19800;
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &tm);
+  return buf;
+}
+
+int json_frame_with(const MgmtIdentity& id, const std::string& ts, const std::string* pkey,
+                    std::string* out) {
+  std::string input = id.slNo + "@" + ts;
+  RD_VERBOSE("hmac_input is %.200s", input.c_str());
+  std::string hmac, skey;
+  if (rds_hmac_protect(input.data(), input.size(), 1, &hmac, &skey) != 0) {
+    RD_ERROR("Error at to generate hash_sign");
+    return -1;
+  }
+  JsonPtr root(json_object_new_object());
+  json_object* dev = json_object_new_object();
+  add(dev, "rdVer", id.rdVer);
+  add(dev, "rdId", id.rdId);
+  add(dev, "clId", id.clId);
+  add(dev, "clVer", id.clVer);
+  add(dev, "hostType", id.hostType);
+  add(dev, "hostId", id.hostId);
+  add(dev, "slNo", id.slNo);
+  add(dev, "make", id.make);
+  add(dev, "model", id.model);
+  add(dev, "dpId", id.dpId);
+  json_object_object_add(root.get(), "device", dev);
+  add(root.get(), "ts", ts);
+  if (pkey != nullptr) add(root.get(), "pKey", *pkey);
+  add(root.get(), "sKey", skey);
+  add(root.get(), "hmac", hmac);
+  *out = json_object_to_json_string(root.get());
+  return 0;
+}
+
+int Time_Diff_in_Sec(std::string_view s, std::string_view c, int* diff) {
+  std::size_t ts_ = s.find('T'), tc = c.find('T');
+  if (ts_ == std::string_view::npos || tc == std::string_view::npos) return -1;
+  int ds = two(s, 8), dc = two(c, 8);
+  int hs = two(s, ts_ + 1), ms = two(s, ts_ + 4), ss = two(s, ts_ + 7);
+  int hc = two(c, tc + 1), mc = two(c, tc + 4), sc = two(c, tc + 7);
+  if (ds < 0 || dc < 0 || hs < 0 || ms < 0 || ss < 0 || hc < 0 || mc < 0 || sc < 0) return -1;
+  int sv = hs * 3600 + ms * 60 + ss, cl = hc * 3600 + mc * 60 + sc;
+  RD_VERBOSE("Management server ->Date:%.2s, Hour:%.2s, Min:%.2s, sec:%.2s", s.data() + 8, s.data() + ts_ + 1,
+             s.data() + ts_ + 4, s.data() + ts_ + 7);
+  RD_VERBOSE("Management client ->Date:%.2s, Hour:%.2s, Min:%.2s, sec:%.2s", c.data() + 8, c.data() + tc + 1,
+             c.data() + tc + 4, c.data() + tc + 7);
+  RD_VERBOSE("Diff_date: %d", std::abs(ds - dc));
+  RD_VERBOSE("Management server time in sec: %d", sv);
+  RD_VERBOSE("Management client time in sec: %d", cl);
+  if (ds == dc) {
+    *diff = std::abs(sv - cl);
+  } else if (std::abs(ds - dc) == 1) {
+    *diff = ds < dc ? cl + 86400 - sv : sv + 86400 - cl;
+  } else {
+    return -1;
+  }
+  return 0;
+}
+
+// ------------------------------------------------------------ device frames
+
+MgmtIdentity mgmt_identity() {
+  RdConfig cfg = rd_config_copy();
+  RdIdentity idn = rd_identity_copy();
+  MgmtIdentity id{cfg.rd_ver, idn.rdsId, idn.clId,  idn.clVer, idn.host_type, "",
+                  get_device_serial(), idn.make, idn.model, idn.dpId};
+  std::array<std::uint8_t, 6> mac{};
+  if (GetMAC(&mac) == 0) {
+    char hex[13];
+    std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    id.hostId = hex;
+  }
+  return id;
+}
+
+int json_frame_init(std::string* out) { return json_frame_with(mgmt_identity(), mgmt_timestamp(), nullptr, out); }
+int json_frame_key_rotation(const std::string& pkey, std::string* out) {
+  return json_frame_with(mgmt_identity(), mgmt_timestamp(), &pkey, out);
+}
+int json_frame_update(std::string* out) { return json_frame_with(mgmt_identity(), mgmt_timestamp(), nullptr, out); }
+int json_frame_uidai_cert_update(std::string* out) {
+  return json_frame_with(mgmt_identity(), mgmt_timestamp(), nullptr, out);
+}
+int json_frame_uidai_cert_update_status(std::string* out) {
+  return json_frame_with(mgmt_identity(), mgmt_timestamp(), nullptr, out);
+}
+
+// ------------------------------------------------------------ parsers
+
+namespace {
+
+std::mutex g_ts_mu;
+std::string g_client_ts;  // test seam
+
+std::string client_ts() {
+  std::lock_guard<std::mutex> lk(g_ts_mu);
+  return g_client_ts.empty() ? mgmt_timestamp() : g_client_ts;
+}
+
+// A string member's value, or nullptr when absent or not a string.
+json_object* member(json_object* o, const char* k) {
+  if (o == nullptr || !json_object_is_type(o, json_type_object)) return nullptr;
+  return json_object_object_get(o, k);
+}
+bool str_of(json_object* v, std::string* out) {
+  if (v == nullptr || !json_object_is_type(v, json_type_string)) return false;
+  std::size_t n = static_cast<std::size_t>(json_object_get_string_len(v));
+  out->assign(json_object_get_string(v), n < kMgmtMaxField ? n : kMgmtMaxField);
+  return true;
+}
+
+JsonPtr parse_body(std::string_view body) {
+  if (body.empty() || body.size() > kMgmtMaxBody) return nullptr;
+  std::unique_ptr<json_tokener, void (*)(json_tokener*)> tok(json_tokener_new_ex(16), json_tokener_free);
+  if (!tok) return nullptr;
+  json_tokener_set_flags(tok.get(), JSON_TOKENER_STRICT);
+  JsonPtr root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));
+  if (!root || json_tokener_get_error(tok.get()) != json_tokener_success ||
+      json_tokener_get_parse_end(tok.get()) != body.size() || !json_object_is_type(root.get(), json_type_object)) {
+    return nullptr;
+  }
+  return root;
+}
+
+enum class Kind { kInit, kOther, kKeyRotation };
+
+// Steps common to every parser: status, code, identity, nextAction, ts.
+// Returns 0 to go on, 1 when init's ZELM-015 answered, -1 on a fatal fault.
+int common(json_object* root, Kind kind, const MgmtIdentity* self, std::string* next_action,
+           std::string* ts) {
+  std::string status, code, desc;
+  if (!str_of(member(root, "respStatus"), &status)) {
+    RD_ERROR(kind == Kind::kInit ? "init resp respStatus is null" : "Error at respStatus json_object_get_string is null");
+    return -1;
+  }
+  if (!str_of(member(root, "respCode"), &code)) {
+    RD_ERROR(member(root, "respCode") == nullptr ? "Error at respCode json_object_object_get"
+                                                 : "Error at respCode json_object_get_string is null");
+    return -1;
+  }
+  str_of(member(root, "respDesc"), &desc);
+  if (status != "y" && status != "Y") {
+    bool go_on = false;
+    if (kind == Kind::kInit) {
+      if (code == "ZELM-015") {
+        *next_action = "DEVICE_NOT_REGISTERED";
+        return 1;
+      }
+      go_on = code == "ZELM-035" || code == "ZELM-040" || code == "ZELM-041";
+    }
+    if (!go_on) {
+      RD_ERROR("Response code from management server is not success");
+      std::string c = code.substr(0, 64), d = desc.substr(0, 200);
+      if (kind == Kind::kKeyRotation) {
+        RD_STATUS("Error from MS : %s %s ", c.c_str(), d.c_str());
+      } else {
+        RD_STATUS("Error from MS: %s %s ", c.c_str(), d.c_str());
+      }
+      RD_PIPE("10000", "Error from MS: %s|%s\n", c.c_str(), d.c_str());
+      return -1;
+    }
+  }
+  if (self != nullptr) {
+    json_object* dev = member(root, "device");
+    if (dev == nullptr) {
+      RD_ERROR("Error at device json_object_object_get");
+      return -1;
+    }
+    struct Check {
+      const char* key;
+      const std::string* mine;
+      const char* mismatch;
+    } checks[] = {{"hostId", &self->hostId, "Mgmt client and receiver HOST ID is mismatch"},
+                  {"slNo", &self->slNo, "Mgmt client and receiver SR NO is mismatch"},
+                  {"model", &self->model, "Mgmt client and receiver model is mismatch"}};
+    for (const auto& c : checks) {
+      std::string v;
+      if (!str_of(member(dev, c.key), &v)) {
+        RD_ERROR("Error at %s json_object_get_string", c.key);
+      } else if (v != *c.mine) {
+        RD_ERROR("%s", c.mismatch);
+      }
+    }
+  }
+  json_object* na = member(root, "nextAction");
+  if (na == nullptr || !json_object_is_type(na, json_type_array)) {
+    RD_ERROR("Error at nextAction json_object_object_get");
+    return -1;
+  }
+  std::size_t n = json_object_array_length(na);
+  for (std::size_t i = 0; i < n; ++i) {
+    json_object* e = json_object_array_get_idx(na, i);
+    if (e == nullptr) {
+      RD_ERROR("Error at nextAction json_object_array_get_idx");
+      return -1;
+    }
+    if (!str_of(e, next_action)) {
+      RD_ERROR("Error at nextAction json_object_get_string");
+      return -1;
+    }
+  }
+  json_object* t = member(root, "ts");
+  if (t == nullptr) {
+    RD_ERROR("Error at ts json_object_object_get");
+    return -1;
+  }
+  if (!str_of(t, ts)) {
+    RD_ERROR("Error at ts json_object_get_string");
+    return -1;
+  }
+  return 0;
+}
+
+// A required string field: missing_msg when absent, type_msg when not a string.
+bool field(json_object* o, const char* k, std::string* out, const char* missing_msg, const char* type_msg) {
+  json_object* v = member(o, k);
+  if (v == nullptr) {
+    RD_ERROR("%s", missing_msg);
+    return false;
+  }
+  if (!str_of(v, out)) {
+    RD_ERROR("%s", type_msg);
+    return false;
+  }
+  return true;
+}
+
+JsonPtr parse_or_log(std::string_view body, const char* msg) {
+  JsonPtr root = parse_body(body);
+  if (!root) RD_ERROR("%s", msg);
+  return root;
+}
+
+}  // namespace
+
+void json_set_client_ts_for_test(const std::string& ts) {
+  std::lock_guard<std::mutex> lk(g_ts_mu);
+  g_client_ts = ts;
+}
+
+int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string* next_action) {
+  JsonPtr root = parse_body(body);
+  if (!root) {
+    RD_ERROR("Error at Resp init json_tokener_parse line=%d", __LINE__);
+    return -1;
+  }
+  std::string ts;
+  int rc = common(root.get(), Kind::kInit, &self, next_action, &ts);
+  if (rc != 0) return rc > 0 ? 0 : -1;
+  int diff = 0;
+  int t = Time_Diff_in_Sec(ts, client_ts(), &diff);
+  if (t == 0 && diff > 300) {
+    RD_INFO("Time Difference between client and server is %d seconds, It should be less than 300 seconds", diff);
+  } else if (t != 0) {
+    RD_INFO("Time Difference between server and client is huge, please set proper time in your machine");
+  } else {
+    return 0;
+  }
+  *next_action = "TIME_STAMP_SYNC";
+  RD_INFO("nextAction is changed to: %s", next_action->c_str());
+  return 0;
+}
+
+int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std::string* next_action,
+                            void* /*unused*/, std::string* dc, std::string* spkey) {
+  JsonPtr root = parse_or_log(body, "Error at key rotation parse json_tokener_parse");
+  std::string ts;
+  if (!root || common(root.get(), Kind::kKeyRotation, &self, next_action, &ts) != 0) return -1;
+  if (!field(member(root.get(), "device"), "dc", dc, "Error at dc json_object_object_get",
+             "Error at dc json_object_get_string is null") ||
+      !field(root.get(), "sPKey", spkey, "Error at sPKey json_object_object_get",
+             "Error at sPKey json_object_get_string is null")) {
+    return -1;
+  }
+  return 0;
+}
+
+namespace {
+int path_checksum(std::string_view body, const MgmtIdentity& self, const char* parse_msg, std::string* next_action,
+                  std::string* path, std::string* checksum) {
+  JsonPtr root = parse_or_log(body, parse_msg);
+  std::string ts;
+  if (!root || common(root.get(), Kind::kOther, &self, next_action, &ts) != 0) return -1;
+  if (!field(root.get(), "path", path, "Error at path json_object_get_string is null",
+             "Error at path json_object_get_string is null") ||
+      !field(root.get(), "checksum", checksum, "Error at checksum json_object_object_get is null",
+             "Error at checksum json_object_get_string is null")) {
+    return -1;
+  }
+  return 0;
+}
+}  // namespace
+
+int json_parse_update(std::string_view body, const MgmtIdentity& self, std::string* next_action,
+                      std::string* path, std::string* checksum) {
+  return path_checksum(body, self, "Error at json_tokener_parse", next_action, path, checksum);
+}
+
+int json_parse_uidai_cert_update(std::string_view body, const MgmtIdentity& self,
+                                 std::string* next_action, std::string* path, std::string* checksum) {
+  return path_checksum(body, self, "Error at json_tokener_parse for Resp_buff", next_action, path, checksum);
+}
+
+int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentity& self,
+                                        std::string* next_action) {
+  JsonPtr root = parse_or_log(body, "Error at json_tokener_parse");
+  std::string ts;
+  if (!root || common(root.get(), Kind::kOther, &self, next_action, &ts) != 0) return -1;
+  return 0;
+}
+
+int json_parse_uidai_cert_force_update(std::string_view body, std::string* next_action, std::string* path,
+                                       std::string* chksum, std::string* ci) {
+  JsonPtr root = parse_or_log(body, "Error at json_tokener_parse");
+  std::string ts;
+  if (!root || common(root.get(), Kind::kOther, nullptr, next_action, &ts) != 0) return -1;
+  if (!field(root.get(), "path", path, "Error at path json_object_get_string is null",
+             "Error at path json_object_get_string is null") ||
+      !field(root.get(), "chkSum", chksum, "Error at chkSum json_object_object_get is null",
+             "Error at chkSum json_object_object_get is null") ||
+      !field(root.get(), "ci", ci, "Error at ci json_object_object_get is null",
+             "Error at ci json_object_get_string is null")) {
+    return -1;
+  }
+  return 0;
+}

@@ -1,0 +1,206 @@
+// Management request frames and the time-stamp rule.
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include <string>
+#include <vector>
+
+#include "rds_hash.h"
+#include "init/rd_log.h"
+#include "test_util.h"
+#include "web_service/json/json_frame_parse.h"
+
+namespace {
+
+MgmtIdentity ident() {
+  return {"1.0.2", "KORV.LIN.001", "CL01", "2.1", "LINUX", "0a1b2c3d4e5f", "QDX1234567", "Korvane", "A600", "KORV"};
+}
+
+std::vector<std::string> keys(json_object* o) {
+  std::vector<std::string> k;
+  json_object_object_foreach(o, key, val) {
+    (void)val;
+    k.emplace_back(key);
+  }
+  return k;
+}
+
+TEST(MgmtJson, FrameMembersInOrderAndHmacBindsSerialAndTs) {
+  const std::string ts = "2024-05-01T13:45:09";
+  const std::string pkey = "MIIBIjANBgkq";
+  struct Case {
+    const std::string* pkey;
+    std::vector<std::string> top;
+  } cases[] = {
+      {nullptr, {"device", "ts", "sKey", "hmac"}},
+      {&pkey, {"device", "ts", "pKey", "sKey", "hmac"}},
+  };
+  for (const auto& c : cases) {
+    std::string out;
+    ASSERT_EQ(json_frame_with(ident(), ts, c.pkey, &out), 0);
+    json_object* root = json_tokener_parse(out.c_str());
+    ASSERT_NE(root, nullptr) << out;
+    EXPECT_EQ(keys(root), c.top);
+    json_object* dev = json_object_object_get(root, "device");
+    EXPECT_EQ(keys(dev), (std::vector<std::string>{"rdVer", "rdId", "clId", "clVer", "hostType", "hostId",
+                                                   "slNo", "make", "model", "dpId"}));
+    EXPECT_STREQ(json_object_get_string(json_object_object_get(dev, "hostId")), "0a1b2c3d4e5f");
+    EXPECT_STREQ(json_object_get_string(json_object_object_get(root, "ts")), ts.c_str());
+    if (c.pkey) {
+      EXPECT_STREQ(json_object_get_string(json_object_object_get(root, "pKey")), pkey.c_str());
+    }
+    int ok = -1;
+    const std::string input = "QDX1234567@" + ts;
+    ASSERT_EQ(rds_hmac_unprotect(json_object_get_string(json_object_object_get(root, "hmac")),
+                                 json_object_get_string(json_object_object_get(root, "sKey")), 1, input.data(),
+                                 input.size(), &ok),
+              0);
+    EXPECT_EQ(ok, 1);
+    json_object_put(root);
+  }
+}
+
+TEST(MgmtJson, TimestampIsIstIn19Characters) {
+  std::string ts = mgmt_timestamp();
+  ASSERT_EQ(ts.size(), 19u);
+  EXPECT_EQ(ts[10], 'T');
+}
+
+TEST(MgmtJson, TimeDiffTable) {
+  struct Case {
+    const char *server, *client;
+    int rc, diff;
+  } cases[] = {
+      {"2024-05-01T10:00:00", "2024-05-01T10:05:00", 0, 300},
+      {"2024-05-01T10:00:00", "2024-05-01T10:05:01", 0, 301},
+      {"2024-05-01T10:05:01", "2024-05-01T10:00:00", 0, 301},
+      {"2024-05-14T23:59:00", "2024-05-15T00:02:00", 0, 180},
+      {"2024-05-15T00:02:00", "2024-05-14T23:59:00", 0, 180},
+      {"2024-05-31T23:59:00", "2024-06-01T00:00:00", -1, 0},
+      {"2024-04-01T10:00:00", "2024-05-01T10:00:10", 0, 10},  // day of month only
+      {"2024-05-01T10:00:00", "2024-05-03T10:00:00", -1, 0},
+      {"garbage", "2024-05-01T10:00:00", -1, 0},
+      {"", "", -1, 0},
+  };
+  for (const auto& c : cases) {
+    int diff = 0;
+    EXPECT_EQ(Time_Diff_in_Sec(c.server, c.client, &diff), c.rc) << c.server << " " << c.client;
+    if (c.rc == 0) {
+      EXPECT_EQ(diff, c.diff) << c.server << " " << c.client;
+    }
+  }
+}
+
+
+// A response around the given members; "device" echoes ident() unless given.
+std::string resp(const std::string& status, const std::string& extra,
+                 const std::string& device = R"("device":{"hostId":"0a1b2c3d4e5f","slNo":"QDX1234567","model":"A600","dc":"DC9"})",
+                 const std::string& ts = "2024-05-01T10:00:00") {
+  return "{\"respStatus\":" + status + ",\"respCode\":\"ZELM-000\",\"respDesc\":\"ok\"," + device +
+         ",\"nextAction\":[\"KEY_ROTATION\",\"SOFTWARE_UPDATE\"],\"ts\":\"" + ts + "\"" + extra + "}";
+}
+
+TEST(MgmtJson, InitStatusCodesAndTimeRule) {
+  json_set_client_ts_for_test("2024-05-01T10:05:00");
+  struct Case {
+    std::string body;
+    int rc;
+    std::string action;
+  } cases[] = {
+      {resp("\"y\"", ""), 0, "SOFTWARE_UPDATE"},
+      {resp("\"Y\"", ""), 0, "SOFTWARE_UPDATE"},
+      {resp("\"yes\"", ""), -1, "preset"},
+      {resp("\"N\"", ""), -1, "preset"},
+      {resp("\"\"", ""), -1, "preset"},
+      {R"({"respStatus":"n","respCode":"ZELM-015"})", 0, "DEVICE_NOT_REGISTERED"},
+      {R"({"respStatus":"n","respCode":"ZELM-040","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", 0, "X"},
+      {R"({"respStatus":"n","respCode":"ZELM-035","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", 0, "X"},
+      {R"({"respStatus":"n","respCode":"ZELM-041","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", 0, "X"},
+      {R"({"respStatus":"n","respCode":"ZELM-016","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", -1, "preset"},
+      {R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"ts":"2024-05-01T10:04:00"})", 0, "preset"},
+      {resp("\"y\"", "", R"("device":{"slNo":"OTHER","hostId":7})"), 0, "SOFTWARE_UPDATE"},  // mismatch not fatal
+      {resp("\"y\"", "", R"("device":{})", "2024-05-01T10:00:00"), 0, "SOFTWARE_UPDATE"},      // 300 s
+      {resp("\"y\"", "", R"("device":{})", "2024-05-01T09:59:59"), 0, "TIME_STAMP_SYNC"},      // 301 s
+      {resp("\"y\"", "", R"("device":{})", "2024-05-03T10:05:00"), 0, "TIME_STAMP_SYNC"},      // days apart
+      {resp("\"y\"", "", R"("device":{})", "bad"), 0, "TIME_STAMP_SYNC"},
+  };
+  for (const auto& c : cases) {
+    std::string action = "preset";
+    EXPECT_EQ(json_parse_init(c.body, ident(), &action), c.rc) << c.body;
+    EXPECT_EQ(action, c.action) << c.body;
+  }
+  json_set_client_ts_for_test("2024-05-15T00:02:00");
+  std::string action;
+  EXPECT_EQ(json_parse_init(resp("\"y\"", "", R"("device":{})", "2024-05-14T23:59:00"), ident(), &action), 0);
+  EXPECT_EQ(action, "SOFTWARE_UPDATE");
+  json_set_client_ts_for_test("2024-06-01T00:01:00");
+  EXPECT_EQ(json_parse_init(resp("\"y\"", "", R"("device":{})", "2024-05-31T23:59:00"), ident(), &action), 0);
+  EXPECT_EQ(action, "TIME_STAMP_SYNC");
+  json_set_client_ts_for_test("");
+}
+
+TEST(MgmtJson, ServerErrorReachesLastStatusAndPipe) {
+  testutil::WorkDir dir;
+  testutil::PipeReader reader(dir.path());
+  ASSERT_EQ(create_Pipe(), 0);
+  std::string action, path, sum;
+  EXPECT_EQ(json_parse_update(R"({"respStatus":"n","respCode":"ZELM-040","respDesc":"bad dev"})", ident(), &action,
+                              &path, &sum),
+            -1);  // ZELM-040 passes only for init
+  char line[512];
+  rd_copy_last_status(line, sizeof line);
+  EXPECT_NE(std::string(line).find(" | Error from MS: ZELM-040 bad dev "), std::string::npos) << line;
+  ASSERT_TRUE(reader.wait_for("\n"));
+  EXPECT_EQ(reader.received(), "10000|Error from MS: ZELM-040|bad dev\n");
+  rd_log_reset_for_test();
+}
+
+TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
+  const std::string ok = resp("\"y\"", R"(,"path":"https://x/p.zip","checksum":"abc","sPKey":"S","chkSum":"c","ci":"20250101")");
+  std::string a, p, s, dc, sp, ci;
+  ASSERT_EQ(json_parse_update(ok, ident(), &a, &p, &s), 0);
+  EXPECT_EQ(a + "|" + p + "|" + s, "SOFTWARE_UPDATE|https://x/p.zip|abc");
+  ASSERT_EQ(json_parse_uidai_cert_update(ok, ident(), &a, &p, &s), 0);
+  ASSERT_EQ(json_parse_key_rotation(ok, ident(), &a, nullptr, &dc, &sp), 0);
+  EXPECT_EQ(dc + "|" + sp, "DC9|S");
+  ASSERT_EQ(json_parse_uidai_cert_update_status(ok, ident(), &a), 0);
+  ASSERT_EQ(json_parse_uidai_cert_force_update(ok, &a, &p, &s, &ci), 0);
+  EXPECT_EQ(s + "|" + ci, "c|20250101");
+
+  struct Case {
+    const char* what;
+    std::string body;
+  } bad[] = {
+      {"no path", resp("\"y\"", R"(,"checksum":"abc","sPKey":"S")")},
+      {"path number", resp("\"y\"", R"(,"path":5,"checksum":"abc","sPKey":"S")")},
+      {"checksum array", resp("\"y\"", R"(,"path":"p","checksum":["abc"],"sPKey":"S")")},
+      {"no device", resp("\"y\"", R"(,"path":"p","checksum":"c","sPKey":"S")", R"("x":1)")},
+      {"nextAction string", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":"A","ts":"t","path":"p","checksum":"c"})"},
+      {"nextAction element number", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":["A",1],"ts":"t","path":"p","checksum":"c"})"},
+      {"no nextAction", R"({"respStatus":"y","respCode":"0","device":{},"ts":"t","path":"p","checksum":"c"})"},
+      {"no ts", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"path":"p","checksum":"c"})"},
+      {"ts object", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"ts":{},"path":"p","checksum":"c"})"},
+      {"no respCode", R"({"respStatus":"y","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
+      {"respStatus true", R"({"respStatus":true,"respCode":"0","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
+      {"top level array", "[1,2]"},
+      {"deep nesting", std::string(5000, '[') + std::string(5000, ']')},
+      {"truncated", R"({"respStatus":"y")"},
+      {"trailing junk", ok + "xx"},
+      {"embedded NUL", std::string(R"({"respStatus":"y")") + '\0' + "}"},
+      {"over 29999 bytes", resp("\"y\"", ",\"path\":\"" + std::string(30000, 'p') + "\",\"checksum\":\"c\"")},
+      {"empty", ""},
+  };
+  for (const auto& c : bad) {
+    EXPECT_EQ(json_parse_update(c.body, ident(), &a, &p, &s), -1) << c.what;
+  }
+  // Key rotation: dc inside device and sPKey are required.
+  EXPECT_EQ(json_parse_key_rotation(resp("\"y\"", R"(,"sPKey":"S")", R"("device":{})"), ident(), &a, nullptr, &dc, &sp), -1);
+  EXPECT_EQ(json_parse_key_rotation(resp("\"y\"", ""), ident(), &a, nullptr, &dc, &sp), -1);
+  // Long values are cut at the bound.
+  ASSERT_EQ(json_parse_update(resp("\"y\"", ",\"path\":\"" + std::string(20000, 'p') + "\",\"checksum\":\"c\""),
+                              ident(), &a, &p, &s),
+            0);
+  EXPECT_EQ(p.size(), kMgmtMaxField);
+}
+
+}  // namespace
