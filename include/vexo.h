@@ -56,7 +56,22 @@ VEXO_EXPORT int attach_device(void) VEXO_NOEXCEPT;
 VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
 
 /* Management operations. next_action receives the server's next action
- * (VEXO_NEXT_ACTION_LEN bytes). */
+ * (VEXO_NEXT_ACTION_LEN bytes).
+ *
+ * The protocol: each operation POSTs one JSON object to the Management
+ * server's base URL (config.ini's DOMAIN_NAME) plus its route
+ * ("/rest/register/", "/rest/keyRotation/", "/rest/softUpdate/",
+ * "/rest/uidaiUpdate", "/rest/updateStatus"); the forced certificate update
+ * GETs "/rest/getCert/P" or "/rest/getCert/PP". A request carries the device
+ * identity, an IST time stamp "ts", and "sKey"/"hmac": the SHA-256 of
+ * "serial@ts" sealed under a fresh session key, and that key sealed under the
+ * master key agreed with the server (AES-256-ECB, Base64). Its RD_DRT header
+ * is the sealed SHA-256 of the whole body. The answer carries respStatus,
+ * respCode, respDesc, the echoed device, nextAction (an array; the last
+ * entry counts) and ts, and an RD_DRT header that seals SHA-256 of the answer
+ * together with the request's hash, so an answer cannot be moved to another
+ * request. A reference server (build/vexo-mgmt-server, see the README) serves
+ * all of this for tests and for makers' server teams. */
 VEXO_EXPORT int Init(char *next_action) VEXO_NOEXCEPT;
 VEXO_EXPORT int Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
 VEXO_EXPORT int Software_Update(void) VEXO_NOEXCEPT;
