@@ -12,7 +12,8 @@ cmake --build build -j"$(nproc)"
 workdir="$PWD/workdir"
 scanner="Aratek_A600"
 if [ ! -f "$workdir/config.ini" ]; then
-  build/vexoctl init-workdir "$workdir" --scanner "$scanner" --mgmt-url "https://127.0.0.1:8443/Zelm"
+  build/vexoctl init-workdir "$workdir" --scanner "$scanner" --mgmt-url "https://127.0.0.1:8443/Zelm" \
+    --mgmt-ca data/mgmt/ca.crt
 fi
 # Keep the simulated vendor libraries in step with the build, and bind the
 # demonstration keystore to the library just built (its digest is part of the

@@ -5,3 +5,11 @@ if(TARGET vexo-mgmt-server)
   add_dependencies(mgmt_server_test vexo-mgmt-server)
   target_link_libraries(mgmt_server_test PRIVATE PkgConfig::CURL PkgConfig::JSONC PkgConfig::OPENSSL)
 endif()
+
+# The transport to the Management server, against the reference server and a
+# canned HTTP server of the test.
+if(TARGET vexo-mgmt-server)
+  vexo_add_test(mgmt_transport_test mgmt_transport_test.cc)
+  add_dependencies(mgmt_transport_test vexo-mgmt-server)
+  target_link_libraries(mgmt_transport_test PRIVATE PkgConfig::JSONC)
+endif()

@@ -25,15 +25,15 @@
 #include <thread>
 #include <vector>
 
+#include "mgmt_server_util.h"
 #include "rds_hash.h"
 #include "test_util.h"
 
-extern char** environ;
-
 namespace {
 
-const std::string kServer = std::string(VEXO_BUILD_DIR) + "/vexo-mgmt-server";
-const std::string kMgmtData = std::string(VEXO_SOURCE_DIR) + "/data/mgmt";
+using mgmttest::kMgmtData;
+using mgmttest::run_command;
+using mgmttest::Server;
 const std::string kHostId = "0a1b2c3d4e5f";
 const std::string kModel = "A600";
 
@@ -57,69 +57,6 @@ struct SlistDel {
   void operator()(curl_slist* l) const { curl_slist_free_all(l); }
 };
 
-// Runs the server binary with args, stdout and stderr into out_file. Returns the pid.
-pid_t spawn(const std::vector<std::string>& args, const std::string& out_file) {
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(kServer.c_str()));
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, kServer.c_str(), &fa, nullptr, argv.data(), environ) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&fa);
-  return pid;
-}
-
-// Runs a registry command to its end; its exit status.
-int run_command(const std::vector<std::string>& args, std::string* output = nullptr) {
-  const std::string out = "cmd.out";
-  pid_t pid = spawn(args, out);
-  int status = -1;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
-  if (output != nullptr) *output = testutil::read_file(out);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// `serve` on port 0 for the life of the object; the port comes from the
-// first output line.
-class Server {
- public:
-  Server(bool tls, const std::vector<std::string>& extra = {}) : tls_(tls) {
-    std::vector<std::string> args = {"serve", "--port", "0", tls ? "--tls" : "--plain",
-                                     "--data", "data", "--registry", "registry.db"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    pid_ = spawn(args, "server.out");
-    const std::regex first("listening on (https?)://127\\.0\\.0\\.1:([0-9]+)/\n");
-    for (int i = 0; i < 200 && pid_ > 0 && port_ == 0; ++i) {
-      std::smatch m;
-      std::string out = testutil::read_file("server.out");
-      if (std::regex_search(out, m, first)) port_ = std::stoi(m[2]);
-      else std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-  }
-  ~Server() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      int status = 0;
-      waitpid(pid_, &status, 0);
-    }
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-  int port() const { return port_; }
-  std::string base() const {
-    return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + "/Zelm";
-  }
-  std::string log() const { return testutil::read_file("server.out"); }
-
- private:
-  bool tls_;
-  pid_t pid_ = -1;
-  int port_ = 0;
-};
 
 struct Reply {
   long status = 0;

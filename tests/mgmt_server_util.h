@@ -1,0 +1,45 @@
+// The reference Management server as a child process of a test: registry
+// commands run to their end, and `serve` on a free port for a test's life.
+#ifndef VEXO_TESTS_MGMT_SERVER_UTIL_H
+#define VEXO_TESTS_MGMT_SERVER_UTIL_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace mgmttest {
+
+// The server binary and the project's demonstration CA and data.
+extern const std::string kServer;
+extern const std::string kMgmtData;
+
+// Runs the server binary with args, stdout and stderr into out_file. Returns the pid.
+pid_t spawn(const std::vector<std::string>& args, const std::string& out_file);
+
+// Runs a registry command to its end; its exit status.
+int run_command(const std::vector<std::string>& args, std::string* output = nullptr);
+
+// `serve` on port 0 for the life of the object, with the data folder "data"
+// and the registry "registry.db" of the current folder; the port comes from
+// the first output line.
+class Server {
+ public:
+  explicit Server(bool tls, const std::vector<std::string>& extra = {});
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+  int port() const { return port_; }
+  // "http(s)://127.0.0.1:PORT/Zelm"
+  std::string base() const;
+  std::string log() const;
+
+ private:
+  bool tls_;
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+}  // namespace mgmttest
+
+#endif  // VEXO_TESTS_MGMT_SERVER_UTIL_H
