@@ -140,8 +140,8 @@ class CaptureEndToEnd : public ::testing::Test {
 
     uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
-    for (const char* name : {"stage.pem", "preprod.pem", "prod.pem", "prod_old.pem"}) {
-      testutil::write_file(std::string("cert/uidai/") + name, uidai_.cert_pem);
+    for (UidaiCert which : {UidaiCert::kStage, UidaiCert::kPreProd, UidaiCert::kProd, UidaiCert::kProdOld}) {
+      testcrypto::install_uidai_cert(which, uidai_.cert_pem);
     }
 
     ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();

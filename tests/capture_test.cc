@@ -428,7 +428,7 @@ struct PidFree {
 TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
   testcrypto::KeyAndCert uidai = testcrypto::make_self_signed("Test UIDAI", "20200101000000Z", "20340309120000Z");
   std::filesystem::create_directories("cert/uidai");
-  testutil::write_file("cert/uidai/prod.pem", uidai.cert_pem);
+  testcrypto::install_uidai_cert(UidaiCert::kProd, uidai.cert_pem);
   std::string dih;
   ASSERT_EQ(Generate_dih(&dih), 0);
 

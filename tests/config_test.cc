@@ -336,12 +336,15 @@ TEST_F(ConfigTest, SealLockDecryptionAndLoadFailures) {
 
 TEST_F(ConfigTest, WritersKeepOtherKeysAndReplaceTheFileWhole) {
   write_sealed_config(full_keys());
+  const std::string before = testutil::read_file("config.ini");
   ASSERT_EQ(write_config_file("NEW-DC-9"), 0);
-  // The writer does not reseal; the caller does.
-  EXPECT_EQ(verify_crc(1, "./config.ini", "bin_crc.txt"), 3);
-  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  // The change waits beside the sealed pair until the caller seals it.
+  EXPECT_EQ(testutil::read_file("config.ini"), before);
+  EXPECT_EQ(verify_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  ASSERT_EQ(seal_config_file(), 0);
   ASSERT_EQ(write_config_file_ssl_enable("0123456789"), 0);
-  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  ASSERT_EQ(seal_config_file(), 0);
+  EXPECT_EQ(seal_config_file(), 3);  // nothing staged
   testing::internal::CaptureStdout();
   ASSERT_EQ(read_config_file(), 0);
   testing::internal::GetCapturedStdout();

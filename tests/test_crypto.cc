@@ -1,5 +1,10 @@
 #include "test_crypto.h"
 
+#include <gtest/gtest.h>
+
+#include "init/rd_config.h"
+#include "mgmt_core/hash.h"
+
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/sha.h>
@@ -133,6 +138,12 @@ std::optional<Bytes> open_pid(EVP_PKEY* uidai_key, const std::string& skey, cons
   SHA256(plain->data(), plain->size(), want);
   if (*digest != Bytes(want, want + 32)) return std::nullopt;
   return plain;
+}
+
+void install_uidai_cert(UidaiCert which, const std::string& pem) {
+  if (uidai_install_cert(rd_identity_copy().prefix, which, pem, hex_lower(sha256(std::string_view(pem)))) != 0) {
+    ADD_FAILURE() << "UIDAI certificate not installed";
+  }
 }
 
 }  // namespace testcrypto

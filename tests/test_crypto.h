@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "rd_core/uidai_certs.h"
 #include "ssl/openssl_ptr.h"
 
 namespace testcrypto {
@@ -53,6 +54,10 @@ std::optional<Bytes> base64_decode(const std::string& text);
 // nullopt when any step fails.
 std::optional<Bytes> open_pid(EVP_PKEY* uidai_key, const std::string& skey, const std::string& data,
                               const std::string& hmac, std::string* ts);
+
+// Installs pem as the working-folder copy of which, vouched for by its stored
+// checksum, as the Management client does.
+void install_uidai_cert(UidaiCert which, const std::string& pem);
 
 }  // namespace testcrypto
 

@@ -1,6 +1,8 @@
 #include "init/config.h"
 
 #include <array>
+#include <atomic>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +22,17 @@ namespace {
 
 constexpr char kConfigPath[] = "./config.ini";
 constexpr char kCrcPath[] = "bin_crc.txt";
+// A change of config.ini is staged beside it with its seal, then both are
+// renamed into place; a crash in between is completed or undone at the next read.
+constexpr char kConfigNext[] = "./config.ini.next";
+constexpr char kCrcNext[] = "bin_crc.txt.next";
+
+std::atomic<int> g_commit_crash_step{0};
+
+// Test seam: the process kills itself at the given step of a sealed change.
+void crash_point(int step) {
+  if (g_commit_crash_step.load() == step) ::raise(SIGKILL);
+}
 
 // The address key is the XOR of these two tables, so it never lies whole in
 // the library's image.
@@ -52,10 +65,12 @@ std::array<std::uint8_t, 32> address_key() {
   return key;
 }
 
-// Loads config.ini, sets key to value and writes it back. 0 or -1.
+// Loads config.ini (or the change already staged), sets key to value and
+// stages the result as config.ini.next. 0 or -1.
 int set_config_key(const char* key, const std::string& value, const char* set_error,
                    const char* write_error) {
-  Dict ini(iniparser_load(kConfigPath));
+  std::remove(kCrcNext);  // any seal staged earlier no longer matches
+  Dict ini(iniparser_load(platform::file_exists(kConfigNext) ? kConfigNext : kConfigPath));
   if (ini == nullptr) {
     RD_ERROR("Error in opening file %s", kConfigPath);
     return -1;
@@ -64,16 +79,67 @@ int set_config_key(const char* key, const std::string& value, const char* set_er
     RD_ERROR("%s", set_error);
     return -1;
   }
-  if (WriteToIniFile(ini.get(), kConfigPath) != 0) {
+  if (WriteToIniFile(ini.get(), kConfigNext) != 0) {
     RD_ERROR("%s", write_error);
     return -1;
   }
+  crash_point(1);
   return 0;
 }
 
 }  // namespace
 
+void recover_config_swap() {
+  if (platform::file_exists(kConfigNext)) {
+    if (platform::file_exists(kCrcNext) && verify_crc(kCrc16, kConfigNext, kCrcNext) == 0 &&
+        std::rename(kConfigNext, kConfigPath) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+      RD_INFO("Completed the interrupted update of config.ini");
+      return;
+    }
+    RD_INFO("Discarded an unsealed update of config.ini");
+    std::remove(kConfigNext);
+    std::remove(kCrcNext);
+    return;
+  }
+  if (platform::file_exists(kCrcNext)) {
+    // The new config.ini is in place; only its seal is still beside it.
+    if (verify_crc(kCrc16, kConfigPath, kCrcNext) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+      RD_INFO("Completed the interrupted update of config.ini");
+      return;
+    }
+    std::remove(kCrcNext);
+  }
+}
+
+int seal_config_file() {
+  if (!platform::file_exists(kConfigNext)) {
+    RD_ERROR("No staged config.ini to seal");
+    return 3;
+  }
+  const int sealed = add_crc(kCrc16, kConfigNext, kCrcNext);
+  if (sealed != 0) return sealed;
+  crash_point(2);
+  if (std::rename(kConfigNext, kConfigPath) != 0) {
+    RD_ERROR("Renaming %s failed", kConfigNext);
+    return 3;
+  }
+  crash_point(3);
+  if (std::rename(kCrcNext, kCrcPath) != 0) {
+    RD_ERROR("Renaming %s failed", kCrcNext);
+    return 3;
+  }
+  crash_point(4);
+  return 0;
+}
+
+void set_config_commit_crash_for_test(int step) { g_commit_crash_step.store(step); }
+
 int read_config_file() {
+  {
+    // Under the lock that a Management operation holds while it changes the pair.
+    ScannerLock swap_lock;
+    if (swap_lock.held()) recover_config_swap();
+  }
   if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) {
     RD_ERROR("verify_crc failed");
     return rd_codes::kConfigFailed;

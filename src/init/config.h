@@ -25,11 +25,24 @@ constexpr std::size_t kProxyFieldMax = 1024;
 // -19 unlock failed. The lock is released and the dictionary freed on every path.
 int read_config_file();
 
-// Sets dc ("dc\n") in config.ini without resealing; the caller reseals. 0 or -1.
+// Sets dc ("dc\n") in a staged copy of config.ini; seal_config_file puts it
+// in place. 0 or -1.
 int write_config_file(const char* dc);
+// Seals the staged config.ini and renames it and its seal into place, the
+// configuration first. 0; 3 no staged file, sealing or renaming failed; -1
+// the seal file cannot be created. A crash at any step leaves a pair that
+// recover_config_swap completes (both staged files whole) or undoes.
+int seal_config_file();
+// Completes or discards a sealed change that a crash interrupted. Run
+// before config.ini is read.
+void recover_config_swap();
+// Test seam: at step 1 (change staged), 2 (seal staged), 3 (config.ini
+// renamed) or 4 (seal renamed) the process kills itself; 0 turns it off.
+void set_config_commit_crash_for_test(int step);
 // Dumps dict to path through a temporary file renamed over it. 0 or -1.
 int WriteToIniFile(dictionary* dict, const char* path);
-// Sets is_ssl_enable (at most 7 characters kept) in config.ini. 0 or -1.
+// Sets is_ssl_enable (at most 7 characters kept) in a staged copy of
+// config.ini, like write_config_file. 0 or -1.
 int write_config_file_ssl_enable(const char* value);
 
 // Fills the proxy fields of the configuration record from proxy.ini (cleared when there is

@@ -159,7 +159,7 @@ extern "C" VEXO_EXPORT int Https_Set_Api(const char* value) noexcept {
     }
     rd_config_update([value](RdConfig& c) { c.ssl_enable_text = std::string(value).substr(0, 7); });
     RD_INFO("Writing ssl enable to file successful");
-    if (add_crc(kCrc16, "./config.ini", "bin_crc.txt") != 0) {
+    if (seal_config_file() != 0) {
       RD_ERROR("Adding crc on file failed");
       return -1;
     }

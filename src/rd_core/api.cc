@@ -218,6 +218,10 @@ int capture(const char* request_body, const char* origin, char* work_area) {
   }
 
   EncPidBlock enc;
+  // The device code and certificate are read under the same lock as the key
+  // that signs, so a key rotation never mixes an old key with a new dc or mc.
+  PidDataResponse r;
+  int mc_rc = -1;
   {
     ScannerLock lock;
     if (!lock.held()) {
@@ -227,6 +231,8 @@ int capture(const char* request_body, const char* origin, char* work_area) {
                           request, nullptr, origin, work_area);
     }
     rc = GenerateEncPIDBlock(request, &enc);
+    fill_device_values(&r);
+    mc_rc = read_signed_mc(&r.mc);
     if (lock.unlock() != 0) {
       RD_ERROR("Error at to unlock semaphore");
       return answer_error(rd_codes::kRdInternal, request, &enc, origin, work_area);
@@ -237,10 +243,7 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     return answer_error(rc, request, &enc, origin, work_area);
   }
 
-  PidDataResponse r;
-  fill_device_values(&r);
   fill_counts(request, &r);
-  int mc_rc = read_signed_mc(&r.mc);
   if (mc_rc == -1) {
     RD_ERROR("unable to open device public signed cert");
     RD_STATUS("File not found  : %s", signed_mc_path().c_str());

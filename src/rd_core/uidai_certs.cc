@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <map>
 #include <mutex>
 
 #include "init/rd_config.h"
@@ -23,15 +24,96 @@ extern const std::size_t kUidaiPemLen_prod_old;
 namespace {
 
 std::atomic<bool> g_prod_newer{true};
-std::mutex g_checksum_mutex;  // guards the two texts below
-std::string g_prod_checksum;
-std::string g_preprod_checksum;
+std::mutex g_store_mutex;  // serialises read-modify-write of the checksum store
+
+constexpr std::size_t kMaxStoreBytes = 4096;  // four short lines; more is not ours
+constexpr const char* kStoreFile = "cert/uidai/checksums";
 
 std::string_view as_text(const unsigned char* bytes, std::size_t len) {
   return std::string_view(reinterpret_cast<const char*>(bytes), len);
 }
 
+bool is_hex64(const std::string& hex) {
+  if (hex.size() != 64) return false;
+  for (char c : hex) {
+    if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
+  }
+  return true;
+}
+
+std::string prefix_now() { return rd_identity_copy().prefix; }
+
+// The store as name -> checksum; malformed lines are skipped.
+std::map<std::string, std::string> read_store(const std::string& prefix) {
+  std::map<std::string, std::string> entries;
+  std::string text;
+  if (platform::read_file(prefix + kStoreFile, &text) != 0 || text.size() > kMaxStoreBytes) return entries;
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    std::size_t end = text.find('\n', pos);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = text.substr(pos, end - pos);
+    pos = end + 1;
+    const std::size_t blank = line.find(' ');
+    if (blank == std::string::npos) continue;
+    UidaiCert which;
+    const std::string name = line.substr(0, blank);
+    const std::string hex = line.substr(blank + 1);
+    if (uidai_cert_from_file_name(name, &which) && is_hex64(hex)) entries[name] = hex;
+  }
+  return entries;
+}
+
+std::string sha256_hex(std::string_view text) { return hex_lower(sha256(text)); }
+
 }  // namespace
+
+bool uidai_cert_from_file_name(const std::string& name, UidaiCert* which) {
+  for (UidaiCert w : {UidaiCert::kStage, UidaiCert::kPreProd, UidaiCert::kProd, UidaiCert::kProdOld}) {
+    if (name == uidai_cert_file_name(w)) {
+      *which = w;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string uidai_stored_checksum(UidaiCert which) {
+  const auto entries = read_store(prefix_now());
+  const auto it = entries.find(uidai_cert_file_name(which));
+  return it == entries.end() ? std::string() : it->second;
+}
+
+int uidai_store_checksum(const std::string& prefix, UidaiCert which, const std::string& hex) {
+  if (!hex.empty() && !is_hex64(hex)) return -1;
+  std::lock_guard<std::mutex> lock(g_store_mutex);
+  auto entries = read_store(prefix);
+  if (hex.empty()) {
+    entries.erase(uidai_cert_file_name(which));
+  } else {
+    entries[uidai_cert_file_name(which)] = hex;
+  }
+  std::string text;
+  for (const auto& [name, value] : entries) {
+    text += name;
+    text += ' ';
+    text += value;
+    text += '\n';
+  }
+  if (platform::make_dirs(prefix + "cert/uidai") != 0) return -1;
+  return platform::write_file_atomic(prefix + kStoreFile, text.data(), text.size(), 0644) == 0 ? 0 : -1;
+}
+
+int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::string& pem, const std::string& hex) {
+  if (!is_hex64(hex) || sha256_hex(pem) != hex) return -1;
+  if (platform::make_dirs(prefix + "cert/uidai") != 0) return -1;
+  std::string path = prefix;
+  path += "cert/uidai/";
+  path += uidai_cert_file_name(which);
+  if (platform::write_file_atomic(path, pem.data(), pem.size(), 0644) != 0) return -1;
+  return uidai_store_checksum(prefix, which, hex);
+}
+
 
 const char* uidai_cert_file_name(UidaiCert which) {
   switch (which) {
@@ -59,7 +141,10 @@ std::string uidai_cert_path(UidaiCert which) {
 
 std::string uidai_cert_in_force(UidaiCert which) {
   std::string pem;
-  if (platform::read_file(uidai_cert_path(which), &pem) == 0 && !pem.empty()) return pem;
+  const std::string stored = uidai_stored_checksum(which);
+  if (!stored.empty() && platform::read_file(uidai_cert_path(which), &pem) == 0 && sha256_hex(pem) == stored) {
+    return pem;
+  }
   return std::string(uidai_builtin_cert(which));
 }
 
@@ -68,36 +153,20 @@ void set_uidai_prod_cert_newer(bool newer) { g_prod_newer.store(newer); }
 UidaiCert uidai_current_prod_cert() { return g_prod_newer.load() ? UidaiCert::kProd : UidaiCert::kProdOld; }
 
 void set_uidai_prod_checksum(const std::string& hex) {
-  std::lock_guard<std::mutex> lock(g_checksum_mutex);
-  g_prod_checksum = hex;
+  uidai_store_checksum(prefix_now(), uidai_current_prod_cert(), hex);
 }
 
 void set_uidai_preprod_checksum(const std::string& hex) {
-  std::lock_guard<std::mutex> lock(g_checksum_mutex);
-  g_preprod_checksum = hex;
+  uidai_store_checksum(prefix_now(), UidaiCert::kPreProd, hex);
 }
 
-std::string uidai_prod_checksum() {
-  std::lock_guard<std::mutex> lock(g_checksum_mutex);
-  return g_prod_checksum;
-}
+std::string uidai_prod_checksum() { return uidai_stored_checksum(uidai_current_prod_cert()); }
 
-std::string uidai_preprod_checksum() {
-  std::lock_guard<std::mutex> lock(g_checksum_mutex);
-  return g_preprod_checksum;
-}
+std::string uidai_preprod_checksum() { return uidai_stored_checksum(UidaiCert::kPreProd); }
 
 std::string uidai_expected_checksum(UidaiCert which, const std::string& cert_pem) {
-  std::string stored;
-  if (which == UidaiCert::kProd || which == UidaiCert::kProdOld) stored = uidai_prod_checksum();
-  if (which == UidaiCert::kPreProd) stored = uidai_preprod_checksum();
-  if (!stored.empty()) return stored;
-  Sha256Digest d = sha256(std::string_view(cert_pem));
-  return hex_lower(d);
+  const std::string stored = uidai_stored_checksum(which);
+  return stored.empty() ? sha256_hex(cert_pem) : stored;
 }
 
-void uidai_certs_reset_for_test() {
-  set_uidai_prod_cert_newer(true);
-  set_uidai_prod_checksum("");
-  set_uidai_preprod_checksum("");
-}
+void uidai_certs_reset_for_test() { set_uidai_prod_cert_newer(true); }
