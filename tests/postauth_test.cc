@@ -356,4 +356,71 @@ TEST_F(PostAuthTest, HandheldLockHeldByAnotherProcess) {
   for (int fd : {ready[0], ready[1], go[0], go[1]}) close(fd);
 }
 
+// The host program run for "Tavio_TX9|PORT|SECURITY" in a folder made by
+// vexoctl answers POSTAUTH from the simulated device; while this test process
+// holds the machine-wide handheld lock, the host's POSTAUTH and discovery
+// answer busy after the real 2000 ms wait.
+TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
+  testutil::WorkDir dir;
+  ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir.path() +
+                         " --scanner Tavio_TX9 --mgmt-url https://mgmt.test/Zelm > /dev/null")
+                            .c_str()),
+            0);
+  fs::create_directories(dir.file("appdata"));
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    close(out[0]);
+    setenv("APPDATA", dir.file("appdata").c_str(), 1);
+    std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
+    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "Tavio_TX9|ttyS5|PARAM", nullptr);
+    _exit(127);
+  }
+  close(out[1]);
+  std::string output;
+  char buf[4096];
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (output.find("Start_RDservice returned") == std::string::npos && std::chrono::steady_clock::now() < end) {
+    ssize_t n = read(out[0], buf, sizeof buf);
+    if (n <= 0) break;
+    output.append(buf, static_cast<std::size_t>(n));
+  }
+  ASSERT_NE(output.find("Start_RDservice returned 0"), std::string::npos) << output;
+  std::smatch m;
+  const std::string log = testutil::read_file(dir.file("rd.log"));
+  ASSERT_TRUE(std::regex_search(log, m, std::regex(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))")));
+  const int port = std::stoi(m[1]);
+  EXPECT_NE(log.find("Port is /dev/ttyS5\n"), std::string::npos);
+
+  EXPECT_EQ(testutil::http_exchange(port, request(query("GET_DEVICEID"))), success(port, "TX9SIM000001"));
+  {
+    // The host's lock file is the real one in /tmp.
+    platform::set_lock_dir_for_test("/tmp");
+    platform::NamedLock* lock = platform::named_lock_open(tavio_lock_name());
+    ASSERT_NE(lock, nullptr);
+    ASSERT_EQ(platform::named_lock_acquire(lock, 5000), 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(testutil::http_exchange(port, request(query("GET_BATTERYSTATUS"))),
+              refusal(port, "710", "Being used by another application", "USED"));
+    const auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(ms, 2000);
+    std::string discovery = testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n");
+    EXPECT_NE(discovery.find("status=\"USED\""), std::string::npos) << discovery;
+    EXPECT_EQ(platform::named_lock_release(lock), 0);
+    platform::named_lock_close(lock);
+  }
+  EXPECT_EQ(testutil::http_exchange(port, request(print("Rs 10 paid"))), success(port, "Printed"));
+  EXPECT_EQ(testutil::read_file(dir.file("RefDll/sim_printer.txt")), "Rs 10 paid\n");
+
+  kill(pid, SIGTERM);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  close(out[0]);
+}
+
 }  // namespace
