@@ -44,6 +44,9 @@ SIM_EXPORT int OpenCom_port(const char* port_path) {
   return guarded(__func__, [&](simctl::ControlCall& c) {
     if (port_path == nullptr) return SIM_ERR_BAD_PARAM;
     if (c.number("tavio_present", 1) == 0) return SIM_ERR_NO_DEVICE;
+    // A link that needs several tries: the first N opens fail.
+    const unsigned long failures = static_cast<unsigned long>(c.bounded("tavio_open_failures", 0, 0, 1000000));
+    if (c.bump("tavio_open_calls") < failures) return SIM_ERR_NO_DEVICE;
     if (int r = scripted(c, "tavio_open")) return r;
     g_port_open = true;
     return 0;

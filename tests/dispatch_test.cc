@@ -36,13 +36,22 @@ std::string capture_request(const std::string& path, const std::string& version,
   return "CAPTURE " + path + " " + version + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-// The PostAuthResp refusal with RD code 710, written out independently.
-std::string busy_postauth(int port) {
+// A PostAuthResp refusal, written out independently.
+std::string refused_postauth(int port, const std::string& code, const std::string& text, const std::string& status) {
   std::string body =
       "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"-1\"  Description = \"Command Not Sent to Device\"  "
-      "Response_value = \"(null)\" />\n\t<RD RD_ErrorCode = \"710\"   Description = \"Being used by another "
-      "application\"  RD_Status = \"USED\" />\n</PostAuthResp>";
+      "Response_value = \"(null)\" />\n\t<RD RD_ErrorCode = \"" + code + "\"   Description = \"" + text +
+      "\"  RD_Status = \"" + status + "\" />\n</PostAuthResp>";
   return ok_header(port, "/rd/postauth", body.size()) + body;
+}
+
+std::string busy_postauth(int port) {
+  return refused_postauth(port, "710", "Being used by another application", "USED");
+}
+
+// Without the handheld library (another scanner) there is no port to open.
+std::string no_port_postauth(int port) {
+  return refused_postauth(port, "-10", "Opening COM Port is failed for device", "READY");
 }
 
 TEST_F(DispatchTest, AnswersEveryVerbByteForByte) {
@@ -98,7 +107,7 @@ TEST_F(DispatchTest, AnswersEveryVerbByteForByte) {
       {"POSTAUTH for /postauth", "POSTAUTH /postauth HTTP/1.1\r\n\r\n", error_header(400, p, "/postauth")},
       {"POSTAUTH over HTTP/1.0", "POSTAUTH /rd/postauth HTTP/1.0\r\n\r\n", error_header(505, p, "/rd/postauth")},
       {"POSTAUTH without a body", "POSTAUTH /rd/postauth HTTP/1.1\r\n\r\n", error_header(422, p, "/rd/postauth")},
-      {"POSTAUTH while READY: not built yet", kPostAuth, error_header(501, p, "/rd/postauth")},
+      {"POSTAUTH without a handheld device", kPostAuth, no_port_postauth(p)},
       {"verb too long", std::string(20, 'V') + " / HTTP/1.1\r\n\r\n", error_header(400, p, "")},
       {"RDSERVICE path too long", "RDSERVICE /" + std::string(300, 'q') + " HTTP/1.1\r\n\r\n",
        error_header(400, p, "")},
@@ -152,9 +161,9 @@ TEST_F(DispatchTest, StatusDecidesDiscoveryAndPostAuth) {
     void (*set)();
     const char* text;
     std::string postauth;
-  } rows[] = {{set_rd_status_notready, "NOTREADY", error_header(501, port_, "/rd/postauth")},
+  } rows[] = {{set_rd_status_notready, "NOTREADY", refused_postauth(port_, "720", "Device not ready", "NOTREADY")},
               {set_rd_status_used, "USED", busy_postauth(port_)},
-              {set_rd_status_ready, "READY", error_header(501, port_, "/rd/postauth")}};
+              {set_rd_status_ready, "READY", no_port_postauth(port_)}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text);
     row.set();
@@ -169,13 +178,15 @@ TEST_F(DispatchTest, StatusDecidesDiscoveryAndPostAuth) {
 TEST_F(DispatchTest, BusyHandheldDeviceMakesTheServiceUsed) {
   set_scanner("Tavio_TX9");
   set_lock_timeouts_for_test(200, 200);
+  platform::set_lock_dir_for_test(dir_.path());
   ASSERT_EQ(init_semaphore_Tavio(), 0);
   ASSERT_EQ(Lock_Semaphore_Tavio(), 0);
   set_rd_status_ready();
   EXPECT_EQ(round_trip(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "USED"));
-  EXPECT_EQ(get_rd_status_index(), kRdUsed);
-  set_rd_status_ready();
+  // USED lasts as long as the request that found the device busy.
+  EXPECT_EQ(get_rd_status_index(), kRdReady);
   EXPECT_EQ(round_trip(port_, kPostAuth), busy_postauth(port_));
+  EXPECT_EQ(get_rd_status_index(), kRdReady);
   Unlock_Semaphore_Tavio();
 }
 

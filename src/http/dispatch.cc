@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "http/server.h"
@@ -56,12 +57,29 @@ bool is_tavio() { return rd_scanner_name() == kTavioScanner; }
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
-// Runs work under the handheld lock; when another process holds the device,
-// the status becomes USED and work still runs to give the busy answer.
+// While another holder has the handheld device, the status reads USED for
+// the request that found it busy; afterwards it goes back to what it was,
+// or one busy moment would leave the service USED for good.
+class BusyStatus {
+ public:
+  BusyStatus() : before_(get_rd_status_index()) { set_rd_status_used(); }
+  ~BusyStatus() {
+    if (before_ != kRdUsed) rd_status_replace(kRdUsed, before_);
+  }
+  BusyStatus(const BusyStatus&) = delete;
+  BusyStatus& operator=(const BusyStatus&) = delete;
+
+ private:
+  unsigned before_;
+};
+
+// Runs work under the handheld lock; when another holder has the device,
+// work still runs, with the status USED, to give the busy answer.
 template <typename Work>
 void with_tavio_lock(Work work) {
   TavioLock lock;
-  if (!lock.held()) set_rd_status_used();
+  std::optional<BusyStatus> busy;
+  if (!lock.held()) busy.emplace();
   work();
 }
 
@@ -99,12 +117,13 @@ void answer_discovery(const RequestLine& line, const char* origin, char* area) {
     RD_INFO(".........................Device Discovery Failed.......................");
   }
   // The handheld device is asked for its state even after a version error.
+  std::optional<BusyStatus> busy;
   if (is_tavio() && get_rd_status_index() != kRdUsed) {
     TavioLock lock;
     if (lock.held()) {
       Check_Device_status();
     } else {
-      set_rd_status_used();
+      busy.emplace();
     }
   }
   if (version_ok) {

@@ -28,6 +28,10 @@ void rd_status_release() {
   g_status.compare_exchange_strong(expected, kRdReady, std::memory_order_acq_rel);
 }
 
+bool rd_status_replace(unsigned from, unsigned to) {
+  return g_status.compare_exchange_strong(from, to, std::memory_order_acq_rel);
+}
+
 int get_device_detached() { return g_detached.load(std::memory_order_relaxed); }
 void set_device_detached(int detached) { g_detached.store(detached, std::memory_order_relaxed); }
 

@@ -24,6 +24,9 @@ bool rd_status_claim();
 // meanwhile (a detach's NOTREADY) is left as it is.
 void rd_status_release();
 
+// One step from -> to; false (nothing changed) when the status was not from.
+bool rd_status_replace(unsigned from, unsigned to);
+
 // Holds the READY -> USED claim for a scope: READY again when it ends.
 class RdStatusClaim {
  public:

@@ -1,49 +1,301 @@
-// PostAuth commands for the handheld device.
 #include "postauth/postauth.h"
 
+#include <atomic>
 #include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
 
 #include "http/server.h"
 #include "http/work_area.h"
 #include "init/rd_codes.h"
+#include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "init/rd_status.h"
+#include "platform/platform.h"
+#include "rd_core/scanner.h"
 
 namespace {
 
+using rd_codes::kRdBatteryFailed;
+using rd_codes::kRdFirmwareFailed;
+using rd_codes::kRdGetIdsFailed;
+using rd_codes::kRdNotSent;
+using rd_codes::kRdPortFailed;
+using rd_codes::kRdSuccess;
+
 constexpr char kHost[] = "127.0.0.1";
+constexpr char kTavioScanner[] = "Tavio_TX9";
+constexpr int kOpenTries = 3;
+constexpr unsigned kRetryPauseMs = 2000;
+// Room for one text answer of the device, NUL included.
+constexpr int kDeviceAnswerSize = 256;
+
 // The answer document; the tabs and double blanks are the clients' format.
 constexpr char kPostAuthRespFormat[] =
     "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"%d\"  Description = \"%s\"  Response_value = \"%s\" />\n\t<RD "
     "RD_ErrorCode = \"%d\"   Description = \"%s\"  RD_Status = %s />\n</PostAuthResp>";
 
+std::atomic<unsigned> g_pause_ms{kRetryPauseMs};
+
+// Whether this process has the device's port open. Guarded by g_port_mutex,
+// which is held for a whole open-command-close sequence.
+std::mutex g_port_mutex;
+bool g_port_open = false;
+
+// The description of a device or RD code; a code without one gives "".
 const char* rd_text(int code) {
   const char* text = rd_codes::code_message(rd_codes::Family::kRd, code);
   return text != nullptr ? text : "";
 }
 
-// A refusal: no command reached the device, the RD part carries rd_code, and
-// the absent response value prints as "(null)" as it always has.
-int answer_refusal(int rd_code, char* work_area, const char* origin, const char* path) {
-  int n = std::snprintf(work_area, kRespBodySize, kPostAuthRespFormat, rd_codes::kRdNotSent,
-                        rd_text(rd_codes::kRdNotSent), "(null)", rd_code, rd_text(rd_code), get_rd_status());
+// Length of the valid UTF-8 sequence at s (at most n bytes), 0 when invalid.
+std::size_t utf8_sequence(const unsigned char* s, std::size_t n) {
+  std::size_t len;
+  unsigned min;
+  if (s[0] >= 0xC2 && s[0] <= 0xDF) {
+    len = 2, min = 0x80;
+  } else if (s[0] >= 0xE0 && s[0] <= 0xEF) {
+    len = 3, min = 0x800;
+  } else if (s[0] >= 0xF0 && s[0] <= 0xF4) {
+    len = 4, min = 0x10000;
+  } else {
+    return 0;
+  }
+  if (len > n) return 0;
+  unsigned cp = s[0] & (0x7F >> len);
+  for (std::size_t i = 1; i < len; ++i) {
+    if ((s[i] & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (s[i] & 0x3F);
+  }
+  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
+  return len;
+}
+
+// A device text made safe for a double-quoted attribute: the four markup
+// characters escaped, control characters dropped, bytes that are not UTF-8
+// replaced by '?'. Plain text comes out unchanged.
+std::string xml_attribute_text(const char* text) {
+  std::string out;
+  const auto* s = reinterpret_cast<const unsigned char*>(text);
+  const std::size_t n = strnlen(text, kDeviceAnswerSize);
+  for (std::size_t i = 0; i < n;) {
+    const unsigned char c = s[i];
+    if (c >= 0x80) {
+      std::size_t len = utf8_sequence(s + i, n - i);
+      if (len == 0) {
+        out += '?';
+        ++i;
+      } else {
+        out.append(text + i, len);
+        i += len;
+      }
+      continue;
+    }
+    ++i;
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      default:
+        if (c >= 0x20 || c == '\t' || c == '\n' || c == '\r') out += static_cast<char>(c);
+        break;
+    }
+  }
+  return out;
+}
+
+// Writes a PostAuthResp body and its OK header; returns the body length.
+// A null value prints as "(null)", as refusals always have.
+int write_answer(char* work_area, const char* origin, const char* path, int device_code, const char* value,
+                 int rd_code) {
+  const std::string escaped = value != nullptr ? xml_attribute_text(value) : std::string("(null)");
+  int n = std::snprintf(work_area, kRespBodySize, kPostAuthRespFormat, device_code, rd_text(device_code),
+                        escaped.c_str(), rd_code, rd_text(rd_code), get_rd_status());
   if (n < 0) n = 0;
   frame_http_ok_header(kHost, service_port(), path, n, origin, work_area + kRespHeaderOffset);
   return n;
 }
 
+// A refusal: no command reached the device; the RD part carries rd_code.
+int answer_refusal(int rd_code, char* work_area, const char* origin, const char* path) {
+  return write_answer(work_area, origin, path, kRdNotSent, nullptr, rd_code);
+}
+
+// Opens the port unless it is open, with up to tries attempts and a pause
+// after each failure. 0, or -10. REQUIRES: g_port_mutex held.
+int open_port(const char* caller, int tries) {
+  RD_LOG_AS(caller);
+  if (g_port_open) return 0;
+  const OpenCom_port_t open = tavio_sdk().OpenCom_port;
+  // Without the handheld library (another scanner is configured) there is no
+  // port to wait for.
+  if (open != nullptr) {
+    const std::string port = rd_identity_copy().port_path;
+    for (int i = 0; i < tries; ++i) {
+      if (open(port.c_str()) == 0) {
+        g_port_open = true;
+        RD_INFO("Port is open for Communication");
+        return 0;
+      }
+      RD_ERROR("OpenCom_port function failed, Trying Again!!");
+      platform::sleep_ms(postauth_retry_pause_ms());
+    }
+  }
+  RD_ERROR("OpenCom_port function failed");
+  return kRdPortFailed;
+}
+
+// Closes the port if it is open. The port counts as closed afterwards either
+// way, so the next command opens it afresh. REQUIRES: g_port_mutex held.
+void close_port(const char* caller) {
+  RD_LOG_AS(caller);
+  if (!g_port_open) return;
+  g_port_open = false;
+  const ClosePort_t close = tavio_sdk().ClosePort;
+  if (close != nullptr && close() == 0) {
+    RD_INFO("Port is Closed Successfully");
+  } else {
+    RD_ERROR("ClosePort function failed");
+  }
+}
+
+using QueryFn = int (*)(char*, int);
+
+int query(QueryFn fn, char* answer, int fail_code, const char* fail_log) {
+  RD_LOG_AS("Get_Response_From_Device");
+  if (fn == nullptr || fn(answer, kDeviceAnswerSize) != 0) {
+    RD_ERROR("%s", fail_log);
+    return fail_code;
+  }
+  return 0;
+}
+
+// Runs the command of fields; the device's text lands in answer. Queries are
+// looked for in Param2 first, then PRINTER in Param1.
+int run_command(const PostAuthFields& fields, char* answer) {
+  RD_LOG_AS("Get_Response_From_Device");
+  const TavioSdk& sdk = tavio_sdk();
+  const char* query_name = fields.param2_name;
+  // The firmware and printer failures have always logged the battery text.
+  if (std::strcmp(query_name, "GET_BATTERYSTATUS") == 0) {
+    return query(sdk.Get_BatteryStatus, answer, kRdBatteryFailed, "Getting Battery_Status Failed");
+  }
+  if (std::strcmp(query_name, "GET_FIRMWAREVERSION") == 0) {
+    return query(sdk.Get_FWVersion, answer, kRdFirmwareFailed, "Getting Battery_Status Failed");
+  }
+  if (std::strcmp(query_name, "GET_DEVICEID") == 0) {
+    return query(sdk.Get_SerialNumber, answer, kRdGetIdsFailed, "Getting Device ID's Failed");
+  }
+  if (std::strcmp(fields.param1_name, "PRINTER") == 0) {
+    // A failed print reports the printer's own status code (3..73: paper,
+    // temperature, patch, battery), which the answer describes.
+    int rc = sdk.Print_Data != nullptr ? sdk.Print_Data(fields.param1_value, answer, kDeviceAnswerSize)
+                                       : kRdNotSent;
+    if (rc != 0) RD_ERROR("Getting Battery_Status Failed");
+    return rc;
+  }
+  RD_ERROR("Invalid Command from Client");
+  return kRdNotSent;
+}
+
+// Get_Response_From_Device with the number of tries to open the port.
+int get_response(const PostAuthFields& fields, char* work_area, const char* origin, const char* path,
+                 int open_tries) {
+  std::lock_guard<std::mutex> guard(g_port_mutex);
+  int rc = open_port("Get_Response_From_Device", open_tries);
+  if (rc != 0) return rc;
+  char answer[kDeviceAnswerSize] = {};
+  rc = run_command(fields, answer);
+  // The port is held for one command only, whatever its result.
+  close_port("Get_Response_From_Device");
+  if (rc != 0) return rc;
+  write_answer(work_area, origin, path, kRdSuccess, answer, kRdSuccess);
+  return 0;
+}
+
+// Check_Device_status; keep_open leaves an opened port for the command that follows.
+int check_device(bool keep_open) {
+  RD_LOG_AS("Check_Device_status");
+  std::lock_guard<std::mutex> guard(g_port_mutex);
+  RD_INFO("Trying to open the port");
+  if (open_port("Check_Device_status", kOpenTries) != 0) {
+    RD_STATUS("Connection to Bluetooth failed, please connect the device again");
+    RD_PIPE("10000", "Connection to Bluetooth failed,|please connect the device again\n");
+    set_device_detached(1);
+    set_rd_status_notready();
+    return kRdPortFailed;
+  }
+  int rc = 0;
+  char ids[kDeviceAnswerSize] = {};
+  const Get_SerialNumber_t get_ids = tavio_sdk().Get_SerialNumber;
+  if (get_ids == nullptr || get_ids(ids, kDeviceAnswerSize) != 0) {
+    RD_ERROR("Getting Device ID's Failed");
+    rc = kRdGetIdsFailed;
+  } else if (get_device_detached() != 0 && get_rd_status_index() == kRdNotReady) {
+    // The connection that was lost is back.
+    set_device_detached(0);
+    set_rd_status_ready();
+  }
+  if (!keep_open) close_port("Check_Device_status");
+  return rc;
+}
+
+// Closes a port that a request's device check left open, on every path out.
+struct PortRelease {
+  PortRelease() = default;
+  PortRelease(const PortRelease&) = delete;
+  PortRelease& operator=(const PortRelease&) = delete;
+  ~PortRelease() {
+    std::lock_guard<std::mutex> guard(g_port_mutex);
+    close_port("PostAuth");
+  }
+};
+
 }  // namespace
 
+unsigned postauth_retry_pause_ms() { return g_pause_ms.load(); }
+
+void set_postauth_retry_pause_for_test(unsigned ms) { g_pause_ms.store(ms); }
+
 int PostAuth(char* work_area, const char* origin, const char* path) {
+  const char* body = work_area + kReqBodyOffset;
+  if (body[0] == '\0') {
+    RD_ERROR("Request_For_Pidblock is null ");
+    return answer_refusal(rd_codes::kRdInvalidXml, work_area, origin, path);
+  }
   if (get_rd_status_index() == kRdUsed) {
     RD_ERROR("RD Service is in USED state, please wait for some time");
     return answer_refusal(rd_codes::kRdBusy, work_area, origin, path);
   }
-  // The device commands are not built yet.
-  work_area[0] = '\0';
-  frame_http_error_header(rd_codes::kHttpNotImplemented, kHost, service_port(), path, 0, origin,
-                          work_area + kRespHeaderOffset);
-  return 0;
+  PortRelease release;
+  // The check's result does not stop the request. When it could not open the
+  // port, the command is answered -10 without a second round of tries, so an
+  // absent device costs three tries in all.
+  bool port_failed = false;
+  if (rd_scanner_name() == kTavioScanner) port_failed = check_device(true) == kRdPortFailed;
+  if (!port_failed && get_rd_status_index() == kRdNotReady) {
+    RD_ERROR("RD Service is in NOTREADY state, please wait for some time");
+    return answer_refusal(rd_codes::kRdNotReady, work_area, origin, path);
+  }
+  PostAuthFields fields;
+  int rc = PostAuth_Request_XML_Parse(body, &fields);
+  if (rc != 0) {
+    RD_ERROR("XML_Parsing of client request is failed");
+    return answer_refusal(rc, work_area, origin, path);
+  }
+  rc = get_response(fields, work_area, origin, path, port_failed ? 0 : kOpenTries);
+  if (rc != 0) {
+    RD_ERROR("Getting Response for PostAuth call from Device is failed");
+    return answer_refusal(rc, work_area, origin, path);
+  }
+  return static_cast<int>(strnlen(work_area, kRespBodySize));
 }
 
-int Check_Device_status() { return -1; }
+int Get_Response_From_Device(const PostAuthFields& fields, char* work_area, const char* origin,
+                             const char* path) {
+  return get_response(fields, work_area, origin, path, kOpenTries);
+}
+
+int Check_Device_status() { return check_device(false); }

@@ -1,4 +1,6 @@
-// The process-local lock around the handheld device's commands.
+// The lock around the handheld device's commands. It is machine-wide, like
+// the scanner locks: the serial port serves one process at a time, and a
+// host that cannot have the device must answer busy at once.
 #include <atomic>
 
 #include "init/rd_log.h"
@@ -8,10 +10,13 @@
 namespace {
 
 constexpr unsigned kTavioLockTimeoutMs = 2000;
+// Its own name beside the scanner lock "Global\\QDX_WIN_009": a capture on the
+// handheld holds this lock and then takes the scanner lock.
+constexpr char kTavioLockName[] = "Global\\QDX_WIN_009_Tavio";
 
 std::atomic<unsigned> g_tavio_timeout_ms{kTavioLockTimeoutMs};
 // Created by start-up before the accept thread exists; read through the atomic.
-std::atomic<platform::LocalLock*> g_tavio{nullptr};
+std::atomic<platform::NamedLock*> g_tavio{nullptr};
 
 }  // namespace
 
@@ -19,10 +24,12 @@ void set_tavio_lock_timeout_for_test(unsigned ms) { g_tavio_timeout_ms.store(ms)
 
 unsigned tavio_lock_timeout_ms() { return g_tavio_timeout_ms.load(); }
 
+const char* tavio_lock_name() { return kTavioLockName; }
+
 int init_semaphore_Tavio() {
   // Created once; a repeated start-up must not pull it from under a holder.
   if (g_tavio != nullptr) return 0;
-  platform::LocalLock* lock = platform::local_lock_create();
+  platform::NamedLock* lock = platform::named_lock_open(kTavioLockName);
   if (lock == nullptr) {
     RD_ERROR("Error in creation of Tavio Semaphore");
     return -1;
@@ -32,7 +39,8 @@ int init_semaphore_Tavio() {
 }
 
 int Lock_Semaphore_Tavio() {
-  int rc = platform::local_lock_acquire(g_tavio.load(), tavio_lock_timeout_ms());
+  platform::NamedLock* lock = g_tavio.load();
+  int rc = lock != nullptr ? platform::named_lock_acquire(lock, tavio_lock_timeout_ms()) : -1;
   if (rc == 1) {
     RD_ERROR("sem_timedwait Tavio timeout");
     return -2;
@@ -46,7 +54,8 @@ int Lock_Semaphore_Tavio() {
 }
 
 int Unlock_Semaphore_Tavio() {
-  if (platform::local_lock_release(g_tavio.load()) != 0) {
+  platform::NamedLock* lock = g_tavio.load();
+  if (lock == nullptr || platform::named_lock_release(lock) != 0) {
     RD_ERROR("error at sem_release for Tavio Semaphore");
     return -1;
   }
@@ -54,6 +63,6 @@ int Unlock_Semaphore_Tavio() {
 }
 
 int close_semaphore_Tavio() {
-  platform::local_lock_destroy(g_tavio.exchange(nullptr));
+  platform::named_lock_close(g_tavio.exchange(nullptr));
   return 0;
 }

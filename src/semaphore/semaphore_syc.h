@@ -1,9 +1,10 @@
-// Machine-wide lock per scanner model, and the process-local handheld lock.
+// Machine-wide lock per scanner model, and the handheld device's lock.
 //
 // The scanner lock serialises capture, DeviceInfo, configuration reading, key
 // reading and key rotation across processes; the Tavio lock serialises the
-// handheld device's commands inside one process. Both are binary: any thread
-// may release. Results are those of the design: 0, -1, -2.
+// handheld device's commands, also across processes (its serial port serves
+// one process at a time). Both are binary: any thread may release. Results
+// are those of the design: 0, -1, -2.
 //
 // The lock handles are made by init_semaphore (and init_semaphore_Tavio)
 // during start-up, before Start_RDservice starts the accept thread, and kept
@@ -20,8 +21,10 @@ int Lock_Semaphore();
 // 0 released; -1 not held or failure.
 int Unlock_Semaphore();
 
+// Opens the handheld lock "Global\\QDX_WIN_009_Tavio" (tavio_lock_name()). 0 or -1.
 int init_semaphore_Tavio();
-// Waits up to tavio_lock_timeout_ms(). 0 acquired; -2 time-out or failure.
+const char* tavio_lock_name();
+// Waits up to tavio_lock_timeout_ms(). 0 acquired; -2 time-out, failure or no lock.
 int Lock_Semaphore_Tavio();
 int Unlock_Semaphore_Tavio();
 int close_semaphore_Tavio();
