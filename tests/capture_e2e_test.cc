@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <future>
 #include <map>
+#include <regex>
 #include <memory>
 
 #include "auth.pb-c.h"
@@ -23,7 +24,11 @@
 #include "init/rd_config.h"
 #include "init/rd_log.h"
 #include "init/rd_status.h"
+#include "init/config.h"
+#include "init/file_crc.h"
 #include "jp2_test_util.h"
+#include "mgmt_core/mgmt_api.h"
+#include "mgmt_server_util.h"
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/keystore.h"
@@ -465,3 +470,266 @@ TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
 }
 
 }  // namespace
+
+// The Management client against the reference server in a child process:
+// registration, key rotation, certificate updates, each with the status and
+// next action it leaves, and captures that use what the server gave.
+class ManagementEndToEnd : public CaptureEndToEnd {
+ public:
+  static constexpr const char* kSerial = "A600-E2E-7";
+  const std::string one_finger_ =
+      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
+      "posh=\"LEFT_INDEX\" env=\"P\" wadh=\"\"/></PidOptions>";
+
+  void SetUp() override {
+    CaptureEndToEnd::SetUp();
+    if (HasFatalFailure()) return;
+    // The server hands out the test UIDAI certificate, whose key the test holds.
+    fs::create_directories("data/uidai");
+    fs::create_directories("data/packages");
+    testutil::write_file("data/uidai/prod.pem", uidai_.cert_pem);
+    testutil::write_file("data/uidai/preprod.pem", uidai_.cert_pem);
+    testutil::write_file("cert/server.crt", testutil::read_file(mgmttest::kMgmtData + "/ca.crt"));
+    server_ = std::make_unique<mgmttest::Server>(true);
+    ASSERT_GT(server_->port(), 0) << server_->log();
+    point_at(server_->base());
+  }
+
+  static void point_at(const std::string& base) {
+    rd_config_update([&base](RdConfig& c) {
+      c.mgmt_url_register = base + "/rest/register/";
+      c.mgmt_url_keyrotation = base + "/rest/keyRotation/";
+      c.mgmt_url_uidaiupdate = base + "/rest/uidaiUpdate";
+      c.mgmt_url_updatestatus = base + "/rest/updateStatus";
+      c.mgmt_url_softupdate = base + "/rest/softUpdate/";
+      c.mgmt_url_getcert_pp = base + "/rest/getCert/PP";
+      c.mgmt_url_getcert_p = base + "/rest/getCert/P";
+      c.proxy_url.clear();
+    });
+  }
+
+  struct Step {
+    int rc;
+    std::string action;
+    std::string status;
+  };
+  template <typename F>
+  Step run(F&& op) {
+    char next_action[VEXO_NEXT_ACTION_LEN] = "untouched";
+    Step s;
+    s.rc = op(next_action);
+    s.action = next_action;
+    s.status = get_rd_status();
+    return s;
+  }
+  Step init() { return run([](char* b) { return Init(b); }); }
+  Step rotate() { return run([](char* b) { return Key_Rotation(b, "KEY_ROTATION"); }); }
+
+  void register_device() {
+    ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
+    Step s = rotate();
+    ASSERT_EQ(s.rc, 0) << testutil::last_status();
+  }
+
+  // The device code the server's registry holds for the device.
+  std::string registry_dc() {
+    std::string out;
+    EXPECT_EQ(mgmttest::run_command({"list", "--registry", "registry.db"}, &out), 0);
+    std::smatch m;
+    return std::regex_search(out, m, std::regex("dc=([0-9a-f-]+)")) ? std::string(m[1]) : out;
+  }
+
+  std::unique_ptr<mgmttest::Server> server_;
+};
+
+TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
+  struct Row {
+    const char* name;
+    std::function<void(ManagementEndToEnd*)> before;
+    int rc;
+    const char* action;
+    const char* status;
+  } rows[] = {
+      {"unknown serial", [](ManagementEndToEnd*) {}, -6, "DEVICE_NOT_REGISTERED", "\"NOTREADY\""},
+      {"registered, no dc",
+       [](ManagementEndToEnd*) {
+         ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
+       },
+       0, "KEY_ROTATION", "\"USED\""},
+      {"rotated", [](ManagementEndToEnd* t) { ASSERT_EQ(t->rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY",
+       "\"READY\""},
+      {"rotation pending, nothing queued", [](ManagementEndToEnd*) { rd_config_update([](RdConfig& c) { c.dc_missing = 1; }); },
+       0, "KEY_ROTATION", "\"READY\""},
+      {"rotation pending, update queued",
+       [](ManagementEndToEnd*) {
+         rd_config_update([](RdConfig& c) { c.dc_missing = 1; });
+         ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "SOFTWARE_UPDATE", "--registry", "registry.db"}), 0);
+       },
+       0, "SOFTWARE_UPDATE", "\"USED\""},
+      {"certificate queued",
+       [](ManagementEndToEnd*) {
+         ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
+       },
+       0, "UIDAI_CERT_UPDATE", "\"USED\""},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    set_rd_status_ready();
+    r.before(this);
+    Step s = init();
+    EXPECT_EQ(s.rc, r.rc) << testutil::last_status();
+    EXPECT_EQ(s.action, r.action);
+    EXPECT_EQ(s.status, r.status);
+  }
+  EXPECT_EQ(rd_config_copy().dc_missing, 0);  // cleared by the queued update
+  EXPECT_TRUE(pipe_.wait_for("10000|Device is not registered with|management server\n"));
+
+  // A server whose clock is ten minutes ahead: the 300-second rule.
+  mgmttest::Server ahead(true, {"--clock-offset", "600"});
+  ASSERT_GT(ahead.port(), 0);
+  point_at(ahead.base());
+  Step s = init();
+  EXPECT_EQ(s.rc, -5);
+  EXPECT_EQ(s.action, "TIME_STAMP_SYNC");
+  EXPECT_EQ(s.status, "\"NOTREADY\"");
+  EXPECT_NE(testutil::last_status().find(" | mgmt_api | Init | Time stamp miss match "), std::string::npos);
+  EXPECT_TRUE(pipe_.wait_for("10000|System time not sync with server\n"));
+
+  // No server at all: the transport's code, and Init stays to be retried.
+  point_at("https://127.0.0.1:1/Zelm");
+  s = init();
+  EXPECT_EQ(s.rc, -18);
+  EXPECT_EQ(s.action, "INIT_RETRY");
+  EXPECT_EQ(s.status, "\"USED\"");
+  set_rd_status_ready();
+
+  // The JSON test looks at the first byte only, with its case bit ignored.
+  for (const auto& [text, rc] : std::vector<std::pair<std::string, int>>{
+           {"{}", 0}, {"[1]", 0}, {" {}", -1}, {"", -1}, {"\n{}", -1}, {"y", -1}}) {
+    EXPECT_EQ(json_format_check(text), rc) << text;
+  }
+}
+
+TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
+  ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
+  const std::string old_dc = rd_config_copy().dc;
+  Step s = rotate();
+  ASSERT_EQ(s.rc, 0) << testutil::last_status();
+  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
+  EXPECT_EQ(s.status, "\"READY\"");
+
+  // dc written, sealed and held; the certificate issued by the CA for the new key.
+  const std::string dc = rd_config_copy().dc;
+  EXPECT_NE(dc, old_dc);
+  EXPECT_EQ(dc, registry_dc());
+  EXPECT_EQ(verify_crc(kCrc16, "./config.ini", "bin_crc.txt"), 0);
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(read_config_file(), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(rd_config_copy().dc, dc);
+  point_at(server_->base());  // the file names the demonstration URL
+  EXPECT_TRUE(fs::exists("App_Vexo"));
+  const std::string der = testutil::read_file("cert/public/signed_mc.cer");
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
+  X509Ptr issued(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+  ASSERT_TRUE(issued);
+  const std::string ca_pem = testutil::read_file(mgmttest::kMgmtData + "/ca.crt");
+  BIO* bio = BIO_new_mem_buf(ca_pem.data(), static_cast<int>(ca_pem.size()));
+  X509Ptr ca(PEM_read_bio_X509(bio, nullptr, nullptr, nullptr));
+  BIO_free(bio);
+  ASSERT_TRUE(ca);
+  std::unique_ptr<EVP_PKEY, PkeyFree> ca_key(X509_get_pubkey(ca.get()));
+  EXPECT_EQ(X509_verify(issued.get(), ca_key.get()), 1);
+
+  // A capture: bs verifies under the issued certificate; dc and mc are the new ones.
+  auto [head, body] = capture(one_finger_);
+  PidData pd = parse_pid_data(body);
+  ASSERT_EQ(pd.resp["errCode"], "0") << body;
+  EXPECT_EQ(pd.device["dc"], dc);
+  std::string mc;
+  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), &mc);
+  EXPECT_EQ(pd.device["mc"], mc);
+  std::string ts;
+  Bytes plain = open_pid(pd, &ts);
+  std::unique_ptr<xmlDoc, DocFree> pid(
+      xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0));
+  ASSERT_TRUE(pid);
+  xmlNode* bio_node = child(child(xmlDocGetRootElement(pid.get()), "Bios"), "Bio");
+  ASSERT_NE(bio_node, nullptr);
+  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(issued.get()));
+  EXPECT_TRUE(verify_bs(device_key.get(), b64(content(bio_node)), ts, dc, attributes(bio_node)["bs"]));
+  std::unique_ptr<EVP_PKEY, PkeyFree> old_key(X509_get_pubkey(device_cert_.get()));
+  EXPECT_FALSE(verify_bs(old_key.get(), b64(content(bio_node)), ts, dc, attributes(bio_node)["bs"]));
+
+  // A tampered keystore: the capture forces a rotation, still answers, and
+  // the next capture signs with the key of the rotation it caused.
+  testutil::write_file("last_acces_time_file", "\x01\x02\x03\x04");
+  auto [head2, body2] = capture(one_finger_);
+  EXPECT_FALSE(parse_pid_data(body2).resp["errCode"].empty()) << body2;
+  EXPECT_NE(rd_config_copy().dc, dc);
+  EXPECT_EQ(rd_config_copy().dc, registry_dc());
+  set_rd_status_ready();
+  auto [head3, body3] = capture(one_finger_);
+  PidData third = parse_pid_data(body3);
+  EXPECT_EQ(third.resp["errCode"], "0") << body3;
+  EXPECT_EQ(third.device["dc"], rd_config_copy().dc);
+
+  // A rotation that cannot reach the server leaves the marker removed, so the
+  // next start marks the rotation pending.
+  point_at("https://127.0.0.1:1/Zelm");
+  s = rotate();
+  EXPECT_EQ(s.rc, -18);
+  EXPECT_EQ(s.action, "KEY_ROTATION_RETRY");
+  EXPECT_EQ(s.status, "\"USED\"");
+  EXPECT_FALSE(fs::exists("App_Vexo"));
+  EXPECT_EQ(IsAppFilePresent(), -1);
+  EXPECT_EQ(rd_config_copy().dc_missing, 1);
+  set_rd_status_ready();
+}
+
+TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
+  register_device();
+  // Nothing installed: the built-in certificate is in force.
+  fs::remove_all("cert/uidai");
+  ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
+  Step s = init();
+  ASSERT_EQ(s.action, "UIDAI_CERT_UPDATE");
+  s = run([](char* b) { return uidai_cert_update(b); });
+  EXPECT_EQ(s.rc, 0) << testutil::last_status();
+  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
+  EXPECT_EQ(s.status, "\"READY\"");
+  EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
+  EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
+  auto [head, body] = capture(one_finger_);
+  PidData pd = parse_pid_data(body);
+  ASSERT_EQ(pd.resp["errCode"], "0") << body;
+  std::string ts;
+  EXPECT_FALSE(open_pid(pd, &ts).empty());  // wrapped under the fetched certificate's key
+
+  // The forced update, staging branch: the pre-production checksum is stored.
+  s = run([](char* b) { return uidai_cert_force_update(b); });
+  EXPECT_EQ(s.rc, 0);
+  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
+  EXPECT_EQ(s.status, "\"READY\"");
+  EXPECT_EQ(uidai_stored_checksum(UidaiCert::kPreProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
+  EXPECT_TRUE(pipe_.wait_for("5000|RD Service Started\n"));
+
+  // Production branch: a checksum matching neither built-in certificate
+  // starts a software update and is stored as the production one.
+  rd_config_update([](RdConfig& c) { c.prod_register_url = c.mgmt_url_register; });
+  s = run([](char* b) { return uidai_cert_force_update(b); });
+  EXPECT_EQ(s.rc, 0);
+  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
+  EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
+  EXPECT_NE(testutil::read_file("rd.log").find("Going To download New version of RD Service"), std::string::npos);
+  rd_config_update([](RdConfig& c) { c.prod_register_url.clear(); });
+
+  // A certificate whose checksum differs is not installed, and a file
+  // dropped in without a stored checksum is not used.
+  fs::remove_all("cert/uidai");
+  EXPECT_EQ(uidai_install_cert("./", UidaiCert::kProd, uidai_.cert_pem, std::string(64, '0')), -1);
+  EXPECT_FALSE(fs::exists("cert/uidai/prod.pem"));
+  fs::create_directories("cert/uidai");
+  testutil::write_file("cert/uidai/prod.pem", uidai_.cert_pem);
+  EXPECT_EQ(uidai_cert_in_force(UidaiCert::kProd), std::string(uidai_builtin_cert(UidaiCert::kProd)));
+}
