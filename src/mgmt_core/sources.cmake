@@ -4,6 +4,5 @@ list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/Base64Decode.cc
   ${CMAKE_CURRENT_LIST_DIR}/hash.cc
   ${CMAKE_CURRENT_LIST_DIR}/mgmt_api.cc
-  ${CMAKE_CURRENT_LIST_DIR}/download_tmp.cc
 )
 include(${CMAKE_CURRENT_LIST_DIR}/sources_keystore.cmake)
