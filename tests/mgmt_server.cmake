@@ -13,3 +13,10 @@ if(TARGET vexo-mgmt-server)
   add_dependencies(mgmt_transport_test vexo-mgmt-server)
   target_link_libraries(mgmt_transport_test PRIVATE PkgConfig::JSONC)
 endif()
+
+# The resumable software download, against the reference server over HTTPS,
+# a child process killed mid-way, and a hostile HTTP server of the test.
+if(TARGET vexo-mgmt-server)
+  vexo_add_test(mgmt_download_test mgmt_download_test.cc)
+  add_dependencies(mgmt_download_test vexo-mgmt-server)
+endif()

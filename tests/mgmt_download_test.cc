@@ -1,0 +1,575 @@
+// The resumable software download against the reference Management server
+// run as a child process over HTTPS, and against a hostile HTTP server of the
+// test that answers exactly the bytes a case needs.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "init/rd_config.h"
+#include "init/rd_log.h"
+#include "mgmt_core/download.h"
+#include "mgmt_core/hash.h"
+#include "mgmt_server_util.h"
+#include "test_util.h"
+
+namespace {
+
+using mgmttest::kMgmtData;
+using mgmttest::Server;
+using Strings = std::vector<std::string>;
+
+std::string package_bytes(std::size_t size, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string data(size, '\0');
+  for (char& c : data) c = static_cast<char>(gen() & 0xFF);
+  return data;
+}
+
+std::string md5_of(const std::string& data) {
+  testutil::write_file("md5.tmp", data);
+  std::string hex;
+  EXPECT_EQ(MD5_Generate("md5.tmp", &hex), 0);
+  std::filesystem::remove("md5.tmp");
+  return hex;
+}
+
+// Every match of the first group of pattern in text, in order.
+Strings matches(const std::string& text, const std::string& pattern) {
+  Strings out;
+  const std::regex re(pattern);
+  for (auto it = std::sregex_iterator(text.begin(), text.end(), re); it != std::sregex_iterator(); ++it) {
+    out.push_back((*it)[1]);
+  }
+  return out;
+}
+
+std::string read_or_empty(const std::string& path) {
+  return std::filesystem::exists(path) ? testutil::read_file(path) : std::string();
+}
+
+class DownloadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(zlog_init("rd.log"), 0);
+    rd_log_reset_for_test();
+    ASSERT_EQ(create_Pipe(), 0);
+    rd_config_update([](RdConfig& c) {
+      c.proxy_url.clear();
+      c.proxy_username.clear();
+      c.proxy_password.clear();
+      c.verbose = 0;
+    });
+    std::filesystem::create_directories("cert");
+    std::filesystem::create_directories("data/packages");
+    testutil::write_file("cert/server.crt", testutil::read_file(kMgmtData + "/ca.crt"));
+  }
+  void TearDown() override {
+    set_download_chunk_delay_for_test(0);
+    set_download_timeouts_for_test(0);
+    EXPECT_TRUE(wait_download_idle_for_test(30000));
+    zlog_fini();
+  }
+
+  // Serves a package of size bytes as data/packages/NAME and returns it.
+  std::string publish(const std::string& name, std::size_t size, unsigned seed = 7) {
+    std::string data = package_bytes(size, seed);
+    testutil::write_file("data/packages/" + name, data);
+    return data;
+  }
+  static std::string url_of(const Server& server, const std::string& name) {
+    return server.base() + "/files/packages/" + name;
+  }
+  // Ranges the server answered since its log had `since` bytes.
+  static Strings server_ranges(const Server& server, std::size_t since) {
+    return matches(server.log().substr(since), "GET \\S+ - 20[06] bytes=([0-9]+-[0-9]+)\n");
+  }
+  // The run log's new part since it had `since` bytes.
+  static std::string log_since(std::size_t since) { return testutil::read_file("rd.log").substr(since); }
+  static std::size_t log_size() { return testutil::read_file("rd.log").size(); }
+  // Waits until text arrived on the status pipe after its first `since` bytes.
+  bool pipe_got_since(const std::string& since, const std::string& text) {
+    for (int i = 0; i < 300; ++i) {
+      if (pipe_.received().find(text, since.size()) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  testutil::WorkDir dir_;
+  testutil::PipeReader pipe_{dir_.path()};
+};
+
+// Fresh downloads of packages whose sizes hit each corner of the range
+// arithmetic: the ranges on the wire, the bytes appended, the final record.
+TEST_F(DownloadTest, FreshDownloadFetchesExactRanges) {
+  Server tls(true);
+  ASSERT_GT(tls.port(), 0) << tls.log();
+  struct Case {
+    std::size_t size;
+    Strings ranges;
+    Strings chunk_sizes;
+    const char* record_tail;
+  } cases[] = {
+      {250000, {"0-102400", "102401-204801", "204802-250000"}, {"102401", "102401", "45198"}, "|250000|2:2|Completed|"},
+      {100, {"0-100"}, {"100"}, "|100|0:0|Completed|"},
+      // The last index is 1 but chunk 0 already holds every byte.
+      {102400, {"0-102400"}, {"102400"}, "|102400|1:1|Completed|"},
+      {204803, {"0-102400", "102401-204801", "204802-204803"}, {"102401", "102401", "1"}, "|204803|2:2|Completed|"},
+      {0, {}, {}, "|0|0:0|Completed|"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.size);
+    std::filesystem::remove_all("DownloadSW");  // the folder is made when missing
+    const std::string name = "pkg" + std::to_string(c.size) + ".zip";
+    const std::string data = publish(name, c.size);
+    const std::string url = url_of(tls, name);
+    const std::size_t server_before = tls.log().size();
+    const std::size_t log_before = log_size();
+    const std::string pipe_before = pipe_.received();
+
+    ASSERT_EQ(download_manager(url, md5_of(data), kDownloadTarget), 0) << log_since(log_before);
+
+    EXPECT_EQ(server_ranges(tls, server_before), c.ranges);
+    const std::string log = log_since(log_before);
+    EXPECT_EQ(matches(log, "Range is: ([0-9-]+)\n"), c.ranges);
+    EXPECT_EQ(matches(log, "Success range ([0-9-]+)\n"), c.ranges);
+    EXPECT_EQ(matches(log, "\\(download_manager:download_part:[0-9]+\\) - chunk size is ([0-9]+)\n"), c.chunk_sizes);
+    EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
+    std::string record(url);
+    record += '|';
+    record += md5_of(data);
+    record += c.record_tail;
+    EXPECT_EQ(testutil::read_file(kDownloadRecord), record);
+
+    const std::string size_text = std::to_string(c.size);
+    EXPECT_NE(log.find("(download_manager:ParseFileLength:"), std::string::npos);
+    EXPECT_NE(log.find(") - Len Buf is = " + size_text + "\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("(download_manager:get_package_size:"), std::string::npos);
+    EXPECT_NE(log.find(") - Size of .exe file is " + size_text + " bytes\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("MS check sum is " + md5_of(data) + ", MC checksum is " + md5_of(data) + "\n"),
+              std::string::npos);
+    EXPECT_NE(log.find(") - Checksum matched.Download successful\n"), std::string::npos);
+    EXPECT_NE(testutil::last_status().find(" | download_manager | get_package_size | Software download is in "
+                                           "progress : Size of .exe file is " + size_text + " bytes "),
+              std::string::npos)
+        << testutil::last_status();
+    const std::string pipe_text = "10000|Software download is in progress:|Size of .exe file is " + size_text + " byte\n";
+    EXPECT_TRUE(pipe_got_since(pipe_before, pipe_text)) << pipe_.received();
+  }
+}
+
+// What the record left by an earlier attempt makes of the next one: where it
+// starts, what it cuts back, and that every path ends with the exact package.
+TEST_F(DownloadTest, ResumeRecordDecidesWhereToStart) {
+  Server tls(true);
+  ASSERT_GT(tls.port(), 0) << tls.log();
+  const std::string data = publish("p.zip", 250000);
+  const std::string url = url_of(tls, "p.zip");
+  const std::string md5 = md5_of(data);
+  const std::string other_md5 = md5_of("another package");
+  std::string upper_md5 = md5;
+  for (char& ch : upper_md5) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+  const Strings all = {"0-102400", "102401-204801", "204802-250000"};
+  auto rec = [&](const std::string& sum, const std::string& rest) { return url + "|" + sum + "|" + rest; };
+  const std::string junk(7000, 'J');
+  const char* kChanged = "Download exe has been changed. starting fresh download...";
+  const char* kUnusable = "Previous download record unusable. starting fresh download...";
+  struct Case {
+    const char* name;
+    std::string record;     // empty: no dm.conf
+    bool has_package;
+    std::string package;
+    Strings ranges;
+    std::string log_line;
+  } cases[] = {
+      {"no record", "", true, junk, all, ""},
+      {"changed checksum", rec(other_md5, "250000|0:2|In progress|"), true, data.substr(0, 102401), all, kChanged},
+      {"changed size", rec(md5, "300000|0:2|In progress|"), true, data.substr(0, 102401), all, kChanged},
+      {"checksum in capitals", rec(upper_md5, "250000|0:2|In progress|"), true, data.substr(0, 102401),
+       {all[1], all[2]}, "Resuming previous download"},
+      {"completed", rec(md5, "250000|2:2|Completed|"), true, data,
+       all, "Previous download was successful. again fresh  download"},
+      {"after chunk 0", rec(md5, "250000|0:2|In progress|"), true, data.substr(0, 102401), {all[1], all[2]},
+       "Resuming previous download"},
+      {"chunk 1 appended, record not written", rec(md5, "250000|0:2|In progress|"), true, data.substr(0, 204802),
+       {all[1], all[2]}, "Package cut back from 204802 to 102401 bytes"},
+      {"part of chunk 2 appended", rec(md5, "250000|1:2|In progress|"), true, data.substr(0, 204802) + junk,
+       {all[2]}, "Package cut back from 211802 to 204802 bytes"},
+      {"package shorter than the record", rec(md5, "250000|1:2|In progress|"), true, data.substr(0, 1000), all,
+       "Package holds 1000 bytes, fewer than the 204802 of the record. starting fresh download..."},
+      {"no package", rec(md5, "250000|1:2|In progress|"), false, "", all,
+       "Package holds 0 bytes, fewer than the 204802 of the record. starting fresh download..."},
+      {"garbage", "garbage", true, junk, all, kUnusable},
+      {"separators only", "|||:|", true, junk, all, kUnusable},
+      {"binary", std::string("\x01\xff|\0|\x80|", 7), true, junk, all, kUnusable},
+      {"current past last", rec(md5, "250000|5:2|In progress|"), true, data, all, kUnusable},
+      {"wrong last index", rec(md5, "250000|0:3|In progress|"), true, data, all, kUnusable},
+      {"negative index", rec(md5, "250000|-1:2|In progress|"), true, data, all, kUnusable},
+      {"huge size", rec(md5, "99999999999999999999999|0:2|In progress|"), true, data, all, kUnusable},
+      {"status contradicts indices", rec(md5, "250000|0:2|Completed|"), true, data, all, kUnusable},
+      {"extra field", rec(md5, "250000|0:2|In progress|x|"), true, data, all, kUnusable},
+      {"oversized record", std::string(9000, 'A'), true, data, all, kUnusable},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove(kDownloadRecord);
+    std::filesystem::remove_all("DownloadSW");
+    if (!c.record.empty()) testutil::write_file(kDownloadRecord, c.record);
+    if (c.has_package) {
+      std::filesystem::create_directories("DownloadSW");
+      testutil::write_file(kDownloadTarget, c.package);
+    }
+    const std::size_t server_before = tls.log().size();
+    const std::size_t log_before = log_size();
+    ASSERT_EQ(download_manager(url, md5, kDownloadTarget), 0) << log_since(log_before);
+    EXPECT_EQ(server_ranges(tls, server_before), c.ranges);
+    if (!c.log_line.empty()) {
+      EXPECT_NE(log_since(log_before).find(") - " + c.log_line + "\n"), std::string::npos) << log_since(log_before);
+    }
+    EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
+    EXPECT_EQ(testutil::read_file(kDownloadRecord), rec(md5, "250000|2:2|Completed|"));
+  }
+}
+
+// A package whose MD5 differs stays "Completed", so the next attempt starts
+// afresh; the waiting variant reports the failure and then the success.
+TEST_F(DownloadTest, ChecksumMismatchLeavesCompletedAndStartsAfresh) {
+  Server tls(true);
+  ASSERT_GT(tls.port(), 0) << tls.log();
+  const std::string data = publish("p.zip", 250000);
+  const std::string url = url_of(tls, "p.zip");
+  const std::string wrong = md5_of("not the package");
+  const Strings all = {"0-102400", "102401-204801", "204802-250000"};
+
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    SCOPED_TRACE(attempt);
+    const std::size_t server_before = tls.log().size();
+    const std::size_t log_before = log_size();
+    const std::string pipe_before = pipe_.received();
+    EXPECT_EQ(download_manager(url, wrong, kDownloadTarget), -1);
+    EXPECT_EQ(server_ranges(tls, server_before), all);
+    const std::string log = log_since(log_before);
+    EXPECT_NE(log.find("ERROR  (download_manager:download_manager:"), std::string::npos);
+    EXPECT_NE(log.find(") - Downloaded file checksum is invalid. Download Failed.\n"), std::string::npos);
+    EXPECT_EQ(log.find("Previous download was successful. again fresh  download") != std::string::npos,
+              attempt == 1);
+    EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + wrong + "|250000|2:2|Completed|");
+    const std::string status = testutil::last_status();
+    EXPECT_EQ(status.substr(status.find(" | ")),
+              " | download_manager | download_manager | Downloaded file checksum is invalid. Download Failed.");
+    EXPECT_TRUE(pipe_got_since(pipe_before, "10000|Downloaded file checksum is invalid|Download Failed.\n"));
+  }
+
+  std::size_t log_before = log_size();
+  EXPECT_EQ(download_software_update(url, wrong, true), -1);
+  EXPECT_NE(log_since(log_before).find("ERROR  (download:download_software_update:"), std::string::npos);
+  EXPECT_NE(log_since(log_before).find(") - Error at download_manager \n"), std::string::npos);
+
+  log_before = log_size();
+  EXPECT_EQ(download_software_update(url, md5_of(data), true), 0);
+  const std::string log = log_since(log_before);
+  EXPECT_NE(log.find(") - Download exe has been changed. starting fresh download...\n"), std::string::npos);
+  EXPECT_NE(log.find("INFO   (download:download_software_update:"), std::string::npos);
+  EXPECT_NE(log.find(") - file downloaded and check sum verified successfully\n"), std::string::npos);
+  EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
+}
+
+// A download killed (SIGKILL) in a child process between chunks resumes in
+// this process with the chunk after the last recorded one and verifies.
+TEST_F(DownloadTest, KilledDownloadResumesAndVerifies) {
+  Server tls(true);
+  ASSERT_GT(tls.port(), 0) << tls.log();
+  const std::string data = publish("big.zip", 1000000);  // chunks 0..9
+  const std::string url = url_of(tls, "big.zip");
+  const std::string md5 = md5_of(data);
+
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    set_download_chunk_delay_for_test(150);
+    _exit(download_manager(url, md5, kDownloadTarget) == 0 ? 0 : 1);
+  }
+  const std::regex progress("\\|([0-9]+):9\\|In progress\\|$");
+  std::smatch m;
+  std::string record;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (std::chrono::steady_clock::now() < deadline) {
+    record = read_or_empty(kDownloadRecord);
+    if (std::regex_search(record, m, progress) && std::stoi(m[1]) >= 1) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  kill(child, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the child finished before it was killed";
+
+  record = testutil::read_file(kDownloadRecord);
+  ASSERT_TRUE(std::regex_search(record, m, progress)) << record;
+  const int stored = std::stoi(m[1]);
+  ASSERT_LT(stored, 9);
+  Strings expected;
+  for (int i = stored + 1; i <= 9; ++i) {
+    const long start = static_cast<long>(i) * 102401;
+    expected.push_back(std::to_string(start) + "-" + std::to_string(i == 9 ? 1000000L : start + 102400));
+  }
+  const std::size_t server_before = tls.log().size();
+  const std::size_t log_before = log_size();
+  ASSERT_EQ(download_manager(url, md5, kDownloadTarget), 0) << log_since(log_before);
+  EXPECT_NE(log_since(log_before).find(") - Resuming previous download\n"), std::string::npos);
+  EXPECT_EQ(server_ranges(tls, server_before), expected);
+  EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
+  EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + md5 + "|1000000|9:9|Completed|");
+}
+
+// The thread variant returns at once, holds the single download slot while
+// it runs (every other request gets -1), and verifies the package.
+TEST_F(DownloadTest, ThreadVariantHoldsTheOnlyDownloadSlot) {
+  Server tls(true);
+  ASSERT_GT(tls.port(), 0) << tls.log();
+  const std::string data = publish("t.zip", 500000);
+  const std::string url = url_of(tls, "t.zip");
+  const std::string md5 = md5_of(data);
+  set_download_chunk_delay_for_test(100);
+
+  const std::size_t log_before = log_size();
+  {
+    // The caller's strings die at once: the thread works on its own copies.
+    std::string url_copy = url;
+    std::string md5_copy = md5;
+    ASSERT_EQ(download_software_update(url_copy, md5_copy, false), 0);
+    url_copy.assign(url.size(), 'x');
+    md5_copy.assign(32, '0');
+  }
+  EXPECT_EQ(download_software_update(url, md5, false), -1);
+  EXPECT_EQ(download_software_update(url, md5, true), -1);
+  EXPECT_EQ(download_manager(url, md5, kDownloadTarget), -1);
+  ASSERT_TRUE(wait_download_idle_for_test(30000));
+  const std::string log = log_since(log_before);
+  EXPECT_EQ(testutil::count_of(log, ") - Software download already in progress\n"), 3) << log;
+  EXPECT_NE(log.find("INFO   (download:thread_download_software:"), std::string::npos);
+  EXPECT_NE(log.find(") - download_data.path     = " + url + "\n"), std::string::npos);
+  EXPECT_NE(log.find(") - download_data.checksum = " + md5 + "\n"), std::string::npos);
+  EXPECT_NE(log.find(") - file downloaded and check sum verified successfully\n"), std::string::npos);
+  EXPECT_EQ(testutil::count_of(log, "Range is: "), 5);
+  EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
+  set_download_chunk_delay_for_test(0);
+  EXPECT_EQ(download_manager(url, md5, kDownloadTarget), 0);  // the slot is free again
+}
+
+// An HTTP server on 127.0.0.1 that answers each request with what the
+// handler makes of its method and Range header; an empty answer stalls.
+class HostileServer {
+ public:
+  using Handler = std::function<std::string(const std::string& method, const std::string& range)>;
+  explicit HostileServer(Handler handler) : handler_(std::move(handler)) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd_, 8) != 0 ||
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0 || ::pipe(stop_) != 0) {
+      throw std::runtime_error("hostile server not started");
+    }
+    port_ = ntohs(a.sin_port);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~HostileServer() {
+    (void)!::write(stop_[1], "x", 1);
+    thread_.join();
+    for (int fd : {fd_, stop_[0], stop_[1]}) ::close(fd);
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/files/packages/p.zip"; }
+
+ private:
+  bool wait(int fd) {
+    pollfd p[2] = {{fd, POLLIN, 0}, {stop_[0], POLLIN, 0}};
+    return ::poll(p, 2, -1) > 0 && (p[1].revents & POLLIN) == 0;
+  }
+  void serve() {
+    while (wait(fd_)) {
+      const int c = ::accept(fd_, nullptr, nullptr);
+      if (c < 0) continue;
+      std::string in;
+      char buf[4096];
+      while (in.find("\r\n\r\n") == std::string::npos && wait(c)) {
+        const ssize_t n = ::read(c, buf, sizeof buf);
+        if (n <= 0) break;
+        in.append(buf, static_cast<std::size_t>(n));
+      }
+      std::string range;
+      const std::size_t at = in.find("\r\nRange: bytes=");
+      if (at != std::string::npos) range = in.substr(at + 15, in.find("\r\n", at + 15) - at - 15);
+      const std::string answer = handler_ ? handler_(in.substr(0, in.find(' ')), range) : std::string();
+      if (answer.empty()) {
+        wait(c);  // stall until the client gives up or the test ends
+      } else {
+        (void)!::send(c, answer.data(), answer.size(), MSG_NOSIGNAL);
+      }
+      ::close(c);
+    }
+  }
+  Handler handler_;
+  int fd_ = -1;
+  int stop_[2] = {-1, -1};
+  int port_ = 0;
+  std::thread thread_;
+};
+
+std::string response(const std::string& status, const std::string& headers, const std::string& body) {
+  std::string r("HTTP/1.1 ");
+  r += status;
+  r += "\r\n";
+  r += headers;
+  r += "Connection: close\r\n\r\n";
+  r += body;
+  return r;
+}
+
+// A server that lies about sizes, answers short or whole ranges, floods
+// headers or stalls gets a clean -1, no record and no torn package.
+TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
+  EXPECT_EQ(kDownloadConnectTimeoutSeconds, 60);
+  EXPECT_EQ(kDownloadStallSeconds, 60);
+  EXPECT_EQ(kSizeHeaderBuffer, 4096u);
+  const std::string data = package_bytes(250000, 3);
+  const std::string md5 = md5_of(data);
+  auto head_ok = [](const std::string& length) {
+    return response("200 OK", "Content-Length: " + length + "\r\n", "");
+  };
+  struct Case {
+    const char* name;
+    HostileServer::Handler handler;
+    const char* log_line;
+    bool size_fails;  // the size request itself fails
+  } cases[] = {
+      {"header flood",
+       [&](const std::string&, const std::string&) {
+         return response("200 OK", "X-Pad: " + std::string(5000, 'p') + "\r\nContent-Length: 250000\r\n", "");
+       },
+       "Curl write_callback buffer insufficient", true},
+      {"no Content-Length", [&](const std::string&, const std::string&) { return response("200 OK", "", ""); },
+       "No usable Content-Length in the package headers", true},
+      {"Content-Length not a number", [&](const std::string&, const std::string&) { return head_ok("25e4"); },
+       "No usable Content-Length in the package headers", true},
+      {"Content-Length past the limit", [&](const std::string&, const std::string&) { return head_ok("99999999999"); },
+       "No usable Content-Length in the package headers", true},
+      {"not found",
+       [&](const std::string&, const std::string&) { return response("404 Not Found", "Content-Length: 9\r\n", "not found"); },
+       "Package request answered with HTTP status 404", true},
+      {"short ranges",
+       [&](const std::string& method, const std::string&) {
+         if (method == "HEAD") return head_ok("250000");
+         return response("206 Partial Content", "Content-Length: 1000\r\n", data.substr(0, 1000));
+       },
+       "Range 0-102400 answered 1000 bytes instead of 102401", false},
+      {"whole file for a range",
+       [&](const std::string& method, const std::string&) {
+         if (method == "HEAD") return head_ok("250000");
+         return response("200 OK", "Content-Length: 250000\r\n", data);
+       },
+       "Range answer longer than 102401 bytes", false},
+      {"ranges refused",
+       [&](const std::string& method, const std::string&) {
+         if (method == "HEAD") return head_ok("250000");
+         return response("416 Range Not Satisfiable", "Content-Length: 0\r\n", "");
+       },
+       "Error at curl_easy_perform download_part", false},
+      {"stalled after the size",
+       [&](const std::string& method, const std::string&) {
+         return method == "HEAD" ? head_ok("250000") : std::string();
+       },
+       "Error at curl_easy_perform download_part", false},
+      {"stalled", nullptr, "Error at curl_easy_perform ", true},
+  };
+  set_download_timeouts_for_test(1);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove(kDownloadRecord);
+    std::filesystem::remove_all("DownloadSW");
+    HostileServer server(c.handler);
+    const std::size_t log_before = log_size();
+    const std::string pipe_before = pipe_.received();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(download_manager(server.url(), md5, kDownloadTarget), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+    const std::string log = log_since(log_before);
+    EXPECT_NE(log.find(std::string(") - ") + c.log_line + "\n"), std::string::npos) << log;
+    EXPECT_FALSE(std::filesystem::exists(kDownloadRecord));
+    if (c.size_fails) {
+      EXPECT_NE(log.find(") - Error at get_package_size\n"), std::string::npos);
+      const std::string status = testutil::last_status();
+      EXPECT_EQ(status.substr(status.find(" | ")), " | download_manager | get_package_size | Get download file size failed ");
+      EXPECT_TRUE(pipe_got_since(pipe_before, "10000|Get download file size failed\n")) << pipe_.received();
+    } else {
+      EXPECT_EQ(std::filesystem::file_size(kDownloadTarget), 0u);  // emptied, nothing appended
+    }
+  }
+}
+
+// The header parser and the record that the host reads for its progress.
+TEST(DownloadFormat, ContentLengthAndRecordText) {
+  struct {
+    const char* headers;
+    long expected;
+  } lengths[] = {
+      {"HTTP/1.1 200 OK\r\nContent-Length: 250000\r\n\r\n", 250000},
+      {"HTTP/2 200\r\ncontent-length: 7\r\n\r\n", 7},
+      {"HTTP/1.1 200 Connection established\r\nContent-Length: 0\r\n\r\nHTTP/1.1 200 OK\r\n"
+       "Content-Length: 5\r\n\r\n", 5},
+      {"HTTP/1.1 200 OK\r\nContent-Length:\t2147483647 \r\n\r\n", 2147483647L},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 2147483648\r\n\r\n", -1},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 12abc\r\n\r\n", -1},
+      {"HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\n", -1},
+      {"HTTP/1.1 200 OK\r\nContent-Length: \r\n\r\n", -1},
+      {"HTTP/1.1 200 OK\r\nX-Content-Length: 5\r\n\r\n", -1},
+      {"", -1},
+  };
+  for (const auto& c : lengths) {
+    SCOPED_TRACE(c.headers);
+    EXPECT_EQ(ParseFileLength(c.headers), c.expected);
+  }
+
+  testutil::WorkDir dir;
+  ASSERT_EQ(zlog_init("rd.log"), 0);
+  const std::string sum(32, 'a');
+  struct {
+    long size;
+    int last;
+    int current;
+    const char* record;
+  } records[] = {
+      {250000, 2, 1, "https://h/p.zip|aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa|250000|1:2|In progress|"},
+      {250000, 2, 2, "https://h/p.zip|aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa|250000|2:2|Completed|"},
+  };
+  for (const auto& c : records) {
+    ASSERT_EQ(update_to_conf("https://h/p.zip", sum, c.size, c.last, c.current), 0);
+    EXPECT_EQ(testutil::read_file(kDownloadRecord), c.record);
+    int current = -1;
+    int last = -1;
+    const int expected = c.current == c.last ? 1 : 0;
+    EXPECT_EQ(get_previous_download_info("https://h/p.zip", sum, c.size, &current, &last), expected);
+    EXPECT_EQ(current, expected == 0 ? c.current : 0);
+    EXPECT_EQ(last, expected == 0 ? c.last : 0);
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(".")) {
+    EXPECT_NE(entry.path().filename().string().rfind("dm.conf.tmp", 0), 0u) << "temporary record left behind";
+  }
+  zlog_fini();
+}
+
+}  // namespace
