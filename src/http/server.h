@@ -53,6 +53,10 @@ int frame_http_error_header(int code, const char* host, int port, const char* pa
 // unless a test shortened it.
 int accept_wait_ms();
 void set_accept_wait_ms_for_test(int ms);
+// The pause after each connection thread starts: 100 ms (at most ten accepts
+// a second) unless a test shortened it.
+unsigned accept_pause_ms();
+void set_accept_pause_ms_for_test(unsigned ms);
 // Test seam: the next count dispatches throw std::bad_alloc.
 void set_dispatch_faults_for_test(int count);
 
