@@ -23,6 +23,7 @@ using ListenerTest = FrontTest;
 TEST_F(ListenerTest, WaitsHaveTheirRealDefaults) {
   EXPECT_EQ(recv_wait_ms(), 60000);
   EXPECT_EQ(accept_wait_ms(), 15000);
+  EXPECT_EQ(accept_pause_ms(), 100u);
   EXPECT_EQ(ssl_accept_wait_ms(), 120000);
 }
 
@@ -188,6 +189,97 @@ TEST_F(ListenerTest, DropsClientsThatCloseOrStaySilent) {
         wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
   }
   expect_status_line(" | server | process_incoming_message | recv failed : Could not received data bytes ");
+}
+
+// The receive limit covers the whole request, header and body: a client that
+// stops, or trickles a byte at a time so that no single wait ever runs out, is
+// dropped when the limit ends, whatever it sent. A slow client that finishes
+// within the limit is served.
+TEST_F(ListenerTest, WholeRequestMustArriveWithinTheLimit) {
+  constexpr int kLimitMs = 800;
+  set_recv_wait_ms_for_test(kLimitMs);
+  int port = start_server();
+  ASSERT_NE(port, 0);
+  const std::string head_with_body = "RDSERVICE / HTTP/1.1\r\nContent-Length: 100\r\n\r\nab";
+  struct Row {
+    const char* name;
+    std::string first;  // sent at once
+    bool trickle;       // then one more byte every 100 ms, or nothing
+  };
+  const Row rows[] = {
+      {"three bytes, then silence", "RDS", false},
+      {"three bytes, then a byte every 100 ms", "RDS", true},
+      {"header complete, body stalls", head_with_body, false},
+      {"header complete, body trickles", head_with_body, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::size_t offset = log_text().size();
+    int s = connect_to(port);
+    ASSERT_GE(s, 0);
+    auto send_next = [&](int i) {
+      if (i == 0) (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
+      if (i > 0 && row.trickle) (void)::send(s, "a", 1, MSG_NOSIGNAL);
+    };
+    long acted_ms = feed_until_server_acts(s, send_next, 100, 5000);
+    EXPECT_GE(acted_ms, kLimitMs - 100);
+    EXPECT_LE(acted_ms, kLimitMs + 1000);
+    // Closed without an answer.
+    EXPECT_EQ(read_until_close(s, 1000), "");
+    ::close(s);
+    EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", "Timeout to receive data from client", offset));
+    EXPECT_TRUE(
+        wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
+  }
+  EXPECT_EQ(exchange_pieces(port, {"RDSERVICE / HT", "TP/1.1\r\nHost: a\r\n", "\r\n"}, 200),
+            discovery_answer(port));
+}
+
+// A waiting connection costs only the memory it writes, not its 3 MB work
+// area. Two waves of 200 (the second reusing what the first gave back, after a
+// request has been served and freed its area) each grow the process by far
+// less than the 600 MB their areas span.
+TEST_F(ListenerTest, WaitingConnectionsCostLittleMemory) {
+  constexpr int kConnections = 200;
+  constexpr std::size_t kBound = 60u << 20;
+  set_accept_pause_ms_for_test(0);
+  int port = start_server();
+  ASSERT_NE(port, 0);
+  ASSERT_EQ(round_trip(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
+  // Waits until the log holds count lines with text after offset.
+  auto wait_count = [](const std::string& text, int count, std::size_t offset) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (testutil::count_of(log_text().substr(offset), text) < count) {
+      if (std::chrono::steady_clock::now() >= end) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  };
+  const std::size_t before = resident_bytes();
+  ASSERT_GT(before, 0u);
+  for (int wave = 0; wave < 2; ++wave) {
+    SCOPED_TRACE(wave);
+    std::size_t offset = log_text().size();
+    std::vector<int> clients;
+    for (int i = 0; i < kConnections; ++i) {
+      int s = connect_to(port);
+      ASSERT_GE(s, 0);
+      clients.push_back(s);
+      // Half stay silent, half send the start of a request line.
+      if (i % 2 == 1) (void)::send(s, "RDS", 3, MSG_NOSIGNAL);
+      // One at a time: a full backlog of 5 would drop the next connection
+      // attempt and cost a second's retransmission.
+      ASSERT_TRUE(wait_count("Entered inside process_incoming_message", i + 1, offset));
+    }
+    // Each thread takes its work area right after that line.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::size_t during = resident_bytes();
+    EXPECT_LT(during, before + kBound) << "grew by " << (during - before) / 1024 << " KiB";
+    std::printf("wave %d: resident %zu KiB before, %zu KiB with %d connections waiting\n", wave, before / 1024,
+                during / 1024, kConnections);
+    for (int s : clients) ::close(s);
+    ASSERT_TRUE(wait_count("Returning from process_incoming_message", kConnections, offset));
+  }
 }
 
 // After each connection thread starts the accept loop pauses 100 ms, so the
