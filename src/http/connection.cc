@@ -6,7 +6,6 @@
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <new>
 
 #include "http/dispatch.h"
 #include "http/request_reader.h"

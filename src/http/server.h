@@ -20,8 +20,9 @@ int prepare_http_socket(platform::socket_t* server);
 // The accept loop; never returns. arg points to the server socket.
 void* client_connection_handler(void* arg);
 // Reads one request (header up to the blank line, then Content-Length bytes)
-// into buf (kRawReqSize bytes, zero-filled). Length, -1, or kRequestTooLarge
-// (request_reader.h) when the request does not fit.
+// into buf (kRawReqSize bytes, zero-filled); all of it must arrive within
+// recv_wait_ms() or "Timeout to receive data from client" is logged. Length,
+// -1, or kRequestTooLarge (request_reader.h) when the request does not fit.
 int recv_thru_tcp_socket(platform::socket_t s, char* buf);
 // 0 when header and body were sent; -1 on a send error.
 int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len,
