@@ -7,10 +7,13 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -95,6 +98,34 @@ inline std::string exchange_pieces(int port, const std::vector<std::string>& pie
   std::string answer = read_until_close(s);
   ::close(s);
   return answer;
+}
+
+// Calls send_next(0), send_next(1), ... every pause_ms on connection s until
+// the server acts (sends something or closes) or give_up_ms pass. The time
+// from the call until the server acted, in ms; -1 when it never did.
+inline long feed_until_server_acts(int s, const std::function<void(int)>& send_next, int pause_ms,
+                                   int give_up_ms) {
+  auto start = std::chrono::steady_clock::now();
+  auto elapsed = [&] {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+  };
+  for (int i = 0; elapsed() < give_up_ms; ++i) {
+    send_next(i);
+    pollfd p{s, POLLIN, 0};
+    if (::poll(&p, 1, pause_ms) > 0) return elapsed();
+  }
+  return -1;
+}
+
+// Resident memory of this process in bytes, 0 when unreadable.
+inline std::size_t resident_bytes() {
+  std::FILE* f = std::fopen("/proc/self/statm", "r");
+  if (f == nullptr) return 0;
+  unsigned long size = 0, resident = 0;
+  int n = std::fscanf(f, "%lu %lu", &size, &resident);
+  std::fclose(f);
+  return n == 2 ? resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) : 0;
 }
 
 inline std::string round_trip(int port, const std::string& request) { return exchange_pieces(port, {request}, 0); }

@@ -23,6 +23,7 @@ using ListenerTest = FrontTest;
 TEST_F(ListenerTest, WaitsHaveTheirRealDefaults) {
   EXPECT_EQ(recv_wait_ms(), 60000);
   EXPECT_EQ(accept_wait_ms(), 15000);
+  EXPECT_EQ(accept_pause_ms(), 100u);
   EXPECT_EQ(ssl_accept_wait_ms(), 120000);
 }
 
@@ -188,6 +189,50 @@ TEST_F(ListenerTest, DropsClientsThatCloseOrStaySilent) {
         wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
   }
   expect_status_line(" | server | process_incoming_message | recv failed : Could not received data bytes ");
+}
+
+// The receive limit covers the whole request, header and body: a client that
+// stops, or trickles a byte at a time so that no single wait ever runs out, is
+// dropped when the limit ends, whatever it sent. A slow client that finishes
+// within the limit is served.
+TEST_F(ListenerTest, WholeRequestMustArriveWithinTheLimit) {
+  constexpr int kLimitMs = 800;
+  set_recv_wait_ms_for_test(kLimitMs);
+  int port = start_server();
+  ASSERT_NE(port, 0);
+  const std::string head_with_body = "RDSERVICE / HTTP/1.1\r\nContent-Length: 100\r\n\r\nab";
+  struct Row {
+    const char* name;
+    std::string first;  // sent at once
+    bool trickle;       // then one more byte every 100 ms, or nothing
+  };
+  const Row rows[] = {
+      {"three bytes, then silence", "RDS", false},
+      {"three bytes, then a byte every 100 ms", "RDS", true},
+      {"header complete, body stalls", head_with_body, false},
+      {"header complete, body trickles", head_with_body, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::size_t offset = log_text().size();
+    int s = connect_to(port);
+    ASSERT_GE(s, 0);
+    auto send_next = [&](int i) {
+      if (i == 0) (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
+      if (i > 0 && row.trickle) (void)::send(s, "a", 1, MSG_NOSIGNAL);
+    };
+    long acted_ms = feed_until_server_acts(s, send_next, 100, 5000);
+    EXPECT_GE(acted_ms, kLimitMs - 100);
+    EXPECT_LE(acted_ms, kLimitMs + 1000);
+    // Closed without an answer.
+    EXPECT_EQ(read_until_close(s, 1000), "");
+    ::close(s);
+    EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", "Timeout to receive data from client", offset));
+    EXPECT_TRUE(
+        wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
+  }
+  EXPECT_EQ(exchange_pieces(port, {"RDSERVICE / HT", "TP/1.1\r\nHost: a\r\n", "\r\n"}, 200),
+            discovery_answer(port));
 }
 
 // After each connection thread starts the accept loop pauses 100 ms, so the

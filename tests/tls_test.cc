@@ -2,6 +2,7 @@
 // a real client, and clients that refuse or stall the handshake.
 #include <gtest/gtest.h>
 #include <openssl/err.h>
+#include <signal.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "front_test_util.h"
+#include "http/request_reader.h"
 #include "ssl/openssl_ptr.h"
 #include "ssl/sslCommunication.h"
 
@@ -176,6 +178,71 @@ TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
 
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n", TLS1_VERSION, TLS1_1_VERSION), "handshake failed");
   EXPECT_TRUE(wait_log("sslCommunication", "printSSLError", "SSL throws:SSL_ERROR_SSL"));
+  EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
+}
+
+// After the handshake the whole request must arrive within the receive limit,
+// as over plain TCP: a client that stops, trickles whole records, or trickles
+// the bytes of one record (which would hold a blocking read inside it) is
+// dropped when the limit ends, without an answer.
+TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
+  constexpr int kLimitMs = 800;
+  set_recv_wait_ms_for_test(kLimitMs);
+  // The client's TLS writes use plain write(): a write racing the server's
+  // close must not end the test process.
+  ::signal(SIGPIPE, SIG_IGN);
+  int port = start_tls_server();
+  ASSERT_NE(port, 0);
+  std::unique_ptr<SSL_CTX, SslCtxFree> ctx(SSL_CTX_new(TLS_client_method()));
+  ASSERT_TRUE(ctx);
+  // TLS 1.2 sends no session tickets after the handshake, so the first bytes
+  // the client sees afterwards are the server's close.
+  SSL_CTX_set_max_proto_version(ctx.get(), TLS1_2_VERSION);
+  const std::string head_with_body = "RDSERVICE / HTTP/1.1\r\nContent-Length: 100\r\n\r\nab";
+  // The header of an application-data record of 64 bytes, sent raw.
+  const std::string record_head("\x17\x03\x03\x00\x40", 5);
+  enum class Then { kSilence, kRecordPerByte, kRawBytes };
+  struct Row {
+    const char* name;
+    std::string first;  // sent at once, through TLS unless raw
+    bool raw;
+    Then then;          // every 100 ms afterwards
+  };
+  const Row rows[] = {
+      {"three bytes, then silence", "RDS", false, Then::kSilence},
+      {"three bytes, then a record of one byte every 100 ms", "RDS", false, Then::kRecordPerByte},
+      {"header complete, body stalls", head_with_body, false, Then::kSilence},
+      {"header complete, body trickles", head_with_body, false, Then::kRecordPerByte},
+      {"one record's bytes trickled", record_head, true, Then::kRawBytes},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::size_t offset = log_text().size();
+    int s = connect_to(port);
+    ASSERT_GE(s, 0);
+    std::unique_ptr<SSL, SslFree> ssl(SSL_new(ctx.get()));
+    SSL_set_fd(ssl.get(), s);
+    ASSERT_EQ(SSL_connect(ssl.get()), 1);
+    auto send_next = [&](int i) {
+      if (i == 0 && row.raw) (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
+      if (i == 0 && !row.raw) SSL_write(ssl.get(), row.first.data(), static_cast<int>(row.first.size()));
+      if (i > 0 && row.then == Then::kRecordPerByte) SSL_write(ssl.get(), "a", 1);
+      if (i > 0 && row.then == Then::kRawBytes) (void)::send(s, "a", 1, MSG_NOSIGNAL);
+    };
+    long acted_ms = feed_until_server_acts(s, send_next, 100, 5000);
+    char buf[256];
+    if (acted_ms >= 0) {
+      EXPECT_LE(SSL_read(ssl.get(), buf, sizeof buf), 0) << "an answer came";
+    }
+    ERR_clear_error();
+    EXPECT_GE(acted_ms, kLimitMs - 100);
+    EXPECT_LE(acted_ms, kLimitMs + 1000);
+    ::close(s);
+    EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", "Read timedout", offset));
+    EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSLWithTC", "Could not receive data", offset));
+    EXPECT_TRUE(
+        wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
+  }
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
 }
 

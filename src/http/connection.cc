@@ -2,10 +2,10 @@
 // send the answer and close.
 #define VEXO_LOG_FILE "server"
 
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <new>
 
 #include "http/dispatch.h"
 #include "http/request_reader.h"
@@ -91,7 +91,7 @@ long tcp_read_some(void* ctx, char* buf, std::size_t len) {
 }
 
 int tcp_input_ready(void* ctx, int timeout_ms) {
-  return platform::wait_readable(*static_cast<platform::socket_t*>(ctx), timeout_ms) == 1 ? 1 : 0;
+  return platform::wait_readable(*static_cast<platform::socket_t*>(ctx), timeout_ms);
 }
 
 int send_all(platform::socket_t s, const char* data, std::size_t len) {
@@ -108,6 +108,8 @@ int send_all(platform::socket_t s, const char* data, std::size_t len) {
 
 int recv_thru_tcp_socket(platform::socket_t s, char* buf) {
   RD_VERBOSE("Inside recv_thru_tcp_socket");
+  // The limit covers the whole request, not only its first byte.
+  const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
   int ready = platform::wait_readable(s, recv_wait_ms());
   if (ready < 0) {
     RD_ERROR("Error at the select function");
@@ -117,7 +119,8 @@ int recv_thru_tcp_socket(platform::socket_t s, char* buf) {
     RD_ERROR("Timeout to receive data from client");
     return -1;
   }
-  RequestSource src{tcp_read_some, tcp_input_ready, &s, VEXO_LOG_FILE, __func__};
+  RequestSource src{tcp_read_some, tcp_input_ready, &s, VEXO_LOG_FILE, __func__, deadline,
+                    "Timeout to receive data from client"};
   int len = read_http_request(src, buf);
   if (len >= 0) RD_VERBOSE("Returning from recv_thru_tcp_socket");
   return len;
@@ -146,7 +149,7 @@ int process_incoming_message(platform::socket_t s) {
   try {
     RD_INFO("Entered inside process_incoming_message,socket_fd is: %d", s);
     conn.use_tls(rd_ssl_enabled());
-    std::unique_ptr<char[]> area(new (std::nothrow) char[kWorkAreaSize]());
+    WorkAreaPtr area = new_work_area();
     if (!area) {
       RD_ERROR("Memory allocation failed\n");
       return 0;

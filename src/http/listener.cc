@@ -24,9 +24,10 @@ constexpr unsigned kAcceptPauseMs = 100;
 // wording below is the one that appears, as it always has.
 constexpr int kWinsockAddressInUse = 10048;
 
-// The module's process-wide values: the port bound and the accept wait.
+// The module's process-wide values: the port bound, the accept wait and pause.
 std::atomic<int> g_service_port{0};
 std::atomic<int> g_accept_wait_ms{kDefaultAcceptWaitMs};
+std::atomic<unsigned> g_accept_pause_ms{kAcceptPauseMs};
 
 }  // namespace
 
@@ -34,6 +35,9 @@ int service_port() { return g_service_port.load(std::memory_order_relaxed); }
 
 int accept_wait_ms() { return g_accept_wait_ms.load(std::memory_order_relaxed); }
 void set_accept_wait_ms_for_test(int ms) { g_accept_wait_ms.store(ms, std::memory_order_relaxed); }
+
+unsigned accept_pause_ms() { return g_accept_pause_ms.load(std::memory_order_relaxed); }
+void set_accept_pause_ms_for_test(unsigned ms) { g_accept_pause_ms.store(ms, std::memory_order_relaxed); }
 
 int prepare_http_socket(platform::socket_t* server) {
   // POSIX sockets need no start-up call, so the result 1 never occurs here.
@@ -113,7 +117,7 @@ void* client_connection_handler(void* arg) {
       }
       client.release();
       RD_VERBOSE("pthread_create is success for process_incoming_message");
-      platform::sleep_ms(kAcceptPauseMs);
+      platform::sleep_ms(accept_pause_ms());
     } catch (const std::exception& e) {
       RD_ERROR("Accept loop failed: %s", e.what());
       platform::sleep_ms(kAcceptPauseMs);

@@ -33,10 +33,18 @@ int refuse_too_large(const RequestSource& src) {
   while (dropped < kDiscardLimitBytes && platform::monotonic_ms() < end &&
          src.ready(src.ctx, kDiscardPauseMs) == 1) {
     long n = src.read(src.ctx, scratch, sizeof scratch);
+    if (n == kReadAgain) continue;
     if (n <= 0) break;
     dropped += static_cast<std::size_t>(n);
   }
   return kRequestTooLarge;
+}
+
+// The whole request did not arrive in time: the transport's time-out line.
+int timed_out(const RequestSource& src) {
+  RD_LOG_IN(src.file, src.func);
+  RD_ERROR("%s", src.timeout_text);
+  return -1;
 }
 
 bool ends_with_blank_line(const char* buf, std::size_t len) {
@@ -62,6 +70,24 @@ int content_length_of(const char* header, bool* present) {
   return static_cast<int>(v);
 }
 
+// Result of read_in_time when the deadline passed first.
+constexpr long kTimedOut = -110;
+
+// Waits for input until the request's deadline, then reads: the read's
+// result, -1 when the wait failed, or kTimedOut.
+long read_in_time(const RequestSource& src, char* buf, std::size_t len) {
+  for (;;) {
+    std::uint64_t now = platform::monotonic_ms();
+    if (now >= src.deadline_ms) return kTimedOut;
+    std::uint64_t left = src.deadline_ms - now;
+    int ready = src.ready(src.ctx, left > INT_MAX ? INT_MAX : static_cast<int>(left));
+    if (ready == 0) return kTimedOut;
+    if (ready < 0) return -1;
+    long n = src.read(src.ctx, buf, len);
+    if (n != kReadAgain) return n;
+  }
+}
+
 }  // namespace
 
 int recv_wait_ms() { return g_recv_wait_ms.load(std::memory_order_relaxed); }
@@ -70,8 +96,10 @@ void set_recv_wait_ms_for_test(int ms) { g_recv_wait_ms.store(ms, std::memory_or
 int read_http_request(const RequestSource& src, char* buf) {
   RD_LOG_IN(src.file, src.func);
   // The first read takes up to three bytes; a read error counts as a closed
-  // peer, since a failed socket would otherwise be read forever.
-  long n = src.read(src.ctx, buf, 3);
+  // peer, since a failed socket would otherwise be read forever. Every wait
+  // below ends at the request's deadline, whatever the client has sent.
+  long n = read_in_time(src, buf, 3);
+  if (n == kTimedOut) return timed_out(src);
   if (n <= 0) {
     RD_ERROR("recv failed");
     return -1;
@@ -80,7 +108,8 @@ int read_http_request(const RequestSource& src, char* buf) {
   // One byte at a time, so that nothing after the blank line is consumed.
   while (!ends_with_blank_line(buf, len)) {
     if (len >= kRawCapacity) return refuse_too_large(src);
-    n = src.read(src.ctx, buf + len, 1);
+    n = read_in_time(src, buf + len, 1);
+    if (n == kTimedOut) return timed_out(src);
     if (n <= 0) {
       RD_ERROR("recv failed in loop");
       return -1;
@@ -106,7 +135,8 @@ int read_http_request(const RequestSource& src, char* buf) {
   RD_INFO("Going to get request body");
   std::size_t outstanding = static_cast<std::size_t>(content_length);
   while (outstanding > 0) {
-    n = src.read(src.ctx, buf + len, outstanding);
+    n = read_in_time(src, buf + len, outstanding);
+    if (n == kTimedOut) return timed_out(src);
     if (n < 1) {
       RD_ERROR("Receiving Body, From Socket Failed");
       return -1;

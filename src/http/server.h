@@ -20,8 +20,9 @@ int prepare_http_socket(platform::socket_t* server);
 // The accept loop; never returns. arg points to the server socket.
 void* client_connection_handler(void* arg);
 // Reads one request (header up to the blank line, then Content-Length bytes)
-// into buf (kRawReqSize bytes, zero-filled). Length, -1, or kRequestTooLarge
-// (request_reader.h) when the request does not fit.
+// into buf (kRawReqSize bytes, zero-filled); all of it must arrive within
+// recv_wait_ms() or "Timeout to receive data from client" is logged. Length,
+// -1, or kRequestTooLarge (request_reader.h) when the request does not fit.
 int recv_thru_tcp_socket(platform::socket_t s, char* buf);
 // 0 when header and body were sent; -1 on a send error.
 int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len,
@@ -53,6 +54,10 @@ int frame_http_error_header(int code, const char* host, int port, const char* pa
 // unless a test shortened it.
 int accept_wait_ms();
 void set_accept_wait_ms_for_test(int ms);
+// The pause after each connection thread starts: 100 ms (at most ten accepts
+// a second) unless a test shortened it.
+unsigned accept_pause_ms();
+void set_accept_pause_ms_for_test(unsigned ms);
 // Test seam: the next count dispatches throw std::bad_alloc.
 void set_dispatch_faults_for_test(int count);
 

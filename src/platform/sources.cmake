@@ -5,6 +5,7 @@ list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/posix/dynlib.cc
   ${CMAKE_CURRENT_LIST_DIR}/posix/random.cc
   ${CMAKE_CURRENT_LIST_DIR}/posix/files.cc
+  ${CMAKE_CURRENT_LIST_DIR}/posix/pages.cc
 )
 list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/posix/socket.cc

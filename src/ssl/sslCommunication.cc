@@ -127,14 +127,18 @@ BnPtr rsa_modulus(const EVP_PKEY* key) {
   return BnPtr(n);
 }
 
-// Read callbacks of the shared request reader.
+// Read callbacks of the shared request reader. The socket is non-blocking
+// while a request is read, so a record that arrives a byte at a time never
+// holds SSL_read past the request's deadline.
 long ssl_read_some(void* ctx, char* buf, std::size_t len) {
   RD_LOG_AS("recvFromSSL");
   SSL* ssl = static_cast<SSL*>(ctx);
   int want = len > INT_MAX ? INT_MAX : static_cast<int>(len);
+  ERR_clear_error();
   int n = SSL_read(ssl, buf, want);
   if (n > 0) return n;
   int err = SSL_get_error(ssl, n);
+  if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE) return kReadAgain;
   RD_ERROR("SSL_read failed");
   ERR_clear_error();
   return err == SSL_ERROR_ZERO_RETURN ? 0 : -1;
@@ -143,7 +147,39 @@ long ssl_read_some(void* ctx, char* buf, std::size_t len) {
 int ssl_input_ready(void* ctx, int timeout_ms) {
   SSL* ssl = static_cast<SSL*>(ctx);
   if (SSL_pending(ssl) > 0) return 1;
-  return platform::wait_readable(SSL_get_fd(ssl), timeout_ms) == 1 ? 1 : 0;
+  // A read that must first write (a key update) waits for room to write.
+  if (SSL_want_write(ssl)) return platform::wait_writable(SSL_get_fd(ssl), timeout_ms);
+  return platform::wait_readable(SSL_get_fd(ssl), timeout_ms);
+}
+
+// Keeps a socket non-blocking while it lives and makes it blocking again at
+// the end, for the answer's blocking writes.
+class NonBlockingScope {
+ public:
+  explicit NonBlockingScope(int fd) : fd_(fd), ok_(platform::set_nonblocking(fd, true) == 0) {}
+  ~NonBlockingScope() {
+    // Should this fail, the answer's writes fail in turn and are logged there.
+    if (ok_) (void)platform::set_nonblocking(fd_, false);
+  }
+  NonBlockingScope(const NonBlockingScope&) = delete;
+  NonBlockingScope& operator=(const NonBlockingScope&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  int fd_;
+  bool ok_;
+};
+
+// recvFromSSL with the deadline of the whole request (monotonic ms).
+int recv_from_ssl_until(SSL* ssl, char* buf, std::uint64_t deadline) {
+  RD_LOG_AS("recvFromSSL");
+  NonBlockingScope non_blocking(SSL_get_fd(ssl));
+  if (!non_blocking.ok()) {
+    RD_ERROR("unable to set fd");
+    return -1;
+  }
+  RequestSource src{ssl_read_some, ssl_input_ready, ssl, __FILE__, "recvFromSSL", deadline, "Read timedout"};
+  return read_http_request(src, buf);
 }
 
 // Writes all of data; 0, or -2 after logging the failure.
@@ -327,7 +363,8 @@ int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out) {
   }
   SSL_set_bio(ssl.get(), bio, bio);
   // The handshake runs non-blocking so that every wait for the client is
-  // bounded; afterwards the socket blocks again for the request.
+  // bounded; afterwards the socket blocks again (the request's read makes it
+  // non-blocking for itself).
   int status = SSL_ERROR_WANT_READ;
   for (;;) {
     int ready = status == SSL_ERROR_WANT_WRITE ? platform::wait_writable(s, ssl_accept_wait_ms())
@@ -364,8 +401,7 @@ int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out) {
 }
 
 int recvFromSSL(SSL* ssl, char* buf) {
-  RequestSource src{ssl_read_some, ssl_input_ready, ssl, __FILE__, __func__};
-  return read_http_request(src, buf);
+  return recv_from_ssl_until(ssl, buf, platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms()));
 }
 
 int recvFromSSLWithTC(SSL* ssl, char* buf, int* len) {
@@ -378,6 +414,8 @@ int recvFromSSLWithTC(SSL* ssl, char* buf, int* len) {
     RD_ERROR("SSL not initialized (unable to get descriptor)");
     return -2;
   }
+  // The limit covers the whole request, not only its first byte.
+  const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
   // Bytes already decrypted during the handshake would never wake the socket.
   if (SSL_pending(ssl) == 0) {
     int ready = platform::wait_readable(fd, recv_wait_ms());
@@ -390,7 +428,7 @@ int recvFromSSLWithTC(SSL* ssl, char* buf, int* len) {
       return -2;
     }
   }
-  int n = recvFromSSL(ssl, buf);
+  int n = recv_from_ssl_until(ssl, buf, deadline);
   if (n < 0) {
     RD_ERROR("Could not receive data");
     return n == kRequestTooLarge ? kRequestTooLarge : -2;

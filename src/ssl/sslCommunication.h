@@ -41,11 +41,13 @@ int getPrivateKey(const char* path, EVP_PKEY** key);
 // TLS handshake on the accepted socket s. 0 with *ssl set; -2 on failure, the
 // socket then being closed. Each wait for the client is ssl_accept_wait_ms().
 int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** ssl);
-// Waits recv_wait_ms() for the request, then reads it like recv_thru_tcp_socket
-// into buf (kRawReqSize bytes, zero-filled). 0 with *len set; -2 on failure;
-// kRequestTooLarge when the request does not fit.
+// Reads the request like recv_thru_tcp_socket into buf (kRawReqSize bytes,
+// zero-filled); all of it must arrive within recv_wait_ms(), or "Read timedout"
+// is logged. 0 with *len set; -2 on failure; kRequestTooLarge when the request
+// does not fit.
 int recvFromSSLWithTC(SSL* ssl, char* buf, int* len);
-// Reads one request from ssl into buf. Length, -1, or kRequestTooLarge.
+// Reads one request from ssl into buf within recv_wait_ms(). Length, -1, or
+// kRequestTooLarge. The socket is non-blocking during the read only.
 int recvFromSSL(SSL* ssl, char* buf);
 // Writes header, then body (none when body_len is 0). 0, or -2.
 int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char* body,
