@@ -91,13 +91,29 @@ std::string host_for_urls(const httplib::Request& req, const std::string& fallba
 // ranges are cleared, which keeps the library from applying them again. The
 // request object is cpp-httplib's own non-const one, so the const_cast is
 // sound. Several ranges are answered with the whole file, as HTTP allows.
-void answer_range(const httplib::Request& req, httplib::Response& res, std::string data) {
+void answer_range(const httplib::Request& req, httplib::Response& res, const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::error_code ec;
+  const auto file_size = fs::file_size(path, ec);
+  if (!in || ec) {
+    res.status = 404;  // logged by the error handler
+    return;
+  }
+  // Only the bytes answered are read, so a ranged download of a large package
+  // costs the server no more than the ranges themselves.
+  auto read = [&in](ssize_t first, ssize_t count) {
+    std::string out(static_cast<std::size_t>(count), '\0');
+    in.seekg(first);
+    in.read(out.data(), count);
+    out.resize(static_cast<std::size_t>(in.gcount()));
+    return out;
+  };
   const std::vector<std::pair<ssize_t, ssize_t>> ranges = req.ranges;
   const_cast<httplib::Request&>(req).ranges.clear();
-  const auto size = static_cast<ssize_t>(data.size());
+  const auto size = static_cast<ssize_t>(file_size);
   if (ranges.size() != 1) {
     res.status = 200;
-    res.set_content(std::move(data), "application/octet-stream");
+    res.set_content(read(0, size), "application/octet-stream");
     return;
   }
   ssize_t first = ranges[0].first, last = ranges[0].second;
@@ -118,8 +134,7 @@ void answer_range(const httplib::Request& req, httplib::Response& res, std::stri
   res.status = 206;
   res.set_header("Content-Range",
                  "bytes " + std::to_string(first) + "-" + std::to_string(last) + total);
-  res.set_content(data.substr(static_cast<std::size_t>(first), static_cast<std::size_t>(last - first + 1)),
-                  "application/octet-stream");
+  res.set_content(read(first, last - first + 1), "application/octet-stream");
 }
 
 class Service {
@@ -303,12 +318,11 @@ void Service::get_cert(bool production, const httplib::Request& req,
 void Service::get_file(const httplib::Request& req, httplib::Response& res) const {
   const std::string folder = req.matches[2];
   const std::string name = req.matches[3];
-  std::string data;
-  if (!plain_name(name) || read_file(fs::path(opts_.data_dir) / folder / name, &data) != 0) {
+  if (!plain_name(name)) {
     res.status = 404;  // logged by the error handler
     return;
   }
-  answer_range(req, res, std::move(data));
+  answer_range(req, res, fs::path(opts_.data_dir) / folder / name);
 }
 
 // Wraps a handler so that nothing it throws reaches cpp-httplib's threads.
