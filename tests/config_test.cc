@@ -1,6 +1,8 @@
 // The CRC seal, config.ini reading under the scanner lock, the writers, the
 // proxy file and the exported setters, all on real files in a temporary folder.
 #include <gtest/gtest.h>
+#include <csignal>
+#include <sys/wait.h>
 
 #include <dirent.h>
 #include <unistd.h>
@@ -358,6 +360,45 @@ TEST_F(ConfigTest, WritersKeepOtherKeysAndReplaceTheFileWhole) {
   std::remove("config.ini");
   EXPECT_EQ(write_config_file("x"), -1);
   EXPECT_EQ(WriteToIniFile(nullptr, "./config.ini"), -1);
+}
+
+// A process killed at each step of changing dc: the next read of config.ini
+// succeeds, with the old dc before the seal is staged and the new one after.
+TEST_F(ConfigTest, ChangeOfDcSurvivesAKillAtEveryStep) {
+  const struct {
+    int step;
+    const char* dc;
+  } steps[] = {{1, "3f2a-77"}, {2, "NEW-DC"}, {3, "NEW-DC"}, {4, "NEW-DC"}};
+  for (const auto& s : steps) {
+    SCOPED_TRACE(s.step);
+    write_sealed_config(full_keys());
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      set_config_commit_crash_for_test(s.step);
+      if (write_config_file("NEW-DC") == 0) seal_config_file();
+      _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(read_config_file(), 0) << log();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(rd_config_copy().dc, s.dc);
+    EXPECT_EQ(verify_crc(1, "./config.ini", "bin_crc.txt"), 0);
+    EXPECT_FALSE(std::filesystem::exists("config.ini.next"));
+    EXPECT_FALSE(std::filesystem::exists("bin_crc.txt.next"));
+  }
+  // A staged seal that does not match its file is thrown away.
+  write_sealed_config(full_keys());
+  ASSERT_EQ(write_config_file("OTHER"), 0);
+  testutil::write_file("bin_crc.txt.next", "xx");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(read_config_file(), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(rd_config_copy().dc, "3f2a-77");
+  EXPECT_NE(log().find("Discarded an unsealed update of config.ini"), std::string::npos);
 }
 
 TEST_F(ConfigTest, HttpsSetApiReseals) {

@@ -22,6 +22,7 @@
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 #include "ssl/openssl_ptr.h"
+#include "rd_core/uidai_certs.h"
 #include "test_util.h"
 
 namespace {
@@ -136,7 +137,7 @@ class VexoctlTest : public ::testing::Test {
 };
 
 TEST_F(VexoctlTest, CommandsHaveHelpAndRejectBadUsage) {
-  const char* commands[] = {"domain-encrypt", "domain-decrypt", "seal", "verify", "init-workdir"};
+  const char* commands[] = {"domain-encrypt", "domain-decrypt", "seal", "verify", "init-workdir", "uidai-cert"};
   for (const char* c : commands) {
     ToolRun r = run_tool(kTool, {c, "--help"});
     EXPECT_EQ(r.rc, 0) << c;
@@ -191,6 +192,39 @@ TEST_F(VexoctlTest, DomainValueFromTheToolGivesTheEndpoints) {
       {c.mgmt_url_getcert_p, b + "/rest/getCert/P"},
   };
   for (const auto& [got, want] : endpoints) EXPECT_EQ(got, want);
+}
+
+TEST_F(VexoctlTest, UidaiCertInstallsACertificateTheLibraryUses) {
+  const std::string pem = testutil::read_file(std::string(VEXO_SOURCE_DIR) + "/data/mgmt/ca.crt");
+  write_file("new.pem", pem);
+  write_file("junk.pem", "not a certificate");
+  const struct {
+    std::vector<std::string> args;
+    int rc;
+  } runs[] = {
+      {{"uidai-cert", "wd", "P"}, 2},
+      {{"uidai-cert", "wd", "PROD", "new.pem"}, 2},
+      {{"uidai-cert", "wd", "P", "junk.pem"}, 1},
+      {{"uidai-cert", "wd", "P", "absent.pem"}, 1},
+      {{"uidai-cert", "wd", "PP", "new.pem"}, 0},
+      {{"uidai-cert", "wd", "P_OLD", "new.pem"}, 0},
+  };
+  for (const auto& r : runs) {
+    ToolRun run = run_tool(kTool, r.args);
+    EXPECT_EQ(run.rc, r.rc) << r.args[2] << ": " << run.out;
+  }
+  EXPECT_EQ(testutil::read_file("wd/cert/uidai/preprod.pem"), pem);
+  EXPECT_EQ(testutil::read_file("wd/cert/uidai/prod_old.pem"), pem);
+  EXPECT_FALSE(fs::exists("wd/cert/uidai/prod.pem"));
+  // The library, working in that folder, takes the installed copy.
+  rd_identity_update([](RdIdentity& id) { id.prefix = "wd/"; });
+  EXPECT_EQ(uidai_cert_in_force(UidaiCert::kPreProd), pem);
+  EXPECT_EQ(uidai_cert_in_force(UidaiCert::kProdOld), pem);
+  EXPECT_EQ(uidai_cert_in_force(UidaiCert::kProd), std::string(uidai_builtin_cert(UidaiCert::kProd)));
+  // An edited copy is no longer vouched for.
+  write_file("wd/cert/uidai/preprod.pem", pem + " ");
+  EXPECT_EQ(uidai_cert_in_force(UidaiCert::kPreProd), std::string(uidai_builtin_cert(UidaiCert::kPreProd)));
+  rd_identity_update([](RdIdentity& id) { id.prefix = "./"; });
 }
 
 TEST_F(VexoctlTest, SealAndVerifyMatchTheLibrary) {

@@ -1,10 +1,15 @@
 // vexoctl: prepares and inspects a Vexo working folder.
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <cstring>
 #include <string>
 
 #include "init/config.h"
 #include "init/file_crc.h"
+#include "mgmt_core/hash.h"
+#include "platform/platform.h"
+#include "rd_core/uidai_certs.h"
 #include "vexoctl.h"
 
 namespace {
@@ -66,6 +71,33 @@ int cmd_verify(const Args& args) {
   return 0;
 }
 
+// Installs a UIDAI certificate with its checksum, as the Management client
+// does, for deployments without a Management server.
+int cmd_uidai_cert(const Args& args) {
+  if (args.size() != 3) return 2;
+  const struct {
+    const char* env;
+    UidaiCert which;
+  } kEnvs[] = {{"S", UidaiCert::kStage}, {"PP", UidaiCert::kPreProd}, {"P", UidaiCert::kProd},
+               {"P_OLD", UidaiCert::kProdOld}};
+  const auto* env = std::find_if(std::begin(kEnvs), std::end(kEnvs),
+                                 [&](const auto& e) { return args[1] == e.env; });
+  if (env == std::end(kEnvs)) return 2;
+  std::string pem;
+  if (platform::read_file(args[2], &pem) != 0 || pem.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+    std::fprintf(stderr, "vexoctl: %s is not a PEM certificate\n", args[2].c_str());
+    return 1;
+  }
+  const std::string checksum = hex_lower(sha256(std::string_view(pem)));
+  if (uidai_install_cert(args[0] + "/", env->which, pem, checksum) != 0) {
+    std::fprintf(stderr, "vexoctl: cannot install %s in %s/cert/uidai\n", args[2].c_str(), args[0].c_str());
+    return 1;
+  }
+  std::printf("installed %s/cert/uidai/%s sha256 %s\n", args[0].c_str(), uidai_cert_file_name(env->which),
+              checksum.c_str());
+  return 0;
+}
+
 const Command kCommands[] = {
     {"domain-encrypt", "domain-encrypt URL",
      "print the DOMAIN_NAME value for a Management base URL", cmd_domain_encrypt},
@@ -84,6 +116,10 @@ const Command kCommands[] = {
      "make the demonstration keystore and cert/public/signed_mc.cer in DIR again (after a rebuild "
      "of libVexo.so)",
      cmd_demo_keystore},
+    {"uidai-cert", "uidai-cert DIR ENV FILE",
+     "install FILE as the UIDAI certificate of ENV (S, PP, P or P_OLD) in DIR/cert/uidai with its "
+     "checksum, so captures use it",
+     cmd_uidai_cert},
 };
 
 void print_usage(FILE* out) {
