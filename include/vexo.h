@@ -76,6 +76,18 @@ VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
  * bytes; an exchange gives up after 90 s. A reference server
  * (build/vexo-mgmt-server, see the README) serves all of this for tests and
  * for makers' server teams. */
+/* Results. Init: 0; a transport code (-14..-23) when sending failed; -3 the
+ * answer is not JSON; -4 not understood; -5 clocks differ (TIME_STAMP_SYNC);
+ * -6 DEVICE_NOT_REGISTERED. Key_Rotation: 0; -5 device lock not taken; -1
+ * marker not removed; -6 no new key pair; a transport code; -3; -4; -7 seal
+ * of config.ini wrong; -8 dc not written; -9 seal not renewed; -10 the
+ * signed certificate is not Base64; -11 / -14 its file not opened / written;
+ * -12 marker not created; -13 lock not released. uidai_cert_update: 0; a
+ * transport code; -3; -4; -5 status report failed; -6 an answer other than
+ * UPDATE_STATUS; -7 the certificate could not be fetched or does not match
+ * its checksum (nothing stored). uidai_cert_force_update: 0; -2 / -5 fetch
+ * failed (production / staging); -3; -4 / -6 answer not understood.
+ * Software_Update: 0; a transport code; -3; -4; -5 download failed. */
 VEXO_EXPORT int Init(char *next_action) VEXO_NOEXCEPT;
 VEXO_EXPORT int Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
 VEXO_EXPORT int Software_Update(void) VEXO_NOEXCEPT;
