@@ -226,9 +226,11 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
          testutil::write_file(t->node_file() + ".new", "");
          ASSERT_EQ(std::rename((t->node_file() + ".new").c_str(), t->node_file().c_str()), 0);
        },
-       -1, {"Decryption of private key is failed|validation failed, Private key might be tampered"}, false, nullptr},
+       -1, {"Decryption of private key is failed|validation failed, Private key might be tampered",
+            "Key rotation function failed"},
+       true, nullptr},
       {"node file deleted", [](KeystoreTest* t) { std::remove(t->node_file().c_str()); }, -1,
-       {"Opening Vexo_Node.txt Failed", "Getting Dynamic key Failed", "Failed to get Password"}, false, nullptr},
+       {"Opening Vexo_Node.txt Failed", "Getting Dynamic key Failed", "Key rotation function failed"}, true, nullptr},
       {"key file deleted", [](KeystoreTest*) { std::remove("keystore/enc_private_key"); }, -1,
        {"Error at to reading private key file", "Failed to get Password"}, false,
        "10000|File Not Found : ./keystore/enc_private_key\n"},

@@ -1,8 +1,6 @@
 #include "init/config.h"
 
 #include <array>
-#include <atomic>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -26,13 +24,6 @@ constexpr char kCrcPath[] = "bin_crc.txt";
 // renamed into place; a crash in between is completed or undone at the next read.
 constexpr char kConfigNext[] = "./config.ini.next";
 constexpr char kCrcNext[] = "bin_crc.txt.next";
-
-std::atomic<int> g_commit_crash_step{0};
-
-// Test seam: the process kills itself at the given step of a sealed change.
-void crash_point(int step) {
-  if (g_commit_crash_step.load() == step) ::raise(SIGKILL);
-}
 
 // The address key is the XOR of these two tables, so it never lies whole in
 // the library's image.
@@ -83,13 +74,19 @@ int set_config_key(const char* key, const std::string& value, const char* set_er
     RD_ERROR("%s", write_error);
     return -1;
   }
-  crash_point(1);
+  platform::crash_point();
   return 0;
 }
 
 }  // namespace
 
 void recover_config_swap() {
+  // Temporary files of replacements that a crash cut short, in every folder
+  // whose files the library rewrites.
+  const std::string prefix = rd_identity_copy().prefix;
+  for (const char* dir : {"", "keystore", "cert/public", "cert/uidai", "DownloadSW"}) {
+    platform::remove_stale_temporaries(*dir == '\0' ? prefix : prefix + dir);
+  }
   if (platform::file_exists(kConfigNext)) {
     if (platform::file_exists(kCrcNext) && verify_crc(kCrc16, kConfigNext, kCrcNext) == 0 &&
         std::rename(kConfigNext, kConfigPath) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
@@ -118,21 +115,19 @@ int seal_config_file() {
   }
   const int sealed = add_crc(kCrc16, kConfigNext, kCrcNext);
   if (sealed != 0) return sealed;
-  crash_point(2);
+  platform::crash_point();
   if (std::rename(kConfigNext, kConfigPath) != 0) {
     RD_ERROR("Renaming %s failed", kConfigNext);
     return 3;
   }
-  crash_point(3);
+  platform::crash_point();
   if (std::rename(kCrcNext, kCrcPath) != 0) {
     RD_ERROR("Renaming %s failed", kCrcNext);
     return 3;
   }
-  crash_point(4);
+  platform::crash_point();
   return 0;
 }
-
-void set_config_commit_crash_for_test(int step) { g_commit_crash_step.store(step); }
 
 int read_config_file() {
   {

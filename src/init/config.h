@@ -33,12 +33,10 @@ int write_config_file(const char* dc);
 // the seal file cannot be created. A crash at any step leaves a pair that
 // recover_config_swap completes (both staged files whole) or undoes.
 int seal_config_file();
-// Completes or discards a sealed change that a crash interrupted. Run
-// before config.ini is read.
+// Completes or discards a sealed change that a crash interrupted, and
+// removes the temporary files of cut-short replacements in the working
+// folder. Run before config.ini is read.
 void recover_config_swap();
-// Test seam: at step 1 (change staged), 2 (seal staged), 3 (config.ini
-// renamed) or 4 (seal renamed) the process kills itself; 0 turns it off.
-void set_config_commit_crash_for_test(int step);
 // Dumps dict to path through a temporary file renamed over it. 0 or -1.
 int WriteToIniFile(dictionary* dict, const char* path);
 // Sets is_ssl_enable (at most 7 characters kept) in a staged copy of

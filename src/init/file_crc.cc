@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "init/rd_log.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -89,15 +90,15 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
     }
   }
   {
-    File out(std::fopen(crc_path, "wb"));
-    if (out == nullptr) {
-      RD_ERROR("CRC file open failed");
-      return -1;
-    }
     // Low byte first: the register as it lies in memory on the original host.
     const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(crc & 0xFF),
                                    static_cast<std::uint8_t>(crc >> 8)};
-    if (std::fwrite(bytes, 1, 2, out.get()) != 2 || std::fclose(out.release()) != 0) {
+    const int written = platform::write_file_atomic(crc_path, bytes, 2, 0644);
+    if (written == -1) {
+      RD_ERROR("CRC file open failed");
+      return -1;
+    }
+    if (written != 0) {
       RD_ERROR("Error in writing to file %s", crc_path);
       return 3;
     }

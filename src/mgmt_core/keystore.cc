@@ -126,7 +126,9 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   int rc = GetDynamickey_For_Decryption(node, &dynamic_key);
   if (rc != 0) {
     RD_ERROR("Getting Dynamic key Failed");
-    return rc;
+    // No node file: a key rotation was cut short, or the file was removed;
+    // the key can never be opened again, so a new one is needed.
+    return platform::file_exists(node) ? rc : -100;
   }
 
   const std::string key_path = keystore_file_path(kEncKey);
@@ -229,8 +231,9 @@ int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
   const Secret plain(std::string_view(reinterpret_cast<const char*>(decrypted.data()), decrypted.size()));
   cleanse(decrypted.data(), decrypted.size());
   if (decrypt_rc != 0) {
+    // A node file made after the key (a rotation cut short) opens nothing.
     RD_ERROR("Decryption of private key is failed");
-    return -1;
+    return forced_key_rotation(lock_released);
   }
   RD_VERBOSE("decryption of Enc private key is success");
 

@@ -44,12 +44,14 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password);
 
 // Derives the password again and checks the keystore on the way. 0; -1
 // failure (also for an unknown rdsId); -100 tampering or a foreign computer:
-// last_acces_time_file missing or not matching the key file's access time, or
-// no adapter whose address hashes to keystore/pdHash.hash.
+// last_acces_time_file missing or not matching the key file's access time,
+// no adapter whose address hashes to keystore/pdHash.hash, or no node file.
 int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password);
 
 // Reads and decrypts the device private key (PEM). 0; -1 failure; -100 the key
-// was just replaced by a forced key rotation.
+// was just replaced by a forced key rotation. Tampering, a key that does not
+// decrypt or does not match key.hash, and a missing node file all force the
+// rotation: a rotation cut short by a crash leaves such a keystore.
 // A tampered keystore starts a forced rotation, which releases the caller's
 // scanner lock before asking for the rotation (the rotation takes it itself).
 // If the rotation fails, or the lock cannot be taken again after it, the

@@ -135,6 +135,12 @@ int read_file(const std::string& path, std::string* out);
 // flushing or renaming failed (the temporary file is removed, path unchanged).
 int write_file_atomic(const std::string& path, const void* data, std::size_t len,
                       unsigned mode = 0644);
+// Test seam: the process kills itself (SIGKILL) at the n-th crash point from
+// now: each step of a file replacement (temporary file made, written,
+// flushed, renamed) and each step of a paired change. 0 turns it off.
+void set_crash_point_for_test(int n);
+// A crash point; does nothing unless a test armed the seam.
+void crash_point();
 // Test seam: makes every write_file_atomic fail at the given stage.
 enum class WriteFault { kNone, kOpen, kWrite };
 void set_write_fault_for_test(WriteFault fault);
@@ -142,6 +148,9 @@ void set_write_fault_for_test(WriteFault fault);
 // and returns false on failure. 0 or -1.
 int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
                              unsigned mode = 0644);
+// Removes the temporary files that write_file_atomic leaves in dir when a
+// crash cuts a replacement short ("NAME.tmpXXXXXX"). Other files stay.
+void remove_stale_temporaries(const std::string& dir);
 // Creates every missing folder of path with owner-only permissions. 0 or -1.
 int make_dirs(const std::string& path);
 // The file's last-access time in seconds, or -1.

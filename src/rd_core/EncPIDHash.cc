@@ -1,6 +1,7 @@
 #include <openssl/evp.h>
 
 #include <climits>
+#include <cstring>
 #include <memory>
 
 #include "init/rd_codes.h"
@@ -106,11 +107,12 @@ int GenerateEncPID_EncPIDHash(std::span<const std::uint8_t> pid, const std::uint
     RD_ERROR("Error at to encrypt pidblock");
     return rd_codes::kRdInternal;
   }
-  std::vector<std::uint8_t> record;
-  record.reserve(kTsLength + pid_cipher.size() + kTagLength);
-  record.insert(record.end(), ts_bytes, ts_bytes + kTsLength);
-  record.insert(record.end(), pid_cipher.begin(), pid_cipher.end());
-  record.insert(record.end(), tag, tag + kTagLength);
+  // Laid out with memcpy into a sized buffer: GCC 12 misreads chained
+  // vector::insert calls as writes past the end under some sanitizer builds.
+  std::vector<std::uint8_t> record(kTsLength + pid_cipher.size() + kTagLength);
+  std::memcpy(record.data(), ts_bytes, kTsLength);
+  if (!pid_cipher.empty()) std::memcpy(record.data() + kTsLength, pid_cipher.data(), pid_cipher.size());
+  std::memcpy(record.data() + kTsLength + pid_cipher.size(), tag, kTagLength);
   std::string data;
   if (Base64Encode(record, &data) != 0) {
     RD_ERROR("Error at to encode encrypted pidblock");

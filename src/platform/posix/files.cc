@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <atomic>
 #include <fstream>
 #include <sstream>
@@ -36,7 +38,16 @@ int read_file(const std::string& path, std::string* out) {
 
 namespace {
 std::atomic<WriteFault> g_write_fault{WriteFault::kNone};
+std::atomic<int> g_crash_countdown{0};
 }  // namespace
+
+void set_crash_point_for_test(int n) { g_crash_countdown.store(n); }
+
+void crash_point() {
+  if (g_crash_countdown.load(std::memory_order_relaxed) > 0 && g_crash_countdown.fetch_sub(1) == 1) {
+    ::raise(SIGKILL);
+  }
+}
 
 void set_write_fault_for_test(WriteFault fault) { g_write_fault.store(fault); }
 
@@ -45,6 +56,7 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
   std::string tmp = path + ".tmpXXXXXX";
   UniqueFd fd(fault == WriteFault::kOpen ? -1 : ::mkstemp(tmp.data()));
   if (!fd) return -1;
+  crash_point();
   // From here the temporary file exists: every failure removes it again.
   auto fail = [&tmp, &fd] {
     int saved = errno;
@@ -67,9 +79,12 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
     }
     p += n;
     left -= static_cast<std::size_t>(n);
+    crash_point();
   }
   if (::fchmod(fd.get(), mode) != 0 || ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) return fail();
+  crash_point();
   if (::rename(tmp.c_str(), path.c_str()) != 0) return fail();
+  crash_point();
   return 0;
 }
 
@@ -84,13 +99,30 @@ int write_file_atomic_stream(const std::string& path, const std::function<bool(s
     ::unlink(tmp.c_str());
     return -1;
   }
-  bool ok = write(f) && std::fflush(f) == 0 && std::ferror(f) == 0 && ::fchmod(fd, mode) == 0 && ::fsync(fd) == 0;
+  crash_point();
+  bool ok = write(f) && std::fflush(f) == 0 && std::ferror(f) == 0;
+  crash_point();
+  ok = ok && ::fchmod(fd, mode) == 0 && ::fsync(fd) == 0;
   ok = std::fclose(f) == 0 && ok;
+  crash_point();
   if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {
     ::unlink(tmp.c_str());
     return -1;
   }
+  crash_point();
   return 0;
+}
+
+void remove_stale_temporaries(const std::string& dir) {
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    const std::size_t at = name.rfind(".tmp");
+    // mkstemp's six characters after ".tmp", and nothing more.
+    if (at != std::string::npos && at > 0 && name.size() == at + 10 && entry.is_regular_file(ec)) {
+      std::filesystem::remove(entry.path(), ec);
+    }
+  }
 }
 
 int make_dirs(const std::string& path) {
