@@ -2,18 +2,20 @@
 # Builds the project and runs the whole suite three times, with warnings as
 # errors: an optimised GCC build (Release) in build/, an AddressSanitizer +
 # UndefinedBehaviorSanitizer build in build-asan/, and a Clang build in
-# build-clang/. Exits 0 only when all three pass.
+# build-clang/; then a ThreadSanitizer build in build-tsan/ runs the tests that
+# involve threads. Exits 0 only when all of them pass.
 set -euo pipefail
 cd "$(dirname "$0")"
 
 ./scripts/install-deps.sh
 
 jobs=$(nproc)
+# run_suite DIR [CMAKE OPTIONS...]; CTEST_FILTER (a -R pattern) narrows the run.
 run_suite() {
   local dir=$1; shift
   cmake -S . -B "$dir" -DVEXO_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
-  (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs")
+  (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs" ${CTEST_FILTER:+-R "$CTEST_FILTER"})
 }
 
 echo "== normal build (GCC, Release) =="
@@ -29,4 +31,11 @@ echo "== sanitizer build (ASan + UBSan) =="
 echo "== Clang build (RelWithDebInfo) =="
 CC=clang CXX=clang++ run_suite build-clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF -DVEXO_TSAN=OFF
 
-echo "test.sh: all three builds passed"
+echo "== ThreadSanitizer build (the tests with threads) =="
+(
+  export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+  CTEST_FILTER='^(Listener|Dispatch|LogTest|Lock|Tls|CaptureEndToEnd|ManagementEndToEnd|PostAuth|ApiTest)' \
+    run_suite build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF -DVEXO_TSAN=ON
+)
+
+echo "test.sh: all builds passed"
