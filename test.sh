@@ -2,7 +2,8 @@
 # Builds the project and runs the whole suite three times, with warnings as
 # errors: an optimised GCC build (Release) in build/, an AddressSanitizer +
 # UndefinedBehaviorSanitizer build in build-asan/, and a Clang build in
-# build-clang/. Exits 0 only when all three pass.
+# build-clang/; then fuzzes every parser for 15 s (build-fuzz/). Exits 0 only
+# when all four pass.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -29,4 +30,7 @@ echo "== sanitizer build (ASan + UBSan) =="
 echo "== Clang build (RelWithDebInfo) =="
 CC=clang CXX=clang++ run_suite build-clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF -DVEXO_TSAN=OFF
 
-echo "test.sh: all three builds passed"
+echo "== fuzzing (15 s per target) =="
+./scripts/fuzz.sh 15
+
+echo "test.sh: all four stages passed"
