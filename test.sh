@@ -3,7 +3,8 @@
 # errors: an optimised GCC build (Release) in build/, an AddressSanitizer +
 # UndefinedBehaviorSanitizer build in build-asan/, and a Clang build in
 # build-clang/; then a ThreadSanitizer build in build-tsan/ runs the tests that
-# involve threads. Exits 0 only when all of them pass.
+# involve threads, and every parser is fuzzed for 15 s (build-fuzz/). Exits 0
+# only when all of them pass.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -38,4 +39,7 @@ echo "== ThreadSanitizer build (the tests with threads) =="
     run_suite build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF -DVEXO_TSAN=ON
 )
 
-echo "test.sh: all builds passed"
+echo "== fuzzing (15 s per target) =="
+./scripts/fuzz.sh 15
+
+echo "test.sh: all builds and the fuzzing passed"

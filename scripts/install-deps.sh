@@ -14,7 +14,7 @@ packages=(
   libopenjp2-7-dev libopenjp2-tools
   libgtest-dev googletest
   curl
-  clang
+  clang libclang-rt-14-dev
   libcpp-httplib-dev libsqlite3-dev
 )
 

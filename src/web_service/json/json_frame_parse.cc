@@ -78,6 +78,11 @@ int Time_Diff_in_Sec(std::string_view s, std::string_view c, int* diff) {
   int hs = two(s, ts_ + 1), ms = two(s, ts_ + 4), ss = two(s, ts_ + 7);
   int hc = two(c, tc + 1), mc = two(c, tc + 4), sc = two(c, tc + 7);
   if (ds < 0 || dc < 0 || hs < 0 || ms < 0 || ss < 0 || hc < 0 || mc < 0 || sc < 0) return -1;
+  // A stamp that is no time of day (hour 99) would make the difference
+  // negative and pass the 300-second rule; a leap second (60) is a time.
+  if (ds < 1 || ds > 31 || dc < 1 || dc > 31 || hs > 23 || hc > 23 || ms > 59 || mc > 59 || ss > 60 || sc > 60) {
+    return -1;
+  }
   int sv = hs * 3600 + ms * 60 + ss, cl = hc * 3600 + mc * 60 + sc;
   RD_VERBOSE("Management server ->Date:%.2s, Hour:%.2s, Min:%.2s, sec:%.2s", s.data() + 8, s.data() + ts_ + 1,
              s.data() + ts_ + 4, s.data() + ts_ + 7);
