@@ -219,6 +219,14 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     EXPECT_TRUE(host.wait_for("mgmt: the new package is " + device_ + "/DownloadSW/Installer.zip;")) << host.output();
     EXPECT_EQ(testutil::read_file(device_ + "/DownloadSW/Installer.zip"),
               testutil::read_file(kMgmtData + "/packages/vexo-1.0.1.zip"));
+    // Init follows at once, not at the next poll, and takes the service out of NOTREADY.
+    const int inits = testutil::count_of(host.output(), "mgmt: Init -> ");
+    ASSERT_TRUE(host.wait_for("mgmt: Init -> ", 10000, inits + 1)) << host.output();
+    const std::string out = host.output();
+    const std::size_t package = out.find("mgmt: the new package is ");
+    EXPECT_EQ(out.substr(package, out.find("mgmt: Init -> ", package) - package).find("next Init in"),
+              std::string::npos)
+        << out;
   } else {
     // Without a working download the call is retried after a growing pause.
     ASSERT_TRUE(host.wait_for("mgmt: Software_Update again in 200 ms\n")) << host.output();

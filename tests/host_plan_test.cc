@@ -45,8 +45,8 @@ TEST(HostPlan, NextStepForEveryResultAndAction) {
       {Call::kUidaiCertUpdate, -2, "", {Call::kUidaiCertUpdate, When::kAfterPause}},
       {Call::kUidaiCertUpdate, 0, "", {Call::kInit, When::kAtPoll}},
       {Call::kUidaiCertUpdate, 0, "UPDATE_STATUS", {Call::kInit, When::kAtPoll}},
-      // Software_Update has no next action: done, or tried again.
-      {Call::kSoftwareUpdate, 0, "", {Call::kInit, When::kAtPoll}},
+      // Software_Update has no next action: Init at once to leave NOTREADY, or tried again.
+      {Call::kSoftwareUpdate, 0, "", {Call::kInit, When::kNow}},
       {Call::kSoftwareUpdate, -5, "", {Call::kSoftwareUpdate, When::kAfterPause}},
       {Call::kSoftwareUpdate, -2, "", {Call::kSoftwareUpdate, When::kAfterPause}},
   };

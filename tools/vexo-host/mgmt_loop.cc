@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -144,6 +145,8 @@ class Runner {
   // Makes one call, prints it and returns what follows.
   Step call(Call what) {
     char action[VEXO_NEXT_ACTION_LEN] = {};
+    char status_before[VEXO_STATUS_LEN] = {};
+    x_.Get_Last_RDservice_Status(status_before);
     int rc = 0;
     switch (what) {
       case Call::kInit:
@@ -166,11 +169,10 @@ class Runner {
     } else {
       say("%s -> %d, next action %s", call_name(what), rc, action[0] != '\0' ? action : "(none)");
     }
-    if (rc != 0) {
-      char status[VEXO_STATUS_LEN] = {};
-      x_.Get_Last_RDservice_Status(status);
-      say("last status: %s", status);
-    }
+    // A failure's reason, unless the call left none of its own.
+    char status[VEXO_STATUS_LEN] = {};
+    x_.Get_Last_RDservice_Status(status);
+    if (rc != 0 && std::strcmp(status, status_before) != 0) say("last status: %s", status);
     if (what == Call::kSoftwareUpdate && rc == 0) {
       say("the new package is %s; install it to update the service", package_path().c_str());
     }

@@ -53,7 +53,9 @@ const char* call_name(Call call) {
 
 Step next_step(Call done, int rc, std::string_view action) {
   if (done == Call::kSoftwareUpdate) {
-    return rc == 0 ? Step{Call::kInit, When::kAtPoll} : Step{Call::kSoftwareUpdate, When::kAfterPause};
+    // Software_Update leaves the service NOTREADY for the package to be
+    // installed; this host installs nothing, so Init at once puts it back.
+    return rc == 0 ? Step{Call::kInit, When::kNow} : Step{Call::kSoftwareUpdate, When::kAfterPause};
   }
   if (action.empty()) return rc == 0 ? Step{Call::kInit, When::kAtPoll} : Step{done, When::kAfterPause};
   for (const ActionRow& row : kActions) {

@@ -30,7 +30,8 @@ const char* call_name(Call call);
 // buffer (the host clears the buffer before each call, so an empty action
 // means the call wrote none; Software_Update has no buffer). A failed call
 // that named no retry of its own (a send failure) is retried after the pause;
-// Software_Update is retried until its package is in place.
+// Software_Update is retried until its package is in place, and then Init
+// follows at once, as the host does not install the package itself.
 Step next_step(Call done, int rc, std::string_view action);
 
 // A plain explanation for the actions the host cannot act on itself
