@@ -379,7 +379,7 @@ TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
     close(out[0]);
     setenv("APPDATA", dir.file("appdata").c_str(), 1);
     std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
-    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "Aratek_A600", nullptr);
+    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "--no-mgmt", "Aratek_A600", nullptr);
     _exit(127);
   }
   close(out[1]);

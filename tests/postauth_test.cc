@@ -376,7 +376,8 @@ TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
     close(out[0]);
     setenv("APPDATA", dir.file("appdata").c_str(), 1);
     std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
-    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "Tavio_TX9|ttyS5|PARAM", nullptr);
+    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "--no-mgmt", "Tavio_TX9|ttyS5|PARAM",
+          nullptr);
     _exit(127);
   }
   close(out[1]);

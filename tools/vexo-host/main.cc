@@ -1,6 +1,7 @@
 // vexo-host: stands in for the front end and the host program. It creates the
 // status FIFO and prints what arrives, loads libVexo.so from its own folder,
-// starts the service, and turns signals into plug events:
+// starts the service, follows the Management server (mgmt_loop), and turns
+// signals into plug events:
 //   SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit.
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -13,15 +14,23 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
+#include "mgmt_loop.h"
+#include "mgmt_plan.h"
 #include "vexo.h"
 
 namespace {
 
 constexpr const char* kPipePath = "/tmp/qdx.win.002";
+constexpr long long kDefaultPollSeconds = 21600;
+constexpr long long kMaxPollSeconds = 30LL * 24 * 3600;
+// Test-only: the first retry pause in milliseconds, instead of 30 s.
+constexpr const char* kRetryBaseEnv = "VEXO_HOST_TEST_RETRY_BASE_MS";
 
 struct Exports {
   int (*Initialize_process)(const char*) = nullptr;
@@ -33,10 +42,27 @@ struct Exports {
 
 void usage() {
   std::fprintf(stderr,
-               "usage: vexo-host [--workdir DIR] SCANNER_DETAILS\n"
+               "usage: vexo-host [--workdir DIR] [--mgmt-poll SECONDS | --no-mgmt] SCANNER_DETAILS\n"
                "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
+               "  After start-up it calls Init and then what the Management server's next\n"
+               "  action names (Key_Rotation, uidai_cert_update, Software_Update), printing\n"
+               "  each call as \"mgmt: CALL -> RESULT, next action ACTION\". Init runs again\n"
+               "  every --mgmt-poll seconds (default %lld) and when another scanner is\n"
+               "  attached. Failed calls are retried after %lld s, doubling up to %lld s.\n"
+               "  --no-mgmt leaves the Management server alone.\n"
                "  SIGUSR1 reports the scanner plugged in, SIGUSR2 pulled out;\n"
-               "  SIGINT or SIGTERM stops the host.\n");
+               "  SIGINT or SIGTERM stops the host.\n",
+               kDefaultPollSeconds, host::kRetryBaseMs / 1000, host::kRetryMaxMs / 1000);
+}
+
+// A whole decimal number in [min, max].
+bool parse_number(const char* text, long long min, long long max, long long* out) {
+  errno = 0;
+  char* end = nullptr;
+  const long long v = std::strtoll(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || v < min || v > max) return false;
+  *out = v;
+  return true;
 }
 
 std::string own_folder() {
@@ -84,15 +110,24 @@ void read_pipe(int fd, const std::atomic<bool>* stop) {
 int main(int argc, char** argv) {
   std::string workdir;
   std::string scanner;
+  bool mgmt = true;
+  host::MgmtOptions mgmt_options;
+  mgmt_options.poll_ms = kDefaultPollSeconds * 1000;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
+    long long seconds = 0;
     if (arg == "--help" || arg == "-h") {
       usage();
       return 0;
     }
     if (arg == "--workdir" && i + 1 < argc) {
       workdir = argv[++i];
-    } else if (scanner.empty()) {
+    } else if (arg == "--no-mgmt") {
+      mgmt = false;
+    } else if (arg == "--mgmt-poll" && i + 1 < argc && parse_number(argv[i + 1], 1, kMaxPollSeconds, &seconds)) {
+      mgmt_options.poll_ms = seconds * 1000;
+      ++i;
+    } else if (arg.rfind("--", 0) != 0 && scanner.empty()) {
       scanner = arg;
     } else {
       usage();
@@ -103,6 +138,9 @@ int main(int argc, char** argv) {
     usage();
     return 2;
   }
+  long long base_ms = 0;
+  const char* base = std::getenv(kRetryBaseEnv);
+  if (base != nullptr && parse_number(base, 1, host::kRetryBaseMs, &base_ms)) mgmt_options.retry_base_ms = base_ms;
 
   const std::string lib_path = own_folder() + "/libVexo.so";
   if (!workdir.empty() && chdir(workdir.c_str()) != 0) {
@@ -133,10 +171,13 @@ int main(int argc, char** argv) {
 
   void* lib = dlopen(lib_path.c_str(), RTLD_NOW);
   Exports x;
+  host::MgmtExports m;
   if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
       !bind(lib, "Start_RDservice", &x.Start_RDservice) ||
       !bind(lib, "Get_Last_RDservice_Status", &x.Get_Last_RDservice_Status) ||
-      !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device)) {
+      !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device) ||
+      !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
+      !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update)) {
     if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", dlerror());
     stop = true;
     reader.join();
@@ -150,11 +191,19 @@ int main(int argc, char** argv) {
     print_status(x, "Start_RDservice", rc);
   }
   int exit_code = rc == 0 ? 0 : 1;
+  std::unique_ptr<host::MgmtLoop> loop;
+  if (rc == 0 && mgmt) {
+    m.Get_Last_RDservice_Status = x.Get_Last_RDservice_Status;
+    loop = std::make_unique<host::MgmtLoop>(m, mgmt_options);
+  }
   while (rc == 0) {
     int sig = 0;
     if (sigwait(&signals, &sig) != 0) continue;
     if (sig == SIGUSR1) {
-      print_status(x, "attach_device", x.attach_device());
+      const int attached = x.attach_device();
+      print_status(x, "attach_device", attached);
+      // Another scanner: the server decides afresh what this one needs.
+      if (attached == -10 && loop != nullptr) loop->request_init();
     } else if (sig == SIGUSR2) {
       print_status(x, "detach_device", x.detach_device());
     } else {
@@ -163,6 +212,7 @@ int main(int argc, char** argv) {
       break;
     }
   }
+  if (loop != nullptr) loop->stop();
   stop = true;
   reader.join();
   close(pipe_fd);

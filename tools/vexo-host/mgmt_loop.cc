@@ -1,0 +1,215 @@
+#include "mgmt_loop.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "mgmt_plan.h"
+#include "vexo.h"
+
+namespace host {
+
+namespace {
+
+constexpr const char* kResumeRecord = "dm.conf";
+constexpr const char* kPackage = "DownloadSW/Installer.zip";
+constexpr auto kWatchInterval = std::chrono::milliseconds(100);
+
+__attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
+  char line[1024];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(line, sizeof line, format, args);
+  va_end(args);
+  // One call per line: the pipe reader and the signal loop print too.
+  std::printf("mgmt: %s\n", line);
+  std::fflush(stdout);
+}
+
+std::string read_text(const char* path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string duration_text(long long ms) {
+  std::string text = std::to_string(ms % 1000 == 0 ? ms / 1000 : ms);
+  text += ms % 1000 == 0 ? " s" : " ms";
+  return text;
+}
+
+std::string package_path() {
+  char cwd[PATH_MAX] = {};
+  std::string path = getcwd(cwd, sizeof cwd) != nullptr ? cwd : ".";
+  path += '/';
+  path += kPackage;
+  return path;
+}
+
+// Prints the download's progress while Software_Update blocks: the resume
+// record is rewritten after every chunk. A record left by an earlier download
+// is not progress, so only a change is printed.
+class DownloadWatcher {
+ public:
+  DownloadWatcher() : thread_([this] { watch(); }) {}
+  ~DownloadWatcher() {
+    stop_ = true;
+    thread_.join();
+  }
+  DownloadWatcher(const DownloadWatcher&) = delete;
+  DownloadWatcher& operator=(const DownloadWatcher&) = delete;
+
+ private:
+  void watch() {
+    std::string seen = read_text(kResumeRecord);
+    for (;;) {
+      const bool last_look = stop_.load();
+      const std::string record = read_text(kResumeRecord);
+      int percent = 0;
+      if (record != seen && download_percent(record, &percent)) say("download %d%%", percent);
+      seen = record;
+      if (last_look) return;
+      std::this_thread::sleep_for(kWatchInterval);
+    }
+  }
+
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+}  // namespace
+
+struct MgmtLoopState {
+  std::mutex mutex;
+  std::condition_variable wake;
+  bool stop = false;            // guarded by mutex
+  bool init_requested = false;  // guarded by mutex
+};
+
+namespace {
+
+class Runner {
+ public:
+  Runner(const MgmtExports& x, const MgmtOptions& o, std::shared_ptr<MgmtLoopState> shared)
+      : x_(x), o_(o), shared_(std::move(shared)) {}
+
+  void run() {
+    Step step{Call::kInit, When::kNow};
+    int failures = 0;
+    for (;;) {
+      long long wait_ms = 0;
+      if (step.when == When::kAfterPause) {
+        wait_ms = retry_pause_ms(failures, o_.retry_base_ms > 0 ? o_.retry_base_ms : kRetryBaseMs);
+        ++failures;
+        say("%s again in %s", call_name(step.call), duration_text(wait_ms).c_str());
+      } else {
+        failures = 0;
+        if (step.when == When::kAtPoll) {
+          wait_ms = o_.poll_ms;
+          say("next %s in %s", call_name(step.call), duration_text(wait_ms).c_str());
+        }
+      }
+      if (!wait(wait_ms, &step, &failures)) return;
+      step = call(step.call);
+    }
+  }
+
+ private:
+  // Waits wait_ms unless stopped (false) or a changed scanner asks for Init.
+  bool wait(long long wait_ms, Step* step, int* failures) {
+    std::unique_lock<std::mutex> lock(shared_->mutex);
+    shared_->wake.wait_for(lock, std::chrono::milliseconds(wait_ms),
+                           [this] { return shared_->stop || shared_->init_requested; });
+    if (shared_->stop) return false;
+    if (shared_->init_requested) {
+      shared_->init_requested = false;
+      *step = {Call::kInit, When::kNow};
+      *failures = 0;
+      say("a different scanner was attached: Init now");
+    }
+    return true;
+  }
+
+  // Makes one call, prints it and returns what follows.
+  Step call(Call what) {
+    char action[VEXO_NEXT_ACTION_LEN] = {};
+    char status_before[VEXO_STATUS_LEN] = {};
+    x_.Get_Last_RDservice_Status(status_before);
+    int rc = 0;
+    switch (what) {
+      case Call::kInit:
+        rc = x_.Init(action);
+        break;
+      case Call::kKeyRotation:
+        rc = x_.Key_Rotation(action, "KEY_ROTATION");
+        break;
+      case Call::kUidaiCertUpdate:
+        rc = x_.uidai_cert_update(action);
+        break;
+      case Call::kSoftwareUpdate: {
+        DownloadWatcher watcher;
+        rc = x_.Software_Update();
+        break;
+      }
+    }
+    if (what == Call::kSoftwareUpdate) {
+      say("%s -> %d", call_name(what), rc);
+    } else {
+      say("%s -> %d, next action %s", call_name(what), rc, action[0] != '\0' ? action : "(none)");
+    }
+    // A failure's reason, unless the call left none of its own.
+    char status[VEXO_STATUS_LEN] = {};
+    x_.Get_Last_RDservice_Status(status);
+    if (rc != 0 && std::strcmp(status, status_before) != 0) say("last status: %s", status);
+    if (what == Call::kSoftwareUpdate && rc == 0) {
+      say("the new package is %s; install it to update the service", package_path().c_str());
+    }
+    const std::string remark = action_remark(action);
+    if (!remark.empty()) say("%s", remark.c_str());
+    return next_step(what, rc, action);
+  }
+
+  const MgmtExports x_;
+  const MgmtOptions o_;
+  std::shared_ptr<MgmtLoopState> shared_;
+};
+
+}  // namespace
+
+MgmtLoop::MgmtLoop(const MgmtExports& exports, const MgmtOptions& options) : shared_(std::make_shared<MgmtLoopState>()) {
+  // Detached: a Management call may outlast the host's wish to stop, and the
+  // loop keeps its shared state alive itself.
+  std::thread([runner = Runner(exports, options, shared_)]() mutable { runner.run(); }).detach();
+}
+
+MgmtLoop::~MgmtLoop() { stop(); }
+
+void MgmtLoop::request_init() {
+  {
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    shared_->init_requested = true;
+  }
+  shared_->wake.notify_all();
+}
+
+void MgmtLoop::stop() {
+  {
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    shared_->stop = true;
+  }
+  shared_->wake.notify_all();
+}
+
+}  // namespace host
