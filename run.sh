@@ -21,5 +21,14 @@ fi
 cp -f build/RefDll/*.so "$workdir/RefDll/"
 build/vexoctl demo-keystore "$workdir" --scanner "$scanner" || echo "warning: no demonstration keystore; captures will answer 999"
 
+# The integrators' test page (web/) on a second local port, from another origin
+# than the service; it stops when the host (this shell's process) ends.
+web_port=$(python3 -c 'import socket
+for p in range(8000, 8100):
+    try: socket.create_server(("127.0.0.1", p)).close(); print(p); break
+    except OSError: pass')
+( python3 -m http.server "$web_port" --bind 127.0.0.1 --directory web >/dev/null 2>&1 & server=$!
+  while kill -0 $$ 2>/dev/null; do sleep 1; done; kill "$server" ) &
+echo "Test page: http://127.0.0.1:$web_port/ (open it in a browser and press Scan)"
 echo "Starting vexo-host in $workdir (Ctrl-C stops it)."
 exec build/vexo-host --workdir "$workdir" "$scanner"

@@ -16,6 +16,7 @@ packages=(
   curl
   clang
   libcpp-httplib-dev libsqlite3-dev
+  chromium chromium-driver python3-selenium libnss3-tools
 )
 
 missing=()

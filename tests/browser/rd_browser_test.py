@@ -241,7 +241,9 @@ def scan(driver, page_url, service_base):
     seconds = float(re.search(r"in ([\d.]+) s", status).group(1))
     log("scan: %s" % status)
     rows = driver.find_elements("css selector", 'tr[data-base="%s"]' % service_base)
-    check(rows, "%s not among the services found: %s" % (service_base, status))
+    if not rows:
+        console = [e.get("message", "") for e in driver.get_log("browser") if "REFUSED" not in e.get("message", "")][:6]
+        raise Failure("%s not among the services found: %s; console: %s" % (service_base, status, console))
     # A closed port fails at once and one that does not answer is given up
     # after the time-out, so the whole scan stays within a few seconds.
     check(seconds < SCAN_TIMEOUT_MS / 1000 + 3, "the scan took %.1f s" % seconds)
@@ -349,32 +351,42 @@ def case_https(args, tmp):
               "an HTTPS service was listed as HTTP")
         device_info_and_capture(driver, service, os.path.join(args.shots, "https.png"))
         check_page_origin_saw_gets_only()
+
+        # The same page for a browser whose NSS database lacks the local CA:
+        # it refuses the certificate, so the trust above came from that entry.
+        untrusting_home = os.path.join(tmp, "untrusting-home")
+        os.makedirs(untrusting_home)
+        os.makedirs(os.path.join(tmp, "untrusting"))
+        other = start_browser(os.path.join(tmp, "untrusting"), untrusting_home)
+        try:
+            other.get(page_url + "/index.html")
+            check(not other.find_elements("id", "scan"), "an untrusting browser showed the page")
+        finally:
+            other.quit()
     finally:
         driver.quit()
         page.shutdown()
         service.stop()
 
 
-def preflights_seen(driver, service_port):
-    """Pre-flights to the service and their answers, as the browser's network
-    stack reported them: [(request headers, response headers)]."""
-    requests, responses = {}, {}
+def preflights_seen(driver, service_base):
+    """Pre-flights to service_base that got an answer, as the browser's
+    network stack reported them: [(request headers, security state of the
+    page, answer headers)], header names in lower case."""
+    preflights, extra, answers = set(), {}, {}
     for entry in driver.get_log("performance"):
         m = json.loads(entry["message"])["message"]
         p = m["params"]
-        if m["method"] == "Network.requestWillBeSentExtraInfo":
-            requests.setdefault(p["requestId"], []).append(p.get("headers", {}))
-        elif m["method"] == "Network.responseReceivedExtraInfo":
-            responses.setdefault(p["requestId"], []).append(p.get("headers", {}))
-    seen = []
-    for rid, headers_list in requests.items():
-        for i, headers in enumerate(headers_list):
-            lower = {k.lower(): v for k, v in headers.items()}
-            if ("access-control-request-method" in lower and
-                    lower.get("host", "").endswith(":%d" % service_port)):
-                answer = responses.get(rid, [])
-                seen.append((lower, {k.lower(): v for k, v in answer[i].items()} if i < len(answer) else {}))
-    return seen
+        if m["method"] == "Network.requestWillBeSent":
+            if p.get("initiator", {}).get("type") == "preflight" and p["request"]["url"].startswith(service_base):
+                preflights.add(p["requestId"])
+        elif m["method"] == "Network.requestWillBeSentExtraInfo":
+            extra[p["requestId"]] = p
+        elif m["method"] == "Network.responseReceived":
+            answers[p["requestId"]] = p["response"].get("headers", {})
+    lower = lambda headers: {k.lower(): v for k, v in headers.items()}
+    return [(lower(extra.get(r, {}).get("headers", {})), extra.get(r, {}).get("clientSecurityState", {}),
+             lower(answers[r])) for r in preflights if r in answers]
 
 
 def case_preflight(args, tmp):
@@ -387,20 +399,23 @@ def case_preflight(args, tmp):
         driver.execute_cdp_cmd("Network.enable", {})
         # Newer Chromium asks the user before a public page may reach local
         # addresses; the test gives that permission as a user would.
-        for permission in ("localNetworkAccess", "loopbackNetwork", "localNetwork"):
+        for permission in ("local-network-access", "loopback-network", "local-network"):
             try:
-                driver.execute_cdp_cmd("Browser.grantPermissions",
-                                       {"origin": page_url, "permissions": [permission]})
+                driver.execute_cdp_cmd("Browser.setPermission", {"origin": page_url, "permission": {"name": permission},
+                                                                 "setting": "granted"})
             except Exception as e:  # an older Chromium does not know the name
                 log("permission %s not known: %s" % (permission, str(e).splitlines()[0]))
         scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
         driver.save_screenshot(os.path.join(args.shots, "preflight.png"))
-        seen = preflights_seen(driver, service.port)
-        check(seen, "the browser sent no pre-flight to the service")
+        seen = preflights_seen(driver, "https://127.0.0.1:%d/" % service.port)
+        check(seen, "the browser saw no answered pre-flight to the service")
         options = [r for r in service.requests() if r.startswith("OPTIONS ")]
         check(options, "the service received no OPTIONS")
-        for request, answer in seen:
-            log("pre-flight: %s -> %s" % (json.dumps(request, sort_keys=True), json.dumps(answer, sort_keys=True)))
+        for request, security, answer in seen:
+            log("pre-flight from a %s page: %s -> %s" % (security.get("initiatorIPAddressSpace"),
+                json.dumps(request, sort_keys=True), json.dumps(answer, sort_keys=True)))
+            check(security.get("initiatorIPAddressSpace") == "Public", "the page did not count as public")
+            check(request.get("access-control-request-method") == "RDSERVICE", "request %s" % request)
             check(answer.get("access-control-allow-origin") == "*", "answer %s" % answer)
             check("RDSERVICE" in answer.get("access-control-allow-methods", ""), "answer %s" % answer)
             if request.get("access-control-request-private-network") == "true":
@@ -408,7 +423,7 @@ def case_preflight(args, tmp):
                       "private network asked for but not granted: %s" % answer)
             else:
                 check("access-control-allow-private-network" not in answer, "granted unasked: %s" % answer)
-        asked = [r for r, _ in seen if r.get("access-control-request-private-network") == "true"]
+        asked = [r for r, _, _ in seen if r.get("access-control-request-private-network") == "true"]
         log("pre-flights asking for the private network: %d of %d (%s)" % (
             len(asked), len(seen), driver.capabilities.get("browserVersion")))
     finally:
