@@ -410,6 +410,11 @@ TEST_F(VexoctlTest, TrustTlsAddsTheCaToTheUsersNssDatabase) {
   EXPECT_FALSE(fs::exists(home + "/.pki"));
 
   ASSERT_EQ(run_tool(kTool, {"tls-cert", wd}).rc, 0);
+  // A Firefox profile with its own database, and a folder that is none.
+  const std::string profile = home + "/.mozilla/firefox/abcd1234.default-release";
+  fs::create_directories(profile);
+  fs::create_directories(home + "/.mozilla/firefox/Crash Reports");
+  ASSERT_EQ(run_tool("/usr/bin/certutil", {"-N", "-d", "sql:" + profile, "--empty-password"}).rc, 0);
   ToolRun r = run_tool(kTool, {"trust-tls", wd});
   ASSERT_EQ(r.rc, 0) << r.out;
   auto ca = load_cert(wd + "/cert/ssl/ca/ca.crt");
@@ -423,6 +428,9 @@ TEST_F(VexoctlTest, TrustTlsAddsTheCaToTheUsersNssDatabase) {
   ToolRun listed = run_tool("/usr/bin/certutil", {"-L", "-d", db});
   EXPECT_NE(listed.out.find(std::string(cn)), std::string::npos) << listed.out;
   EXPECT_NE(listed.out.find("C,,"), std::string::npos) << listed.out;
+  ToolRun in_profile = run_tool("/usr/bin/certutil", {"-L", "-d", "sql:" + profile});
+  EXPECT_NE(in_profile.out.find(std::string(cn)), std::string::npos) << in_profile.out;
+  EXPECT_FALSE(fs::exists(home + "/.mozilla/firefox/Crash Reports/cert9.db"));
   // The same CA again is no error and no second entry.
   ASSERT_EQ(run_tool(kTool, {"trust-tls", wd}).rc, 0) << r.out;
   listed = run_tool("/usr/bin/certutil", {"-L", "-d", db});

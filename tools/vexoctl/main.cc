@@ -122,7 +122,7 @@ const Command kCommands[] = {
      cmd_tls_cert},
     {"trust-tls", "trust-tls DIR",
      "add the local CA of DIR to the user's NSS database ($HOME/.pki/nssdb, made when missing) "
-     "with certutil, so Chromium and Firefox trust the service's HTTPS",
+     "and to each Firefox profile's with certutil, so Chromium and Firefox trust the service's HTTPS",
      cmd_trust_tls},
     {"uidai-cert", "uidai-cert DIR ENV FILE",
      "install FILE as the UIDAI certificate of ENV (S, PP, P or P_OLD) in DIR/cert/uidai with its "

@@ -1,6 +1,7 @@
 // tls-cert and trust-tls: a local certificate authority whose server
 // certificate browsers accept for https://127.0.0.1, https://[::1] and
 // https://localhost once the authority is in the user's NSS database.
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -105,6 +106,39 @@ int run_program(const std::vector<std::string>& args) {
   return WIFEXITED(status) && WEXITSTATUS(status) != 127 ? WEXITSTATUS(status) : -1;
 }
 
+// The Firefox profiles of home that have an NSS database of their own.
+std::vector<std::string> firefox_profiles(const std::string& home) {
+  std::vector<std::string> out;
+  const std::string root = home + "/.mozilla/firefox";
+  DIR* d = ::opendir(root.c_str());
+  if (d == nullptr) return out;
+  while (dirent* e = ::readdir(d)) {
+    std::string path = root + "/" + e->d_name;
+    if (e->d_name[0] != '.' && platform::file_readable(path + "/cert9.db")) out.push_back(path);
+  }
+  ::closedir(d);
+  return out;
+}
+
+// Adds the CA to the NSS database in db (made when missing); "C,," trusts it
+// for server certificates only. 0 or 1.
+int trust_in(const std::string& db, const std::string& nickname, const std::string& ca_cert) {
+  std::string sql = "sql:";
+  sql += db;
+  // A new database gets an empty password, as the browsers make theirs.
+  if (!platform::file_readable(db + "/cert9.db")) {
+    if (platform::make_dirs(db) != 0) return fail("cannot create " + db);
+    int rc = run_program({"certutil", "-N", "-d", sql, "--empty-password"});
+    if (rc != 0) return fail("certutil cannot create the NSS database in " + db + " (is libnss3-tools installed?)");
+  }
+  if (run_program({"certutil", "-A", "-d", sql, "-n", nickname, "-t", "C,,", "-i", ca_cert}) != 0) {
+    return fail("certutil cannot add " + ca_cert + " to " + db);
+  }
+  std::printf("trusted \"%s\" in %s for server certificates\n", nickname.c_str(), db.c_str());
+  std::printf("to remove it: certutil -D -d %s -n \"%s\"\n", sql.c_str(), nickname.c_str());
+  return 0;
+}
+
 }  // namespace
 
 int lay_local_tls(const std::string& dir) {
@@ -145,20 +179,12 @@ int cmd_trust_tls(const Args& args) {
   if (nickname.empty()) return fail(p.ca_cert + " is not a PEM certificate");
   const char* home = std::getenv("HOME");
   if (home == nullptr || *home == '\0') return fail("HOME is not set");
+  // Chromium reads $HOME/.pki/nssdb; each Firefox profile has its own.
   std::string db = home;
   db += "/.pki/nssdb";
-  if (platform::make_dirs(db) != 0) return fail("cannot create " + db);
-  std::string sql = "sql:";
-  sql += db;
-  // A new database gets an empty password, as the browsers make theirs.
-  if (!platform::file_readable(db + "/cert9.db")) {
-    int rc = run_program({"certutil", "-N", "-d", sql, "--empty-password"});
-    if (rc != 0) return fail("certutil cannot create the NSS database in " + db + " (is libnss3-tools installed?)");
+  if (trust_in(db, nickname, p.ca_cert) != 0) return 1;
+  for (const std::string& profile : firefox_profiles(home)) {
+    if (trust_in(profile, nickname, p.ca_cert) != 0) return 1;
   }
-  // "C,," trusts the authority for server certificates only.
-  int rc = run_program({"certutil", "-A", "-d", sql, "-n", nickname, "-t", "C,,", "-i", p.ca_cert});
-  if (rc != 0) return fail("certutil cannot add " + p.ca_cert + " to " + db);
-  std::printf("trusted \"%s\" in %s for server certificates\n", nickname.c_str(), db.c_str());
-  std::printf("to remove it: certutil -D -d %s -n \"%s\"\n", sql.c_str(), nickname.c_str());
   return 0;
 }
