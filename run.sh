@@ -32,6 +32,16 @@ fi
 # Keep the simulated vendor libraries in step with the build.
 cp -f build/RefDll/*.so "$workdir/RefDll/"
 
+# The integrators' test page (web/) on a second local port, from another origin
+# than the service; it stops when this script (or the host it becomes) ends.
+web_port=$(python3 -c 'import socket
+for p in range(8000, 8100):
+    try: socket.create_server(("127.0.0.1", p)).close(); print(p); break
+    except OSError: pass')
+( python3 -m http.server "$web_port" --bind 127.0.0.1 --directory web >/dev/null 2>&1 & server=$!
+  while kill -0 $$ 2>/dev/null; do sleep 1; done; kill "$server" ) &
+echo "Test page: http://127.0.0.1:$web_port/ (open it in a browser and press Scan)"
+
 if [ "$offline" = 1 ]; then
   # The demonstration keystore is bound to the library just built (its digest
   # is part of the key's password), so it is made again after every build.

@@ -16,6 +16,7 @@ packages=(
   curl
   clang libclang-rt-14-dev
   libcpp-httplib-dev libsqlite3-dev
+  chromium chromium-driver python3-selenium libnss3-tools
 )
 
 missing=()

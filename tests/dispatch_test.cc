@@ -124,6 +124,57 @@ TEST_F(DispatchTest, AnswersEveryVerbByteForByte) {
                        "Origin value is: " + origin + " AND length of origin is:" + std::to_string(origin.size() + 1)));
 }
 
+// A pre-flight from a public page to this local service asks with
+// Access-Control-Request-Private-Network; only an OPTIONS answer of 200 to
+// such a header line grants it, and every other answer keeps its bytes.
+TEST_F(DispatchTest, GrantsPrivateNetworkOnlyToPreflightsThatAsk) {
+  const int p = port_;
+  const std::string origin = "https://portal.example";
+  const std::string ok_options =
+      "HTTP/1.1 200 OK\r\nACCESS-CONTROL-ALLOW-HEADERS: Content-Type\r\nACCESS-CONTROL-ALLOW-METHODS: "
+      "RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH\r\nACCESS-CONTROL-ALLOW-ORIGIN: *\r\nContent-Length: 0\r\nConnection: "
+      "close\r\nContent-Type: text/xml; charset=utf-8\r\n";
+  const std::string grant = "Access-Control-Allow-Private-Network: true\r\n";
+  const std::string body = discovery_body("READY");
+  auto options = [&](const std::string& extra) {
+    return "OPTIONS /rd/capture HTTP/1.1\r\nOrigin: " + origin + "\r\nAccess-Control-Request-Method: CAPTURE\r\n" +
+           extra + "\r\n";
+  };
+  struct Row {
+    const char* name;
+    std::string request;
+    std::string answer;
+  };
+  const std::vector<Row> rows = {
+      {"asks", options("Access-Control-Request-Private-Network: true\r\n"), ok_options + grant + "\r\n"},
+      {"asks in lower case, no blank", options("access-control-request-private-network:true\r\n"),
+       ok_options + grant + "\r\n"},
+      {"asks with a trailing blank", options("Access-Control-Request-Private-Network: true \r\n"),
+       ok_options + grant + "\r\n"},
+      {"does not ask", options(""), ok_options + "\r\n"},
+      {"value false", options("Access-Control-Request-Private-Network: false\r\n"), ok_options + "\r\n"},
+      {"value True", options("Access-Control-Request-Private-Network: True\r\n"), ok_options + "\r\n"},
+      {"another header's name ends so", options("X-Access-Control-Request-Private-Network: true\r\n"),
+       ok_options + "\r\n"},
+      {"only in the body, after the blank line",
+       "OPTIONS / HTTP/1.1\r\nOrigin: " + origin +
+           "\r\nContent-Length: 46\r\n\r\nAccess-Control-Request-Private-Network: true\r\n",
+       ok_options + "\r\n"},
+      {"no Origin: the 405 stays as it is",
+       "OPTIONS / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\n\r\n",
+       std::string("HTTP/1.1 405 \r\nContent-Length: 0") + kCors + "\r\n"},
+      {"Origin: without a line feed after it",
+       "OPTIONS / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\nContent-Length: 8\r\n\r\nOrigin:x",
+       std::string("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close") + kCors + "\r\n" + grant + "\r\n"},
+      {"not an OPTIONS request", "RDSERVICE / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\n\r\n",
+       ok_header(p, "/", body.size()) + body},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(round_trip(p, row.request), row.answer);
+  }
+}
+
 // However long the origin, every answer that echoes it keeps its header
 // within 1024 bytes, ends it with the blank line, and announces the body's
 // real length.

@@ -130,6 +130,31 @@ inline std::size_t resident_bytes() {
 
 inline std::string round_trip(int port, const std::string& request) { return exchange_pieces(port, {request}, 0); }
 
+// A connection to [::1]:port, -1 when refused.
+inline int connect_to6(int port) {
+  int s = ::socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_port = htons(static_cast<uint16_t>(port));
+  addr.sin6_addr = in6addr_loopback;
+  if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::close(s);
+    return -1;
+  }
+  return s;
+}
+
+// round_trip through [::1]; "" when the connection is refused.
+inline std::string round_trip6(int port, const std::string& request) {
+  int s = connect_to6(port);
+  if (s < 0) return "";
+  (void)::send(s, request.data(), request.size(), MSG_NOSIGNAL);
+  ::shutdown(s, SHUT_WR);
+  std::string answer = read_until_close(s);
+  ::close(s);
+  return answer;
+}
+
 inline std::string log_text() { return testutil::read_file("rd.log"); }
 
 // True when the log holds a line "(file:func:N) - text" after offset.

@@ -99,7 +99,84 @@ TEST_F(ListenerTest, RestartedServiceGetsItsPortBackAtOnce) {
   platform::socket_t second = platform::kInvalidSocket;
   EXPECT_EQ(prepare_http_socket(&second), 0);
   EXPECT_GT(service_port(), child_port);
-  platform::close_socket(second);
+  close_http_socket(second);
+}
+
+// Clients whose localhost resolves to ::1 first reach the service at once:
+// it listens on [::1] at the port it chose on 127.0.0.1, and the answers keep
+// 127.0.0.1 in LOCATION. A second service (another process) moves to the next
+// port on both addresses; its [::1] listener neither blocks nor takes the
+// first service's port.
+TEST_F(ListenerTest, AlsoListensOnIpv6LoopbackAtTheSamePort) {
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    platform::socket_t server = platform::kInvalidSocket;
+    int result = prepare_http_socket(&server) == 0 ? service_port() : 0;
+    (void)!::write(ready[1], &result, sizeof result);
+    if (result != 0) client_connection_handler(&server);
+    ::_exit(1);
+  }
+  struct Reaper {
+    pid_t pid;
+    ~Reaper() {
+      if (::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+    }
+  } reaper{child};
+  int first = 0;
+  ASSERT_EQ(::read(ready[0], &first, sizeof first), static_cast<ssize_t>(sizeof first));
+  ::close(ready[0]);
+  ::close(ready[1]);
+  ASSERT_NE(first, 0);
+  int second = start_server();
+  ASSERT_GT(second, first);
+  for (int p = first + 1; p < second; ++p) EXPECT_FALSE(port_bindable(p, true)) << p;
+  const std::string request = "RDSERVICE / HTTP/1.1\r\n\r\n";
+  EXPECT_EQ(round_trip6(first, request), discovery_answer(first));
+  EXPECT_EQ(round_trip6(second, request), discovery_answer(second));
+  EXPECT_EQ(round_trip(second, request), discovery_answer(second));
+  const std::string port_text = std::to_string(second);
+  EXPECT_TRUE(log_has("server", "prepare_http_socket",
+                      "....................Server Listening On [::1] And Port " + port_text + "..................."));
+
+  // A listener that is dropped gives both addresses back.
+  platform::socket_t third = platform::kInvalidSocket;
+  ASSERT_EQ(prepare_http_socket(&third), 0);
+  const int third_port = service_port();
+  EXPECT_GT(third_port, second);
+  ASSERT_NE(ipv6_companion_socket(third), platform::kInvalidSocket);
+  int probe = connect_to6(third_port);
+  EXPECT_GE(probe, 0);
+  ::close(probe);
+  close_http_socket(third);
+  EXPECT_EQ(ipv6_companion_socket(third), platform::kInvalidSocket);
+  EXPECT_EQ(connect_to6(third_port), -1);
+}
+
+// Another program on [::1] at the port the service chooses costs only the
+// IPv6 listener: the line says so and the service answers on 127.0.0.1.
+TEST_F(ListenerTest, TakenIpv6PortIsLoggedAndNotAnError) {
+  int expected = 11100;
+  while (expected < 11120 && !port_bindable(expected, true)) ++expected;
+  int holder = ::socket(AF_INET6, SOCK_STREAM, 0);
+  int one = 1;
+  ASSERT_EQ(::setsockopt(holder, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one), 0);
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_port = htons(static_cast<uint16_t>(expected));
+  addr.sin6_addr = in6addr_loopback;
+  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::listen(holder, 1), 0);
+
+  int port = start_server();
+  EXPECT_EQ(port, expected);
+  EXPECT_TRUE(log_has("server", "prepare_http_socket",
+                      "Not listening on [::1] port " + std::to_string(expected) +
+                          " (errno 98), serving 127.0.0.1 only"));
+  EXPECT_EQ(round_trip(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
+  ::close(holder);
 }
 
 // Each row is sent in pieces; the answer must start with the given bytes and

@@ -90,6 +90,54 @@ std::unique_ptr<BIGNUM, BnFree> modulus(const EVP_PKEY* key) {
   return std::unique_ptr<BIGNUM, BnFree>(n);
 }
 
+
+// Checks what tls-cert lays out in wd: a server pair that belongs together,
+// names localhost, 127.0.0.1 and ::1 (and nothing else), and chains to the
+// local CA of wd/cert/ssl/ca/; both keys readable by the owner only. Returns
+// the CA certificate's PEM text.
+std::string expect_local_tls(const std::string& wd) {
+  auto cert = load_cert(wd + "/cert/ssl/public.crt");
+  auto key = load_key(wd + "/cert/ssl/private.key");
+  auto ca = load_cert(wd + "/cert/ssl/ca/ca.crt");
+  auto ca_key = load_key(wd + "/cert/ssl/ca/ca.key");
+  EXPECT_NE(cert, nullptr);
+  EXPECT_NE(key, nullptr);
+  EXPECT_NE(ca, nullptr);
+  EXPECT_NE(ca_key, nullptr);
+  if (!cert || !key || !ca || !ca_key) return "";
+  EXPECT_EQ(X509_check_private_key(cert.get(), key.get()), 1);
+  EXPECT_EQ(X509_check_private_key(ca.get(), ca_key.get()), 1);
+  auto n_cert = modulus(X509_get0_pubkey(cert.get()));
+  auto n_key = modulus(key.get());
+  EXPECT_TRUE(n_cert && n_key && BN_cmp(n_cert.get(), n_key.get()) == 0);
+  const struct {
+    const char* name;
+    bool ip;
+    bool matches;
+  } names[] = {{"localhost", false, true}, {"127.0.0.1", true, true}, {"::1", true, true},
+               {"example.com", false, false}, {"127.0.0.2", true, false}, {"::2", true, false}};
+  for (const auto& n : names) {
+    int got = n.ip ? X509_check_ip_asc(cert.get(), n.name, 0) : X509_check_host(cert.get(), n.name, 0, 0, nullptr);
+    EXPECT_EQ(got == 1, n.matches) << n.name;
+  }
+  // The chain as a browser builds it: the CA as the only trust anchor, the
+  // server certificate for TLS servers, the CA's name constraints applied.
+  std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), X509_STORE_free);
+  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx(X509_STORE_CTX_new(), X509_STORE_CTX_free);
+  EXPECT_EQ(X509_STORE_add_cert(store.get(), ca.get()), 1);
+  EXPECT_EQ(X509_STORE_CTX_init(ctx.get(), store.get(), cert.get(), nullptr), 1);
+  X509_STORE_CTX_set_purpose(ctx.get(), X509_PURPOSE_SSL_SERVER);
+  EXPECT_EQ(X509_verify_cert(ctx.get()), 1) << X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));
+  EXPECT_EQ(X509_check_ca(ca.get()), 1);
+  EXPECT_EQ(X509_check_ca(cert.get()), 0);
+  for (const char* file : {"/cert/ssl/private.key", "/cert/ssl/ca/ca.key", "/cert/ssl/ca"}) {
+    struct stat st {};
+    EXPECT_EQ(stat((wd + file).c_str(), &st), 0) << file;
+    EXPECT_EQ(st.st_mode & 077, 0u) << file;
+  }
+  return read_file(wd + "/cert/ssl/ca/ca.crt");
+}
+
 class VexoctlTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -302,22 +350,7 @@ TEST_F(VexoctlTest, InitWorkdirWithTlsMakesAMatchingPair) {
   ASSERT_EQ(r.rc, 0) << r.out;
   EXPECT_EQ(read_file(wd + "/cert/server.crt"), given);
 
-  auto cert = load_cert(wd + "/cert/ssl/public.crt");
-  auto key = load_key(wd + "/cert/ssl/private.key");
-  ASSERT_NE(cert, nullptr);
-  ASSERT_NE(key, nullptr);
-  EXPECT_EQ(X509_check_private_key(cert.get(), key.get()), 1);
-  auto n_cert = modulus(X509_get0_pubkey(cert.get()));
-  auto n_key = modulus(key.get());
-  ASSERT_NE(n_cert, nullptr);
-  ASSERT_NE(n_key, nullptr);
-  EXPECT_EQ(BN_cmp(n_cert.get(), n_key.get()), 0);
-  EXPECT_EQ(X509_check_host(cert.get(), "localhost", 0, 0, nullptr), 1);
-  EXPECT_EQ(X509_check_ip_asc(cert.get(), "127.0.0.1", 0), 1);
-  EXPECT_EQ(X509_verify(cert.get(), key.get()), 1);
-  struct stat st {};
-  ASSERT_EQ(stat((wd + "/cert/ssl/private.key").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 077, 0u);
+  expect_local_tls(wd);
   ASSERT_EQ(read_config_in(wd), 0);
   EXPECT_EQ(rd_config_copy().ssl_enabled, 1);
 
@@ -326,6 +359,85 @@ TEST_F(VexoctlTest, InitWorkdirWithTlsMakesAMatchingPair) {
   EXPECT_EQ(run_tool(tool, {"init-workdir", dir_.file("other"), "--scanner", "Aratek_A600",
                             "--mgmt-url", kUrl, "--mgmt-ca", dir_.file("junk.crt")}).rc,
             1);
+}
+
+// tls-cert keeps the CA of an earlier run, so a browser that trusts it
+// accepts each new server certificate; without a CA key it makes a new CA.
+TEST_F(VexoctlTest, TlsCertKeepsItsCaAndSignsNewServerCerts) {
+  const std::string wd = dir_.file("tls");
+  ToolRun first = run_tool(kTool, {"tls-cert", wd});
+  ASSERT_EQ(first.rc, 0) << first.out;
+  const std::string ca = expect_local_tls(wd);
+  EXPECT_NE(first.out.find("made local CA \"Vexo local RD service CA "), std::string::npos) << first.out;
+  const std::string server = read_file(wd + "/cert/ssl/public.crt");
+
+  ToolRun second = run_tool(kTool, {"tls-cert", wd});
+  ASSERT_EQ(second.rc, 0) << second.out;
+  EXPECT_NE(second.out.find("kept local CA"), std::string::npos) << second.out;
+  EXPECT_EQ(expect_local_tls(wd), ca);
+  EXPECT_NE(read_file(wd + "/cert/ssl/public.crt"), server);
+
+  fs::remove(wd + "/cert/ssl/ca/ca.key");
+  ASSERT_EQ(run_tool(kTool, {"tls-cert", wd}).rc, 0);
+  EXPECT_NE(expect_local_tls(wd), ca);
+
+  // A CA key that does not belong to the CA certificate is refused.
+  write_file(wd + "/cert/ssl/ca/ca.key", read_file(wd + "/cert/ssl/private.key"));
+  ToolRun mismatched = run_tool(kTool, {"tls-cert", wd});
+  EXPECT_EQ(mismatched.rc, 1);
+  EXPECT_NE(mismatched.out.find("do not belong together"), std::string::npos) << mismatched.out;
+  EXPECT_EQ(run_tool(kTool, {"tls-cert"}).rc, 2);
+}
+
+// trust-tls puts the CA into the NSS database of $HOME (made when missing),
+// trusted for servers, under the name it prints; the printed command takes
+// it out again. HOME is a temporary folder: the user's database is untouched.
+TEST_F(VexoctlTest, TrustTlsAddsTheCaToTheUsersNssDatabase) {
+  if (::access("/usr/bin/certutil", X_OK) != 0) GTEST_SKIP() << "certutil (libnss3-tools) is not installed";
+  const std::string home = dir_.file("home");
+  fs::create_directories(home);
+  const char* old_home = std::getenv("HOME");
+  const std::string saved = old_home ? old_home : "";
+  setenv("HOME", home.c_str(), 1);
+  struct RestoreHome {
+    std::string value;
+    ~RestoreHome() { setenv("HOME", value.c_str(), 1); }
+  } restore{saved};
+  const std::string wd = dir_.file("tls");
+  ToolRun none = run_tool(kTool, {"trust-tls", wd});
+  EXPECT_EQ(none.rc, 1);
+  EXPECT_NE(none.out.find("run vexoctl tls-cert " + wd + " first"), std::string::npos) << none.out;
+  EXPECT_FALSE(fs::exists(home + "/.pki"));
+
+  ASSERT_EQ(run_tool(kTool, {"tls-cert", wd}).rc, 0);
+  // A Firefox profile with its own database, and a folder that is none.
+  const std::string profile = home + "/.mozilla/firefox/abcd1234.default-release";
+  fs::create_directories(profile);
+  fs::create_directories(home + "/.mozilla/firefox/Crash Reports");
+  ASSERT_EQ(run_tool("/usr/bin/certutil", {"-N", "-d", "sql:" + profile, "--empty-password"}).rc, 0);
+  ToolRun r = run_tool(kTool, {"trust-tls", wd});
+  ASSERT_EQ(r.rc, 0) << r.out;
+  auto ca = load_cert(wd + "/cert/ssl/ca/ca.crt");
+  ASSERT_NE(ca, nullptr);
+  char cn[256] = {};
+  ASSERT_GT(X509_NAME_get_text_by_NID(X509_get_subject_name(ca.get()), NID_commonName, cn, sizeof cn), 0);
+  const std::string db = "sql:" + home + "/.pki/nssdb";
+  EXPECT_NE(r.out.find("to remove it: certutil -D -d " + db + " -n \"" + std::string(cn) + "\""), std::string::npos)
+      << r.out;
+  EXPECT_TRUE(fs::exists(home + "/.pki/nssdb/cert9.db"));
+  ToolRun listed = run_tool("/usr/bin/certutil", {"-L", "-d", db});
+  EXPECT_NE(listed.out.find(std::string(cn)), std::string::npos) << listed.out;
+  EXPECT_NE(listed.out.find("C,,"), std::string::npos) << listed.out;
+  ToolRun in_profile = run_tool("/usr/bin/certutil", {"-L", "-d", "sql:" + profile});
+  EXPECT_NE(in_profile.out.find(std::string(cn)), std::string::npos) << in_profile.out;
+  EXPECT_FALSE(fs::exists(home + "/.mozilla/firefox/Crash Reports/cert9.db"));
+  // The same CA again is no error and no second entry.
+  ASSERT_EQ(run_tool(kTool, {"trust-tls", wd}).rc, 0) << r.out;
+  listed = run_tool("/usr/bin/certutil", {"-L", "-d", db});
+  EXPECT_EQ(listed.out.find(std::string(cn)), listed.out.rfind(std::string(cn))) << listed.out;
+
+  EXPECT_EQ(run_tool("/usr/bin/certutil", {"-D", "-d", db, "-n", cn}).rc, 0);
+  EXPECT_EQ(run_tool("/usr/bin/certutil", {"-L", "-d", db}).out.find(std::string(cn)), std::string::npos);
 }
 
 TEST_F(VexoctlTest, InitWorkdirWithoutRefDllFails) {

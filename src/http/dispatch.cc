@@ -5,6 +5,7 @@
 #include "http/dispatch.h"
 
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,8 +89,49 @@ void error_header(int code, std::string_view path, const char* origin, char* are
   frame_http_error_header(code, kHost, service_port(), p.c_str(), 0, origin, area + kRespHeaderOffset);
 }
 
-void answer_options(OriginKind kind, char* header) {
+bool equals_ignoring_case(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string_view trim_blanks(std::string_view v) {
+  while (!v.empty() && is_blank(v.front())) v.remove_prefix(1);
+  while (!v.empty() && (is_blank(v.back()) || v.back() == '\r')) v.remove_suffix(1);
+  return v;
+}
+
+// True when a header line of the request (before its blank line) is
+// "Access-Control-Request-Private-Network: true": a browser's pre-flight from a
+// public page asking whether this local service may be reached. The name is
+// matched without regard to case, as HTTP header names are.
+bool asks_private_network(std::string_view raw) {
+  std::size_t pos = raw.find('\n');
+  while (pos != std::string_view::npos) {
+    std::size_t start = pos + 1;
+    std::size_t end = raw.find('\n', start);
+    std::string_view line = raw.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+    if (trim_blanks(line).empty()) return false;  // the header ends at the blank line
+    std::size_t colon = line.find(':');
+    if (colon != std::string_view::npos &&
+        equals_ignoring_case(line.substr(0, colon), "Access-Control-Request-Private-Network") &&
+        trim_blanks(line.substr(colon + 1)) == "true") {
+      return true;
+    }
+    pos = end;
+  }
+  return false;
+}
+
+void answer_options(OriginKind kind, const char* raw, char* header) {
   RD_LOG_AS(kDispatchFn);
+  // Only a pre-flight that asks for it gets the private-network permission;
+  // every other answer keeps its bytes.
+  const char* private_network = asks_private_network(raw) ? "Access-Control-Allow-Private-Network: true\r\n" : "";
   if (kind == OriginKind::kAbsent) {
     // Ends after one line break, with no empty line: the answer has always been so.
     std::snprintf(header, kRespHeaderSize, "HTTP/1.1 405 \r\nContent-Length: 0%s\r\n", kCorsBlock);
@@ -98,11 +140,11 @@ void answer_options(OriginKind kind, char* header) {
                   "HTTP/1.1 200 OK\r\nACCESS-CONTROL-ALLOW-HEADERS: Content-Type\r\nACCESS-CONTROL-ALLOW-"
                   "METHODS: RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH\r\nACCESS-CONTROL-ALLOW-ORIGIN: "
                   "%s\r\nContent-Length: 0\r\nConnection: close\r\nContent-Type: text/xml; "
-                  "charset=utf-8\r\n\r\n",
-                  "*");
+                  "charset=utf-8\r\n%s\r\n",
+                  "*", private_network);
   } else {
-    std::snprintf(header, kRespHeaderSize, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: %s%s\r\n\r\n",
-                  "close", kCorsBlock);
+    std::snprintf(header, kRespHeaderSize, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: %s%s\r\n%s\r\n",
+                  "close", kCorsBlock, private_network);
   }
   RD_INFO("....................Options Successful...................");
 }
@@ -243,7 +285,7 @@ void dispatch_request(const char* raw, const RequestLine& line, OriginKind origi
     return;
   }
   if (verb == "OPTIONS") {
-    answer_options(origin_kind, area + kRespHeaderOffset);
+    answer_options(origin_kind, raw, area + kRespHeaderOffset);
   } else if (verb == "RDSERVICE") {
     answer_discovery(line, origin, area);
   } else if (verb == "CAPTURE") {

@@ -3,8 +3,11 @@
 
 #include <atomic>
 #include <exception>
+#include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "http/server.h"
 #include "http/work_area.h"
@@ -29,7 +32,65 @@ std::atomic<int> g_service_port{0};
 std::atomic<int> g_accept_wait_ms{kDefaultAcceptWaitMs};
 std::atomic<unsigned> g_accept_pause_ms{kAcceptPauseMs};
 
+// Each listening socket on 127.0.0.1 with its companion on [::1] (the same
+// port), so that the accept loop of either serves both.
+std::mutex g_companions_mu;
+std::vector<std::pair<platform::socket_t, platform::socket_t>> g_companions;
+
+void set_companion(platform::socket_t server, platform::socket_t server6) {
+  std::lock_guard<std::mutex> lock(g_companions_mu);
+  for (auto& entry : g_companions) {
+    if (entry.first == server) {
+      // A descriptor number used again after a close: the old entry is stale.
+      entry.second = server6;
+      return;
+    }
+  }
+  g_companions.emplace_back(server, server6);
+}
+
+// Listens on [::1] at port as well, for clients whose localhost resolves to
+// ::1 first. The socket, or kInvalidSocket (logged) when the system has no
+// IPv6 loopback or another program holds that port there; the service then
+// serves 127.0.0.1 alone.
+platform::socket_t listen_ipv6_loopback(int port) {
+  RD_LOG_AS("prepare_http_socket");
+  platform::UniqueSocket s(platform::tcp6_socket());
+  if (!s || platform::set_reuse_address(s.get()) != 0 ||
+      platform::bind_loopback6(s.get(), static_cast<std::uint16_t>(port)) != 0 ||
+      platform::listen_socket(s.get(), kListenBacklog) != 0) {
+    RD_INFO("Not listening on [::1] port %d (errno %d), serving 127.0.0.1 only", port, platform::last_error());
+    return platform::kInvalidSocket;
+  }
+  RD_INFO("....................Server Listening On [::1] And Port %d...................", port);
+  return s.release();
+}
+
 }  // namespace
+
+platform::socket_t ipv6_companion_socket(platform::socket_t server) {
+  std::lock_guard<std::mutex> lock(g_companions_mu);
+  for (const auto& entry : g_companions) {
+    if (entry.first == server) return entry.second;
+  }
+  return platform::kInvalidSocket;
+}
+
+void close_http_socket(platform::socket_t server) {
+  platform::socket_t server6 = platform::kInvalidSocket;
+  {
+    std::lock_guard<std::mutex> lock(g_companions_mu);
+    for (auto it = g_companions.begin(); it != g_companions.end(); ++it) {
+      if (it->first == server) {
+        server6 = it->second;
+        g_companions.erase(it);
+        break;
+      }
+    }
+  }
+  platform::close_socket(server6);
+  platform::close_socket(server);
+}
 
 int service_port() { return g_service_port.load(std::memory_order_relaxed); }
 
@@ -77,25 +138,28 @@ int prepare_http_socket(platform::socket_t* server) {
     RD_PIPE("5000", "Listen error\n");
     return -1;
   }
-  *server = s.release();
   g_service_port.store(port, std::memory_order_relaxed);
   RD_INFO("....................Server Listening On 127.0.0.1 And Port %d...................", port);
+  // The port is chosen on 127.0.0.1 alone; [::1] follows it or is left out.
+  set_companion(s.get(), listen_ipv6_loopback(port));
+  *server = s.release();
   return 0;
 }
 
 void* client_connection_handler(void* arg) {
-  const platform::socket_t server = *static_cast<platform::socket_t*>(arg);
+  const platform::socket_t listening[] = {*static_cast<platform::socket_t*>(arg),
+                                          ipv6_companion_socket(*static_cast<platform::socket_t*>(arg))};
   RD_INFO("...........................Waiting for connection.............................");
   for (;;) {
     // Nothing may end the loop: a failure costs at most the one connection.
     try {
-      int ready = platform::wait_readable(server, accept_wait_ms());
-      if (ready != 1) {
+      int ready = platform::wait_readable_any(listening, 2, accept_wait_ms());
+      if (ready < 0) {
         // A failing wait would otherwise spin the loop at full speed.
-        if (ready < 0) platform::sleep_ms(kAcceptPauseMs);
+        if (ready == -2) platform::sleep_ms(kAcceptPauseMs);
         continue;
       }
-      platform::UniqueSocket client(platform::accept_socket(server));
+      platform::UniqueSocket client(platform::accept_socket(listening[ready]));
       if (!client) {
         RD_ERROR("Accept Error");
         // Out of descriptors, accept fails at once every time: keep the log readable.

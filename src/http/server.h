@@ -14,10 +14,19 @@
 
 #include "platform/platform.h"
 
-// Binds and listens; *server receives the socket. 0; 1 socket layer not
-// started; -1 any other failure (no free port included).
+// Binds and listens on 127.0.0.1; *server receives the socket. 0; 1 socket
+// layer not started; -1 any other failure (no free port included). On
+// success it also listens on [::1] at the same port when it can (a failure
+// there is only logged); that companion socket belongs to *server.
 int prepare_http_socket(platform::socket_t* server);
-// The accept loop; never returns. arg points to the server socket.
+// The [::1] companion of a socket made by prepare_http_socket, or
+// kInvalidSocket when it has none.
+platform::socket_t ipv6_companion_socket(platform::socket_t server);
+// Closes server and its [::1] companion. The service never calls it (its
+// listener lives as long as the process); tests that drop a listener do.
+void close_http_socket(platform::socket_t server);
+// The accept loop, serving the server socket and its [::1] companion; never
+// returns. arg points to the server socket.
 void* client_connection_handler(void* arg);
 // Reads one request (header up to the blank line, then Content-Length bytes)
 // into buf (kRawReqSize bytes, zero-filled); all of it must arrive within

@@ -3,6 +3,9 @@
 #ifndef VEXO_PLATFORM_SOCKET_EXTRA_H
 #define VEXO_PLATFORM_SOCKET_EXTRA_H
 
+#include <cstddef>
+#include <cstdint>
+
 #include "platform/platform.h"
 
 namespace platform {
@@ -14,6 +17,17 @@ int set_nonblocking(socket_t s, bool on);
 // that another socket listens on is still refused. 0, or -1 with errno kept.
 // REQUIRES: s not yet bound.
 int set_reuse_address(socket_t s);
+
+// IPv6 stream socket that accepts IPv6 only (so it never claims an IPv4
+// port), or kInvalidSocket.
+socket_t tcp6_socket();
+// Binds s to [::1]:port. 0, or -1 with errno kept.
+int bind_loopback6(socket_t s, std::uint16_t port);
+
+// Waits until one of the count sockets is readable; sockets equal to
+// kInvalidSocket are skipped. The index of a ready socket (the lowest one),
+// -1 on a time-out, -2 on an error (errno kept).
+int wait_readable_any(const socket_t* sockets, std::size_t count, int timeout_ms);
 
 }  // namespace platform
 

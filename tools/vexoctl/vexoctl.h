@@ -10,6 +10,12 @@ using Args = std::vector<std::string>;
 
 int cmd_init_workdir(const Args& args);
 int cmd_demo_keystore(const Args& args);
+int cmd_tls_cert(const Args& args);
+int cmd_trust_tls(const Args& args);
+
+// Makes (or keeps) the local CA in dir/cert/ssl/ca/ and a new server
+// certificate signed by it in dir/cert/ssl/public.crt and private.key. 0 or 1.
+int lay_local_tls(const std::string& dir);
 
 // True when args ask for help ("--help" or "-h").
 bool wants_help(const Args& args);

@@ -107,7 +107,7 @@ int lay_mgmt_ca(const Options& o) {
   } else {
     std::string key;
     std::string error;
-    CertRequest req{"Vexo Management CA", true, {}, 3650};
+    CertRequest req{"Vexo Management CA", true, {}, 3650, ""};
     if (make_self_signed(req, &pem, &key, &error) != 0) return fail(error);
   }
   return write_text(o.dir + "/cert/server.crt", pem);
@@ -134,18 +134,6 @@ int lay_refdll(const Options& o) {
   }
   ::closedir(d);
   return rc;
-}
-
-// cert/ssl/public.crt and private.key: the local server's TLS pair.
-int lay_tls_pair(const Options& o) {
-  std::string cert;
-  std::string key;
-  std::string error;
-  CertRequest req{"localhost", false, {"DNS:localhost", "IP:127.0.0.1"}, 825};
-  if (make_self_signed(req, &cert, &key, &error) != 0) return fail(error);
-  if (platform::make_dirs(o.dir + "/cert/ssl") != 0) return fail("cannot create " + o.dir + "/cert/ssl");
-  if (write_text(o.dir + "/cert/ssl/private.key", key, 0600) != 0) return 1;
-  return write_text(o.dir + "/cert/ssl/public.crt", cert);
 }
 
 }  // namespace
@@ -212,7 +200,7 @@ int cmd_init_workdir(const Args& args) {
   // Without a keystore the service still starts and answers; only captures
   // fail until a key rotation has made one.
   if (lay_demo_keystore(o) != 0) std::fprintf(stderr, "vexoctl: warning: the working folder has no keystore\n");
-  if (o.tls && lay_tls_pair(o) != 0) return 1;
+  if (o.tls && lay_local_tls(o.dir) != 0) return 1;
   std::printf("working folder %s is ready for %s\n", o.dir.c_str(), o.scanner.c_str());
   return 0;
 }

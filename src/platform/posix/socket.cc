@@ -89,6 +89,57 @@ int set_nonblocking(socket_t s, bool on) {
   return ::fcntl(s, F_SETFL, wanted) == 0 ? 0 : -1;
 }
 
+socket_t tcp6_socket() {
+  int s = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (s < 0) return kInvalidSocket;
+  int one = 1;
+  if (::setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one) != 0) {
+    int saved = errno;
+    ::close(s);
+    errno = saved;
+    return kInvalidSocket;
+  }
+  return s;
+}
+
+int bind_loopback6(socket_t s, std::uint16_t port) {
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_port = htons(port);
+  addr.sin6_addr = in6addr_loopback;
+  return ::bind(s, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ? 0 : -1;
+}
+
+int wait_readable_any(const socket_t* sockets, std::size_t count, int timeout_ms) {
+  constexpr std::size_t kMaxSockets = 4;
+  pollfd p[kMaxSockets];
+  std::size_t index[kMaxSockets];
+  nfds_t n = 0;
+  for (std::size_t i = 0; i < count && n < kMaxSockets; ++i) {
+    if (sockets[i] < 0) continue;
+    p[n] = pollfd{sockets[i], POLLIN, 0};
+    index[n++] = i;
+  }
+  if (n == 0) {
+    errno = EBADF;
+    return -2;
+  }
+  for (;;) {
+    int r = ::poll(p, n, timeout_ms);
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 0) return -2;
+    if (r == 0) return -1;
+    for (nfds_t i = 0; i < n; ++i) {
+      if (p[i].revents & POLLNVAL) {
+        errno = EBADF;
+        return -2;
+      }
+      if (p[i].revents != 0) return static_cast<int>(index[i]);
+    }
+    return -1;
+  }
+}
+
 int set_reuse_address(socket_t s) {
   int one = 1;
   return ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0 ? 0 : -1;

@@ -1,0 +1,466 @@
+#!/usr/bin/python3
+"""The integrators' test page (web/) in headless Chromium against a real
+vexo-host, with the page served from another origin.
+
+  rd_browser_test.py --build DIR --source DIR CASE
+
+CASE is one of
+  http    page on http://127.0.0.1:P discovers the service over HTTP (beside a
+          hostile fake service whose texts must stay text), reads DeviceInfo,
+          captures with errCode 0 and decodes the answer;
+  https   page on https://localhost:P, service with IS_SSL_ENABLE=1; Chromium
+          trusts the local CA only through the NSS database of a temporary HOME
+          that vexoctl trust-tls filled (no flag that ignores certificate errors);
+  preflight  the page as a public site (address-space override) reaching the
+          local service over HTTPS: the browser's pre-flight as the service
+          received it and the answer as the browser saw it.
+
+Exit codes: 0 passed, 1 failed, 77 skipped (Chromium, chromedriver or
+python3-selenium not installed). A screenshot of the page goes to
+DIR/web-screenshots/CASE.png.
+"""
+import argparse
+import functools
+import http.server
+import json
+import os
+import re
+import shutil
+import socket
+import ssl
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+SKIP = 77
+CHROMIUM = "/usr/bin/chromium"
+CHROMEDRIVER = "/usr/bin/chromedriver"
+SCAN_TIMEOUT_MS = 1500
+# The fake service's hostile texts: inserted as HTML they would run script.
+HOSTILE_INFO = 'Fake <img src=x onerror="window.__vexo_pwned=1"> & <b>bold</b>'
+HOSTILE_ERRINFO = '<script>window.__vexo_pwned=2</script>Scanner "busy"'
+
+
+class Failure(Exception):
+    pass
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def log(message):
+    print(message, flush=True)
+
+
+# ------------------------------------------------------------ page servers
+
+class PageHandler(http.server.SimpleHTTPRequestHandler):
+    """Serves web/ and records every request line, so the test can show that
+    the page sends nothing back to its own origin but GETs of its files."""
+
+    requests = []
+
+    def log_message(self, fmt, *args):
+        PageHandler.requests.append(self.requestline)
+
+    def handle_one_request(self):
+        try:
+            super().handle_one_request()
+        except (ConnectionError, ssl.SSLError):
+            pass
+
+    def __getattr__(self, name):
+        # Any verb other than GET or HEAD is recorded and refused.
+        if name.startswith("do_"):
+            return self.refuse
+        raise AttributeError(name)
+
+    def refuse(self):
+        PageHandler.requests.append(self.requestline)
+        self.send_error(405)
+
+
+def serve_page(web_dir, tls_pair=None):
+    handler = functools.partial(PageHandler, directory=web_dir)
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
+    if tls_pair:
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(*tls_pair)
+        server.socket = context.wrap_socket(server.socket, server_side=True)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    return server, server.server_address[1]
+
+
+class FakeRdHandler(http.server.BaseHTTPRequestHandler):
+    """Another RD service on the machine whose texts carry markup."""
+
+    def log_message(self, fmt, *args):
+        pass
+
+    def answer(self, status, body, extra=()):
+        data = body.encode()
+        self.send_response(status)
+        self.send_header("Access-Control-Allow-Origin", "*")
+        for name, value in extra:
+            self.send_header(name, value)
+        self.send_header("Content-Type", "text/xml")
+        self.send_header("Content-Length", str(len(data)))
+        self.end_headers()
+        self.wfile.write(data)
+
+    def do_OPTIONS(self):
+        self.answer(200, "", [("Access-Control-Allow-Methods", "RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH"),
+                              ("Access-Control-Allow-Headers", "Content-Type")])
+
+    def do_RDSERVICE(self):
+        info = HOSTILE_INFO.replace("&", "&amp;").replace("<", "&lt;").replace('"', "&quot;")
+        self.answer(200, '<RDService status="READY" info="%s">\n'
+                         '\t<Interface id="CAPTURE" path="/rd/capture" />\n</RDService>\n' % info)
+
+    def do_CAPTURE(self):
+        length = int(self.headers.get("Content-Length", "0"))
+        self.rfile.read(length)
+        err = HOSTILE_ERRINFO.replace("&", "&amp;").replace("<", "&lt;").replace('"', "&quot;")
+        self.answer(200, '<PidData><Resp errCode="700" errInfo="%s" fCount="0"/></PidData>' % err)
+
+
+def serve_fake_rd(first_port, last_port):
+    for port in range(first_port, last_port + 1):
+        try:
+            server = http.server.ThreadingHTTPServer(("127.0.0.1", port), FakeRdHandler)
+        except OSError:
+            continue
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        return server, port
+    raise Failure("no free port for the fake service")
+
+
+# ----------------------------------------------------------- the service
+
+class Service:
+    """vexoctl lays out a working folder; vexo-host runs the service in it."""
+
+    def __init__(self, build, tmp, tls, scanner="Aratek_A600"):
+        self.build = build
+        self.workdir = os.path.join(tmp, "wd")
+        self.env = dict(os.environ, APPDATA=os.path.join(tmp, "appdata"), HOME=os.path.join(tmp, "home"))
+        os.makedirs(self.env["APPDATA"], exist_ok=True)
+        os.makedirs(self.env["HOME"], exist_ok=True)
+        args = [os.path.join(build, "vexoctl"), "init-workdir", self.workdir, "--scanner", scanner,
+                "--mgmt-url", "https://127.0.0.1:9/Zelm"]
+        if tls:
+            args.append("--tls")
+        self.vexoctl(args)
+        self.host = subprocess.Popen([os.path.join(build, "vexo-host"), "--workdir", self.workdir, scanner],
+                                     env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.output = []
+        threading.Thread(target=self._read, daemon=True).start()
+        deadline = time.time() + 20
+        while time.time() < deadline and not any("Start_RDservice returned" in l for l in self.output):
+            time.sleep(0.05)
+        started = [l for l in self.output if "Start_RDservice returned" in l]
+        check(started and started[0].strip().endswith("returned 0"), "the host did not start: %s" % self.output)
+        m = re.search(r"Server Listening On 127\.0\.0\.1 And Port (\d+)", self.rd_log())
+        check(m, "no port in rd.log")
+        self.port = int(m.group(1))
+
+    def vexoctl(self, args):
+        r = subprocess.run(args, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        check(r.returncode == 0, "%s failed: %s" % (" ".join(args[:2]), r.stdout))
+        return r.stdout
+
+    def _read(self):
+        for line in self.host.stdout:
+            self.output.append(line)
+
+    def rd_log(self):
+        with open(os.path.join(self.workdir, "rd.log"), errors="replace") as f:
+            return f.read()
+
+    def requests(self):
+        """The requests as the service logged them ("Request is:" lines)."""
+        return re.findall(r"Request is:\n(.*?)(?=\n\d{4}-\d\d-\d\d |\Z)", self.rd_log(), re.S)
+
+    def stop(self):
+        if self.host.poll() is None:
+            self.host.terminate()
+            try:
+                self.host.wait(10)
+            except subprocess.TimeoutExpired:
+                self.host.kill()
+                self.host.wait()
+
+
+# ----------------------------------------------------------- the browser
+
+def start_browser(tmp, home, extra_args=()):
+    from selenium import webdriver
+    from selenium.webdriver.chrome.service import Service as DriverService
+
+    options = webdriver.ChromeOptions()
+    options.binary_location = CHROMIUM
+    options.set_capability("goog:loggingPrefs", {"performance": "ALL", "browser": "ALL"})
+    args = ["--headless=new", "--disable-dev-shm-usage", "--window-size=1100,1500",
+            "--user-data-dir=" + os.path.join(tmp, "profile"), "--no-first-run"]
+    if os.geteuid() == 0:
+        # Chromium's sandbox refuses to run as root; this flag is about process
+        # isolation only and leaves certificate checking as it is.
+        args.append("--no-sandbox")
+    for a in list(args) + list(extra_args):
+        options.add_argument(a)
+    # Chromium reads its NSS database from $HOME/.pki/nssdb: a temporary HOME
+    # keeps the user's own database out of the test.
+    env = dict(os.environ, HOME=home)
+    service = DriverService(CHROMEDRIVER, env=env, log_path=os.path.join(tmp, "chromedriver.log"))
+    return webdriver.Chrome(service=service, options=options)
+
+
+def wait_text(driver, element_id, pattern, timeout=20):
+    deadline = time.time() + timeout
+    text = ""
+    while time.time() < deadline:
+        text = driver.find_element("id", element_id).text
+        if re.search(pattern, text):
+            return text
+        time.sleep(0.1)
+    raise Failure("#%s never matched %r; it reads %r" % (element_id, pattern, text))
+
+
+def field(driver, name):
+    cells = driver.find_elements("css selector", 'td[data-field="%s"]' % name)
+    return cells[0].text if cells else None
+
+
+def scan(driver, page_url, service_base):
+    driver.get(page_url + "/index.html?scan=1&timeout=%d" % SCAN_TIMEOUT_MS)
+    status = wait_text(driver, "scan-status", r"Scan done in [\d.]+ s")
+    seconds = float(re.search(r"in ([\d.]+) s", status).group(1))
+    log("scan: %s" % status)
+    rows = driver.find_elements("css selector", 'tr[data-base="%s"]' % service_base)
+    if not rows:
+        console = [e.get("message", "") for e in driver.get_log("browser") if "REFUSED" not in e.get("message", "")][:6]
+        raise Failure("%s not among the services found: %s; console: %s" % (service_base, status, console))
+    # A closed port fails at once and one that does not answer is given up
+    # after the time-out, so the whole scan stays within a few seconds.
+    check(seconds < SCAN_TIMEOUT_MS / 1000 + 3, "the scan took %.1f s" % seconds)
+    cells = [c.text for c in rows[0].find_elements("tag name", "td")]
+    check(cells[2] == "READY", "status %r" % cells[2])
+    check(re.fullmatch(r"Korvane RD service\(.+\) is running", cells[3]), "info %r" % cells[3])
+    rows[0].find_element("css selector", "input[type=radio]").click()
+    check(driver.find_element("id", "chosen").text == service_base, "the service was not chosen")
+    return cells
+
+
+def device_info_and_capture(driver, service, screenshot):
+    driver.find_element("id", "deviceinfo").click()
+    status = wait_text(driver, "answer-status", r"DEVICEINFO answered")
+    check("HTTP 200" in status, status)
+    dpid, mi = field(driver, "dpId"), field(driver, "mi")
+    check(dpid and mi and field(driver, "rdsId") and field(driver, "dc") is not None, "DeviceInfo not decoded")
+    log("DeviceInfo: dpId=%s mi=%s" % (dpid, mi))
+
+    # One finger, minutiae and image, through the PidOptions editor.
+    driver.find_element("css selector", '#opt-fType option[value="2"]').click()
+    fcount = driver.find_element("id", "opt-fCount")
+    fcount.clear()
+    fcount.send_keys("1")
+    pid_options = driver.find_element("id", "pidoptions").get_attribute("value")
+    check('fCount="1" fType="2"' in pid_options and 'env="P"' in pid_options, pid_options)
+    driver.find_element("id", "capture").click()
+    status = wait_text(driver, "answer-status", r"CAPTURE answered", timeout=40)
+    log("capture: %s" % status)
+    check("HTTP 200" in status and "errCode 0 (" in status, status)
+    check(field(driver, "errCode") == "0" and field(driver, "fCount") == "1", "Resp not decoded")
+    check(re.fullmatch(r"\d+", field(driver, "nmPoints") or ""), "nmPoints %r" % field(driver, "nmPoints"))
+    check(re.fullmatch(r"\d+", field(driver, "qScore") or ""), "qScore %r" % field(driver, "qScore"))
+    check(re.fullmatch(r"\d{8}", field(driver, "ci") or ""), "ci %r" % field(driver, "ci"))
+    check(field(driver, "DeviceInfo.dpId") == dpid, "DeviceInfo of the capture not decoded")
+    check("<PidData" in driver.find_element("id", "raw").text, "raw answer not shown")
+    driver.save_screenshot(screenshot)
+
+    # What the service received: the page's requests only, and no PidData
+    # went back anywhere (the page's own origin sees GETs only, checked apart).
+    verbs = [r.split(" ", 1)[0] for r in service.requests()]
+    check({"RDSERVICE", "DEVICEINFO", "CAPTURE"} <= set(verbs), "service saw %s" % verbs)
+    check(all("<PidData" not in r for r in service.requests()), "a PidData was sent to the service")
+
+
+def check_page_origin_saw_gets_only():
+    check(PageHandler.requests, "the page server saw nothing")
+    others = [r for r in PageHandler.requests if not r.startswith("GET ")]
+    check(not others, "the page sent %s to its own origin" % others)
+
+
+# --------------------------------------------------------------- the cases
+
+def case_http(args, tmp):
+    service = Service(args.build, tmp, tls=False)
+    fake, fake_port = serve_fake_rd(service.port + 1, 11120)
+    page, page_port = serve_page(os.path.join(args.source, "web"))
+    driver = start_browser(tmp, service.env["HOME"])
+    try:
+        scan(driver, "http://127.0.0.1:%d" % page_port, "http://127.0.0.1:%d" % service.port)
+        # The fake service's markup is shown as text and never runs.
+        fake_rows = driver.find_elements("css selector", 'tr[data-base="http://127.0.0.1:%d"]' % fake_port)
+        check(fake_rows, "the fake service was not found")
+        check(fake_rows[0].find_elements("tag name", "td")[3].text == HOSTILE_INFO, "info not shown as text")
+        check(not driver.find_elements("css selector", "#services img, #services b"), "markup was inserted")
+        device_info_and_capture(driver, service, os.path.join(args.shots, "http.png"))
+
+        fake_rows[0].find_element("css selector", "input[type=radio]").click()
+        driver.find_element("id", "capture").click()
+        wait_text(driver, "answer-status", r"CAPTURE answered.*errCode 700")
+        check(field(driver, "errInfo") == HOSTILE_ERRINFO, "errInfo %r" % field(driver, "errInfo"))
+        check(not driver.find_elements("css selector", "#decoded script"), "markup was inserted")
+        check(driver.execute_script("return window.__vexo_pwned === undefined"), "a service's text ran as script")
+        check_page_origin_saw_gets_only()
+    finally:
+        driver.quit()
+        page.shutdown()
+        fake.shutdown()
+        service.stop()
+
+
+def https_setup(args, tmp, extra_browser_args_for_port=None):
+    if shutil.which("certutil") is None:
+        raise Failure("certutil (libnss3-tools) is not installed")
+    service = Service(args.build, tmp, tls=True)
+    ssl_dir = os.path.join(service.workdir, "cert", "ssl")
+    out = service.vexoctl([os.path.join(args.build, "vexoctl"), "trust-tls", service.workdir])
+    log(out.strip())
+    page, page_port = serve_page(os.path.join(args.source, "web"),
+                                 (os.path.join(ssl_dir, "public.crt"), os.path.join(ssl_dir, "private.key")))
+    extra = extra_browser_args_for_port(page_port) if extra_browser_args_for_port else []
+    driver = start_browser(tmp, service.env["HOME"], extra)
+    return service, page, page_port, driver
+
+
+def case_https(args, tmp):
+    service, page, page_port, driver = https_setup(args, tmp)
+    try:
+        page_url = "https://localhost:%d" % page_port
+        driver.get(page_url + "/index.html")
+        check(driver.execute_script("return window.isSecureContext && location.protocol") == "https:",
+              "the page did not load over trusted HTTPS")
+        scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
+        check(not driver.find_elements("css selector", 'tr[data-base="http://127.0.0.1:%d"]' % service.port),
+              "an HTTPS service was listed as HTTP")
+        device_info_and_capture(driver, service, os.path.join(args.shots, "https.png"))
+        check_page_origin_saw_gets_only()
+
+        # The same page for a browser whose NSS database lacks the local CA:
+        # it refuses the certificate, so the trust above came from that entry.
+        untrusting_home = os.path.join(tmp, "untrusting-home")
+        os.makedirs(untrusting_home)
+        os.makedirs(os.path.join(tmp, "untrusting"))
+        other = start_browser(os.path.join(tmp, "untrusting"), untrusting_home)
+        try:
+            other.get(page_url + "/index.html")
+            check(not other.find_elements("id", "scan"), "an untrusting browser showed the page")
+        finally:
+            other.quit()
+    finally:
+        driver.quit()
+        page.shutdown()
+        service.stop()
+
+
+def preflights_seen(driver, service_base):
+    """Pre-flights to service_base that got an answer, as the browser's
+    network stack reported them: [(request headers, security state of the
+    page, answer headers)], header names in lower case."""
+    preflights, extra, answers = set(), {}, {}
+    for entry in driver.get_log("performance"):
+        m = json.loads(entry["message"])["message"]
+        p = m["params"]
+        if m["method"] == "Network.requestWillBeSent":
+            if p.get("initiator", {}).get("type") == "preflight" and p["request"]["url"].startswith(service_base):
+                preflights.add(p["requestId"])
+        elif m["method"] == "Network.requestWillBeSentExtraInfo":
+            extra[p["requestId"]] = p
+        elif m["method"] == "Network.responseReceived":
+            answers[p["requestId"]] = p["response"].get("headers", {})
+    lower = lambda headers: {k.lower(): v for k, v in headers.items()}
+    return [(lower(extra.get(r, {}).get("headers", {})), extra.get(r, {}).get("clientSecurityState", {}),
+             lower(answers[r])) for r in preflights if r in answers]
+
+
+def case_preflight(args, tmp):
+    # The page's own address counts as public, so its calls to the loopback
+    # service are private-network requests that the browser checks first.
+    service, page, page_port, driver = https_setup(
+        args, tmp, lambda port: ["--ip-address-space-overrides=127.0.0.1:%d=public" % port])
+    try:
+        page_url = "https://localhost:%d" % page_port
+        driver.execute_cdp_cmd("Network.enable", {})
+        # Newer Chromium asks the user before a public page may reach local
+        # addresses; the test gives that permission as a user would.
+        for permission in ("local-network-access", "loopback-network", "local-network"):
+            try:
+                driver.execute_cdp_cmd("Browser.setPermission", {"origin": page_url, "permission": {"name": permission},
+                                                                 "setting": "granted"})
+            except Exception as e:  # an older Chromium does not know the name
+                log("permission %s not known: %s" % (permission, str(e).splitlines()[0]))
+        scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
+        driver.save_screenshot(os.path.join(args.shots, "preflight.png"))
+        seen = preflights_seen(driver, "https://127.0.0.1:%d/" % service.port)
+        check(seen, "the browser saw no answered pre-flight to the service")
+        options = [r for r in service.requests() if r.startswith("OPTIONS ")]
+        check(options, "the service received no OPTIONS")
+        for request, security, answer in seen:
+            log("pre-flight from a %s page: %s -> %s" % (security.get("initiatorIPAddressSpace"),
+                json.dumps(request, sort_keys=True), json.dumps(answer, sort_keys=True)))
+            check(security.get("initiatorIPAddressSpace") == "Public", "the page did not count as public")
+            check(request.get("access-control-request-method") == "RDSERVICE", "request %s" % request)
+            check(answer.get("access-control-allow-origin") == "*", "answer %s" % answer)
+            check("RDSERVICE" in answer.get("access-control-allow-methods", ""), "answer %s" % answer)
+            if request.get("access-control-request-private-network") == "true":
+                check(answer.get("access-control-allow-private-network") == "true",
+                      "private network asked for but not granted: %s" % answer)
+            else:
+                check("access-control-allow-private-network" not in answer, "granted unasked: %s" % answer)
+        asked = [r for r, _, _ in seen if r.get("access-control-request-private-network") == "true"]
+        log("pre-flights asking for the private network: %d of %d (%s)" % (
+            len(asked), len(seen), driver.capabilities.get("browserVersion")))
+    finally:
+        driver.quit()
+        page.shutdown()
+        service.stop()
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", required=True)
+    parser.add_argument("--source", required=True)
+    parser.add_argument("case", choices=["http", "https", "preflight"])
+    args = parser.parse_args()
+    try:
+        import selenium  # noqa: F401
+    except ImportError:
+        print("SKIP: python3-selenium is not installed (scripts/install-deps.sh installs it)")
+        return SKIP
+    for program in (CHROMIUM, CHROMEDRIVER):
+        if not os.access(program, os.X_OK):
+            print("SKIP: %s is not installed (scripts/install-deps.sh installs it)" % program)
+            return SKIP
+    args.shots = os.path.join(args.build, "web-screenshots")
+    os.makedirs(args.shots, exist_ok=True)
+    tmp = tempfile.mkdtemp(prefix="vexo-browser-")
+    started = time.time()
+    try:
+        {"http": case_http, "https": case_https, "preflight": case_preflight}[args.case](args, tmp)
+    except Failure as e:
+        print("FAILED: %s" % e)
+        return 1
+    finally:
+        shutil.rmtree(tmp, ignore_errors=True)
+    print("PASSED %s in %.1f s" % (args.case, time.time() - started))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
