@@ -33,13 +33,13 @@ fi
 cp -f build/RefDll/*.so "$workdir/RefDll/"
 
 # The integrators' test page (web/) on a second local port, from another origin
-# than the service; it stops when this script (or the host it becomes) ends.
+# than the service; it is stopped together with the host.
 web_port=$(python3 -c 'import socket
 for p in range(8000, 8100):
     try: socket.create_server(("127.0.0.1", p)).close(); print(p); break
     except OSError: pass')
-( python3 -m http.server "$web_port" --bind 127.0.0.1 --directory web >/dev/null 2>&1 & server=$!
-  while kill -0 $$ 2>/dev/null; do sleep 1; done; kill "$server" ) &
+python3 -m http.server "$web_port" --bind 127.0.0.1 --directory web >/dev/null 2>&1 &
+web_pid=$!
 echo "Test page: http://127.0.0.1:$web_port/ (open it in a browser and press Scan)"
 
 if [ "$offline" = 1 ]; then
@@ -47,6 +47,8 @@ if [ "$offline" = 1 ]; then
   # is part of the key's password), so it is made again after every build.
   build/vexoctl demo-keystore "$workdir" --scanner "$scanner" || echo "warning: no demonstration keystore; captures will answer 999"
   echo "Starting vexo-host in $workdir without a Management server (Ctrl-C stops it)."
+  # The host takes this shell's process id; the page server ends with it.
+  ( while kill -0 $$ 2>/dev/null; do sleep 1; done; kill "$web_pid" 2>/dev/null ) &
   exec build/vexo-host --workdir "$workdir" --no-mgmt "$@" "$scanner"
 fi
 
@@ -66,7 +68,7 @@ server_pid=""
 host_pid=""
 stop_both() {
   trap - EXIT INT TERM
-  for pid in $host_pid $server_pid; do kill "$pid" 2>/dev/null || true; done
+  for pid in $host_pid $server_pid $web_pid; do kill "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
 }
 trap stop_both EXIT

@@ -11,12 +11,13 @@ cd "$(dirname "$0")"
 ./scripts/install-deps.sh
 
 jobs=$(nproc)
-# run_suite DIR [CMAKE OPTIONS...]; CTEST_FILTER (a -R pattern) narrows the run.
+# run_suite DIR [CMAKE OPTIONS...]; CTEST_FILTER (a -R pattern) and
+# CTEST_EXCLUDE (an -E pattern) narrow the run.
 run_suite() {
   local dir=$1; shift
   cmake -S . -B "$dir" -DVEXO_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
-  (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs" ${CTEST_FILTER:+-R "$CTEST_FILTER"})
+  (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs" ${CTEST_FILTER:+-R "$CTEST_FILTER"} ${CTEST_EXCLUDE:+-E "$CTEST_EXCLUDE"})
 }
 
 echo "== normal build (GCC, Release) =="
@@ -35,8 +36,10 @@ CC=clang CXX=clang++ run_suite build-clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DV
 echo "== ThreadSanitizer build (the tests with threads) =="
 (
   export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+  # The memory bound of waiting connections is measured in the other builds:
+  # ThreadSanitizer's shadow memory would count against it here.
   CTEST_FILTER='^(Listener|Dispatch|LogTest|Lock|Tls|CaptureEndToEnd|ManagementEndToEnd|PostAuth|ApiTest)' \
-    run_suite build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF -DVEXO_TSAN=ON
+    CTEST_EXCLUDE='^ListenerMemoryTest' run_suite build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_SANITIZE=OFF -DVEXO_TSAN=ON
 )
 
 echo "== fuzzing (15 s per target) =="
