@@ -142,7 +142,8 @@ def serve_fake_rd(first_port, last_port):
 # ----------------------------------------------------------- the service
 
 class Service:
-    """vexoctl lays out a working folder; vexo-host runs the service in it."""
+    """vexoctl lays out a working folder; vexo-host runs the service in it,
+    without a Management server (a failed Init would leave the service USED)."""
 
     def __init__(self, build, tmp, tls, scanner="Aratek_A600"):
         self.build = build
@@ -155,7 +156,7 @@ class Service:
         if tls:
             args.append("--tls")
         self.vexoctl(args)
-        self.host = subprocess.Popen([os.path.join(build, "vexo-host"), "--workdir", self.workdir, scanner],
+        self.host = subprocess.Popen([os.path.join(build, "vexo-host"), "--workdir", self.workdir, "--no-mgmt", scanner],
                                      env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.output = []
         threading.Thread(target=self._read, daemon=True).start()
