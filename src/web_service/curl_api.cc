@@ -91,6 +91,22 @@ bool set_option(const char* caller, CURL* curl, CURLoption option, T value, cons
   return false;
 }
 
+// The options every exchange with the server starts with: the debug level,
+// the URL and the proxy, tunnelled.
+bool set_endpoint_options(const char* caller, CURL* c, const RdConfig& config, const std::string& url) {
+  if (config.verbose > 1 && !set_option(caller, c, CURLOPT_VERBOSE, 1L, "Error in Curl CURLOPT_VERBOSE")) return false;
+  return set_option(caller, c, CURLOPT_URL, url.c_str(), "Error in Curl CURLOPT_URL") &&
+         set_option(caller, c, CURLOPT_PROXY, config.proxy_url.c_str(), "Error in Curl CURLOPT_PROXY") &&
+         set_option(caller, c, CURLOPT_HTTPPROXYTUNNEL, 1L, "Error in Curl CURLOPT_HTTPPROXYTUNNEL");
+}
+
+// The server is checked against the pinned CA file, by name and chain.
+bool set_ca_options(const char* caller, CURL* c) {
+  return set_option(caller, c, CURLOPT_CAINFO, kZelmCaFile, "Error in Curl CURLOPT_CAINFO") &&
+         set_option(caller, c, CURLOPT_SSL_VERIFYHOST, 2L, "Error in Curl CURLOPT_SSL_VERIFYHOST") &&
+         set_option(caller, c, CURLOPT_SSL_VERIFYPEER, 1L, "Error in Curl CURLOPT_SSL_VERIFYPEER");
+}
+
 bool uses_tls(const RdConfig& config) { return config.mgmt_url_register.find("https://") != std::string::npos; }
 
 // The pinned CA file, checked before any connection is made. 0, -15 or -16.
@@ -188,12 +204,7 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   char error_text[CURL_ERROR_SIZE] = {};
   CURL* c = curl.get();
   const char* fn = "sendData2Zelm";
-  if (config.verbose > 1 && !set_option(fn, c, CURLOPT_VERBOSE, 1L, "Error in Curl CURLOPT_VERBOSE")) return -1;
-  if (!set_option(fn, c, CURLOPT_URL, url.c_str(), "Error in Curl CURLOPT_URL") ||
-      !set_option(fn, c, CURLOPT_PROXY, config.proxy_url.c_str(), "Error in Curl CURLOPT_PROXY") ||
-      !set_option(fn, c, CURLOPT_HTTPPROXYTUNNEL, 1L, "Error in Curl CURLOPT_HTTPPROXYTUNNEL")) {
-    return -1;
-  }
+  if (!set_endpoint_options(fn, c, config, url)) return -1;
   if (!config.proxy_username.empty() &&
       !set_option(fn, c, CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(), "Error in Curl CURLOPT_PROXYUSERNAME")) {
     return -1;
@@ -214,11 +225,7 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   if (uses_tls(config)) {
     RD_INFO("Communication is Happening through HTTPs");
     if (const int pin = check_ca_file(); pin != 0) return pin;
-    if (!set_option(fn, c, CURLOPT_CAINFO, kZelmCaFile, "Error in Curl CURLOPT_CAINFO") ||
-        !set_option(fn, c, CURLOPT_SSL_VERIFYHOST, 2L, "Error in Curl CURLOPT_SSL_VERIFYHOST") ||
-        !set_option(fn, c, CURLOPT_SSL_VERIFYPEER, 1L, "Error in Curl CURLOPT_SSL_VERIFYPEER")) {
-      return -1;
-    }
+    if (!set_ca_options(fn, c)) return -1;
   } else {
     RD_INFO("Communication is Happening through HTTP");
   }
@@ -260,19 +267,11 @@ int GetDataFromZelm(const std::string& url, const void* /*unused*/, std::string*
   char error_text[CURL_ERROR_SIZE] = {};
   CURL* c = curl.get();
   const char* fn = "GetDataFromZelm";
-  if (config.verbose > 1 && !set_option(fn, c, CURLOPT_VERBOSE, 1L, "Error in Curl CURLOPT_VERBOSE")) return -1;
-  if (!set_option(fn, c, CURLOPT_URL, url.c_str(), "Error in Curl CURLOPT_URL") ||
-      !set_option(fn, c, CURLOPT_PROXY, config.proxy_url.c_str(), "Error in Curl CURLOPT_PROXY") ||
-      !set_option(fn, c, CURLOPT_HTTPPROXYTUNNEL, 1L, "Error in Curl CURLOPT_HTTPPROXYTUNNEL") ||
+  if (!set_endpoint_options(fn, c, config, url) ||
       !set_option(fn, c, CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER")) {
     return -1;
   }
-  if (uses_tls(config) &&
-      (!set_option(fn, c, CURLOPT_CAINFO, kZelmCaFile, "Error in Curl CURLOPT_CAINFO") ||
-       !set_option(fn, c, CURLOPT_SSL_VERIFYHOST, 2L, "Error in Curl CURLOPT_SSL_VERIFYHOST") ||
-       !set_option(fn, c, CURLOPT_SSL_VERIFYPEER, 1L, "Error in Curl CURLOPT_SSL_VERIFYPEER"))) {
-    return -1;
-  }
+  if (uses_tls(config) && !set_ca_options(fn, c)) return -1;
   if (!set_option(fn, c, CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION") ||
       !set_option(fn, c, CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option") ||
       !set_option(fn, c, CURLOPT_CONNECTTIMEOUT, kZelmConnectTimeoutSeconds,
