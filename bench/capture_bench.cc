@@ -29,9 +29,9 @@
 #include <thread>
 #include <vector>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <string>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "mgmt_core/download.h"
 
 int main(int argc, char** argv) {

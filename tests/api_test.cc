@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "http/work_area.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/work_area.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "platform/platform.h"
 #include "rd_core/api.h"
 #include "semaphore/semaphore_syc.h"

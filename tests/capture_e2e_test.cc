@@ -19,11 +19,11 @@
 #include <memory>
 
 #include "auth.pb-c.h"
-#include "http/work_area.h"
+#include "common/work_area.h"
 #include "init/init.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "init/config.h"
 #include "init/file_crc.h"
 #include "jp2_test_util.h"

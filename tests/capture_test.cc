@@ -18,9 +18,9 @@
 #include <gtest/gtest.h>
 
 #include "auth.pb-c.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "jp2_test_util.h"
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/hash.h"

@@ -17,8 +17,8 @@
 
 #include "init/config.h"
 #include "init/file_crc.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"

@@ -14,7 +14,7 @@
 #include <string>
 
 #include "init/config.h"
-#include "init/rd_config.h"
+#include "common/rd_config.h"
 #include "mgmt_core/download.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/keystore.h"

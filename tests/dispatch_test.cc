@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "front_test_util.h"
-#include "init/rd_status.h"
+#include "common/rd_status.h"
 #include "semaphore/semaphore_syc.h"
 
 using namespace fronttest;

@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "http/server.h"
-#include "http/work_area.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/work_area.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "test_util.h"
 
 namespace fronttest {

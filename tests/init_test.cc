@@ -12,12 +12,12 @@
 #include <regex>
 #include <thread>
 
-#include "http/work_area.h"
+#include "common/work_area.h"
 #include "init/init.h"
 #include "mgmt_core/keystore.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"

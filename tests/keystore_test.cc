@@ -20,14 +20,14 @@
 
 #include <gtest/gtest.h>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
 #include "rd_core/aes.h"
 #include "semaphore/semaphore_syc.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 #include "test_util.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"

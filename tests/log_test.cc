@@ -12,8 +12,8 @@
 #include <regex>
 #include <thread>
 
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "platform/platform.h"
 #include "test_util.h"
 #include "vexo.h"

@@ -19,8 +19,8 @@
 #include <thread>
 #include <vector>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/download.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_server_util.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "rds_hash.h"
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "test_util.h"
 #include "web_service/json/json_frame_parse.h"
 

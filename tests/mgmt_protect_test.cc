@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "rds_hash.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 #include "test_util.h"
 
 namespace {

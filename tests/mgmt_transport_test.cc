@@ -16,8 +16,8 @@
 #include <string>
 #include <thread>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_server_util.h"
 #include "rds_hash.h"
 #include "test_util.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "rd_core/xml_parse.h"
 #include "test_util.h"
 

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "front_test_util.h"
-#include "init/rd_status.h"
+#include "common/rd_status.h"
 #include "platform/platform.h"
 #include "postauth/PostAuth_xml_parse.h"
 #include "postauth/postauth.h"

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 #include "rd_core/scanner.h"
 #include "sim_codes.h"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "init/rd_config.h"
+#include "common/rd_config.h"
 #include "mgmt_core/hash.h"
 
 #include <openssl/pem.h>

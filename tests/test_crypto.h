@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "rd_core/uidai_certs.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace testcrypto {
 

@@ -15,7 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 #include "vexo.h"
 

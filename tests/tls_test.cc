@@ -15,7 +15,7 @@
 
 #include "front_test_util.h"
 #include "http/request_reader.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 #include "ssl/sslCommunication.h"
 
 using namespace fronttest;

@@ -18,10 +18,10 @@
 
 #include "init/config.h"
 #include "init/file_crc.h"
-#include "init/rd_config.h"
+#include "common/rd_config.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 #include "rd_core/uidai_certs.h"
 #include "test_util.h"
 

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <memory>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
-#include "ssl/openssl_ptr.h"
-#include "ssl/secret.h"
+#include "common/openssl_ptr.h"
+#include "common/secret.h"
 
 namespace {
 

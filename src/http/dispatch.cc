@@ -14,11 +14,11 @@
 #include <string>
 
 #include "http/server.h"
-#include "http/work_area.h"
-#include "init/rd_codes.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/work_area.h"
+#include "common/rd_codes.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "postauth/postauth.h"
 #include "rd_core/api.h"
 #include "semaphore/device_lock.h"

@@ -5,9 +5,9 @@
 #include <string>
 
 #include "http/server.h"
-#include "http/work_area.h"
-#include "init/rd_config.h"
-#include "init/rd_status.h"
+#include "common/work_area.h"
+#include "common/rd_config.h"
+#include "common/rd_status.h"
 
 namespace {
 

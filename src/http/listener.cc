@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "http/server.h"
-#include "http/work_area.h"
-#include "init/rd_log.h"
+#include "common/work_area.h"
+#include "common/rd_log.h"
 #include "platform/socket_extra.h"
 #include "platform/unique_handle.h"
 

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "http/work_area.h"
-#include "init/rd_log.h"
+#include "common/work_area.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 
 namespace {

@@ -5,5 +5,4 @@ list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/dispatch.cc
   ${CMAKE_CURRENT_LIST_DIR}/http_frame.cc
   ${CMAKE_CURRENT_LIST_DIR}/request_reader.cc
-  ${CMAKE_CURRENT_LIST_DIR}/work_area.cc
 )

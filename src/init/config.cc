@@ -8,9 +8,9 @@
 
 #include "init/config_dict.h"
 #include "init/file_crc.h"
-#include "init/rd_codes.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_codes.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 #include "mgmt_core/Base64.h"
 #include "rd_core/aes.h"

@@ -9,12 +9,12 @@
 #include "init/config.h"
 #include "init/config_dict.h"
 #include "init/file_crc.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
 #include "rd_core/aes.h"
-#include "ssl/secret.h"
+#include "common/secret.h"
 #include "vexo.h"
 
 namespace {

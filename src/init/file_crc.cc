@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 
 namespace {

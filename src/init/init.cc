@@ -7,12 +7,12 @@
 #include <thread>
 
 #include "http/server.h"
-#include "http/work_area.h"
+#include "common/work_area.h"
 #include "init/config.h"
-#include "init/rd_codes.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_codes.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_core/mgmt_api.h"
 #include "platform/platform.h"

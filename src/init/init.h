@@ -9,7 +9,7 @@
 
 #include <string>
 
-#include "init/rd_codes.h"
+#include "common/rd_codes.h"
 
 // One row of the maker's table: the identifiers a scanner model reports.
 struct ScannerModel {

@@ -5,7 +5,7 @@
 #include <cctype>
 #include <thread>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "mgmt_core/hash.h"
 #include "platform/platform.h"
 

@@ -10,8 +10,8 @@
 #include <mutex>
 #include <new>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/download.h"
 #include "mgmt_core/hash.h"
 #include "platform/platform.h"

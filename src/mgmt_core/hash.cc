@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 

@@ -3,14 +3,14 @@
 
 #include <cstring>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_core/keystore_internal.h"
 #include "mgmt_core/mgmt_api.h"
 #include "platform/platform.h"
-#include "ssl/secret.h"
+#include "common/secret.h"
 #include "rd_core/aes.h"
 #include "semaphore/semaphore_syc.h"
 

@@ -12,12 +12,12 @@
 #include <cstdlib>
 #include <memory>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
-#include "ssl/secret.h"
-#include "ssl/openssl_ptr.h"
+#include "common/secret.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 

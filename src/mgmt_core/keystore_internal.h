@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ssl/secret.h"
+#include "common/secret.h"
 
 namespace keystore_detail {
 

@@ -11,13 +11,13 @@
 #include <new>
 #include <span>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_core/keystore_internal.h"
 #include "platform/platform.h"
-#include "ssl/secret.h"
+#include "common/secret.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 
 #include "init/config.h"
 #include "init/file_crc.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/download.h"
 #include "mgmt_core/hash.h"

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <memory>
 
-#include "init/rd_codes.h"
-#include "init/rd_log.h"
+#include "common/rd_codes.h"
+#include "common/rd_log.h"
 
 namespace {
 

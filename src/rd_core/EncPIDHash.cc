@@ -4,12 +4,12 @@
 #include <cstring>
 #include <memory>
 
-#include "init/rd_codes.h"
-#include "init/rd_log.h"
+#include "common/rd_codes.h"
+#include "common/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/hash.h"
 #include "rd_core/pid_crypto.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 

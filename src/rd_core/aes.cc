@@ -5,7 +5,7 @@
 #include <climits>
 #include <memory>
 
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 

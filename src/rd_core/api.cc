@@ -8,11 +8,11 @@
 #include <span>
 #include <string>
 
-#include "http/work_area.h"
-#include "init/rd_codes.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/work_area.h"
+#include "common/rd_codes.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
 #include "postauth/postauth.h"

@@ -1,15 +1,15 @@
 #include <openssl/crypto.h>
 
-#include "init/rd_codes.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_codes.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/keystore.h"
 #include "rd_core/dig_sign.h"
 #include "rd_core/pid_crypto.h"
-#include "ssl/secret.h"
+#include "common/secret.h"
 
 int Generate_dih(std::string* dih_text) {
   dih_text->clear();

@@ -6,8 +6,8 @@
 
 #include <climits>
 
-#include "init/rd_log.h"
-#include "ssl/openssl_ptr.h"
+#include "common/rd_log.h"
+#include "common/openssl_ptr.h"
 
 int make_keys(std::string_view private_key_pem, PkeyPtr* key) {
   if (key == nullptr) {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 // Reads the RSA private key in private_key_pem (PKCS#8 or PKCS#1 PEM) into
 // *key, freeing any key it held. 0, or -1 with *key empty.

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <memory>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 
 namespace {
 

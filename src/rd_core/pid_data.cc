@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "init/rd_codes.h"
-#include "init/rd_log.h"
+#include "common/rd_codes.h"
+#include "common/rd_log.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <memory>
 #include <new>
 
-#include "init/rd_codes.h"
-#include "init/rd_log.h"
-#include "ssl/secret.h"
+#include "common/rd_codes.h"
+#include "common/rd_log.h"
+#include "common/secret.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/pid_input.h"
 #include "rd_core/pidblock_A600.h"

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <new>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
 #include "rd_core/opj_compress.h"

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "auth.pb-c.h"
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 
 namespace {
 

@@ -10,15 +10,15 @@
 #include <memory>
 #include <sstream>
 
-#include "init/rd_codes.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_codes.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "mgmt_core/hash.h"
 #include "mgmt_core/mgmt_api.h"
 #include "rd_core/dig_sign.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/uidai_certs.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 

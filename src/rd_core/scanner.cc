@@ -8,8 +8,8 @@
 #include <mutex>
 #include <new>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 
 namespace {

@@ -1,8 +1,8 @@
 #include <cstring>
 #include <vector>
 
-#include "init/rd_codes.h"
-#include "init/rd_log.h"
+#include "common/rd_codes.h"
+#include "common/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
 #include "rd_core/pid_crypto.h"

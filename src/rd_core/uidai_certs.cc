@@ -7,7 +7,7 @@
 #include <map>
 #include <mutex>
 
-#include "init/rd_config.h"
+#include "common/rd_config.h"
 #include "mgmt_core/hash.h"
 #include "platform/platform.h"
 

@@ -14,9 +14,9 @@
 #include <mutex>
 #include <string>
 
-#include "init/rd_codes.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_codes.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // host that cannot have the device must answer busy at once.
 #include <atomic>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cstring>
 
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 
 namespace {

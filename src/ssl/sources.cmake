@@ -1,5 +1,4 @@
 # Sources of src/ssl.
 list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/sslCommunication.cc
-  ${CMAKE_CURRENT_LIST_DIR}/secret.cc
 )

@@ -16,10 +16,10 @@
 #include <mutex>
 
 #include "http/request_reader.h"
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "platform/platform.h"
 #include "platform/socket_extra.h"
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <cctype>
 
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 #include "rds_hash.h"
 
 namespace {

@@ -12,8 +12,8 @@
 #include "web_service/auth_format.h"
 #include "mgmt_core/hash.h"
 #include "platform/platform.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "rds_hash.h"
 
 #ifndef VEXO_MGMT_CA_SHA256

@@ -8,8 +8,8 @@
 #include "fuzz_env.h"
 #include "init/config.h"
 #include "init/file_crc.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "semaphore/semaphore_syc.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

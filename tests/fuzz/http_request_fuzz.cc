@@ -13,8 +13,8 @@
 
 #include "fuzz_env.h"
 #include "http/server.h"
-#include "http/work_area.h"
-#include "init/rd_status.h"
+#include "common/work_area.h"
+#include "common/rd_status.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz_env.h"
-#include "http/work_area.h"
+#include "common/work_area.h"
 #include "rd_core/xml_parse.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "fuzz_env.h"
-#include "http/work_area.h"
+#include "common/work_area.h"
 #include "postauth/PostAuth_xml_parse.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -12,7 +12,7 @@
 
 #include <memory>
 
-#include "ssl/openssl_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 

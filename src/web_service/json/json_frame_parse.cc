@@ -11,9 +11,9 @@
 #include <memory>
 
 #include "rds_hash.h"
-#include "init/rd_config.h"
-#include "init/rd_log.h"
-#include "init/rd_status.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "common/rd_status.h"
 #include "mgmt_core/keystore.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "http/work_area.h"
+#include "common/work_area.h"
 
 #include "platform/pages.h"
 

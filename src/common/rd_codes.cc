@@ -1,4 +1,4 @@
-#include "init/rd_codes.h"
+#include "common/rd_codes.h"
 
 #include <iterator>
 

@@ -1,4 +1,4 @@
-#include "init/rd_log.h"
+#include "common/rd_log.h"
 
 #include <algorithm>
 #include <atomic>

@@ -3,8 +3,8 @@
 // over or destroyed, so a secret never outlives its use in freed memory.
 //
 // Copies are refused; move it instead. Thread-safety: one thread at a time.
-#ifndef VEXO_SSL_SECRET_H
-#define VEXO_SSL_SECRET_H
+#ifndef VEXO_COMMON_SECRET_H
+#define VEXO_COMMON_SECRET_H
 
 #include <array>
 #include <cstddef>
@@ -60,4 +60,4 @@ struct SecretArray : std::array<std::uint8_t, N> {
   ~SecretArray() { cleanse(this->data(), N); }
 };
 
-#endif  // VEXO_SSL_SECRET_H
+#endif  // VEXO_COMMON_SECRET_H

@@ -1,4 +1,4 @@
-#include "init/rd_config.h"
+#include "common/rd_config.h"
 
 #include <mutex>
 

@@ -1,4 +1,4 @@
-#include "init/rd_status.h"
+#include "common/rd_status.h"
 
 #include <atomic>
 #include <mutex>

@@ -3,8 +3,8 @@
 //
 // Thread-safety: the status index and the detached flag are atomics read and
 // written without a lock from every thread; the stored serial has its own mutex.
-#ifndef VEXO_INIT_RD_STATUS_H
-#define VEXO_INIT_RD_STATUS_H
+#ifndef VEXO_COMMON_RD_STATUS_H
+#define VEXO_COMMON_RD_STATUS_H
 
 #include <string>
 
@@ -50,4 +50,4 @@ void set_device_detached(int detached);
 std::string get_device_serial();
 void set_device_serial(const std::string& serial);
 
-#endif  // VEXO_INIT_RD_STATUS_H
+#endif  // VEXO_COMMON_RD_STATUS_H

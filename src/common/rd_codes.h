@@ -9,8 +9,8 @@
 // for readers of the code and the README, not wire texts.
 //
 // Thread-safety: constant data only.
-#ifndef VEXO_INIT_RD_CODES_H
-#define VEXO_INIT_RD_CODES_H
+#ifndef VEXO_COMMON_RD_CODES_H
+#define VEXO_COMMON_RD_CODES_H
 
 // Initialize_process results.
 #define VEXO_INIT_CODES(X)                                                   \
@@ -157,4 +157,4 @@ const char* code_message(Family family, int value);
 
 }  // namespace rd_codes
 
-#endif  // VEXO_INIT_RD_CODES_H
+#endif  // VEXO_COMMON_RD_CODES_H

@@ -4,8 +4,8 @@
 // write the response body at its start and the header at kRespHeaderOffset.
 // Most of the block is never written for most requests, so it is made of
 // fresh pages that cost resident memory only where they are written.
-#ifndef VEXO_HTTP_WORK_AREA_H
-#define VEXO_HTTP_WORK_AREA_H
+#ifndef VEXO_COMMON_WORK_AREA_H
+#define VEXO_COMMON_WORK_AREA_H
 
 #include <cstddef>
 #include <memory>
@@ -32,4 +32,4 @@ WorkAreaPtr new_work_area();
 // The service port actually bound (11100..11120), 0 before binding.
 int service_port();
 
-#endif  // VEXO_HTTP_WORK_AREA_H
+#endif  // VEXO_COMMON_WORK_AREA_H

@@ -8,8 +8,8 @@
 // an update function. Each record is guarded by its own mutex inside
 // rd_config.cc (the config mutex and the identity mutex); the two are never
 // held together, and no other lock is taken while one is held.
-#ifndef VEXO_INIT_RD_CONFIG_H
-#define VEXO_INIT_RD_CONFIG_H
+#ifndef VEXO_COMMON_RD_CONFIG_H
+#define VEXO_COMMON_RD_CONFIG_H
 
 #include <functional>
 #include <string>
@@ -67,4 +67,4 @@ void rd_identity_update(const std::function<void(RdIdentity&)>& change);
 std::string rd_scanner_name();
 bool rd_ssl_enabled();
 
-#endif  // VEXO_INIT_RD_CONFIG_H
+#endif  // VEXO_COMMON_RD_CONFIG_H

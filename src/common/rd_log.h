@@ -11,8 +11,8 @@
 //   RD_VERBOSE("Inside recv_thru_tcp_socket");
 //   RD_STATUS("Listen error ");          -> "time | server | fn | Listen error "
 //   RD_PIPE("5000", "Listen error\n");   -> "5000|Listen error\n"
-#ifndef VEXO_INIT_RD_LOG_H
-#define VEXO_INIT_RD_LOG_H
+#ifndef VEXO_COMMON_RD_LOG_H
+#define VEXO_COMMON_RD_LOG_H
 
 #include <cstddef>
 #include <cstdio>
@@ -111,4 +111,4 @@ inline constexpr const char* vexo_log_module = nullptr;
 #define RD_STATUS(...) rd_set_last_status(VEXO_LOG_MODULE, VEXO_LOG_FUNC, __VA_ARGS__)
 #define RD_PIPE(code, ...) rd_notify(code, __VA_ARGS__)
 
-#endif  // VEXO_INIT_RD_LOG_H
+#endif  // VEXO_COMMON_RD_LOG_H

@@ -1,7 +1,7 @@
 // Owners for OpenSSL objects: std::unique_ptr<T, XFree> frees them on every
 // path. One set for the whole library, so each module only names its type.
-#ifndef VEXO_SSL_OPENSSL_PTR_H
-#define VEXO_SSL_OPENSSL_PTR_H
+#ifndef VEXO_COMMON_OPENSSL_PTR_H
+#define VEXO_COMMON_OPENSSL_PTR_H
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>
@@ -46,4 +46,4 @@ using BioPtr = std::unique_ptr<BIO, BioFree>;
 using X509Ptr = std::unique_ptr<X509, X509Free>;
 using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 
-#endif  // VEXO_SSL_OPENSSL_PTR_H
+#endif  // VEXO_COMMON_OPENSSL_PTR_H

@@ -1,4 +1,4 @@
-#include "ssl/secret.h"
+#include "common/secret.h"
 
 #include <openssl/crypto.h>
 
