@@ -32,7 +32,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
 #include "rd_core/opj_compress.h"

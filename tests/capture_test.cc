@@ -23,7 +23,7 @@
 #include "common/rd_status.h"
 #include "jp2_test_util.h"
 #include "mgmt_core/Base64.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
 #include "rd_core/pid_crypto.h"

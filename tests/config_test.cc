@@ -16,7 +16,8 @@
 #include <vector>
 
 #include "init/config.h"
-#include "init/file_crc.h"
+#include "common/config_file.h"
+#include "common/file_crc.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"

@@ -16,7 +16,7 @@
 #include "init/config.h"
 #include "common/rd_config.h"
 #include "mgmt_core/download.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_server_util.h"
 #include "platform/platform.h"

@@ -20,9 +20,10 @@
 
 #include <gtest/gtest.h>
 
+#include "common/adapters.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
 #include "rd_core/aes.h"

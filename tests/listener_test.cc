@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "front_test_util.h"
-#include "http/request_reader.h"
+#include "common/request_reader.h"
 #include "ssl/sslCommunication.h"
 
 using namespace fronttest;

@@ -22,7 +22,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "mgmt_core/download.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_server_util.h"
 #include "test_util.h"
 

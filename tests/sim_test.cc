@@ -13,6 +13,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+#include "postauth/handheld.h"
 #include "rd_core/scanner.h"
 #include "sim_codes.h"
 #include "sim_control.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/rd_config.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 
 #include <openssl/pem.h>
 #include <openssl/rsa.h>

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "front_test_util.h"
-#include "http/request_reader.h"
+#include "common/request_reader.h"
 #include "common/openssl_ptr.h"
 #include "ssl/sslCommunication.h"
 

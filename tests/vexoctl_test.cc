@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "init/config.h"
-#include "init/file_crc.h"
+#include "common/file_crc.h"
 #include "common/rd_config.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"

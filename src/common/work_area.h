@@ -31,5 +31,7 @@ WorkAreaPtr new_work_area();
 
 // The service port actually bound (11100..11120), 0 before binding.
 int service_port();
+// Records the port once the listener has bound it.
+void set_service_port(int port);
 
 #endif  // VEXO_COMMON_WORK_AREA_H

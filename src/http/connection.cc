@@ -8,8 +8,9 @@
 #include <memory>
 
 #include "http/dispatch.h"
-#include "http/request_reader.h"
+#include "common/request_reader.h"
 #include "http/server.h"
+#include "common/http_frame.h"
 #include "common/work_area.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "http/server.h"
+#include "common/http_frame.h"
 #include "common/work_area.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"

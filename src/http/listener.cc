@@ -27,8 +27,8 @@ constexpr unsigned kAcceptPauseMs = 100;
 // wording below is the one that appears, as it always has.
 constexpr int kWinsockAddressInUse = 10048;
 
-// The module's process-wide values: the port bound, the accept wait and pause.
-std::atomic<int> g_service_port{0};
+// The module's process-wide values: the accept wait and pause (the port bound
+// is kept with the work area, where the workers read it).
 std::atomic<int> g_accept_wait_ms{kDefaultAcceptWaitMs};
 std::atomic<unsigned> g_accept_pause_ms{kAcceptPauseMs};
 
@@ -92,8 +92,6 @@ void close_http_socket(platform::socket_t server) {
   platform::close_socket(server);
 }
 
-int service_port() { return g_service_port.load(std::memory_order_relaxed); }
-
 int accept_wait_ms() { return g_accept_wait_ms.load(std::memory_order_relaxed); }
 void set_accept_wait_ms_for_test(int ms) { g_accept_wait_ms.store(ms, std::memory_order_relaxed); }
 
@@ -138,7 +136,7 @@ int prepare_http_socket(platform::socket_t* server) {
     RD_PIPE("5000", "Listen error\n");
     return -1;
   }
-  g_service_port.store(port, std::memory_order_relaxed);
+  set_service_port(port);
   RD_INFO("....................Server Listening On 127.0.0.1 And Port %d...................", port);
   // The port is chosen on 127.0.0.1 alone; [::1] follows it or is left out.
   set_companion(s.get(), listen_ipv6_loopback(port));

@@ -2,7 +2,7 @@
 // port of 11100..11120, serves each connection on a detached thread, and
 // answers OPTIONS, RDSERVICE, CAPTURE, DEVICEINFO and POSTAUTH. The module is
 // split into listener.cc (socket and accept loop), connection.cc (receive,
-// send, the connection thread) and dispatch.cc (the verbs); http_frame.cc
+// send, the connection thread) and dispatch.cc (the verbs); common/http_frame
 // frames the headers.
 //
 // Thread-safety: the service port and the waits are atomics; every other
@@ -48,17 +48,6 @@ int ParseHTTP_ReqCapture(const char* raw_request, char* request_body);
 // Copies the body of a POSTAUTH request (from the first "<") into
 // request_body (kReqBodySize bytes). 0, or -1 when there is no "<".
 int Get_PostAuthBody(const char* raw_request, char* request_body);
-// The discovery answer: body (kRespBodySize bytes) with the current status and
-// model, header (kRespHeaderSize bytes) for the path "/". 0.
-int frame_rdservice_response(const char* origin, char* header, char* body);
-// The origin forms are used when origin is non-null and not exactly "null".
-// Both write at most kRespHeaderSize bytes into header and return the length;
-// the echoed origin is cut so that the header always ends with its blank line.
-int frame_http_ok_header(const char* host, int port, const char* path, int body_len,
-                         const char* origin, char* header);
-int frame_http_error_header(int code, const char* host, int port, const char* path, int body_len,
-                            const char* origin, char* header);
-
 // How long the accept loop's select waits before starting again: 15000 ms
 // unless a test shortened it.
 int accept_wait_ms();

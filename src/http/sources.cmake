@@ -3,6 +3,4 @@ list(APPEND VEXO_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/listener.cc
   ${CMAKE_CURRENT_LIST_DIR}/connection.cc
   ${CMAKE_CURRENT_LIST_DIR}/dispatch.cc
-  ${CMAKE_CURRENT_LIST_DIR}/http_frame.cc
-  ${CMAKE_CURRENT_LIST_DIR}/request_reader.cc
 )

@@ -1,6 +1,7 @@
-// config.ini and proxy.ini: reading them into the configuration record, the writers used by
-// the exported setters and the Management operations, and the DOMAIN_NAME
-// codec (Base64 of the AES-256-ECB ciphertext of the Management base URL).
+// config.ini and proxy.ini: reading them into the configuration record, the
+// proxy writer, and the DOMAIN_NAME codec (Base64 of the AES-256-ECB ciphertext
+// of the Management base URL). The staged, sealed writes of config.ini are in
+// common/config_file.h.
 //
 // Paths are relative to the current folder: "./config.ini", "bin_crc.txt",
 // "./proxy.ini", "./last_acces_time_file". Every writer replaces its file
@@ -12,8 +13,6 @@
 #include <cstddef>
 #include <string>
 
-typedef struct _dictionary_ dictionary;
-
 // Longest endpoint URL and proxy field held in memory, terminator included;
 // longer values are refused.
 constexpr std::size_t kEndpointMax = 512;
@@ -24,24 +23,6 @@ constexpr std::size_t kProxyFieldMax = 1024;
 // -4 RD_VER, -18 DEV_PUB_KEY_VALIDITY, -10 dc, -13 DOMAIN_NAME missing;
 // -19 unlock failed. The lock is released and the dictionary freed on every path.
 int read_config_file();
-
-// Sets dc ("dc\n") in a staged copy of config.ini; seal_config_file puts it
-// in place. 0 or -1.
-int write_config_file(const char* dc);
-// Seals the staged config.ini and renames it and its seal into place, the
-// configuration first. 0; 3 no staged file, sealing or renaming failed; -1
-// the seal file cannot be created. A crash at any step leaves a pair that
-// recover_config_swap completes (both staged files whole) or undoes.
-int seal_config_file();
-// Completes or discards a sealed change that a crash interrupted, and
-// removes the temporary files of cut-short replacements in the working
-// folder. Run before config.ini is read.
-void recover_config_swap();
-// Dumps dict to path through a temporary file renamed over it. 0 or -1.
-int WriteToIniFile(dictionary* dict, const char* path);
-// Sets is_ssl_enable (at most 7 characters kept) in a staged copy of
-// config.ini, like write_config_file. 0 or -1.
-int write_config_file_ssl_enable(const char* value);
 
 // Fills the proxy fields of the configuration record from proxy.ini (cleared when there is
 // no such file). 0 (also without the file) or -1.

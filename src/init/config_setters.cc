@@ -7,8 +7,9 @@
 #include <vector>
 
 #include "init/config.h"
-#include "init/config_dict.h"
-#include "init/file_crc.h"
+#include "common/config_dict.h"
+#include "common/config_file.h"
+#include "common/file_crc.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "mgmt_core/Base64.h"

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "http/server.h"
+#include "common/adapters.h"
 #include "common/work_area.h"
 #include "init/config.h"
 #include "common/rd_codes.h"
@@ -16,6 +17,7 @@
 #include "mgmt_core/keystore.h"
 #include "mgmt_core/mgmt_api.h"
 #include "platform/platform.h"
+#include "postauth/handheld.h"
 #include "rd_core/scanner.h"
 #include "semaphore/semaphore_syc.h"
 #include "ssl/sslCommunication.h"

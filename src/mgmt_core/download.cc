@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "common/rd_log.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "platform/platform.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "mgmt_core/download.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "platform/platform.h"
 
 namespace {

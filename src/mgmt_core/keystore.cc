@@ -3,9 +3,10 @@
 
 #include <cstring>
 
+#include "common/adapters.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_core/keystore_internal.h"
 #include "mgmt_core/mgmt_api.h"

@@ -67,13 +67,6 @@ int GetDynamickey_For_Encryption(const std::string& node_path, std::string* key)
 // Opens the existing node file and writes the same dynamic key text. 0 or -1.
 int GetDynamickey_For_Decryption(const std::string& node_path, std::string* key);
 
-// The 6-byte address of the first network adapter. 0 or -1.
-int GetMAC(std::array<std::uint8_t, 6>* mac);
-
-// The adapters' 6-byte addresses in the platform's order. 0 (the list may be
-// empty, also when the platform cannot list them) or 1 when memory runs out.
-int GetAdapterID(std::vector<std::array<std::uint8_t, 6>>* ids);
-
 // The 32-byte digest of the service's own program file: SHA-256 of the file
 // that holds this library's code. 0 or -1.
 int GetHashRDservice(std::array<std::uint8_t, 32>* digest);

@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "init/config.h"
-#include "init/file_crc.h"
+#include "common/config_file.h"
+#include "common/file_crc.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "mgmt_core/Base64.h"
 #include "mgmt_core/download.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
 #include "rd_core/uidai_certs.h"

@@ -6,14 +6,14 @@
 #include <mutex>
 #include <string>
 
-#include "http/server.h"
+#include "common/http_frame.h"
 #include "common/work_area.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "platform/platform.h"
-#include "rd_core/scanner.h"
+#include "postauth/handheld.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "mgmt_core/Base64.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "rd_core/dig_sign.h"
 #include "rd_core/pid_crypto.h"

@@ -13,7 +13,7 @@
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "mgmt_core/mgmt_api.h"
 #include "rd_core/dig_sign.h"
 #include "rd_core/pid_crypto.h"

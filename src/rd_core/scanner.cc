@@ -11,13 +11,13 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+#include "postauth/handheld.h"
 
 namespace {
 
 // Guards the tables, the loaded flags and the handle cache during loading.
 std::mutex g_load_mutex;
 AratekSdk g_aratek;
-TavioSdk g_tavio;
 bool g_scanner_loaded = false;
 bool g_handheld_loaded = false;
 // Every library opened stays loaded for the life of the process. Keeping the
@@ -98,7 +98,7 @@ int load_handheld(const char* folder) {
   void* security = open_library(folder, kHandheldSecurityLib);
   if (security == nullptr) return -1;
   if (!resolve(security, kHandheldSecurityLib, "Initialize_BT_Security", &sdk.Initialize_BT_Security)) return -1;
-  g_tavio = sdk;
+  set_tavio_sdk(sdk);
   return 0;
 }
 
@@ -121,8 +121,6 @@ int dll_loading(const char* folder) {
 }
 
 const AratekSdk& aratek_sdk() { return g_aratek; }
-
-const TavioSdk& tavio_sdk() { return g_tavio; }
 
 int getdeviceserialnumber(std::string* serial) {
   serial->clear();

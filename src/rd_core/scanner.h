@@ -1,13 +1,13 @@
 // The scanner maker's SDK, loaded at run time, and the handheld device's
 // libraries. dll_loading fills the process-wide entry-point tables once at
-// start-up; the capture and PostAuth code then call through them.
+// start-up (the handheld device's table is postauth/handheld.h); the capture
+// and PostAuth code then call through them.
 #ifndef VEXO_RD_CORE_SCANNER_H
 #define VEXO_RD_CORE_SCANNER_H
 
 #include <string>
 
 #include "aratek_sdk.h"
-#include "tavio_sdk.h"
 
 struct AratekSdk {
   ARAFPSCAN_GlobalInit_t GlobalInit = nullptr;
@@ -24,24 +24,12 @@ struct AratekSdk {
   ARAFPSCAN_GetNFIQScore_t GetNFIQScore = nullptr;
 };
 
-struct TavioSdk {
-  OpenCom_port_t OpenCom_port = nullptr;
-  ClosePort_t ClosePort = nullptr;
-  Get_BatteryStatus_t Get_BatteryStatus = nullptr;
-  Get_FWVersion_t Get_FWVersion = nullptr;
-  Get_SerialNumber_t Get_SerialNumber = nullptr;
-  Print_Data_t Print_Data = nullptr;
-  TavioLogs_Init_t TavioLogs_Init = nullptr;
-  Initialize_BT_Security_t Initialize_BT_Security = nullptr;
-};
-
 // Loads the scanner libraries from folder (".\\RefDll" in the design, mapped
 // by the platform) and, for the handheld scanner, the handheld libraries.
 // 0, or -1 after logging which library or entry point failed.
 int dll_loading(const char* folder);
 // The entry points; valid after dll_loading returned 0.
 const AratekSdk& aratek_sdk();
-const TavioSdk& tavio_sdk();
 // Serial number of device 0 (the description's leading text). 0; -2 no
 // memory; -3 description not read.
 int getdeviceserialnumber(std::string* serial);

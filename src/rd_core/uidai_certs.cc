@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "common/rd_config.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "platform/platform.h"
 
 // Byte arrays generated at build time from data/uidai/*.pem.

@@ -15,7 +15,7 @@
 #include <memory>
 #include <mutex>
 
-#include "http/request_reader.h"
+#include "common/request_reader.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
 #include "platform/socket_extra.h"

@@ -10,7 +10,7 @@
 #include <new>
 
 #include "web_service/auth_format.h"
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 #include "platform/platform.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"

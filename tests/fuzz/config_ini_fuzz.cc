@@ -7,7 +7,7 @@
 
 #include "fuzz_env.h"
 #include "init/config.h"
-#include "init/file_crc.h"
+#include "common/file_crc.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "semaphore/semaphore_syc.h"

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "init/config.h"
-#include "init/file_crc.h"
-#include "mgmt_core/hash.h"
+#include "common/file_crc.h"
+#include "common/hash.h"
 #include "platform/platform.h"
 #include "rd_core/uidai_certs.h"
 #include "vexoctl.h"

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "init/config.h"
-#include "init/file_crc.h"
+#include "common/file_crc.h"
 #include "init/init.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"

@@ -11,10 +11,10 @@
 #include <memory>
 
 #include "rds_hash.h"
+#include "common/adapters.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "mgmt_core/keystore.h"
 
 namespace {
 struct JsonPut {

@@ -2,8 +2,8 @@
 // low byte first in a separate file (bin_crc.txt).
 //
 // Thread-safety: reentrant; the register lives on the caller's stack.
-#ifndef VEXO_INIT_FILE_CRC_H
-#define VEXO_INIT_FILE_CRC_H
+#ifndef VEXO_COMMON_FILE_CRC_H
+#define VEXO_COMMON_FILE_CRC_H
 
 #include <cstddef>
 #include <cstdint>
@@ -24,4 +24,4 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path);
 // 3 on any failure or mismatch, including a data file shorter than 2 bytes.
 int verify_crc(std::uint8_t kind, const char* data_path, const char* crc_path);
 
-#endif  // VEXO_INIT_FILE_CRC_H
+#endif  // VEXO_COMMON_FILE_CRC_H

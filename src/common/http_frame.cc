@@ -1,10 +1,9 @@
-// Framing of the answers' headers and of the discovery document. The texts
-// are the wire format clients depend on, byte for byte.
+#include "common/http_frame.h"
+
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "http/server.h"
 #include "common/work_area.h"
 #include "common/rd_config.h"
 #include "common/rd_status.h"

@@ -1,4 +1,4 @@
-#include "mgmt_core/hash.h"
+#include "common/hash.h"
 
 #include <openssl/evp.h>
 

@@ -1,6 +1,6 @@
 // Owning handle for iniparser dictionaries, shared by the configuration files.
-#ifndef VEXO_INIT_CONFIG_DICT_H
-#define VEXO_INIT_CONFIG_DICT_H
+#ifndef VEXO_COMMON_CONFIG_DICT_H
+#define VEXO_COMMON_CONFIG_DICT_H
 
 #include <iniparser.h>
 
@@ -11,4 +11,4 @@ struct DictFree {
 };
 using Dict = std::unique_ptr<dictionary, DictFree>;
 
-#endif  // VEXO_INIT_CONFIG_DICT_H
+#endif  // VEXO_COMMON_CONFIG_DICT_H

@@ -1,4 +1,4 @@
-#include "http/request_reader.h"
+#include "common/request_reader.h"
 
 #include <atomic>
 #include <climits>

@@ -4,8 +4,8 @@
 // messages under their own names.
 //
 // Thread-safety: every function may run on many connection threads at once.
-#ifndef VEXO_HTTP_REQUEST_READER_H
-#define VEXO_HTTP_REQUEST_READER_H
+#ifndef VEXO_COMMON_REQUEST_READER_H
+#define VEXO_COMMON_REQUEST_READER_H
 
 #include <cstddef>
 #include <cstdint>
@@ -45,4 +45,4 @@ int read_http_request(const RequestSource& src, char* buf);
 int recv_wait_ms();
 void set_recv_wait_ms_for_test(int ms);
 
-#endif  // VEXO_HTTP_REQUEST_READER_H
+#endif  // VEXO_COMMON_REQUEST_READER_H

@@ -1,4 +1,4 @@
-#include "init/file_crc.h"
+#include "common/file_crc.h"
 
 #include <cstdio>
 #include <memory>

@@ -1,7 +1,7 @@
 // Digests: SHA-256 of memory, and the file digests of downloads as lower-case
 // hexadecimal text.
-#ifndef VEXO_MGMT_CORE_HASH_H
-#define VEXO_MGMT_CORE_HASH_H
+#ifndef VEXO_COMMON_HASH_H
+#define VEXO_COMMON_HASH_H
 
 #include <array>
 #include <cstdint>
@@ -21,4 +21,4 @@ int sha256_file(const std::string& path, Sha256Digest* out);
 int Get_Sha2(const std::string& path, std::string* hex);
 int MD5_Generate(const std::string& path, std::string* hex);
 
-#endif  // VEXO_MGMT_CORE_HASH_H
+#endif  // VEXO_COMMON_HASH_H

@@ -1,0 +1,123 @@
+// The sealed config.ini belongs to the configuration module: its lines keep that name.
+#define VEXO_LOG_FILE "config"
+#include "common/config_file.h"
+
+#include <cstdio>
+#include <string>
+
+#include "common/config_dict.h"
+#include "common/file_crc.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
+#include "platform/platform.h"
+
+namespace {
+
+// A change of config.ini is staged beside it with its seal, then both are
+// renamed into place; a crash in between is completed or undone at the next read.
+constexpr char kConfigNext[] = "./config.ini.next";
+constexpr char kCrcNext[] = "bin_crc.txt.next";
+
+// Loads config.ini (or the change already staged), sets key to value and
+// stages the result as config.ini.next. 0 or -1.
+int set_config_key(const char* key, const std::string& value, const char* set_error,
+                   const char* write_error) {
+  std::remove(kCrcNext);  // any seal staged earlier no longer matches
+  Dict ini(iniparser_load(platform::file_exists(kConfigNext) ? kConfigNext : kConfigPath));
+  if (ini == nullptr) {
+    RD_ERROR("Error in opening file %s", kConfigPath);
+    return -1;
+  }
+  if (iniparser_set(ini.get(), key, value.c_str()) != 0) {
+    RD_ERROR("%s", set_error);
+    return -1;
+  }
+  if (WriteToIniFile(ini.get(), kConfigNext) != 0) {
+    RD_ERROR("%s", write_error);
+    return -1;
+  }
+  platform::crash_point();
+  return 0;
+}
+
+}  // namespace
+
+void recover_config_swap() {
+  // Temporary files of replacements that a crash cut short, in every folder
+  // whose files the library rewrites.
+  const std::string prefix = rd_identity_copy().prefix;
+  for (const char* dir : {"", "keystore", "cert/public", "cert/uidai", "DownloadSW"}) {
+    platform::remove_stale_temporaries(*dir == '\0' ? prefix : prefix + dir);
+  }
+  if (platform::file_exists(kConfigNext)) {
+    if (platform::file_exists(kCrcNext) && verify_crc(kCrc16, kConfigNext, kCrcNext) == 0 &&
+        std::rename(kConfigNext, kConfigPath) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+      RD_INFO("Completed the interrupted update of config.ini");
+      return;
+    }
+    RD_INFO("Discarded an unsealed update of config.ini");
+    std::remove(kConfigNext);
+    std::remove(kCrcNext);
+    return;
+  }
+  if (platform::file_exists(kCrcNext)) {
+    // The new config.ini is in place; only its seal is still beside it.
+    if (verify_crc(kCrc16, kConfigPath, kCrcNext) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+      RD_INFO("Completed the interrupted update of config.ini");
+      return;
+    }
+    std::remove(kCrcNext);
+  }
+}
+
+int seal_config_file() {
+  if (!platform::file_exists(kConfigNext)) {
+    RD_ERROR("No staged config.ini to seal");
+    return 3;
+  }
+  const int sealed = add_crc(kCrc16, kConfigNext, kCrcNext);
+  if (sealed != 0) return sealed;
+  platform::crash_point();
+  if (std::rename(kConfigNext, kConfigPath) != 0) {
+    RD_ERROR("Renaming %s failed", kConfigNext);
+    return 3;
+  }
+  platform::crash_point();
+  if (std::rename(kCrcNext, kCrcPath) != 0) {
+    RD_ERROR("Renaming %s failed", kCrcNext);
+    return 3;
+  }
+  platform::crash_point();
+  return 0;
+}
+
+int WriteToIniFile(dictionary* dict, const char* path) {
+  if (dict == nullptr || path == nullptr) {
+    RD_ERROR("Error Ini file not present to write dc value");
+    return -1;
+  }
+  auto dump = [dict](std::FILE* f) {
+    iniparser_dump_ini(dict, f);
+    return true;
+  };
+  if (platform::write_file_atomic_stream(path, dump) != 0) {
+    RD_ERROR("Error Ini file not present to write dc value");
+    return -1;
+  }
+  return 0;
+}
+
+int write_config_file(const char* dc) {
+  if (dc == nullptr) return -1;
+  // The newline is stored on purpose; the INI reader strips it again.
+  return set_config_key("CONFIG:dc", std::string(dc) + "\n",
+                        "Error iniparser_set  to write dc value",
+                        "Error at to write dc value in ini file");
+}
+
+int write_config_file_ssl_enable(const char* value) {
+  if (value == nullptr) return -1;
+  return set_config_key("CONFIG:is_ssl_enable", std::string(value).substr(0, 7),
+                        "Error iniparser_set  to write ssl_enable value",
+                        "Error at to write ssl_enable value in ini file");
+}
