@@ -1,1 +1,0 @@
-vexo_add_test(crypto_test crypto_test.cc)

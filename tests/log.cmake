@@ -1,1 +1,0 @@
-vexo_add_test(log_test log_test.cc)
