@@ -19,23 +19,13 @@ root=$(pwd)
 seconds=${1:-60}
 jobs=${FUZZ_JOBS:-1}
 nice_level=${FUZZ_NICE:-10}
-all_targets="http_request pidoptions postauth mgmt_json time_diff config_ini dm_conf base64 response_rdt"
+# The targets and their longest inputs, one per line: "name max_len".
+target_list="$root/tests/fuzz/targets.txt"
+all_targets=$(awk '!/^#/ && NF { print $1 }' "$target_list")
 targets=${FUZZ_TARGETS:-$all_targets}
 
-# The longest input worth trying per target: a little past each parser's room,
-# so that the refusals of overlong input are reached too.
 max_len_of() {
-  case $1 in
-    http_request) echo 4096 ;;
-    pidoptions|postauth) echo 2560 ;;
-    mgmt_json) echo 8192 ;;
-    time_diff) echo 64 ;;
-    config_ini) echo 4096 ;;
-    dm_conf) echo 1024 ;;
-    base64) echo 1024 ;;
-    response_rdt) echo 2048 ;;
-    *) echo 4096 ;;
-  esac
+  awk -v t="$1" '!/^#/ && $1 == t { print $2; found = 1 } END { if (!found) print 4096 }' "$target_list"
 }
 
 build=build-fuzz
