@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Starts the RD service with the simulated Aratek A600 scanner on 127.0.0.1:11100
 # (or the next free port), provisioned by the reference Management server.
-# Installs what is missing, builds, lays out ./workdir on the first run, starts
+# Installs what is missing, builds what it runs (the library, the simulated
+# devices, vexo-host, vexoctl and vexo-mgmt-server) in build-run/, a folder
+# ./test.sh never touches, lays out ./workdir on the first run, starts
 # the Management server in the background on https://127.0.0.1:8443/ (registry,
 # data and log in ./workdir-mgmt/), registers the simulated scanner there, and
 # runs the host, whose first Init leads to a key rotation. Ctrl-C stops both.
@@ -18,19 +20,20 @@ if [ "${1:-}" = "--offline" ]; then
 fi
 
 ./scripts/install-deps.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)"
+build=build-run
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_TESTS=OFF >/dev/null
+cmake --build "$build" -j"$(nproc)" --target Vexo vexo_sim vexo-host vexoctl vexo-mgmt-server
 
 workdir="$PWD/workdir"
 scanner="Aratek_A600"
 mgmt_dir="$PWD/workdir-mgmt"
 mgmt_port=8443
 if [ ! -f "$workdir/config.ini" ]; then
-  build/vexoctl init-workdir "$workdir" --scanner "$scanner" --mgmt-url "https://127.0.0.1:$mgmt_port/Zelm" \
+  "$build"/vexoctl init-workdir "$workdir" --scanner "$scanner" --mgmt-url "https://127.0.0.1:$mgmt_port/Zelm" \
     --mgmt-ca data/mgmt/ca.crt
 fi
 # Keep the simulated vendor libraries in step with the build.
-cp -f build/RefDll/*.so "$workdir/RefDll/"
+cp -f "$build"/RefDll/*.so "$workdir/RefDll/"
 
 # The integrators' test page (web/) on a second local port, from another origin
 # than the service; it is stopped together with the host.
@@ -45,11 +48,11 @@ echo "Test page: http://127.0.0.1:$web_port/ (open it in a browser and press Sca
 if [ "$offline" = 1 ]; then
   # The demonstration keystore is bound to the library just built (its digest
   # is part of the key's password), so it is made again after every build.
-  build/vexoctl demo-keystore "$workdir" --scanner "$scanner" || echo "warning: no demonstration keystore; captures will answer 999"
+  "$build"/vexoctl demo-keystore "$workdir" --scanner "$scanner" || echo "warning: no demonstration keystore; captures will answer 999"
   echo "Starting vexo-host in $workdir without a Management server (Ctrl-C stops it)."
   # The host takes this shell's process id; the page server ends with it.
   ( while kill -0 $$ 2>/dev/null; do sleep 1; done; kill "$web_pid" 2>/dev/null ) &
-  exec build/vexo-host --workdir "$workdir" --no-mgmt "$@" "$scanner"
+  exec "$build"/vexo-host --workdir "$workdir" --no-mgmt "$@" "$scanner"
 fi
 
 # The simulated scanner's serial number: the control file's, else its default.
@@ -62,7 +65,7 @@ serial=${serial:-SIM0000001}
 
 mkdir -p "$mgmt_dir"
 [ -d "$mgmt_dir/data" ] || cp -R data/mgmt "$mgmt_dir/data"
-build/vexo-mgmt-server add-device "$serial" --registry "$mgmt_dir/registry.db" >/dev/null
+"$build"/vexo-mgmt-server add-device "$serial" --registry "$mgmt_dir/registry.db" >/dev/null
 
 server_pid=""
 host_pid=""
@@ -74,7 +77,7 @@ stop_both() {
 trap stop_both EXIT
 trap 'exit 130' INT TERM
 
-build/vexo-mgmt-server serve --port "$mgmt_port" --tls --data "$mgmt_dir/data" \
+"$build"/vexo-mgmt-server serve --port "$mgmt_port" --tls --data "$mgmt_dir/data" \
   --registry "$mgmt_dir/registry.db" >"$mgmt_dir/server.log" 2>&1 &
 server_pid=$!
 for _ in $(seq 100); do
@@ -93,6 +96,6 @@ fi
 echo "Management server on https://127.0.0.1:$mgmt_port/ (log: $mgmt_dir/server.log), scanner $serial registered."
 
 echo "Starting vexo-host in $workdir (Ctrl-C stops it and the Management server)."
-build/vexo-host --workdir "$workdir" "$@" "$scanner" &
+"$build"/vexo-host --workdir "$workdir" "$@" "$scanner" &
 host_pid=$!
 wait "$host_pid"
