@@ -27,7 +27,7 @@ jobs=$(nproc)
 # narrows the run.
 run_suite() {
   local dir=$1; shift
-  cmake -S . -B "$dir" -DVEXO_WERROR=ON "$@" >/dev/null
+  cmake -S . -B "$dir" -DVEXO_WERROR=ON -DVEXO_DEMO_CA=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
   # shellcheck disable=SC2086  # CTEST_LABELS holds several options
   (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs" ${CTEST_LABELS:-})

@@ -70,9 +70,12 @@ VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
  * respCode, respDesc, the echoed device, nextAction (an array; the last
  * entry counts) and ts, and an RD_DRT header that seals SHA-256 of the answer
  * together with the request's hash, so an answer cannot be moved to another
- * request. Over https:// the server must present a certificate issued by
- * the CA in cert/server.crt, whose SHA-256 is compiled into the library
- * (CMake cache variable VEXO_MGMT_CA_SHA256). Answers are at most 29999
+ * request. Over https:// the server must present a certificate for its
+ * name with the serverAuth extended key usage, issued by the CA in
+ * cert/server.crt, whose SHA-256 is compiled into the library (CMake cache
+ * variable VEXO_MGMT_CA_SHA256): that CA alone is trusted. Plain http:// is
+ * used only when the configured Management URL is an http:// one, and every
+ * exchange speaks HTTP/1.1. Answers are at most 29999
  * bytes; an exchange gives up after 90 s. A reference server
  * (build/vexo-mgmt-server, see the README) serves all of this for tests and
  * for makers' server teams. */

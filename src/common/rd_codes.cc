@@ -14,6 +14,8 @@ constexpr CodeInfo kLock[] = {VEXO_LOCK_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kKeystore[] = {VEXO_KEYSTORE_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kHttp[] = {VEXO_HTTP_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kRd[] = {VEXO_RD_CODES(VEXO_CODE_ENTRY)};
+constexpr CodeInfo kTransport[] = {VEXO_TRANSPORT_CODES(VEXO_CODE_ENTRY)};
+constexpr CodeInfo kDownload[] = {VEXO_DOWNLOAD_CODES(VEXO_CODE_ENTRY)};
 #undef VEXO_CODE_ENTRY
 
 template <std::size_t N>
@@ -36,6 +38,8 @@ const CodeInfo* find_code(Family family, int value) {
     case Family::kKeystore: return find_in(kKeystore, value);
     case Family::kHttp: return find_in(kHttp, value);
     case Family::kRd: return find_in(kRd, value);
+    case Family::kTransport: return find_in(kTransport, value);
+    case Family::kDownload: return find_in(kDownload, value);
   }
   return nullptr;
 }

@@ -128,6 +128,29 @@
   X(kRdBadCommand, 790, "Invalid Command/Request")                                             \
   X(kRdInternal, 999, "Internal error")
 
+// Management transport results (sendData2Zelm, GetDataFromZelm,
+// Curl_Download_File and the RD_DRT check); -1 is also every failure of the
+// GET and the file download.
+#define VEXO_TRANSPORT_CODES(X)                                              \
+  X(kTransportOk, 0, "success")                                              \
+  X(kTransportFailed, -1, "handle or option not set, CA file not usable, or no RD_DRT header") \
+  X(kTransportDrtNotMade, -14, "request RD_DRT not made")                    \
+  X(kTransportCaMissing, -15, "CA file cert/server.crt not readable")        \
+  X(kTransportCaTampered, -16, "CA file cert/server.crt not the pinned one") \
+  X(kTransportTimeout, -17, "time-out")                                      \
+  X(kTransportConnect, -18, "cannot connect")                                \
+  X(kTransportMemory, -19, "libcurl out of memory")                          \
+  X(kTransportOther, -20, "any other transfer failure")                      \
+  X(kTransportNoDrt, -22, "response without RD_DRT")                         \
+  X(kTransportDrtMismatch, -23, "response RD_DRT does not verify")
+
+// Resumable download results (download_manager, get_package_size,
+// get_previous_download_info, download_part, update_to_conf).
+#define VEXO_DOWNLOAD_CODES(X)                                               \
+  X(kDownloadOk, 0, "success, or resume from the record")                    \
+  X(kDownloadFailed, -1, "failure")                                          \
+  X(kDownloadFresh, 1, "no usable record: start afresh")
+
 namespace rd_codes {
 
 #define VEXO_CODE_CONSTANT(name, value, message) inline constexpr int name = value;
@@ -139,9 +162,11 @@ VEXO_LOCK_CODES(VEXO_CODE_CONSTANT)
 VEXO_KEYSTORE_CODES(VEXO_CODE_CONSTANT)
 VEXO_HTTP_CODES(VEXO_CODE_CONSTANT)
 VEXO_RD_CODES(VEXO_CODE_CONSTANT)
+VEXO_TRANSPORT_CODES(VEXO_CODE_CONSTANT)
+VEXO_DOWNLOAD_CODES(VEXO_CODE_CONSTANT)
 #undef VEXO_CODE_CONSTANT
 
-enum class Family { kInit, kStart, kAttach, kConfig, kLock, kKeystore, kHttp, kRd };
+enum class Family { kInit, kStart, kAttach, kConfig, kLock, kKeystore, kHttp, kRd, kTransport, kDownload };
 
 struct CodeInfo {
   int value;

@@ -22,6 +22,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "ssl/sslCommunication.h"
 #include "vexo.h"
+#include "web_service/transfer.h"
 
 namespace {
 
@@ -97,6 +98,10 @@ int step_open_log() {
   }
   RD_INFO("\n****************************************************************************************************");
   RD_INFO("zlog initialized successfully");
+  if (transfer::pin_is_demonstration()) {
+    RD_INFO("WARNING: the Management CA pin is the demonstration CA (VEXO_DEMO_CA), whose key is public: "
+            "not for production");
+  }
   return 0;
 }
 

@@ -78,7 +78,7 @@ int fetch_uidai_cert(const std::string& path, const std::string& checksum) {
   }
   staging += name;
   staging += ".download";
-  const int rc = Curl_Download_File(path, kCertFetchConnectSeconds, kCertFetchSeconds, staging);
+  const int rc = Curl_Download_File(path, kCertFetchConnectSeconds, kCertFetchSeconds, staging, kMaxCertBytes);
   std::string pem;
   const bool fetched = rc == 0 && platform::file_size(staging) <= kMaxCertBytes &&
                        platform::read_file(staging, &pem) == 0;
