@@ -239,10 +239,11 @@ int download_part(const Link& link, const std::string& url, const std::string& r
   // file systems (ext4), which would cost a disk write for every chunk.
   UniqueFile child(std::fopen(kDownloadChild, "r+b"));
   if (!child) child.reset(std::fopen(kDownloadChild, "wb"));
+  bool written = child && std::fwrite(body->data(), 1, body->size(), child.get()) == body->size() &&
+                 std::fclose(child.release()) == 0;
   std::error_code ec;
-  if (!child || std::fwrite(body->data(), 1, body->size(), child.get()) != body->size() ||
-      std::fclose(child.release()) != 0 ||
-      (std::filesystem::resize_file(kDownloadChild, body->size(), ec), ec)) {
+  if (written) std::filesystem::resize_file(kDownloadChild, body->size(), ec);
+  if (!written || ec) {
     RD_ERROR("Couldn't write %s", kDownloadChild);
     return kDownloadFailed;
   }

@@ -48,16 +48,21 @@ CURLcode install_server_auth_check(CURL*, void* ssl_ctx, void*) {
   return CURLE_OK;
 }
 
+// The process's one curl_global_init, before its first handle.
+void global_init() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
 }  // namespace
 
 Easy new_easy() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  global_init();
   return Easy(curl_easy_init());
 }
 
 Share new_share() {
-  new_easy();  // the global initialisation comes first
+  global_init();
   Share share(curl_share_init());
   for (curl_lock_data data : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_DNS}) {
     if (share && curl_share_setopt(share.get(), CURLSHOPT_SHARE, data) != CURLSHE_OK) share.reset();
