@@ -599,10 +599,11 @@ int uidai_cert_force_update_impl(char* next_action) {
 
 // Runs an export's body; nothing is thrown across the C boundary.
 template <typename F>
-int guarded(F&& body) noexcept {
+int guarded(const char* function, F&& body) noexcept {
   try {
     return body();
   } catch (...) {
+    RD_LOG_AS(function);
     RD_ERROR("Management operation failed unexpectedly");
     return kMgmtFailed;
   }
@@ -668,26 +669,26 @@ void mgmt_request_software_update() { g_software_update_pending.store(true); }
 
 extern "C" VEXO_EXPORT int Init(char* next_action) noexcept {
   if (next_action == nullptr) return kMgmtFailed;
-  return guarded([&] { return init_impl(next_action); });
+  return guarded("Init", [&] { return init_impl(next_action); });
 }
 
 extern "C" VEXO_EXPORT int Key_Rotation(char* next_action, const char* operation) noexcept {
   if (next_action == nullptr) return kMgmtFailed;
-  return guarded([&] { return key_rotation_impl(next_action, operation); });
+  return guarded("Key_Rotation", [&] { return key_rotation_impl(next_action, operation); });
 }
 
 extern "C" VEXO_EXPORT int Software_Update(void) noexcept {
-  return guarded([] { return software_update_impl(); });
+  return guarded("Software_Update", [] { return software_update_impl(); });
 }
 
 extern "C" VEXO_EXPORT int Software_Update_Pending(void) noexcept { return g_software_update_pending.load() ? 1 : 0; }
 
 extern "C" VEXO_EXPORT int uidai_cert_update(char* next_action) noexcept {
   if (next_action == nullptr) return kMgmtFailed;
-  return guarded([&] { return uidai_cert_update_impl(next_action); });
+  return guarded("uidai_cert_update", [&] { return uidai_cert_update_impl(next_action); });
 }
 
 extern "C" VEXO_EXPORT int uidai_cert_force_update(char* next_action) noexcept {
   if (next_action == nullptr) return kMgmtFailed;
-  return guarded([&] { return uidai_cert_force_update_impl(next_action); });
+  return guarded("uidai_cert_force_update", [&] { return uidai_cert_force_update_impl(next_action); });
 }
