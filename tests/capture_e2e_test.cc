@@ -774,11 +774,20 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
     return http_response("500 Internal Server Error", "{}", nullptr);
   });
   CannedServer cut([](const std::string&, const std::string&) { return std::string(); });
-  // Signed like the server's own answers, so only the dc check can refuse it.
-  CannedServer injected([](const std::string& drt, const std::string&) {
+  // Signed like the server's own answers, with the device's own certificate
+  // for sPKey, so only the dc check can refuse it.
+  CannedServer injected([](const std::string& drt, const std::string& request) {
+    std::smatch pkey;
+    std::regex_search(request, pkey, std::regex(R"re("pKey": ?"([^"]+)")re"));
+    X509Ptr own = testcrypto::cert_of_pem(as_text(b64(pkey[1])));
+    unsigned char* der = nullptr;
+    const int len = own ? i2d_X509(own.get(), &der) : 0;
+    std::string spkey;
+    Base64Encode(std::span<const std::uint8_t>(der, static_cast<std::size_t>(len > 0 ? len : 0)), &spkey);
+    OPENSSL_free(der);
     const std::string body =
         R"({"respStatus":"y","respCode":"ZELM-000","respDesc":"ok","device":{"dc":"1234\ndomain_name = X\n[zzz]"},)"
-        R"("nextAction":["NO_ACTION_NECESSARY"],"ts":"2026-01-01T00:00:00","sPKey":"AAAA"})";
+        R"("nextAction":["NO_ACTION_NECESSARY"],"ts":"2026-01-01T00:00:00","sPKey":")" + spkey + "\"}";
     std::string answer;
     EXPECT_EQ(rds_hmac_sign_response(body.data(), body.size(), drt, &answer), 0);
     return http_response("200 OK", body, &answer);

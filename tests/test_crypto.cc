@@ -42,9 +42,13 @@ KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* 
   return out;
 }
 
-PkeyPtr public_key_of_cert(const std::string& pem) {
+X509Ptr cert_of_pem(const std::string& pem) {
   BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  X509Ptr x(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  return X509Ptr(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+}
+
+PkeyPtr public_key_of_cert(const std::string& pem) {
+  X509Ptr x = cert_of_pem(pem);
   return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
 }
 

@@ -29,7 +29,8 @@ KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* 
 // The same certificate form over an existing key, with organisation o.
 std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after,
                           long serial = 1, const char* o = "UIDAI");
-// The public key of a PEM certificate, or null.
+// A PEM certificate and its public key, or null.
+X509Ptr cert_of_pem(const std::string& pem);
 PkeyPtr public_key_of_cert(const std::string& pem);
 // The key as PEM: PKCS#8, or the traditional RSA form.
 std::string private_key_pem(EVP_PKEY* key, bool pkcs8);
