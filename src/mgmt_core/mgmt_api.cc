@@ -32,29 +32,7 @@
 
 namespace {
 
-using rd_codes::kMgmtCertNotInstalled;
-using rd_codes::kMgmtCommitFailed;
-using rd_codes::kMgmtDcNotWritten;
-using rd_codes::kMgmtDownload;
-using rd_codes::kMgmtFailed;
-using rd_codes::kMgmtLockNotReleased;
-using rd_codes::kMgmtLockNotTaken;
-using rd_codes::kMgmtNoKeyPair;
-using rd_codes::kMgmtNotJson;
-using rd_codes::kMgmtNotParsed;
-using rd_codes::kMgmtNotRegistered;
-using rd_codes::kMgmtOk;
-using rd_codes::kMgmtProdFetch;
-using rd_codes::kMgmtSealNotRenewed;
-using rd_codes::kMgmtSealWrong;
-using rd_codes::kMgmtSignedCertInvalid;
-using rd_codes::kMgmtSignedCertNotOpened;
-using rd_codes::kMgmtSignedCertNotWritten;
-using rd_codes::kMgmtStagingFetch;
-using rd_codes::kMgmtStagingNotParsed;
-using rd_codes::kMgmtStatusReport;
-using rd_codes::kMgmtTimeSync;
-using rd_codes::kMgmtUnexpectedAction;
+using namespace rd_codes;
 
 constexpr const char* kAppFile = "App_Vexo";
 constexpr const char* kSignedMcFile = "cert/public/signed_mc.cer";
@@ -425,7 +403,7 @@ int software_update_impl() {
     rc = kMgmtDownload;
   }
   if (rc != kMgmtOk) {
-    keep_status_within_grace("Software_Update", kRdNotReady, before);
+    keep_status_within_grace("Software_Update", RdStatusIndex::kRdNotReady, before);
     return rc;
   }
   g_software_update_pending.store(false);
