@@ -4,6 +4,8 @@
 // succeed. For the keystore, the key must also be readable again, through
 // the forced key rotation when the kill left it torn.
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,9 +14,6 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include "common/config_dict.h"
 #include "common/openssl_ptr.h"

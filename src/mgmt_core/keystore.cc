@@ -57,8 +57,9 @@ int forced_key_rotation() {
 
 int GenerateKeyPair(std::string* cert_pem) {
   recover_staged_identity();
-  if (stage_key_pair(cert_pem) != 0 || commit_staged_identity() != 0) {
-    discard_staged_identity();
+  if (stage_key_pair(cert_pem) != 0) discard_staged_identity();
+  // A commit cut short is completed by the next start-up, so what it staged stays.
+  if (cert_pem->empty() || commit_staged_identity() != 0) {
     cert_pem->clear();
     return -1;
   }

@@ -2,15 +2,14 @@
 #define VEXO_LOG_FILE "rsa"
 #include "rd_core/uidai_certs.h"
 
-#include <atomic>
-#include <cstddef>
-#include <map>
-#include <mutex>
-
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
+#include <atomic>
 #include <climits>
+#include <cstddef>
+#include <map>
+#include <mutex>
 
 #include "common/hash.h"
 #include "common/openssl_ptr.h"
@@ -71,10 +70,6 @@ std::map<std::string, std::string> read_store(const std::string& prefix) {
 }
 
 std::string sha256_hex(std::string_view text) { return hex_lower(sha256(text)); }
-
-}  // namespace
-
-namespace {
 
 bool names_uidai(const X509_NAME* subject) {
   for (int at = -1; (at = X509_NAME_get_index_by_NID(subject, NID_organizationName, at)) >= 0;) {
