@@ -100,9 +100,10 @@ VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
  * Offline grace: when an exchange fails (no answer, an HTTP error, a refused
  * or unusable answer), a registered device (key, dc and signed certificate
  * consistent) whose last successful Init lies within config.ini's
- * OFFLINE_GRACE_HOURS (default 72) keeps the status it had; otherwise the
- * status is the one each operation sets. TIME_STAMP_SYNC and
- * DEVICE_NOT_REGISTERED always set theirs. */
+ * OFFLINE_GRACE_HOURS (default 72) gets back the status it had before Init
+ * and the follow-ups it named made it busy; otherwise the status is the one
+ * each operation sets. TIME_STAMP_SYNC and DEVICE_NOT_REGISTERED always set
+ * theirs. */
 VEXO_EXPORT int Init(char *next_action) VEXO_NOEXCEPT;
 VEXO_EXPORT int Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
 VEXO_EXPORT int Software_Update(void) VEXO_NOEXCEPT;

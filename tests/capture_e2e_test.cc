@@ -755,10 +755,11 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   EXPECT_EQ(uidai_cert_in_force(UidaiCert::kProd), std::string(uidai_builtin_cert(UidaiCert::kProd)));
 }
 
-// A rotation that fails once the new key is made (the server answers 500,
-// refuses, cuts the connection, or sends a dc that would rewrite config.ini)
-// leaves the registered key, dc and certificate in force byte for byte, and
-// the service READY: captures are still signed for the registered certificate.
+// Init asks for a new key; the rotation fails once the new key is made (the
+// server answers 500, refuses, cuts the connection, or sends a dc that would
+// rewrite config.ini). The registered key, dc and certificate stay in force
+// byte for byte, and the service READY as before the round: captures are
+// still signed for the registered certificate.
 TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
   register_device();
   ASSERT_EQ(init().status, "\"READY\"");
@@ -804,6 +805,10 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.name);
+    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "KEY_ROTATION", "--registry", "registry.db"}), 0);
+    Step asked = init();
+    ASSERT_EQ(asked.action, "KEY_ROTATION");
+    EXPECT_EQ(asked.status, "\"USED\"");
     rd_config_update([&](RdConfig& c) { c.mgmt_url_keyrotation = r.url; });
     Step s = rotate();
     EXPECT_NE(s.rc, 0);

@@ -58,6 +58,23 @@ std::string working_path(const char* rel) { return rd_identity_copy().prefix + r
 
 bool is_handheld() { return rd_scanner_name() == "Tavio_TX9"; }
 
+// A round of the Management client: Init and the follow-ups its answer names.
+// A failed exchange within the offline grace period returns the service to
+// the status it had when the round began: the client's own USED (busy, a
+// follow-up due) and NOTREADY (a package to install) in between do not count.
+// The round ends when the service settles: READY, a refusal's status, or the
+// status a failure returned to. Only the host's management thread moves them.
+std::atomic<bool> g_round_open{false};
+std::atomic<unsigned> g_round_status{kRdReady};
+
+// The status the current round began with; a round begins when none is open.
+unsigned round_status() {
+  if (!g_round_open.exchange(true)) g_round_status.store(get_rd_status_index());
+  return g_round_status.load();
+}
+
+void end_round() { g_round_open.store(false); }
+
 void set_busy(const char* function) {
   RD_LOG_AS(function);
   RD_INFO("RD Service is BUSY");
@@ -68,6 +85,7 @@ void set_ready(const char* function) {
   RD_LOG_AS(function);
   RD_INFO("RD Service is READY");
   set_rd_status_ready();
+  end_round();
 }
 
 // The status after a refused Init: the handheld stays USED, a scanner NOTREADY.
@@ -80,6 +98,7 @@ void set_refused_status() {
     RD_INFO("RD Service is NOTREADY");
     set_rd_status_notready();
   }
+  end_round();
 }
 
 // ---------------------------------------------------------------- offline grace
@@ -118,16 +137,19 @@ bool registration_intact() {
 
 // After an exchange failed (no answer, an HTTP error, a refused or unusable
 // answer), a registered device whose last successful Init lies within the
-// offline grace period goes back to the status it had before the operation
-// set `designed`, so that one server outage does not stop every operator.
+// offline grace period goes back from `designed`, the status the operation
+// set, to the one its round began with (a detached scanner stays NOTREADY), so
+// that one server outage does not stop every operator.
 void keep_status_within_grace(const char* function, unsigned designed, unsigned before) {
   RD_LOG_AS(function);
   const std::optional<long long> last = last_successful_init();
   const long long now = static_cast<long long>(platform::now());
   const long long grace = static_cast<long long>(rd_config_copy().offline_grace_hours) * 3600;
-  if (!last || now < *last || now - *last > grace || before == designed || !registration_intact()) return;
-  if (rd_status_replace(designed, before)) {
+  if (!last || now < *last || now - *last > grace || !registration_intact()) return;
+  const unsigned target = get_device_detached() != 0 ? static_cast<unsigned>(RdStatusIndex::kRdNotReady) : before;
+  if (target != designed && rd_status_replace(designed, target)) {
     RD_INFO("Management server failed; the registered device keeps working (last Init %lld s ago)", now - *last);
+    end_round();
   }
 }
 
@@ -192,7 +214,7 @@ std::string init_follow_up(const std::string& action) {
 
 int init_impl(char* next_action) {
   RD_LOG_AS("Init");
-  const unsigned before = get_rd_status_index();
+  const unsigned before = round_status();
   set_busy("Init");
   set_next_action(next_action, "INIT_RETRY");
   std::string action(next_action);
@@ -348,7 +370,7 @@ int rotate_key(char* next_action, const char* operation, bool* exchange_failed) 
 
 int key_rotation_impl(char* next_action, const char* operation) {
   RD_LOG_AS("Key_Rotation");
-  const unsigned before = get_rd_status_index();
+  const unsigned before = round_status();
   set_busy("Key_Rotation");
   set_next_action(next_action, "KEY_ROTATION_RETRY");
   // Held for the whole exchange: no capture reads the key, the device code or
@@ -390,7 +412,7 @@ bool package_on_disk(const std::string& checksum) {
 
 int software_update_impl() {
   RD_LOG_AS("Software_Update");
-  const unsigned before = get_rd_status_index();
+  const unsigned before = round_status();
   RD_INFO("RD Service is NOTREADY");
   set_rd_status_notready();
   std::string action, path, checksum;
@@ -464,7 +486,7 @@ int fetch_uidai_cert(const std::string& path, const std::string& checksum) {
 
 int uidai_cert_update_impl(char* next_action) {
   RD_LOG_AS("uidai_cert_update");
-  const unsigned before = get_rd_status_index();
+  const unsigned before = round_status();
   set_busy("uidai_cert_update");
   std::string action, path, checksum;
   int rc = exchange(kUidaiUpdateOp, json_frame_uidai_cert_update, [&](const std::string& answer) {
@@ -527,7 +549,7 @@ int fetch_cert_answer(const std::string& url, int fetch_code, const char* fetch_
 
 int uidai_cert_force_update_impl(char* next_action) {
   RD_LOG_AS("uidai_cert_force_update");
-  const unsigned before = get_rd_status_index();
+  const unsigned before = round_status();
   set_busy("uidai_cert_force_update");
   const RdConfig config = rd_config_copy();
   const std::string prefix = rd_identity_copy().prefix;

@@ -4,9 +4,10 @@
 // tests use.
 //
 // A failed exchange (no answer, an HTTP error, a refused or unusable answer)
-// leaves a registered device in the status it had while its last successful
-// Init lies within config:OFFLINE_GRACE_HOURS (72 by default); the time of
-// that Init is kept in keystore/last_init.
+// returns a registered device to the status it had before Init and its
+// follow-ups made it busy, while its last successful Init lies within
+// config:OFFLINE_GRACE_HOURS (72 by default); the time of that Init is kept
+// in keystore/last_init.
 //
 // Thread-safety: the operations run one at a time on the host's calling
 // thread; Key_Rotation holds the scanner lock for its whole exchange.
