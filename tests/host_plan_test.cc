@@ -107,14 +107,6 @@ TEST(HostPlan, ScheduleNeitherLoopsNorStalls) {
   EXPECT_EQ(schedule.request(Call::kInit, 11000).wait_ms, 0);
 }
 
-TEST(HostPlan, RefusalsAreExplainedAndOthersAreNot) {
-  EXPECT_NE(host::action_remark("TIME_STAMP_SYNC").find("clock"), std::string::npos);
-  EXPECT_NE(host::action_remark("DEVICE_NOT_REGISTERED").find("not registered"), std::string::npos);
-  for (const char* quiet : {"", "NO_ACTION_NECESSARY", "KEY_ROTATION", "INIT_RETRY"}) {
-    EXPECT_EQ(host::action_remark(quiet), "") << quiet;
-  }
-}
-
 // The real pauses: 30 s, doubling, at most one hour.
 TEST(HostPlan, RetryPauseDoublesFromThirtySecondsUpToAnHour) {
   EXPECT_EQ(host::kRetryBaseMs, 30000);
