@@ -80,21 +80,42 @@ VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
  * (build/vexo-mgmt-server, see the README) serves all of this for tests and
  * for makers' server teams. */
 /* Results. Init: 0; a transport code (-14..-23) when sending failed; -3 the
- * answer is not JSON; -4 not understood; -5 clocks differ (TIME_STAMP_SYNC);
- * -6 DEVICE_NOT_REGISTERED. Key_Rotation: 0; -5 device lock not taken; -1
- * marker not removed; -6 no new key pair; a transport code; -3; -4; -7 seal
- * of config.ini wrong; -8 dc not written; -9 seal not renewed; -10 the
- * signed certificate is not Base64; -11 / -14 its file not opened / written;
- * -12 marker not created; -13 lock not released. uidai_cert_update: 0; a
- * transport code; -3; -4; -5 status report failed; -6 an answer other than
- * UPDATE_STATUS; -7 the certificate could not be fetched or does not match
- * its checksum (nothing stored). uidai_cert_force_update: 0; -2 / -5 fetch
- * failed (production / staging); -3; -4 / -6 answer not understood.
- * Software_Update: 0; a transport code; -3; -4; -5 download failed. */
+ * answer is not JSON; -4 not understood, or refused by the server; -5 clocks
+ * differ (TIME_STAMP_SYNC); -6 DEVICE_NOT_REGISTERED. Key_Rotation: 0; -5
+ * device lock not taken; -1 the request could not be made; -6 no new key
+ * pair; a transport code; -3; -4 (also a device code that is not 1 to 64
+ * letters, digits, '-', '.' or '_'); -7 seal of config.ini wrong; -8 dc not
+ * written; -9 seal not renewed; -10 the signed certificate is not Base64 or
+ * not for the new key; -11 / -14 its file not opened / written; -12 the new
+ * identity not committed; -13 lock not released. A new key pair is made
+ * beside the registered one and replaces it, with dc, the signed certificate
+ * and the marker App_Vexo, only once the server's answer is verified: after
+ * any failure the registered key, dc and certificate stay in force.
+ * uidai_cert_update: 0; a transport code; -3; -4; -5 status report failed;
+ * -6 an answer other than UPDATE_STATUS; -7 the certificate could not be
+ * fetched, is not plausible (an RSA key of at least 2048 bits, valid now,
+ * organisation UIDAI) or does not match its checksum (nothing stored).
+ * uidai_cert_force_update: 0; -2 / -5 fetch failed (production / staging);
+ * -3; -4 / -6 answer not understood. Software_Update: 0; a transport code;
+ * -3; -4; -5 download failed. A package already downloaded and verified is
+ * not fetched again.
+ *
+ * Offline grace: when an exchange fails (no answer, an HTTP error, a refused
+ * or unusable answer), a registered device (key, dc and signed certificate
+ * consistent) whose last successful Init lies within config.ini's
+ * OFFLINE_GRACE_HOURS (default 72) gets back the status it had before Init
+ * and the follow-ups it named made it busy; otherwise the status is the one
+ * each operation sets. TIME_STAMP_SYNC and DEVICE_NOT_REGISTERED always set
+ * theirs. */
 VEXO_EXPORT int Init(char *next_action) VEXO_NOEXCEPT;
 VEXO_EXPORT int Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
 VEXO_EXPORT int Software_Update(void) VEXO_NOEXCEPT;
 VEXO_EXPORT int uidai_cert_update(char *next_action) VEXO_NOEXCEPT;
+/* 1 when a capture found the UIDAI certificate out of date, so that the host
+ * is to call Software_Update (a capture never runs it itself); 0 otherwise.
+ * A successful Software_Update clears it. Meanwhile Init answers
+ * "SOFTWARE_UPDATE" where the server asks for nothing. */
+VEXO_EXPORT int Software_Update_Pending(void) VEXO_NOEXCEPT;
 VEXO_EXPORT int uidai_cert_force_update(char *next_action) VEXO_NOEXCEPT;
 
 /* Writes IS_SSL_ENABLE ("0" or "1") into config.ini and reseals it. 0 or -1. */

@@ -28,6 +28,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "test_crypto.h"
 #include "test_util.h"
+#include "vexo.h"
 
 namespace {
 
@@ -267,7 +268,7 @@ TEST_F(CryptoTest, StagingUsesTheProductionCertificateOnlyForTheProductionServer
   }
 }
 
-TEST_F(CryptoTest, WrongChecksumGives240AndAnUpdateAttempt) {
+TEST_F(CryptoTest, WrongChecksumGives240AndAsksTheHostForAnUpdate) {
   install_test_certs();
   const std::string wrong(64, 'f');
   struct Case {
@@ -314,10 +315,11 @@ TEST_F(CryptoTest, WrongChecksumGives240AndAnUpdateAttempt) {
     EXPECT_TRUE(contains(text, "ERROR  (rsa:check_valid_cert:"));
     EXPECT_TRUE(contains(text, ") - Check-Sum Verification failed\n"));
     EXPECT_TRUE(contains(text, ") - Going To download New version of RD Service\n"));
-    EXPECT_TRUE(contains(text, ") - ..... Software_Update Failed ......\n"));
     EXPECT_TRUE(contains(text, ") - Error at  session key encryption with UIDAI public key \n"));
-    // The update attempt that follows reports its own failure last.
-    EXPECT_TRUE(contains(text, ") - Trying to send Software_Update Request to Management server\n"));
+    // The capture's thread runs no update: the host is asked to.
+    EXPECT_TRUE(contains(text, ") - Software_Update is left to the host program\n"));
+    EXPECT_FALSE(contains(text, "Trying to send Software_Update"));
+    EXPECT_EQ(Software_Update_Pending(), 1);
   }
 }
 

@@ -44,11 +44,15 @@ void usage() {
   std::fprintf(stderr,
                "usage: vexo-host [--workdir DIR] [--mgmt-poll SECONDS | --no-mgmt] SCANNER_DETAILS\n"
                "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
-               "  After start-up it calls Init and then what the Management server's next\n"
-               "  action names (Key_Rotation, uidai_cert_update, Software_Update), printing\n"
-               "  each call as \"mgmt: CALL -> RESULT, next action ACTION\". Init runs again\n"
-               "  every --mgmt-poll seconds (default %lld) and when another scanner is\n"
-               "  attached. Failed calls are retried after %lld s, doubling up to %lld s.\n"
+               "  After start-up it calls Init, uidai_cert_force_update once after the first\n"
+               "  successful Init, and then what the Management server's next action names\n"
+               "  (Key_Rotation, uidai_cert_update, Software_Update), printing each call as\n"
+               "  \"mgmt: CALL -> RESULT, next action ACTION\".\n"
+               "  Init runs again every --mgmt-poll seconds (default %lld) and when another\n"
+               "  scanner is attached; Software_Update runs when a capture found the UIDAI\n"
+               "  certificate out of date.\n"
+               "  After a failed call Init is retried after %lld s, doubling up to %lld s;\n"
+               "  the same follow-up runs at most once per such interval.\n"
                "  --no-mgmt leaves the Management server alone.\n"
                "  SIGUSR1 reports the scanner plugged in, SIGUSR2 pulled out;\n"
                "  SIGINT or SIGTERM stops the host.\n",
@@ -177,7 +181,9 @@ int main(int argc, char** argv) {
       !bind(lib, "Get_Last_RDservice_Status", &x.Get_Last_RDservice_Status) ||
       !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device) ||
       !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
-      !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update)) {
+      !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update) ||
+      !bind(lib, "uidai_cert_force_update", &m.uidai_cert_force_update) ||
+      !bind(lib, "Software_Update_Pending", &m.Software_Update_Pending)) {
     if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", dlerror());
     stop = true;
     reader.join();
