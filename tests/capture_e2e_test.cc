@@ -29,7 +29,6 @@
 #include "jp2_test_util.h"
 #include "mgmt_core/mgmt_api.h"
 #include "mgmt_server_util.h"
-#include "canned_server.h"
 #include "rds_hash.h"
 #include "mgmt_core/Base64.h"
 #include "common/hash.h"
@@ -771,28 +770,42 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
   std::vector<std::string> before;
   for (const char* f : kIdentity) before.push_back(testutil::read_file(f));
 
-  CannedServer error([](const std::string&, const std::string&) {
-    return http_response("500 Internal Server Error", "{}", nullptr);
-  });
-  CannedServer cut([](const std::string&, const std::string&) { return std::string(); });
+  // Canned servers speak TLS with the reference server's own certificate, so
+  // that only what they answer differs from the real server's exchange.
+  const std::string crt = mgmttest::kMgmtData + "/server.crt", key = mgmttest::kMgmtData + "/server.key";
+  using mgmttest::CannedRequest;
+  using mgmttest::Reply;
+  mgmttest::CannedServer error(
+      [](const CannedRequest&) { return Reply(mgmttest::http_reply("500 Internal Server Error", "", "{}")); }, crt,
+      key);
+  mgmttest::CannedServer cut(
+      [](const CannedRequest&) {
+        Reply r;
+        r.hang_up = true;
+        return r;
+      },
+      crt, key);
   // Signed like the server's own answers, with the device's own certificate
   // for sPKey, so only the dc check can refuse it.
-  CannedServer injected([](const std::string& drt, const std::string& request) {
-    std::smatch pkey;
-    std::regex_search(request, pkey, std::regex(R"re("pKey": ?"([^"]+)")re"));
-    X509Ptr own = testcrypto::cert_of_pem(as_text(b64(pkey[1])));
-    unsigned char* der = nullptr;
-    const int len = own ? i2d_X509(own.get(), &der) : 0;
-    std::string spkey;
-    Base64Encode(std::span<const std::uint8_t>(der, static_cast<std::size_t>(len > 0 ? len : 0)), &spkey);
-    OPENSSL_free(der);
-    const std::string body =
-        R"({"respStatus":"y","respCode":"ZELM-000","respDesc":"ok","device":{"dc":"1234\ndomain_name = X\n[zzz]"},)"
-        R"("nextAction":["NO_ACTION_NECESSARY"],"ts":"2026-01-01T00:00:00","sPKey":")" + spkey + "\"}";
-    std::string answer;
-    EXPECT_EQ(rds_hmac_sign_response(body.data(), body.size(), drt, &answer), 0);
-    return http_response("200 OK", body, &answer);
-  });
+  mgmttest::CannedServer injected(
+      [](const CannedRequest& request) {
+        std::smatch pkey;
+        std::regex_search(request.body, pkey, std::regex(R"re("pKey": ?"([^"]+)")re"));
+        X509Ptr own = testcrypto::cert_of_pem(as_text(b64(pkey[1])));
+        unsigned char* der = nullptr;
+        const int len = own ? i2d_X509(own.get(), &der) : 0;
+        std::string spkey;
+        Base64Encode(std::span<const std::uint8_t>(der, static_cast<std::size_t>(len > 0 ? len : 0)), &spkey);
+        OPENSSL_free(der);
+        const std::string body =
+            R"({"respStatus":"y","respCode":"ZELM-000","respDesc":"ok","device":{"dc":"1234\ndomain_name = X\n[zzz]"},)"
+            R"("nextAction":["NO_ACTION_NECESSARY"],"ts":"2026-01-01T00:00:00","sPKey":")" +
+            spkey + "\"}";
+        std::string answer;
+        EXPECT_EQ(rds_hmac_sign_response(body.data(), body.size(), request.header("RD_DRT"), &answer), 0);
+        return Reply(mgmttest::http_reply("200 OK", "RD_DRT: " + answer + "\r\n", body));
+      },
+      crt, key);
   mgmttest::Server refusing(true, {"--registry", "empty.db"});
   const struct {
     const char* name;
@@ -822,7 +835,7 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
     EXPECT_EQ(pd.device["dc"], dc);
     EXPECT_TRUE(signed_under(pd, registered.get(), dc));
   }
-  EXPECT_EQ(injected.requests(), 1);
+  EXPECT_EQ(injected.requests().size(), 1u);
   for (const auto& e : fs::recursive_directory_iterator(".")) {
     EXPECT_FALSE(e.path().string().ends_with(".staged")) << e.path();
   }
@@ -839,7 +852,7 @@ TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
   ASSERT_EQ(::stat("keystore/last_init", &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   const std::time_t now = platform::now();
-  point_at("https://127.0.0.1:" + std::to_string(closed_port()) + "/Zelm");
+  point_at("https://127.0.0.1:" + std::to_string(mgmttest::closed_port()) + "/Zelm");
   const struct {
     const char* name;
     long long hours_later;

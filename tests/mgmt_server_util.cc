@@ -250,6 +250,7 @@ void CannedServer::answer(int c, SSL* ssl) {
     requests_.push_back(request);
   }
   const Reply reply = handler_ ? handler_(request) : Reply();
+  if (reply.hang_up) return;
   if (reply.bytes.empty()) {
     wait_readable(c, stop_[0]);  // held until the client gives up or the test ends
     return;
@@ -265,6 +266,12 @@ void CannedServer::answer(int c, SSL* ssl) {
     if (!send_all(filler.data(), n)) return;
     left -= n;
   }
+}
+
+int closed_port() {
+  CannedServer gone(nullptr);
+  const std::string url = gone.url("");
+  return std::stoi(url.substr(url.rfind(':') + 1));
 }
 
 Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>& extensions, const Issued* issuer) {

@@ -63,6 +63,7 @@ struct Reply {
   std::string bytes;       // sent at once; empty: no answer, the client is held until it leaves
   std::size_t filler = 0;  // then this many bytes of 'x' ...
   int trickle_ms = 0;      // ... one every trickle_ms (0: as fast as the client takes them)
+  bool hang_up = false;    // close the connection at once, unanswered
 };
 
 // "HTTP/1.1 STATUS" with the given header lines (each ending in CRLF), a
@@ -105,6 +106,9 @@ class CannedServer {
   std::size_t sent_ = 0;
   std::thread thread_;
 };
+
+// A port of 127.0.0.1 with nothing listening on it.
+int closed_port();
 
 // A P-256 key and a certificate for it with CN=cn and the given extensions
 // (OpenSSL configuration values by NID), valid from a day ago for a year and

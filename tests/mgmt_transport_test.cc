@@ -34,17 +34,11 @@ using mgmttest::CannedServer;
 using mgmttest::http_reply;
 using mgmttest::kMgmtData;
 using mgmttest::Reply;
+using mgmttest::closed_port;
 using mgmttest::Server;
 
 const MgmtIdentity kDevice = {"1.0.2", "KORV.LIN.001", "CL01",    "2.1",  "LINUX",
                               "0a1b2c3d4e5f", "SN1001", "Korvane", "A600", "KORV"};
-
-// A free port with nothing listening on it.
-int closed_port() {
-  CannedServer gone(nullptr);
-  const std::string url = gone.url("");
-  return std::stoi(url.substr(url.rfind(':') + 1));
-}
 
 // The response's RD_DRT as the server makes it, over body and the request's RD_DRT.
 std::string signed_for(const std::string& body, const std::string& request_drt) {
