@@ -227,7 +227,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureC
                          [](const ::testing::TestParamInfo<FailureCase>& info) { return info.param.name; });
 
 TEST_F(StartupTest, NoStatusPipeFailsWithMinusOne) {
-  platform::set_status_pipe_path_for_test(dir_.file("absent_fifo"));
+  platform::set_status_pipe_path(dir_.file("absent_fifo"));
   EXPECT_EQ(Initialize_process("Aratek_A600"), -1);
   EXPECT_NE(testutil::last_status().find("Create pipe failed, error_code = 2"), std::string::npos);
 }

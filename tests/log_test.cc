@@ -168,7 +168,7 @@ TEST_F(LogTest, StatusPipeMessagesArriveByteForByte) {
 }
 
 TEST_F(LogTest, MissingPipeFailsWithErrorCode) {
-  platform::set_status_pipe_path_for_test(dir_.file("no_such_fifo"));
+  platform::set_status_pipe_path(dir_.file("no_such_fifo"));
   platform::set_time_for_test(0);
   EXPECT_EQ(create_Pipe(), -1);
   EXPECT_EQ(testutil::last_status(), "1970-01-01 05:30:00 | rd_log | create_Pipe | Create pipe failed, error_code = 2\n ");
@@ -177,9 +177,9 @@ TEST_F(LogTest, MissingPipeFailsWithErrorCode) {
 
   // A plain file is not a FIFO either.
   testutil::write_file("plain", "");
-  platform::set_status_pipe_path_for_test(dir_.file("plain"));
+  platform::set_status_pipe_path(dir_.file("plain"));
   EXPECT_EQ(create_Pipe(), -1);
-  platform::set_status_pipe_path_for_test("/tmp/qdx.win.002");
+  platform::set_status_pipe_path("/tmp/qdx.win.002");
   EXPECT_EQ(platform::status_pipe_path(), "/tmp/qdx.win.002");
 }
 

@@ -192,7 +192,7 @@ class ShareScope {
 // Creates or empties the target. 0 or -1.
 int start_fresh(const std::string& target) {
   RD_LOG_AS("download_manager");
-  UniqueFile f(std::fopen(target.c_str(), "wb"));
+  UniqueFile f(platform::open_file(target, "wb"));
   if (!f) {
     RD_ERROR("Couldn't open download file");
     return -1;
@@ -203,7 +203,7 @@ int start_fresh(const std::string& target) {
 // Appends want bytes of package.child to target. 0 or -1.
 int append_chunk(const std::string& target, long want) {
   RD_LOG_AS("download_manager");
-  UniqueFile out(std::fopen(target.c_str(), "ab"));
+  UniqueFile out(platform::open_file(target, "ab"));
   UniqueFile in(std::fopen(kDownloadChild, "rb"));
   if (!out || !in) {
     RD_ERROR("Couldn't open download file");
@@ -387,7 +387,7 @@ int download_part(const std::string& url, const std::string& range, long* bytes)
     RD_ERROR("Error in curl_easy_init");
     return -1;
   }
-  UniqueFile child(std::fopen(kDownloadChild, "wb"));
+  UniqueFile child(platform::open_file(kDownloadChild, "wb"));
   if (!child) {
     RD_ERROR("Couldn't open %s", kDownloadChild);
     return -1;

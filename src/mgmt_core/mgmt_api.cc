@@ -287,7 +287,7 @@ int key_rotation_impl(char* next_action, const char* operation) {
     RD_ERROR("Error at Base64Decode of signed public key");
     return -10;
   }
-  const int written = platform::write_file_atomic(signed_mc_path, der.data(), der.size(), 0644);
+  const int written = platform::write_file_atomic(signed_mc_path, der.data(), der.size());
   if (written == -1) {
     RD_ERROR("Unable open signed device public key file");
     RD_STATUS("Unable to open signed device public key file ");
