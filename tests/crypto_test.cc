@@ -9,7 +9,12 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <sys/resource.h>
+
+#include <cinttypes>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +23,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
+#include "common/secret.h"
 #include "mgmt_core/Base64.h"
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
@@ -547,6 +553,51 @@ TEST_F(BioSignTest, BioSignVerifiesOverRecordDigestTsAndDc) {
   }
   EXPECT_NE(signatures[0], signatures[1]);
   EXPECT_TRUE(contains(log(), ") - Generation of bio-sign is successful\n"));
+}
+
+}  // namespace
+
+namespace {
+
+// The VmFlags of the mapping that holds p, from /proc/self/smaps.
+std::string vm_flags_of(const void* p) {
+  std::ifstream smaps("/proc/self/smaps");
+  const auto at = reinterpret_cast<std::uintptr_t>(p);
+  bool inside = false;
+  for (std::string line; std::getline(smaps, line);) {
+    std::uintptr_t lo = 0, hi = 0;
+    if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " ", &lo, &hi) == 2 && line.find(':') > 8) {
+      inside = lo <= at && at < hi;
+    } else if (inside && line.rfind("VmFlags:", 0) == 0) {
+      return line;
+    }
+  }
+  return "";
+}
+
+// Key material lives in pages of its own that a core dump leaves out and
+// that are locked in memory while the limit allows, however the Secret was
+// filled; moving it keeps the bytes, and adopting cleanses the source.
+TEST(SecretTest, BytesStayOutOfCoreDumpsAndSwap) {
+  Secret grown;
+  for (int i = 0; i < 3000; ++i) grown.append("key-");  // past one page, so it moves
+  std::string text = "short pw";
+  Secret adopted = Secret::adopt(std::move(text));
+  EXPECT_EQ(text, "");
+  Secret moved(std::move(grown));
+  EXPECT_TRUE(grown.empty());
+  EXPECT_EQ(moved.size(), 12000u);
+  EXPECT_EQ(moved.view().substr(11996), "key-");
+  EXPECT_EQ(std::string(adopted.c_str()), "short pw");
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+  for (const Secret* s : {&moved, &adopted}) {
+    const std::string flags = vm_flags_of(s->data());
+    EXPECT_NE(flags.find(" dd"), std::string::npos) << flags;
+    if (limit.rlim_cur >= 64 * 1024) {
+      EXPECT_NE(flags.find(" lo"), std::string::npos) << flags;
+    }
+  }
 }
 
 }  // namespace
