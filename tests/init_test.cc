@@ -525,7 +525,8 @@ TEST(HostProcessTest, RefusesAFifoPathTakenByAnother) {
     const std::string path = folder + "/fifo" + std::to_string(n++);
     ASSERT_TRUE(testutil::as_other_user([&] { return row.plant(path); }));
     const int mode = testutil::mode_of(path);
-    const std::string cmd = std::string(VEXO_BUILD_DIR) + "/vexo-host --status-pipe " + path + " --no-mgmt Aratek_A600 2>&1";
+    const std::string cmd =
+        std::string(VEXO_BUILD_DIR) + "/vexo-host --status-pipe " + path + " --no-mgmt Aratek_A600 2>&1";
     FILE* out = popen(cmd.c_str(), "r");
     ASSERT_NE(out, nullptr);
     std::string text;

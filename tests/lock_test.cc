@@ -74,11 +74,11 @@ TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
     bool lock_is_victim;  // the mode to watch is the lock path's own, not the other file's
   };
   const Row rows[] = {
-      {"link to a private file", [](auto& l, auto& o) { return creat(o.c_str(), 0600) >= 0 && !symlink(o.c_str(), l.c_str()); },
-       -1, false},
+      {"link to a private file",
+       [](auto& l, auto& o) { return creat(o.c_str(), 0600) >= 0 && !symlink(o.c_str(), l.c_str()); }, -1, false},
       {"link to nothing", [](auto& l, auto& o) { return !symlink(o.c_str(), l.c_str()); }, -1, false},
-      {"second link of a private file", [](auto& l, auto& o) { return creat(o.c_str(), 0600) >= 0 && !link(o.c_str(), l.c_str()); },
-       -1, false},
+      {"second link of a private file",
+       [](auto& l, auto& o) { return creat(o.c_str(), 0600) >= 0 && !link(o.c_str(), l.c_str()); }, -1, false},
       {"FIFO", [](auto& l, auto&) { return !mkfifo(l.c_str(), 0600); }, -1, true},
       {"folder", [](auto& l, auto&) { return !mkdir(l.c_str(), 0700); }, -1, true},
       {"plain file 0644", [](auto& l, auto&) { return creat(l.c_str(), 0644) >= 0; }, 0, true},
@@ -98,9 +98,10 @@ TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
     EXPECT_EQ(init_semaphore(), row.expected);
     EXPECT_EQ(testutil::mode_of(watched), mode);
     if (row.expected != 0) {
-      EXPECT_NE(testutil::last_status().find(" | semaphore_syc | init_semaphore | Lock file " + lock + " cannot be used"),
+      const std::string status = testutil::last_status();
+      EXPECT_NE(status.find(" | semaphore_syc | init_semaphore | Lock file " + lock + " cannot be used"),
                 std::string::npos)
-          << testutil::last_status();
+          << status;
     } else {
       EXPECT_EQ(Lock_Semaphore(), 0);
       EXPECT_EQ(Unlock_Semaphore(), 0);

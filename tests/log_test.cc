@@ -166,10 +166,12 @@ TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
       {"private FIFO", [](const std::string& p) { return !mkfifo(p.c_str(), 0600); }, false, 0},
       {"nothing there", [](const std::string&) { return true; }, false, ENOENT},
       {"plain file", [](const std::string& p) { return creat(p.c_str(), 0600) >= 0; }, false, ENOENT},
-      {"FIFO others may write", [](const std::string& p) { return !mkfifo(p.c_str(), 0600) && !chmod(p.c_str(), 0622); },
-       false, EPERM},
+      {"FIFO others may write",
+       [](const std::string& p) { return !mkfifo(p.c_str(), 0600) && !chmod(p.c_str(), 0622); }, false, EPERM},
       {"link to a private FIFO",
-       [](const std::string& p) { return !mkfifo((p + ".real").c_str(), 0600) && !symlink((p + ".real").c_str(), p.c_str()); },
+       [](const std::string& p) {
+         return !mkfifo((p + ".real").c_str(), 0600) && !symlink((p + ".real").c_str(), p.c_str());
+       },
        false, ELOOP},
       {"another user's FIFO", [](const std::string& p) { return !mkfifo(p.c_str(), 0600); }, true, EPERM},
   };
