@@ -113,6 +113,16 @@ TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
   semaphore_reset_for_test();
   ASSERT_EQ(init_semaphore(), 0);
   EXPECT_EQ(testutil::mode_of(folder + "/Global_QDX_WIN_010.lock"), 0666);
+  // The handheld lock's name is refused the same way.
+  const std::string tavio = folder + "/Global_QDX_WIN_009_Tavio.lock";
+  ASSERT_TRUE(testutil::as_other_user([&] { return !symlink((folder + "/x").c_str(), tavio.c_str()); }));
+  semaphore_reset_for_test();
+  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Tavio_TX9"; });
+  EXPECT_EQ(init_semaphore(), -1);
+  EXPECT_NE(testutil::last_status().find(" | semaphore_Tavio | init_semaphore_Tavio | Lock file " + tavio),
+            std::string::npos)
+      << testutil::last_status();
+  EXPECT_FALSE(std::filesystem::exists(folder + "/x"));
 }
 
 TEST(LockNames, ScannerTable) {

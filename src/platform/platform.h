@@ -82,7 +82,9 @@ struct NamedLock;
 // The folder of the lock files: a test's folder, else the one set with
 // set_lock_dir (the configured lock folder), else default_lock_dir().
 std::string lock_dir();
-// "/run/vexo" when that folder exists (the package makes it), else "/tmp".
+// The package's lock folder when it exists, else the system's temporary
+// folder: "/run/vexo", else "/tmp" (never $TMPDIR, which differs between
+// processes that must share the locks).
 std::string default_lock_dir();
 // The configured lock folder; empty for the default.
 void set_lock_dir(const std::string& dir);
@@ -200,8 +202,6 @@ long long file_modify_time_ns(const std::string& path);
 // Marks the process not dumpable: no core file, and other processes of the
 // same user cannot attach to it or read its memory. 0, or -1 (errno kept).
 int forbid_core_dumps();
-// True when the process is marked so.
-bool core_dumps_forbidden();
 
 // ---------------------------------------------------------------- random
 // Cryptographically strong random bytes. 0 or -1.

@@ -6,6 +6,4 @@ namespace platform {
 
 int forbid_core_dumps() { return ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0 ? 0 : -1; }
 
-bool core_dumps_forbidden() { return ::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0) == 0; }
-
 }  // namespace platform
