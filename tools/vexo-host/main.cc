@@ -48,8 +48,9 @@ void usage() {
                "                 SCANNER_DETAILS\n"
                "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
                "  The status FIFO is PATH (in a folder only this user can write), else\n"
-               "  $XDG_RUNTIME_DIR/qdx.win.002, else qdx.win.002 in a fresh private folder\n"
-               "  under /tmp; its messages are printed as \"pipe: ...\" lines.\n"
+               "  $XDG_RUNTIME_DIR/qdx.win.002 (a folder of this user, closed to others), else\n"
+               "  qdx.win.002 in a fresh private folder under /tmp; its messages are printed\n"
+               "  as \"pipe: ...\" lines.\n"
                "  After start-up it calls Init and then what the Management server's next\n"
                "  action names (Key_Rotation, uidai_cert_update, Software_Update), printing\n"
                "  each call as \"mgmt: CALL -> RESULT, next action ACTION\". Init runs again\n"
@@ -109,13 +110,16 @@ class StatusFifo {
     made_ = false;
     folder_.clear();
   }
-  // Makes the FIFO at path, or in $XDG_RUNTIME_DIR, or in a fresh 0700
-  // folder under /tmp when path is empty. false after printing why.
+  // Makes the FIFO at path, or in $XDG_RUNTIME_DIR (when that is a folder
+  // of this user closed to others), or in a fresh 0700 folder under /tmp
+  // when path is empty. false after printing why.
   bool open_at(const std::string& path) {
     path_ = path;
     if (path_.empty()) {
       const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-      if (runtime != nullptr && runtime[0] == '/') {
+      struct stat st {};
+      if (runtime != nullptr && runtime[0] == '/' && stat(runtime, &st) == 0 && S_ISDIR(st.st_mode) &&
+          st.st_uid == geteuid() && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
         path_ = std::string(runtime) + "/" + kPipeName;
       } else {
         char folder[] = "/tmp/vexo-host-XXXXXX";
