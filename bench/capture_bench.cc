@@ -88,7 +88,7 @@ class PipeDrain {
   explicit PipeDrain(const std::string& path) {
     if (mkfifo(path.c_str(), 0600) != 0) die("mkfifo");
     fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
-    platform::set_status_pipe_path_for_test(path);
+    platform::set_status_pipe_path(path);
     thread_ = std::thread([this] {
       char buf[4096];
       while (!stop_) {

@@ -31,6 +31,16 @@ extern "C" {
 #define VEXO_STATUS_LEN 2048
 /* Size of the next-action buffer passed to the Management operations. */
 #define VEXO_NEXT_ACTION_LEN 256
+/* Longest status-pipe path Set_Status_Pipe_Path takes, its NUL included. */
+#define VEXO_PIPE_PATH_LEN 1024
+
+/* Names the status FIFO the host made, before Initialize_process opens it:
+ * an absolute path in a folder only the host's user can write. The library
+ * opens it only when it is a FIFO of the same effective user that other users
+ * can neither read nor write. Without this call the FIFO is
+ * "/run/user/<uid>/qdx.win.002". Returns 0, or -1 for a null, relative or
+ * over-long path (the path in use is kept). */
+VEXO_EXPORT int Set_Status_Pipe_Path(const char *path) VEXO_NOEXCEPT;
 
 /* Prepares the service for the scanner named by scanner_details ("Aratek_A600",
  * "Aratek_A400", ... or "Tavio_TX9|PORT|SECURITY"). Returns 0, a negative code,

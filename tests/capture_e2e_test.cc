@@ -260,6 +260,24 @@ TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
   EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
 }
 
+// The run log says what was asked, never what was sent: no otp, no name,
+// date of birth or address of the Demo data.
+TEST_F(CaptureEndToEnd, LogKeepsNothingOfTheRequestBody) {
+  const std::string options =
+      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
+      "posh=\"LEFT_INDEX\" env=\"P\" otp=\"918273\" wadh=\"\"/><Demo lang=\"06\"><Pi ms=\"E\" name=\"Savitri "
+      "Devi\" dob=\"1961-04-17\"/><Pa ms=\"E\" street=\"Lal Bagh Road\"/></Demo></PidOptions>";
+  auto [head, body] = capture(options);
+  EXPECT_EQ(parse_pid_data(body).resp["errCode"], "0") << body;
+  const std::string log = testutil::read_file("rd.log");
+  for (const char* secret : {"918273", "Savitri", "1961-04-17", "Lal Bagh", "<PidOptions"}) {
+    EXPECT_EQ(log.find(secret), std::string::npos) << secret;
+  }
+  EXPECT_NE(log.find(") - Request is: CAPTURE /rd/capture, body of " + std::to_string(options.size()) +
+                     " bytes, origin: none\n"),
+            std::string::npos);
+}
+
 TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
   auto [head, body] = capture(
       "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" "

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -39,7 +40,7 @@ PipeReader::PipeReader(const std::string& dir) : path_(dir + "/qdx.win.002") {
   if (mkfifo(path_.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
   fd_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK);
   if (fd_ < 0 || ::pipe(stop_fd_) != 0) throw std::runtime_error("fifo open failed");
-  platform::set_status_pipe_path_for_test(path_);
+  platform::set_status_pipe_path(path_);
   thread_ = std::thread([this] {
     char buf[4096];
     for (;;) {
@@ -67,7 +68,7 @@ PipeReader::~PipeReader() {
   ::close(stop_fd_[0]);
   ::close(stop_fd_[1]);
   ::unlink(path_.c_str());
-  platform::set_status_pipe_path_for_test("/tmp/qdx.win.002");
+  platform::set_status_pipe_path("");
 }
 
 std::string PipeReader::received() {
@@ -82,6 +83,34 @@ bool PipeReader::wait_for(const std::string& needle, int timeout_ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return received().find(needle) != std::string::npos;
+}
+
+constexpr uid_t kNobody = 65534;
+
+bool other_user_available() { return ::geteuid() == 0; }
+
+bool as_other_user(const std::function<bool()>& fn) {
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::umask(0);
+    if (other_user_available() && (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) ::_exit(2);
+    ::_exit(fn() ? 0 : 1);
+  }
+  int status = 0;
+  return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::string shared_folder(const WorkDir& dir, const std::string& name) {
+  const std::string path = dir.file(name);
+  ::chmod(dir.path().c_str(), 0711);
+  ::mkdir(path.c_str(), 0700);
+  ::chmod(path.c_str(), 01777);
+  return path;
+}
+
+int mode_of(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
 }
 
 std::string read_file(const std::string& path) {

@@ -102,6 +102,7 @@
 #define VEXO_HTTP_CODES(X)                                                   \
   X(kHttpOk, 200, "OK")                                                      \
   X(kHttpBadRequest, 400, "path not valid")                                  \
+  X(kHttpForbidden, 403, "origin not allowed")                               \
   X(kHttpBadVerb, 405, "verb not known")                                     \
   X(kHttpTooLarge, 413, "request does not fit the receive area")             \
   X(kHttpNoBody, 422, "request without a body")                              \

@@ -37,6 +37,8 @@ struct RdConfig {
   std::string mgmt_url_softupdate;
   std::string mgmt_url_getcert_pp;
   std::string mgmt_url_getcert_p;
+  std::string lock_folder;       // LOCK_FOLDER (optional): folder of the machine-wide lock files
+  std::string allowed_origins;   // ALLOWED_ORIGINS (optional): the only browser origins served
   std::string proxy_url;
   std::string proxy_username;
   std::string proxy_password;

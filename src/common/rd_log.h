@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 enum class LogLevel { kInfo, kError };
 
@@ -32,12 +33,16 @@ int log_timestamp();
 // Appends text unchanged to "Vexo_Error.log"; when that fails, prints
 // "Error in opening the Vexo_Error.log file" to standard error.
 void write_error_log(const char* text);
-// Opens the status pipe (platform::status_pipe_path()). 0, or -1 with the
-// "Create pipe failed" reports.
+// Opens the status pipe (platform::status_pipe_path(), which the host names
+// with the exported Set_Status_Pipe_Path). 0, or -1 with the "Create pipe
+// failed" reports.
 int create_Pipe();
-// Writes len bytes to the status pipe in one call. 0, or -1 (reported).
+// Writes len bytes to the status pipe in one call that never blocks. 0, or -1
+// (reported; a full pipe loses the message).
 int write_to_pipe(const char* buf, std::size_t len);
-// Rotates ./rd.log to ./rd1.log once it is larger than the size limit.
+// Rotates ./rd.log to ./rd1.log once it is larger than the size limit (more
+// than limit KB). Every line written checks this first, so a log never
+// grows past the limit by more than one line, whatever writes to it.
 // 0, or -1 when the log cannot be reopened.
 int logfile_size_check();
 
@@ -53,6 +58,10 @@ int ist_time_text(const char* format, std::string* out);
 
 // "server" for ".../src/http/server.cc": the name that log lines carry.
 std::string source_base_name(const char* file);
+// Text from outside (a request line, an origin) made fit for one log line: at
+// most max bytes of it, every byte outside printable ASCII and the backslash
+// written as "\\xNN", and "..." after a cut.
+std::string log_safe(std::string_view text, std::size_t max);
 
 // One run-log line: "<ts> INFO   (file:func:line) - text\n" under the log mutex.
 void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line,

@@ -69,7 +69,23 @@ int offline_grace_hours(const char* text) {
   return hours;
 }
 
+// The optional settings of the shared-computer deployment.
+void read_settings(dictionary* ini, RdConfig* cfg) {
+  cfg->lock_folder = iniparser_getstring(ini, "config:LOCK_FOLDER", "");
+  cfg->allowed_origins = iniparser_getstring(ini, "config:ALLOWED_ORIGINS", "");
+}
+
 }  // namespace
+
+int read_lock_folder() {
+  if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) return -1;
+  Dict ini(iniparser_load(kConfigPath));
+  if (ini == nullptr) return -1;
+  RdConfig cfg;
+  read_settings(ini.get(), &cfg);
+  rd_config_update([&cfg](RdConfig& shared) { shared.lock_folder = cfg.lock_folder; });
+  return 0;
+}
 
 int read_config_file() {
   {
@@ -108,6 +124,7 @@ int read_config_file() {
   rd_set_verbose(cfg.verbose);
   cfg.prod_register_url = iniparser_getstring(ini.get(), "config:PROD_REGISTER_URL", "");
   cfg.offline_grace_hours = offline_grace_hours(iniparser_getstring(ini.get(), "config:OFFLINE_GRACE_HOURS", nullptr));
+  read_settings(ini.get(), &cfg);
 
   const char* value = iniparser_getstring(ini.get(), "config:RD_VER", nullptr);
   if (value == nullptr) {

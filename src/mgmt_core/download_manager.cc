@@ -238,7 +238,7 @@ int download_part(const Link& link, const std::string& url, const std::string& r
   // first: a file emptied and rewritten is flushed to disk on close by some
   // file systems (ext4), which would cost a disk write for every chunk.
   UniqueFile child(std::fopen(kDownloadChild, "r+b"));
-  if (!child) child.reset(std::fopen(kDownloadChild, "wb"));
+  if (!child) child.reset(platform::open_file(kDownloadChild, "wb"));
   bool written = child && std::fwrite(body->data(), 1, body->size(), child.get()) == body->size() &&
                  std::fclose(child.release()) == 0;
   std::error_code ec;
@@ -253,7 +253,7 @@ int download_part(const Link& link, const std::string& url, const std::string& r
 // Creates or empties the target. 0 or -1.
 int start_fresh(const std::string& target) {
   RD_LOG_AS("download_manager");
-  UniqueFile f(std::fopen(target.c_str(), "wb"));
+  UniqueFile f(platform::open_file(target, "wb"));
   if (!f) {
     RD_ERROR("Couldn't open download file");
     return kDownloadFailed;
@@ -265,7 +265,7 @@ int start_fresh(const std::string& target) {
 // 0 or -1.
 int append_chunk(const std::string& target, const std::string& chunk) {
   RD_LOG_AS("download_manager");
-  UniqueFile out(std::fopen(target.c_str(), "ab"));
+  UniqueFile out(platform::open_file(target, "ab"));
   if (!out) {
     RD_ERROR("Couldn't open download file");
     return kDownloadFailed;

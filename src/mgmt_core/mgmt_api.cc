@@ -309,7 +309,7 @@ int stage_answer(const RotationAnswer& answer) {
   }
   RD_INFO("Adding crc to file is done successfully");
   const int written = platform::write_file_atomic(staged_path(working_path(kSignedMcFile)), answer.signed_der.data(),
-                                                  answer.signed_der.size(), 0644);
+                                                  answer.signed_der.size(), 0600);
   if (written == -1) {
     RD_ERROR("Unable open signed device public key file");
     RD_STATUS("Unable to open signed device public key file ");

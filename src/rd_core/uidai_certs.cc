@@ -137,7 +137,7 @@ int uidai_store_checksum(const std::string& prefix, UidaiCert which, const std::
     text += '\n';
   }
   if (platform::make_dirs(prefix + "cert/uidai") != 0) return -1;
-  return platform::write_file_atomic(prefix + kStoreFile, text.data(), text.size(), 0644) == 0 ? 0 : -1;
+  return platform::write_file_atomic(prefix + kStoreFile, text.data(), text.size()) == 0 ? 0 : -1;
 }
 
 int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::string& pem, const std::string& hex) {
@@ -146,7 +146,7 @@ int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::st
   std::string path = prefix;
   path += "cert/uidai/";
   path += uidai_cert_file_name(which);
-  if (platform::write_file_atomic(path, pem.data(), pem.size(), 0644) != 0) return -1;
+  if (platform::write_file_atomic(path, pem.data(), pem.size()) != 0) return -1;
   return uidai_store_checksum(prefix, which, hex);
 }
 

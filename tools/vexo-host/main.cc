@@ -1,5 +1,6 @@
 // vexo-host: stands in for the front end and the host program. It creates the
-// status FIFO and prints what arrives, loads libVexo.so from its own folder,
+// status FIFO in a folder only its user can reach and prints what arrives,
+// names the FIFO to the library, loads libVexo.so from its own folder,
 // starts the service, follows the Management server (mgmt_loop), and turns
 // signals into plug events:
 //   SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit.
@@ -26,7 +27,7 @@
 
 namespace {
 
-constexpr const char* kPipePath = "/tmp/qdx.win.002";
+constexpr const char* kPipeName = "qdx.win.002";
 constexpr long long kDefaultPollSeconds = 21600;
 constexpr long long kMaxPollSeconds = 30LL * 24 * 3600;
 // Test-only: the first retry pause in milliseconds, instead of 30 s.
@@ -36,14 +37,20 @@ struct Exports {
   int (*Initialize_process)(const char*) = nullptr;
   int (*Start_RDservice)() = nullptr;
   int (*Get_Last_RDservice_Status)(char*) = nullptr;
+  int (*Set_Status_Pipe_Path)(const char*) = nullptr;
   int (*attach_device)() = nullptr;
   int (*detach_device)() = nullptr;
 };
 
 void usage() {
   std::fprintf(stderr,
-               "usage: vexo-host [--workdir DIR] [--mgmt-poll SECONDS | --no-mgmt] SCANNER_DETAILS\n"
+               "usage: vexo-host [--workdir DIR] [--status-pipe PATH] [--mgmt-poll SECONDS | --no-mgmt]\n"
+               "                 SCANNER_DETAILS\n"
                "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
+               "  The status FIFO is PATH (in a folder only this user can write), else\n"
+               "  $XDG_RUNTIME_DIR/qdx.win.002 (a folder of this user, closed to others), else\n"
+               "  qdx.win.002 in a fresh private folder under /tmp; its messages are printed\n"
+               "  as \"pipe: ...\" lines.\n"
                "  After start-up it calls Init, uidai_cert_force_update once after the first\n"
                "  successful Init, and then what the Management server's next action names\n"
                "  (Key_Rotation, uidai_cert_update, Software_Update), printing each call as\n"
@@ -91,6 +98,69 @@ void print_status(const Exports& x, const char* call, int rc) {
   std::fflush(stdout);
 }
 
+// The status FIFO: made here (or left from an earlier run of this user) and
+// checked on the descriptor it is read through, so nothing another user
+// planted at the path (a link, a file, a FIFO of theirs that would see the
+// messages or inject others) is ever used.
+class StatusFifo {
+ public:
+  ~StatusFifo() { remove(); }
+  // Closes the FIFO and removes what was made here.
+  void remove() {
+    if (fd_ >= 0) close(fd_);
+    if (made_) unlink(path_.c_str());
+    if (!folder_.empty()) rmdir(folder_.c_str());
+    fd_ = -1;
+    made_ = false;
+    folder_.clear();
+  }
+  // Makes the FIFO at path, or in $XDG_RUNTIME_DIR (when that is a folder
+  // of this user closed to others), or in a fresh 0700 folder under /tmp
+  // when path is empty. false after printing why.
+  bool open_at(const std::string& path) {
+    path_ = path;
+    if (path_.empty()) {
+      const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+      struct stat st {};
+      if (runtime != nullptr && runtime[0] == '/' && stat(runtime, &st) == 0 && S_ISDIR(st.st_mode) &&
+          st.st_uid == geteuid() && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
+        path_ = std::string(runtime) + "/" + kPipeName;
+      } else {
+        char folder[] = "/tmp/vexo-host-XXXXXX";
+        if (mkdtemp(folder) == nullptr) return fail("cannot make a private folder in /tmp");
+        folder_ = folder;
+        path_ = folder_ + "/" + kPipeName;
+      }
+    }
+    if (mkfifo(path_.c_str(), 0600) == 0) {
+      made_ = true;
+    } else if (errno != EEXIST) {
+      return fail(std::strerror(errno));
+    }
+    fd_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd_ < 0) return fail(errno == ELOOP ? "a symbolic link is in its place" : std::strerror(errno));
+    struct stat st {};
+    if (fstat(fd_, &st) != 0 || !S_ISFIFO(st.st_mode) || st.st_uid != geteuid() ||
+        (st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+      made_ = false;  // not ours to remove
+      return fail("something other than a FIFO of this user, closed to others, is in its place");
+    }
+    return true;
+  }
+  int fd() const { return fd_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  bool fail(const std::string& why) {
+    std::fprintf(stderr, "vexo-host: status FIFO %s: %s\n", path_.c_str(), why.c_str());
+    return false;
+  }
+  std::string path_;
+  std::string folder_;  // the private folder made here, removed at the end
+  int fd_ = -1;
+  bool made_ = false;
+};
+
 // Prints every status-pipe message as it arrives, until stop is set.
 void read_pipe(int fd, const std::atomic<bool>* stop) {
   char buf[4096];
@@ -113,6 +183,7 @@ void read_pipe(int fd, const std::atomic<bool>* stop) {
 
 int main(int argc, char** argv) {
   std::string workdir;
+  std::string pipe_path;
   std::string scanner;
   bool mgmt = true;
   host::MgmtOptions mgmt_options;
@@ -126,6 +197,8 @@ int main(int argc, char** argv) {
     }
     if (arg == "--workdir" && i + 1 < argc) {
       workdir = argv[++i];
+    } else if (arg == "--status-pipe" && i + 1 < argc) {
+      pipe_path = argv[++i];
     } else if (arg == "--no-mgmt") {
       mgmt = false;
     } else if (arg == "--mgmt-poll" && i + 1 < argc && parse_number(argv[i + 1], 1, kMaxPollSeconds, &seconds)) {
@@ -147,6 +220,11 @@ int main(int argc, char** argv) {
   if (base != nullptr && parse_number(base, 1, host::kRetryBaseMs, &base_ms)) mgmt_options.retry_base_ms = base_ms;
 
   const std::string lib_path = own_folder() + "/libVexo.so";
+  // A relative FIFO path is taken from the folder the host was started in.
+  if (!pipe_path.empty() && pipe_path[0] != '/') {
+    char cwd[PATH_MAX] = {};
+    if (getcwd(cwd, sizeof cwd) != nullptr) pipe_path = std::string(cwd) + "/" + pipe_path;
+  }
   if (!workdir.empty() && chdir(workdir.c_str()) != 0) {
     std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), std::strerror(errno));
     return 1;
@@ -159,17 +237,9 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  struct stat st {};
-  if (stat(kPipePath, &st) == 0 && !S_ISFIFO(st.st_mode)) unlink(kPipePath);
-  if (mkfifo(kPipePath, 0600) != 0 && errno != EEXIST) {
-    std::fprintf(stderr, "vexo-host: cannot create %s: %s\n", kPipePath, std::strerror(errno));
-    return 1;
-  }
-  int pipe_fd = open(kPipePath, O_RDONLY | O_NONBLOCK);
-  if (pipe_fd < 0) {
-    std::fprintf(stderr, "vexo-host: cannot open %s: %s\n", kPipePath, std::strerror(errno));
-    return 1;
-  }
+  StatusFifo fifo;
+  if (!fifo.open_at(pipe_path)) return 1;
+  const int pipe_fd = fifo.fd();
   std::atomic<bool> stop{false};
   std::thread reader(read_pipe, pipe_fd, &stop);
 
@@ -179,6 +249,7 @@ int main(int argc, char** argv) {
   if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
       !bind(lib, "Start_RDservice", &x.Start_RDservice) ||
       !bind(lib, "Get_Last_RDservice_Status", &x.Get_Last_RDservice_Status) ||
+      !bind(lib, "Set_Status_Pipe_Path", &x.Set_Status_Pipe_Path) ||
       !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device) ||
       !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
       !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update) ||
@@ -190,6 +261,12 @@ int main(int argc, char** argv) {
     return 1;
   }
 
+  if (x.Set_Status_Pipe_Path(fifo.path().c_str()) != 0) {
+    std::fprintf(stderr, "vexo-host: the library refused the status FIFO %s\n", fifo.path().c_str());
+    stop = true;
+    reader.join();
+    return 1;
+  }
   int rc = x.Initialize_process(scanner.c_str());
   print_status(x, "Initialize_process", rc);
   if (rc == 0) {
@@ -221,7 +298,7 @@ int main(int argc, char** argv) {
   if (loop != nullptr) loop->stop();
   stop = true;
   reader.join();
-  close(pipe_fd);
+  fifo.remove();  // _exit skips destructors
   // The library's threads live as long as the process; leave without unloading it.
   std::fflush(stdout);
   _exit(exit_code);

@@ -23,8 +23,12 @@ namespace {
 // How often a waiter retries the file lock held by another process.
 constexpr unsigned kPollMs = 5;
 
+constexpr char kPackageLockDir[] = "/run/vexo";
+constexpr char kTempDir[] = "/tmp";
+
 std::mutex g_dir_mutex;
-std::string g_lock_dir = "/tmp";
+std::string g_lock_dir;       // the configured folder; guarded by g_dir_mutex
+std::string g_test_lock_dir;  // a test's folder, which wins; guarded by g_dir_mutex
 
 // The process-local half of a named lock, shared by every handle of one name.
 struct LockState {
@@ -45,13 +49,34 @@ std::map<std::string, std::weak_ptr<LockState>>& registry() {
   return *r;
 }
 
-// "Global\\QDX_WIN_010" -> "<dir>/Global_QDX_WIN_010.lock".
-std::string lock_file_path(const char* name) {
-  std::string file(name);
-  for (char& c : file) {
-    if (c == '\\' || c == '/') c = '_';
+// Opens the lock file at path without following a symbolic link or blocking
+// (a FIFO or a device planted there must not hang start-up). A file made
+// here is opened to every user; one that exists is only checked. -1 with
+// errno on failure.
+int open_lock_file(const std::string& path) {
+  constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  int fd = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0666);
+  if (fd >= 0) {
+    // This process made the file: widen what the umask narrowed, so that
+    // the services of other users open the same lock. Failing that only
+    // limits sharing.
+    (void)::fchmod(fd, 0666);
+    return fd;
   }
-  return lock_dir() + "/" + file + ".lock";
+  if (errno != EEXIST) return -1;
+  // O_EXCL never follows a link, so a planted link also lands here, and the
+  // open below refuses it with ELOOP.
+  fd = ::open(path.c_str(), kFlags);
+  if (fd < 0) return -1;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1) {
+    // A hard link could make another file the lock; anything but a plain
+    // file is not ours to use.
+    ::close(fd);
+    errno = EEXIST;
+    return -1;
+  }
+  return fd;
 }
 
 int ofd_lock(int fd, short type) {
@@ -81,14 +106,36 @@ struct LocalLock {
   bool held = false;
 };
 
+std::string default_lock_dir() {
+  struct stat st {};
+  return ::stat(kPackageLockDir, &st) == 0 && S_ISDIR(st.st_mode) ? kPackageLockDir : kTempDir;
+}
+
 std::string lock_dir() {
+  {
+    std::lock_guard<std::mutex> guard(g_dir_mutex);
+    if (!g_test_lock_dir.empty()) return g_test_lock_dir;
+    if (!g_lock_dir.empty()) return g_lock_dir;
+  }
+  return default_lock_dir();
+}
+
+void set_lock_dir(const std::string& dir) {
   std::lock_guard<std::mutex> guard(g_dir_mutex);
-  return g_lock_dir;
+  g_lock_dir = dir;
 }
 
 void set_lock_dir_for_test(const std::string& dir) {
   std::lock_guard<std::mutex> guard(g_dir_mutex);
-  g_lock_dir = dir;
+  g_test_lock_dir = dir;
+}
+
+std::string named_lock_path(const char* name) {
+  std::string file(name);
+  for (char& c : file) {
+    if (c == '\\' || c == '/') c = '_';
+  }
+  return lock_dir() + "/" + file + ".lock";
 }
 
 NamedLock* named_lock_open(const char* name) {
@@ -96,16 +143,13 @@ NamedLock* named_lock_open(const char* name) {
     errno = EINVAL;
     return nullptr;
   }
-  const std::string path = lock_file_path(name);
+  const std::string path = named_lock_path(name);
   std::lock_guard<std::mutex> guard(g_registry_mutex);
   auto& reg = registry();
   std::shared_ptr<LockState> state = reg[path].lock();
   if (state == nullptr || state->owner_pid != ::getpid()) {
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    int fd = open_lock_file(path);
     if (fd < 0) return nullptr;
-    // Other users' processes must be able to open the same file; the umask
-    // would otherwise narrow it. A failure here only limits sharing.
-    (void)::fchmod(fd, 0666);
     auto fresh = std::make_shared<LockState>();
     fresh->fd = fd;
     fresh->owner_pid = ::getpid();

@@ -10,38 +10,45 @@
 
 namespace platform {
 namespace {
+constexpr char kPipeName[] = "qdx.win.002";
 std::mutex g_pipe_path_mutex;
-std::string g_pipe_path = "/tmp/qdx.win.002";
+std::string g_pipe_path;  // named by the host; guarded by g_pipe_path_mutex
 }  // namespace
 
 std::string status_pipe_path() {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
-  return g_pipe_path;
+  {
+    std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+    if (!g_pipe_path.empty()) return g_pipe_path;
+  }
+  return "/run/user/" + std::to_string(::geteuid()) + "/" + kPipeName;
 }
 
-void set_status_pipe_path_for_test(const std::string& path) {
+void set_status_pipe_path(const std::string& path) {
   std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
   g_pipe_path = path;
 }
 
 int pipe_open(const std::string& path, int* err) {
   // Non-blocking open fails with ENXIO when nobody reads the FIFO, instead of
-  // waiting for a reader forever.
-  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  // waiting for a reader forever; O_NOFOLLOW refuses a planted link.
+  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {
     *err = errno;
     return -1;
   }
+  // The checks look at what was opened, so nothing can be swapped in between.
   struct stat st {};
-  if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
-    *err = S_ISFIFO(st.st_mode) ? errno : ENOENT;
-    ::close(fd);
-    return -1;
+  int failure = 0;
+  if (::fstat(fd, &st) != 0) {
+    failure = errno;
+  } else if (!S_ISFIFO(st.st_mode)) {
+    failure = ENOENT;
+  } else if (st.st_uid != ::geteuid() || (st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    failure = EPERM;
   }
-  int flags = fcntl(fd, F_GETFL);
-  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
-    *err = errno;
+  if (failure != 0) {
     ::close(fd);
+    *err = failure;
     return -1;
   }
   return fd;
