@@ -261,11 +261,3 @@ extern "C" VEXO_EXPORT int Get_Last_RDservice_Status(char* status) noexcept {
   rd_copy_last_status(status, VEXO_STATUS_LEN);
   return 0;
 }
-
-extern "C" VEXO_EXPORT int Set_Status_Pipe_Path(const char* path) noexcept try {
-  if (path == nullptr || path[0] != '/' || std::strlen(path) >= VEXO_PIPE_PATH_LEN) return -1;
-  platform::set_status_pipe_path(path);
-  return 0;
-} catch (...) {
-  return -1;
-}

@@ -36,12 +36,13 @@ void beep(unsigned frequency_hz, unsigned duration_ms);
 int last_error();
 
 // ---------------------------------------------------------------- status pipe
-// Path of the status FIFO: the one the host named with set_status_pipe_path,
-// else "/run/user/<effective uid>/qdx.win.002" (the user's private runtime
-// folder, where a host without an option makes it).
+// Path of the status FIFO in the user's private runtime folder, the per-user
+// counterpart of the pipe namespace: "$XDG_RUNTIME_DIR/qdx.win.002" when that
+// variable holds an absolute path, else "/run/user/<effective uid>/qdx.win.002".
+// The host makes the FIFO there (and sets XDG_RUNTIME_DIR to the folder it
+// chose) before start-up. A path set with set_status_pipe_path wins.
 std::string status_pipe_path();
-// The host made its FIFO at path (the exported Set_Status_Pipe_Path); an empty
-// path restores the default.
+// Test seam: the FIFO at path instead; an empty path restores the above.
 void set_status_pipe_path(const std::string& path);
 // Opens the FIFO write-only and non-blocking, without following a symbolic
 // link, and keeps it only when it is a FIFO of this process's effective user
