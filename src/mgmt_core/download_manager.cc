@@ -394,7 +394,12 @@ int update_to_conf(const std::string& url, const std::string& checksum, long siz
   record += '|';
   record += current == last ? "Completed" : "In progress";
   record += '|';
-  if (platform::write_file_atomic(kDownloadRecord, record.data(), record.size()) != 0) {
+  // Replaced after every chunk but never flushed: a flush per chunk would
+  // cost more than the transfer. After a power cut the record may be stale or
+  // unreadable, which is safe: a resume cuts the package back to what the
+  // record vouches for (or starts afresh), and the MD5 check follows.
+  if (platform::write_file_atomic(kDownloadRecord, record.data(), record.size(), 0600,
+                                  platform::Durability::kUnflushed) != 0) {
     RD_ERROR("Couldn't write %s", kDownloadRecord);
     return kDownloadFailed;
   }
