@@ -413,6 +413,9 @@ TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
   // No scanner answers: -1, the status stays, both notifications in order.
   set_rd_status_notready();
   sim::write_control(refdll_, {{"present", "0"}});
+  // The notifications so far arrive first, so that only this attach's follow.
+  ASSERT_TRUE(pipe_.wait_for("5000|Fingerprint device disconnected\n5000|Fingerprint device connected\n"
+                             "5000|Fingerprint device connected\n"));
   const std::size_t before = pipe_.received().size();
   EXPECT_EQ(attach_device(), -1);
   EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");
