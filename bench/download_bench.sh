@@ -4,7 +4,7 @@
 # prints both times and their ratio (aim: at most 2). A third figure, curl
 # fetching the same ranges one after another over one connection, shows how
 # much of the time the server spends per range request. The download writes
-# its package, package.child and a replaced, flushed dm.conf for every range
+# its package, package.child and a replaced (not flushed) dm.conf for every range
 # in a folder under TMPDIR (default /tmp): on a busy disk those writes
 # dominate, and TMPDIR=/dev/shm shows the time without them. Not a test.
 #

@@ -31,21 +31,16 @@ extern "C" {
 #define VEXO_STATUS_LEN 2048
 /* Size of the next-action buffer passed to the Management operations. */
 #define VEXO_NEXT_ACTION_LEN 256
-/* Longest status-pipe path Set_Status_Pipe_Path takes, its NUL included. */
-#define VEXO_PIPE_PATH_LEN 1024
-
-/* Names the status FIFO the host made, before Initialize_process opens it:
- * an absolute path in a folder only the host's user can write. The library
- * opens it only when it is a FIFO of the same effective user that other users
- * can neither read nor write. Without this call the FIFO is
- * "/run/user/<uid>/qdx.win.002". Returns 0, or -1 for a null, relative or
- * over-long path (the path in use is kept). */
-VEXO_EXPORT int Set_Status_Pipe_Path(const char *path) VEXO_NOEXCEPT;
-
 /* Prepares the service for the scanner named by scanner_details ("Aratek_A600",
  * "Aratek_A400", ... or "Tavio_TX9|PORT|SECURITY"). Returns 0, a negative code,
  * or (vendor libraries not loaded) a non-zero value outside the negative codes.
- * May be called again after a failure: it resumes at the step that failed. */
+ * May be called again after a failure: it resumes at the step that failed.
+ * It opens the status FIFO "$XDG_RUNTIME_DIR/qdx.win.002" (an absolute
+ * XDG_RUNTIME_DIR), else "/run/user/<effective uid>/qdx.win.002", which the
+ * host makes first and reads; the library uses it only when it is a FIFO of
+ * the same effective user that other users can neither read nor write. A host
+ * that keeps the FIFO elsewhere sets XDG_RUNTIME_DIR to that folder (a folder
+ * only its user can write) before this call. */
 VEXO_EXPORT int Initialize_process(const char *scanner_details) VEXO_NOEXCEPT;
 
 /* Binds the first free port of 11100..11120 on 127.0.0.1 and starts serving.
@@ -108,7 +103,9 @@ VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
  * uidai_cert_force_update: 0; -2 / -5 fetch failed (production / staging);
  * -3; -4 / -6 answer not understood. Software_Update: 0; a transport code;
  * -3; -4; -5 download failed. A package already downloaded and verified is
- * not fetched again.
+ * not fetched again. A capture that finds the UIDAI certificate out of date
+ * never runs Software_Update itself: until one succeeds, Init answers
+ * "SOFTWARE_UPDATE" where the server asks for nothing.
  *
  * Offline grace: when an exchange fails (no answer, an HTTP error, a refused
  * or unusable answer), a registered device (key, dc and signed certificate
@@ -121,11 +118,6 @@ VEXO_EXPORT int Init(char *next_action) VEXO_NOEXCEPT;
 VEXO_EXPORT int Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
 VEXO_EXPORT int Software_Update(void) VEXO_NOEXCEPT;
 VEXO_EXPORT int uidai_cert_update(char *next_action) VEXO_NOEXCEPT;
-/* 1 when a capture found the UIDAI certificate out of date, so that the host
- * is to call Software_Update (a capture never runs it itself); 0 otherwise.
- * A successful Software_Update clears it. Meanwhile Init answers
- * "SOFTWARE_UPDATE" where the server asks for nothing. */
-VEXO_EXPORT int Software_Update_Pending(void) VEXO_NOEXCEPT;
 VEXO_EXPORT int uidai_cert_force_update(char *next_action) VEXO_NOEXCEPT;
 
 /* Writes IS_SSL_ENABLE ("0" or "1") into config.ini and reseals it. 0 or -1. */

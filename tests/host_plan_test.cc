@@ -100,11 +100,6 @@ TEST(HostPlan, ScheduleNeitherLoopsNorStalls) {
     }
     EXPECT_EQ(calls, r.calls) << r.name;
   }
-  // A capture's request for Software_Update is paced like the server's.
-  host::Schedule schedule(host::kRetryBaseMs, 21600 * 1000);
-  schedule.started(Call::kSoftwareUpdate, 1000);
-  EXPECT_EQ(schedule.request(Call::kSoftwareUpdate, 11000).wait_ms, 20000);
-  EXPECT_EQ(schedule.request(Call::kInit, 11000).wait_ms, 0);
 }
 
 // The real pauses: 30 s, doubling, at most one hour.

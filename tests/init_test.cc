@@ -413,6 +413,9 @@ TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
   // No scanner answers: -1, the status stays, both notifications in order.
   set_rd_status_notready();
   sim::write_control(refdll_, {{"present", "0"}});
+  // The notifications so far arrive first, so that only this attach's follow.
+  ASSERT_TRUE(pipe_.wait_for("5000|Fingerprint device disconnected\n5000|Fingerprint device connected\n"
+                             "5000|Fingerprint device connected\n"));
   const std::size_t before = pipe_.received().size();
   EXPECT_EQ(attach_device(), -1);
   EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");
@@ -509,7 +512,6 @@ TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
 // the library; what they planted is neither used nor removed.
 TEST(HostProcessTest, RefusesAFifoPathTakenByAnother) {
   testutil::WorkDir dir;
-  const std::string folder = testutil::shared_folder(dir, "run");
   const struct {
     const char* name;
     bool (*plant)(const std::string& path);
@@ -522,11 +524,12 @@ TEST(HostProcessTest, RefusesAFifoPathTakenByAnother) {
   int n = 0;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    const std::string path = folder + "/fifo" + std::to_string(n++);
+    const std::string folder = testutil::shared_folder(dir, "run" + std::to_string(n++));
+    const std::string path = folder + "/qdx.win.002";
     ASSERT_TRUE(testutil::as_other_user([&] { return row.plant(path); }));
     const int mode = testutil::mode_of(path);
     const std::string cmd =
-        std::string(VEXO_BUILD_DIR) + "/vexo-host --status-pipe " + path + " --no-mgmt Aratek_A600 2>&1";
+        std::string(VEXO_BUILD_DIR) + "/vexo-host --status-pipe-dir " + folder + " --no-mgmt Aratek_A600 2>&1";
     FILE* out = popen(cmd.c_str(), "r");
     ASSERT_NE(out, nullptr);
     std::string text;

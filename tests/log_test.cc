@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -199,9 +200,22 @@ TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
     rd_log_reset_for_test();
   }
   EXPECT_NE(read_file("rd.log").find(") - Create pipe failed\n\n"), std::string::npos);
-  // The host names no path: the user's private runtime folder.
+  // Without a test's path: the user's private runtime folder, from an
+  // absolute XDG_RUNTIME_DIR only.
   platform::set_status_pipe_path("");
-  EXPECT_EQ(platform::status_pipe_path(), "/run/user/" + std::to_string(geteuid()) + "/qdx.win.002");
+  const std::string fallback = "/run/user/" + std::to_string(geteuid()) + "/qdx.win.002";
+  const struct {
+    const char* runtime;  // nullptr: unset
+    std::string path;
+  } paths[] = {{nullptr, fallback}, {"", fallback}, {"run", fallback}, {"/run/user/4242", "/run/user/4242/qdx.win.002"}};
+  for (const auto& p : paths) {
+    if (p.runtime == nullptr) {
+      unsetenv("XDG_RUNTIME_DIR");
+    } else {
+      setenv("XDG_RUNTIME_DIR", p.runtime, 1);
+    }
+    EXPECT_EQ(platform::status_pipe_path(), p.path) << (p.runtime ? p.runtime : "(unset)");
+  }
 }
 
 // A front end that stops reading costs messages, never a thread of the

@@ -9,6 +9,9 @@
 #include "platform/platform.h"
 #include "common/openssl_ptr.h"
 #include "common/secret.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -53,7 +56,7 @@ int aes_ecb(bool encrypt, const std::uint8_t* in, std::size_t len, const std::ui
   out->clear();
   if (in == nullptr || len == 0 || len % 16 != 0 || len > 1u << 20) {
     RD_DEBUG(encrypt ? "Error at aes_encrypt \n" : "Invaid input data to aes_decrypt \n");
-    return -1;
+    return kFailed;
   }
   std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
   std::vector<std::uint8_t> buf(len + 16);
@@ -65,7 +68,7 @@ int aes_ecb(bool encrypt, const std::uint8_t* in, std::size_t len, const std::ui
   if (!ok) {
     RD_DEBUG(encrypt ? "Error at aes_encrypt \n" : "Error at EVP_DecryptUpdate\n");
     cleanse(buf.data(), buf.size());
-    return -1;
+    return kFailed;
   }
   buf.resize(static_cast<std::size_t>(n + fin));
   *out = std::move(buf);
@@ -83,7 +86,7 @@ int bytes_of(const std::string& value, int base64, std::vector<std::uint8_t>* ou
 
 // The 32-byte hash carried by an RD_DRT value (decoded), or -1.
 int drt_hash(const std::vector<std::uint8_t>& sealed, std::vector<std::uint8_t>* hash) {
-  if (sealed.size() != 32) return -1;
+  if (sealed.size() != 32) return kFailed;
   MasterKey master;
   return rds_hmac_aes_decrypt(sealed.data(), sealed.size(), master.bytes, hash);
 }
@@ -93,7 +96,7 @@ int drt_hash(const std::vector<std::uint8_t>& sealed, std::vector<std::uint8_t>*
 int rds_hmac_sha256(const void* data, std::size_t len, std::uint8_t out[32]) {
   unsigned int n = 0;
   if ((data == nullptr && len != 0) || EVP_Digest(data, len, out, &n, EVP_sha256(), nullptr) != 1 || n != 32) {
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -112,11 +115,11 @@ int rds_hmac_Base64Encode(const std::uint8_t* in, long len, std::string* out) {
   out->clear();
   if (in == nullptr || len < 0 || len > (1L << 24)) {
     RD_DEBUG("Invalid parameter to The file = %s , function = %s , line = %d\n", __FILE__, __func__, __LINE__);
-    return -1;
+    return kFailed;
   }
   std::string text(static_cast<std::size_t>((len + 2) / 3 * 4 + 1), '\0');
   const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), in, static_cast<int>(len));
-  if (n < 0) return -1;
+  if (n < 0) return kFailed;
   text.resize(static_cast<std::size_t>(n));
   *out = std::move(text);
   return 0;
@@ -124,11 +127,11 @@ int rds_hmac_Base64Encode(const std::uint8_t* in, long len, std::string* out) {
 
 int rds_hmac_Base64Decode(const std::string& text, std::vector<std::uint8_t>* out) {
   out->clear();
-  if (text.empty() || text.size() % 4 != 0 || text.size() > (1u << 24) || !is_padded_base64(text)) return -1;
+  if (text.empty() || text.size() % 4 != 0 || text.size() > (1u << 24) || !is_padded_base64(text)) return kFailed;
   std::vector<std::uint8_t> buf(text.size() / 4 * 3);
   const int n = EVP_DecodeBlock(buf.data(), reinterpret_cast<const unsigned char*>(text.data()),
                                 static_cast<int>(text.size()));
-  if (n < 0) return -1;
+  if (n < 0) return kFailed;
   // EVP_DecodeBlock counts "=" padding as zero bytes; at most two of them.
   std::size_t pad = 0;
   if (text[text.size() - 1] == '=') ++pad;
@@ -147,14 +150,14 @@ int rds_hmac_seal_with_session_key(const std::uint8_t hash[32], std::vector<std:
   if (platform::random_bytes(session.data(), session.size()) != 0) {
     RD_DEBUG("CryptGenRandom Failed\n");
     RD_DEBUG("Error at GenerateSessionKey \n");
-    return -1;
+    return kFailed;
   }
   if (rds_hmac_aes_encrypt(hash, 32, session.data(), enc_hmac) != 0 ||
       rds_hmac_aes_encrypt(session.data(), session.size(), master.bytes, enc_skey) != 0) {
     RD_DEBUG("Error at aes_encrypt \n");
     enc_hmac->clear();
     enc_skey->clear();
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -165,12 +168,12 @@ int rds_hmac_protect(const char* input, std::size_t len, int base64, std::string
   std::uint8_t hash[32];
   if (input == nullptr || rds_hmac_sha256(input, len, hash) != 0) {
     RD_DEBUG("Error at rds_hmac_sha256\n");
-    return -1;
+    return kFailed;
   }
   std::vector<std::uint8_t> enc_hmac, enc_skey;
   if (rds_hmac_seal_with_session_key(hash, &enc_hmac, &enc_skey) != 0) {
     RD_DEBUG("Error at encrypt hamc and session key\n");
-    return -1;
+    return kFailed;
   }
   if (base64 != 1) {
     *hmac = as_text(enc_hmac);
@@ -182,7 +185,7 @@ int rds_hmac_protect(const char* input, std::size_t len, int base64, std::string
     RD_DEBUG("Error at rds_hmac_Base64Encode hmac \n");
     hmac->clear();
     skey->clear();
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -192,13 +195,13 @@ int rds_hmac_sign(const char* data, std::size_t len, int base64, std::string* ou
   std::uint8_t hash[32];
   if (data == nullptr || rds_hmac_sha256(data, len, hash) != 0) {
     RD_DEBUG("Error at rds_hmac_sha256\n");
-    return -1;
+    return kFailed;
   }
   MasterKey master;
   std::vector<std::uint8_t> sealed;
   if (rds_hmac_aes_encrypt(hash, sizeof hash, master.bytes, &sealed) != 0) {
     RD_DEBUG("Error at aes_encrypt \n");
-    return -1;
+    return kFailed;
   }
   if (base64 != 1) {
     *out = as_text(sealed);
@@ -206,7 +209,7 @@ int rds_hmac_sign(const char* data, std::size_t len, int base64, std::string* ou
   }
   if (rds_hmac_Base64Encode(sealed.data(), static_cast<long>(sealed.size()), out) != 0) {
     RD_DEBUG("Error at rds_hmac_Base64Encode hmac \n");
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -217,12 +220,12 @@ int rds_hmac_check(const std::string& response_drt, const std::string& request_d
   std::vector<std::uint8_t> sealed_response, sealed_request;
   if (bytes_of(response_drt, base64, &sealed_response) != 0) {
     RD_DEBUG("Error at rds_hmac_Base64Decode hmac \n");
-    return -1;
+    return kFailed;
   }
   std::uint8_t body_hash[32];
   if (body == nullptr || rds_hmac_sha256(body, len, body_hash) != 0) {
     RD_DEBUG("Error at rds_hmac_sha256 \n");
-    return -1;
+    return kFailed;
   }
   std::vector<std::uint8_t> plain, request_hash;
   {
@@ -231,7 +234,7 @@ int rds_hmac_check(const std::string& response_drt, const std::string& request_d
         rds_hmac_aes_decrypt(sealed_response.data(), sealed_response.size(), master.bytes, &plain) != 0 ||
         bytes_of(request_drt, base64, &sealed_request) != 0 || drt_hash(sealed_request, &request_hash) != 0) {
       RD_DEBUG("Error at decrypt \n");
-      return -1;
+      return kFailed;
     }
   }
   // A 32-byte value holds only the response's hash: the request's half is absent.
@@ -248,11 +251,11 @@ int rds_hmac_unprotect(const std::string& hmac, const std::string& skey, int bas
   std::vector<std::uint8_t> sealed_hash, sealed_key;
   if (bytes_of(hmac, base64, &sealed_hash) != 0) {
     RD_DEBUG("Error at rds_hmac_Base64Decode hmac \n");
-    return -1;
+    return kFailed;
   }
   if (bytes_of(skey, base64, &sealed_key) != 0) {
     RD_DEBUG("Error at rds_hmac_Base64Decode skey \n");
-    return -1;
+    return kFailed;
   }
   std::vector<std::uint8_t> session, hash;
   {
@@ -262,12 +265,12 @@ int rds_hmac_unprotect(const std::string& hmac, const std::string& skey, int bas
         rds_hmac_aes_decrypt(sealed_hash.data(), sealed_hash.size(), session.data(), &hash) != 0) {
       RD_DEBUG("Error at rds_hmac_aes_decrypt \n");
       cleanse(session.data(), session.size());
-      return -1;
+      return kFailed;
     }
   }
   cleanse(session.data(), session.size());
   std::uint8_t want[32];
-  if (data == nullptr || rds_hmac_sha256(data, len, want) != 0) return -1;
+  if (data == nullptr || rds_hmac_sha256(data, len, want) != 0) return kFailed;
   *result = std::memcmp(hash.data(), want, 32) == 0 ? 1 : 0;
   return 0;
 }
@@ -275,9 +278,9 @@ int rds_hmac_unprotect(const std::string& hmac, const std::string& skey, int bas
 int rds_hmac_verify_sign(const char* data, std::size_t len, const std::string& drt, int* result) {
   *result = 0;
   std::vector<std::uint8_t> sealed, hash;
-  if (rds_hmac_Base64Decode(drt, &sealed) != 0 || drt_hash(sealed, &hash) != 0) return -1;
+  if (rds_hmac_Base64Decode(drt, &sealed) != 0 || drt_hash(sealed, &hash) != 0) return kFailed;
   std::uint8_t want[32];
-  if (data == nullptr || rds_hmac_sha256(data, len, want) != 0) return -1;
+  if (data == nullptr || rds_hmac_sha256(data, len, want) != 0) return kFailed;
   *result = std::memcmp(hash.data(), want, 32) == 0 ? 1 : 0;
   return 0;
 }
@@ -285,12 +288,12 @@ int rds_hmac_verify_sign(const char* data, std::size_t len, const std::string& d
 int rds_hmac_sign_response(const char* body, std::size_t len, const std::string& request_drt, std::string* out) {
   out->clear();
   std::vector<std::uint8_t> sealed, request_hash;
-  if (rds_hmac_Base64Decode(request_drt, &sealed) != 0 || drt_hash(sealed, &request_hash) != 0) return -1;
+  if (rds_hmac_Base64Decode(request_drt, &sealed) != 0 || drt_hash(sealed, &request_hash) != 0) return kFailed;
   std::uint8_t plain[64];
-  if (body == nullptr || rds_hmac_sha256(body, len, plain) != 0) return -1;
+  if (body == nullptr || rds_hmac_sha256(body, len, plain) != 0) return kFailed;
   std::memcpy(plain + 32, request_hash.data(), 32);
   MasterKey master;
   std::vector<std::uint8_t> cipher;
-  if (rds_hmac_aes_encrypt(plain, sizeof plain, master.bytes, &cipher) != 0) return -1;
+  if (rds_hmac_aes_encrypt(plain, sizeof plain, master.bytes, &cipher) != 0) return kFailed;
   return rds_hmac_Base64Encode(cipher.data(), static_cast<long>(cipher.size()), out);
 }

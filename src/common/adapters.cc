@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <new>
 
+#include "common/rd_codes.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -52,7 +55,7 @@ int GetAdapterID(std::vector<std::array<std::uint8_t, 6>>* ids) {
 int GetMAC(std::array<std::uint8_t, 6>* mac) {
   mac->fill(0);
   std::vector<Mac> ids;
-  if (GetAdapterID(&ids) != 0 || ids.empty()) return -1;
+  if (GetAdapterID(&ids) != 0 || ids.empty()) return kFailed;
   *mac = ids.front();
   return 0;
 }

@@ -7,9 +7,12 @@
 
 #include "common/config_dict.h"
 #include "common/file_crc.h"
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -26,15 +29,15 @@ int set_config_key(const char* function, const char* source, const char* target,
   Dict ini(iniparser_load(source));
   if (ini == nullptr) {
     RD_ERROR("Error in opening file %s", kConfigPath);
-    return -1;
+    return kFailed;
   }
   if (iniparser_set(ini.get(), key, value.c_str()) != 0) {
     RD_ERROR("%s", set_error);
-    return -1;
+    return kFailed;
   }
   if (WriteToIniFile(ini.get(), target) != 0) {
     RD_ERROR("%s", write_error);
-    return -1;
+    return kFailed;
   }
   platform::crash_point();
   return 0;
@@ -112,7 +115,7 @@ int seal_config_file() {
 int WriteToIniFile(dictionary* dict, const char* path) {
   if (dict == nullptr || path == nullptr) {
     RD_ERROR("Error Ini file not present to write dc value");
-    return -1;
+    return kFailed;
   }
   auto dump = [dict](std::FILE* f) {
     iniparser_dump_ini(dict, f);
@@ -120,7 +123,7 @@ int WriteToIniFile(dictionary* dict, const char* path) {
   };
   if (platform::write_file_atomic_stream(path, dump) != 0) {
     RD_ERROR("Error Ini file not present to write dc value");
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -128,21 +131,21 @@ int WriteToIniFile(dictionary* dict, const char* path) {
 bool ini_value_ok(std::string_view value) { return value.find_first_of(std::string_view("\r\n\0", 3)) == value.npos; }
 
 int write_config_file(const char* dc) {
-  if (value_refused("write_config_file", "dc", dc)) return -1;
+  if (value_refused("write_config_file", "dc", dc)) return kFailed;
   // The newline is stored on purpose; the INI reader strips it again.
   return stage_setter_key("write_config_file", "CONFIG:dc", std::string(dc) + "\n",
                           "Error iniparser_set  to write dc value", "Error at to write dc value in ini file");
 }
 
 int stage_config_file_dc(const char* dc) {
-  if (value_refused("write_config_file", "dc", dc)) return -1;
+  if (value_refused("write_config_file", "dc", dc)) return kFailed;
   std::remove(kCrcStaged);
   return set_config_key("write_config_file", kConfigPath, kConfigStaged, "CONFIG:dc", std::string(dc) + "\n",
                         "Error iniparser_set  to write dc value", "Error at to write dc value in ini file");
 }
 
 int write_config_file_ssl_enable(const char* value) {
-  if (value_refused("write_config_file_ssl_enable", "is_ssl_enable", value)) return -1;
+  if (value_refused("write_config_file_ssl_enable", "is_ssl_enable", value)) return kFailed;
   return stage_setter_key("write_config_file_ssl_enable", "CONFIG:is_ssl_enable", std::string(value).substr(0, 7),
                           "Error iniparser_set  to write ssl_enable value",
                           "Error at to write ssl_enable value in ini file");

@@ -3,8 +3,12 @@
 #include <cstdio>
 #include <memory>
 
+#include "common/rd_codes.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+
+using rd_codes::kCrcFailed;
+using rd_codes::kCrcFileNotCreated;
 
 namespace {
 
@@ -35,7 +39,7 @@ int crc_of_stream(FILE* f, const char* name, CrcRoutine routine, std::uint16_t* 
   RD_LOG_AS(caller);
   if (std::fseek(f, 0, SEEK_SET) != 0) {
     RD_ERROR("Error in fseek");
-    return 3;
+    return kCrcFailed;
   }
   std::uint8_t buf[kBlock];
   std::uint16_t c = 0;
@@ -46,7 +50,7 @@ int crc_of_stream(FILE* f, const char* name, CrcRoutine routine, std::uint16_t* 
   }
   if (std::ferror(f) != 0) {
     RD_ERROR("Error in reading from file %s", name);
-    return 3;
+    return kCrcFailed;
   }
   *crc = c;
   return 0;
@@ -69,24 +73,24 @@ std::uint16_t crc16_update(std::uint16_t crc, const std::uint8_t* data, std::siz
 
 int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   if (kind == kCrcNone) return 0;
-  if (!valid_arguments(kind, data_path, __func__) || crc_path == nullptr) return 3;
+  if (!valid_arguments(kind, data_path, __func__) || crc_path == nullptr) return kCrcFailed;
   std::uint16_t crc = 0;
   {
     // "ab+" creates a missing data file empty, so its seal can still be made.
     File f(platform::open_file(data_path, "ab+"));
     if (f == nullptr) {
       RD_ERROR("Opening file %s failed", data_path);
-      return 3;
+      return kCrcFailed;
     }
     if (std::fseek(f.get(), 0, SEEK_END) != 0 || std::ftell(f.get()) < 0) {
       RD_ERROR("Getting file %s size failed", data_path);
-      return 3;
+      return kCrcFailed;
     }
-    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc, __func__) != 0) return 3;
+    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc, __func__) != 0) return kCrcFailed;
     std::fseek(f.get(), 0, SEEK_END);
     if (std::fclose(f.release()) != 0) {
       RD_ERROR("Error in closing file %s", data_path);
-      return 3;
+      return kCrcFailed;
     }
   }
   {
@@ -96,63 +100,63 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
     const int written = platform::write_file_atomic(crc_path, bytes, 2);
     if (written == -1) {
       RD_ERROR("CRC file open failed");
-      return -1;
+      return kCrcFileNotCreated;
     }
     if (written != 0) {
       RD_ERROR("Error in writing to file %s", crc_path);
-      return 3;
+      return kCrcFailed;
     }
   }
   if (verify_crc(kind, data_path, crc_path) != 0) {
     RD_ERROR("Verifying CRC for file %s failed", data_path);
-    return 3;
+    return kCrcFailed;
   }
   return 0;
 }
 
 int verify_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   if (kind == kCrcNone) return 0;
-  if (!valid_arguments(kind, data_path, __func__) || crc_path == nullptr) return 3;
+  if (!valid_arguments(kind, data_path, __func__) || crc_path == nullptr) return kCrcFailed;
   std::uint16_t crc = 0;
   {
     File f(std::fopen(data_path, "rb"));
     if (f == nullptr) {
       RD_ERROR("Opening file %s failed", data_path);
-      return 3;
+      return kCrcFailed;
     }
     // Reading the last two bytes also rejects a file shorter than two bytes.
     if (std::fseek(f.get(), -2, SEEK_END) != 0) {
       RD_ERROR("Error in fseek");
-      return 3;
+      return kCrcFailed;
     }
     std::uint8_t tail[2];
     if (std::fread(tail, 1, 2, f.get()) != 2) {
       RD_ERROR("Error in reading from file %s", data_path);
-      return 3;
+      return kCrcFailed;
     }
     long size = std::ftell(f.get());
     if (size < 0) {
       RD_ERROR("ERROR verify_crc: fsize : %d", static_cast<int>(size));
-      return 3;
+      return kCrcFailed;
     }
-    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc, __func__) != 0) return 3;
+    if (crc_of_stream(f.get(), data_path, kRoutines[kind], &crc, __func__) != 0) return kCrcFailed;
   }
   std::uint8_t stored[2];
   {
     File c(std::fopen(crc_path, "rb"));
     if (c == nullptr) {
       RD_ERROR("Opening file %s failed", crc_path);
-      return 3;
+      return kCrcFailed;
     }
     if (std::fread(stored, 1, 2, c.get()) != 2) {
       RD_ERROR("Error in reading from file %s", crc_path);
-      return 3;
+      return kCrcFailed;
     }
   }
   const std::uint16_t read_crc = static_cast<std::uint16_t>(stored[0] | (stored[1] << 8));
   if (read_crc != crc) {
     RD_ERROR("In verify_crc readcrc: %d gencrc: %d", read_crc, crc);
-    return 3;
+    return kCrcFailed;
   }
   return 0;
 }

@@ -8,24 +8,27 @@
 #include <vector>
 
 #include "common/openssl_ptr.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
 int file_digest_bytes(const EVP_MD* md, const std::string& path, std::vector<std::uint8_t>* out) {
   out->clear();
   std::ifstream in(path, std::ios::binary);
-  if (!in) return -1;
+  if (!in) return kFailed;
   std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1) return -1;
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1) return kFailed;
   char buf[8192];
   while (in) {
     in.read(buf, sizeof buf);
-    if (in.gcount() > 0 && EVP_DigestUpdate(ctx.get(), buf, static_cast<std::size_t>(in.gcount())) != 1) return -1;
+    if (in.gcount() > 0 && EVP_DigestUpdate(ctx.get(), buf, static_cast<std::size_t>(in.gcount())) != 1) return kFailed;
   }
-  if (in.bad()) return -1;
+  if (in.bad()) return kFailed;
   unsigned char md_out[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
-  if (EVP_DigestFinal_ex(ctx.get(), md_out, &len) != 1) return -1;
+  if (EVP_DigestFinal_ex(ctx.get(), md_out, &len) != 1) return kFailed;
   out->assign(md_out, md_out + len);
   return 0;
 }
@@ -33,7 +36,7 @@ int file_digest_bytes(const EVP_MD* md, const std::string& path, std::vector<std
 int file_digest(const EVP_MD* md, const std::string& path, std::string* hex) {
   hex->clear();
   std::vector<std::uint8_t> bytes;
-  if (file_digest_bytes(md, path, &bytes) != 0) return -1;
+  if (file_digest_bytes(md, path, &bytes) != 0) return kFailed;
   *hex = hex_lower(bytes);
   return 0;
 }
@@ -64,7 +67,7 @@ std::string hex_lower(std::span<const std::uint8_t> bytes) {
 int sha256_file(const std::string& path, Sha256Digest* out) {
   out->fill(0);
   std::vector<std::uint8_t> bytes;
-  if (file_digest_bytes(EVP_sha256(), path, &bytes) != 0 || bytes.size() != out->size()) return -1;
+  if (file_digest_bytes(EVP_sha256(), path, &bytes) != 0 || bytes.size() != out->size()) return kFailed;
   std::copy(bytes.begin(), bytes.end(), out->begin());
   return 0;
 }

@@ -8,9 +8,19 @@
 // PidData and PostAuthResp byte for byte; other messages are descriptions
 // for readers of the code and the README, not wire texts.
 //
+// Call sites name every result: no function of src/ or rd_lib/ returns a bare
+// negative number (tests/code_table_check.sh holds this). The platform layer
+// is the exception: it sits below this table and keeps the system's -1.
+//
 // Thread-safety: constant data only.
 #ifndef VEXO_COMMON_RD_CODES_H
 #define VEXO_COMMON_RD_CODES_H
+
+// Functions whose only results are success and failure (the design's "0 or
+// -1"), and helpers whose caller gives the failure its meaning.
+#define VEXO_RESULT_CODES(X)                                                 \
+  X(kOk, 0, "success")                                                       \
+  X(kFailed, -1, "failure")
 
 // Initialize_process results.
 #define VEXO_INIT_CODES(X)                                                   \
@@ -57,6 +67,12 @@
   X(kConfigNoValidity, -18, "DEV_PUB_KEY_VALIDITY missing")                  \
   X(kConfigUnlock, -19, "scanner lock not released")
 
+// CRC seal of config.ini (add_crc, verify_crc). -1 is add_crc's alone.
+#define VEXO_CRC_CODES(X)                                                    \
+  X(kCrcOk, 0, "sealed, or the seal matches (or no seal asked for)")         \
+  X(kCrcFileNotCreated, -1, "add_crc: CRC file not created")                 \
+  X(kCrcFailed, 3, "arguments, reading, writing or the comparison failed")
+
 // Machine-wide and handheld lock results.
 #define VEXO_LOCK_CODES(X)                                                   \
   X(kLockOk, 0, "acquired or released")                                      \
@@ -97,6 +113,27 @@
   X(kMgmtCommitFailed, -12, "Key_Rotation: new identity not committed")      \
   X(kMgmtLockNotReleased, -13, "Key_Rotation: scanner lock not released")    \
   X(kMgmtSignedCertNotWritten, -14, "Key_Rotation: signed certificate file not written")
+
+// TLS transport of the local server.
+#define VEXO_TLS_CODES(X)                                                    \
+  X(kTlsOk, 0, "success")                                                    \
+  X(kTlsCertUnusable, -1, "certificate or key not read, or not a pair")      \
+  X(kTlsFailed, -2, "context, handshake, receive or send failed")            \
+  X(kTlsNoConnection, -3, "closeSSLConnection: no connection object")
+
+// Scanner library and acquisition (dll_loading, getdeviceserialnumber and
+// FP_Cap, which also answers kRdTimeout and kRdCaptureFailed).
+#define VEXO_SCANNER_CODES(X)                                                \
+  X(kScannerOk, 0, "success")                                                \
+  X(kScannerFailed, -1, "library not loaded, or a capture step failed (answered as 999)") \
+  X(kScannerNoMemory, -2, "getdeviceserialnumber: buffer not allocated")     \
+  X(kScannerNoDescription, -3, "getdeviceserialnumber: device description not read")
+
+// PostAuth request parsing (PostAuth_Request_XML_Parse); a wrong root is
+// kRdBadPidOptions.
+#define VEXO_POSTAUTH_CODES(X)                                               \
+  X(kPostAuthOk, 0, "parsed")                                                \
+  X(kPostAuthNotXml, -1, "body is not XML")
 
 // HTTP status codes the listener and dispatch answer with.
 #define VEXO_HTTP_CODES(X)                                                   \
@@ -184,20 +221,28 @@
 namespace rd_codes {
 
 #define VEXO_CODE_CONSTANT(name, value, message) inline constexpr int name = value;
+VEXO_RESULT_CODES(VEXO_CODE_CONSTANT)
 VEXO_INIT_CODES(VEXO_CODE_CONSTANT)
 VEXO_START_CODES(VEXO_CODE_CONSTANT)
 VEXO_ATTACH_CODES(VEXO_CODE_CONSTANT)
 VEXO_CONFIG_CODES(VEXO_CODE_CONSTANT)
+VEXO_CRC_CODES(VEXO_CODE_CONSTANT)
 VEXO_LOCK_CODES(VEXO_CODE_CONSTANT)
 VEXO_KEYSTORE_CODES(VEXO_CODE_CONSTANT)
 VEXO_MGMT_CODES(VEXO_CODE_CONSTANT)
+VEXO_TLS_CODES(VEXO_CODE_CONSTANT)
+VEXO_SCANNER_CODES(VEXO_CODE_CONSTANT)
+VEXO_POSTAUTH_CODES(VEXO_CODE_CONSTANT)
 VEXO_HTTP_CODES(VEXO_CODE_CONSTANT)
 VEXO_RD_CODES(VEXO_CODE_CONSTANT)
 VEXO_TRANSPORT_CODES(VEXO_CODE_CONSTANT)
 VEXO_DOWNLOAD_CODES(VEXO_CODE_CONSTANT)
 #undef VEXO_CODE_CONSTANT
 
-enum class Family { kInit, kStart, kAttach, kConfig, kLock, kKeystore, kMgmt, kHttp, kRd, kTransport, kDownload };
+enum class Family {
+  kResult, kInit, kStart, kAttach, kConfig, kCrc, kLock, kKeystore, kMgmt, kTls, kScanner, kPostAuth, kHttp, kRd,
+  kTransport, kDownload
+};
 
 struct CodeInfo {
   int value;

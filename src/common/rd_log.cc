@@ -7,7 +7,10 @@
 #include <cstring>
 #include <mutex>
 
+#include "common/rd_codes.h"
 #include "platform/platform.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -62,7 +65,7 @@ int rotate_if_due_locked() {
   // Replaces rd1.log atomically; like the design's "move", its result is ignored.
   (void)std::rename(kLogPath, kOldLogPath);
   g_log_stream = platform::open_file("rd.log", "a");
-  return g_log_stream != nullptr ? 0 : -1;
+  return g_log_stream != nullptr ? 0 : kFailed;
 }
 
 // Writes one line, rotating first when the log is full: every line counts,
@@ -101,10 +104,10 @@ std::string log_safe(std::string_view text, std::size_t max) {
 int ist_time_text(const char* format, std::string* out) {
   out->clear();
   std::time_t t = platform::now();
-  if (t == static_cast<std::time_t>(-1)) return -1;
+  if (t == static_cast<std::time_t>(-1)) return kFailed;
   t += kIstOffsetSeconds;
   std::tm tm_utc{};
-  if (gmtime_r(&t, &tm_utc) == nullptr) return -1;
+  if (gmtime_r(&t, &tm_utc) == nullptr) return kFailed;
   char buf[48] = {};
   std::size_t n = std::strftime(buf, sizeof buf, format, &tm_utc);
   out->assign(buf, n);
@@ -123,7 +126,7 @@ std::string source_base_name(const char* file) {
 int zlog_init(const char* path) {
   std::lock_guard<std::mutex> lock(g_log_mutex);
   g_log_stream = platform::open_file(path, "a");
-  return g_log_stream ? 0 : -1;
+  return g_log_stream ? 0 : kFailed;
 }
 
 FILE* zlog_get_category(const char* name) {
@@ -134,7 +137,7 @@ FILE* zlog_get_category(const char* name) {
 
 int zlog_fini() {
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  if (g_log_stream == nullptr) return -1;
+  if (g_log_stream == nullptr) return kFailed;
   std::fflush(g_log_stream);
   std::fclose(g_log_stream);
   g_log_stream = nullptr;
@@ -143,7 +146,7 @@ int zlog_fini() {
 
 int log_timestamp() {
   std::string ts;
-  if (ist_time_text("%Y-%m-%d %H:%M:%S", &ts) != 0) return -1;
+  if (ist_time_text("%Y-%m-%d %H:%M:%S", &ts) != 0) return kFailed;
   if (g_log_stream) std::fprintf(g_log_stream, "%s ", ts.c_str());
   return 0;
 }
@@ -184,7 +187,7 @@ void rd_log_write(LogLevel level, const char* file, const char* func, unsigned l
 
 int rd_set_last_status(const char* file, const char* func, const char* fmt, ...) {
   std::string ts;
-  if (ist_time_text("%Y-%m-%d %H:%M:%S", &ts) != 0) return -1;
+  if (ist_time_text("%Y-%m-%d %H:%M:%S", &ts) != 0) return kFailed;
   char text[kLastStatusSize] = {};
   va_list args;
   va_start(args, fmt);
@@ -220,7 +223,7 @@ int create_Pipe() {
   if (fd < 0) {
     RD_ERROR("Create pipe failed\n");
     RD_STATUS("Create pipe failed, error_code = %d\n ", err);
-    return -1;
+    return kFailed;
   }
   int old = g_pipe_fd.exchange(fd);
   platform::pipe_close(old);
@@ -233,7 +236,7 @@ int write_to_pipe(const char* buf, std::size_t len) {
   if (fd < 0 || platform::pipe_write(fd, buf, len, &err) != 0) {
     RD_ERROR("Write to pipe failed\n");
     RD_STATUS("Write to pipe failed, error_code = %d\n ", err);
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -243,7 +246,7 @@ int logfile_size_check() {
   if (rotate_if_due_locked() == 0) return 0;
   lock.unlock();
   write_error_log("zlog_init failed from logfile_size_check\n");
-  return -1;
+  return kFailed;
 }
 
 void rd_log_reset_for_test() {
@@ -260,12 +263,4 @@ void rd_log_reset_for_test() {
 extern "C" VEXO_EXPORT int Get_Last_RDservice_Status(char* status) noexcept {
   rd_copy_last_status(status, VEXO_STATUS_LEN);
   return 0;
-}
-
-extern "C" VEXO_EXPORT int Set_Status_Pipe_Path(const char* path) noexcept try {
-  if (path == nullptr || path[0] != '/' || std::strlen(path) >= VEXO_PIPE_PATH_LEN) return -1;
-  platform::set_status_pipe_path(path);
-  return 0;
-} catch (...) {
-  return -1;
 }

@@ -33,9 +33,9 @@ int log_timestamp();
 // Appends text unchanged to "Vexo_Error.log"; when that fails, prints
 // "Error in opening the Vexo_Error.log file" to standard error.
 void write_error_log(const char* text);
-// Opens the status pipe (platform::status_pipe_path(), which the host names
-// with the exported Set_Status_Pipe_Path). 0, or -1 with the "Create pipe
-// failed" reports.
+// Opens the status pipe (platform::status_pipe_path(): the FIFO the host made
+// in the user's runtime folder). 0, or -1 with the "Create pipe failed"
+// reports.
 int create_Pipe();
 // Writes len bytes to the status pipe in one call that never blocks. 0, or -1
 // (reported; a full pipe loses the message).

@@ -8,6 +8,9 @@
 #include "common/work_area.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -44,7 +47,7 @@ int refuse_too_large(const RequestSource& src) {
 int timed_out(const RequestSource& src) {
   RD_LOG_IN(src.file, src.func);
   RD_ERROR("%s", src.timeout_text);
-  return -1;
+  return kFailed;
 }
 
 bool ends_with_blank_line(const char* buf, std::size_t len) {
@@ -82,7 +85,7 @@ long read_in_time(const RequestSource& src, char* buf, std::size_t len) {
     std::uint64_t left = src.deadline_ms - now;
     int ready = src.ready(src.ctx, left > INT_MAX ? INT_MAX : static_cast<int>(left));
     if (ready == 0) return kTimedOut;
-    if (ready < 0) return -1;
+    if (ready < 0) return kFailed;
     long n = src.read(src.ctx, buf, len);
     if (n != kReadAgain) return n;
   }
@@ -102,7 +105,7 @@ int read_http_request(const RequestSource& src, char* buf) {
   if (n == kTimedOut) return timed_out(src);
   if (n <= 0) {
     RD_ERROR("recv failed");
-    return -1;
+    return kFailed;
   }
   std::size_t len = static_cast<std::size_t>(n);
   // One byte at a time, so that nothing after the blank line is consumed.
@@ -112,7 +115,7 @@ int read_http_request(const RequestSource& src, char* buf) {
     if (n == kTimedOut) return timed_out(src);
     if (n <= 0) {
       RD_ERROR("recv failed in loop");
-      return -1;
+      return kFailed;
     }
     len += static_cast<std::size_t>(n);
   }
@@ -139,7 +142,7 @@ int read_http_request(const RequestSource& src, char* buf) {
     if (n == kTimedOut) return timed_out(src);
     if (n < 1) {
       RD_ERROR("Receiving Body, From Socket Failed");
-      return -1;
+      return kFailed;
     }
     len += static_cast<std::size_t>(n);
     if (static_cast<std::size_t>(n) == outstanding) break;

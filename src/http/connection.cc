@@ -121,11 +121,11 @@ int recv_thru_tcp_socket(platform::socket_t s, char* buf) {
   int ready = platform::wait_readable(s, recv_wait_ms());
   if (ready < 0) {
     RD_ERROR("Error at the select function");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (ready == 0) {
     RD_ERROR("Timeout to receive data from client");
-    return -1;
+    return rd_codes::kFailed;
   }
   RequestSource src{tcp_read_some, tcp_input_ready, &s, VEXO_LOG_FILE, __func__, deadline,
                     "Timeout to receive data from client"};
@@ -142,12 +142,12 @@ int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t h
   RD_VERBOSE("sending HTTP header to client ");
   if (platform::send_before(s, header, header_len, deadline) != 0) {
     RD_ERROR("Error at sending header data on http");
-    return -1;
+    return rd_codes::kFailed;
   }
   RD_VERBOSE("sending HTTP Data to client ");
   if (body != nullptr && platform::send_before(s, body, body_len, deadline) != 0) {
     RD_ERROR("Error at sending body data on http");
-    return -1;
+    return rd_codes::kFailed;
   }
   RD_INFO("Data is Sent to client successfully ");
   return 0;

@@ -24,6 +24,8 @@
 #include "rd_core/api.h"
 #include "semaphore/device_lock.h"
 
+using rd_codes::kFailed;
+
 namespace {
 
 using rd_codes::kHttpBadRequest;
@@ -334,7 +336,7 @@ void dispatch_request(const char* raw, const RequestLine& line, OriginKind origi
 
 int ParseHTTP_ReqCapture(const char* raw_request, char* request_body) {
   const char* lt = std::strchr(raw_request, '<');
-  if (lt == nullptr) return -1;
+  if (lt == nullptr) return kFailed;
   // The header part is the text before "<" less its last character.
   std::size_t header_len = static_cast<std::size_t>(lt - raw_request);
   if (header_len > 0) --header_len;
@@ -351,7 +353,7 @@ int ParseHTTP_ReqCapture(const char* raw_request, char* request_body) {
       return kHttpBadRequest;
     }
   }
-  if (line.fields < 3) return -1;
+  if (line.fields < 3) return kFailed;
   if (line.version.find("HTTP/1.1") == std::string_view::npos) {
     RD_ERROR("Unsupported HTTP Version");
     return kHttpBadVersion;
@@ -363,7 +365,7 @@ int ParseHTTP_ReqCapture(const char* raw_request, char* request_body) {
 
   // The first header line naming Content-Length gives the body's length.
   std::size_t at = header.find("Content-Length");
-  if (at == std::string_view::npos) return -1;
+  if (at == std::string_view::npos) return kFailed;
   std::size_t line_start = header.rfind('\n', at);
   line_start = line_start == std::string_view::npos ? 0 : line_start + 1;
   std::string_view header_line = header.substr(line_start, header.find('\n', at) - line_start);
@@ -372,11 +374,11 @@ int ParseHTTP_ReqCapture(const char* raw_request, char* request_body) {
   long content_length = std::strtol(value.c_str(), nullptr, 10);
   if (content_length > kMaxCaptureBody) {
     RD_ERROR("Body data is too high, which is not valid\n");
-    return -1;
+    return kFailed;
   }
   if (content_length != static_cast<long>(body_len)) {
     RD_ERROR("Content-Length and Body Length is not matching\n");
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -385,7 +387,7 @@ int Get_PostAuthBody(const char* raw_request, char* request_body) {
   const char* lt = std::strchr(raw_request, '<');
   if (lt == nullptr) {
     RD_ERROR("Post Auth request doesn't have Body");
-    return -1;
+    return kFailed;
   }
   std::size_t n = strnlen(lt, kReqBodySize - 1);
   std::memcpy(request_body, lt, n);

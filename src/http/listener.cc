@@ -14,6 +14,9 @@
 #include "common/rd_log.h"
 #include "platform/socket_extra.h"
 #include "platform/unique_handle.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -71,7 +74,7 @@ int bind_pair(int port, bool* ipv6, PortPair* out) {
   // still refused, so the first free port keeps its meaning.
   if (!pair.v4 || platform::set_reuse_address(pair.v4.get()) != 0) {
     RD_ERROR("could not create socket for server(ERROR:%d)", platform::last_error());
-    return -1;
+    return kFailed;
   }
   if (platform::bind_loopback(pair.v4.get(), static_cast<std::uint16_t>(port)) != 0) return 1;
   if (*ipv6) {
@@ -132,7 +135,7 @@ int prepare_http_socket(platform::socket_t* server) {
   int port = kFirstPort;
   for (;; ++port) {
     const int rc = bind_pair(port, &ipv6, &pair);
-    if (rc < 0) return -1;
+    if (rc < 0) return kFailed;
     if (rc == 0) {
       RD_INFO("socket is bound on port: %hd", static_cast<short>(port));
       break;
@@ -140,7 +143,7 @@ int prepare_http_socket(platform::socket_t* server) {
     if (port == kLastPort) {
       RD_ERROR("binding_tcp_socket : failed on Port %hd\nAll Ports are in use, RD Service Can't Run",
                static_cast<short>(port));
-      return -1;
+      return kFailed;
     }
     if (platform::last_error() == kWinsockAddressInUse) {
       RD_ERROR("Port %hd is already in use, Trying for next port", static_cast<short>(port));
@@ -154,7 +157,7 @@ int prepare_http_socket(platform::socket_t* server) {
     RD_ERROR("Listen error");
     RD_STATUS("Listen error ");
     RD_PIPE("5000", "Listen error\n");
-    return -1;
+    return kFailed;
   }
   set_service_port(port);
   RD_INFO("....................Server Listening On 127.0.0.1 And Port %d...................", port);

@@ -75,81 +75,65 @@ void read_settings(dictionary* ini, RdConfig* cfg) {
   cfg->allowed_origins = iniparser_getstring(ini, "config:ALLOWED_ORIGINS", "");
 }
 
-}  // namespace
-
-int read_lock_folder() {
-  if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) return -1;
-  Dict ini(iniparser_load(kConfigPath));
-  if (ini == nullptr) return -1;
-  RdConfig cfg;
-  read_settings(ini.get(), &cfg);
-  rd_config_update([&cfg](RdConfig& shared) { shared.lock_folder = cfg.lock_folder; });
-  return 0;
+// Finishes a change of the identity or of config.ini that a crash cut short,
+// under the lock that a Management operation holds while it changes the pair.
+void recover_pending_changes() {
+  ScannerLock swap_lock;
+  if (swap_lock.held()) {
+    recover_staged_identity();
+    recover_config_swap();
+  }
 }
 
-int read_config_file() {
-  {
-    // Under the lock that a Management operation holds while it changes the pair.
-    ScannerLock swap_lock;
-    if (swap_lock.held()) {
-      recover_staged_identity();
-      recover_config_swap();
-    }
-  }
-  if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) {
-    RD_ERROR("verify_crc failed");
-    return rd_codes::kConfigFailed;
-  }
-  RD_INFO("CRC check is passed");
-  // Released on every path, failures included, so one bad file cannot stall
-  // every other process of the device family for the lock's full wait.
-  ScannerLock lock;
-  if (!lock.held()) {
-    RD_ERROR("Error at lock semaphore");
-    return rd_codes::kConfigFailed;
-  }
-  Dict ini(iniparser_load(kConfigPath));
-  if (ini == nullptr) {
-    RD_ERROR("Error in opening file %s", kConfigPath);
-    return rd_codes::kConfigNotLoadable;
-  }
-  // The keys are read into a copy in the file's order; the shared record
-  // changes only when every key was good, so readers never see half a file.
-  RdConfig cfg = rd_config_copy();
-  const char* ssl = iniparser_getstring(ini.get(), "config:IS_SSL_ENABLE", nullptr);
-  cfg.ssl_enable_text = ssl != nullptr ? std::string(ssl).substr(0, 7) : "0";
-  cfg.ssl_enabled = ssl != nullptr ? std::atoi(ssl) : 0;
-  const char* verbose = iniparser_getstring(ini.get(), "config:Verbose", nullptr);
-  cfg.verbose = verbose != nullptr ? std::atoi(verbose) : 0;
-  rd_set_verbose(cfg.verbose);
-  cfg.prod_register_url = iniparser_getstring(ini.get(), "config:PROD_REGISTER_URL", "");
-  cfg.offline_grace_hours = offline_grace_hours(iniparser_getstring(ini.get(), "config:OFFLINE_GRACE_HOURS", nullptr));
-  read_settings(ini.get(), &cfg);
+// The keys that have defaults: TLS, verbosity, the production URL, the offline
+// grace and the shared-computer settings.
+void read_optional_keys(dictionary* ini, RdConfig* cfg) {
+  const char* ssl = iniparser_getstring(ini, "config:IS_SSL_ENABLE", nullptr);
+  cfg->ssl_enable_text = ssl != nullptr ? std::string(ssl).substr(0, 7) : "0";
+  cfg->ssl_enabled = ssl != nullptr ? std::atoi(ssl) : 0;
+  const char* verbose = iniparser_getstring(ini, "config:Verbose", nullptr);
+  cfg->verbose = verbose != nullptr ? std::atoi(verbose) : 0;
+  rd_set_verbose(cfg->verbose);
+  cfg->prod_register_url = iniparser_getstring(ini, "config:PROD_REGISTER_URL", "");
+  cfg->offline_grace_hours = offline_grace_hours(iniparser_getstring(ini, "config:OFFLINE_GRACE_HOURS", nullptr));
+  read_settings(ini, cfg);
+}
 
-  const char* value = iniparser_getstring(ini.get(), "config:RD_VER", nullptr);
+// RD_VER, DEV_PUB_KEY_VALIDITY and dc (which may be empty: a key rotation is
+// then due). kConfigOk, or the code of the first missing key.
+int read_device_keys(dictionary* ini, RdConfig* cfg) {
+  RD_LOG_AS("read_config_file");
+  const char* value = iniparser_getstring(ini, "config:RD_VER", nullptr);
   if (value == nullptr) {
     RD_ERROR("iniparser_getstring Failed For getting RD VER");
     return rd_codes::kConfigNoRdVer;
   }
-  cfg.rd_ver = value;
-  value = iniparser_getstring(ini.get(), "config:DEV_PUB_KEY_VALIDITY", nullptr);
+  cfg->rd_ver = value;
+  value = iniparser_getstring(ini, "config:DEV_PUB_KEY_VALIDITY", nullptr);
   if (value == nullptr) {
     RD_ERROR(" iniparser_getstring Failed For getting dev cert validity days");
     return rd_codes::kConfigNoValidity;
   }
-  cfg.dev_pub_key_validity = value;
-  value = iniparser_getstring(ini.get(), "config:dc", nullptr);
+  cfg->dev_pub_key_validity = value;
+  value = iniparser_getstring(ini, "config:dc", nullptr);
   if (value == nullptr) {
     RD_ERROR(" iniparser_getstring Failed For getting DC");
     return rd_codes::kConfigNoDc;
   }
-  cfg.dc = value;
-  cfg.dc_missing = 0;
-  if (cfg.dc.empty()) {
+  cfg->dc = value;
+  cfg->dc_missing = 0;
+  if (cfg->dc.empty()) {
     RD_INFO("DC value is null");
-    cfg.dc_missing = 1;
+    cfg->dc_missing = 1;
   }
-  value = iniparser_getstring(ini.get(), "config:DOMAIN_NAME", nullptr);
+  return rd_codes::kConfigOk;
+}
+
+// DOMAIN_NAME decrypted into the Management server's endpoints. kConfigOk,
+// kConfigNoDomain, or kConfigFailed when it does not decrypt or is too long.
+int read_endpoints(dictionary* ini, RdConfig* cfg) {
+  RD_LOG_AS("read_config_file");
+  const char* value = iniparser_getstring(ini, "config:DOMAIN_NAME", nullptr);
   if (value == nullptr) {
     RD_ERROR(" iniparser_getstring Failed For getting DOMAIN_NAME");
     return rd_codes::kConfigNoDomain;
@@ -175,7 +159,48 @@ int read_config_file() {
       return rd_codes::kConfigFailed;
     }
   }
-  for (const Endpoint& e : kEndpoints) cfg.*e.field = base + e.suffix;
+  for (const Endpoint& e : kEndpoints) cfg->*e.field = base + e.suffix;
+  return rd_codes::kConfigOk;
+}
+
+}  // namespace
+
+int read_lock_folder() {
+  if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) return rd_codes::kFailed;
+  Dict ini(iniparser_load(kConfigPath));
+  if (ini == nullptr) return rd_codes::kFailed;
+  RdConfig cfg;
+  read_settings(ini.get(), &cfg);
+  rd_config_update([&cfg](RdConfig& shared) { shared.lock_folder = cfg.lock_folder; });
+  return 0;
+}
+
+int read_config_file() {
+  recover_pending_changes();
+  if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) {
+    RD_ERROR("verify_crc failed");
+    return rd_codes::kConfigFailed;
+  }
+  RD_INFO("CRC check is passed");
+  // Released on every path, failures included, so one bad file cannot stall
+  // every other process of the device family for the lock's full wait.
+  ScannerLock lock;
+  if (!lock.held()) {
+    RD_ERROR("Error at lock semaphore");
+    return rd_codes::kConfigFailed;
+  }
+  Dict ini(iniparser_load(kConfigPath));
+  if (ini == nullptr) {
+    RD_ERROR("Error in opening file %s", kConfigPath);
+    return rd_codes::kConfigNotLoadable;
+  }
+  // The keys are read into a copy in the file's order; the shared record
+  // changes only when every key was good, so readers never see half a file.
+  RdConfig cfg = rd_config_copy();
+  read_optional_keys(ini.get(), &cfg);
+  int rc = read_device_keys(ini.get(), &cfg);
+  if (rc == rd_codes::kConfigOk) rc = read_endpoints(ini.get(), &cfg);
+  if (rc != rd_codes::kConfigOk) return rc;
   ini.reset();
   if (lock.unlock() != 0) {
     RD_ERROR("Error at Unlock_Semaphore");
@@ -190,8 +215,12 @@ int encrypt_domain_name(const std::string& url, std::string* value) {
   const auto key = address_key();
   std::vector<std::uint8_t> cipher;
   const auto* p = reinterpret_cast<const std::uint8_t*>(url.data());
-  if (aes_encrypt(key, std::span<const std::uint8_t>(p, url.size()), &cipher) != 0) return -1;
-  return Base64Encode(cipher, value) == 0 ? 0 : (value->clear(), -1);
+  if (aes_encrypt(key, std::span<const std::uint8_t>(p, url.size()), &cipher) != 0) return rd_codes::kFailed;
+  if (Base64Encode(cipher, value) != 0) {
+    value->clear();
+    return rd_codes::kFailed;
+  }
+  return 0;
 }
 
 int decrypt_domain_name(const std::string& value, std::string* url) {
@@ -199,7 +228,7 @@ int decrypt_domain_name(const std::string& value, std::string* url) {
   std::vector<std::uint8_t> decoded;
   std::vector<std::uint8_t> plain;
   const auto key = address_key();
-  if (Base64Decode(value, &decoded) != 0 || aes_decrypt(key, decoded, &plain) != 0) return -1;
+  if (Base64Decode(value, &decoded) != 0 || aes_decrypt(key, decoded, &plain) != 0) return rd_codes::kFailed;
   url->assign(plain.begin(), plain.end());
   return 0;
 }

@@ -17,6 +17,9 @@
 #include "rd_core/aes.h"
 #include "common/secret.h"
 #include "vexo.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -47,12 +50,12 @@ int read_proxy_key(dictionary* ini, const char* key, const char* missing, std::s
   const char* value = iniparser_getstring(ini, key, nullptr);
   if (value == nullptr) {
     RD_ERROR("%s", missing);
-    return -1;
+    return kFailed;
   }
   std::string text(value);
   if (text.size() >= kProxyFieldMax) {
     RD_ERROR("Proxy field %s is too long: %d bytes", key, static_cast<int>(text.size()));
-    return -1;
+    return kFailed;
   }
   *field = std::move(text);
   return 0;
@@ -61,16 +64,16 @@ int read_proxy_key(dictionary* ini, const char* key, const char* missing, std::s
 }  // namespace
 
 int write_config_file_proxy_url(const char* proxy_text) {
-  if (proxy_text == nullptr) return -1;
+  if (proxy_text == nullptr) return kFailed;
   const auto [url, user, password] = split_proxy_text(proxy_text);
   if (url.size() >= kProxyFieldMax || user.size() >= kProxyFieldMax ||
       password.size() >= kProxyFieldMax) {
     RD_ERROR("Proxy field is too long");
-    return -1;
+    return kFailed;
   }
   if (!ini_value_ok(url) || !ini_value_ok(user) || !ini_value_ok(password)) {
     RD_ERROR("Refused a proxy value with a line break");
-    return -1;
+    return kFailed;
   }
   // Every field is checked and encrypted before the file is touched, so a
   // refused proxy text leaves the working proxy.ini exactly as it was.
@@ -81,35 +84,35 @@ int write_config_file_proxy_url(const char* proxy_text) {
     const auto* p = reinterpret_cast<const std::uint8_t*>(password.data());
     if (aes_encrypt(kProxyKey, std::span<const std::uint8_t>(p, password.size()), &cipher) != 0) {
       RD_ERROR("Encryption failed\n");
-      return -1;
+      return kFailed;
     }
     RD_INFO("Encryption success\n");
     if (Base64Encode(cipher, &stored) != 0) {
       RD_ERROR("Encryption failed\n");
-      return -1;
+      return kFailed;
     }
   }
   Dict ini(dictionary_new(0));
   if (ini == nullptr || iniparser_set(ini.get(), "config", nullptr) != 0) {
     RD_ERROR("cannot create proxy.ini file\n\n");
-    return -1;
+    return kFailed;
   }
   if (iniparser_set(ini.get(), "config:proxy_url", url.c_str()) != 0) {
     RD_ERROR("Error iniparser_set  to write proxy_url value");
-    return -1;
+    return kFailed;
   }
   if (iniparser_set(ini.get(), "config:username", user.c_str()) != 0) {
     RD_ERROR("Error iniparser_set to write username value");
-    return -1;
+    return kFailed;
   }
   if (iniparser_set(ini.get(), "config:password", stored.c_str()) != 0) {
     RD_ERROR("Error iniparser_set  to write password value");
-    return -1;
+    return kFailed;
   }
   // One atomic replace: the old file stays whole until the new one is complete.
   if (WriteToIniFile(ini.get(), kProxyPath) != 0) {
     RD_ERROR("Error at to write proxy_url, username & password value in ini file");
-    return -1;
+    return kFailed;
   }
   RD_INFO("proxy.ini file created successfully");
   return 0;
@@ -133,7 +136,7 @@ int read_proxy_file() {
       read_proxy_key(ini.get(), "config:USERNAME", "iniparser_getstring Failed For getting USERNAME", &user) != 0 ||
       read_proxy_key(ini.get(), "config:PASSWORD", "iniparser_getstring Failed For getting PASSWORD",
                      &password) != 0) {
-    return -1;
+    return kFailed;
   }
   Secret plain_password;
   if (!password.empty()) {
@@ -141,7 +144,7 @@ int read_proxy_file() {
     std::vector<std::uint8_t> plain;
     if (Base64Decode(password, &decoded) != 0 || aes_decrypt(kProxyKey, decoded, &plain) != 0) {
       RD_ERROR("Decryption failed");
-      return -1;
+      return kFailed;
     }
     plain_password.assign(plain.data(), plain.size());
     cleanse(plain.data(), plain.size());
@@ -160,20 +163,20 @@ extern "C" VEXO_EXPORT int Https_Set_Api(const char* value) noexcept {
       RD_ERROR("Error at writing ssl enable to config file");
       RD_STATUS("Error at writing ssl enable to config file ");
       RD_PIPE("10000", "Writing ssl value to config file failed\n");
-      return -1;
+      return kFailed;
     }
     rd_config_update([value](RdConfig& c) { c.ssl_enable_text = std::string(value).substr(0, 7); });
     RD_INFO("Writing ssl enable to file successful");
     if (seal_config_file() != 0) {
       RD_ERROR("Adding crc on file failed");
-      return -1;
+      return kFailed;
     }
     RD_INFO("Adding crc to file is done successfully");
     // Without the recorded access time the next key read forces a key rotation.
     if (platform::file_readable(kAccessTimeFile)) std::remove(kAccessTimeFile);
     return 0;
   } catch (...) {
-    return -1;
+    return kFailed;
   }
 }
 
@@ -183,12 +186,12 @@ extern "C" VEXO_EXPORT int Set_Proxy_Api(const char* proxy) noexcept {
       RD_ERROR("Error at writing proxy_url to proxy file");
       RD_STATUS("Error at writing proxy_url to proxy file ");
       RD_PIPE("10000", "Write proxy_url to config file failed\n");
-      return -1;
+      return kFailed;
     }
     RD_INFO("Writing proxy_url, username & password to file successful");
     return 0;
   } catch (...) {
-    return -1;
+    return kFailed;
   }
 }
 

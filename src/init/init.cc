@@ -72,7 +72,7 @@ int check_files(const RequiredFile (&files)[N], const char* caller) {
       RD_ERROR("File Not Found : %s", f.path);
       RD_STATUS("File Not Found : %s", f.path);
       RD_PIPE("10000", "File Not Found : %s\n", f.path);
-      return -1;
+      return rd_codes::kFailed;
     }
     RD_INFO("%s", f.present_message);
   }
@@ -407,7 +407,7 @@ int load_config_file() {
     id.mi = model->mi;
     id.model = model->mi;
   });
-  return model == nullptr ? -1 : 0;
+  return model == nullptr ? rd_codes::kFailed : 0;
 }
 
 void init_reset_for_test() {
@@ -451,9 +451,9 @@ extern "C" VEXO_EXPORT int Start_RDservice(void) noexcept try {
   static platform::socket_t server = platform::kInvalidSocket;
   if (prepare_http_socket(&server) != 0) {
     RD_ERROR("http server creation failed");
-    if (RD_STATUS(" http server creation failed") != 0) return -1;
+    if (RD_STATUS(" http server creation failed") != 0) return rd_codes::kStartClock;
     RD_PIPE("5000", "http server creation failed\n");
-    return -2;
+    return rd_codes::kStartSocket;
   }
   RD_INFO("http-Socket prepared successfully");
 
@@ -462,9 +462,9 @@ extern "C" VEXO_EXPORT int Start_RDservice(void) noexcept try {
     SslSettings settings{id.ssl_cert_path, id.ssl_key_path};
     if (validateServerCertAndInitSSLCTX(settings) != 0) {
       RD_ERROR("Error at validateServerCertAndInitSSLCTX()");
-      if (RD_STATUS(" SSL server init failed") != 0) return -1;
+      if (RD_STATUS(" SSL server init failed") != 0) return rd_codes::kStartClock;
       RD_PIPE("5000", "SSL server init failed\n");
-      return -3;
+      return rd_codes::kStartTls;
     }
     RD_INFO("SSL Initialization success");
   }
@@ -478,22 +478,22 @@ extern "C" VEXO_EXPORT int Start_RDservice(void) noexcept try {
   }
   if (!started) {
     RD_ERROR("pthread creation failed");
-    if (RD_STATUS(" pthread creation failed") != 0) return -1;
+    if (RD_STATUS(" pthread creation failed") != 0) return rd_codes::kStartClock;
     RD_PIPE("5000", "pthread creation failed\n");
-    return -4;
+    return rd_codes::kStartThread;
   }
   RD_INFO("client_connection_handler Thread created successfully");
-  if (RD_STATUS("RD service started successfully") != 0) return -1;
-  return 0;
+  if (RD_STATUS("RD service started successfully") != 0) return rd_codes::kStartClock;
+  return rd_codes::kStartOk;
 } catch (...) {
-  return -4;
+  return rd_codes::kStartThread;
 }
 
 extern "C" VEXO_EXPORT int detach_device(void) noexcept {
   RD_INFO("RD_Service Is NOTREADY");
   set_device_detached(1);
   set_rd_status_notready();
-  if (RD_STATUS("Fingerprint device not attached ") != 0) return -1;
+  if (RD_STATUS("Fingerprint device not attached ") != 0) return rd_codes::kAttachFailed;
   RD_PIPE("5000", "Fingerprint device disconnected\n");
   return 0;
 }
@@ -501,7 +501,7 @@ extern "C" VEXO_EXPORT int detach_device(void) noexcept {
 extern "C" VEXO_EXPORT int attach_device(void) noexcept {
   try {
     RD_INFO("Device is attached");
-    if (RD_STATUS("Fingerprint device is attached ") != 0) return -1;
+    if (RD_STATUS("Fingerprint device is attached ") != 0) return rd_codes::kAttachFailed;
     RD_PIPE("5000", "Fingerprint device connected\n");
     set_device_detached(0);
     std::string serial;
@@ -509,20 +509,20 @@ extern "C" VEXO_EXPORT int attach_device(void) noexcept {
       RD_ERROR("fingerprint device not attached");
       RD_STATUS("fingerprint device not attached ");
       RD_PIPE("5000", "Fingerprint device disconnected\n");
-      return -1;
+      return rd_codes::kAttachFailed;
     }
     RD_INFO("Getting Serial Number is Success");
-    int result = 0;
+    int result = rd_codes::kAttachSame;
     if (serial == get_device_serial()) {
       RD_INFO("Old and New Serial numbers are matched");
     } else {
       RD_INFO("Old and New Serial numbers did not matched, calling init");
       set_device_serial(serial);
-      result = -10;
+      result = rd_codes::kAttachChanged;
     }
     set_rd_status_ready();
     return result;
   } catch (...) {
-    return -1;
+    return rd_codes::kAttachFailed;
   }
 }

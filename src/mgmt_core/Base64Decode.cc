@@ -2,7 +2,10 @@
 
 #include <climits>
 
+#include "common/rd_codes.h"
 #include "mgmt_core/Base64.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -25,12 +28,12 @@ bool is_padded_base64(std::string_view in) {
 
 int Base64Decode(std::string_view in, std::vector<std::uint8_t>* out) {
   out->clear();
-  if (in.size() % 4 != 0 || in.size() > static_cast<std::size_t>(INT_MAX)) return -1;
+  if (in.size() % 4 != 0 || in.size() > static_cast<std::size_t>(INT_MAX)) return kFailed;
   if (in.empty()) return 0;
-  if (!is_padded_base64(in)) return -1;
+  if (!is_padded_base64(in)) return kFailed;
   std::vector<std::uint8_t> bytes(in.size() / 4 * 3);
   int n = EVP_DecodeBlock(bytes.data(), reinterpret_cast<const unsigned char*>(in.data()), static_cast<int>(in.size()));
-  if (n < 0) return -1;
+  if (n < 0) return kFailed;
   // EVP_DecodeBlock counts the padding as zero bytes; drop them.
   std::size_t pad = 0;
   if (in.back() == '=') pad = (in[in.size() - 2] == '=') ? 2 : 1;

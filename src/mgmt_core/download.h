@@ -10,10 +10,13 @@
 //
 // Chunk i starts at i * 102401 and is asked for as "start-(start+102400)";
 // the last index is size / 102400 and its range ends at the size itself.
-// The record is replaced atomically after every appended chunk. A resume
-// cuts the package back to the bytes that the record vouches for (chunks
-// 0..CURRENT) and continues with chunk CURRENT + 1, so a process killed at
-// any moment never leaves a chunk twice in the package.
+// The record is replaced atomically after every appended chunk, without a
+// flush. A resume cuts the package back to the bytes that the record vouches
+// for (chunks 0..CURRENT) and continues with chunk CURRENT + 1, so a process
+// killed at any moment never leaves a chunk twice in the package. After a
+// power cut the record may be stale or unreadable and the package shorter
+// than it vouches for: the resume then starts afresh, and the MD5 check
+// catches any other loss.
 //
 // The size request and the ranges of one download share one connection and
 // TLS session, under the trust settings of web_service/transfer.h (checked

@@ -65,14 +65,17 @@ bool is_record_safe(const std::string& text) {
   });
 }
 
-// Strict decimal of at most max; -1 for anything else.
+// What parse_decimal gives for anything but a decimal in range.
+constexpr long long kNotDecimal = -1;
+
+// Strict decimal of at most max; kNotDecimal for anything else.
 long long parse_decimal(const std::string& text, long long max) {
-  if (text.empty() || text.size() > 19) return -1;
+  if (text.empty() || text.size() > 19) return kNotDecimal;
   long long value = 0;
   for (char c : text) {
-    if (c < '0' || c > '9') return -1;
+    if (c < '0' || c > '9') return kNotDecimal;
     value = value * 10 + (c - '0');
-    if (value > max) return -1;
+    if (value > max) return kNotDecimal;
   }
   return value;
 }
@@ -163,7 +166,7 @@ long get_package_size(const Link& link, const std::string& url) {
     RD_LOG_AS("get_package_size");
     RD_STATUS("Get download file size failed ");
     RD_PIPE("10000", "Get download file size failed\n");
-    return -1L;
+    return static_cast<long>(kDownloadFailed);
   };
   transfer::Easy curl = transfer::new_easy();
   if (!curl) {
@@ -277,8 +280,11 @@ int append_chunk(const std::string& target, const std::string& chunk) {
   return kDownloadOk;
 }
 
+// What resume_point gives when the download is to start afresh.
+constexpr int kStartAfresh = -1;
+
 // Where the next attempt continues: the first chunk to fetch, after cutting
-// the package back to what the record vouches for. -1: start afresh.
+// the package back to what the record vouches for; kStartAfresh.
 int resume_point(const std::string& url, const std::string& checksum, long size, const std::string& target) {
   RD_LOG_AS("download_manager");
   int current = 0;
@@ -286,20 +292,20 @@ int resume_point(const std::string& url, const std::string& checksum, long size,
   const int previous = get_previous_download_info(url, checksum, size, &current, &last);
   if (previous != 0) {
     if (previous < 0) RD_INFO("Previous download record unusable. starting fresh download...");
-    return -1;
+    return kStartAfresh;
   }
   const long long vouched = bytes_through(size, current, last);
   const long long held = std::max(0LL, platform::file_size(target));
   if (held < vouched) {
     RD_INFO("Package holds %lld bytes, fewer than the %lld of the record. starting fresh download...", held, vouched);
-    return -1;
+    return kStartAfresh;
   }
   if (held > vouched) {
     std::error_code ec;
     std::filesystem::resize_file(target, static_cast<std::uintmax_t>(vouched), ec);
     if (ec) {
       RD_ERROR("Couldn't cut the package back to %lld bytes", vouched);
-      return -1;
+      return kStartAfresh;
     }
     RD_INFO("Package cut back from %lld to %lld bytes", held, vouched);
   }
@@ -330,7 +336,7 @@ long ParseFileLength(const std::string& headers) {
     value = line.substr(first, last - first);
     found = true;
   }
-  if (!found) return -1;
+  if (!found) return kNotDecimal;
   RD_INFO("Len Buf is = %.64s", value.c_str());
   return static_cast<long>(parse_decimal(value, kMaxPackageBytes));
 }
@@ -394,12 +400,73 @@ int update_to_conf(const std::string& url, const std::string& checksum, long siz
   record += '|';
   record += current == last ? "Completed" : "In progress";
   record += '|';
-  if (platform::write_file_atomic(kDownloadRecord, record.data(), record.size()) != 0) {
+  // Replaced after every chunk but never flushed: a flush per chunk would
+  // cost more than the transfer. After a power cut the record may be stale or
+  // unreadable, which is safe: a resume cuts the package back to what the
+  // record vouches for (or starts afresh), and the MD5 check follows.
+  if (platform::write_file_atomic(kDownloadRecord, record.data(), record.size(), 0600,
+                                  platform::Durability::kUnflushed) != 0) {
     RD_ERROR("Couldn't write %s", kDownloadRecord);
     return kDownloadFailed;
   }
   return kDownloadOk;
 }
+
+namespace {
+
+// Fetches chunks first..last of the package at url onto target, recording
+// each in dm.conf. kDownloadOk, or kDownloadFailed (reported).
+int fetch_chunks(const Link& link, const std::string& url, const std::string& checksum, long size, int first,
+                 const std::string& target) {
+  RD_LOG_AS("download_manager");
+  const int last = last_index(size);
+  std::string chunk;
+  for (int index = first; index <= last; ++index) {
+    const long want = chunk_bytes(size, index, last);
+    if (want > 0) {
+      const long start = static_cast<long>(index) * kChunkStep;
+      const long end = index == last ? size : start + kChunkSpan;
+      char range[48];
+      std::snprintf(range, sizeof range, "%ld-%ld", start, end);
+      RD_INFO("Range is: %s", range);
+      if (download_part(link, url, range, &chunk) != 0) {
+        RD_ERROR("Error at download_part Download failed");
+        return kDownloadFailed;
+      }
+      RD_INFO("Success range %s", range);
+      if (static_cast<long>(chunk.size()) != want) {
+        RD_ERROR("Range %s answered %zu bytes instead of %ld", range, chunk.size(), want);
+        return kDownloadFailed;
+      }
+      if (append_chunk(target, chunk) != 0) return kDownloadFailed;
+    }
+    if (update_to_conf(url, checksum, size, last, index) != 0) return kDownloadFailed;
+    if (const unsigned delay = g_chunk_delay_ms.load(); delay > 0) platform::sleep_ms(delay);
+  }
+  return kDownloadOk;
+}
+
+// The MD5 of the whole package against checksum. kDownloadOk, or
+// kDownloadFailed (reported).
+int verify_package(const std::string& target, const std::string& checksum) {
+  RD_LOG_AS("download_manager");
+  std::string computed;
+  if (MD5_Generate(target, &computed) != 0) {
+    RD_ERROR("Couldn't open download file");
+    return kDownloadFailed;
+  }
+  RD_INFO("MS check sum is %s, MC checksum is %s", checksum.c_str(), computed.c_str());
+  if (computed == checksum) {
+    RD_INFO("Checksum matched.Download successful");
+    return kDownloadOk;
+  }
+  RD_ERROR("Downloaded file checksum is invalid. Download Failed.");
+  RD_STATUS("Downloaded file checksum is invalid. Download Failed.");
+  RD_PIPE("10000", "Downloaded file checksum is invalid|Download Failed.\n");
+  return kDownloadFailed;
+}
+
+}  // namespace
 
 int download_manager(const std::string& url, const std::string& checksum, const std::string& target) {
   DownloadSlot slot = DownloadSlot::try_take();
@@ -435,49 +502,12 @@ int download_manager(const DownloadSlot& /*slot*/, const std::string& url, const
     RD_ERROR("Error at get_package_size");
     return kDownloadFailed;
   }
-  const int last = last_index(size);
   int first = resume_point(url, checksum, size, target);
-  if (first < 0) {
+  if (first == kStartAfresh) {
     if (start_fresh(target) != 0) return kDownloadFailed;
     first = 0;
   }
 
-  std::string chunk;
-  for (int index = first; index <= last; ++index) {
-    const long want = chunk_bytes(size, index, last);
-    if (want > 0) {
-      const long start = static_cast<long>(index) * kChunkStep;
-      const long end = index == last ? size : start + kChunkSpan;
-      char range[48];
-      std::snprintf(range, sizeof range, "%ld-%ld", start, end);
-      RD_INFO("Range is: %s", range);
-      if (download_part(link, url, range, &chunk) != 0) {
-        RD_ERROR("Error at download_part Download failed");
-        return kDownloadFailed;
-      }
-      RD_INFO("Success range %s", range);
-      if (static_cast<long>(chunk.size()) != want) {
-        RD_ERROR("Range %s answered %zu bytes instead of %ld", range, chunk.size(), want);
-        return kDownloadFailed;
-      }
-      if (append_chunk(target, chunk) != 0) return kDownloadFailed;
-    }
-    if (update_to_conf(url, checksum, size, last, index) != 0) return kDownloadFailed;
-    if (const unsigned delay = g_chunk_delay_ms.load(); delay > 0) platform::sleep_ms(delay);
-  }
-
-  std::string computed;
-  if (MD5_Generate(target, &computed) != 0) {
-    RD_ERROR("Couldn't open download file");
-    return kDownloadFailed;
-  }
-  RD_INFO("MS check sum is %s, MC checksum is %s", checksum.c_str(), computed.c_str());
-  if (computed == checksum) {
-    RD_INFO("Checksum matched.Download successful");
-    return kDownloadOk;
-  }
-  RD_ERROR("Downloaded file checksum is invalid. Download Failed.");
-  RD_STATUS("Downloaded file checksum is invalid. Download Failed.");
-  RD_PIPE("10000", "Downloaded file checksum is invalid|Download Failed.\n");
-  return kDownloadFailed;
+  if (fetch_chunks(link, url, checksum, size, first, target) != kDownloadOk) return kDownloadFailed;
+  return verify_package(target, checksum);
 }

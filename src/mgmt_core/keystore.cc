@@ -29,7 +29,7 @@ constexpr const char* kAccessTimeFile = "last_acces_time_file";
 // The key file's last-access time as 32-bit seconds, low byte first. 0 or -1.
 int access_stamp(const std::string& path, Stamp* out) {
   long long t = platform::file_access_time(path);
-  if (t < 0) return -1;
+  if (t < 0) return rd_codes::kKeystoreFailed;
   const auto v = static_cast<std::uint32_t>(t);
   for (int i = 0; i < 4; ++i) (*out)[i] = static_cast<char>((v >> (8 * i)) & 0xff);
   return 0;
@@ -61,7 +61,7 @@ int GenerateKeyPair(std::string* cert_pem) {
   // A commit cut short is completed by the next start-up, so what it staged stays.
   if (cert_pem->empty() || commit_staged_identity() != 0) {
     cert_pem->clear();
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   return 0;
 }
@@ -72,14 +72,14 @@ int stage_key_pair(std::string* cert_pem) {
   RD_INFO("............................Accessing keystore files.......................");
   std::string pem_text;
   std::string cert;
-  if (RSA_Generate_key(&pem_text, &cert) != 0) return -1;
+  if (RSA_Generate_key(&pem_text, &cert) != 0) return rd_codes::kKeystoreFailed;
   const Secret pem = Secret::adopt(std::move(pem_text));
   RD_INFO("Key pair generation successful");
 
   SecretArray<32> password{};
   if (GetPasswordToEncPrivateKey(&password) != 0) {
     RD_ERROR("Error at GetPasswordToEncDecPrivateKey");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_INFO("Password generated successfully");
 
@@ -88,7 +88,7 @@ int stage_key_pair(std::string* cert_pem) {
   if (platform::write_file_atomic(staged_path(keystore_file_path(kKeyHash)), key_hash.data(), key_hash.size(),
                                  0600) != 0) {
     RD_ERROR("Error at to create key.hash file");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_VERBOSE("Password validation is successful");
   RD_VERBOSE("password creation is completed");
@@ -96,7 +96,7 @@ int stage_key_pair(std::string* cert_pem) {
   std::vector<std::uint8_t> encrypted;
   if (aes_encrypt(password, std::span<const std::uint8_t>(pem.bytes(), pem.size()), &encrypted) != 0) {
     RD_ERROR("Error at to do aes encryption of device private key");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_INFO("Private protection is successful");
 
@@ -105,18 +105,18 @@ int stage_key_pair(std::string* cert_pem) {
     RD_ERROR("Error at to open enc dev private key file");
     RD_STATUS("File not found %s ", key_path.c_str());
     RD_PIPE("5000", "File not found %s\n", key_path.c_str());
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   Stamp stamp{};
   if (access_stamp(staged_path(key_path), &stamp) != 0) {
     RD_ERROR("error to do stat of private key");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   // A rename keeps the access time, so the stamp holds once the file is in place.
   if (platform::write_file_atomic(staged_path(keystore_file_path(kAccessTimeFile)), stamp.data(), stamp.size(),
                                   0600) != 0) {
     RD_ERROR("Unable to create keystore access time file");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_INFO(".........................Leaving from keystore............................");
   *cert_pem = std::move(cert);
@@ -128,7 +128,7 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   const std::string node = keystore_node_file(rd_identity_copy().rdsId);
   if (node.empty()) {
     RD_ERROR("Invalid RDS_ID");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   std::string dynamic_key;
   int rc = GetDynamickey_For_Decryption(node, &dynamic_key);
@@ -136,7 +136,7 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
     RD_ERROR("Getting Dynamic key Failed");
     // No node file: a key rotation was cut short, or the file was removed;
     // the key can never be opened again, so a new one is needed.
-    return platform::file_exists(node) ? rc : -100;
+    return platform::file_exists(node) ? rc : rd_codes::kKeystoreTampered;
   }
 
   const std::string key_path = keystore_file_path(kEncKey);
@@ -145,7 +145,7 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
     RD_ERROR("Error at to reading private key file");
     RD_STATUS("Error at to reading private key file : %s ", key_path.c_str());
     RD_PIPE("10000", "File Not Found : %s\n", key_path.c_str());
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   const std::string time_path = keystore_file_path(kAccessTimeFile);
   std::string recorded;
@@ -153,20 +153,20 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
     RD_ERROR("keystore access time file not exist");
     RD_STATUS("keystore access time file not exist : %s ", time_path.c_str());
     RD_PIPE("10000", "File Not Found : %s\n", time_path.c_str());
-    return -100;
+    return rd_codes::kKeystoreTampered;
   }
   // Anything but the 4 recorded bytes (also a truncated file) means the key
   // file was touched since the library last read it.
   if (recorded.size() < current.size() || std::memcmp(recorded.data(), current.data(), current.size()) != 0) {
     RD_ERROR("key tamper detected");
     RD_STATUS("key tamper detected ");
-    return -100;
+    return rd_codes::kKeystoreTampered;
   }
 
   std::array<std::uint8_t, 32> digest;
   if (GetHashRDservice(&digest) != 0) {
     RD_ERROR("Error at password validation");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_VERBOSE("password validation is successful");
 
@@ -176,17 +176,17 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
     RD_ERROR("Error at to open pd_file application");
     RD_STATUS("Error at to open pd_file application : %s ", pd_path.c_str());
     RD_PIPE("10000", "File Not Found : %s\n", pd_path.c_str());
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   std::vector<Mac> ids;
   if (GetAdapterID(&ids) != 0) {
     RD_ERROR("Could not get MAC ID");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   if (ids.empty()) {
     RD_ERROR("iCount is <= 0");
     RD_ERROR("Unable to get MAC ID");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   // The first adapter whose address hashes to the recorded value made the password.
   const Mac* match = nullptr;
@@ -198,7 +198,7 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   }
   if (match == nullptr) {
     RD_ERROR("PD didn't match");
-    return -100;
+    return rd_codes::kKeystoreTampered;
   }
   *password = keystore_detail::derive_password(digest, *match, dynamic_key);
   RD_VERBOSE("Password generated successfully");
@@ -211,7 +211,7 @@ int GetDevicePrivateKeyFromFile(std::string* pem) {
 
   SecretArray<32> password{};
   int rc = GetPasswordToDecPrivateKey(&password);
-  if (rc == -100) return forced_key_rotation();
+  if (rc == rd_codes::kKeystoreTampered) return forced_key_rotation();
   if (rc != 0) {
     RD_ERROR("Failed to get Password");
     return rc;
@@ -223,7 +223,7 @@ int GetDevicePrivateKeyFromFile(std::string* pem) {
     RD_ERROR("failed to open device private key file");
     RD_STATUS("failed to open device private key file : %s ", key_path.c_str());
     RD_PIPE("10000", "File not found %s\n", key_path.c_str());
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_VERBOSE("Encrypted private key reading successful");
 
@@ -249,7 +249,7 @@ int GetDevicePrivateKeyFromFile(std::string* pem) {
     RD_ERROR("Failed to open private key validation info");
     RD_STATUS("File not found : %s ", hash_path.c_str());
     RD_PIPE("10000", "File not found %s\n", hash_path.c_str());
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_VERBOSE("Got private key validation info");
   if (!same_digest(recorded_hash, key_hash)) {
@@ -264,13 +264,13 @@ int GetDevicePrivateKeyFromFile(std::string* pem) {
   Stamp stamp{};
   if (access_stamp(key_path, &stamp) != 0) {
     RD_ERROR("error to do stat of private key");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   const std::string time_path = keystore_file_path(kAccessTimeFile);
   if (!platform::file_exists(time_path) ||
       platform::write_file_atomic(time_path, stamp.data(), stamp.size(), 0600) != 0) {
     RD_ERROR("Tamper detection failed");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   pem->assign(plain.data(), plain.size());
   return 0;

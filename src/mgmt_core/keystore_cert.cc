@@ -18,6 +18,9 @@
 #include "platform/platform.h"
 #include "common/secret.h"
 #include "common/openssl_ptr.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kKeystoreFailed;
 
 namespace {
 
@@ -52,8 +55,8 @@ int add_ext(X509* cert, int nid, const char* value) {
   // Self-signed: the certificate is its own issuer (needed for the key identifier).
   X509V3_set_ctx(&ctx, cert, cert, nullptr, nullptr, 0);
   ExtPtr ext(X509V3_EXT_nconf_nid(nullptr, &ctx, nid, value));
-  if (!ext) return -1;
-  return X509_add_ext(cert, ext.get(), -1) == 1 ? 0 : -1;
+  if (!ext) return kKeystoreFailed;
+  return X509_add_ext(cert, ext.get(), -1) == 1 ? 0 : kKeystoreFailed;
 }
 
 // notAfter = start + minutes, split into days and seconds so that large
@@ -61,9 +64,9 @@ int add_ext(X509* cert, int nid, const char* value) {
 int set_validity(X509* cert, std::time_t start, long minutes) {
   long days = minutes / 1440;
   long secs = (minutes % 1440) * 60;
-  if (days > INT_MAX || days < INT_MIN) return -1;
-  if (ASN1_TIME_set(X509_getm_notBefore(cert), start) == nullptr) return -1;
-  if (ASN1_TIME_adj(X509_getm_notAfter(cert), start, static_cast<int>(days), secs) == nullptr) return -1;
+  if (days > INT_MAX || days < INT_MIN) return kKeystoreFailed;
+  if (ASN1_TIME_set(X509_getm_notBefore(cert), start) == nullptr) return kKeystoreFailed;
+  if (ASN1_TIME_adj(X509_getm_notAfter(cert), start, static_cast<int>(days), secs) == nullptr) return kKeystoreFailed;
   return 0;
 }
 
@@ -71,7 +74,7 @@ int set_validity(X509* cert, std::time_t start, long minutes) {
 int bio_text(BIO* bio, std::string* out) {
   char* data = nullptr;
   long len = BIO_get_mem_data(bio, &data);
-  if (len <= 0 || data == nullptr) return -1;
+  if (len <= 0 || data == nullptr) return kKeystoreFailed;
   out->assign(data, static_cast<std::size_t>(len));
   return 0;
 }
@@ -83,13 +86,13 @@ int mkcert(X509** cert_out, EVP_PKEY** pkey_out, int bits, int serial, long minu
   *pkey_out = nullptr;
   PkeyPtr pkey(EVP_RSA_gen(static_cast<unsigned>(bits)));
   X509Ptr cert(X509_new());
-  if (!pkey || !cert) return -1;
+  if (!pkey || !cert) return kKeystoreFailed;
   std::time_t start = platform::now();
-  if (start == static_cast<std::time_t>(-1)) return -1;
+  if (start == static_cast<std::time_t>(-1)) return kKeystoreFailed;
   if (X509_set_version(cert.get(), X509_VERSION_3) != 1 ||
       ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial) != 1 ||
       set_validity(cert.get(), start, minutes) != 0 || X509_set_pubkey(cert.get(), pkey.get()) != 1) {
-    return -1;
+    return kKeystoreFailed;
   }
   X509_NAME* name = X509_get_subject_name(cert.get());
   for (const auto& entry : kSubject) {
@@ -97,12 +100,12 @@ int mkcert(X509** cert_out, EVP_PKEY** pkey_out, int bits, int serial, long minu
     (void)X509_NAME_add_entry_by_txt(name, entry[0], MBSTRING_UTF8,
                                      reinterpret_cast<const unsigned char*>(entry[1]), -1, -1, 0);
   }
-  if (X509_set_issuer_name(cert.get(), name) != 1) return -1;
+  if (X509_set_issuer_name(cert.get(), name) != 1) return kKeystoreFailed;
   for (const auto& ext : kExtensions) {
-    if (add_ext(cert.get(), ext.nid, ext.value) != 0) return -1;
+    if (add_ext(cert.get(), ext.nid, ext.value) != 0) return kKeystoreFailed;
   }
   // MD5 is what the Management server expects of the device certificate.
-  if (X509_sign(cert.get(), pkey.get(), EVP_md5()) <= 0) return -1;
+  if (X509_sign(cert.get(), pkey.get(), EVP_md5()) <= 0) return kKeystoreFailed;
   *cert_out = cert.release();
   *pkey_out = pkey.release();
   return 0;
@@ -117,7 +120,7 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
   EVP_PKEY* raw_key = nullptr;
   if (mkcert(&raw_cert, &raw_key, 2048, 0, minutes) != 0) {
     RD_ERROR("Error at to make certificate ");
-    return -1;
+    return kKeystoreFailed;
   }
   X509Ptr cert(raw_cert);
   PkeyPtr pkey(raw_key);
@@ -126,11 +129,11 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
   BioPtr bio_private(BIO_new(BIO_s_mem()));
   if (!bio_private) {
     RD_ERROR("Error at to create memory for bio_private");
-    return -1;
+    return kKeystoreFailed;
   }
   if (PEM_write_bio_PrivateKey(bio_private.get(), pkey.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
     RD_ERROR("Error at to PEM_write_bio_PrivateKey");
-    return -1;
+    return kKeystoreFailed;
   }
   std::string text;
   const int read_rc = bio_text(bio_private.get(), &text);
@@ -141,7 +144,7 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
   if (mem != nullptr && mem_len > 0) cleanse(mem, static_cast<std::size_t>(mem_len));
   if (read_rc != 0) {
     RD_ERROR("Error at to read bio private");
-    return -1;
+    return kKeystoreFailed;
   }
   RD_INFO("private key created successfully");
 
@@ -150,7 +153,7 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
   if (!bio_cert || PEM_write_bio_X509(bio_cert.get(), cert.get()) != 1 ||
       bio_text(bio_cert.get(), &cert_text) != 0) {
     RD_ERROR("Error at PEM_write_bio_X509 ");
-    return -1;
+    return kKeystoreFailed;
   }
   (void)platform::make_dirs(keystore_file_path("cert/public"));
   const std::string path = keystore_file_path("cert/public/DevPubKey");
@@ -158,7 +161,7 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
     RD_ERROR("opening public key file failed");
     RD_STATUS("opening device public key file failed : %s ", path.c_str());
     RD_PIPE("10000", "File not found %s\n", path.c_str());
-    return -1;
+    return kKeystoreFailed;
   }
   private_pem->assign(key_text.data(), key_text.size());
   *cert_pem = std::move(cert_text);

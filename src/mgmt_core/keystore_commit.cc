@@ -11,10 +11,13 @@
 
 #include "common/config_file.h"
 #include "common/openssl_ptr.h"
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
+
+using rd_codes::kKeystoreFailed;
 
 namespace {
 
@@ -45,13 +48,13 @@ int finish_commit(const std::string& record) {
     if (!platform::file_exists(staged)) continue;
     if (std::rename(staged.c_str(), file.c_str()) != 0) {
       RD_ERROR("Renaming %s failed", staged.c_str());
-      return -1;
+      return kKeystoreFailed;
     }
     platform::crash_point();
   }
   if (std::remove(record.c_str()) != 0) {
     RD_ERROR("Removing %s failed", record.c_str());
-    return -1;
+    return kKeystoreFailed;
   }
   platform::crash_point();
   return 0;
@@ -81,7 +84,7 @@ int commit_staged_identity() {
   if (platform::make_dirs(keystore_file_path("keystore")) != 0 ||
       platform::write_file_atomic(record, "", 0, 0600) != 0) {
     RD_ERROR("Unable to write %s", record.c_str());
-    return -1;
+    return kKeystoreFailed;
   }
   return finish_commit(record);
 }
@@ -105,5 +108,5 @@ void recover_staged_identity() {
 int signed_cert_for_key(const std::string& signed_der, const std::string& device_cert_pem) {
   PkeyPtr issued = public_key_of_der(signed_der);
   PkeyPtr own = public_key_of_pem(device_cert_pem);
-  return issued && own && EVP_PKEY_eq(issued.get(), own.get()) == 1 ? 0 : -1;
+  return issued && own && EVP_PKEY_eq(issued.get(), own.get()) == 1 ? 0 : kKeystoreFailed;
 }

@@ -19,6 +19,9 @@
 #include "mgmt_core/keystore_internal.h"
 #include "platform/platform.h"
 #include "common/secret.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kKeystoreFailed;
 
 namespace {
 
@@ -99,7 +102,7 @@ int GetDynamickey_For_Encryption(const std::string& node_path, std::string* key)
   if (platform::file_identity(node_path, true, &id) != 0) {
     RD_ERROR("CreateFile for Vexo_Node.txt file Failed");
     RD_ERROR("GetLastError Returning %lu", static_cast<unsigned long>(platform::last_error()));
-    return -1;
+    return kKeystoreFailed;
   }
   RD_INFO("Vexo_Node.txt File Created Successfully");
   *key = dynamic_key_text(id);
@@ -112,7 +115,7 @@ int GetDynamickey_For_Decryption(const std::string& node_path, std::string* key)
   if (platform::file_identity(node_path, false, &id) != 0) {
     RD_ERROR("Opening Vexo_Node.txt Failed");
     RD_ERROR("GetLastError Returning %lu", static_cast<unsigned long>(platform::last_error()));
-    return -1;
+    return kKeystoreFailed;
   }
   *key = dynamic_key_text(id);
   return 0;
@@ -132,7 +135,7 @@ int GetHashRDservice(std::array<std::uint8_t, 32>* digest) {
   digest->fill(0);
   std::lock_guard<std::mutex> lock(g_module_path_mutex);
   std::string path = g_module_path_override.empty() ? platform::own_module_path() : g_module_path_override;
-  if (path.empty()) return -1;
+  if (path.empty()) return kKeystoreFailed;
   // Every key read needs the digest; hashing the whole program file each time
   // would dominate a capture. It is kept while the file's size and
   // modification time stay the same, so a replaced program is hashed anew.
@@ -140,10 +143,10 @@ int GetHashRDservice(std::array<std::uint8_t, 32>* digest) {
   static long long cached_size = -1, cached_mtime = -1;
   static Sha256Digest cached{};
   const long long size = platform::file_size(path), mtime = platform::file_modify_time_ns(path);
-  if (size < 0 || mtime < 0) return -1;
+  if (size < 0 || mtime < 0) return kKeystoreFailed;
   if (path != cached_path || size != cached_size || mtime != cached_mtime) {
     Sha256Digest fresh{};
-    if (sha256_file(path, &fresh) != 0) return -1;
+    if (sha256_file(path, &fresh) != 0) return kKeystoreFailed;
     cached = fresh;
     cached_path = path;
     cached_size = size;
@@ -158,7 +161,7 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   const std::string node = keystore_node_file(rd_identity_copy().rdsId);
   if (node.empty()) {
     RD_ERROR("Invalid RDS ID");
-    return -1;
+    return kKeystoreFailed;
   }
   // The new node file is made beside the one in force, which keeps opening
   // the current key until the commit renames the new one over it (a rename
@@ -167,7 +170,7 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   if (platform::file_exists(staged)) {
     if (std::remove(staged.c_str()) != 0) {
       RD_ERROR("Removing Vexo_Node.txt file failed");
-      return -1;
+      return kKeystoreFailed;
     }
     RD_INFO("Vexo_Node.txt file Deleted Successfully");
   } else {
@@ -177,22 +180,22 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   std::string dynamic_key;
   if (GetDynamickey_For_Encryption(staged, &dynamic_key) != 0) {
     RD_ERROR("Getting Dynamic key Failed");
-    return -1;
+    return kKeystoreFailed;
   }
   std::array<std::uint8_t, 32> digest;
   if (GetHashRDservice(&digest) != 0) {
     RD_ERROR("Error at to get RD Service hash");
-    return -1;
+    return kKeystoreFailed;
   }
   std::vector<Mac> ids;
   if (GetAdapterID(&ids) != 0) {
     RD_ERROR("Getting MAC ID Failed");
-    return -1;
+    return kKeystoreFailed;
   }
   if (ids.empty()) {
     RD_ERROR("iCount is <= 0");
     RD_ERROR("Getting Mac id failed");
-    return -1;
+    return kKeystoreFailed;
   }
   const Mac& mac = ids.front();
   RD_VERBOSE("MAC ID %d is: %02x-%02x-%02x-%02x-%02x-%02x", 0, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
@@ -203,7 +206,7 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   const std::string pd_path = keystore_file_path("keystore/pdHash.hash");
   if (platform::write_file_atomic(staged_path(pd_path), pd_hash.data(), pd_hash.size(), 0600) != 0) {
     RD_ERROR("Error at to open pdHash_file application, path is %s", pd_path.c_str());
-    return -1;
+    return kKeystoreFailed;
   }
   *password = derived;
   return 0;

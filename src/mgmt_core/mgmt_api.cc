@@ -681,8 +681,6 @@ extern "C" VEXO_EXPORT int Software_Update(void) noexcept {
   return guarded("Software_Update", [] { return software_update_impl(); });
 }
 
-extern "C" VEXO_EXPORT int Software_Update_Pending(void) noexcept { return g_software_update_pending.load() ? 1 : 0; }
-
 extern "C" VEXO_EXPORT int uidai_cert_update(char* next_action) noexcept {
   if (next_action == nullptr) return kMgmtFailed;
   return guarded("uidai_cert_update", [&] { return uidai_cert_update_impl(next_action); });

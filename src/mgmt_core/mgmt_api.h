@@ -20,9 +20,9 @@
 // A key rotation forced by the keystore's key read, run under the scanner lock
 // the reader holds (and never releases). 0 or Key_Rotation's negative codes.
 int mgmt_forced_key_rotation();
-// A capture found the UIDAI certificate out of date: the host is to run
-// Software_Update, which Software_Update_Pending tells it (and Init answers
-// "SOFTWARE_UPDATE" instead of "NO_ACTION_NECESSARY" until it has run).
+// A capture found the UIDAI certificate out of date: until a Software_Update
+// succeeds, Init answers "SOFTWARE_UPDATE" instead of "NO_ACTION_NECESSARY",
+// so the host runs it after its next Init.
 void mgmt_request_software_update();
 
 // The marker file App_Vexo of the working folder: present once a key rotation

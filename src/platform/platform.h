@@ -36,12 +36,13 @@ void beep(unsigned frequency_hz, unsigned duration_ms);
 int last_error();
 
 // ---------------------------------------------------------------- status pipe
-// Path of the status FIFO: the one the host named with set_status_pipe_path,
-// else "/run/user/<effective uid>/qdx.win.002" (the user's private runtime
-// folder, where a host without an option makes it).
+// Path of the status FIFO in the user's private runtime folder, the per-user
+// counterpart of the pipe namespace: "$XDG_RUNTIME_DIR/qdx.win.002" when that
+// variable holds an absolute path, else "/run/user/<effective uid>/qdx.win.002".
+// The host makes the FIFO there (and sets XDG_RUNTIME_DIR to the folder it
+// chose) before start-up. A path set with set_status_pipe_path wins.
 std::string status_pipe_path();
-// The host made its FIFO at path (the exported Set_Status_Pipe_Path); an empty
-// path restores the default.
+// Test seam: the FIFO at path instead; an empty path restores the above.
 void set_status_pipe_path(const std::string& path);
 // Opens the FIFO write-only and non-blocking, without following a symbolic
 // link, and keeps it only when it is a FIFO of this process's effective user
@@ -160,13 +161,20 @@ bool file_readable(const std::string& path);
 int read_file(const std::string& path, std::string* out);
 // Every file and folder the library creates is made here, closed to other
 // users: files owner read and write (0600), folders owner only (0700).
-// Writes a temporary file beside path, flushes it and renames it over path,
-// so a crash never leaves a torn file. The new file's permission bits are
-// mode's owner bits only (group and other bits are never granted).
+// How a replacement reaches the disk. kFlushed: the new file is flushed before
+// it is renamed, so after a power cut path holds the old bytes or the new ones.
+// kUnflushed: the flush is left to the system; a crash of the process still
+// never tears the file, but after a power cut path may hold an older version,
+// or (on some file systems) an empty or partly written one. Only for records
+// whose reader checks them and copes with an old one.
+enum class Durability { kFlushed, kUnflushed };
+// Writes a temporary file beside path, flushes it (kFlushed) and renames it
+// over path, so a crash never leaves a torn file. The new file's permission
+// bits are mode's owner bits only (group and other bits are never granted).
 // 0; -1 the temporary file cannot be created (nothing was written); -2 writing,
 // flushing or renaming failed (the temporary file is removed, path unchanged).
 int write_file_atomic(const std::string& path, const void* data, std::size_t len,
-                      unsigned mode = 0600);
+                      unsigned mode = 0600, Durability durability = Durability::kFlushed);
 // Test seam: the process kills itself (SIGKILL) at the n-th crash point from
 // now: each step of a file replacement (temporary file made, written,
 // flushed, renamed) and each step of a paired change. 0 turns it off.

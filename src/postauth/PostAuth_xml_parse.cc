@@ -69,7 +69,7 @@ int PostAuth_Request_XML_Parse(const char* body, PostAuthFields* fields) {
   if (len > 0) doc.reset(xmlReadMemory(body, static_cast<int>(len), "PostAuth.xml", nullptr, kParseOptions));
   if (!doc) {
     RD_ERROR("Failed at xmlParseMemory");
-    return -1;
+    return rd_codes::kPostAuthNotXml;
   }
   const xmlNode* root = xmlDocGetRootElement(doc.get());
   if (root == nullptr) {

@@ -28,45 +28,45 @@ int aes_encrypt_GCM_Mode(std::span<const std::uint8_t> plain, std::span<const st
   cipher->clear();
   if (key == nullptr || tag == nullptr || iv.size() != kIvLength ||
       plain.size() > static_cast<std::size_t>(INT_MAX - 32) || aad.size() > static_cast<std::size_t>(INT_MAX)) {
-    return -1;
+    return rd_codes::kFailed;
   }
   std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
   if (!ctx) {
     RD_ERROR("Error at EVP_CIPHER_CTX_new ");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) != 1) {
     RD_ERROR("Error at EVP_EncryptInit_ex");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(kIvLength), nullptr) != 1) {
     RD_ERROR("Error at EVP_CIPHER_CTX_ctrl");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (EVP_EncryptInit_ex(ctx.get(), nullptr, nullptr, key, iv.data()) != 1) {
     RD_ERROR("Error at EVP_EncryptInit_ex");
-    return -1;
+    return rd_codes::kFailed;
   }
   int len = 0;
   if (!aad.empty() &&
       EVP_EncryptUpdate(ctx.get(), nullptr, &len, aad.data(), static_cast<int>(aad.size())) != 1) {
     RD_ERROR("Error at EVP_EncryptUpdate -1");
-    return -1;
+    return rd_codes::kFailed;
   }
   std::vector<std::uint8_t> out(plain.size() + 32);
   int n1 = 0, n2 = 0;
   if (!plain.empty() &&
       EVP_EncryptUpdate(ctx.get(), out.data(), &n1, plain.data(), static_cast<int>(plain.size())) != 1) {
     RD_ERROR("Error at EVP_EncryptUpdate-2");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (EVP_EncryptFinal_ex(ctx.get(), out.data() + n1, &n2) != 1) {
     RD_ERROR("Error at EVP_EncryptFinal_ex");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kTagLength), tag) != 1) {
     RD_ERROR("Error at EVP_CIPHER_CTX_ctrl");
-    return -1;
+    return rd_codes::kFailed;
   }
   out.resize(static_cast<std::size_t>(n1 + n2));
   *cipher = std::move(out);

@@ -51,16 +51,20 @@ std::string format_text(const char* fmt, ...) {
 
 std::string signed_mc_path() { return rd_identity_copy().prefix + kSignedMcFile; }
 
-// Base64 of the signed device certificate into *mc. 0; -1 file missing or
-// unreadable; -2 encoding failed. *mc is empty on failure.
+// Results of read_signed_mc besides 0.
+constexpr int kMcMissing = -1;     // file missing or unreadable
+constexpr int kMcNotEncoded = -2;  // Base64 encoding failed
+
+// Base64 of the signed device certificate into *mc: 0, kMcMissing or
+// kMcNotEncoded. *mc is empty on failure.
 int read_signed_mc(std::string* mc) {
   mc->clear();
   std::string bytes;
-  if (platform::read_file(signed_mc_path(), &bytes) != 0) return -1;
+  if (platform::read_file(signed_mc_path(), &bytes) != 0) return kMcMissing;
   auto data = std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
   if (Base64Encode(data, mc) != 0) {
     mc->clear();
-    return -2;
+    return kMcNotEncoded;
   }
   return 0;
 }
@@ -104,6 +108,14 @@ int send_pid_data(PidDataResponse* r, const char* origin, char* work_area) {
   return 0;
 }
 
+// The scores of the captured fingers into the answer.
+void copy_scores(const EncPidBlock& enc, PidDataResponse* r) {
+  for (std::size_t i = 0; i < static_cast<std::size_t>(kMaxFingers); ++i) {
+    if (i < enc.nmPoints.size()) r->nmPoints[i] = enc.nmPoints[i];
+    if (i < enc.qScore.size()) r->qScore[i] = enc.qScore[i];
+  }
+}
+
 // The PidData error answer: the code, the counts parsed so far and the device
 // information (with mc when the certificate can be read).
 int answer_error(int code, const PidOptionsRequest& request, const EncPidBlock* enc, const char* origin,
@@ -112,12 +124,7 @@ int answer_error(int code, const PidOptionsRequest& request, const EncPidBlock* 
   fill_device_values(&r);
   fill_counts(request, &r);
   read_signed_mc(&r.mc);
-  if (enc != nullptr) {
-    for (std::size_t i = 0; i < static_cast<std::size_t>(kMaxFingers); ++i) {
-      if (i < enc->nmPoints.size()) r.nmPoints[i] = enc->nmPoints[i];
-      if (i < enc->qScore.size()) r.qScore[i] = enc->qScore[i];
-    }
-  }
+  if (enc != nullptr) copy_scores(*enc, &r);
   set_pid_error(&r, code);
   return send_pid_data(&r, origin, work_area);
 }
@@ -126,6 +133,112 @@ void report_used() {
   RD_LOG_AS("capture");
   RD_ERROR("RD Service is in USED state, please wait for some time");
   RD_PIPE("5000", "RD Service is in USED state,|please wait for some time\n");
+}
+
+void report_not_ready() {
+  RD_LOG_AS("capture");
+  RD_ERROR("RD Service is in NOTREADY state, please wait for some time");
+  RD_PIPE("5000", "RD Service is in NOTREADY state,|please wait for some time\n");
+}
+
+// The status comes first: a busy or absent device is never touched. 0 when a
+// capture may start, else the code to answer (reported).
+int status_refusal() {
+  RD_LOG_AS("capture");
+  if (get_rd_status_index() == kRdUsed) {
+    report_used();
+    return rd_codes::kRdBusy;
+  }
+  if (rd_scanner_name() == kHandheldScanner) {
+    // The handheld device's own check may move the status; the status says it all.
+    Check_Device_status();
+  }
+  if (get_rd_status_index() != kRdNotReady) return 0;
+  if (get_device_detached() != 0) {
+    RD_ERROR("RD Service is in NOTREADY state, please wait for some time");
+    RD_STATUS("Device is not connected, RD Service is in not ready state");
+    RD_PIPE("5000", "Device is not connected,|RD Service is in not ready state\n");
+  } else {
+    report_not_ready();
+  }
+  return rd_codes::kRdNotReady;
+}
+
+// The code to answer when the status could not be claimed (reported): another
+// request took the device, or it went away meanwhile.
+int claim_refusal() {
+  if (get_rd_status_index() == kRdNotReady) {
+    report_not_ready();
+    return rd_codes::kRdNotReady;
+  }
+  report_used();
+  return rd_codes::kRdBusy;
+}
+
+// The PidOptions gates: the schema, every attribute (filling *request) and the
+// authentication kinds. 0, or the code to answer (reported).
+int check_options(const char* request_body, PidOptionsRequest* request) {
+  RD_LOG_AS("capture");
+  if (Pidinput_validate(request_body) != 0) {
+    RD_ERROR("Pid options validation failed");
+    RD_STATUS("Pid options validation failed");
+    RD_PIPE("5000", "Pid options validation failed\n");
+    return rd_codes::kRdBadPidOptions;
+  }
+  const int rc = Parse_XML_Request(request_body, request);
+  if (rc != 0) {
+    RD_ERROR("Request xml, parameter invalid");
+    RD_STATUS("Request xml, parameter invalid");
+    RD_PIPE("5000", "Request xml, parameter invalid\n");
+    return rc;
+  }
+  if (Allowed_methods(*request) != 0) {
+    RD_STATUS("Allowed auth methods failed");
+    RD_PIPE("5000", "Allowed auth methods failed\n");
+    // Answered as the RD code of the same value.
+    return rd_codes::kRdNotSent;
+  }
+  return 0;
+}
+
+// Captures and encrypts under the scanner lock, and reads the device code and
+// certificate under the same hold as the key that signs, so a key rotation
+// never mixes an old key with a new dc or mc. Fills *enc and the device values
+// and mc of *r. 0, or the code to answer (reported).
+int capture_under_lock(PidOptionsRequest& request, EncPidBlock* enc, PidDataResponse* r) {
+  RD_LOG_AS("capture");
+  int rc = 0;
+  int mc_rc = kMcMissing;
+  {
+    ScannerLock lock;
+    if (!lock.held()) {
+      RD_ERROR("Error at to lock semaphore");
+      RD_STATUS("Error at to lock semaphore");
+      return lock.result() == rd_codes::kLockTimeout ? rd_codes::kRdBusy : rd_codes::kRdInternal;
+    }
+    rc = GenerateEncPIDBlock(request, enc);
+    fill_device_values(r);
+    mc_rc = read_signed_mc(&r->mc);
+    if (lock.unlock() != 0) {
+      RD_ERROR("Error at to unlock semaphore");
+      return rd_codes::kRdInternal;
+    }
+  }
+  if (rc != 0) {
+    RD_ERROR("Error at GenerateEncPIDBlock");
+    return rc;
+  }
+  if (mc_rc == kMcMissing) {
+    RD_ERROR("unable to open device public signed cert");
+    RD_STATUS("File not found  : %s", signed_mc_path().c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", signed_mc_path().c_str());
+    return rd_codes::kRdInternal;
+  }
+  if (mc_rc != 0) {
+    RD_ERROR("Error at doing Base64Encode");
+    return rd_codes::kRdInternal;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -137,103 +250,25 @@ int capture(const char* request_body, const char* origin, char* work_area) {
     return answer_error(rd_codes::kRdBadPidOptions, request, nullptr, origin, work_area);
   }
   RD_INFO("Request for pidblock is success");
-
-  // The status comes first: a busy or absent device is never touched.
-  if (get_rd_status_index() == kRdUsed) {
-    report_used();
-    return answer_error(rd_codes::kRdBusy, request, nullptr, origin, work_area);
-  }
-  if (rd_scanner_name() == kHandheldScanner) {
-    // The handheld device's own check may move the status; the status says it all.
-    Check_Device_status();
-  }
-  if (get_rd_status_index() == kRdNotReady) {
-    RD_ERROR("RD Service is in NOTREADY state, please wait for some time");
-    if (get_device_detached() != 0) {
-      RD_STATUS("Device is not connected, RD Service is in not ready state");
-      RD_PIPE("5000", "Device is not connected,|RD Service is in not ready state\n");
-    } else {
-      RD_PIPE("5000", "RD Service is in NOTREADY state,|please wait for some time\n");
-    }
-    return answer_error(rd_codes::kRdNotReady, request, nullptr, origin, work_area);
+  if (const int refused = status_refusal(); refused != 0) {
+    return answer_error(refused, request, nullptr, origin, work_area);
   }
   // From here the capture holds the device: discovery reports USED, and a
   // second capture or a PostAuth is answered 710 at once instead of waiting
   // on the scanner lock. READY again when the capture ends, on every path.
   RdStatusClaim claim;
-  if (!claim.held()) {
-    if (get_rd_status_index() == kRdNotReady) {
-      RD_ERROR("RD Service is in NOTREADY state, please wait for some time");
-      RD_PIPE("5000", "RD Service is in NOTREADY state,|please wait for some time\n");
-      return answer_error(rd_codes::kRdNotReady, request, nullptr, origin, work_area);
-    }
-    report_used();
-    return answer_error(rd_codes::kRdBusy, request, nullptr, origin, work_area);
-  }
+  if (!claim.held()) return answer_error(claim_refusal(), request, nullptr, origin, work_area);
   RD_INFO("RD Service is Ready, going for all input validation and capture");
-
-  int rc = 0;
-
-  if (Pidinput_validate(request_body) != 0) {
-    RD_ERROR("Pid options validation failed");
-    RD_STATUS("Pid options validation failed");
-    RD_PIPE("5000", "Pid options validation failed\n");
-    return answer_error(rd_codes::kRdBadPidOptions, request, nullptr, origin, work_area);
+  if (const int invalid = check_options(request_body, &request); invalid != 0) {
+    return answer_error(invalid, request, nullptr, origin, work_area);
   }
-  rc = Parse_XML_Request(request_body, &request);
-  if (rc != 0) {
-    RD_ERROR("Request xml, parameter invalid");
-    RD_STATUS("Request xml, parameter invalid");
-    RD_PIPE("5000", "Request xml, parameter invalid\n");
-    return answer_error(rc, request, nullptr, origin, work_area);
-  }
-  if (Allowed_methods(request) != 0) {
-    RD_STATUS("Allowed auth methods failed");
-    RD_PIPE("5000", "Allowed auth methods failed\n");
-    return answer_error(-1, request, nullptr, origin, work_area);
-  }
-
   EncPidBlock enc;
-  // The device code and certificate are read under the same lock as the key
-  // that signs, so a key rotation never mixes an old key with a new dc or mc.
   PidDataResponse r;
-  int mc_rc = -1;
-  {
-    ScannerLock lock;
-    if (!lock.held()) {
-      RD_ERROR("Error at to lock semaphore");
-      RD_STATUS("Error at to lock semaphore");
-      return answer_error(lock.result() == rd_codes::kLockTimeout ? rd_codes::kRdBusy : rd_codes::kRdInternal,
-                          request, nullptr, origin, work_area);
-    }
-    rc = GenerateEncPIDBlock(request, &enc);
-    fill_device_values(&r);
-    mc_rc = read_signed_mc(&r.mc);
-    if (lock.unlock() != 0) {
-      RD_ERROR("Error at to unlock semaphore");
-      return answer_error(rd_codes::kRdInternal, request, &enc, origin, work_area);
-    }
+  if (const int failed = capture_under_lock(request, &enc, &r); failed != 0) {
+    return answer_error(failed, request, &enc, origin, work_area);
   }
-  if (rc != 0) {
-    RD_ERROR("Error at GenerateEncPIDBlock");
-    return answer_error(rc, request, &enc, origin, work_area);
-  }
-
   fill_counts(request, &r);
-  if (mc_rc == -1) {
-    RD_ERROR("unable to open device public signed cert");
-    RD_STATUS("File not found  : %s", signed_mc_path().c_str());
-    RD_PIPE("10000", "File Not Found : %s\n", signed_mc_path().c_str());
-    return answer_error(rd_codes::kRdInternal, request, &enc, origin, work_area);
-  }
-  if (mc_rc != 0) {
-    RD_ERROR("Error at doing Base64Encode");
-    return answer_error(rd_codes::kRdInternal, request, &enc, origin, work_area);
-  }
-  for (std::size_t i = 0; i < static_cast<std::size_t>(kMaxFingers); ++i) {
-    if (i < enc.nmPoints.size()) r.nmPoints[i] = enc.nmPoints[i];
-    if (i < enc.qScore.size()) r.qScore[i] = enc.qScore[i];
-  }
+  copy_scores(enc, &r);
   r.errCode = 0;
   r.errInfo = rd_error_text(0);
   r.ci = enc.ci;

@@ -35,7 +35,7 @@ int Generate_bio_sign(std::span<const std::uint8_t> bio, const std::string& ts, 
   const Secret pem = Secret::adopt(std::move(pem_text));
   if (key_rc != 0) {
     RD_ERROR("Error at to GetDevicePrivateKeyFromFile");
-    return -1;
+    return rd_codes::kFailed;
   }
   Sha256Digest bio_hash = sha256(bio);
   RD_INFO("Bio-hash generated successfully");
@@ -50,22 +50,22 @@ int Generate_bio_sign(std::span<const std::uint8_t> bio, const std::string& ts, 
   int rc = make_keys(pem.view(), &key);
   if (rc != 0) {
     RD_ERROR("Error at to make key for digital signing");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (!key) {
     RD_ERROR("skey is null to generate key for make digital signing");
-    return -1;
+    return rd_codes::kFailed;
   }
   std::vector<std::uint8_t> signature;
   rc = sign_it(message, &signature, key.get());
   if (rc != 0) {
     RD_ERROR("Failed to create signature, return code %d", rc);
-    return -1;
+    return rd_codes::kFailed;
   }
   std::string text;
   if (Base64Encode(signature, &text) != 0 || text.empty()) {
     RD_ERROR("Error at to create base-64 of encrypted bio-data");
-    return -1;
+    return rd_codes::kFailed;
   }
   *bs_text = std::move(text);
   RD_INFO("Generation of bio-sign is successful");

@@ -6,7 +6,10 @@
 #include <cstring>
 #include <memory>
 
+#include "common/rd_codes.h"
 #include "common/rd_log.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -39,10 +42,13 @@ OPJ_SIZE_T sink_write(void* buffer, OPJ_SIZE_T n, void* user) {
   return n;
 }
 
+// What a skip callback returns when it cannot skip (openjpeg's -1).
+constexpr OPJ_OFF_T kSkipFailed = -1;
+
 // Skipping forward while writing leaves zero bytes that a later write fills.
 OPJ_OFF_T sink_skip(OPJ_OFF_T n, void* user) {
   auto* sink = static_cast<MemorySink*>(user);
-  if (n < 0 && static_cast<std::size_t>(-n) > sink->pos) return -1;
+  if (n < 0 && static_cast<std::size_t>(-n) > sink->pos) return kSkipFailed;
   sink->pos = static_cast<std::size_t>(static_cast<OPJ_OFF_T>(sink->pos) + n);
   if (sink->pos > sink->bytes->size()) sink->bytes->resize(sink->pos);
   return n;
@@ -66,11 +72,11 @@ void ignore_message(const char* /*msg*/, void* /*user*/) {}
 
 int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, int width,
                       int height, float ratio) {
-  if (out == nullptr) return -1;
+  if (out == nullptr) return kFailed;
   out->clear();
   if (raw == nullptr || width <= 0 || height <= 0 || width > kMaxSide || height > kMaxSide) {
     RD_ERROR("Invalid image for JPEG 2000: %dx%d", width, height);
-    return -1;
+    return kFailed;
   }
 
   opj_cparameters_t params;
@@ -101,7 +107,7 @@ int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, i
   std::unique_ptr<opj_image_t, ImageDeleter> image(opj_image_create(1, &comp, OPJ_CLRSPC_GRAY));
   if (!image) {
     RD_ERROR("opj_image_create failed");
-    return -1;
+    return kFailed;
   }
   image->x0 = 0;
   image->y0 = 0;
@@ -114,14 +120,14 @@ int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, i
   std::unique_ptr<opj_codec_t, CodecDeleter> codec(opj_create_compress(OPJ_CODEC_JP2));
   if (!codec) {
     RD_ERROR("opj_create_compress failed");
-    return -1;
+    return kFailed;
   }
   opj_set_error_handler(codec.get(), report_error, nullptr);
   opj_set_warning_handler(codec.get(), ignore_message, nullptr);
   opj_set_info_handler(codec.get(), ignore_message, nullptr);
   if (!opj_setup_encoder(codec.get(), &params, image.get())) {
     RD_ERROR("opj_setup_encoder failed");
-    return -1;
+    return kFailed;
   }
 
   std::vector<std::uint8_t> bytes;
@@ -131,7 +137,7 @@ int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, i
       opj_stream_create(OPJ_J2K_STREAM_CHUNK_SIZE, OPJ_FALSE));
   if (!stream) {
     RD_ERROR("opj_stream_create failed");
-    return -1;
+    return kFailed;
   }
   opj_stream_set_user_data(stream.get(), &sink, nullptr);
   opj_stream_set_write_function(stream.get(), sink_write);
@@ -141,7 +147,7 @@ int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, i
   if (!opj_start_compress(codec.get(), image.get(), stream.get()) ||
       !opj_encode(codec.get(), stream.get()) || !opj_end_compress(codec.get(), stream.get())) {
     RD_ERROR("JPEG 2000 encoding failed");
-    return -1;
+    return kFailed;
   }
   *out = std::move(bytes);
   return 0;

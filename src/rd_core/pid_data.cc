@@ -12,6 +12,8 @@
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
 
+using rd_codes::kFailed;
+
 namespace {
 
 struct DocFree {
@@ -76,12 +78,12 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
   std::unique_ptr<xmlDoc, DocFree> doc(xmlNewDoc(X("1.0")));
   if (!doc) {
     RD_ERROR("Error at xmlNewDoc");
-    return -1;
+    return kFailed;
   }
   xmlNode* root = xmlNewNode(nullptr, X("PidData"));
   if (root == nullptr) {
     RD_ERROR("Error at xmlNewNode");
-    return -1;
+    return kFailed;
   }
   // Owned by the document from here on, so every later failure frees it too.
   xmlDocSetRootElement(doc.get(), root);
@@ -94,7 +96,7 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
       !set_attr(resp, "nmPoints", format_finger_list(r.nmPoints, r.fCount)) ||
       !set_attr(resp, "qScore", format_finger_list(r.qScore, r.fCount))) {
     RD_ERROR("Error xmlNewChild");
-    return -1;
+    return kFailed;
   }
 
   xmlNode* info = xmlNewChild(root, nullptr, X("DeviceInfo"), nullptr);
@@ -102,17 +104,17 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
       !set_attr(info, "rdsVer", r.rdsVer) || !set_attr(info, "dc", r.dc) || !set_attr(info, "mi", r.mi) ||
       !set_attr(info, "mc", r.mc)) {
     RD_ERROR("Error at xmlNewChild");
-    return -1;
+    return kFailed;
   }
   xmlNode* additional = xmlNewChild(info, nullptr, X("additional_info"), nullptr);
   if (additional == nullptr) {
     RD_ERROR("Error xmlNewChild");
-    return -1;
+    return kFailed;
   }
   xmlNode* param = xmlNewChild(additional, nullptr, X("Param"), nullptr);
   if (param == nullptr || !set_attr(param, "name", "srno") || !set_attr(param, "value", r.srno)) {
     RD_ERROR("Error at xmlNewChild");
-    return -1;
+    return kFailed;
   }
 
   xmlNode* skey = new_text_child(root, "Skey", r.skey);
@@ -120,7 +122,7 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
   xmlNode* data = hmac ? new_text_child(root, "Data", r.data) : nullptr;
   if (data == nullptr || !set_attr(data, "type", r.type)) {
     RD_ERROR("Error at xmlNewChild");
-    return -1;
+    return kFailed;
   }
 
   xmlChar* text = nullptr;
@@ -129,7 +131,7 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
   if (text == nullptr || size < 0) {
     xmlFree(text);
     RD_ERROR("Error at xmlDocDumpMemory");
-    return -1;
+    return kFailed;
   }
   out->assign(reinterpret_cast<const char*>(text), static_cast<std::size_t>(size));
   xmlFree(text);

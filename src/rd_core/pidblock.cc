@@ -14,7 +14,6 @@
 #include "rd_core/pidblock_A600.h"
 #include "rd_core/protobuf_rd.h"
 
-
 namespace {
 
 struct DocDeleter {
@@ -110,7 +109,7 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
   int rc = FP_Cap(&fingers, request, ts);
   if (rc != 0) {
     RD_ERROR("Error at FP Capture");
-    if (rc == kCaptureTimedOut || rc == kCaptureFailed) return rc;
+    if (rc == rd_codes::kRdTimeout || rc == rd_codes::kRdCaptureFailed) return rc;
     RD_PIPE("5000", "Internal Error\n");
     return rd_codes::kRdInternal;
   }
@@ -199,7 +198,7 @@ int FramePidInnerXML(const PidInput& in, std::string* xml) {
   DocPtr doc(xmlNewDoc(BAD_CAST "1.0"));
   if (!doc || !build_pid(in, doc.get())) {
     RD_ERROR("Error at creating the pid xml node");
-    return -1;
+    return rd_codes::kFailed;
   }
   xmlChar* buf = nullptr;
   int size = 0;
@@ -207,7 +206,7 @@ int FramePidInnerXML(const PidInput& in, std::string* xml) {
   if (buf == nullptr || size <= 0) {
     xmlFree(buf);
     RD_ERROR("Error at creating the pid xml node");
-    return -1;
+    return rd_codes::kFailed;
   }
   xml->assign(reinterpret_cast<const char*>(buf), static_cast<std::size_t>(size));
   cleanse(buf, static_cast<std::size_t>(size));

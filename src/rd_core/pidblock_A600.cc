@@ -5,12 +5,17 @@
 #include <mutex>
 #include <new>
 
+#include "common/rd_codes.h"
 #include "common/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
 #include "rd_core/opj_compress.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/scanner.h"
+
+using rd_codes::kRdCaptureFailed;
+using rd_codes::kRdTimeout;
+using rd_codes::kScannerFailed;
 
 
 namespace {
@@ -43,7 +48,7 @@ class DeviceHandle {
   DeviceHandle(const DeviceHandle&) = delete;
   DeviceHandle& operator=(const DeviceHandle&) = delete;
   int open() {
-    if (sdk_.OpenDevice == nullptr) return -1;
+    if (sdk_.OpenDevice == nullptr) return kScannerFailed;
     int rc = sdk_.OpenDevice(kDeviceIndex, &handle_);
     open_ = (rc == 0);
     return rc;
@@ -69,11 +74,11 @@ int finish_record(BioRecord* record, const std::string& ts) {
   RD_LOG_AS("FP_Cap");
   if (Base64Encode(record->bytes, &record->base64) != 0) {
     RD_ERROR("Error at base64 encoding of finger print data");
-    return -1;
+    return kScannerFailed;
   }
   if (Generate_bio_sign(record->bytes, ts, &record->bs) != 0) {
     RD_ERROR("Error at to generate bio-sign");
-    return -1;
+    return kScannerFailed;
   }
   return 0;
 }
@@ -89,7 +94,7 @@ int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wa
   for (int attempt = 1; attempt <= kMaxAttempts; ++attempt) {
     if (sdk.SetLedStatus(handle, kLed, 1) != 0) {
       RD_ERROR("Turn_On_Green light failed");
-      return -1;
+      return kScannerFailed;
     }
     if (position == "UNKNOWN") {
       RD_PIPE("10000", "Put Finger\n");
@@ -105,21 +110,21 @@ int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wa
       if (rc == ARAFPSCAN_ERROR_TIMEOUT) {
         RD_ERROR("Image capture got timed out");
         RD_PIPE("5000", "Capture Timeout\n");
-        return kCaptureTimedOut;
+        return kRdTimeout;
       }
       RD_ERROR("capturing Raw data is failed with error code %d", rc);
       RD_PIPE("5000", "Capture Failed\n");
-      return kCaptureFailed;
+      return kRdCaptureFailed;
     }
 
     if (sdk.GetNFIQScore(width, height, raw->data(), nfiq) != 0) {
       RD_ERROR("Getting Nfiq value failed");
       sdk.SetLedStatus(handle, kLed, 0);
-      return -1;
+      return kScannerFailed;
     }
     if (sdk.SetLedStatus(handle, kLed, 0) != 0) {
       RD_ERROR("Turn_Off_Green light failed");
-      return -1;
+      return kScannerFailed;
     }
     if (*nfiq <= kWorstAcceptedNfiq) return 0;
 
@@ -132,7 +137,7 @@ int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wa
   }
   RD_ERROR("Quality of finger is too low, failed to capture bio data");
   RD_STATUS("Quality of fingerprint image is too low, failed to capture bio data ");
-  return -1;
+  return kScannerFailed;
 }
 
 // Minutiae record of the last image. 0 or -1.
@@ -147,7 +152,7 @@ int make_minutiae_record(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, BioRecor
       static_cast<std::size_t>(length) > feature.size() ||
       static_cast<std::size_t>(length) <= kMinutiaeCountOffset) {
     RD_ERROR("Extracting ISO Features failed");
-    return -1;
+    return kScannerFailed;
   }
   feature.resize(static_cast<std::size_t>(length));
   *nm_points = feature[kMinutiaeCountOffset];
@@ -164,7 +169,7 @@ int make_image_record(const std::vector<std::uint8_t>& raw, int width, int heigh
   std::vector<std::uint8_t> jp2;
   if (ConvertToJPEG2000(raw.data(), &jp2, width, height, kJpeg2000Ratio) != 0) {
     RD_ERROR("Convert to JPEG 2000 failed");
-    return -1;
+    return kScannerFailed;
   }
   RD_INFO("Compressed Rawdatasize = %d", static_cast<int>(jp2.size()));
   record->image = true;
@@ -189,7 +194,7 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
     RD_ERROR("opening fp device failed");
     RD_STATUS("Aratek fingerprint scanner: opening fp device failed");
     RD_PIPE("5000", "Aratek fingerprint scanner:|opening fp device failed\n");
-    return -1;
+    return kScannerFailed;
   }
   int width = 0, height = 0, resolution = 0;
   if (sdk.GetImageInfo(device.get(), &width, &height, &resolution) != 0 || width <= 0 ||
@@ -197,7 +202,7 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
       resolution > 0xffff) {
     RD_ERROR("Getting Image info is failed");
     RD_PIPE("5000", "Getting Image info failed\n");
-    return -1;
+    return kScannerFailed;
   }
   if (request.fCount < 1) return 0;
 
@@ -219,7 +224,7 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
 
     if (sdk.ImgQuality(width, height, raw.data(), &finger.qScore) != 0) {
       RD_ERROR("Getting Image quality failed");
-      return -1;
+      return kScannerFailed;
     }
     RD_INFO("Quality of image is: %d", finger.qScore);
     if (i + 1 < count) RD_PIPE("10000", "Remove Finger\n");
@@ -227,16 +232,16 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
 
     if (want_minutiae) {
       BioRecord record;
-      if (make_minutiae_record(sdk, device.get(), &record, &finger.nmPoints) != 0) return -1;
+      if (make_minutiae_record(sdk, device.get(), &record, &finger.nmPoints) != 0) return kScannerFailed;
       finger.records.push_back(std::move(record));
     }
     if (want_image) {
       BioRecord record;
-      if (make_image_record(raw, width, height, resolution, finger.qScore, &record) != 0) return -1;
+      if (make_image_record(raw, width, height, resolution, finger.qScore, &record) != 0) return kScannerFailed;
       finger.records.push_back(std::move(record));
     }
     for (BioRecord& record : finger.records) {
-      if (finish_record(&record, ts) != 0) return -1;
+      if (finish_record(&record, ts) != 0) return kScannerFailed;
     }
     fingers->push_back(std::move(finger));
   }
@@ -308,7 +313,7 @@ int FP_Cap(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request, con
     rc = capture_fingers(fingers, request, ts);
   } catch (const std::bad_alloc&) {
     RD_ERROR("Memory allocation failed");
-    rc = -1;
+    rc = kScannerFailed;
   }
   if (rc != 0) fingers->clear();
   return rc;

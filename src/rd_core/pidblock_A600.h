@@ -18,15 +18,12 @@
 // Length of the ISO/IEC 19794-4 finger image record header before the image.
 constexpr std::size_t kFirHeaderSize = 46;
 
-// Results of FP_Cap besides 0.
-constexpr int kCaptureTimedOut = 700;
-constexpr int kCaptureFailed = 730;
-
 // Captures request.fCount fingers into *fingers (capture order; within a
 // finger the FMR record before the FIR record), signing each record with ts.
 // A given request timeout is consumed: request.timeout_given is cleared.
-// 0; 700 when the scanner's wait ran out; 730 on another capture error; -1 on
-// any other failure (*fingers cleared). The device is closed on every path.
+// 0; kRdTimeout (700) when the scanner's wait ran out; kRdCaptureFailed (730)
+// on another capture error; kScannerFailed (-1) on any other failure
+// (*fingers cleared). The device is closed on every path.
 int FP_Cap(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request, const std::string& ts);
 
 // Seconds the scanner waits for a finger: timeout/1000 when the request gave a

@@ -6,7 +6,10 @@
 #include <string_view>
 
 #include "auth.pb-c.h"
+#include "common/rd_codes.h"
 #include "common/rd_log.h"
+
+using rd_codes::kFailed;
 
 namespace {
 
@@ -92,113 +95,140 @@ bool valid_lang(std::int32_t v) {
   return false;
 }
 
-}  // namespace
-
-int FramePidOutputProtobuf(const PidInput& in, std::vector<std::uint8_t>* packed) {
-  packed->clear();
-  static const std::string kEmpty;
-  PbPid pid = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__PID__INIT;
-  // Required texts always go out; an empty one is sent as "".
-  pid.ver = text(in.ver.empty() ? kEmpty : in.ver);
-  pid.ts = text(in.ts.empty() ? kEmpty : in.ts);
-  pid.wadh = text(in.wadh.empty() ? kEmpty : in.wadh);
-
+// The demographic part of the message. Its members point into each other
+// and into the input, so it lives until the message is packed.
+struct DemoParts {
   PbDemo demo = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__DEMO__INIT;
   PbPi pi = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__PI__INIT;
   PbDob dob = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__DOB__INIT;
   PbPa pa = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__PA__INIT;
   PbPfa pfa = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__PFA__INIT;
-  if (in.demo_given) {
-    std::int32_t lang = 0;
-    if (parse_int(in.lang, &lang) && valid_lang(lang)) {
-      demo.has_lang = 1;
-      demo.lang = static_cast<In__Gov__Uidai__Authserver__Protobuf__LangCode>(lang);
-    }
-    if (in.pi.given) {
-      set_ms(in.pi.ms, "EP", &pi.has_ms, &pi.ms);
-      pi.name = optional_text(in.pi.name);
-      set_int(in.pi.mv, &pi.has_mv, &pi.mv);
-      pi.lname = optional_text(in.pi.lname);
-      set_int(in.pi.lmv, &pi.has_lmv, &pi.lmv);
-      int v = 0;
-      if (letter_value(in.pi.gender, "FMT", &v)) {
-        pi.has_gender = 1;
-        pi.gender = static_cast<In__Gov__Uidai__Authserver__Protobuf__Pi__Gender>(v);
-      }
-      if (fill_dob(in.pi.dob, &dob)) pi.dob = &dob;
-      if (letter_value(in.pi.dobt, "VDA", &v)) {
-        pi.has_dobt = 1;
-        pi.dobt = static_cast<In__Gov__Uidai__Authserver__Protobuf__Pi__Dobt>(v);
-      }
-      set_int(in.pi.age, &pi.has_age, &pi.age);
-      pi.email = optional_text(in.pi.email);
-      pi.phone = optional_text(in.pi.phone);
-      demo.pi = &pi;
-    }
-    if (in.pa.given) {
-      // Only exact matching is ever sent for the address.
-      set_ms(in.pa.ms, "E", &pa.has_ms, &pa.ms);
-      pa.co = optional_text(in.pa.co);
-      pa.house = optional_text(in.pa.house);
-      pa.street = optional_text(in.pa.street);
-      pa.lm = optional_text(in.pa.lm);
-      pa.loc = optional_text(in.pa.loc);
-      pa.vtc = optional_text(in.pa.vtc);
-      pa.subdist = optional_text(in.pa.subdist);
-      pa.dist = optional_text(in.pa.dist);
-      pa.state = optional_text(in.pa.state);
-      pa.pc = optional_text(in.pa.pc);
-      pa.po = optional_text(in.pa.po);
-      pa.country = optional_text(in.pa.country);
-      demo.pa = &pa;
-    }
-    if (in.pfa.given) {
-      set_ms(in.pfa.ms, "EP", &pfa.has_ms, &pfa.ms);
-      pfa.av = optional_text(in.pfa.av);
-      set_int(in.pfa.mv, &pfa.has_mv, &pfa.mv);
-      pfa.lav = optional_text(in.pfa.lav);
-      set_int(in.pfa.lmv, &pfa.has_lmv, &pfa.lmv);
-      demo.pfa = &pfa;
-    }
-    pid.demo = &demo;
+};
+
+void fill_pi(const PiGroup& in, PbPi* pi, PbDob* dob) {
+  set_ms(in.ms, "EP", &pi->has_ms, &pi->ms);
+  pi->name = optional_text(in.name);
+  set_int(in.mv, &pi->has_mv, &pi->mv);
+  pi->lname = optional_text(in.lname);
+  set_int(in.lmv, &pi->has_lmv, &pi->lmv);
+  int v = 0;
+  if (letter_value(in.gender, "FMT", &v)) {
+    pi->has_gender = 1;
+    pi->gender = static_cast<In__Gov__Uidai__Authserver__Protobuf__Pi__Gender>(v);
   }
+  if (fill_dob(in.dob, dob)) pi->dob = dob;
+  if (letter_value(in.dobt, "VDA", &v)) {
+    pi->has_dobt = 1;
+    pi->dobt = static_cast<In__Gov__Uidai__Authserver__Protobuf__Pi__Dobt>(v);
+  }
+  set_int(in.age, &pi->has_age, &pi->age);
+  pi->email = optional_text(in.email);
+  pi->phone = optional_text(in.phone);
+}
 
+void fill_pa(const PaGroup& in, PbPa* pa) {
+  // Only exact matching is ever sent for the address.
+  set_ms(in.ms, "E", &pa->has_ms, &pa->ms);
+  pa->co = optional_text(in.co);
+  pa->house = optional_text(in.house);
+  pa->street = optional_text(in.street);
+  pa->lm = optional_text(in.lm);
+  pa->loc = optional_text(in.loc);
+  pa->vtc = optional_text(in.vtc);
+  pa->subdist = optional_text(in.subdist);
+  pa->dist = optional_text(in.dist);
+  pa->state = optional_text(in.state);
+  pa->pc = optional_text(in.pc);
+  pa->po = optional_text(in.po);
+  pa->country = optional_text(in.country);
+}
+
+void fill_pfa(const PfaGroup& in, PbPfa* pfa) {
+  set_ms(in.ms, "EP", &pfa->has_ms, &pfa->ms);
+  pfa->av = optional_text(in.av);
+  set_int(in.mv, &pfa->has_mv, &pfa->mv);
+  pfa->lav = optional_text(in.lav);
+  set_int(in.lmv, &pfa->has_lmv, &pfa->lmv);
+}
+
+// The Demo message of a request that gave one: the language and the groups given.
+void fill_demo(const PidInput& in, DemoParts* parts) {
+  std::int32_t lang = 0;
+  if (parse_int(in.lang, &lang) && valid_lang(lang)) {
+    parts->demo.has_lang = 1;
+    parts->demo.lang = static_cast<In__Gov__Uidai__Authserver__Protobuf__LangCode>(lang);
+  }
+  if (in.pi.given) {
+    fill_pi(in.pi, &parts->pi, &parts->dob);
+    parts->demo.pi = &parts->pi;
+  }
+  if (in.pa.given) {
+    fill_pa(in.pa, &parts->pa);
+    parts->demo.pa = &parts->pa;
+  }
+  if (in.pfa.given) {
+    fill_pfa(in.pfa, &parts->pfa);
+    parts->demo.pfa = &parts->pfa;
+  }
+}
+
+// The Bios message: one Bio per record, in capture order. Its members point
+// into the input; it lives until the message is packed. May throw bad_alloc.
+struct BioParts {
+  std::vector<PbBio> records;
+  std::vector<PbBio*> pointers;
+  PbBios bios = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIOS__INIT;
+};
+
+void fill_bios(const PidInput& in, BioParts* parts) {
+  for (const CapturedFinger& finger : in.fingers) {
+    for (const BioRecord& record : finger.records) {
+      PbBio bio = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO__INIT;
+      bio.type = record.image ? IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR
+                              : IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR;
+      bio.posh = position_value(finger.position);
+      bio.content.len = record.bytes.size();
+      bio.content.data = const_cast<std::uint8_t*>(record.bytes.data());
+      bio.bs = text(record.bs);
+      parts->records.push_back(bio);
+    }
+  }
+  for (PbBio& bio : parts->records) parts->pointers.push_back(&bio);
+  parts->bios.n_bio = parts->pointers.size();
+  parts->bios.bio = parts->pointers.data();
+  parts->bios.dih = text(in.dih);
+}
+
+}  // namespace
+
+int FramePidOutputProtobuf(const PidInput& in, std::vector<std::uint8_t>* packed) {
+  packed->clear();
+  // Required texts always go out; an empty one is sent as "".
+  PbPid pid = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__PID__INIT;
+  pid.ver = text(in.ver);
+  pid.ts = text(in.ts);
+  pid.wadh = text(in.wadh);
+  DemoParts demo;
+  if (in.demo_given) {
+    fill_demo(in, &demo);
+    pid.demo = &demo.demo;
+  }
+  PbPv pv = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__PV__INIT;
+  if (in.otp_given) {
+    pv.otp = optional_text(in.otp);
+    pv.pin = optional_text(in.pin);
+    pid.pv = &pv;
+  }
   try {
-    std::vector<PbBio> bios_storage;
-    for (const CapturedFinger& finger : in.fingers) {
-      for (const BioRecord& record : finger.records) {
-        PbBio bio = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO__INIT;
-        bio.type = record.image ? IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR
-                                : IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR;
-        bio.posh = position_value(finger.position);
-        bio.content.len = record.bytes.size();
-        bio.content.data = const_cast<std::uint8_t*>(record.bytes.data());
-        bio.bs = text(record.bs);
-        bios_storage.push_back(bio);
-      }
-    }
-    std::vector<PbBio*> bio_ptrs;
-    for (PbBio& bio : bios_storage) bio_ptrs.push_back(&bio);
-    PbBios bios = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIOS__INIT;
-    bios.n_bio = bio_ptrs.size();
-    bios.bio = bio_ptrs.data();
-    bios.dih = text(in.dih.empty() ? kEmpty : in.dih);
-    pid.bios = &bios;
-
-    PbPv pv = IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__PV__INIT;
-    if (in.otp_given) {
-      pv.otp = optional_text(in.otp);
-      pv.pin = optional_text(in.pin);
-      pid.pv = &pv;
-    }
-
-    std::size_t size = in__gov__uidai__authserver__protobuf__pid__get_packed_size(&pid);
-    packed->resize(size, 0);
+    BioParts bios;
+    fill_bios(in, &bios);
+    pid.bios = &bios.bios;
+    packed->resize(in__gov__uidai__authserver__protobuf__pid__get_packed_size(&pid), 0);
     in__gov__uidai__authserver__protobuf__pid__pack(&pid, packed->data());
   } catch (const std::bad_alloc&) {
     RD_ERROR("Could not able to allocate memory for protobuf pidblock");
     packed->clear();
-    return -1;
+    return kFailed;
   }
   return 0;
 }

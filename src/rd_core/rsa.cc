@@ -35,10 +35,10 @@ bool parse_number(const std::string& token, int lo, int hi, int* value) {
 // The certificate's not-after time in OpenSSL's text form, converted to ci.
 int cert_expiry_ci(X509* cert, std::string* ci) {
   BioPtr mem(BIO_new(BIO_s_mem()));
-  if (!mem || ASN1_TIME_print(mem.get(), X509_get0_notAfter(cert)) != 1) return -1;
+  if (!mem || ASN1_TIME_print(mem.get(), X509_get0_notAfter(cert)) != 1) return rd_codes::kFailed;
   char* data = nullptr;
   long len = BIO_get_mem_data(mem.get(), &data);
-  if (len <= 0 || data == nullptr) return -1;
+  if (len <= 0 || data == nullptr) return rd_codes::kFailed;
   return cert_time_text_to_ci(std::string(data, static_cast<std::size_t>(len)), ci);
 }
 
@@ -56,14 +56,14 @@ int cert_time_text_to_ci(const std::string& text, std::string* ci) {
   // "Jun  1 10:00:00 2027 GMT": month, day, time, year, zone.
   std::istringstream in(text);
   std::string month_name, day_text, time_text, year_text;
-  if (!(in >> month_name >> day_text >> time_text >> year_text)) return -1;
+  if (!(in >> month_name >> day_text >> time_text >> year_text)) return rd_codes::kFailed;
   int month = 0;
   for (int i = 0; i < 12; ++i) {
     if (month_name == kMonths[i]) month = i + 1;
   }
   int day = 0, year = 0;
   if (month == 0 || !parse_number(day_text, 1, 31, &day) || !parse_number(year_text, 0, 9999, &year)) {
-    return -1;
+    return rd_codes::kFailed;
   }
   char buf[16];
   std::snprintf(buf, sizeof buf, "%d%02d%02d", year, month, day);
@@ -88,78 +88,70 @@ void check_valid_cert(const std::string& cert_pem, const std::string& expected_c
   *invalid = 1;
 }
 
-int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t> in,
-                           std::vector<std::uint8_t>* out, std::string* ci) {
-  out->clear();
-  ci->clear();
-  if (in.empty()) {
-    RD_ERROR("Invalid Input parameters, Either indata or inlen is null");
-    return -1;
-  }
+namespace {
 
-  UidaiCert which;
-  std::string pem;
+// The UIDAI certificate for env ("S", "PP", else production) into *pem, and
+// whether it fails its checksum (1) or not (0). A staging request sent while
+// the production Management server is configured uses the production one.
+int choose_uidai_cert(const std::string& env, std::string* pem) {
+  RD_LOG_AS("uid_rsa_public_encrypt");
   int invalid = 0;
   if (env == "S") {
-    which = UidaiCert::kStage;
-    pem = uidai_cert_in_force(which);
+    *pem = uidai_cert_in_force(UidaiCert::kStage);
     // A production Management server must not see staging captures: use the
     // production certificate when the registration URL is the production one.
     const RdConfig cfg = rd_config_copy();
     if (!cfg.prod_register_url.empty() && cfg.mgmt_url_register == cfg.prod_register_url) {
       RD_INFO("MS URL is production URL, But RD Service request is for stagging");
-      which = uidai_current_prod_cert();
-      pem = uidai_cert_in_force(which);
-      invalid = cert_invalid(which, pem);
+      const UidaiCert which = uidai_current_prod_cert();
+      *pem = uidai_cert_in_force(which);
+      invalid = cert_invalid(which, *pem);
       if (invalid == 0) RD_INFO("Prod UIDAI Certificate is VAID");
     }
   } else if (env == "PP") {
     RD_INFO("Pre-Prod UIDAI Certificate verification");
-    which = UidaiCert::kPreProd;
-    pem = uidai_cert_in_force(which);
-    invalid = cert_invalid(which, pem);
+    *pem = uidai_cert_in_force(UidaiCert::kPreProd);
+    invalid = cert_invalid(UidaiCert::kPreProd, *pem);
     if (invalid == 0) {
       RD_INFO("Pre-Prod UIDAI Certificate is VAID");
     } else {
       RD_ERROR("Pre-Prod UIDAI Certificate is INVAID");
     }
   } else {
-    which = uidai_current_prod_cert();
-    pem = uidai_cert_in_force(which);
-    invalid = cert_invalid(which, pem);
+    const UidaiCert which = uidai_current_prod_cert();
+    *pem = uidai_cert_in_force(which);
+    invalid = cert_invalid(which, *pem);
     if (invalid == 0) {
       RD_INFO("Prod UIDAI Certificate is VALID");
     } else {
       RD_ERROR("Prod UIDAI Certificate is INVAID");
     }
   }
+  return invalid;
+}
 
-  if (invalid != 0) {
-    // The capture answers at once; the host runs the update on its own
-    // thread, without the scanner lock this capture holds.
-    RD_INFO("Going To download New version of RD Service");
-    mgmt_request_software_update();
-    RD_INFO("Software_Update is left to the host program");
-    return rd_codes::kRdBadUidaiCert;
-  }
-
+// in wrapped with PKCS#1 v1.5 under the public key of the certificate pem into
+// *out, and the certificate's expiry as ci into *ci. 0 or kFailed (reported).
+int wrap_with_cert(const std::string& pem, std::span<const std::uint8_t> in, std::vector<std::uint8_t>* out,
+                   std::string* ci) {
+  RD_LOG_AS("uid_rsa_public_encrypt");
   BioPtr bio(pem.size() <= static_cast<std::size_t>(INT_MAX)
                  ? BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))
                  : nullptr);
   std::unique_ptr<X509, X509Free> cert(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
   if (!cert) {
     RD_ERROR("Error at PEM_read_X509");
-    return -1;
+    return rd_codes::kFailed;
   }
   PkeyPtr pkey(X509_get_pubkey(cert.get()));
   if (!pkey) {
     RD_ERROR("Error at X509_get_pubkey");
-    return -1;
+    return rd_codes::kFailed;
   }
   std::string expiry;
   if (cert_expiry_ci(cert.get(), &expiry) != 0) {
     RD_ERROR("Error at reading the certificate expiry date");
-    return -1;
+    return rd_codes::kFailed;
   }
 
   std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree> ctx(EVP_PKEY_CTX_new(pkey.get(), nullptr));
@@ -174,10 +166,32 @@ int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t>
   }
   if (!ok) {
     RD_ERROR("Error at uid_rsa_public_encrypt RSA_public_encrypt");
-    return -1;
+    return rd_codes::kFailed;
   }
   wrapped.resize(len);
   *out = std::move(wrapped);
   *ci = std::move(expiry);
   return 0;
+}
+
+}  // namespace
+
+int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t> in,
+                           std::vector<std::uint8_t>* out, std::string* ci) {
+  out->clear();
+  ci->clear();
+  if (in.empty()) {
+    RD_ERROR("Invalid Input parameters, Either indata or inlen is null");
+    return rd_codes::kFailed;
+  }
+  std::string pem;
+  if (choose_uidai_cert(env, &pem) != 0) {
+    // The capture answers at once; the host runs the update on its own
+    // thread, without the scanner lock this capture holds.
+    RD_INFO("Going To download New version of RD Service");
+    mgmt_request_software_update();
+    RD_INFO("Software_Update is left to the host program");
+    return rd_codes::kRdBadUidaiCert;
+  }
+  return wrap_with_cert(pem, in, out, ci);
 }

@@ -8,10 +8,15 @@
 #include <mutex>
 #include <new>
 
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
 #include "postauth/handheld.h"
+
+using rd_codes::kScannerFailed;
+using rd_codes::kScannerNoDescription;
+using rd_codes::kScannerNoMemory;
 
 namespace {
 
@@ -61,10 +66,10 @@ bool resolve(void* lib, const char* dll, const char* name, Fn* fn) {
 
 int load_scanner(const char* folder) {
   for (const char* dll : kScannerHelpers) {
-    if (open_library(folder, dll) == nullptr) return -1;
+    if (open_library(folder, dll) == nullptr) return kScannerFailed;
   }
   void* lib = open_library(folder, kScannerSdk);
-  if (lib == nullptr) return -1;
+  if (lib == nullptr) return kScannerFailed;
   AratekSdk sdk;
   const bool ok = resolve(lib, kScannerSdk, "ARAFPSCAN_GlobalInit", &sdk.GlobalInit) &&
                   resolve(lib, kScannerSdk, "ARAFPSCAN_GlobalFree", &sdk.GlobalFree) &&
@@ -78,14 +83,14 @@ int load_scanner(const char* folder) {
                   resolve(lib, kScannerSdk, "ARAFPSCAN_GetISOFeatureLength", &sdk.GetISOFeatureLength) &&
                   resolve(lib, kScannerSdk, "ARAFPSCAN_ImgQuality", &sdk.ImgQuality) &&
                   resolve(lib, kScannerSdk, "ARAFPSCAN_GetNFIQScore", &sdk.GetNFIQScore);
-  if (!ok) return -1;
+  if (!ok) return kScannerFailed;
   g_aratek = sdk;
   return 0;
 }
 
 int load_handheld(const char* folder) {
   void* lib = open_library(folder, kHandheldLib);
-  if (lib == nullptr) return -1;
+  if (lib == nullptr) return kScannerFailed;
   TavioSdk sdk;
   bool ok = resolve(lib, kHandheldLib, "OpenCom_port", &sdk.OpenCom_port) &&
             resolve(lib, kHandheldLib, "ClosePort", &sdk.ClosePort) &&
@@ -94,10 +99,10 @@ int load_handheld(const char* folder) {
             resolve(lib, kHandheldLib, "Get_SerialNumber", &sdk.Get_SerialNumber) &&
             resolve(lib, kHandheldLib, "Print_Data", &sdk.Print_Data) &&
             resolve(lib, kHandheldLib, "TavioLogs_Init", &sdk.TavioLogs_Init);
-  if (!ok) return -1;
+  if (!ok) return kScannerFailed;
   void* security = open_library(folder, kHandheldSecurityLib);
-  if (security == nullptr) return -1;
-  if (!resolve(security, kHandheldSecurityLib, "Initialize_BT_Security", &sdk.Initialize_BT_Security)) return -1;
+  if (security == nullptr) return kScannerFailed;
+  if (!resolve(security, kHandheldSecurityLib, "Initialize_BT_Security", &sdk.Initialize_BT_Security)) return kScannerFailed;
   set_tavio_sdk(sdk);
   return 0;
 }
@@ -105,15 +110,15 @@ int load_handheld(const char* folder) {
 }  // namespace
 
 int dll_loading(const char* folder) {
-  if (folder == nullptr) return -1;
+  if (folder == nullptr) return kScannerFailed;
   std::lock_guard<std::mutex> lock(g_load_mutex);
   const bool handheld = rd_scanner_name() == kHandheldScanner;
   if (!g_scanner_loaded) {
-    if (load_scanner(folder) != 0) return -1;
+    if (load_scanner(folder) != 0) return kScannerFailed;
     g_scanner_loaded = true;
   }
   if (handheld && !g_handheld_loaded) {
-    if (load_handheld(folder) != 0) return -1;
+    if (load_handheld(folder) != 0) return kScannerFailed;
     g_handheld_loaded = true;
   }
   RD_INFO("DLL Loading SUCCESS");
@@ -127,7 +132,7 @@ int getdeviceserialnumber(std::string* serial) {
   std::unique_ptr<char[]> description(new (std::nothrow) char[ARAFPSCAN_DESCRIPTION_LEN]());
   if (!description) {
     RD_ERROR("Memory allocation failed");
-    return -2;
+    return kScannerNoMemory;
   }
   const AratekSdk& sdk = aratek_sdk();
   int rc = sdk.GetDeviceDescription != nullptr ? sdk.GetDeviceDescription(0, description.get()) : -1;
@@ -140,7 +145,7 @@ int getdeviceserialnumber(std::string* serial) {
   if (rc != 0 || len == 0) {
     RD_ERROR("GetDeviceDescription failed");
     RD_STATUS("Getting serial number failed ");
-    return -3;
+    return kScannerNoDescription;
   }
   serial->assign(text, len);
   return 0;

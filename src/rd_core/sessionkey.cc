@@ -10,7 +10,7 @@
 int GenerateSessionKey(int key_bits, int key_bytes, std::uint8_t* key) {
   if (key == nullptr || key_bytes <= 0 || key_bits != key_bytes * 8) {
     RD_ERROR("CryptGenRandom Failed");
-    return -1;
+    return rd_codes::kFailed;
   }
   std::memset(key, 0, static_cast<std::size_t>(key_bytes));
   // The system's generator stands in for the CryptoAPI context; its failure
@@ -18,7 +18,7 @@ int GenerateSessionKey(int key_bits, int key_bytes, std::uint8_t* key) {
   if (platform::random_bytes(key, static_cast<std::size_t>(key_bytes)) != 0) {
     std::memset(key, 0, static_cast<std::size_t>(key_bytes));
     RD_ERROR("CryptGenRandom Failed");
-    return -1;
+    return rd_codes::kFailed;
   }
   return 0;
 }

@@ -13,8 +13,11 @@
 
 #include "common/hash.h"
 #include "common/openssl_ptr.h"
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "platform/platform.h"
+
+using rd_codes::kFailed;
 
 // Byte arrays generated at build time from data/uidai/*.pem.
 extern const unsigned char kUidaiPem_stage[];
@@ -101,7 +104,7 @@ int uidai_cert_plausible(const std::string& pem, std::time_t now, std::string* w
     why->clear();
     return 0;
   }
-  return -1;
+  return kFailed;
 }
 
 bool uidai_cert_from_file_name(const std::string& name, UidaiCert* which) {
@@ -121,7 +124,7 @@ std::string uidai_stored_checksum(UidaiCert which) {
 }
 
 int uidai_store_checksum(const std::string& prefix, UidaiCert which, const std::string& hex) {
-  if (!hex.empty() && !is_hex64(hex)) return -1;
+  if (!hex.empty() && !is_hex64(hex)) return kFailed;
   std::lock_guard<std::mutex> lock(g_store_mutex);
   auto entries = read_store(prefix);
   if (hex.empty()) {
@@ -136,17 +139,17 @@ int uidai_store_checksum(const std::string& prefix, UidaiCert which, const std::
     text += value;
     text += '\n';
   }
-  if (platform::make_dirs(prefix + "cert/uidai") != 0) return -1;
-  return platform::write_file_atomic(prefix + kStoreFile, text.data(), text.size()) == 0 ? 0 : -1;
+  if (platform::make_dirs(prefix + "cert/uidai") != 0) return kFailed;
+  return platform::write_file_atomic(prefix + kStoreFile, text.data(), text.size()) == 0 ? 0 : kFailed;
 }
 
 int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::string& pem, const std::string& hex) {
-  if (!is_hex64(hex) || sha256_hex(pem) != hex) return -1;
-  if (platform::make_dirs(prefix + "cert/uidai") != 0) return -1;
+  if (!is_hex64(hex) || sha256_hex(pem) != hex) return kFailed;
+  if (platform::make_dirs(prefix + "cert/uidai") != 0) return kFailed;
   std::string path = prefix;
   path += "cert/uidai/";
   path += uidai_cert_file_name(which);
-  if (platform::write_file_atomic(path, pem.data(), pem.size()) != 0) return -1;
+  if (platform::write_file_atomic(path, pem.data(), pem.size()) != 0) return kFailed;
   return uidai_store_checksum(prefix, which, hex);
 }
 

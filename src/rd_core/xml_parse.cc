@@ -19,6 +19,7 @@
 #include "common/rd_log.h"
 #include "platform/platform.h"
 
+
 namespace {
 
 constexpr const char* kScratchFile = "Final.xml";
@@ -225,7 +226,7 @@ int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std:
     } else if (name_is(a->name, "iCount")) {
       if (to_int(value) != 0) {
         RD_ERROR("Rd service does not support iris");
-        return 760;
+        return rd_codes::kRdNoIris;
       }
     } else if (name_is(a->name, "pCount")) {
       if (to_int(value) != 0) {
@@ -312,13 +313,13 @@ int split_positions(const char* raw, std::vector<std::string>* positions) {
     }
     const char* end = std::strchr(p, ',');
     std::size_t len = end ? static_cast<std::size_t>(end - p) : std::strlen(p);
-    if (len > kMaxPositionLength || positions->size() == static_cast<std::size_t>(kMaxFingers)) return -1;
+    if (len > kMaxPositionLength || positions->size() == static_cast<std::size_t>(kMaxFingers)) return rd_codes::kFailed;
     std::string entry;
     for (std::size_t i = 0; i < len; ++i) {
       if (!std::isspace(static_cast<unsigned char>(p[i]))) entry.push_back(p[i]);
     }
     positions->push_back(entry);
-    if (!is_position_name(entry)) return -1;
+    if (!is_position_name(entry)) return rd_codes::kFailed;
     p += len;
   }
   return static_cast<int>(positions->size());
@@ -330,7 +331,7 @@ int Pidinput_validate(const char* body) {
   const std::string schema_path = rd_identity_copy().prefix + "Final.xsd";
   if (schema_path.size() >= kSchemaPathSize) {
     RD_ERROR("Could not parse %s", schema_path.c_str());
-    return -1;
+    return rd_codes::kFailed;
   }
   const std::size_t len = body ? std::strlen(body) : 0;
   // A scratch file, written and read back under the mutex and deleted on every
@@ -338,11 +339,11 @@ int Pidinput_validate(const char* body) {
   if (!write_scratch(body ? body : "", len)) {
     RD_ERROR("Could not parse %s", kScratchFile);
     std::remove(kScratchFile);
-    return -1;
+    return rd_codes::kFailed;
   }
   xmlLineNumbersDefault(1);
 
-  int result = -1;
+  int result = rd_codes::kFailed;
   // The schema is read like any other document (no network, no noise); it
   // must outlive the schema built from it, so it is declared first.
   DocPtr schema_doc(xmlReadFile(schema_path.c_str(), nullptr, kParseOptions));
@@ -445,12 +446,12 @@ int Allowed_methods(const PidOptionsRequest& request) {
   if (request.finger_requested) return 0;
   if (request.face_requested) {
     RD_ERROR("Face Authentication is not Supported");
-    return -1;
+    return rd_codes::kFailed;
   }
   if (request.otp_given) {
     RD_ERROR("Only otp Authentication is not allowed");
-    return -1;
+    return rd_codes::kFailed;
   }
   RD_ERROR("Type of Authentication is not specified");
-  return -1;
+  return rd_codes::kFailed;
 }

@@ -15,6 +15,7 @@
 #ifndef VEXO_SEMAPHORE_DEVICE_LOCK_H
 #define VEXO_SEMAPHORE_DEVICE_LOCK_H
 
+#include "common/rd_codes.h"
 #include "semaphore/semaphore_syc.h"
 
 template <int (*LockFn)(), int (*UnlockFn)()>
@@ -34,7 +35,7 @@ class ScopedDeviceLock {
   bool held() const { return result_ == 0 && !released_; }
   // Releases now. The release's result (0, or -1); -1 also when not held.
   int unlock() {
-    if (!held()) return -1;
+    if (!held()) return rd_codes::kLockFailed;
     released_ = true;
     return UnlockFn();
   }

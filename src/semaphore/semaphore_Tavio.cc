@@ -3,9 +3,13 @@
 // host that cannot have the device must answer busy at once.
 #include <atomic>
 
+#include "common/rd_codes.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
+
+using rd_codes::kLockFailed;
+using rd_codes::kLockTimeout;
 
 namespace {
 
@@ -32,7 +36,7 @@ int init_semaphore_Tavio() {
   platform::NamedLock* lock = platform::named_lock_open(kTavioLockName);
   if (lock == nullptr) {
     report_lock_file(kTavioLockName, "Error in creation of Tavio Semaphore", __FILE__, __func__);
-    return -1;
+    return kLockFailed;
   }
   g_tavio.store(lock);
   return 0;
@@ -43,11 +47,11 @@ int Lock_Semaphore_Tavio() {
   int rc = lock != nullptr ? platform::named_lock_acquire(lock, tavio_lock_timeout_ms()) : -1;
   if (rc == 1) {
     RD_ERROR("sem_timedwait Tavio timeout");
-    return -2;
+    return kLockTimeout;
   }
   if (rc != 0) {
     RD_ERROR("wait failed for Tavio Semaphore");
-    return -2;
+    return kLockTimeout;
   }
   RD_VERBOSE("wait success for Tavio Semaphore");
   return 0;
@@ -57,7 +61,7 @@ int Unlock_Semaphore_Tavio() {
   platform::NamedLock* lock = g_tavio.load();
   if (lock == nullptr || platform::named_lock_release(lock) != 0) {
     RD_ERROR("error at sem_release for Tavio Semaphore");
-    return -1;
+    return kLockFailed;
   }
   return 0;
 }

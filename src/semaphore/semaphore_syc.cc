@@ -4,9 +4,13 @@
 #include <atomic>
 #include <cstring>
 
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+
+using rd_codes::kLockFailed;
+using rd_codes::kLockTimeout;
 
 namespace {
 
@@ -78,18 +82,18 @@ int init_semaphore() {
   const std::string scanner = rd_scanner_name();
   const char* name = semaphore_name_for_scanner(scanner.c_str());
   if (name != nullptr && scanner == "Tavio_TX9") {
-    if (init_semaphore_Tavio() != 0) return -1;
+    if (init_semaphore_Tavio() != 0) return kLockFailed;
   }
   if (name == nullptr) {
     RD_ERROR("FP sensor is not valid sensor");
-    return -1;
+    return kLockFailed;
   }
   // A repeated start-up keeps the handles other threads may be waiting on.
   if (g_opened != nullptr && g_opened_name == name) return 0;
   platform::NamedLock* created = platform::named_lock_open(name);
   if (created == nullptr) {
     report_lock_file(name, "Create Semaphore Failed", __FILE__, __func__);
-    return -1;
+    return kLockFailed;
   }
   platform::named_lock_close(g_created);
   g_created = created;
@@ -97,7 +101,7 @@ int init_semaphore() {
   name = semaphore_name_for_scanner(scanner.c_str());
   if (name == nullptr) {
     RD_ERROR("scanner name is not a valid name");
-    return -1;
+    return kLockFailed;
   }
   // A failed open is only noticed by Lock_Semaphore, as "openSemaphore error".
   platform::NamedLock* opened = platform::named_lock_open(name);
@@ -110,16 +114,16 @@ int Lock_Semaphore() {
   platform::NamedLock* lock = g_opened.load();
   if (lock == nullptr) {
     RD_ERROR("openSemaphore error");
-    return -1;
+    return kLockFailed;
   }
   int rc = platform::named_lock_acquire(lock, lock_timeout_ms());
   if (rc == 1) {
     RD_ERROR("sem_timedwait timeout");
-    return -2;
+    return kLockTimeout;
   }
   if (rc != 0) {
     RD_ERROR("wait failed");
-    return -2;
+    return kLockTimeout;
   }
   RD_VERBOSE("wait success");
   return 0;
@@ -128,7 +132,7 @@ int Lock_Semaphore() {
 int Unlock_Semaphore() {
   if (platform::named_lock_release(g_opened.load()) != 0) {
     RD_ERROR("error at sem_release");
-    return -1;
+    return kLockFailed;
   }
   return 0;
 }

@@ -20,6 +20,12 @@
 #include "platform/platform.h"
 #include "platform/socket_extra.h"
 #include "common/openssl_ptr.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kFailed;
+using rd_codes::kTlsCertUnusable;
+using rd_codes::kTlsFailed;
+using rd_codes::kTlsNoConnection;
 
 namespace {
 
@@ -139,7 +145,7 @@ long ssl_read_some(void* ctx, char* buf, std::size_t len) {
   if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE) return kReadAgain;
   RD_ERROR("SSL_read failed");
   ERR_clear_error();
-  return err == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+  return err == SSL_ERROR_ZERO_RETURN ? 0 : kFailed;
 }
 
 int ssl_input_ready(void* ctx, int timeout_ms) {
@@ -173,7 +179,7 @@ int recv_from_ssl_until(SSL* ssl, char* buf, std::uint64_t deadline) {
   // switched here, so that no read can wait past the deadline.
   if (platform::set_nonblocking(SSL_get_fd(ssl), true) != 0) {
     RD_ERROR("unable to set fd");
-    return -1;
+    return kFailed;
   }
   RequestSource src{ssl_read_some, ssl_input_ready, ssl, __FILE__, "recvFromSSL", deadline, "Read timedout"};
   return read_http_request(src, buf);
@@ -198,7 +204,7 @@ int ssl_write_all(SSL* ssl, const char* data, std::size_t len, std::uint64_t dea
       }
       RD_ERROR("Send Thru SSL Failed");
       ERR_clear_error();
-      return -2;
+      return kTlsFailed;
     }
     sent += static_cast<std::size_t>(n);
     if (sent < len) {
@@ -234,26 +240,26 @@ int getCertInfo(const char* path, EVP_PKEY** public_key, std::string* expiry) {
   BioPtr file(BIO_new(BIO_s_file()));
   if (!file) {
     RD_ERROR("Unbale to get BIO");
-    return -1;
+    return kTlsCertUnusable;
   }
   if (BIO_read_filename(file.get(), path) <= 0) {
     RD_ERROR("Unable to open %s file", path);
-    return -1;
+    return kTlsCertUnusable;
   }
   X509Ptr cert(PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr));
   if (!cert) {
     RD_ERROR("Unable to load %s certificate", path);
-    return -1;
+    return kTlsCertUnusable;
   }
   PkeyPtr key(X509_get_pubkey(cert.get()));
   if (!key) {
     RD_ERROR("Unable to get public key from %s certificate", path);
-    return -1;
+    return kTlsCertUnusable;
   }
   BioPtr mem(BIO_new(BIO_s_mem()));
   if (!mem || ASN1_TIME_print(mem.get(), X509_get0_notAfter(cert.get())) <= 0) {
     RD_ERROR("Unable to get Certificate expiry date");
-    return -1;
+    return kTlsCertUnusable;
   }
   char* text = nullptr;
   long n = BIO_get_mem_data(mem.get(), &text);
@@ -269,16 +275,16 @@ int getPrivateKey(const char* path, EVP_PKEY** key) {
   BioPtr file(BIO_new(BIO_s_file()));
   if (!file) {
     RD_ERROR("Unable to get BIO");
-    return -1;
+    return kTlsCertUnusable;
   }
   if (BIO_read_filename(file.get(), path) <= 0) {
     RD_ERROR("Unable to open %s file", path);
-    return -1;
+    return kTlsCertUnusable;
   }
   PkeyPtr pkey(PEM_read_bio_PrivateKey(file.get(), nullptr, nullptr, nullptr));
   if (!pkey || EVP_PKEY_get_base_id(pkey.get()) != EVP_PKEY_RSA) {
     RD_ERROR("Unable to read RSA private key from %s", path);
-    return -1;
+    return kTlsCertUnusable;
   }
   *key = pkey.release();
   return 0;
@@ -292,16 +298,16 @@ int validateSSLCert(const SslSettings& settings) {
   std::string expiry;
   if (getCertInfo(cert_file, &raw, &expiry) != 0) {
     RD_ERROR("getCertInfo failed");
-    return -1;
+    return kTlsCertUnusable;
   }
   PkeyPtr public_key(raw);
-  if (getPrivateKey(key_file, &raw) != 0) return -1;
+  if (getPrivateKey(key_file, &raw) != 0) return kTlsCertUnusable;
   PkeyPtr private_key(raw);
   BnPtr cert_n = rsa_modulus(public_key.get());
   BnPtr key_n = rsa_modulus(private_key.get());
   if (!cert_n || !key_n || BN_cmp(cert_n.get(), key_n.get()) != 0) {
     RD_ERROR("Public key of %s certificate does not match with private key of %s", cert_file, key_file);
-    return -1;
+    return kTlsCertUnusable;
   }
   return 0;
 }
@@ -309,32 +315,32 @@ int validateSSLCert(const SslSettings& settings) {
 int validateServerCertAndInitSSLCTX(SslSettings settings) {
   // The pair is checked before any context exists, so a wrong key never
   // yields a half-built server.
-  if (validateSSLCert(settings) != 0) return -2;
+  if (validateSSLCert(settings) != 0) return kTlsFailed;
   OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
   ERR_clear_error();
   CtxPtr ctx(SSL_CTX_new(TLS_server_method()));
   if (!ctx) {
     log_error_queue(__func__);
-    return -2;
+    return kTlsFailed;
   }
   SSL_CTX_set_options(ctx.get(), SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3);
   if (SSL_CTX_set_min_proto_version(ctx.get(), TLS1_2_VERSION) != 1) {
     log_error_queue(__func__);
-    return -2;
+    return kTlsFailed;
   }
   SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_NONE, nullptr);
   const char* cert_file = settings.cert_file.c_str();
   if (SSL_CTX_use_certificate_file(ctx.get(), cert_file, SSL_FILETYPE_PEM) <= 0) {
     RD_ERROR("SSL_CTX_use_certificate_file Error: %s %s", cert_file, last_error_text().c_str());
-    return -2;
+    return kTlsFailed;
   }
   if (SSL_CTX_use_PrivateKey_file(ctx.get(), settings.key_file.c_str(), SSL_FILETYPE_PEM) <= 0) {
     RD_ERROR("SSL_CTX_use_PrivateKey_file Error: %s", last_error_text().c_str());
-    return -2;
+    return kTlsFailed;
   }
   if (SSL_CTX_check_private_key(ctx.get()) != 1) {
     RD_ERROR("SSL_CTX_check_private_key Error: %s", last_error_text().c_str());
-    return -2;
+    return kTlsFailed;
   }
   static const int kSessionIdContext = 1;
   SSL_CTX_set_session_id_context(ctx.get(), reinterpret_cast<const unsigned char*>(&kSessionIdContext),
@@ -355,14 +361,14 @@ int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out, std::uint64
     platform::close_socket(s);
     RD_ERROR("unable to get SSL object");
     RD_ERROR("%s", last_error_text().c_str());
-    return -2;
+    return kTlsFailed;
   }
   BIO* bio = new_socket_bio(s);
   if (bio == nullptr || platform::set_nonblocking(s, true) != 0) {
     BIO_free(bio);
     RD_ERROR("unable to set fd");
     platform::close_socket(s);
-    return -2;
+    return kTlsFailed;
   }
   SSL_set_bio(ssl.get(), bio, bio);
   // Non-blocking, so that the whole handshake ends at the request's deadline
@@ -374,12 +380,12 @@ int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out, std::uint64
     if (ready < 0) {
       RD_ERROR("select failed");
       closeSSLConnection(ssl.release());
-      return -2;
+      return kTlsFailed;
     }
     if (ready == 0) {
       RD_ERROR("SSL accept timed out");
       closeSSLConnection(ssl.release());
-      return -2;
+      return kTlsFailed;
     }
     ERR_clear_error();
     int ret = SSL_accept(ssl.get());
@@ -389,7 +395,7 @@ int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out, std::uint64
     if (status != SSL_ERROR_WANT_READ && status != SSL_ERROR_WANT_WRITE) {
       printSSLError(ssl.get(), ret);
       closeSSLConnection(ssl.release());
-      return -2;
+      return kTlsFailed;
     }
   }
   RD_INFO("SSL accept successful");
@@ -404,29 +410,29 @@ int recvFromSSL(SSL* ssl, char* buf) {
 int recvFromSSLWithTC(SSL* ssl, char* buf, int* len, std::uint64_t deadline) {
   if (ssl == nullptr || buf == nullptr || len == nullptr) {
     RD_ERROR("Error: Invalid argument to %s", __func__);
-    return -2;
+    return kTlsFailed;
   }
   int fd = SSL_get_fd(ssl);
   if (fd < 0) {
     RD_ERROR("SSL not initialized (unable to get descriptor)");
-    return -2;
+    return kTlsFailed;
   }
   // Bytes already decrypted during the handshake would never wake the socket.
   if (SSL_pending(ssl) == 0) {
     int ready = platform::wait_readable(fd, ms_until(deadline));
     if (ready < 0) {
       RD_ERROR("select() error");
-      return -2;
+      return kTlsFailed;
     }
     if (ready == 0) {
       RD_ERROR("Read timedout");
-      return -2;
+      return kTlsFailed;
     }
   }
   int n = recv_from_ssl_until(ssl, buf, deadline);
   if (n < 0) {
     RD_ERROR("Could not receive data");
-    return n == kRequestTooLarge ? kRequestTooLarge : -2;
+    return n == kRequestTooLarge ? kRequestTooLarge : kTlsFailed;
   }
   *len = n;
   RD_INFO("Received message successfully");
@@ -440,12 +446,12 @@ int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char
   const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
   if (platform::set_nonblocking(SSL_get_fd(ssl), true) != 0) {
     RD_ERROR("Send Thru SSL Failed");
-    return -2;
+    return kTlsFailed;
   }
-  if (ssl_write_all(ssl, header, header_len, deadline) != 0) return -2;
+  if (ssl_write_all(ssl, header, header_len, deadline) != 0) return kTlsFailed;
   RD_INFO("Header sent successfully");
   if (body_len == 0) return 0;
-  if (ssl_write_all(ssl, body, body_len, deadline) != 0) return -2;
+  if (ssl_write_all(ssl, body, body_len, deadline) != 0) return kTlsFailed;
   RD_INFO("Body sent successfully");
   return 0;
 }
@@ -453,7 +459,7 @@ int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char
 int closeSSLConnection(SSL* ssl) {
   if (ssl == nullptr) {
     RD_ERROR("sslObj is NULL");
-    return -3;
+    return kTlsNoConnection;
   }
   int fd = SSL_get_fd(ssl);
   ERR_clear_error();

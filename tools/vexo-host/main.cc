@@ -1,8 +1,8 @@
 // vexo-host: stands in for the front end and the host program. It creates the
 // status FIFO in a folder only its user can reach and prints what arrives,
-// names the FIFO to the library, loads libVexo.so from its own folder,
-// starts the service, follows the Management server (mgmt_loop), and turns
-// signals into plug events:
+// points XDG_RUNTIME_DIR at that folder so that the library finds the FIFO,
+// loads libVexo.so from its own folder, starts the service, follows the
+// Management server (mgmt_loop), and turns signals into plug events:
 //   SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit.
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -37,27 +37,26 @@ struct Exports {
   int (*Initialize_process)(const char*) = nullptr;
   int (*Start_RDservice)() = nullptr;
   int (*Get_Last_RDservice_Status)(char*) = nullptr;
-  int (*Set_Status_Pipe_Path)(const char*) = nullptr;
   int (*attach_device)() = nullptr;
   int (*detach_device)() = nullptr;
 };
 
 void usage() {
   std::fprintf(stderr,
-               "usage: vexo-host [--workdir DIR] [--status-pipe PATH] [--mgmt-poll SECONDS | --no-mgmt]\n"
+               "usage: vexo-host [--workdir DIR] [--status-pipe-dir FOLDER] [--mgmt-poll SECONDS | --no-mgmt]\n"
                "                 SCANNER_DETAILS\n"
                "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
-               "  The status FIFO is PATH (in a folder only this user can write), else\n"
-               "  $XDG_RUNTIME_DIR/qdx.win.002 (a folder of this user, closed to others), else\n"
-               "  qdx.win.002 in a fresh private folder under /tmp; its messages are printed\n"
-               "  as \"pipe: ...\" lines.\n"
+               "  The status FIFO qdx.win.002 is made in FOLDER (one only this user can\n"
+               "  write), else in $XDG_RUNTIME_DIR (a folder of this user, closed to others),\n"
+               "  else in a fresh private folder under /tmp; XDG_RUNTIME_DIR is set to that\n"
+               "  folder for the library. Its messages are printed as \"pipe: ...\" lines.\n"
                "  After start-up it calls Init, uidai_cert_force_update once after the first\n"
                "  successful Init, and then what the Management server's next action names\n"
                "  (Key_Rotation, uidai_cert_update, Software_Update), printing each call as\n"
                "  \"mgmt: CALL -> RESULT, next action ACTION\".\n"
                "  Init runs again every --mgmt-poll seconds (default %lld) and when another\n"
-               "  scanner is attached; Software_Update runs when a capture found the UIDAI\n"
-               "  certificate out of date.\n"
+               "  scanner is attached; after a capture found the UIDAI certificate out of\n"
+               "  date, the next Init names Software_Update.\n"
                "  After a failed call Init is retried after %lld s, doubling up to %lld s;\n"
                "  the same follow-up runs at most once per such interval.\n"
                "  --no-mgmt leaves the Management server alone.\n"
@@ -109,29 +108,30 @@ class StatusFifo {
   void remove() {
     if (fd_ >= 0) close(fd_);
     if (made_) unlink(path_.c_str());
-    if (!folder_.empty()) rmdir(folder_.c_str());
+    if (!made_dir_.empty()) rmdir(made_dir_.c_str());
     fd_ = -1;
     made_ = false;
-    folder_.clear();
+    made_dir_.clear();
   }
-  // Makes the FIFO at path, or in $XDG_RUNTIME_DIR (when that is a folder
+  // Makes the FIFO in folder, or in $XDG_RUNTIME_DIR (when that is a folder
   // of this user closed to others), or in a fresh 0700 folder under /tmp
-  // when path is empty. false after printing why.
-  bool open_at(const std::string& path) {
-    path_ = path;
-    if (path_.empty()) {
+  // when folder is empty. false after printing why.
+  bool open_in(const std::string& folder) {
+    std::string dir = folder;
+    if (dir.empty()) {
       const char* runtime = std::getenv("XDG_RUNTIME_DIR");
       struct stat st {};
       if (runtime != nullptr && runtime[0] == '/' && stat(runtime, &st) == 0 && S_ISDIR(st.st_mode) &&
           st.st_uid == geteuid() && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
-        path_ = std::string(runtime) + "/" + kPipeName;
+        dir = runtime;
       } else {
-        char folder[] = "/tmp/vexo-host-XXXXXX";
-        if (mkdtemp(folder) == nullptr) return fail("cannot make a private folder in /tmp");
-        folder_ = folder;
-        path_ = folder_ + "/" + kPipeName;
+        char made[] = "/tmp/vexo-host-XXXXXX";
+        if (mkdtemp(made) == nullptr) return fail("cannot make a private folder in /tmp");
+        dir = made_dir_ = made;
       }
     }
+    dir_ = dir;
+    path_ = dir + "/" + kPipeName;
     if (mkfifo(path_.c_str(), 0600) == 0) {
       made_ = true;
     } else if (errno != EEXIST) {
@@ -148,7 +148,8 @@ class StatusFifo {
     return true;
   }
   int fd() const { return fd_; }
-  const std::string& path() const { return path_; }
+  // The folder that holds the FIFO.
+  const std::string& folder() const { return dir_; }
 
  private:
   bool fail(const std::string& why) {
@@ -156,7 +157,8 @@ class StatusFifo {
     return false;
   }
   std::string path_;
-  std::string folder_;  // the private folder made here, removed at the end
+  std::string dir_;
+  std::string made_dir_;  // the private folder made here, removed at the end
   int fd_ = -1;
   bool made_ = false;
 };
@@ -183,7 +185,7 @@ void read_pipe(int fd, const std::atomic<bool>* stop) {
 
 int main(int argc, char** argv) {
   std::string workdir;
-  std::string pipe_path;
+  std::string pipe_dir;
   std::string scanner;
   bool mgmt = true;
   host::MgmtOptions mgmt_options;
@@ -197,8 +199,8 @@ int main(int argc, char** argv) {
     }
     if (arg == "--workdir" && i + 1 < argc) {
       workdir = argv[++i];
-    } else if (arg == "--status-pipe" && i + 1 < argc) {
-      pipe_path = argv[++i];
+    } else if (arg == "--status-pipe-dir" && i + 1 < argc) {
+      pipe_dir = argv[++i];
     } else if (arg == "--no-mgmt") {
       mgmt = false;
     } else if (arg == "--mgmt-poll" && i + 1 < argc && parse_number(argv[i + 1], 1, kMaxPollSeconds, &seconds)) {
@@ -220,10 +222,10 @@ int main(int argc, char** argv) {
   if (base != nullptr && parse_number(base, 1, host::kRetryBaseMs, &base_ms)) mgmt_options.retry_base_ms = base_ms;
 
   const std::string lib_path = own_folder() + "/libVexo.so";
-  // A relative FIFO path is taken from the folder the host was started in.
-  if (!pipe_path.empty() && pipe_path[0] != '/') {
+  // A relative FIFO folder is taken from the folder the host was started in.
+  if (!pipe_dir.empty() && pipe_dir[0] != '/') {
     char cwd[PATH_MAX] = {};
-    if (getcwd(cwd, sizeof cwd) != nullptr) pipe_path = std::string(cwd) + "/" + pipe_path;
+    if (getcwd(cwd, sizeof cwd) != nullptr) pipe_dir = std::string(cwd) + "/" + pipe_dir;
   }
   if (!workdir.empty() && chdir(workdir.c_str()) != 0) {
     std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), std::strerror(errno));
@@ -238,7 +240,12 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
 
   StatusFifo fifo;
-  if (!fifo.open_at(pipe_path)) return 1;
+  if (!fifo.open_in(pipe_dir)) return 1;
+  // The library looks for the FIFO in the user's runtime folder.
+  if (setenv("XDG_RUNTIME_DIR", fifo.folder().c_str(), 1) != 0) {
+    std::fprintf(stderr, "vexo-host: cannot set XDG_RUNTIME_DIR: %s\n", std::strerror(errno));
+    return 1;
+  }
   const int pipe_fd = fifo.fd();
   std::atomic<bool> stop{false};
   std::thread reader(read_pipe, pipe_fd, &stop);
@@ -249,24 +256,16 @@ int main(int argc, char** argv) {
   if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
       !bind(lib, "Start_RDservice", &x.Start_RDservice) ||
       !bind(lib, "Get_Last_RDservice_Status", &x.Get_Last_RDservice_Status) ||
-      !bind(lib, "Set_Status_Pipe_Path", &x.Set_Status_Pipe_Path) ||
       !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device) ||
       !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
       !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update) ||
-      !bind(lib, "uidai_cert_force_update", &m.uidai_cert_force_update) ||
-      !bind(lib, "Software_Update_Pending", &m.Software_Update_Pending)) {
+      !bind(lib, "uidai_cert_force_update", &m.uidai_cert_force_update)) {
     if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", dlerror());
     stop = true;
     reader.join();
     return 1;
   }
 
-  if (x.Set_Status_Pipe_Path(fifo.path().c_str()) != 0) {
-    std::fprintf(stderr, "vexo-host: the library refused the status FIFO %s\n", fifo.path().c_str());
-    stop = true;
-    reader.join();
-    return 1;
-  }
   int rc = x.Initialize_process(scanner.c_str());
   print_status(x, "Initialize_process", rc);
   if (rc == 0) {

@@ -26,9 +26,6 @@ namespace {
 constexpr const char* kResumeRecord = "dm.conf";
 constexpr const char* kPackage = "DownloadSW/Installer.zip";
 constexpr auto kWatchInterval = std::chrono::milliseconds(100);
-// How often a loop waiting for the next poll asks whether a capture wants
-// Software_Update.
-constexpr long long kPendingCheckMs = 1000;
 
 __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
   char line[1024];
@@ -136,33 +133,18 @@ class Runner {
   }
 
   // Waits until next is due; false when stopped. A changed scanner replaces
-  // it with Init at once; while the loop waits for the next poll, a capture
-  // that asks for Software_Update replaces it with that.
+  // it with Init at once.
   bool wait(Schedule::Next* next) {
-    long long due = now_ms() + next->wait_ms;
-    for (;;) {
-      const long long left = due - now_ms();
-      {
-        std::unique_lock<std::mutex> lock(shared_->mutex);
-        shared_->wake.wait_for(lock, std::chrono::milliseconds(std::clamp(left, 0LL, kPendingCheckMs)),
-                               [this] { return shared_->stop || shared_->init_requested; });
-        if (shared_->stop) return false;
-        if (shared_->init_requested) {
-          shared_->init_requested = false;
-          *next = schedule_.request(Call::kInit, now_ms());
-          say("a different scanner was attached: Init now");
-          return true;
-        }
-      }
-      if (next->when == When::kAtPoll && x_.Software_Update_Pending() == 1) {
-        *next = schedule_.request(Call::kSoftwareUpdate, now_ms());
-        say("a capture found the UIDAI certificate out of date: Software_Update");
-        announce(*next);
-        due = now_ms() + next->wait_ms;
-        continue;
-      }
-      if (left <= 0) return true;
+    std::unique_lock<std::mutex> lock(shared_->mutex);
+    shared_->wake.wait_for(lock, std::chrono::milliseconds(std::max(next->wait_ms, 0LL)),
+                           [this] { return shared_->stop || shared_->init_requested; });
+    if (shared_->stop) return false;
+    if (shared_->init_requested) {
+      shared_->init_requested = false;
+      *next = schedule_.request_init();
+      say("a different scanner was attached: Init now");
     }
+    return true;
   }
 
   // Makes one call and prints it. Its result; *action the next action it left.

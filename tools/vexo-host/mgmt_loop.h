@@ -1,7 +1,7 @@
 // The host's Management loop: Init after start-up, uidai_cert_force_update
 // once after the first successful Init, then the call each next action names
-// (mgmt_plan), Init again every poll and after a changed scanner is attached,
-// and Software_Update when a capture asks for it (Software_Update_Pending).
+// (mgmt_plan), and Init again every poll and after a changed scanner is
+// attached. A capture that wants Software_Update makes the next Init name it.
 // Each call is printed on one line with its result and next action; a
 // running Software_Update prints the download's progress.
 //
@@ -21,7 +21,6 @@ struct MgmtExports {
   int (*Software_Update)() = nullptr;
   int (*uidai_cert_update)(char*) = nullptr;
   int (*uidai_cert_force_update)(char*) = nullptr;
-  int (*Software_Update_Pending)() = nullptr;
   int (*Get_Last_RDservice_Status)(char*) = nullptr;
 };
 

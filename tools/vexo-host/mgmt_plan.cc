@@ -86,12 +86,9 @@ Schedule::Next Schedule::after(Call done, int rc, std::string_view action, long 
   return pace(done == Call::kUidaiCertForceUpdate ? after_forced_update_ : next_step(done, rc, action), now_ms);
 }
 
-Schedule::Next Schedule::request(Call call, long long now_ms) {
-  if (call == Call::kInit) {
-    failures_ = 0;
-    return {Call::kInit, 0, When::kNow};
-  }
-  return pace({call, When::kNow}, now_ms);
+Schedule::Next Schedule::request_init() {
+  failures_ = 0;
+  return {Call::kInit, 0, When::kNow};
 }
 
 Schedule::Next Schedule::pace(Step step, long long now_ms) {

@@ -67,10 +67,9 @@ class Schedule {
   void started(Call call, long long now_ms);
   // What follows `done` returning rc and action at now_ms.
   Next after(Call done, int rc, std::string_view action, long long now_ms);
-  // A call asked for from outside at now_ms: Init for a changed scanner (at
-  // once, the failures forgotten), Software_Update for a capture that found
-  // the UIDAI certificate out of date (paced like any follow-up).
-  Next request(Call call, long long now_ms);
+  // Init asked for from outside (a changed scanner): at once, the failures
+  // forgotten.
+  Next request_init();
 
  private:
   struct FollowUp {

@@ -78,7 +78,8 @@ bool folder_writable_by_others(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) != 0;
 }
 
-int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode) {
+int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode,
+                      Durability durability) {
   const WriteFault fault = g_write_fault.load();
   std::string tmp = path + ".tmpXXXXXX";
   UniqueFd fd(fault == WriteFault::kOpen ? -1 : ::mkstemp(tmp.data()));
@@ -108,7 +109,8 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
     left -= static_cast<std::size_t>(n);
     crash_point();
   }
-  if (::fchmod(fd.get(), owner_only(mode)) != 0 || ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) {
+  if (::fchmod(fd.get(), owner_only(mode)) != 0 ||
+      (durability == Durability::kFlushed && ::fsync(fd.get()) != 0) || ::close(fd.release()) != 0) {
     return fail();
   }
   crash_point();

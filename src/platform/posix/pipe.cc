@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <mutex>
 
 #include "platform/platform.h"
@@ -12,7 +13,7 @@ namespace platform {
 namespace {
 constexpr char kPipeName[] = "qdx.win.002";
 std::mutex g_pipe_path_mutex;
-std::string g_pipe_path;  // named by the host; guarded by g_pipe_path_mutex
+std::string g_pipe_path;  // a test's path; guarded by g_pipe_path_mutex
 }  // namespace
 
 std::string status_pipe_path() {
@@ -20,6 +21,9 @@ std::string status_pipe_path() {
     std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
     if (!g_pipe_path.empty()) return g_pipe_path;
   }
+  // A relative XDG_RUNTIME_DIR is invalid by the variable's own rules: ignored.
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime != nullptr && runtime[0] == '/') return std::string(runtime) + "/" + kPipeName;
   return "/run/user/" + std::to_string(::geteuid()) + "/" + kPipeName;
 }
 

@@ -17,6 +17,9 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
+#include "common/rd_codes.h"
+
+using rd_codes::kFailed;
 
 namespace {
 struct JsonPut {
@@ -29,7 +32,7 @@ void add(json_object* o, const char* k, const std::string& v) {
 }
 
 int two(std::string_view s, std::size_t at) {
-  if (at + 2 > s.size() || s[at] < '0' || s[at] > '9' || s[at + 1] < '0' || s[at + 1] > '9') return -1;
+  if (at + 2 > s.size() || s[at] < '0' || s[at] > '9' || s[at + 1] < '0' || s[at + 1] > '9') return kFailed;
   return (s[at] - '0') * 10 + (s[at + 1] - '0');
 }
 }  // namespace
@@ -50,7 +53,7 @@ int json_frame_with(const MgmtIdentity& id, const std::string& ts, const std::st
   std::string hmac, skey;
   if (rds_hmac_protect(input.data(), input.size(), 1, &hmac, &skey) != 0) {
     RD_ERROR("Error at to generate hash_sign");
-    return -1;
+    return kFailed;
   }
   JsonPtr root(json_object_new_object());
   json_object* dev = json_object_new_object();
@@ -75,15 +78,15 @@ int json_frame_with(const MgmtIdentity& id, const std::string& ts, const std::st
 
 int Time_Diff_in_Sec(std::string_view s, std::string_view c, int* diff) {
   std::size_t ts_ = s.find('T'), tc = c.find('T');
-  if (ts_ == std::string_view::npos || tc == std::string_view::npos) return -1;
+  if (ts_ == std::string_view::npos || tc == std::string_view::npos) return kFailed;
   int ds = two(s, 8), dc = two(c, 8);
   int hs = two(s, ts_ + 1), ms = two(s, ts_ + 4), ss = two(s, ts_ + 7);
   int hc = two(c, tc + 1), mc = two(c, tc + 4), sc = two(c, tc + 7);
-  if (ds < 0 || dc < 0 || hs < 0 || ms < 0 || ss < 0 || hc < 0 || mc < 0 || sc < 0) return -1;
+  if (ds < 0 || dc < 0 || hs < 0 || ms < 0 || ss < 0 || hc < 0 || mc < 0 || sc < 0) return kFailed;
   // A stamp that is no time of day (hour 99) would make the difference
   // negative and pass the 300-second rule; a leap second (60) is a time.
   if (ds < 1 || ds > 31 || dc < 1 || dc > 31 || hs > 23 || hc > 23 || ms > 59 || mc > 59 || ss > 60 || sc > 60) {
-    return -1;
+    return kFailed;
   }
   int sv = hs * 3600 + ms * 60 + ss, cl = hc * 3600 + mc * 60 + sc;
   RD_VERBOSE("Management server ->Date:%.2s, Hour:%.2s, Min:%.2s, sec:%.2s", s.data() + 8, s.data() + ts_ + 1,
@@ -98,7 +101,7 @@ int Time_Diff_in_Sec(std::string_view s, std::string_view c, int* diff) {
   } else if (std::abs(ds - dc) == 1) {
     *diff = ds < dc ? cl + 86400 - sv : sv + 86400 - cl;
   } else {
-    return -1;
+    return kFailed;
   }
   return 0;
 }
@@ -225,8 +228,8 @@ class AnswerReader {
   int head(std::string* next_action) {
     const int rc = read_status(next_action);
     if (rc != 0) return rc;
-    if (self_ != nullptr && check_device() != 0) return -1;
-    return read_next_action(next_action) == 0 && read_ts() == 0 ? 0 : -1;
+    if (self_ != nullptr && check_device() != 0) return kFailed;
+    return read_next_action(next_action) == 0 && read_ts() == 0 ? 0 : kFailed;
   }
 
   // A required string member of the answer, or of its device object.
@@ -262,12 +265,12 @@ class AnswerReader {
     std::string status, code, desc;
     if (!str_of(member(root_.get(), "respStatus"), &status)) {
       RD_ERROR(kind_ == Kind::kInit ? "init resp respStatus is null" : "Error at respStatus json_object_get_string is null");
-      return -1;
+      return kFailed;
     }
     if (!str_of(member(root_.get(), "respCode"), &code)) {
       RD_ERROR(member(root_.get(), "respCode") == nullptr ? "Error at respCode json_object_object_get"
                                                           : "Error at respCode json_object_get_string is null");
-      return -1;
+      return kFailed;
     }
     str_of(member(root_.get(), "respDesc"), &desc);
     if (status == "y" || status == "Y") return 0;
@@ -287,7 +290,7 @@ class AnswerReader {
       RD_STATUS("Error from MS: %s %s ", c.c_str(), d.c_str());
     }
     RD_PIPE("10000", "Error from MS: %s|%s\n", c.c_str(), d.c_str());
-    return -1;
+    return kFailed;
   }
 
   // The echoed hostId, slNo and model: a mismatch is only logged.
@@ -296,7 +299,7 @@ class AnswerReader {
     json_object* dev = member(root_.get(), "device");
     if (dev == nullptr) {
       RD_ERROR("Error at device json_object_object_get");
-      return -1;
+      return kFailed;
     }
     const struct {
       const char* key;
@@ -322,24 +325,24 @@ class AnswerReader {
     json_object* na = member(root_.get(), "nextAction");
     if (na == nullptr || !json_object_is_type(na, json_type_array)) {
       RD_ERROR("Error at nextAction json_object_object_get");
-      return -1;
+      return kFailed;
     }
     for (std::size_t i = 0; i < json_object_array_length(na); ++i) {
       json_object* e = json_object_array_get_idx(na, i);
       if (e == nullptr) {
         RD_ERROR("Error at nextAction json_object_array_get_idx");
-        return -1;
+        return kFailed;
       }
       if (!str_of(e, next_action)) {
         RD_ERROR("Error at nextAction json_object_get_string");
-        return -1;
+        return kFailed;
       }
     }
     return 0;
   }
 
   int read_ts() {
-    return field(false, "ts", &ts_, "Error at ts json_object_object_get", "Error at ts json_object_get_string") ? 0 : -1;
+    return field(false, "ts", &ts_, "Error at ts json_object_object_get", "Error at ts json_object_get_string") ? 0 : kFailed;
   }
 
   const char* function_;
@@ -354,13 +357,13 @@ int read_path_checksum(const char* function, const char* parse_error, std::strin
                        const MgmtIdentity& self, std::string* next_action, std::string* path,
                        std::string* checksum) {
   AnswerReader r(function, Kind::kOther, &self);
-  if (!r.parse(body, parse_error) || r.head(next_action) != 0) return -1;
+  if (!r.parse(body, parse_error) || r.head(next_action) != 0) return kFailed;
   return r.field(false, "path", path, "Error at path json_object_get_string is null",
                  "Error at path json_object_get_string is null") &&
                  r.field(false, "checksum", checksum, "Error at checksum json_object_object_get is null",
                          "Error at checksum json_object_get_string is null")
              ? 0
-             : -1;
+             : kFailed;
 }
 
 }  // namespace
@@ -372,9 +375,9 @@ void json_set_client_ts_for_test(const std::string& ts) {
 
 int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string* next_action) {
   AnswerReader r("json_parse_init", Kind::kInit, &self);
-  if (!r.parse(body, "Error at Resp init json_tokener_parse line=" + std::to_string(__LINE__))) return -1;
+  if (!r.parse(body, "Error at Resp init json_tokener_parse line=" + std::to_string(__LINE__))) return kFailed;
   const int rc = r.head(next_action);
-  if (rc != 0) return rc > 0 ? 0 : -1;
+  if (rc != 0) return rc > 0 ? 0 : kFailed;
   int diff = 0;
   const int t = Time_Diff_in_Sec(r.ts(), client_ts(), &diff);
   if (t == 0 && diff > 300) {
@@ -394,17 +397,17 @@ int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std
   AnswerReader r("json_parse_key_rotation", Kind::kKeyRotation, &self);
   if (!r.parse(body, "Error at key rotation parse json_tokener_parse") || r.head(next_action) != 0 ||
       !r.field(true, "dc", dc, "Error at dc json_object_object_get", "Error at dc json_object_get_string is null")) {
-    return -1;
+    return kFailed;
   }
   if (!plain_device_code(*dc)) {
     RD_ERROR("dc from management server is not a device code");
     dc->clear();
-    return -1;
+    return kFailed;
   }
   return r.field(false, "sPKey", spkey, "Error at sPKey json_object_object_get",
                  "Error at sPKey json_object_get_string is null")
              ? 0
-             : -1;
+             : kFailed;
 }
 
 int json_parse_update(std::string_view body, const MgmtIdentity& self, std::string* next_action,
@@ -422,13 +425,13 @@ int json_parse_uidai_cert_update(std::string_view body, const MgmtIdentity& self
 int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentity& self,
                                         std::string* next_action) {
   AnswerReader r("json_parse_uidai_cert_update_status", Kind::kOther, &self);
-  return r.parse(body, "Error at json_tokener_parse") && r.head(next_action) == 0 ? 0 : -1;
+  return r.parse(body, "Error at json_tokener_parse") && r.head(next_action) == 0 ? 0 : kFailed;
 }
 
 int json_parse_uidai_cert_force_update(std::string_view body, std::string* next_action, std::string* path,
                                        std::string* chksum, std::string* ci) {
   AnswerReader r("json_parse_uidai_cert_force_update", Kind::kOther, nullptr);
-  if (!r.parse(body, "Error at json_tokener_parse") || r.head(next_action) != 0) return -1;
+  if (!r.parse(body, "Error at json_tokener_parse") || r.head(next_action) != 0) return kFailed;
   return r.field(false, "path", path, "Error at path json_object_get_string is null",
                  "Error at path json_object_get_string is null") &&
                  r.field(false, "chkSum", chksum, "Error at chkSum json_object_object_get is null",
@@ -436,5 +439,5 @@ int json_parse_uidai_cert_force_update(std::string_view body, std::string* next_
                  r.field(false, "ci", ci, "Error at ci json_object_object_get is null",
                          "Error at ci json_object_get_string is null")
              ? 0
-             : -1;
+             : kFailed;
 }
