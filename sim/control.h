@@ -18,14 +18,10 @@
 #include <string>
 #include <vector>
 
+#include "common/config_dict.h"
 #include "sim_codes.h"
 
 namespace simctl {
-
-struct DictFree {
-  void operator()(dictionary* d) const { iniparser_freedict(d); }
-};
-using DictPtr = std::unique_ptr<dictionary, DictFree>;
 
 // Absolute folder of the library that contains this code ("" if unknown).
 const std::string& library_dir();
@@ -57,7 +53,7 @@ class ControlCall {
 
  private:
   std::unique_lock<std::mutex> lock_;
-  DictPtr dict_;
+  Dict dict_;
 };
 
 // Runs body with a fresh ControlCall and, unless name is null, records the

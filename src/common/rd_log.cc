@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "common/file_ptr.h"
 #include "platform/platform.h"
 
 namespace {
@@ -149,15 +150,14 @@ int log_timestamp() {
 }
 
 void write_error_log(const char* text) {
-  FILE* f = platform::open_file("Vexo_Error.log", "ab");
+  const FilePtr f(platform::open_file("Vexo_Error.log", "ab"));
   if (f == nullptr) {
     // Stands in for the design's message box: the text goes to standard
     // error, which the library leaves alone unless debugging output is on.
     if (rd_verbose() >= 2) std::fprintf(stderr, "Error: Error in opening the Vexo_Error.log file\n");
     return;
   }
-  std::fprintf(f, "%s", text);
-  std::fclose(f);
+  std::fprintf(f.get(), "%s", text);
 }
 
 void rd_set_verbose(int verbose) { g_verbose.store(verbose, std::memory_order_relaxed); }

@@ -20,7 +20,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "mgmt_core/download.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"

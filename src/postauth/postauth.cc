@@ -8,6 +8,7 @@
 
 #include "common/http_frame.h"
 #include "common/work_area.h"
+#include "common/xml_escape.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
@@ -49,68 +50,13 @@ const char* rd_text(int code) {
   return text != nullptr ? text : "";
 }
 
-// Length of the valid UTF-8 sequence at s (at most n bytes), 0 when invalid.
-std::size_t utf8_sequence(const unsigned char* s, std::size_t n) {
-  std::size_t len;
-  unsigned min;
-  if (s[0] >= 0xC2 && s[0] <= 0xDF) {
-    len = 2, min = 0x80;
-  } else if (s[0] >= 0xE0 && s[0] <= 0xEF) {
-    len = 3, min = 0x800;
-  } else if (s[0] >= 0xF0 && s[0] <= 0xF4) {
-    len = 4, min = 0x10000;
-  } else {
-    return 0;
-  }
-  if (len > n) return 0;
-  unsigned cp = s[0] & (0x7F >> len);
-  for (std::size_t i = 1; i < len; ++i) {
-    if ((s[i] & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (s[i] & 0x3F);
-  }
-  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-  return len;
-}
-
-// A device text made safe for a double-quoted attribute: the four markup
-// characters escaped, control characters dropped, bytes that are not UTF-8
-// replaced by '?'. Plain text comes out unchanged.
-std::string xml_attribute_text(const char* text) {
-  std::string out;
-  const auto* s = reinterpret_cast<const unsigned char*>(text);
-  const std::size_t n = strnlen(text, kDeviceAnswerSize);
-  for (std::size_t i = 0; i < n;) {
-    const unsigned char c = s[i];
-    if (c >= 0x80) {
-      std::size_t len = utf8_sequence(s + i, n - i);
-      if (len == 0) {
-        out += '?';
-        ++i;
-      } else {
-        out.append(text + i, len);
-        i += len;
-      }
-      continue;
-    }
-    ++i;
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default:
-        if (c >= 0x20 || c == '\t' || c == '\n' || c == '\r') out += static_cast<char>(c);
-        break;
-    }
-  }
-  return out;
-}
-
 // Writes a PostAuthResp body and its OK header; returns the body length.
 // A null value prints as "(null)", as refusals always have.
 int write_answer(char* work_area, const char* origin, const char* path, int device_code, const char* value,
                  int rd_code) {
-  const std::string escaped = value != nullptr ? xml_attribute_text(value) : std::string("(null)");
+  const std::string escaped = value != nullptr
+                                  ? xml_escape_attribute(std::string_view(value, strnlen(value, kDeviceAnswerSize)))
+                                  : std::string("(null)");
   int n = std::snprintf(work_area, kRespBodySize, kPostAuthRespFormat, device_code, rd_text(device_code),
                         escaped.c_str(), rd_code, rd_text(rd_code), get_rd_status());
   if (n < 0) n = 0;

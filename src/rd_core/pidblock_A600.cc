@@ -6,7 +6,7 @@
 #include <new>
 
 #include "common/rd_log.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "platform/platform.h"
 #include "rd_core/opj_compress.h"
 #include "rd_core/pid_crypto.h"

@@ -17,6 +17,7 @@
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "common/xml_ptr.h"
 #include "platform/platform.h"
 
 namespace {
@@ -34,20 +35,6 @@ constexpr const char* kPositionNames[] = {
     "RIGHT_LITTLE", "RIGHT_MIDDLE", "RIGHT_RING", "RIGHT_THUMB", "UNKNOWN",
 };
 
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
-struct SchemaParserFree {
-  void operator()(xmlSchemaParserCtxt* c) const { xmlSchemaFreeParserCtxt(c); }
-};
-struct SchemaFree {
-  void operator()(xmlSchema* s) const { xmlSchemaFree(s); }
-};
-struct ValidFree {
-  void operator()(xmlSchemaValidCtxt* c) const { xmlSchemaFreeValidCtxt(c); }
-};
-using DocPtr = std::unique_ptr<xmlDoc, DocFree>;
-
 // Guards the scratch file: two validations never write or read it at once.
 std::mutex g_validate_mutex;
 
@@ -64,10 +51,8 @@ bool name_is(const xmlChar* name, const char* expected) {
 }
 
 std::string attribute_value(xmlDoc* doc, const xmlAttr* attr) {
-  xmlChar* text = xmlNodeListGetString(doc, attr->children, 1);
-  std::string value = text ? reinterpret_cast<const char*>(text) : "";
-  xmlFree(text);
-  return value;
+  const XmlCharPtr text(xmlNodeListGetString(doc, attr->children, 1));
+  return text ? reinterpret_cast<const char*>(text.get()) : "";
 }
 
 // Decimal conversion in the manner of atoi (leading blanks, sign, digits up to
@@ -353,7 +338,7 @@ int Pidinput_validate(const char* body) {
     xmlSchemaSetParserStructuredErrors(pctxt.get(), quiet_errors, nullptr);
     schema.reset(xmlSchemaParse(pctxt.get()));
   }
-  std::unique_ptr<xmlSchemaValidCtxt, ValidFree> vctxt;
+  std::unique_ptr<xmlSchemaValidCtxt, SchemaValidFree> vctxt;
   if (schema) vctxt.reset(xmlSchemaNewValidCtxt(schema.get()));
   if (!vctxt) {
     RD_ERROR("%s validation generated an internal error", kScratchFile);

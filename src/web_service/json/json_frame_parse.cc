@@ -17,12 +17,9 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
+#include "web_service/json/json_ptr.h"
 
 namespace {
-struct JsonPut {
-  void operator()(json_object* o) const { json_object_put(o); }
-};
-using JsonPtr = std::unique_ptr<json_object, JsonPut>;
 
 void add(json_object* o, const char* k, const std::string& v) {
   json_object_object_add(o, k, json_object_new_string_len(v.data(), static_cast<int>(v.size())));
@@ -245,7 +242,7 @@ class AnswerReader {
  private:
   static JsonPtr parse_body(std::string_view body) {
     if (body.empty() || body.size() > kMgmtMaxBody) return nullptr;
-    std::unique_ptr<json_tokener, void (*)(json_tokener*)> tok(json_tokener_new_ex(16), json_tokener_free);
+    TokenerPtr tok(json_tokener_new_ex(16));
     if (!tok) return nullptr;
     json_tokener_set_flags(tok.get(), JSON_TOKENER_STRICT);
     JsonPtr root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));

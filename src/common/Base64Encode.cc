@@ -2,7 +2,7 @@
 
 #include <climits>
 
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 
 int Base64Encode(std::span<const std::uint8_t> in, std::string* out) {
   out->clear();

@@ -2,7 +2,7 @@
 
 #include <climits>
 
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 
 namespace {
 
