@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "common/http_frame.h"
@@ -13,6 +12,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 #include "postauth/handheld.h"
 
@@ -39,10 +39,10 @@ constexpr char kPostAuthRespFormat[] =
 
 std::atomic<unsigned> g_pause_ms{kRetryPauseMs};
 
-// Whether this process has the device's port open. Guarded by g_port_mutex,
-// which is held for a whole open-command-close sequence.
-std::mutex g_port_mutex;
-bool g_port_open = false;
+// Whether this process has the device's port open. g_port_mutex is held for
+// a whole open-command-close sequence.
+platform::Mutex g_port_mutex;
+bool g_port_open GUARDED_BY(g_port_mutex) = false;
 
 // The description of a device or RD code; a code without one gives "".
 const char* rd_text(int code) {
@@ -70,8 +70,8 @@ int answer_refusal(int rd_code, char* work_area, const char* origin, const char*
 }
 
 // Opens the port unless it is open, with up to tries attempts and a pause
-// after each failure. 0, or -10. REQUIRES: g_port_mutex held.
-int open_port(const char* caller, int tries) {
+// after each failure. 0, or -10.
+int open_port(const char* caller, int tries) REQUIRES(g_port_mutex) {
   RD_LOG_AS(caller);
   if (g_port_open) return 0;
   const OpenCom_port_t open = tavio_sdk().OpenCom_port;
@@ -94,8 +94,8 @@ int open_port(const char* caller, int tries) {
 }
 
 // Closes the port if it is open. The port counts as closed afterwards either
-// way, so the next command opens it afresh. REQUIRES: g_port_mutex held.
-void close_port(const char* caller) {
+// way, so the next command opens it afresh.
+void close_port(const char* caller) REQUIRES(g_port_mutex) {
   RD_LOG_AS(caller);
   if (!g_port_open) return;
   g_port_open = false;
@@ -149,7 +149,7 @@ int run_command(const PostAuthFields& fields, char* answer) {
 // Get_Response_From_Device with the number of tries to open the port.
 int get_response(const PostAuthFields& fields, char* work_area, const char* origin, const char* path,
                  int open_tries) {
-  std::lock_guard<std::mutex> guard(g_port_mutex);
+  platform::MutexLock guard(&g_port_mutex);
   int rc = open_port("Get_Response_From_Device", open_tries);
   if (rc != 0) return rc;
   char answer[kDeviceAnswerSize] = {};
@@ -164,7 +164,7 @@ int get_response(const PostAuthFields& fields, char* work_area, const char* orig
 // Check_Device_status; keep_open leaves an opened port for the command that follows.
 int check_device(bool keep_open) {
   RD_LOG_AS("Check_Device_status");
-  std::lock_guard<std::mutex> guard(g_port_mutex);
+  platform::MutexLock guard(&g_port_mutex);
   RD_INFO("Trying to open the port");
   if (open_port("Check_Device_status", kOpenTries) != 0) {
     RD_STATUS("Connection to Bluetooth failed, please connect the device again");
@@ -194,7 +194,7 @@ struct PortRelease {
   PortRelease(const PortRelease&) = delete;
   PortRelease& operator=(const PortRelease&) = delete;
   ~PortRelease() {
-    std::lock_guard<std::mutex> guard(g_port_mutex);
+    platform::MutexLock guard(&g_port_mutex);
     close_port("PostAuth");
   }
 };

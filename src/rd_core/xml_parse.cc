@@ -11,13 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/xml_ptr.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 namespace {
@@ -36,7 +36,7 @@ constexpr const char* kPositionNames[] = {
 };
 
 // Guards the scratch file: two validations never write or read it at once.
-std::mutex g_validate_mutex;
+platform::Mutex g_validate_mutex;
 
 void quiet_errors(void*, xmlError*) {}
 
@@ -278,7 +278,7 @@ int settle_positions(const std::string& raw_posh, PidOptionsRequest* request) {
   return 0;
 }
 
-bool write_scratch(const char* body, std::size_t len) {
+bool write_scratch(const char* body, std::size_t len) REQUIRES(g_validate_mutex) {
   FILE* f = platform::open_file(kScratchFile, "wb");
   if (f == nullptr) return false;
   const bool written = std::fwrite(body, 1, len, f) == len;
@@ -311,7 +311,7 @@ int split_positions(const char* raw, std::vector<std::string>* positions) {
 
 int Pidinput_validate(const char* body) {
   init_libxml();
-  std::lock_guard<std::mutex> lock(g_validate_mutex);
+  platform::MutexLock lock(&g_validate_mutex);
   const std::string schema_path = rd_identity_copy().prefix + "Final.xsd";
   if (schema_path.size() >= kSchemaPathSize) {
     RD_ERROR("Could not parse %s", schema_path.c_str());

@@ -4,27 +4,27 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 namespace platform {
 namespace {
 constexpr char kPipeName[] = "qdx.win.002";
-std::mutex g_pipe_path_mutex;
-std::string g_pipe_path;  // named by the host; guarded by g_pipe_path_mutex
+Mutex g_pipe_path_mutex;
+std::string g_pipe_path GUARDED_BY(g_pipe_path_mutex);  // named by the host
 }  // namespace
 
 std::string status_pipe_path() {
   {
-    std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+    MutexLock lock(&g_pipe_path_mutex);
     if (!g_pipe_path.empty()) return g_pipe_path;
   }
   return "/run/user/" + std::to_string(::geteuid()) + "/" + kPipeName;
 }
 
 void set_status_pipe_path(const std::string& path) {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+  MutexLock lock(&g_pipe_path_mutex);
   g_pipe_path = path;
 }
 

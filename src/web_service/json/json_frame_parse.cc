@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
-#include <mutex>
 #include <ctime>
 #include <memory>
 
@@ -18,6 +17,7 @@
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "web_service/json/json_ptr.h"
+#include "platform/mutex.h"
 
 namespace {
 
@@ -132,11 +132,11 @@ int json_frame_uidai_cert_update_status(std::string* out) {
 
 namespace {
 
-std::mutex g_ts_mu;
-std::string g_client_ts;  // test seam
+platform::Mutex g_ts_mu;
+std::string g_client_ts GUARDED_BY(g_ts_mu);  // test seam
 
 std::string client_ts() {
-  std::lock_guard<std::mutex> lk(g_ts_mu);
+  platform::MutexLock lk(&g_ts_mu);
   return g_client_ts.empty() ? mgmt_timestamp() : g_client_ts;
 }
 
@@ -363,7 +363,7 @@ int read_path_checksum(const char* function, const char* parse_error, std::strin
 }  // namespace
 
 void json_set_client_ts_for_test(const std::string& ts) {
-  std::lock_guard<std::mutex> lk(g_ts_mu);
+  platform::MutexLock lk(&g_ts_mu);
   g_client_ts = ts;
 }
 
