@@ -414,6 +414,10 @@ TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
   // No scanner answers: -1, the status stays, both notifications in order.
   set_rd_status_notready();
   sim::write_control(refdll_, {{"present", "0"}});
+  // The pipe is read by another thread: the notifications so far must have
+  // arrived before the count is taken.
+  ASSERT_TRUE(pipe_.wait_for(
+      "5000|Fingerprint device disconnected\n5000|Fingerprint device connected\n5000|Fingerprint device connected\n"));
   const std::size_t before = pipe_.received().size();
   EXPECT_EQ(attach_device(), -1);
   EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");
