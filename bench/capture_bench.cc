@@ -29,10 +29,12 @@
 #include <thread>
 #include <vector>
 
+#include "common/openssl_ptr.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "common/hash.h"
+#include "common/secret.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
 #include "rd_core/opj_compress.h"
@@ -45,11 +47,6 @@
 #include "sim_control.h"
 
 namespace {
-
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 
 double thread_cpu_ms() {
   timespec ts{};
@@ -158,18 +155,11 @@ struct Floor {
   }
 };
 
-PkeyPtr key_from_pem(const std::string& pem, bool cert) {
-  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
-  EVP_PKEY* key = nullptr;
-  if (cert) {
-    X509* x = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
-    if (x != nullptr) key = X509_get_pubkey(x);
-    X509_free(x);
-  } else {
-    key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
-  }
-  BIO_free(bio);
-  return PkeyPtr(key);
+PkeyPtr key_from_pem(std::string_view pem, bool cert) {
+  const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  if (!cert) return PkeyPtr(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
+  const X509Ptr x(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  return PkeyPtr(x != nullptr ? X509_get_pubkey(x.get()) : nullptr);
 }
 
 }  // namespace
@@ -213,9 +203,9 @@ int main(int argc, char** argv) {
     set_capture_timing_for_test(CaptureTiming{0, 0, 0, 0, 0});
     if (Lock_Semaphore() != 0) die("scanner lock");
 
-    std::string pem;
+    Secret pem;
     if (GetDevicePrivateKeyFromFile(&pem) != 0) die("device key");
-    PkeyPtr device_key = key_from_pem(pem, false);
+    PkeyPtr device_key = key_from_pem(pem.view(), false);
     PkeyPtr uidai_key = key_from_pem(uidai_cert_in_force(uidai_current_prod_cert()), true);
     if (!device_key || !uidai_key) die("keys");
     Floor floor{device_key.get(), uidai_key.get()};
@@ -282,7 +272,7 @@ int main(int argc, char** argv) {
         ConvertToJPEG2000(raw.data(), &out, w, h, 15.0f);
       }
     });
-    std::string key_pem;
+    Secret key_pem;
     const Timing key_read = measure(n, [&] { GetDevicePrivateKeyFromFile(&key_pem); });
     std::array<std::uint8_t, 32> digest{};
     const Timing self_hash = measure(n, [&] { GetHashRDservice(&digest); });

@@ -21,7 +21,7 @@ namespace {
 using simctl::guarded;
 using simctl::scripted;
 
-// The one simulated device. Guarded by the simulator mutex (held by ControlCall).
+// The one simulated device.
 struct Device {
   bool global_init = false;
   bool open = false;
@@ -30,7 +30,7 @@ struct Device {
   bool have_image = false;
   std::uint32_t image_seed = 0;
 };
-Device g_device;
+Device g_device GUARDED_BY(simctl::g_sim_mutex);
 
 std::uint32_t fnv1a(const std::string& s) {
   std::uint32_t h = 2166136261u;
@@ -39,7 +39,7 @@ std::uint32_t fnv1a(const std::string& s) {
 }
 
 bool present(const simctl::ControlCall& c) { return c.number("present", 1) != 0; }
-bool valid_handle(ARAFPSCAN_HANDLE h) { return h == &g_device && g_device.open; }
+bool valid_handle(ARAFPSCAN_HANDLE h) REQUIRES(simctl::g_sim_mutex) { return h == &g_device && g_device.open; }
 
 void sleep_ms(long ms) {
   timespec ts{ms / 1000, (ms % 1000) * 1000000L};
@@ -50,7 +50,7 @@ void sleep_ms(long ms) {
 }  // namespace
 
 SIM_EXPORT int ARAFPSCAN_GlobalInit(void) {
-  return guarded(__func__, [](simctl::ControlCall& c) {
+  return guarded(__func__, [](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (int r = scripted(c, "global_init")) return r;
     if (g_device.global_init) return ARAFPSCAN_ERROR_ALREADY_INIT;
     g_device.global_init = true;
@@ -59,7 +59,7 @@ SIM_EXPORT int ARAFPSCAN_GlobalInit(void) {
 }
 
 SIM_EXPORT int ARAFPSCAN_GlobalFree(void) {
-  return guarded(__func__, [](simctl::ControlCall& c) {
+  return guarded(__func__, [](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (int r = scripted(c, "global_free")) return r;
     g_device.global_init = false;
     return 0;
@@ -67,7 +67,7 @@ SIM_EXPORT int ARAFPSCAN_GlobalFree(void) {
 }
 
 SIM_EXPORT int ARAFPSCAN_OpenDevice(int index, ARAFPSCAN_HANDLE* handle) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (handle == nullptr) return SIM_ERR_BAD_PARAM;
     *handle = nullptr;
     if (c.number("require_global_init", 0) != 0 && !g_device.global_init) return SIM_ERR_NOT_INIT;
@@ -86,7 +86,7 @@ SIM_EXPORT int ARAFPSCAN_OpenDevice(int index, ARAFPSCAN_HANDLE* handle) {
 }
 
 SIM_EXPORT int ARAFPSCAN_CloseDevice(ARAFPSCAN_HANDLE handle) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (!valid_handle(handle)) return SIM_ERR_BAD_HANDLE;
     if (int r = scripted(c, "close")) return r;
     g_device.open = false;
@@ -97,7 +97,7 @@ SIM_EXPORT int ARAFPSCAN_CloseDevice(ARAFPSCAN_HANDLE handle) {
 }
 
 SIM_EXPORT int ARAFPSCAN_GetDeviceDescription(int index, char* description) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (description == nullptr) return SIM_ERR_BAD_PARAM;
     if (!present(c) || index != 0) return SIM_ERR_NO_DEVICE;
     if (int r = scripted(c, "description")) return r;
@@ -113,7 +113,7 @@ SIM_EXPORT int ARAFPSCAN_GetDeviceDescription(int index, char* description) {
 
 SIM_EXPORT int ARAFPSCAN_GetImageInfo(ARAFPSCAN_HANDLE handle, int* width, int* height,
                                       int* resolution) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (width == nullptr || height == nullptr || resolution == nullptr) return SIM_ERR_BAD_PARAM;
     if (!valid_handle(handle)) return SIM_ERR_BAD_HANDLE;
     if (!present(c)) return SIM_ERR_NO_DEVICE;
@@ -126,7 +126,7 @@ SIM_EXPORT int ARAFPSCAN_GetImageInfo(ARAFPSCAN_HANDLE handle, int* width, int* 
 }
 
 SIM_EXPORT int ARAFPSCAN_SetLedStatus(ARAFPSCAN_HANDLE handle, int led, int on) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (led < 0 || (on != 0 && on != 1)) return SIM_ERR_BAD_PARAM;
     if (!valid_handle(handle)) return SIM_ERR_BAD_HANDLE;
     if (!present(c)) return SIM_ERR_NO_DEVICE;
@@ -141,7 +141,7 @@ SIM_EXPORT int ARAFPSCAN_CaptureRawData(ARAFPSCAN_HANDLE handle, int timeout_s, 
   long wait_ms = 0;
   int width = 0, height = 0;
   std::uint32_t seed = 0;
-  result = guarded(__func__, [&](simctl::ControlCall& c) {
+  result = guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (raw == nullptr || timeout_s < 0) return SIM_ERR_BAD_PARAM;
     if (!valid_handle(handle)) return SIM_ERR_BAD_HANDLE;
     if (!present(c)) return SIM_ERR_NO_DEVICE;
@@ -161,7 +161,7 @@ SIM_EXPORT int ARAFPSCAN_CaptureRawData(ARAFPSCAN_HANDLE handle, int timeout_s, 
   sleep_ms(wait_ms);
   if (result != 0) return result;
   simfp::render_fingerprint(width, height, seed, raw);
-  return guarded(nullptr, [&](simctl::ControlCall&) {
+  return guarded(nullptr, [&](simctl::ControlCall&) REQUIRES(simctl::g_sim_mutex) {
     g_device.have_image = true;
     g_device.image_seed = seed;
     return 0;
@@ -169,7 +169,7 @@ SIM_EXPORT int ARAFPSCAN_CaptureRawData(ARAFPSCAN_HANDLE handle, int timeout_s, 
 }
 
 SIM_EXPORT int ARAFPSCAN_ExtractISOFeature(ARAFPSCAN_HANDLE handle, int mode, unsigned char* feature) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (feature == nullptr || mode != 0) return SIM_ERR_BAD_PARAM;
     if (!valid_handle(handle)) return SIM_ERR_BAD_HANDLE;
     if (int r = scripted(c, "extract")) return r;
@@ -183,7 +183,7 @@ SIM_EXPORT int ARAFPSCAN_ExtractISOFeature(ARAFPSCAN_HANDLE handle, int mode, un
 }
 
 SIM_EXPORT int ARAFPSCAN_GetISOFeatureLength(const unsigned char* feature, int* length) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (feature == nullptr || length == nullptr) return SIM_ERR_BAD_PARAM;
     *length = 0;
     if (int r = scripted(c, "feature_length")) return r;
@@ -195,7 +195,7 @@ SIM_EXPORT int ARAFPSCAN_GetISOFeatureLength(const unsigned char* feature, int* 
 }
 
 SIM_EXPORT int ARAFPSCAN_ImgQuality(int width, int height, const unsigned char* raw, int* quality) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (width <= 0 || height <= 0 || raw == nullptr || quality == nullptr) return SIM_ERR_BAD_PARAM;
     if (int r = scripted(c, "quality")) return r;
     *quality = static_cast<int>(c.next("quality_values", "quality", SIM_DEFAULT_QUALITY));
@@ -205,7 +205,7 @@ SIM_EXPORT int ARAFPSCAN_ImgQuality(int width, int height, const unsigned char* 
 }
 
 SIM_EXPORT int ARAFPSCAN_GetNFIQScore(int width, int height, const unsigned char* raw, int* nfiq) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (width <= 0 || height <= 0 || raw == nullptr || nfiq == nullptr) return SIM_ERR_BAD_PARAM;
     if (int r = scripted(c, "nfiq")) return r;
     *nfiq = static_cast<int>(c.next("nfiq_scores", "nfiq", SIM_DEFAULT_NFIQ));

@@ -8,16 +8,18 @@
 #include <cstdlib>
 
 namespace simctl {
+
+platform::Mutex g_sim_mutex;
+
 namespace {
 
 constexpr const char* kControlFile = "sim_control.ini";
 constexpr const char* kCallLogFile = "sim_calls.log";
 
-// Process-wide state of this library; guarded by g_mutex.
-std::mutex g_mutex;
-std::string g_last_content;
-std::map<std::string, std::size_t> g_positions;
-std::map<std::string, unsigned long> g_counters;
+// Process-wide state of this library.
+std::string g_last_content GUARDED_BY(g_sim_mutex);
+std::map<std::string, std::size_t> g_positions GUARDED_BY(g_sim_mutex);
+std::map<std::string, unsigned long> g_counters GUARDED_BY(g_sim_mutex);
 
 // The folder is taken when the library is loaded: dladdr reports the path
 // given to dlopen, which may be relative to a folder the host leaves later.
@@ -76,7 +78,7 @@ std::vector<long> parse_list(const std::string& text) {
   return values;
 }
 
-ControlCall::ControlCall() : lock_(g_mutex) {
+ControlCall::ControlCall() : lock_(&g_sim_mutex) {
   const std::string path = g_library_dir + "/" + kControlFile;
   std::string content;
   const bool present = read_whole(path, &content);

@@ -17,8 +17,7 @@ namespace {
 using simctl::guarded;
 using simctl::scripted;
 
-// Guarded by the simulator mutex (held by ControlCall).
-bool g_port_open = false;
+bool g_port_open GUARDED_BY(simctl::g_sim_mutex) = false;
 
 int copy_answer(const std::string& text, char* out, int out_len) {
   const std::size_t n = std::min<std::size_t>(text.size(), static_cast<std::size_t>(out_len) - 1);
@@ -29,7 +28,7 @@ int copy_answer(const std::string& text, char* out, int out_len) {
 
 // One status query: the port must be open; a scripted failure leaves out empty.
 int query(const char* name, const char* key, const char* answer_key, const char* def, char* out, int out_len) {
-  return guarded(name, [&](simctl::ControlCall& c) {
+  return guarded(name, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (out == nullptr || out_len <= 0) return SIM_ERR_BAD_PARAM;
     out[0] = '\0';
     if (!g_port_open) return SIM_ERR_NO_DEVICE;
@@ -41,7 +40,7 @@ int query(const char* name, const char* key, const char* answer_key, const char*
 }  // namespace
 
 SIM_EXPORT int OpenCom_port(const char* port_path) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (port_path == nullptr) return SIM_ERR_BAD_PARAM;
     if (c.number("tavio_present", 1) == 0) return SIM_ERR_NO_DEVICE;
     // A link that needs several tries: the first N opens fail.
@@ -54,7 +53,7 @@ SIM_EXPORT int OpenCom_port(const char* port_path) {
 }
 
 SIM_EXPORT int ClosePort(void) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (!g_port_open) return SIM_ERR_NO_DEVICE;
     if (int r = scripted(c, "tavio_close")) return r;
     g_port_open = false;
@@ -75,7 +74,7 @@ SIM_EXPORT int Get_SerialNumber(char* out, int out_len) {
 }
 
 SIM_EXPORT int Print_Data(const char* text, char* out, int out_len) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (text == nullptr || out == nullptr || out_len <= 0) return SIM_ERR_BAD_PARAM;
     out[0] = '\0';
     if (!g_port_open) return SIM_ERR_NO_DEVICE;
@@ -91,7 +90,7 @@ SIM_EXPORT int Print_Data(const char* text, char* out, int out_len) {
 }
 
 SIM_EXPORT int TavioLogs_Init(const char* log_param) {
-  return guarded(__func__, [&](simctl::ControlCall& c) {
+  return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (log_param == nullptr) return SIM_ERR_BAD_PARAM;
     return scripted(c, "tavio_logs_init");
   });

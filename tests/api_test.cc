@@ -22,6 +22,7 @@
 #include "rd_core/api.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
+#include "common/xml_ptr.h"
 
 namespace {
 
@@ -57,9 +58,6 @@ std::string info_head(std::size_t len, const char* origin) {
          "/rd/info\r\nContent-Length: " + std::to_string(len) + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
 }
 
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
 
 std::string attr(xmlNode* n, const char* name) {
   xmlChar* v = xmlGetProp(n, reinterpret_cast<const xmlChar*>(name));

@@ -30,7 +30,7 @@
 #include "mgmt_core/mgmt_api.h"
 #include "mgmt_server_util.h"
 #include "rds_hash.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
@@ -41,15 +41,13 @@
 #include "test_crypto.h"
 #include "test_util.h"
 #include "vexo.h"
+#include "common/xml_ptr.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
 using PidMessage = In__Gov__Uidai__Authserver__Protobuf__Pid;
 struct PidFree {
   void operator()(PidMessage* p) const { in__gov__uidai__authserver__protobuf__pid__free_unpacked(p, nullptr); }
@@ -469,6 +467,9 @@ TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
   } cases[] = {
       {"A600-E2E-7", "0f5c-11aa", "A600-E2E-7", "0f5c-11aa"},
       {"A6\"00&<x>", "d\"c&1", "A6&quot;00&amp;&lt;x&gt;", "d&quot;c&amp;1"},
+      // Control characters that XML cannot carry are dropped, bytes that are
+      // not UTF-8 become '?', and white-space controls are kept as references.
+      {"A6\x01\xff\t00", "d\tc\r\n1", "A6?&#9;00", "d&#9;c&#13;&#10;1"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.serial);
@@ -479,6 +480,7 @@ TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
     std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
     EXPECT_NE(body.find(std::string("dc=\"") + c.dc_attr + "\""), std::string::npos) << body;
     EXPECT_NE(body.find(std::string("value=\"") + c.serial_attr + "\""), std::string::npos) << body;
+    EXPECT_EQ(body.find('\n'), body.size() - 1) << "one line";
     std::unique_ptr<xmlDoc, DocFree> doc(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr, 0));
     ASSERT_TRUE(doc) << body;
     xmlChar* dc = xmlGetProp(xmlDocGetRootElement(doc.get()), reinterpret_cast<const xmlChar*>("dc"));

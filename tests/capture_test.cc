@@ -22,7 +22,7 @@
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "jp2_test_util.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
@@ -35,6 +35,7 @@
 #include "sim_control.h"
 #include "test_crypto.h"
 #include "test_util.h"
+#include "common/xml_ptr.h"
 
 namespace {
 
@@ -474,9 +475,8 @@ TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
                         std::vector<std::uint8_t>(b->content.data, b->content.data + b->content.len), b->bs});
       }
     } else {
-      std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> doc(
-          xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0),
-          xmlFreeDoc);
+      DocPtr doc(
+          xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0));
       ASSERT_TRUE(doc);
       auto prop = [](xmlNode* n, const char* a) {
         xmlChar* v = xmlGetProp(n, BAD_CAST a);

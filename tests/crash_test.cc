@@ -176,7 +176,7 @@ TEST_F(CrashTest, KeystoreAndKeyRotation) {
   auto check = [&] {
     if (prepare() != 0) return 1;
     ScannerLock lock;
-    std::string key_pem;
+    Secret key_pem;
     if (!lock.held() || GetDevicePrivateKeyFromFile(&key_pem) != 0) return 1;
     const std::string mc = testutil::read_file("cert/public/signed_mc.cer");
     const std::string dc = rd_config_copy().dc;

@@ -24,7 +24,7 @@
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "common/secret.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"

@@ -18,10 +18,11 @@
 #include <thread>
 #include <vector>
 
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "mgmt_server_util.h"
 #include "sim_control.h"
 #include "test_util.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 
@@ -107,10 +108,6 @@ class Host {
   std::string output_;
 };
 
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-using X509Ptr = std::unique_ptr<X509, X509Free>;
 
 // The DER certificate in der_file is signed by the PEM CA in ca_file.
 bool issued_by(const std::string& der_file, const std::string& ca_file) {

@@ -103,7 +103,8 @@ TEST_F(StartupTest, NothingOnStandardOutputUnlessDebugging) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int rc = Initialize_process("Aratek_A600");
-    std::string cert_pem, key_pem;
+    std::string cert_pem;
+    Secret key_pem;
     const int key_rc = GenerateKeyPair(&cert_pem);
     const int read_rc = GetDevicePrivateKeyFromFile(&key_pem);
     EXPECT_EQ(Set_Proxy_Api("http://proxy:3128|bob|s3cret"), 0);

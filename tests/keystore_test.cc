@@ -26,7 +26,7 @@
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
-#include "rd_core/aes.h"
+#include "common/aes.h"
 #include "semaphore/semaphore_syc.h"
 #include "common/openssl_ptr.h"
 #include "test_util.h"
@@ -158,11 +158,11 @@ TEST_F(KeystoreTest, GeneratedKeyReadsBackTwiceUnderDerivedPassword) {
   EXPECT_EQ(testutil::read_file("keystore/pdHash.hash"), bytes(sha256(std::span<const std::uint8_t>(kMacA))));
 
   ASSERT_EQ(Lock_Semaphore(), 0);
-  std::string first, second;
+  Secret first, second;
   ASSERT_EQ(GetDevicePrivateKeyFromFile(&first), 0);
   ASSERT_EQ(GetDevicePrivateKeyFromFile(&second), 0);
-  EXPECT_EQ(first, pem);
-  EXPECT_EQ(second, pem);
+  EXPECT_EQ(first.view(), pem);
+  EXPECT_EQ(second.view(), pem);
   EXPECT_EQ(Unlock_Semaphore(), 0);  // the reads left the caller's lock held
   auto key = parse_key(pem);
   auto x509 = parse_cert(cert);
@@ -268,7 +268,7 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
     const std::size_t log_start = log().size();
 
     ASSERT_EQ(Lock_Semaphore(), 0);
-    std::string pem = "stale";
+    Secret pem("stale");
     EXPECT_EQ(GetDevicePrivateKeyFromFile(&pem), c.result);
     const std::string tail = log().substr(log_start);
     EXPECT_EQ(pem.empty(), c.result != 0);
@@ -325,7 +325,7 @@ TEST_F(KeystoreTest, UnknownRdsIdFailsWithoutRotation) {
   EXPECT_NE(log().find("Error at GetPasswordToEncDecPrivateKey"), std::string::npos);
 
   ASSERT_EQ(Lock_Semaphore(), 0);
-  std::string pem;
+  Secret pem;
   EXPECT_EQ(GetDevicePrivateKeyFromFile(&pem), -1);
   EXPECT_EQ(log().find("Going for Forceful Key rotation"), std::string::npos);
   EXPECT_EQ(Unlock_Semaphore(), 0);

@@ -12,8 +12,10 @@ cd "$root"
 # seam, common the base layer every module builds on, init the exported
 # lifecycle that starts everything else.
 layers=(platform common semaphore ssl rd_lib web_service postauth rd_core mgmt_core http init)
-# The one pair that includes each other: the capture code encodes with
-# mgmt_core's Base64 and the keystore encrypts with rd_core's AES.
+# The one pair that includes each other: the capture signs with the
+# keystore's key and, finding the UIDAI certificate out of date, asks the
+# Management client for a software update; the Management client keeps
+# rd_core's UIDAI certificate store current.
 allowed_upward=("rd_core mgmt_core")
 
 declare -A rank

@@ -139,7 +139,7 @@ TEST(RdsHash, Base64AndAesRefusals) {
     const char* text;
     int rc;
     std::size_t len;
-  } rows[] = {{"", -1, 0}, {"QQ==", 0, 1}, {"QUI=", 0, 2}, {"QUJD", 0, 3}, {"QUJ", -1, 0}, {"Q!==", -1, 0}};
+  } rows[] = {{"", 0, 0}, {"QQ==", 0, 1}, {"QUI=", 0, 2}, {"QUJD", 0, 3}, {"QUJ", -1, 0}, {"Q!==", -1, 0}};
   for (const auto& r : rows) {
     Bytes out{9};
     EXPECT_EQ(rds_hmac_Base64Decode(r.text, &out), r.rc) << r.text;

@@ -30,6 +30,8 @@
 #include "rds_hash.h"
 #include "test_util.h"
 #include "web_service/transfer.h"
+#include "web_service/json/json_ptr.h"
+#include "common/openssl_ptr.h"
 
 namespace {
 
@@ -39,10 +41,6 @@ using mgmttest::Server;
 const std::string kHostId = "0a1b2c3d4e5f";
 const std::string kModel = "A600";
 
-struct JsonPut {
-  void operator()(json_object* o) const { json_object_put(o); }
-};
-using Json = std::unique_ptr<json_object, JsonPut>;
 struct Reply {
   long status = 0;
   std::string headers;
@@ -124,7 +122,7 @@ std::string frame(const Frame& f) {
   if (f.flip_hmac >= 0) h[f.flip_hmac] = h[f.flip_hmac] == 'A' ? 'B' : 'A';
   if (f.flip_skey >= 0) s[f.flip_skey] = s[f.flip_skey] == 'A' ? 'B' : 'A';
 
-  Json root(json_object_new_object());
+  JsonPtr root(json_object_new_object());
   json_object* device = json_object_new_object();
   const std::pair<const char*, std::string> members[] = {
       {"rdVer", "1.0.0"},   {"rdId", "QDX.ARA.A600.W"}, {"clId", "QDX.MC"},
@@ -142,7 +140,7 @@ std::string frame(const Frame& f) {
 
 struct Answer {
   Reply reply;
-  Json json;
+  JsonPtr json;
   int drt_ok = -1;
   std::string str(const char* key) const {
     json_object* v = nullptr;
@@ -275,7 +273,7 @@ TEST_F(MgmtServerTest, CertificateFetchesAndRangedDownloads) {
   for (const auto& [suffix, file] : {std::pair<std::string, std::string>{"PP", "preprod.pem"},
                                      {"P", "prod.pem"}}) {
     Reply r = fetch(s.base() + "/rest/getCert/" + suffix, nullptr, {});
-    Json j(json_tokener_parse(r.body.c_str()));
+    JsonPtr j(json_tokener_parse(r.body.c_str()));
     ASSERT_NE(nullptr, j) << r.body;
     json_object* v = nullptr;
     ASSERT_TRUE(json_object_object_get_ex(j.get(), "chkSum", &v));
@@ -392,10 +390,9 @@ TEST_F(MgmtServerTest, KeyRotationIssuesCertificateUnderTheCa) {
   EXPECT_STREQ("/CN=SN1001", X509_NAME_oneline(X509_get_subject_name(cert.get()), subject, sizeof subject));
   EXPECT_EQ(X509_get_extension_flags(cert.get()) & EXFLAG_XKUSAGE, static_cast<uint32_t>(EXFLAG_XKUSAGE));
   EXPECT_EQ(X509_get_extended_key_usage(cert.get()), static_cast<uint32_t>(XKU_SSL_CLIENT));
-  std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), X509_STORE_free);
+  std::unique_ptr<X509_STORE, StoreFree> store(X509_STORE_new());
   ASSERT_EQ(1, X509_STORE_load_file(store.get(), (kMgmtData + "/ca.crt").c_str()));
-  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx(X509_STORE_CTX_new(),
-                                                                      X509_STORE_CTX_free);
+  std::unique_ptr<X509_STORE_CTX, StoreCtxFree> ctx(X509_STORE_CTX_new());
   X509_STORE_CTX_init(ctx.get(), store.get(), cert.get(), nullptr);
   EXPECT_EQ(1, X509_verify_cert(ctx.get()))
       << X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));

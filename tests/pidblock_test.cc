@@ -15,10 +15,11 @@
 
 #include "auth.pb-c.h"
 #include "jp2_test_util.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "rd_core/opj_compress.h"
 #include "rd_core/pid_input.h"
 #include "rd_core/protobuf_rd.h"
+#include "common/xml_ptr.h"
 
 namespace {
 
@@ -144,9 +145,6 @@ PidInput full_input(const std::vector<CapturedFinger>& fingers) {
   return in;
 }
 
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
 
 std::optional<std::string> attr(xmlNode* n, const char* name) {
   if (!xmlHasProp(n, BAD_CAST name)) return std::nullopt;

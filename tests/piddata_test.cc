@@ -11,13 +11,10 @@
 #include <vector>
 
 #include "rd_core/pid_data.h"
+#include "common/xml_ptr.h"
 
 namespace {
 
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
-using DocPtr = std::unique_ptr<xmlDoc, DocFree>;
 using Attrs = std::vector<std::pair<std::string, std::string>>;
 
 DocPtr parse(const std::string& text) {

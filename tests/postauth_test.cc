@@ -175,6 +175,8 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
       {"print", {}, print("Rs 10 paid"), success(p, "Printed")},
       {"device text escaped", {{"tavio_battery", "5 & <6> \"x\""}}, query("GET_BATTERYSTATUS"),
        success(p, "5 &amp; &lt;6&gt; &quot;x&quot;")},
+      {"device bytes made XML", {{"tavio_battery", "5\t6\x01\xff%"}}, query("GET_BATTERYSTATUS"),
+       success(p, "5&#9;6?%")},
       {"battery fails", {{"tavio_battery_result", "-5"}}, query("GET_BATTERYSTATUS"),
        refusal(p, "-20", battery_failed)},
       {"firmware fails", {{"tavio_firmware_result", "65"}}, query("GET_FIRMWAREVERSION"),

@@ -123,8 +123,8 @@ std::string expect_local_tls(const std::string& wd) {
   }
   // The chain as a browser builds it: the CA as the only trust anchor, the
   // server certificate for TLS servers, the CA's name constraints applied.
-  std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), X509_STORE_free);
-  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx(X509_STORE_CTX_new(), X509_STORE_CTX_free);
+  std::unique_ptr<X509_STORE, StoreFree> store(X509_STORE_new());
+  std::unique_ptr<X509_STORE_CTX, StoreCtxFree> ctx(X509_STORE_CTX_new());
   EXPECT_EQ(X509_STORE_add_cert(store.get(), ca.get()), 1);
   EXPECT_EQ(X509_STORE_CTX_init(ctx.get(), store.get(), cert.get(), nullptr), 1);
   X509_STORE_CTX_set_purpose(ctx.get(), X509_PURPOSE_SSL_SERVER);

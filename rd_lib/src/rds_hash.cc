@@ -3,32 +3,18 @@
 #include <openssl/evp.h>
 
 #include <cstring>
-#include <memory>
+#include <span>
 
+#include "common/Base64.h"
+#include "common/aes.h"
 #include "common/rd_log.h"
-#include "platform/platform.h"
-#include "common/openssl_ptr.h"
 #include "common/secret.h"
 #include "common/rd_codes.h"
 
 using rd_codes::kFailed;
+#include "platform/platform.h"
 
 namespace {
-
-// Standard-alphabet characters with "=" only as the last one or two.
-// EVP_DecodeBlock alone trims white space at both ends and takes "=" inside
-// the text, and then yields wrong bytes.
-bool is_padded_base64(const std::string& text) {
-  std::size_t body = text.size();
-  while (body > 0 && text.size() - body < 2 && text[body - 1] == '=') --body;
-  for (std::size_t i = 0; i < body; ++i) {
-    const char c = text[i];
-    if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/')) {
-      return false;
-    }
-  }
-  return true;
-}
 
 // The master key is never stored: byte i is kMaskA[kIndexA[i]] ^ kMaskB[kIndexB[i]].
 constexpr std::uint8_t kMaskA[64] = {0x30, 0x6d, 0x6d, 0xa8, 0xab, 0x32, 0x5d, 0xfb, 0xa0, 0x87, 0x67, 0x54, 0x84, 0xa1, 0x57, 0xa4, 0xaf, 0x7e, 0x49, 0xc6, 0x6c, 0x5f, 0xf2, 0xe0, 0x8f, 0x00, 0xe2, 0x7e, 0xfe, 0x80, 0xa7, 0x7a, 0x5f, 0xdf, 0xae, 0xf9, 0x77, 0x03, 0x3a, 0xf8, 0xc2, 0x7d, 0x4d, 0xa5, 0x67, 0x4d, 0xd4, 0x9a, 0x47, 0x44, 0x3c, 0x09, 0x9d, 0xf6, 0x5e, 0x83, 0x61, 0x9e, 0xb9, 0xcc, 0x43, 0xfa, 0x8b, 0xd3};
@@ -58,21 +44,10 @@ int aes_ecb(bool encrypt, const std::uint8_t* in, std::size_t len, const std::ui
     RD_DEBUG(encrypt ? "Error at aes_encrypt \n" : "Invaid input data to aes_decrypt \n");
     return kFailed;
   }
-  std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
-  std::vector<std::uint8_t> buf(len + 16);
-  int n = 0, fin = 0;
-  const bool ok = ctx && EVP_CipherInit_ex(ctx.get(), EVP_aes_256_ecb(), nullptr, key, nullptr, encrypt ? 1 : 0) == 1 &&
-                  EVP_CIPHER_CTX_set_padding(ctx.get(), 0) == 1 &&
-                  EVP_CipherUpdate(ctx.get(), buf.data(), &n, in, static_cast<int>(len)) == 1 &&
-                  EVP_CipherFinal_ex(ctx.get(), buf.data() + n, &fin) == 1;
-  if (!ok) {
-    RD_DEBUG(encrypt ? "Error at aes_encrypt \n" : "Error at EVP_DecryptUpdate\n");
-    cleanse(buf.data(), buf.size());
-    return kFailed;
-  }
-  buf.resize(static_cast<std::size_t>(n + fin));
-  *out = std::move(buf);
-  return 0;
+  const std::span<const std::uint8_t> k(key, 32), data(in, len);
+  const int rc = encrypt ? aes_encrypt(k, data, out, AesPadding::kNone) : aes_decrypt(k, data, out, AesPadding::kNone);
+  if (rc != 0) RD_DEBUG(encrypt ? "Error at aes_encrypt \n" : "Error at EVP_DecryptUpdate\n");
+  return rc;
 }
 
 std::string as_text(const std::vector<std::uint8_t>& b) { return std::string(b.begin(), b.end()); }
@@ -113,32 +88,15 @@ int rds_hmac_aes_decrypt(const std::uint8_t* in, std::size_t len, const std::uin
 
 int rds_hmac_Base64Encode(const std::uint8_t* in, long len, std::string* out) {
   out->clear();
-  if (in == nullptr || len < 0 || len > (1L << 24)) {
+  if (in == nullptr || len < 0) {
     RD_DEBUG("Invalid parameter to The file = %s , function = %s , line = %d\n", __FILE__, __func__, __LINE__);
     return kFailed;
   }
-  std::string text(static_cast<std::size_t>((len + 2) / 3 * 4 + 1), '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), in, static_cast<int>(len));
-  if (n < 0) return kFailed;
-  text.resize(static_cast<std::size_t>(n));
-  *out = std::move(text);
-  return 0;
+  return Base64Encode(std::span<const std::uint8_t>(in, static_cast<std::size_t>(len)), out);
 }
 
 int rds_hmac_Base64Decode(const std::string& text, std::vector<std::uint8_t>* out) {
-  out->clear();
-  if (text.empty() || text.size() % 4 != 0 || text.size() > (1u << 24) || !is_padded_base64(text)) return kFailed;
-  std::vector<std::uint8_t> buf(text.size() / 4 * 3);
-  const int n = EVP_DecodeBlock(buf.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                                static_cast<int>(text.size()));
-  if (n < 0) return kFailed;
-  // EVP_DecodeBlock counts "=" padding as zero bytes; at most two of them.
-  std::size_t pad = 0;
-  if (text[text.size() - 1] == '=') ++pad;
-  if (text[text.size() - 2] == '=') ++pad;
-  buf.resize(static_cast<std::size_t>(n) - pad);
-  *out = std::move(buf);
-  return 0;
+  return Base64Decode(text, out);
 }
 
 int rds_hmac_seal_with_session_key(const std::uint8_t hash[32], std::vector<std::uint8_t>* enc_hmac,

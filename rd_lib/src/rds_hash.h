@@ -3,7 +3,8 @@
 // every response, which binds the response body to the request that caused it.
 //
 // All ciphertexts are AES-256-ECB without padding (32 or 64 bytes in, as many
-// out); Base64 is the standard alphabet on one line. The 32-byte master key
+// out); Base64 is the standard alphabet on one line. Both are the library's
+// one codec of each kind (common/aes.h, common/Base64.h). The 32-byte master key
 // agreed with the Management server is built on the caller's stack for each
 // use and cleansed afterwards; it never lies whole in the program's image.
 // Failure reports go to standard output only when debugging output is on.
@@ -27,10 +28,11 @@ int rds_hmac_aes_encrypt(const std::uint8_t* in, std::size_t len, const std::uin
 int rds_hmac_aes_decrypt(const std::uint8_t* in, std::size_t len, const std::uint8_t key[32],
                          std::vector<std::uint8_t>* out);
 
-// Base64 of len bytes (one line, padded). A null input or a negative length
-// is refused. 0 or -1.
+// Base64 of len bytes (one line, padded), by the library's one Base64 codec
+// (common/Base64.h). A null input or a negative length is refused. 0 or -1.
 int rds_hmac_Base64Encode(const std::uint8_t* in, long len, std::string* out);
-// The bytes of a padded one-line Base64 text. 0, or -1 for text that is not.
+// The bytes of a padded one-line Base64 text ("" gives none). 0, or -1 for
+// text that is not Base64.
 int rds_hmac_Base64Decode(const std::string& text, std::vector<std::uint8_t>* out);
 
 // A fresh 32-byte session key encrypts hash; the master key encrypts the

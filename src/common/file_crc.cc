@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "common/rd_codes.h"
+#include "common/file_ptr.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
 
@@ -13,11 +14,6 @@ using rd_codes::kCrcFileNotCreated;
 namespace {
 
 constexpr std::size_t kBlock = 512;
-
-struct FileCloser {
-  void operator()(FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
 
 using CrcRoutine = std::uint16_t (*)(std::uint16_t, const std::uint8_t*, std::size_t);
 
@@ -77,7 +73,7 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   std::uint16_t crc = 0;
   {
     // "ab+" creates a missing data file empty, so its seal can still be made.
-    File f(platform::open_file(data_path, "ab+"));
+    FilePtr f(platform::open_file(data_path, "ab+"));
     if (f == nullptr) {
       RD_ERROR("Opening file %s failed", data_path);
       return kCrcFailed;
@@ -119,7 +115,7 @@ int verify_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   if (!valid_arguments(kind, data_path, __func__) || crc_path == nullptr) return kCrcFailed;
   std::uint16_t crc = 0;
   {
-    File f(std::fopen(data_path, "rb"));
+    FilePtr f(std::fopen(data_path, "rb"));
     if (f == nullptr) {
       RD_ERROR("Opening file %s failed", data_path);
       return kCrcFailed;
@@ -143,7 +139,7 @@ int verify_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   }
   std::uint8_t stored[2];
   {
-    File c(std::fopen(crc_path, "rb"));
+    FilePtr c(std::fopen(crc_path, "rb"));
     if (c == nullptr) {
       RD_ERROR("Opening file %s failed", crc_path);
       return kCrcFailed;

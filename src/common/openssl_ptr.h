@@ -20,6 +20,15 @@ struct X509Free {
 struct ExtFree {
   void operator()(X509_EXTENSION* e) const { X509_EXTENSION_free(e); }
 };
+struct NameFree {
+  void operator()(X509_NAME* n) const { X509_NAME_free(n); }
+};
+struct StoreFree {
+  void operator()(X509_STORE* s) const { X509_STORE_free(s); }
+};
+struct StoreCtxFree {
+  void operator()(X509_STORE_CTX* c) const { X509_STORE_CTX_free(c); }
+};
 struct PkeyFree {
   void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
 };

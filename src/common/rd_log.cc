@@ -5,9 +5,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "common/rd_codes.h"
+#include "common/file_ptr.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 using rd_codes::kFailed;
@@ -18,10 +19,9 @@ constexpr long kIstOffsetSeconds = 19800;
 constexpr std::size_t kLastStatusSize = 2048;
 constexpr int kDefaultLogLimitKb = 2048;
 
-std::mutex g_log_mutex;        // guards g_log_stream and every line written to it
-FILE* g_log_stream = nullptr;
-std::mutex g_status_mutex;     // guards g_last_status
-char g_last_status[kLastStatusSize] = {};
+FILE* g_log_stream GUARDED_BY(g_log_mutex) = nullptr;
+platform::Mutex g_status_mutex;
+char g_last_status[kLastStatusSize] GUARDED_BY(g_status_mutex) = {};
 std::atomic<int> g_verbose{0};
 std::atomic<int> g_log_limit_kb{kDefaultLogLimitKb};
 std::atomic<int> g_pipe_fd{-1};
@@ -29,9 +29,9 @@ std::atomic<int> g_pipe_fd{-1};
 constexpr char kLogPath[] = "./rd.log";
 constexpr char kOldLogPath[] = "./rd1.log";
 
-// Writes one complete line to the open log. REQUIRES: g_log_mutex held.
+// Writes one complete line to the open log.
 void emit_line_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt,
-                      va_list args) {
+                      va_list args) REQUIRES(g_log_mutex) {
   if (g_log_stream == nullptr) return;
   log_timestamp();
   std::fprintf(g_log_stream, level == LogLevel::kInfo ? "INFO   (%s:%s:%u) - " : "ERROR  (%s:%s:%u) - ",
@@ -42,7 +42,7 @@ void emit_line_locked(LogLevel level, const char* file, const char* func, unsign
 }
 
 void emit_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...)
-    __attribute__((format(printf, 5, 6)));
+    __attribute__((format(printf, 5, 6))) REQUIRES(g_log_mutex);
 void emit_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
@@ -53,8 +53,8 @@ void emit_locked(LogLevel level, const char* file, const char* func, unsigned li
 // Moves a log larger than the limit to rd1.log and opens a fresh one, with
 // the "RD Log Reached" line as the old file's last line. 0, or -1 when the
 // fresh log cannot be opened (the stream is then null). Logs as
-// logfile_size_check, whichever line found the log full. REQUIRES: g_log_mutex held.
-int rotate_if_due_locked() {
+// logfile_size_check, whichever line found the log full.
+int rotate_if_due_locked() REQUIRES(g_log_mutex) {
   if (g_log_stream == nullptr) return 0;
   const long long bytes = platform::file_size(kLogPath);
   const long long kb = bytes / 1024;
@@ -68,20 +68,14 @@ int rotate_if_due_locked() {
   return g_log_stream != nullptr ? 0 : kFailed;
 }
 
-// Writes one line, rotating first when the log is full: every line counts,
-// whichever path writes it. REQUIRES: g_log_mutex held; the lock is released
-// before the error log is written.
-void write_line(std::unique_lock<std::mutex>& lock, LogLevel level, const char* file, const char* func,
-                unsigned line, const char* fmt, va_list args) {
-  if (rotate_if_due_locked() != 0) {
-    lock.unlock();
-    write_error_log("zlog_init failed from logfile_size_check\n");
-    return;
-  }
-  emit_line_locked(level, file, func, line, fmt, args);
+// The report of a log that could not be reopened, written without the log mutex.
+void report_rotation_failure() EXCLUDES(g_log_mutex) {
+  write_error_log("zlog_init failed from logfile_size_check\n");
 }
 
 }  // namespace
+
+platform::Mutex g_log_mutex;
 
 std::string log_safe(std::string_view text, std::size_t max) {
   static const char kHex[] = "0123456789abcdef";
@@ -124,19 +118,19 @@ std::string source_base_name(const char* file) {
 }
 
 int zlog_init(const char* path) {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
+  platform::MutexLock lock(&g_log_mutex);
   g_log_stream = platform::open_file(path, "a");
   return g_log_stream ? 0 : kFailed;
 }
 
 FILE* zlog_get_category(const char* name) {
   if (name == nullptr) return nullptr;
-  std::lock_guard<std::mutex> lock(g_log_mutex);
+  platform::MutexLock lock(&g_log_mutex);
   return g_log_stream;
 }
 
 int zlog_fini() {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
+  platform::MutexLock lock(&g_log_mutex);
   if (g_log_stream == nullptr) return kFailed;
   std::fflush(g_log_stream);
   std::fclose(g_log_stream);
@@ -152,15 +146,14 @@ int log_timestamp() {
 }
 
 void write_error_log(const char* text) {
-  FILE* f = platform::open_file("Vexo_Error.log", "ab");
+  const FilePtr f(platform::open_file("Vexo_Error.log", "ab"));
   if (f == nullptr) {
     // Stands in for the design's message box: the text goes to standard
     // error, which the library leaves alone unless debugging output is on.
     if (rd_verbose() >= 2) std::fprintf(stderr, "Error: Error in opening the Vexo_Error.log file\n");
     return;
   }
-  std::fprintf(f, "%s", text);
-  std::fclose(f);
+  std::fprintf(f.get(), "%s", text);
 }
 
 void rd_set_verbose(int verbose) { g_verbose.store(verbose, std::memory_order_relaxed); }
@@ -178,10 +171,16 @@ void rd_set_log_size_limit_kb(int kb) { g_log_limit_kb.store(kb, std::memory_ord
 int rd_log_size_limit_kb() { return g_log_limit_kb.load(std::memory_order_relaxed); }
 
 void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
-  std::unique_lock<std::mutex> lock(g_log_mutex);
+  platform::MutexLock lock(&g_log_mutex);
+  // Every line counts towards the limit, whichever path writes it.
+  if (rotate_if_due_locked() != 0) {
+    lock.Unlock();
+    report_rotation_failure();
+    return;
+  }
   va_list args;
   va_start(args, fmt);
-  write_line(lock, level, file, func, line, fmt, args);
+  emit_line_locked(level, file, func, line, fmt, args);
   va_end(args);
 }
 
@@ -194,7 +193,7 @@ int rd_set_last_status(const char* file, const char* func, const char* fmt, ...)
   std::vsnprintf(text, sizeof text, fmt, args);
   va_end(args);
   const std::string line = ts + " | " + source_base_name(file) + " | " + func + " | " + text;
-  std::lock_guard<std::mutex> lock(g_status_mutex);
+  platform::MutexLock lock(&g_status_mutex);
   const std::size_t n = std::min(line.size(), sizeof g_last_status - 1);
   std::memcpy(g_last_status, line.data(), n);
   g_last_status[n] = '\0';
@@ -203,7 +202,7 @@ int rd_set_last_status(const char* file, const char* func, const char* fmt, ...)
 
 void rd_copy_last_status(char* out, std::size_t len) {
   if (out == nullptr || len == 0) return;
-  std::lock_guard<std::mutex> lock(g_status_mutex);
+  platform::MutexLock lock(&g_status_mutex);
   std::snprintf(out, len, "%s", g_last_status);
 }
 
@@ -242,16 +241,16 @@ int write_to_pipe(const char* buf, std::size_t len) {
 }
 
 int logfile_size_check() {
-  std::unique_lock<std::mutex> lock(g_log_mutex);
+  platform::MutexLock lock(&g_log_mutex);
   if (rotate_if_due_locked() == 0) return 0;
-  lock.unlock();
-  write_error_log("zlog_init failed from logfile_size_check\n");
+  lock.Unlock();
+  report_rotation_failure();
   return kFailed;
 }
 
 void rd_log_reset_for_test() {
   {
-    std::lock_guard<std::mutex> lock(g_status_mutex);
+    platform::MutexLock lock(&g_status_mutex);
     std::memset(g_last_status, 0, sizeof g_last_status);
   }
   int old = g_pipe_fd.exchange(-1);

@@ -19,7 +19,12 @@
 #include <string>
 #include <string_view>
 
+#include "platform/mutex.h"
+
 enum class LogLevel { kInfo, kError };
+
+// The log mutex: the run-log stream and every line written to it.
+extern platform::Mutex g_log_mutex;
 
 // Opens the run log with fopen(path, "a"). 0, or -1 (stream left null).
 int zlog_init(const char* path);
@@ -27,9 +32,9 @@ int zlog_init(const char* path);
 FILE* zlog_get_category(const char* name);
 // Flushes and closes the run log. 0, or -1 when none is open.
 int zlog_fini();
-// Writes "YYYY-mm-dd HH:MM:SS " (IST) to the run log. REQUIRES: log mutex held.
+// Writes "YYYY-mm-dd HH:MM:SS " (IST) to the run log.
 // 0, or -1 when the clock cannot be read (nothing written).
-int log_timestamp();
+int log_timestamp() REQUIRES(g_log_mutex);
 // Appends text unchanged to "Vexo_Error.log"; when that fails, prints
 // "Error in opening the Vexo_Error.log file" to standard error.
 void write_error_log(const char* text);

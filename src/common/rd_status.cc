@@ -1,15 +1,15 @@
 #include "common/rd_status.h"
+#include "platform/mutex.h"
 
 #include <atomic>
-#include <mutex>
 
 namespace {
 // The texts carry their own quotes so they drop into status=%s unchanged.
 const char* const kStatusText[] = {"\"READY\"", "\"USED\"", "\"NOTREADY\""};
 std::atomic<unsigned> g_status{kRdReady};
 std::atomic<int> g_detached{0};
-std::mutex g_serial_mutex;  // guards g_serial
-std::string g_serial;
+platform::Mutex g_serial_mutex;
+std::string g_serial GUARDED_BY(g_serial_mutex);
 }  // namespace
 
 const char* get_rd_status() { return kStatusText[g_status.load(std::memory_order_relaxed) % 3]; }
@@ -36,11 +36,11 @@ int get_device_detached() { return g_detached.load(std::memory_order_relaxed); }
 void set_device_detached(int detached) { g_detached.store(detached, std::memory_order_relaxed); }
 
 std::string get_device_serial() {
-  std::lock_guard<std::mutex> lock(g_serial_mutex);
+  platform::MutexLock lock(&g_serial_mutex);
   return g_serial;
 }
 
 void set_device_serial(const std::string& serial) {
-  std::lock_guard<std::mutex> lock(g_serial_mutex);
+  platform::MutexLock lock(&g_serial_mutex);
   g_serial = serial;
 }

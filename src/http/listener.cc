@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <exception>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "common/rd_codes.h"
 
 using rd_codes::kFailed;
+#include "platform/mutex.h"
 
 namespace {
 
@@ -38,12 +38,12 @@ std::atomic<unsigned> g_accept_pause_ms{kAcceptPauseMs};
 // Each listening socket on 127.0.0.1 with its companion on [::1] (the same
 // port), so that the accept loop of either serves both. Never destroyed: a
 // detached worker may still look a socket up while the process exits.
-std::mutex g_companions_mu;
-auto& g_companions =
+platform::Mutex g_companions_mu;
+auto& g_companions GUARDED_BY(g_companions_mu) =
     *new std::vector<std::pair<platform::socket_t, platform::socket_t>>;
 
 void set_companion(platform::socket_t server, platform::socket_t server6) {
-  std::lock_guard<std::mutex> lock(g_companions_mu);
+  platform::MutexLock lock(&g_companions_mu);
   for (auto& entry : g_companions) {
     if (entry.first == server) {
       // A descriptor number used again after a close: the old entry is stale.
@@ -99,7 +99,7 @@ int bind_pair(int port, bool* ipv6, PortPair* out) {
 }  // namespace
 
 platform::socket_t ipv6_companion_socket(platform::socket_t server) {
-  std::lock_guard<std::mutex> lock(g_companions_mu);
+  platform::MutexLock lock(&g_companions_mu);
   for (const auto& entry : g_companions) {
     if (entry.first == server) return entry.second;
   }
@@ -109,7 +109,7 @@ platform::socket_t ipv6_companion_socket(platform::socket_t server) {
 void close_http_socket(platform::socket_t server) {
   platform::socket_t server6 = platform::kInvalidSocket;
   {
-    std::lock_guard<std::mutex> lock(g_companions_mu);
+    platform::MutexLock lock(&g_companions_mu);
     for (auto it = g_companions.begin(); it != g_companions.end(); ++it) {
       if (it->first == server) {
         server6 = it->second;

@@ -15,9 +15,9 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "mgmt_core/keystore.h"
-#include "rd_core/aes.h"
+#include "common/aes.h"
 #include "semaphore/device_lock.h"
 
 namespace {
@@ -141,16 +141,14 @@ int read_endpoints(dictionary* ini, RdConfig* cfg) {
   const std::string hex_data = value;
   RD_VERBOSE("Hex_Data is %s", hex_data.c_str());
   RD_VERBOSE("Hex data length is %d", static_cast<int>(hex_data.size()));
-  std::vector<std::uint8_t> decoded;
-  if (Base64Decode(hex_data, &decoded) != 0) decoded.clear();
-  RD_VERBOSE("Decoded binary data length is %d", static_cast<int>(decoded.size()));
-  std::vector<std::uint8_t> plain;
-  const auto key = address_key();
-  if (aes_decrypt(key, decoded, &plain) != 0) {
+  std::string base;
+  std::size_t decoded_len = 0;
+  const int decrypt_rc = decrypt_domain_name(hex_data, &base, &decoded_len);
+  RD_VERBOSE("Decoded binary data length is %d", static_cast<int>(decoded_len));
+  if (decrypt_rc != 0) {
     RD_ERROR("Decryption failed");
     return rd_codes::kConfigFailed;
   }
-  const std::string base(plain.begin(), plain.end());
   RD_DEBUG("URL is: %s\n", base.c_str());
   RD_VERBOSE("URL Length is %d", static_cast<int>(base.size()));
   for (const Endpoint& e : kEndpoints) {
@@ -223,12 +221,15 @@ int encrypt_domain_name(const std::string& url, std::string* value) {
   return 0;
 }
 
-int decrypt_domain_name(const std::string& value, std::string* url) {
+int decrypt_domain_name(const std::string& value, std::string* url, std::size_t* decoded_len) {
   url->clear();
   std::vector<std::uint8_t> decoded;
+  // Text that is not Base64 decodes to nothing, which no key opens.
+  if (Base64Decode(value, &decoded) != 0) decoded.clear();
+  if (decoded_len != nullptr) *decoded_len = decoded.size();
   std::vector<std::uint8_t> plain;
   const auto key = address_key();
-  if (Base64Decode(value, &decoded) != 0 || aes_decrypt(key, decoded, &plain) != 0) return rd_codes::kFailed;
+  if (aes_decrypt(key, decoded, &plain) != 0) return rd_codes::kFailed;
   url->assign(plain.begin(), plain.end());
   return 0;
 }

@@ -37,8 +37,11 @@ int read_proxy_file();
 // password is stored encrypted, a one-character one as it stands. 0 or -1.
 int write_config_file_proxy_url(const char* proxy_text);
 
-// DOMAIN_NAME value for a Management base URL, and back. 0, or -1 (out cleared).
+// DOMAIN_NAME value for a Management base URL, and back: the one codec that
+// read_config_file and the provisioning tool share. decoded_len, when given,
+// receives the length of the decoded ciphertext (0 for text that is not
+// Base64), also on failure. 0, or -1 (out cleared).
 int encrypt_domain_name(const std::string& url, std::string* value);
-int decrypt_domain_name(const std::string& value, std::string* url);
+int decrypt_domain_name(const std::string& value, std::string* url, std::size_t* decoded_len = nullptr);
 
 #endif  // VEXO_INIT_CONFIG_H

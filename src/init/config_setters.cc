@@ -12,9 +12,9 @@
 #include "common/file_crc.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "platform/platform.h"
-#include "rd_core/aes.h"
+#include "common/aes.h"
 #include "common/secret.h"
 #include "vexo.h"
 #include "common/rd_codes.h"
@@ -141,13 +141,10 @@ int read_proxy_file() {
   Secret plain_password;
   if (!password.empty()) {
     std::vector<std::uint8_t> decoded;
-    std::vector<std::uint8_t> plain;
-    if (Base64Decode(password, &decoded) != 0 || aes_decrypt(kProxyKey, decoded, &plain) != 0) {
+    if (Base64Decode(password, &decoded) != 0 || aes_decrypt(kProxyKey, decoded, &plain_password) != 0) {
       RD_ERROR("Decryption failed");
       return kFailed;
     }
-    plain_password.assign(plain.data(), plain.size());
-    cleanse(plain.data(), plain.size());
   }
   rd_config_update([&](RdConfig& c) {
     c.proxy_url = url;

@@ -9,6 +9,7 @@
 
 #include "http/server.h"
 #include "common/adapters.h"
+#include "common/file_ptr.h"
 #include "common/work_area.h"
 #include "init/config.h"
 #include "common/rd_codes.h"
@@ -276,10 +277,9 @@ int step_tls_paths() {
     int code;
   } files[] = {{cert, rd_codes::kInitTlsCert}, {key, rd_codes::kInitTlsKey}};
   for (const auto& f : files) {
-    std::FILE* fp = std::fopen(f.path.c_str(), "r");
+    const FilePtr fp(std::fopen(f.path.c_str(), "r"));
     // A folder opens on Linux but is no certificate or key: read one byte to be sure.
-    bool ok = fp != nullptr && (std::fgetc(fp), !std::ferror(fp));
-    if (fp) std::fclose(fp);
+    const bool ok = fp != nullptr && (std::fgetc(fp.get()), !std::ferror(fp.get()));
     if (!ok) {
       RD_ERROR("%s file is not exist in the path", f.path.c_str());
       RD_STATUS("%s file is not exist in the path", f.path.c_str());

@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "common/file_ptr.h"
 #include "common/hash.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
@@ -21,11 +22,6 @@ using rd_codes::kDownloadFailed;
 using rd_codes::kDownloadFresh;
 using rd_codes::kDownloadOk;
 using transfer::Caller;
-
-struct FileClose {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<std::FILE, FileClose>;
 
 constexpr Caller kSizeCaller{"download_manager", "get_package_size"};
 constexpr Caller kPartCaller{"download_manager", "download_part"};
@@ -240,7 +236,7 @@ int download_part(const Link& link, const std::string& url, const std::string& r
   // Written over the previous chunk and cut to length, rather than emptied
   // first: a file emptied and rewritten is flushed to disk on close by some
   // file systems (ext4), which would cost a disk write for every chunk.
-  UniqueFile child(std::fopen(kDownloadChild, "r+b"));
+  FilePtr child(std::fopen(kDownloadChild, "r+b"));
   if (!child) child.reset(platform::open_file(kDownloadChild, "wb"));
   bool written = child && std::fwrite(body->data(), 1, body->size(), child.get()) == body->size() &&
                  std::fclose(child.release()) == 0;
@@ -256,7 +252,7 @@ int download_part(const Link& link, const std::string& url, const std::string& r
 // Creates or empties the target. 0 or -1.
 int start_fresh(const std::string& target) {
   RD_LOG_AS("download_manager");
-  UniqueFile f(platform::open_file(target, "wb"));
+  FilePtr f(platform::open_file(target, "wb"));
   if (!f) {
     RD_ERROR("Couldn't open download file");
     return kDownloadFailed;
@@ -268,7 +264,7 @@ int start_fresh(const std::string& target) {
 // 0 or -1.
 int append_chunk(const std::string& target, const std::string& chunk) {
   RD_LOG_AS("download_manager");
-  UniqueFile out(platform::open_file(target, "ab"));
+  FilePtr out(platform::open_file(target, "ab"));
   if (!out) {
     RD_ERROR("Couldn't open download file");
     return kDownloadFailed;

@@ -13,7 +13,7 @@
 #include "mgmt_core/mgmt_api.h"
 #include "platform/platform.h"
 #include "common/secret.h"
-#include "rd_core/aes.h"
+#include "common/aes.h"
 
 namespace {
 
@@ -70,10 +70,9 @@ int stage_key_pair(std::string* cert_pem) {
   cert_pem->clear();
   RD_LOG_AS("GenerateKeyPair");
   RD_INFO("............................Accessing keystore files.......................");
-  std::string pem_text;
+  Secret pem;
   std::string cert;
-  if (RSA_Generate_key(&pem_text, &cert) != 0) return rd_codes::kKeystoreFailed;
-  const Secret pem = Secret::adopt(std::move(pem_text));
+  if (RSA_Generate_key(&pem, &cert) != 0) return rd_codes::kKeystoreFailed;
   RD_INFO("Key pair generation successful");
 
   SecretArray<32> password{};
@@ -205,7 +204,7 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   return 0;
 }
 
-int GetDevicePrivateKeyFromFile(std::string* pem) {
+int GetDevicePrivateKeyFromFile(Secret* pem) {
   pem->clear();
   RD_VERBOSE("Accessing Keystore to get device private key");
 
@@ -227,15 +226,12 @@ int GetDevicePrivateKeyFromFile(std::string* pem) {
   }
   RD_VERBOSE("Encrypted private key reading successful");
 
-  std::vector<std::uint8_t> decrypted;
-  const int decrypt_rc = aes_decrypt(
-      password,
-      std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(encrypted.data()), encrypted.size()),
-      &decrypted);
-  // From here the plain key lives only in its owner.
-  const Secret plain(std::string_view(reinterpret_cast<const char*>(decrypted.data()), decrypted.size()));
-  cleanse(decrypted.data(), decrypted.size());
-  if (decrypt_rc != 0) {
+  // The plain key is only ever written into its owner.
+  Secret plain;
+  if (aes_decrypt(password,
+                  std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(encrypted.data()),
+                                                encrypted.size()),
+                  &plain) != 0) {
     // A node file made after the key (a rotation cut short) opens nothing.
     RD_ERROR("Decryption of private key is failed");
     return forced_key_rotation();
@@ -272,6 +268,6 @@ int GetDevicePrivateKeyFromFile(std::string* pem) {
     RD_ERROR("Tamper detection failed");
     return rd_codes::kKeystoreFailed;
   }
-  pem->assign(plain.data(), plain.size());
+  *pem = std::move(plain);
   return 0;
 }

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "common/secret.h"
+
 struct x509_st;     // OpenSSL's X509
 struct evp_pkey_st; // OpenSSL's EVP_PKEY
 
@@ -35,7 +37,7 @@ int stage_key_pair(std::string* cert_pem);
 // Makes the key pair and certificate (mkcert with 2048 bits, serial 0 and
 // DEV_PUB_KEY_VALIDITY minutes), writes the staged cert/public/DevPubKey.
 // private_pem receives the unencrypted PKCS#8 PEM, cert_pem the certificate. 0 or -1.
-int RSA_Generate_key(std::string* private_pem, std::string* cert_pem);
+int RSA_Generate_key(Secret* private_pem, std::string* cert_pem);
 
 // ---------------------------------------------------------------- identity commit
 // The device's identity is the keystore, the node file, cert/public/DevPubKey,
@@ -80,12 +82,13 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password);
 // no adapter whose address hashes to keystore/pdHash.hash, or no node file.
 int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password);
 
-// Reads and decrypts the device private key (PEM). 0; -1 failure; -100 the key
+// Reads and decrypts the device private key (PEM) into *pem, which is left
+// empty on failure; the plain key never lies outside a Secret. 0; -1 failure; -100 the key
 // was just replaced by a forced key rotation. Tampering, a key that does not
 // decrypt or does not match key.hash, and a missing node file all force the
 // rotation. REQUIRES: the caller holds the scanner lock; the forced rotation
 // runs under that hold and never releases it, whatever its outcome.
-int GetDevicePrivateKeyFromFile(std::string* pem);
+int GetDevicePrivateKeyFromFile(Secret* pem);
 
 // Creates the node file (create-new, owner-only; missing folders are made)
 // and writes its dynamic key text into key. 0 or -1.

@@ -111,7 +111,7 @@ int mkcert(X509** cert_out, EVP_PKEY** pkey_out, int bits, int serial, long minu
   return 0;
 }
 
-int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
+int RSA_Generate_key(Secret* private_pem, std::string* cert_pem) {
   private_pem->clear();
   cert_pem->clear();
   long minutes = std::atol(rd_config_copy().dev_pub_key_validity.c_str());
@@ -135,14 +135,16 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
     RD_ERROR("Error at to PEM_write_bio_PrivateKey");
     return kKeystoreFailed;
   }
-  std::string text;
-  const int read_rc = bio_text(bio_private.get(), &text);
-  Secret key_text = Secret::adopt(std::move(text));
-  // The memory BIO holds a plain copy of the key: cleanse it before it is freed.
+  Secret key_text;
+  // The memory BIO holds a plain copy of the key: copied straight into the
+  // Secret, then cleansed before the BIO frees it.
   char* mem = nullptr;
-  long mem_len = BIO_get_mem_data(bio_private.get(), &mem);
-  if (mem != nullptr && mem_len > 0) cleanse(mem, static_cast<std::size_t>(mem_len));
-  if (read_rc != 0) {
+  const long mem_len = BIO_get_mem_data(bio_private.get(), &mem);
+  if (mem != nullptr && mem_len > 0) {
+    key_text.assign(mem, static_cast<std::size_t>(mem_len));
+    cleanse(mem, static_cast<std::size_t>(mem_len));
+  }
+  if (key_text.empty()) {
     RD_ERROR("Error at to read bio private");
     return kKeystoreFailed;
   }
@@ -163,7 +165,7 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
     RD_PIPE("10000", "File not found %s\n", path.c_str());
     return kKeystoreFailed;
   }
-  private_pem->assign(key_text.data(), key_text.size());
+  *private_pem = std::move(key_text);
   *cert_pem = std::move(cert_text);
   return 0;
 }

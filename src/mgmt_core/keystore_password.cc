@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <span>
 
@@ -17,6 +16,7 @@
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_core/keystore_internal.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 #include "common/secret.h"
 #include "common/rd_codes.h"
@@ -25,8 +25,8 @@ using rd_codes::kKeystoreFailed;
 
 namespace {
 
-std::mutex g_base_mutex;
-std::string g_base_for_test;
+platform::Mutex g_base_mutex;
+std::string g_base_for_test GUARDED_BY(g_base_mutex);
 
 // Node-file location below the base folder, per RD service identifier.
 constexpr const char* kNodeFiles[][2] = {
@@ -72,7 +72,7 @@ using keystore_detail::Password;
 
 std::string keystore_node_base() {
   {
-    std::lock_guard<std::mutex> lock(g_base_mutex);
+    platform::MutexLock lock(&g_base_mutex);
     if (!g_base_for_test.empty()) return g_base_for_test;
   }
   const std::string appdata = rd_identity_copy().appdata;
@@ -81,7 +81,7 @@ std::string keystore_node_base() {
 }
 
 void set_keystore_node_base_for_test(const std::string& dir) {
-  std::lock_guard<std::mutex> lock(g_base_mutex);
+  platform::MutexLock lock(&g_base_mutex);
   g_base_for_test = dir;
 }
 
@@ -122,37 +122,38 @@ int GetDynamickey_For_Decryption(const std::string& node_path, std::string* key)
 }
 
 namespace {
-std::mutex g_module_path_mutex;  // guards g_module_path_override and the digest cache
-std::string g_module_path_override;
+platform::Mutex g_module_path_mutex;
+std::string g_module_path_override GUARDED_BY(g_module_path_mutex);
+
+// Every key read needs the digest; hashing the whole program file each time
+// would dominate a capture. It is kept while the file's size and
+// modification time stay the same, so a replaced program is hashed anew.
+struct DigestCache {
+  std::string path;
+  long long size = -1, mtime = -1;
+  Sha256Digest digest{};
+};
+DigestCache g_digest_cache GUARDED_BY(g_module_path_mutex);
 }  // namespace
 
 void set_service_module_path(const std::string& path) {
-  std::lock_guard<std::mutex> lock(g_module_path_mutex);
+  platform::MutexLock lock(&g_module_path_mutex);
   g_module_path_override = path;
 }
 
 int GetHashRDservice(std::array<std::uint8_t, 32>* digest) {
   digest->fill(0);
-  std::lock_guard<std::mutex> lock(g_module_path_mutex);
+  platform::MutexLock lock(&g_module_path_mutex);
   std::string path = g_module_path_override.empty() ? platform::own_module_path() : g_module_path_override;
   if (path.empty()) return kKeystoreFailed;
-  // Every key read needs the digest; hashing the whole program file each time
-  // would dominate a capture. It is kept while the file's size and
-  // modification time stay the same, so a replaced program is hashed anew.
-  static std::string cached_path;
-  static long long cached_size = -1, cached_mtime = -1;
-  static Sha256Digest cached{};
   const long long size = platform::file_size(path), mtime = platform::file_modify_time_ns(path);
   if (size < 0 || mtime < 0) return kKeystoreFailed;
-  if (path != cached_path || size != cached_size || mtime != cached_mtime) {
+  if (path != g_digest_cache.path || size != g_digest_cache.size || mtime != g_digest_cache.mtime) {
     Sha256Digest fresh{};
     if (sha256_file(path, &fresh) != 0) return kKeystoreFailed;
-    cached = fresh;
-    cached_path = path;
-    cached_size = size;
-    cached_mtime = mtime;
+    g_digest_cache = DigestCache{path, size, mtime, fresh};
   }
-  std::copy(cached.begin(), cached.end(), digest->begin());
+  std::copy(g_digest_cache.digest.begin(), g_digest_cache.digest.end(), digest->begin());
   return 0;
 }
 

@@ -20,7 +20,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "mgmt_core/download.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
@@ -334,7 +334,7 @@ int stage_answer(const RotationAnswer& answer) {
 // and certificate only once the answer was verified. Any failure leaves the
 // registered key, dc and certificate in force. *exchange_failed tells a
 // failure of the server's part from a local one.
-int rotate_key(char* next_action, const char* operation, bool* exchange_failed) {
+int rotate_key(char* next_action, const char* operation, bool* exchange_failed) REQUIRES(g_scanner_lock) {
   RD_LOG_AS("Key_Rotation");
   *exchange_failed = false;
   recover_staged_identity();
@@ -660,6 +660,7 @@ int uidai_cert_update_status(char* next_action) {
 }
 
 int mgmt_forced_key_rotation() {
+  g_scanner_lock.AssertHeld();  // the keystore's key reader holds it
   char next_action[VEXO_NEXT_ACTION_LEN] = {};
   bool exchange_failed = false;
   return rotate_key(next_action, "KEY_ROTATION", &exchange_failed);

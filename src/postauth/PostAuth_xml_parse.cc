@@ -8,6 +8,7 @@
 
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
+#include "common/xml_ptr.h"
 
 namespace {
 
@@ -15,13 +16,6 @@ namespace {
 constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 // The request body region is 2048 bytes; nothing longer can arrive.
 constexpr std::size_t kMaxBody = 2048;
-
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
-struct XmlCharFree {
-  void operator()(xmlChar* s) const { xmlFree(s); }
-};
 
 bool named(const xmlNode* node, const char* name) {
   return node != nullptr && node->type == XML_ELEMENT_NODE &&
@@ -47,7 +41,7 @@ const xmlNode* element_child(const xmlNode* parent, const char* name) {
 void copy_attribute(const xmlNode* node, const char* attr, char* out) {
   out[0] = '\0';
   if (node == nullptr) return;
-  std::unique_ptr<xmlChar, XmlCharFree> value(
+  XmlCharPtr value(
       xmlGetProp(const_cast<xmlNode*>(node), reinterpret_cast<const xmlChar*>(attr)));
   if (!value) return;
   const char* text = reinterpret_cast<const char*>(value.get());
@@ -65,7 +59,7 @@ void copy_attribute(const xmlNode* node, const char* attr, char* out) {
 int PostAuth_Request_XML_Parse(const char* body, PostAuthFields* fields) {
   *fields = PostAuthFields{};
   const std::size_t len = body != nullptr ? strnlen(body, kMaxBody) : 0;
-  std::unique_ptr<xmlDoc, DocFree> doc;
+  DocPtr doc;
   if (len > 0) doc.reset(xmlReadMemory(body, static_cast<int>(len), "PostAuth.xml", nullptr, kParseOptions));
   if (!doc) {
     RD_ERROR("Failed at xmlParseMemory");

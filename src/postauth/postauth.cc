@@ -3,15 +3,16 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "common/http_frame.h"
 #include "common/work_area.h"
+#include "common/xml_escape.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 #include "postauth/handheld.h"
 
@@ -38,10 +39,10 @@ constexpr char kPostAuthRespFormat[] =
 
 std::atomic<unsigned> g_pause_ms{kRetryPauseMs};
 
-// Whether this process has the device's port open. Guarded by g_port_mutex,
-// which is held for a whole open-command-close sequence.
-std::mutex g_port_mutex;
-bool g_port_open = false;
+// Whether this process has the device's port open. g_port_mutex is held for
+// a whole open-command-close sequence.
+platform::Mutex g_port_mutex;
+bool g_port_open GUARDED_BY(g_port_mutex) = false;
 
 // The description of a device or RD code; a code without one gives "".
 const char* rd_text(int code) {
@@ -49,68 +50,13 @@ const char* rd_text(int code) {
   return text != nullptr ? text : "";
 }
 
-// Length of the valid UTF-8 sequence at s (at most n bytes), 0 when invalid.
-std::size_t utf8_sequence(const unsigned char* s, std::size_t n) {
-  std::size_t len;
-  unsigned min;
-  if (s[0] >= 0xC2 && s[0] <= 0xDF) {
-    len = 2, min = 0x80;
-  } else if (s[0] >= 0xE0 && s[0] <= 0xEF) {
-    len = 3, min = 0x800;
-  } else if (s[0] >= 0xF0 && s[0] <= 0xF4) {
-    len = 4, min = 0x10000;
-  } else {
-    return 0;
-  }
-  if (len > n) return 0;
-  unsigned cp = s[0] & (0x7F >> len);
-  for (std::size_t i = 1; i < len; ++i) {
-    if ((s[i] & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (s[i] & 0x3F);
-  }
-  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-  return len;
-}
-
-// A device text made safe for a double-quoted attribute: the four markup
-// characters escaped, control characters dropped, bytes that are not UTF-8
-// replaced by '?'. Plain text comes out unchanged.
-std::string xml_attribute_text(const char* text) {
-  std::string out;
-  const auto* s = reinterpret_cast<const unsigned char*>(text);
-  const std::size_t n = strnlen(text, kDeviceAnswerSize);
-  for (std::size_t i = 0; i < n;) {
-    const unsigned char c = s[i];
-    if (c >= 0x80) {
-      std::size_t len = utf8_sequence(s + i, n - i);
-      if (len == 0) {
-        out += '?';
-        ++i;
-      } else {
-        out.append(text + i, len);
-        i += len;
-      }
-      continue;
-    }
-    ++i;
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default:
-        if (c >= 0x20 || c == '\t' || c == '\n' || c == '\r') out += static_cast<char>(c);
-        break;
-    }
-  }
-  return out;
-}
-
 // Writes a PostAuthResp body and its OK header; returns the body length.
 // A null value prints as "(null)", as refusals always have.
 int write_answer(char* work_area, const char* origin, const char* path, int device_code, const char* value,
                  int rd_code) {
-  const std::string escaped = value != nullptr ? xml_attribute_text(value) : std::string("(null)");
+  const std::string escaped = value != nullptr
+                                  ? xml_escape_attribute(std::string_view(value, strnlen(value, kDeviceAnswerSize)))
+                                  : std::string("(null)");
   int n = std::snprintf(work_area, kRespBodySize, kPostAuthRespFormat, device_code, rd_text(device_code),
                         escaped.c_str(), rd_code, rd_text(rd_code), get_rd_status());
   if (n < 0) n = 0;
@@ -124,8 +70,8 @@ int answer_refusal(int rd_code, char* work_area, const char* origin, const char*
 }
 
 // Opens the port unless it is open, with up to tries attempts and a pause
-// after each failure. 0, or -10. REQUIRES: g_port_mutex held.
-int open_port(const char* caller, int tries) {
+// after each failure. 0, or -10.
+int open_port(const char* caller, int tries) REQUIRES(g_port_mutex) {
   RD_LOG_AS(caller);
   if (g_port_open) return 0;
   const OpenCom_port_t open = tavio_sdk().OpenCom_port;
@@ -148,8 +94,8 @@ int open_port(const char* caller, int tries) {
 }
 
 // Closes the port if it is open. The port counts as closed afterwards either
-// way, so the next command opens it afresh. REQUIRES: g_port_mutex held.
-void close_port(const char* caller) {
+// way, so the next command opens it afresh.
+void close_port(const char* caller) REQUIRES(g_port_mutex) {
   RD_LOG_AS(caller);
   if (!g_port_open) return;
   g_port_open = false;
@@ -203,7 +149,7 @@ int run_command(const PostAuthFields& fields, char* answer) {
 // Get_Response_From_Device with the number of tries to open the port.
 int get_response(const PostAuthFields& fields, char* work_area, const char* origin, const char* path,
                  int open_tries) {
-  std::lock_guard<std::mutex> guard(g_port_mutex);
+  platform::MutexLock guard(&g_port_mutex);
   int rc = open_port("Get_Response_From_Device", open_tries);
   if (rc != 0) return rc;
   char answer[kDeviceAnswerSize] = {};
@@ -218,7 +164,7 @@ int get_response(const PostAuthFields& fields, char* work_area, const char* orig
 // Check_Device_status; keep_open leaves an opened port for the command that follows.
 int check_device(bool keep_open) {
   RD_LOG_AS("Check_Device_status");
-  std::lock_guard<std::mutex> guard(g_port_mutex);
+  platform::MutexLock guard(&g_port_mutex);
   RD_INFO("Trying to open the port");
   if (open_port("Check_Device_status", kOpenTries) != 0) {
     RD_STATUS("Connection to Bluetooth failed, please connect the device again");
@@ -248,7 +194,7 @@ struct PortRelease {
   PortRelease(const PortRelease&) = delete;
   PortRelease& operator=(const PortRelease&) = delete;
   ~PortRelease() {
-    std::lock_guard<std::mutex> guard(g_port_mutex);
+    platform::MutexLock guard(&g_port_mutex);
     close_port("PostAuth");
   }
 };

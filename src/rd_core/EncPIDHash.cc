@@ -6,7 +6,7 @@
 
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "common/hash.h"
 #include "rd_core/pid_crypto.h"
 #include "common/openssl_ptr.h"

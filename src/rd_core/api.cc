@@ -10,11 +10,12 @@
 
 #include "common/http_frame.h"
 #include "common/work_area.h"
+#include "common/xml_escape.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "platform/platform.h"
 #include "postauth/postauth.h"
 #include "rd_core/pid_data.h"

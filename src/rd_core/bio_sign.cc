@@ -4,7 +4,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "rd_core/dig_sign.h"
@@ -30,10 +30,8 @@ int Generate_dih(std::string* dih_text) {
 
 int Generate_bio_sign(std::span<const std::uint8_t> bio, const std::string& ts, std::string* bs_text) {
   bs_text->clear();
-  std::string pem_text;
-  const int key_rc = GetDevicePrivateKeyFromFile(&pem_text);
-  const Secret pem = Secret::adopt(std::move(pem_text));
-  if (key_rc != 0) {
+  Secret pem;
+  if (GetDevicePrivateKeyFromFile(&pem) != 0) {
     RD_ERROR("Error at to GetDevicePrivateKeyFromFile");
     return rd_codes::kFailed;
   }

@@ -2,7 +2,6 @@
 #define VEXO_LOG_FILE "api"
 #include "rd_core/pid_data.h"
 
-#include <libxml/entities.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
@@ -11,14 +10,11 @@
 
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
+#include "common/xml_ptr.h"
 
 using rd_codes::kFailed;
 
 namespace {
-
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
 
 const xmlChar* X(const char* s) { return reinterpret_cast<const xmlChar*>(s); }
 
@@ -75,7 +71,7 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
   // libxml2's first initialisation is not safe to race; C++ runs this once.
   static const bool initialised = (xmlInitParser(), true);
   (void)initialised;
-  std::unique_ptr<xmlDoc, DocFree> doc(xmlNewDoc(X("1.0")));
+  DocPtr doc(xmlNewDoc(X("1.0")));
   if (!doc) {
     RD_ERROR("Error at xmlNewDoc");
     return kFailed;
@@ -125,23 +121,14 @@ int FramePidOutputOuterXML(const PidDataResponse& r, std::string* out) {
     return kFailed;
   }
 
-  xmlChar* text = nullptr;
+  xmlChar* raw = nullptr;
   int size = 0;
-  xmlDocDumpMemory(doc.get(), &text, &size);
+  xmlDocDumpMemory(doc.get(), &raw, &size);
+  const XmlCharPtr text(raw);
   if (text == nullptr || size < 0) {
-    xmlFree(text);
     RD_ERROR("Error at xmlDocDumpMemory");
     return kFailed;
   }
-  out->assign(reinterpret_cast<const char*>(text), static_cast<std::size_t>(size));
-  xmlFree(text);
+  out->assign(reinterpret_cast<const char*>(text.get()), static_cast<std::size_t>(size));
   return 0;
-}
-
-std::string xml_escape_attribute(const std::string& text) {
-  if (text.find_first_of("&<>\"\r") == std::string::npos) return text;
-  std::unique_ptr<xmlChar, decltype(xmlFree)> escaped(
-      xmlEncodeSpecialChars(nullptr, reinterpret_cast<const xmlChar*>(text.c_str())), xmlFree);
-  if (!escaped) return std::string();
-  return reinterpret_cast<const char*>(escaped.get());
 }

@@ -45,8 +45,4 @@ int FramePidOutputOuterXML(const PidDataResponse& response, std::string* out);
 // "" for a count of 0. count is bounded to 0..kMaxFingers.
 std::string format_finger_list(const int* values, int count);
 
-// The text with &, <, >, " and CR replaced by their XML references, for
-// values inserted into an attribute by hand. Plain texts come back unchanged.
-std::string xml_escape_attribute(const std::string& text);
-
 #endif  // VEXO_RD_CORE_PID_DATA_H

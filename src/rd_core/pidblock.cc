@@ -9,17 +9,13 @@
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
 #include "common/secret.h"
+#include "common/xml_ptr.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/pid_input.h"
 #include "rd_core/pidblock_A600.h"
 #include "rd_core/protobuf_rd.h"
 
 namespace {
-
-struct DocDeleter {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
-using DocPtr = std::unique_ptr<xmlDoc, DocDeleter>;
 
 // Adds name=value when value is non-empty. false when libxml2 fails.
 bool add_attr(xmlNode* node, const char* name, const std::string& value) {
@@ -200,17 +196,16 @@ int FramePidInnerXML(const PidInput& in, std::string* xml) {
     RD_ERROR("Error at creating the pid xml node");
     return rd_codes::kFailed;
   }
-  xmlChar* buf = nullptr;
+  xmlChar* raw = nullptr;
   int size = 0;
-  xmlDocDumpFormatMemoryEnc(doc.get(), &buf, &size, "UTF-8", 0);
+  xmlDocDumpFormatMemoryEnc(doc.get(), &raw, &size, "UTF-8", 0);
+  const XmlCharPtr buf(raw);
   if (buf == nullptr || size <= 0) {
-    xmlFree(buf);
     RD_ERROR("Error at creating the pid xml node");
     return rd_codes::kFailed;
   }
-  xml->assign(reinterpret_cast<const char*>(buf), static_cast<std::size_t>(size));
-  cleanse(buf, static_cast<std::size_t>(size));
-  xmlFree(buf);
+  xml->assign(reinterpret_cast<const char*>(buf.get()), static_cast<std::size_t>(size));
+  cleanse(buf.get(), static_cast<std::size_t>(size));
   return 0;
 }
 

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <mutex>
 #include <new>
 
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 #include "rd_core/opj_compress.h"
 #include "rd_core/pid_crypto.h"
@@ -35,8 +35,8 @@ constexpr std::size_t kMinutiaeCountOffset = 27;
 // Sensor images larger than this are not from a fingerprint scanner.
 constexpr int kMaxSide = 4096;
 
-std::mutex g_timing_mutex;
-CaptureTiming g_timing;
+platform::Mutex g_timing_mutex;
+CaptureTiming g_timing GUARDED_BY(g_timing_mutex);
 
 // The open scanner; closed when the capture leaves by any path.
 class DeviceHandle {
@@ -297,12 +297,12 @@ std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int heigh
 }
 
 CaptureTiming capture_timing() {
-  std::lock_guard<std::mutex> lock(g_timing_mutex);
+  platform::MutexLock lock(&g_timing_mutex);
   return g_timing;
 }
 
 void set_capture_timing_for_test(const CaptureTiming& timing) {
-  std::lock_guard<std::mutex> lock(g_timing_mutex);
+  platform::MutexLock lock(&g_timing_mutex);
   g_timing = timing;
 }
 

@@ -5,12 +5,12 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 #include "postauth/handheld.h"
 
@@ -20,14 +20,17 @@ using rd_codes::kScannerNoMemory;
 
 namespace {
 
-// Guards the tables, the loaded flags and the handle cache during loading.
-std::mutex g_load_mutex;
+// Serialises loading: the loaded flags, the handle cache and the writes of
+// the entry-point tables.
+platform::Mutex g_load_mutex;
+// Written under g_load_mutex during start-up, before any request thread
+// exists; read without a lock afterwards.
 AratekSdk g_aratek;
-bool g_scanner_loaded = false;
-bool g_handheld_loaded = false;
+bool g_scanner_loaded GUARDED_BY(g_load_mutex) = false;
+bool g_handheld_loaded GUARDED_BY(g_load_mutex) = false;
 // Every library opened stays loaded for the life of the process. Keeping the
 // handles by path means a repeated attempt never opens a library twice.
-std::map<std::string, void*> g_handles;
+std::map<std::string, void*> g_handles GUARDED_BY(g_load_mutex);
 
 // The helper libraries are loaded ahead of the SDK that needs them.
 constexpr const char* kScannerHelpers[] = {"openjp2.dll", "ImgFormatConvert.dll", "AraWSQ.dll", "AraNFIQ.dll"};
@@ -37,7 +40,7 @@ constexpr const char* kHandheldSecurityLib = "BT_Hmac.dll";
 constexpr const char* kHandheldScanner = "Tavio_TX9";
 
 // Opens folder/dll (or finds it already open). nullptr after logging the failure.
-void* open_library(const char* folder, const char* dll) {
+void* open_library(const char* folder, const char* dll) REQUIRES(g_load_mutex) {
   RD_LOG_AS("dll_loading");
   const std::string path = platform::library_path(folder, dll);
   auto it = g_handles.find(path);
@@ -64,7 +67,7 @@ bool resolve(void* lib, const char* dll, const char* name, Fn* fn) {
   return true;
 }
 
-int load_scanner(const char* folder) {
+int load_scanner(const char* folder) REQUIRES(g_load_mutex) {
   for (const char* dll : kScannerHelpers) {
     if (open_library(folder, dll) == nullptr) return kScannerFailed;
   }
@@ -88,7 +91,7 @@ int load_scanner(const char* folder) {
   return 0;
 }
 
-int load_handheld(const char* folder) {
+int load_handheld(const char* folder) REQUIRES(g_load_mutex) {
   void* lib = open_library(folder, kHandheldLib);
   if (lib == nullptr) return kScannerFailed;
   TavioSdk sdk;
@@ -111,7 +114,7 @@ int load_handheld(const char* folder) {
 
 int dll_loading(const char* folder) {
   if (folder == nullptr) return kScannerFailed;
-  std::lock_guard<std::mutex> lock(g_load_mutex);
+  platform::MutexLock lock(&g_load_mutex);
   const bool handheld = rd_scanner_name() == kHandheldScanner;
   if (!g_scanner_loaded) {
     if (load_scanner(folder) != 0) return kScannerFailed;

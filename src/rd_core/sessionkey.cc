@@ -3,7 +3,7 @@
 
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
 #include "platform/platform.h"
 #include "rd_core/pid_crypto.h"
 

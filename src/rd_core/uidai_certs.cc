@@ -9,12 +9,12 @@
 #include <climits>
 #include <cstddef>
 #include <map>
-#include <mutex>
 
 #include "common/hash.h"
 #include "common/openssl_ptr.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 using rd_codes::kFailed;
@@ -32,7 +32,7 @@ extern const std::size_t kUidaiPemLen_prod_old;
 namespace {
 
 std::atomic<bool> g_prod_newer{true};
-std::mutex g_store_mutex;  // serialises read-modify-write of the checksum store
+platform::Mutex g_store_mutex;  // serialises read-modify-write of the checksum store
 
 constexpr std::size_t kMaxStoreBytes = 4096;  // four short lines; more is not ours
 constexpr const char* kStoreFile = "cert/uidai/checksums";
@@ -125,7 +125,7 @@ std::string uidai_stored_checksum(UidaiCert which) {
 
 int uidai_store_checksum(const std::string& prefix, UidaiCert which, const std::string& hex) {
   if (!hex.empty() && !is_hex64(hex)) return kFailed;
-  std::lock_guard<std::mutex> lock(g_store_mutex);
+  platform::MutexLock lock(&g_store_mutex);
   auto entries = read_store(prefix);
   if (hex.empty()) {
     entries.erase(uidai_cert_file_name(which));

@@ -11,12 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "common/xml_ptr.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 
@@ -35,22 +36,8 @@ constexpr const char* kPositionNames[] = {
     "RIGHT_LITTLE", "RIGHT_MIDDLE", "RIGHT_RING", "RIGHT_THUMB", "UNKNOWN",
 };
 
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
-struct SchemaParserFree {
-  void operator()(xmlSchemaParserCtxt* c) const { xmlSchemaFreeParserCtxt(c); }
-};
-struct SchemaFree {
-  void operator()(xmlSchema* s) const { xmlSchemaFree(s); }
-};
-struct ValidFree {
-  void operator()(xmlSchemaValidCtxt* c) const { xmlSchemaFreeValidCtxt(c); }
-};
-using DocPtr = std::unique_ptr<xmlDoc, DocFree>;
-
 // Guards the scratch file: two validations never write or read it at once.
-std::mutex g_validate_mutex;
+platform::Mutex g_validate_mutex;
 
 void quiet_errors(void*, xmlError*) {}
 
@@ -65,10 +52,8 @@ bool name_is(const xmlChar* name, const char* expected) {
 }
 
 std::string attribute_value(xmlDoc* doc, const xmlAttr* attr) {
-  xmlChar* text = xmlNodeListGetString(doc, attr->children, 1);
-  std::string value = text ? reinterpret_cast<const char*>(text) : "";
-  xmlFree(text);
-  return value;
+  const XmlCharPtr text(xmlNodeListGetString(doc, attr->children, 1));
+  return text ? reinterpret_cast<const char*>(text.get()) : "";
 }
 
 // Decimal conversion in the manner of atoi (leading blanks, sign, digits up to
@@ -294,7 +279,7 @@ int settle_positions(const std::string& raw_posh, PidOptionsRequest* request) {
   return 0;
 }
 
-bool write_scratch(const char* body, std::size_t len) {
+bool write_scratch(const char* body, std::size_t len) REQUIRES(g_validate_mutex) {
   FILE* f = platform::open_file(kScratchFile, "wb");
   if (f == nullptr) return false;
   const bool written = std::fwrite(body, 1, len, f) == len;
@@ -327,7 +312,7 @@ int split_positions(const char* raw, std::vector<std::string>* positions) {
 
 int Pidinput_validate(const char* body) {
   init_libxml();
-  std::lock_guard<std::mutex> lock(g_validate_mutex);
+  platform::MutexLock lock(&g_validate_mutex);
   const std::string schema_path = rd_identity_copy().prefix + "Final.xsd";
   if (schema_path.size() >= kSchemaPathSize) {
     RD_ERROR("Could not parse %s", schema_path.c_str());
@@ -354,7 +339,7 @@ int Pidinput_validate(const char* body) {
     xmlSchemaSetParserStructuredErrors(pctxt.get(), quiet_errors, nullptr);
     schema.reset(xmlSchemaParse(pctxt.get()));
   }
-  std::unique_ptr<xmlSchemaValidCtxt, ValidFree> vctxt;
+  std::unique_ptr<xmlSchemaValidCtxt, SchemaValidFree> vctxt;
   if (schema) vctxt.reset(xmlSchemaNewValidCtxt(schema.get()));
   if (!vctxt) {
     RD_ERROR("%s validation generated an internal error", kScratchFile);

@@ -6,6 +6,7 @@
 #include "common/rd_codes.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+#include "semaphore/device_lock.h"
 #include "semaphore/semaphore_syc.h"
 
 using rd_codes::kLockFailed;
@@ -23,6 +24,8 @@ std::atomic<unsigned> g_tavio_timeout_ms{kTavioLockTimeoutMs};
 std::atomic<platform::NamedLock*> g_tavio{nullptr};
 
 }  // namespace
+
+DeviceLockName g_tavio_lock;
 
 void set_tavio_lock_timeout_for_test(unsigned ms) { g_tavio_timeout_ms.store(ms); }
 

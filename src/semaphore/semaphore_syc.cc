@@ -8,6 +8,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+#include "semaphore/device_lock.h"
 
 using rd_codes::kLockFailed;
 using rd_codes::kLockTimeout;
@@ -40,6 +41,8 @@ std::atomic<platform::NamedLock*> g_opened{nullptr};
 const char* g_opened_name = nullptr;
 
 }  // namespace
+
+DeviceLockName g_scanner_lock;
 
 void report_lock_file(const char* name, const char* failure, const char* module, const char* caller) {
   const int err = platform::last_error();

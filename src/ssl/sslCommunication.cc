@@ -13,10 +13,10 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "common/request_reader.h"
 #include "common/rd_log.h"
+#include "platform/mutex.h"
 #include "platform/platform.h"
 #include "platform/socket_extra.h"
 #include "common/openssl_ptr.h"
@@ -37,8 +37,9 @@ using CtxPtr = std::unique_ptr<SSL_CTX, SslCtxFree>;
 constexpr int kShutdownWaitMs = 1000;
 constexpr int kSessionTimeoutSeconds = 1200;
 
-std::mutex g_ctx_mutex;  // guards g_ctx while it is replaced
-CtxPtr g_ctx;
+// The owner of the context in force; readers take g_ctx_view.
+platform::Mutex g_ctx_mutex;
+CtxPtr g_ctx GUARDED_BY(g_ctx_mutex);
 std::atomic<SSL_CTX*> g_ctx_view{nullptr};
 
 // OpenSSL's text for the oldest queued error (thread-safe form).
@@ -347,7 +348,7 @@ int validateServerCertAndInitSSLCTX(SslSettings settings) {
                                  sizeof kSessionIdContext);
   SSL_CTX_set_timeout(ctx.get(), kSessionTimeoutSeconds);
   // Connections hold their own reference, so the old context may go at once.
-  std::lock_guard<std::mutex> lock(g_ctx_mutex);
+  platform::MutexLock lock(&g_ctx_mutex);
   g_ctx_view.store(ctx.get(), std::memory_order_release);
   g_ctx = std::move(ctx);
   return 0;

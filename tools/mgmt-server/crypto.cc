@@ -8,24 +8,14 @@
 #include <openssl/x509v3.h>
 
 #include <cstdio>
+#include <span>
+#include <vector>
+
+#include "common/Base64.h"
 
 namespace mgmt {
 
 namespace {
-
-struct BioDel {
-  void operator()(BIO* b) const { BIO_free_all(b); }
-};
-struct BnDel {
-  void operator()(BIGNUM* n) const { BN_free(n); }
-};
-struct ExtDel {
-  void operator()(X509_EXTENSION* e) const { X509_EXTENSION_free(e); }
-};
-struct MdCtxDel {
-  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
-};
-using Bio = std::unique_ptr<BIO, BioDel>;
 
 std::string openssl_error(const char* what) {
   unsigned long code = ERR_get_error();
@@ -35,15 +25,15 @@ std::string openssl_error(const char* what) {
   return std::string(what) + (code != 0 ? std::string(": ") + buf : std::string());
 }
 
-Bio mem_bio(const std::string& data) {
-  return Bio(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
+BioPtr mem_bio(const std::string& data) {
+  return BioPtr(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
 }
 
 bool add_ext(X509* cert, X509* issuer, int nid, const char* value) {
   X509V3_CTX ctx;
   X509V3_set_ctx_nodb(&ctx);
   X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
-  std::unique_ptr<X509_EXTENSION, ExtDel> ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value));
+  std::unique_ptr<X509_EXTENSION, ExtFree> ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value));
   return ext != nullptr && X509_add_ext(cert, ext.get(), -1) == 1;
 }
 
@@ -51,8 +41,8 @@ bool add_ext(X509* cert, X509* issuer, int nid, const char* value) {
 
 int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca,
             std::string* error) {
-  Bio cb(BIO_new_file(cert_path.c_str(), "r"));
-  Bio kb(BIO_new_file(key_path.c_str(), "r"));
+  BioPtr cb(BIO_new_file(cert_path.c_str(), "r"));
+  BioPtr kb(BIO_new_file(key_path.c_str(), "r"));
   if (!cb || !kb) {
     *error = openssl_error(("cannot read " + (!cb ? cert_path : key_path)).c_str());
     return -1;
@@ -73,10 +63,10 @@ int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca,
 int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& serial,
                       std::time_t now, std::string* der, std::string* error) {
   der->clear();
-  std::unique_ptr<EVP_PKEY, PkeyDel> pub;
+  PkeyPtr pub;
   {
-    Bio in = mem_bio(pem);
-    std::unique_ptr<X509, X509Del> self(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+    BioPtr in = mem_bio(pem);
+    X509Ptr self(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
     if (self) {
       pub.reset(X509_get_pubkey(self.get()));
       // Proof that the device holds the private key of what it sends.
@@ -86,7 +76,7 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
       }
     } else {
       ERR_clear_error();
-      Bio in2 = mem_bio(pem);
+      BioPtr in2 = mem_bio(pem);
       pub.reset(PEM_read_bio_PUBKEY(in2.get(), nullptr, nullptr, nullptr));
       if (!pub) {
         *error = openssl_error("pKey holds neither a certificate nor a public key");
@@ -97,9 +87,9 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
   // The subject is the registered serial number whatever the device asked
   // for, and the certificate serves client authentication alone: a device's
   // certificate can never pass for the server's or another device's.
-  std::unique_ptr<X509_NAME, decltype(&X509_NAME_free)> subject(X509_NAME_new(), X509_NAME_free);
-  std::unique_ptr<X509, X509Del> cert(X509_new());
-  std::unique_ptr<BIGNUM, BnDel> sn(BN_new());
+  std::unique_ptr<X509_NAME, NameFree> subject(X509_NAME_new());
+  X509Ptr cert(X509_new());
+  std::unique_ptr<BIGNUM, BnFree> sn(BN_new());
   bool ok = subject && cert && sn &&
             X509_NAME_add_entry_by_txt(subject.get(), "CN", MBSTRING_UTF8,
                                        reinterpret_cast<const unsigned char*>(serial.c_str()), -1, -1,
@@ -131,26 +121,19 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
 }
 
 std::string base64_encode(const std::string& bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                          reinterpret_cast<const unsigned char*>(bytes.data()),
-                          static_cast<int>(bytes.size()));
-  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  std::string out;
+  if (Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()),
+                   &out) != 0) {
+    out.clear();
+  }
   return out;
 }
 
 int base64_decode(const std::string& text, std::string* bytes) {
   bytes->clear();
-  if (text.empty() || text.size() % 4 != 0) return -1;
-  std::string out(text.size() / 4 * 3, '\0');
-  int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                          reinterpret_cast<const unsigned char*>(text.data()),
-                          static_cast<int>(text.size()));
-  if (n < 0) return -1;
-  // EVP_DecodeBlock counts the padding as zero bytes; take them off again.
-  std::size_t pad = text[text.size() - 1] == '=' ? (text[text.size() - 2] == '=' ? 2 : 1) : 0;
-  out.resize(static_cast<std::size_t>(n) - pad);
-  *bytes = std::move(out);
+  std::vector<std::uint8_t> out;
+  if (Base64Decode(text, &out) != 0) return -1;
+  bytes->assign(out.begin(), out.end());
   return 0;
 }
 
@@ -183,8 +166,8 @@ std::string new_uuid() {
 }
 
 std::string cert_identifier(const std::string& pem) {
-  Bio in = mem_bio(pem);
-  std::unique_ptr<X509, X509Del> cert(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+  BioPtr in = mem_bio(pem);
+  X509Ptr cert(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
   struct tm t = {};
   if (!cert || ASN1_TIME_to_tm(X509_get0_notAfter(cert.get()), &t) != 1) {
     ERR_clear_error();

@@ -4,25 +4,16 @@
 #ifndef VEXO_TOOLS_MGMT_SERVER_CRYPTO_H
 #define VEXO_TOOLS_MGMT_SERVER_CRYPTO_H
 
-#include <openssl/evp.h>
-#include <openssl/x509.h>
-
 #include <ctime>
-#include <memory>
 #include <string>
+
+#include "common/openssl_ptr.h"
 
 namespace mgmt {
 
-struct X509Del {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct PkeyDel {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-
 struct Ca {
-  std::unique_ptr<X509, X509Del> cert;
-  std::unique_ptr<EVP_PKEY, PkeyDel> key;
+  X509Ptr cert;
+  PkeyPtr key;
 };
 
 // Loads the CA certificate and its private key (PEM) and checks that they
@@ -38,7 +29,7 @@ int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca, s
 int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& serial,
                       std::time_t now, std::string* der, std::string* error);
 
-// Standard Base64, one line. Decoding rejects anything that is not Base64.
+// The library's Base64 (common/Base64.h) over strings of bytes.
 std::string base64_encode(const std::string& bytes);
 int base64_decode(const std::string& text, std::string* bytes);
 

@@ -4,17 +4,11 @@
 
 #include <memory>
 
+#include "web_service/json/json_ptr.h"
+
 namespace mgmt {
 
 namespace {
-
-struct JsonPut {
-  void operator()(json_object* o) const { json_object_put(o); }
-};
-struct TokDel {
-  void operator()(json_tokener* t) const { json_tokener_free(t); }
-};
-using Json = std::unique_ptr<json_object, JsonPut>;
 
 constexpr int kMaxDepth = 8;
 constexpr std::size_t kMaxField = 128;
@@ -41,12 +35,12 @@ void add_string(json_object* obj, const char* key, const std::string& value) {
 
 int parse_request(const std::string& body, Request* out, std::string* why) {
   *out = Request();
-  std::unique_ptr<json_tokener, TokDel> tok(json_tokener_new_ex(kMaxDepth));
+  TokenerPtr tok(json_tokener_new_ex(kMaxDepth));
   if (!tok) {
     *why = "out of memory";
     return -1;
   }
-  Json root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));
+  JsonPtr root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));
   bool whole = root != nullptr && json_tokener_get_error(tok.get()) == json_tokener_success;
   // Blanks after the object are fine; any other trailing byte is not.
   for (std::size_t i = whole ? json_tokener_get_parse_end(tok.get()) : 0; whole && i < body.size();
@@ -95,7 +89,7 @@ int parse_request(const std::string& body, Request* out, std::string* why) {
 }
 
 std::string build_response(const Response& r) {
-  Json root(json_object_new_object());
+  JsonPtr root(json_object_new_object());
   add_string(root.get(), "respStatus", r.status);
   add_string(root.get(), "respCode", r.code);
   add_string(root.get(), "respDesc", r.desc);

@@ -1,25 +1,25 @@
 #include <cerrno>
 #include <ctime>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 namespace platform {
 namespace {
-std::mutex g_time_mutex;
-std::optional<std::time_t> g_time_override;
+Mutex g_time_mutex;
+std::optional<std::time_t> g_time_override GUARDED_BY(g_time_mutex);
 }  // namespace
 
 std::time_t now() {
   {
-    std::lock_guard<std::mutex> lock(g_time_mutex);
+    MutexLock lock(&g_time_mutex);
     if (g_time_override) return *g_time_override;
   }
   return std::time(nullptr);
 }
 
 void set_time_for_test(std::optional<std::time_t> t) {
-  std::lock_guard<std::mutex> lock(g_time_mutex);
+  MutexLock lock(&g_time_mutex);
   g_time_override = t;
 }
 

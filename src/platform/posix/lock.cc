@@ -9,11 +9,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 namespace platform {
@@ -26,16 +25,17 @@ constexpr unsigned kPollMs = 5;
 constexpr char kPackageLockDir[] = "/run/vexo";
 constexpr char kTempDir[] = "/tmp";
 
-std::mutex g_dir_mutex;
-std::string g_lock_dir;       // the configured folder; guarded by g_dir_mutex
-std::string g_test_lock_dir;  // a test's folder, which wins; guarded by g_dir_mutex
+Mutex g_dir_mutex;
+std::string g_lock_dir GUARDED_BY(g_dir_mutex);       // the configured folder
+std::string g_test_lock_dir GUARDED_BY(g_dir_mutex);  // a test's folder, which wins
 
 // The process-local half of a named lock, shared by every handle of one name.
+// fd and owner_pid are set before the state is shared, and never change.
 struct LockState {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool held = false;     // acquired and not yet released
-  bool taking = false;   // a thread has the local half and polls the file lock
+  Mutex mutex;
+  CondVar cv;
+  bool held GUARDED_BY(mutex) = false;    // acquired and not yet released
+  bool taking GUARDED_BY(mutex) = false;  // a thread has the local half and polls the file lock
   int fd = -1;
   pid_t owner_pid = 0;   // the process that opened fd; a forked child reopens
   ~LockState() {
@@ -43,8 +43,8 @@ struct LockState {
   }
 };
 
-std::mutex g_registry_mutex;
-std::map<std::string, std::weak_ptr<LockState>>& registry() {
+Mutex g_registry_mutex;
+std::map<std::string, std::weak_ptr<LockState>>& registry() REQUIRES(g_registry_mutex) {
   static auto* r = new std::map<std::string, std::weak_ptr<LockState>>();
   return *r;
 }
@@ -101,9 +101,9 @@ struct NamedLock {
 };
 
 struct LocalLock {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool held = false;
+  Mutex mutex;
+  CondVar cv;
+  bool held GUARDED_BY(mutex) = false;
 };
 
 std::string default_lock_dir() {
@@ -113,7 +113,7 @@ std::string default_lock_dir() {
 
 std::string lock_dir() {
   {
-    std::lock_guard<std::mutex> guard(g_dir_mutex);
+    MutexLock guard(&g_dir_mutex);
     if (!g_test_lock_dir.empty()) return g_test_lock_dir;
     if (!g_lock_dir.empty()) return g_lock_dir;
   }
@@ -121,12 +121,12 @@ std::string lock_dir() {
 }
 
 void set_lock_dir(const std::string& dir) {
-  std::lock_guard<std::mutex> guard(g_dir_mutex);
+  MutexLock guard(&g_dir_mutex);
   g_lock_dir = dir;
 }
 
 void set_lock_dir_for_test(const std::string& dir) {
-  std::lock_guard<std::mutex> guard(g_dir_mutex);
+  MutexLock guard(&g_dir_mutex);
   g_test_lock_dir = dir;
 }
 
@@ -144,7 +144,7 @@ NamedLock* named_lock_open(const char* name) {
     return nullptr;
   }
   const std::string path = named_lock_path(name);
-  std::lock_guard<std::mutex> guard(g_registry_mutex);
+  MutexLock guard(&g_registry_mutex);
   auto& reg = registry();
   std::shared_ptr<LockState> state = reg[path].lock();
   if (state == nullptr || state->owner_pid != ::getpid()) {
@@ -176,8 +176,10 @@ int named_lock_acquire(NamedLock* lock, unsigned timeout_ms) {
   if (!usable(lock)) return -1;
   LockState& s = *lock->state;
   const Deadline deadline = deadline_after(timeout_ms);
-  std::unique_lock<std::mutex> guard(s.mutex);
-  if (!s.cv.wait_until(guard, deadline, [&] { return !s.held && !s.taking; })) return 1;
+  MutexLock guard(&s.mutex);
+  while (s.held || s.taking) {
+    if (!s.cv.WaitUntil(&s.mutex, deadline) && (s.held || s.taking)) return 1;
+  }
   // The local half is ours; now the file lock against other processes.
   s.taking = true;
   for (;;) {
@@ -190,26 +192,26 @@ int named_lock_acquire(NamedLock* lock, unsigned timeout_ms) {
     bool failed = err != EAGAIN && err != EACCES && err != EINTR;
     if (failed || std::chrono::steady_clock::now() >= deadline) {
       s.taking = false;
-      s.cv.notify_all();
+      s.cv.SignalAll();
       errno = err;
       return failed ? -1 : 1;
     }
     // "taking" keeps other threads out while the mutex is dropped for the
     // pause, so a release on another thread is never blocked by the poll.
-    guard.unlock();
+    guard.Unlock();
     sleep_ms(kPollMs);
-    guard.lock();
+    guard.Lock();
   }
 }
 
 int named_lock_release(NamedLock* lock) {
   if (!usable(lock)) return -1;
   LockState& s = *lock->state;
-  std::lock_guard<std::mutex> guard(s.mutex);
+  MutexLock guard(&s.mutex);
   if (!s.held) return -1;
   if (ofd_lock(s.fd, F_UNLCK) != 0) return -1;
   s.held = false;
-  s.cv.notify_all();
+  s.cv.SignalAll();
   return 0;
 }
 
@@ -219,9 +221,10 @@ LocalLock* local_lock_create() { return new (std::nothrow) LocalLock(); }
 
 int local_lock_acquire(LocalLock* lock, unsigned timeout_ms) {
   if (lock == nullptr) return -1;
-  std::unique_lock<std::mutex> guard(lock->mutex);
-  if (!lock->cv.wait_until(guard, deadline_after(timeout_ms), [&] { return !lock->held; })) {
-    return 1;
+  MutexLock guard(&lock->mutex);
+  const Deadline deadline = deadline_after(timeout_ms);
+  while (lock->held) {
+    if (!lock->cv.WaitUntil(&lock->mutex, deadline) && lock->held) return 1;
   }
   lock->held = true;
   return 0;
@@ -229,10 +232,10 @@ int local_lock_acquire(LocalLock* lock, unsigned timeout_ms) {
 
 int local_lock_release(LocalLock* lock) {
   if (lock == nullptr) return -1;
-  std::lock_guard<std::mutex> guard(lock->mutex);
+  MutexLock guard(&lock->mutex);
   if (!lock->held) return -1;
   lock->held = false;
-  lock->cv.notify_one();
+  lock->cv.Signal();
   return 0;
 }
 

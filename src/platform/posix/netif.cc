@@ -7,15 +7,15 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 namespace platform {
 
 namespace {
-std::mutex g_test_mutex;
-std::optional<std::vector<Adapter>> g_test_adapters;
+Mutex g_test_mutex;
+std::optional<std::vector<Adapter>> g_test_adapters GUARDED_BY(g_test_mutex);
 
 struct IfaddrsFree {
   void operator()(ifaddrs* p) const { freeifaddrs(p); }
@@ -29,7 +29,7 @@ bool all_zero(const std::uint8_t* a) {
 int list_adapters(std::vector<Adapter>* out) {
   out->clear();
   {
-    std::lock_guard<std::mutex> lock(g_test_mutex);
+    MutexLock lock(&g_test_mutex);
     if (g_test_adapters) {
       *out = *g_test_adapters;
       return 0;
@@ -60,7 +60,7 @@ int list_adapters(std::vector<Adapter>* out) {
 }
 
 void set_adapters_for_test(std::optional<std::vector<Adapter>> adapters) {
-  std::lock_guard<std::mutex> lock(g_test_mutex);
+  MutexLock lock(&g_test_mutex);
   g_test_adapters = std::move(adapters);
 }
 

@@ -5,20 +5,20 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 namespace platform {
 namespace {
 constexpr char kPipeName[] = "qdx.win.002";
-std::mutex g_pipe_path_mutex;
-std::string g_pipe_path;  // a test's path; guarded by g_pipe_path_mutex
+Mutex g_pipe_path_mutex;
+std::string g_pipe_path GUARDED_BY(g_pipe_path_mutex);  // a test's path
 }  // namespace
 
 std::string status_pipe_path() {
   {
-    std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+    MutexLock lock(&g_pipe_path_mutex);
     if (!g_pipe_path.empty()) return g_pipe_path;
   }
   // A relative XDG_RUNTIME_DIR is invalid by the variable's own rules: ignored.
@@ -28,7 +28,7 @@ std::string status_pipe_path() {
 }
 
 void set_status_pipe_path(const std::string& path) {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+  MutexLock lock(&g_pipe_path_mutex);
   g_pipe_path = path;
 }
 

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
-#include <mutex>
 #include <ctime>
 #include <memory>
 
@@ -20,12 +19,10 @@
 #include "common/rd_codes.h"
 
 using rd_codes::kFailed;
+#include "web_service/json/json_ptr.h"
+#include "platform/mutex.h"
 
 namespace {
-struct JsonPut {
-  void operator()(json_object* o) const { json_object_put(o); }
-};
-using JsonPtr = std::unique_ptr<json_object, JsonPut>;
 
 void add(json_object* o, const char* k, const std::string& v) {
   json_object_object_add(o, k, json_object_new_string_len(v.data(), static_cast<int>(v.size())));
@@ -138,11 +135,11 @@ int json_frame_uidai_cert_update_status(std::string* out) {
 
 namespace {
 
-std::mutex g_ts_mu;
-std::string g_client_ts;  // test seam
+platform::Mutex g_ts_mu;
+std::string g_client_ts GUARDED_BY(g_ts_mu);  // test seam
 
 std::string client_ts() {
-  std::lock_guard<std::mutex> lk(g_ts_mu);
+  platform::MutexLock lk(&g_ts_mu);
   return g_client_ts.empty() ? mgmt_timestamp() : g_client_ts;
 }
 
@@ -248,7 +245,7 @@ class AnswerReader {
  private:
   static JsonPtr parse_body(std::string_view body) {
     if (body.empty() || body.size() > kMgmtMaxBody) return nullptr;
-    std::unique_ptr<json_tokener, void (*)(json_tokener*)> tok(json_tokener_new_ex(16), json_tokener_free);
+    TokenerPtr tok(json_tokener_new_ex(16));
     if (!tok) return nullptr;
     json_tokener_set_flags(tok.get(), JSON_TOKENER_STRICT);
     JsonPtr root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));
@@ -369,7 +366,7 @@ int read_path_checksum(const char* function, const char* parse_error, std::strin
 }  // namespace
 
 void json_set_client_ts_for_test(const std::string& ts) {
-  std::lock_guard<std::mutex> lk(g_ts_mu);
+  platform::MutexLock lk(&g_ts_mu);
   g_client_ts = ts;
 }
 

@@ -3,7 +3,8 @@
 #include <climits>
 
 #include "common/rd_codes.h"
-#include "mgmt_core/Base64.h"
+#include "common/Base64.h"
+#include "common/Base64.h"
 
 using rd_codes::kFailed;
 
