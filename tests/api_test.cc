@@ -22,6 +22,7 @@
 #include "rd_core/api.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -91,15 +92,15 @@ class ApiTest : public ::testing::Test {
     set_rd_status_ready();
     set_device_detached(0);
 
-    platform::set_lock_dir_for_test(dir_.path());
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
     semaphore_reset_for_test();
-    set_lock_timeouts_for_test(250, 250);
+    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 250; s.handheld_lock_ms = 250; });
     ASSERT_EQ(init_semaphore(), 0);
     area_.assign(kWorkAreaSize, '\0');
   }
   void TearDown() override {
     semaphore_reset_for_test();
-    platform::set_lock_dir_for_test("/tmp");
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = "/tmp"; });
     set_rd_status_ready();
     set_device_detached(0);
     pipe_.reset();

@@ -40,6 +40,7 @@
 #include "sim_control.h"
 #include "test_crypto.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
@@ -135,14 +136,14 @@ class CaptureEndToEnd : public ::testing::Test {
                                  {"minutiae_count", "33"},
                                  {"quality", "77"}});
     fs::create_directories("locks");
-    platform::set_lock_dir_for_test(dir_.file("locks"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
     platform::Adapter eth;
     eth.address[0] = 0x02;
     eth.address[5] = 0x07;
     eth.ethernet = true;
     eth.index = 2;
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{eth});
-    set_capture_timing_for_test(CaptureTiming{1, 1, 1, 20, 5});
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
+    test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 1u; s.recapture_pause_ms = 20u; });
 
     uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
@@ -164,7 +165,7 @@ class CaptureEndToEnd : public ::testing::Test {
   }
 
   void TearDown() override {
-    platform::set_adapters_for_test(std::nullopt);
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
     unsetenv("APPDATA");
   }
 
@@ -374,7 +375,7 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_rd_status_ready();
-    uidai_certs_reset_for_test();
+    set_uidai_prod_cert_newer(true);
     sim::Keys keys = c.control;
     keys.push_back({"capture_wait_ms", "0"});
     keys.push_back({"serial", "A600-E2E-7"});
@@ -881,13 +882,13 @@ TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
     SCOPED_TRACE(r.name);
     if (std::string(r.name) == "no signed certificate") fs::remove("cert/public/signed_mc.cer");
     set_rd_status_ready();
-    platform::set_time_for_test(now + r.hours_later * 3600);
+    test_seams::update([&](test_seams::Seams& s) { s.now = now + r.hours_later * 3600; });
     Step s = init();
     EXPECT_EQ(s.rc, -18);
     EXPECT_EQ(s.action, "INIT_RETRY");
     EXPECT_EQ(s.status, r.status);
   }
-  platform::set_time_for_test(std::nullopt);
+  test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
   set_rd_status_ready();
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "front_test_util.h"
+#include "platform/test_seams.h"
 #include "common/rd_status.h"
 #include "semaphore/semaphore_syc.h"
 
@@ -273,8 +274,8 @@ TEST_F(DispatchTest, StatusDecidesDiscoveryAndPostAuth) {
 // POSTAUTH is refused as busy.
 TEST_F(DispatchTest, BusyHandheldDeviceMakesTheServiceUsed) {
   set_scanner("Tavio_TX9");
-  set_lock_timeouts_for_test(200, 200);
-  platform::set_lock_dir_for_test(dir_.path());
+  test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 200; s.handheld_lock_ms = 200; });
+  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
   ASSERT_EQ(init_semaphore_Tavio(), 0);
   ASSERT_EQ(Lock_Semaphore_Tavio(), 0);
   set_rd_status_ready();

@@ -26,6 +26,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
@@ -63,21 +64,21 @@ class StartupTest : public ::testing::Test {
     refdll_ = dir_.file("RefDll");
     sim::write_control(refdll_, {{"serial", "SERIAL-A"}, {"capture_wait_ms", "0"}});
     fs::create_directories(dir_.file("locks"));
-    platform::set_lock_dir_for_test(dir_.file("locks"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
     platform::Adapter eth;
     const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
     std::copy(mac, mac + 6, eth.address);
     eth.index = 2;
     eth.ethernet = true;
     eth.name = "eth0";
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{eth});
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     fs::create_directories(dir_.file("appdata"));
   }
 
   void TearDown() override {
     zlog_fini();
-    platform::set_adapters_for_test(std::nullopt);
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
     unsetenv("APPDATA");
   }
 
@@ -218,7 +219,7 @@ TEST_F(StartupTest, ClosesTheProcessAndPlacesTheLocksAsConfigured) {
   const std::string locks = dir_.file("mylocks");
   fs::create_directories(locks);
   add_settings("LOCK_FOLDER = " + locks + "\n");
-  platform::set_lock_dir_for_test("");
+  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = ""; });
   const std::string lock = locks + "/Global_QDX_WIN_010.lock";
   ASSERT_EQ(symlink(dir_.file("config.ini").c_str(), lock.c_str()), 0);
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
@@ -267,9 +268,9 @@ const FailureCase kFailureCases[] = {
     {"ProxyWithoutUrl",
      [](const std::string&) { testutil::write_file("proxy.ini", "[config]\nusername = u\npassword = \n"); },
      "Aratek_A600", -13, ""},
-    {"SerialNotOpened", [](const std::string&) { platform::set_write_fault_for_test(platform::WriteFault::kOpen); },
+    {"SerialNotOpened", [](const std::string&) { test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kOpen; }); },
      "Aratek_A600", -8, ""},
-    {"SerialNotWritten", [](const std::string&) { platform::set_write_fault_for_test(platform::WriteFault::kWrite); },
+    {"SerialNotWritten", [](const std::string&) { test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kWrite; }); },
      "Aratek_A600", -7, ""},
 };
 
@@ -298,7 +299,7 @@ TEST_P(StartupFailureTest, ReturnsItsCode) {
               std::string::npos);
     EXPECT_FALSE(fs::exists("Serial_number"));
   }
-  platform::set_write_fault_for_test(platform::WriteFault::kNone);
+  test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kNone; });
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureCases),

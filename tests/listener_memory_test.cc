@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "front_test_util.h"
+#include "platform/test_seams.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define VEXO_TEST_ASAN 1
@@ -41,7 +42,7 @@ using ListenerMemoryTest = FrontTest;
 TEST_F(ListenerMemoryTest, WaitingConnectionsCostLittleMemory) {
   constexpr int kConnections = 200;
   constexpr std::size_t kBound = 60u << 20;
-  set_accept_pause_ms_for_test(0);
+  test_seams::update([&](test_seams::Seams& s) { s.accept_pause_ms = 0u; });
   int port = start_server();
   ASSERT_NE(port, 0);
   ASSERT_EQ(round_trip(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "front_test_util.h"
+#include "platform/test_seams.h"
 #include "common/request_reader.h"
 #include "ssl/sslCommunication.h"
 
@@ -229,7 +230,7 @@ TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
 }
 
 TEST_F(ListenerTest, DropsClientsThatCloseOrStaySilent) {
-  set_recv_wait_ms_for_test(300);
+  test_seams::update([&](test_seams::Seams& s) { s.recv_wait_ms = 300; });
   int port = start_server();
   ASSERT_NE(port, 0);
   struct Row {
@@ -273,7 +274,7 @@ TEST_F(ListenerTest, DropsClientsThatCloseOrStaySilent) {
 // within the limit is served.
 TEST_F(ListenerTest, WholeRequestMustArriveWithinTheLimit) {
   constexpr int kLimitMs = 800;
-  set_recv_wait_ms_for_test(kLimitMs);
+  test_seams::update([&](test_seams::Seams& s) { s.recv_wait_ms = kLimitMs; });
   int port = start_server();
   ASSERT_NE(port, 0);
   const std::string head_with_body = "RDSERVICE / HTTP/1.1\r\nContent-Length: 100\r\n\r\nab";
@@ -331,7 +332,7 @@ TEST_F(ListenerTest, RefusedRequestsRotateTheLog) {
 // A client that stops reading cannot hold a connection thread and its work
 // area: the answer must be out within the request limit (shortened here).
 TEST_F(ListenerTest, AnswerToAClientThatStopsReadingIsGivenUp) {
-  set_recv_wait_ms_for_test(300);
+  test_seams::update([&](test_seams::Seams& s) { s.recv_wait_ms = 300; });
   int listener = bound_socket(0, false);
   ASSERT_GE(listener, 0);
   ASSERT_EQ(::listen(listener, 1), 0);
@@ -370,7 +371,7 @@ TEST_F(ListenerTest, PausesBetweenAccepts) {
 TEST_F(ListenerTest, ExceptionInsideARequestLeavesTheServiceRunning) {
   int port = start_server();
   ASSERT_NE(port, 0);
-  set_dispatch_faults_for_test(2);
+  test_seams::update([&](test_seams::Seams& s) { s.dispatch_faults = 2; });
   auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 2; ++i) EXPECT_EQ(round_trip(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), "");
   // Closed at once, not left open until the client gives up.

@@ -17,6 +17,7 @@
 #include "common/rd_status.h"
 #include "platform/platform.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
@@ -32,14 +33,14 @@ class LogTest : public ::testing::Test {
   }
   void TearDown() override {
     zlog_fini();
-    platform::set_time_for_test(std::nullopt);
+    test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
     rd_log_reset_for_test();
   }
   testutil::WorkDir dir_;
 };
 
 TEST_F(LogTest, LinesCarryIstTimeLevelFileFunctionAndLine) {
-  platform::set_time_for_test(0);  // 1970-01-01 00:00:00 UTC
+  test_seams::update([&](test_seams::Seams& s) { s.now = 0; });  // 1970-01-01 00:00:00 UTC
   const unsigned info_line = __LINE__ + 1;
   RD_INFO("socket is bound on port: %hd", static_cast<short>(11100));
   const unsigned error_line = __LINE__ + 1;
@@ -67,11 +68,11 @@ TEST_F(LogTest, UnreadableClockWritesNoTimestampAndKeepsLastStatus) {
   EXPECT_EQ(Get_Last_RDservice_Status(buf), 0);
   EXPECT_STREQ(buf, "");  // nothing reported yet
 
-  platform::set_time_for_test(0);
+  test_seams::update([&](test_seams::Seams& s) { s.now = 0; });
   EXPECT_EQ(RD_STATUS("Listen error "), 0);
   EXPECT_EQ(testutil::last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
 
-  platform::set_time_for_test(static_cast<std::time_t>(-1));
+  test_seams::update([&](test_seams::Seams& s) { s.now = static_cast<std::time_t>(-1); });
   EXPECT_EQ(RD_STATUS("other"), -1);
   EXPECT_EQ(testutil::last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
   RD_INFO("no clock");

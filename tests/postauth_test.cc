@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "front_test_util.h"
+#include "platform/test_seams.h"
 #include "common/rd_status.h"
 #include "platform/platform.h"
 #include "postauth/PostAuth_xml_parse.h"
@@ -76,15 +77,15 @@ class PostAuthTest : public FrontTest {
 
   void SetUp() override {
     FrontTest::SetUp();
-    platform::set_lock_dir_for_test(dir_.path());
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
     semaphore_reset_for_test();
     rd_identity_update([](RdIdentity& id) {
       id.scanner_name = "Tavio_TX9";
       id.port_path = "/dev/ttyS5";
     });
     ASSERT_EQ(init_semaphore(), 0);
-    set_lock_timeouts_for_test(300, 300);
-    set_postauth_retry_pause_for_test(kShortPauseMs);
+    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 300; s.handheld_lock_ms = 300; });
+    test_seams::update([&](test_seams::Seams& s) { s.postauth_retry_ms = kShortPauseMs; });
     set_rd_status_ready();
     set_device_detached(0);
     control({});
@@ -312,7 +313,7 @@ TEST_F(PostAuthTest, AbsentDeviceCostsThreeTriesThenRecovers) {
 
 // The real pause: one failed open costs 2000 ms before the second try.
 TEST_F(PostAuthTest, RealPauseBetweenTries) {
-  set_postauth_retry_pause_for_test(2000);
+  test_seams::update([&](test_seams::Seams& s) { s.postauth_retry_ms = 2000; });
   control({{"tavio_open_failures", "1"}});
   PostAuthFields f;
   std::strcpy(f.param2_name, "GET_FIRMWAREVERSION");
@@ -399,7 +400,7 @@ TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
   EXPECT_EQ(testutil::http_exchange(port, request(query("GET_DEVICEID"))), success(port, "TX9SIM000001"));
   {
     // The host's lock file is the real one in /tmp.
-    platform::set_lock_dir_for_test("/tmp");
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = "/tmp"; });
     platform::NamedLock* lock = platform::named_lock_open(tavio_lock_name());
     ASSERT_NE(lock, nullptr);
     ASSERT_EQ(platform::named_lock_acquire(lock, 5000), 0);

@@ -169,6 +169,15 @@ std::string read_until_close(int s, int timeout_ms) {
   return answer;
 }
 
+bool wait_until(const std::function<bool()>& done, int timeout_ms) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
 std::string last_status() {
   char buf[VEXO_STATUS_LEN] = {};
   Get_Last_RDservice_Status(buf);

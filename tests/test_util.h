@@ -75,6 +75,8 @@ void write_file(const std::string& path, const std::string& data);
 std::string http_exchange(int port, const std::string& request, int timeout_ms = 10000);
 // Last-status line as the host reads it.
 std::string last_status();
+// Waits up to timeout_ms for done() to hold, looking every few milliseconds.
+bool wait_until(const std::function<bool()>& done, int timeout_ms = 10000);
 
 }  // namespace testutil
 

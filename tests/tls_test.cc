@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "front_test_util.h"
+#include "platform/test_seams.h"
 #include "common/request_reader.h"
 #include "common/openssl_ptr.h"
 #include "ssl/sslCommunication.h"
@@ -163,7 +164,7 @@ TEST_F(TlsTest, RefusesCertificateAndKeyThatDoNotBelongTogether) {
 // wait; one limited to TLS 1.0 and 1.1 is refused (this OpenSSL cannot offer
 // SSLv3 at all). The same server still serves a current client.
 TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
-  set_recv_wait_ms_for_test(300);
+  test_seams::update([&](test_seams::Seams& s) { s.recv_wait_ms = 300; });
   int port = start_tls_server();
   ASSERT_NE(port, 0);
   int s = connect_to(port);
@@ -186,7 +187,7 @@ TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
 // WaitsHaveTheirRealDefaults; shortened here), counted from its first wait.
 TEST_F(TlsTest, TrickledHandshakeIsDroppedAtTheRequestLimit) {
   constexpr int kLimitMs = 800;
-  set_recv_wait_ms_for_test(kLimitMs);
+  test_seams::update([&](test_seams::Seams& s) { s.recv_wait_ms = kLimitMs; });
   int port = start_tls_server();
   ASSERT_NE(port, 0);
   // A real ClientHello, made through memory BIOs.
@@ -216,7 +217,7 @@ TEST_F(TlsTest, TrickledHandshakeIsDroppedAtTheRequestLimit) {
 // dropped when the limit ends, without an answer.
 TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
   constexpr int kLimitMs = 800;
-  set_recv_wait_ms_for_test(kLimitMs);
+  test_seams::update([&](test_seams::Seams& s) { s.recv_wait_ms = kLimitMs; });
   // The client's TLS writes use plain write(): a write racing the server's
   // close must not end the test process.
   ::signal(SIGPIPE, SIG_IGN);

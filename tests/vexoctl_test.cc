@@ -25,6 +25,7 @@
 #include "rd_core/uidai_certs.h"
 #include "test_crypto.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -142,8 +143,8 @@ std::string expect_local_tls(const std::string& wd) {
 class VexoctlTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::set_lock_dir_for_test(dir_.path());
-    set_lock_timeouts_for_test(200, 200);
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
+    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 200; s.handheld_lock_ms = 200; });
     semaphore_reset_for_test();
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     ASSERT_EQ(init_semaphore(), 0);

@@ -1,6 +1,5 @@
 #include "postauth/postauth.h"
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -13,6 +12,7 @@
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "postauth/handheld.h"
 
 namespace {
@@ -35,8 +35,6 @@ constexpr int kDeviceAnswerSize = 256;
 constexpr char kPostAuthRespFormat[] =
     "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"%d\"  Description = \"%s\"  Response_value = \"%s\" />\n\t<RD "
     "RD_ErrorCode = \"%d\"   Description = \"%s\"  RD_Status = %s />\n</PostAuthResp>";
-
-std::atomic<unsigned> g_pause_ms{kRetryPauseMs};
 
 // Whether this process has the device's port open. Guarded by g_port_mutex,
 // which is held for a whole open-command-close sequence.
@@ -255,9 +253,9 @@ struct PortRelease {
 
 }  // namespace
 
-unsigned postauth_retry_pause_ms() { return g_pause_ms.load(); }
-
-void set_postauth_retry_pause_for_test(unsigned ms) { g_pause_ms.store(ms); }
+unsigned postauth_retry_pause_ms() {
+  return test_seams::get(&test_seams::Seams::postauth_retry_ms).value_or(kRetryPauseMs);
+}
 
 int PostAuth(char* work_area, const char* origin, const char* path) {
   const char* body = work_area + kReqBodyOffset;

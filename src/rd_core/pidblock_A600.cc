@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <mutex>
 #include <new>
 
 #include "common/rd_log.h"
 #include "mgmt_core/Base64.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "rd_core/opj_compress.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/scanner.h"
@@ -29,9 +29,6 @@ constexpr std::size_t kFeatureBufferSize = 4096;
 constexpr std::size_t kMinutiaeCountOffset = 27;
 // Sensor images larger than this are not from a fingerprint scanner.
 constexpr int kMaxSide = 4096;
-
-std::mutex g_timing_mutex;
-CaptureTiming g_timing;
 
 // The open scanner; closed when the capture leaves by any path.
 class DeviceHandle {
@@ -292,13 +289,13 @@ std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int heigh
 }
 
 CaptureTiming capture_timing() {
-  std::lock_guard<std::mutex> lock(g_timing_mutex);
-  return g_timing;
-}
-
-void set_capture_timing_for_test(const CaptureTiming& timing) {
-  std::lock_guard<std::mutex> lock(g_timing_mutex);
-  g_timing = timing;
+  CaptureTiming timing;
+  if (auto beep = test_seams::get(&test_seams::Seams::beep_ms)) {
+    timing.prompt_beep_ms = timing.accepted_beep_ms = timing.low_quality_beep_ms = *beep;
+  }
+  timing.recapture_pause_ms =
+      test_seams::get(&test_seams::Seams::recapture_pause_ms).value_or(timing.recapture_pause_ms);
+  return timing;
 }
 
 int FP_Cap(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request, const std::string& ts) {

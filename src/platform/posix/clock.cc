@@ -1,26 +1,14 @@
 #include <cerrno>
 #include <ctime>
-#include <mutex>
 
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 
 namespace platform {
-namespace {
-std::mutex g_time_mutex;
-std::optional<std::time_t> g_time_override;
-}  // namespace
 
 std::time_t now() {
-  {
-    std::lock_guard<std::mutex> lock(g_time_mutex);
-    if (g_time_override) return *g_time_override;
-  }
-  return std::time(nullptr);
-}
-
-void set_time_for_test(std::optional<std::time_t> t) {
-  std::lock_guard<std::mutex> lock(g_time_mutex);
-  g_time_override = t;
+  const std::optional<std::time_t> pinned = test_seams::get(&test_seams::Seams::now);
+  return pinned ? *pinned : std::time(nullptr);
 }
 
 std::uint64_t monotonic_ms() {

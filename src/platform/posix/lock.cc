@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 
 namespace platform {
 
@@ -28,7 +29,6 @@ constexpr char kTempDir[] = "/tmp";
 
 std::mutex g_dir_mutex;
 std::string g_lock_dir;       // the configured folder; guarded by g_dir_mutex
-std::string g_test_lock_dir;  // a test's folder, which wins; guarded by g_dir_mutex
 
 // The process-local half of a named lock, shared by every handle of one name.
 struct LockState {
@@ -112,9 +112,10 @@ std::string default_lock_dir() {
 }
 
 std::string lock_dir() {
+  std::string test_dir = test_seams::get(&test_seams::Seams::lock_dir);
+  if (!test_dir.empty()) return test_dir;
   {
     std::lock_guard<std::mutex> guard(g_dir_mutex);
-    if (!g_test_lock_dir.empty()) return g_test_lock_dir;
     if (!g_lock_dir.empty()) return g_lock_dir;
   }
   return default_lock_dir();
@@ -123,11 +124,6 @@ std::string lock_dir() {
 void set_lock_dir(const std::string& dir) {
   std::lock_guard<std::mutex> guard(g_dir_mutex);
   g_lock_dir = dir;
-}
-
-void set_lock_dir_for_test(const std::string& dir) {
-  std::lock_guard<std::mutex> guard(g_dir_mutex);
-  g_test_lock_dir = dir;
 }
 
 std::string named_lock_path(const char* name) {
