@@ -173,7 +173,7 @@ class CaptureEndToEnd : public ::testing::Test {
   std::pair<std::string, std::string> capture(const std::string& pid_options) {
     std::string request = "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
                           std::to_string(pid_options.size()) + "\r\n\r\n" + pid_options;
-    std::string answer = testutil::http_exchange(port_, request, 20000);
+    std::string answer = testutil::http_exchange(port_, request);
     std::size_t split = answer.find("\r\n\r\n");
     EXPECT_NE(split, std::string::npos) << answer;
     if (split == std::string::npos) return {};

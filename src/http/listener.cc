@@ -28,9 +28,11 @@ constexpr unsigned kAcceptPauseMs = 100;
 constexpr int kWinsockAddressInUse = 10048;
 
 // Each listening socket on 127.0.0.1 with its companion on [::1] (the same
-// port), so that the accept loop of either serves both.
+// port), so that the accept loop of either serves both. Never destroyed: a
+// detached worker may still look a socket up while the process exits.
 std::mutex g_companions_mu;
-std::vector<std::pair<platform::socket_t, platform::socket_t>> g_companions;
+auto& g_companions =
+    *new std::vector<std::pair<platform::socket_t, platform::socket_t>>;
 
 void set_companion(platform::socket_t server, platform::socket_t server6) {
   std::lock_guard<std::mutex> lock(g_companions_mu);

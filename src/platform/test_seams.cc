@@ -5,13 +5,15 @@ namespace test_seams {
 namespace detail {
 std::atomic<bool> g_written{false};
 
+// Never destroyed: a detached worker of the listener may still read the
+// record while the process exits.
 std::mutex& mutex() {
-  static std::mutex m;
+  static auto& m = *new std::mutex;
   return m;
 }
 
 Seams& record() {
-  static Seams r;
+  static auto& r = *new Seams;
   return r;
 }
 }  // namespace detail
