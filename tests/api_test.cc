@@ -114,13 +114,7 @@ class ApiTest : public ::testing::Test {
     pipe_mark_ = pipe_->received().size();
     std::fill(area_.begin(), area_.end(), '\0');
   }
-  bool piped(const std::string& text) {
-    for (int i = 0; i < 300; ++i) {
-      if (pipe_->received().substr(pipe_mark_).find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
+  bool piped(const std::string& text) { return pipe_->wait_for(text, 3000, pipe_mark_); }
   std::string body() const { return std::string(area_.data()); }
   std::string head() const { return std::string(area_.data() + kRespHeaderOffset); }
 

@@ -99,15 +99,6 @@ class DownloadTest : public ::testing::Test {
   // The run log's new part since it had `since` bytes.
   static std::string log_since(std::size_t since) { return testutil::read_file("rd.log").substr(since); }
   static std::size_t log_size() { return testutil::read_file("rd.log").size(); }
-  // Waits until text arrived on the status pipe after its first `since` bytes.
-  bool pipe_got_since(const std::string& since, const std::string& text) {
-    for (int i = 0; i < 300; ++i) {
-      if (pipe_.received().find(text, since.size()) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-
   testutil::WorkDir dir_;
   testutil::PipeReader pipe_{dir_.path()};
 };
@@ -167,7 +158,7 @@ TEST_F(DownloadTest, FreshDownloadFetchesExactRanges) {
               std::string::npos)
         << testutil::last_status();
     const std::string pipe_text = "10000|Software download is in progress:|Size of .exe file is " + size_text + " byte\n";
-    EXPECT_TRUE(pipe_got_since(pipe_before, pipe_text)) << pipe_.received();
+    EXPECT_TRUE(pipe_.wait_for(pipe_text, 5000, pipe_before.size())) << pipe_.received();
   }
 }
 
@@ -270,7 +261,7 @@ TEST_F(DownloadTest, ChecksumMismatchLeavesCompletedAndStartsAfresh) {
     const std::string status = testutil::last_status();
     EXPECT_EQ(status.substr(status.find(" | ")),
               " | download_manager | download_manager | Downloaded file checksum is invalid. Download Failed.");
-    EXPECT_TRUE(pipe_got_since(pipe_before, "10000|Downloaded file checksum is invalid|Download Failed.\n"));
+    EXPECT_TRUE(pipe_.wait_for("10000|Downloaded file checksum is invalid|Download Failed.\n", 5000, pipe_before.size()));
   }
 
   std::size_t log_before = log_size();
@@ -390,7 +381,7 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
       EXPECT_NE(log.find(") - Error at get_package_size\n"), std::string::npos);
       const std::string status = testutil::last_status();
       EXPECT_EQ(status.substr(status.find(" | ")), " | download_manager | get_package_size | Get download file size failed ");
-      EXPECT_TRUE(pipe_got_since(pipe_before, "10000|Get download file size failed\n")) << pipe_.received();
+      EXPECT_TRUE(pipe_.wait_for("10000|Get download file size failed\n", 5000, pipe_before.size())) << pipe_.received();
     } else {
       EXPECT_EQ(std::filesystem::file_size(kDownloadTarget), 0u);  // emptied, nothing appended
     }
