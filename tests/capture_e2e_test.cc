@@ -48,9 +48,9 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 
-struct DocFree {
-  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
-};
+using testutil::child;
+using testutil::content;
+using testutil::Xml;
 using PidMessage = In__Gov__Uidai__Authserver__Protobuf__Pid;
 struct PidFree {
   void operator()(PidMessage* p) const { in__gov__uidai__authserver__protobuf__pid__free_unpacked(p, nullptr); }
@@ -73,51 +73,27 @@ bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts,
   return testcrypto::rsa_sha256_verify(device_key, message, b64(bs));
 }
 
-std::map<std::string, std::string> attributes(xmlNode* node) {
-  std::map<std::string, std::string> out;
-  for (xmlAttr* a = node->properties; a; a = a->next) {
-    xmlChar* v = xmlNodeGetContent(reinterpret_cast<xmlNode*>(a));
-    out[reinterpret_cast<const char*>(a->name)] = v ? reinterpret_cast<const char*>(v) : "";
-    xmlFree(v);
-  }
-  return out;
-}
-
-xmlNode* child(xmlNode* parent, const char* name) {
-  for (xmlNode* c = parent ? parent->children : nullptr; c; c = c->next) {
-    if (c->type == XML_ELEMENT_NODE && std::string(reinterpret_cast<const char*>(c->name)) == name) return c;
-  }
-  return nullptr;
-}
-
-std::string content(xmlNode* node) {
-  xmlChar* v = xmlNodeGetContent(node);
-  std::string s = v ? reinterpret_cast<const char*>(v) : "";
-  xmlFree(v);
-  return s;
-}
-
 // One parsed PidData answer.
 struct PidData {
-  std::unique_ptr<xmlDoc, DocFree> doc;
+  Xml doc;
   std::map<std::string, std::string> resp, device, skey_attrs, data_attrs;
   std::string srno, skey, hmac, data;
 };
 
 PidData parse_pid_data(const std::string& body) {
   PidData p;
-  p.doc.reset(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr, XML_PARSE_NONET));
-  xmlNode* root = p.doc ? xmlDocGetRootElement(p.doc.get()) : nullptr;
+  p.doc = testutil::parse_xml(body);
+  xmlNode* root = testutil::root(p.doc);
   EXPECT_NE(root, nullptr) << body;
   if (!root) return p;
-  p.resp = attributes(child(root, "Resp"));
+  p.resp = testutil::attrs(child(root, "Resp"));
   xmlNode* info = child(root, "DeviceInfo");
-  p.device = attributes(info);
-  p.srno = attributes(child(child(info, "additional_info"), "Param"))["value"];
-  p.skey_attrs = attributes(child(root, "Skey"));
+  p.device = testutil::attrs(info);
+  p.srno = testutil::attrs(child(child(info, "additional_info"), "Param"))["value"];
+  p.skey_attrs = testutil::attrs(child(root, "Skey"));
   p.skey = content(child(root, "Skey"));
   p.hmac = content(child(root, "Hmac"));
-  p.data_attrs = attributes(child(root, "Data"));
+  p.data_attrs = testutil::attrs(child(root, "Data"));
   p.data = content(child(root, "Data"));
   return p;
 }
@@ -144,6 +120,9 @@ class CaptureEndToEnd : public ::testing::Test {
     eth.index = 2;
     test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
     test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 1u; s.recapture_pause_ms = 20u; });
+    const int first = testutil::reserve_ports(8);
+    ASSERT_NE(first, 0);
+    test_seams::update([&](test_seams::Seams& s) { s.first_port = first; s.last_port = first + 7; });
 
     uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
@@ -165,7 +144,7 @@ class CaptureEndToEnd : public ::testing::Test {
   }
 
   void TearDown() override {
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
+    test_seams::set({});
     unsetenv("APPDATA");
   }
 
@@ -238,17 +217,16 @@ TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
 
   std::string ts;
   Bytes plain = open_pid(p, &ts);
-  std::unique_ptr<xmlDoc, DocFree> pid(
-      xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0));
+  Xml pid = testutil::parse_xml(as_text(plain));
   ASSERT_TRUE(pid) << as_text(plain);
-  xmlNode* root = xmlDocGetRootElement(pid.get());
-  EXPECT_EQ(attributes(root)["ts"], ts);
-  EXPECT_EQ(attributes(root)["ver"], "1.0");
+  xmlNode* root = testutil::root(pid);
+  EXPECT_EQ(testutil::attrs(root)["ts"], ts);
+  EXPECT_EQ(testutil::attrs(root)["ver"], "1.0");
   xmlNode* bios = child(root, "Bios");
-  EXPECT_EQ(attributes(bios)["dih"], expected_dih());
+  EXPECT_EQ(testutil::attrs(bios)["dih"], expected_dih());
   xmlNode* bio = child(bios, "Bio");
   ASSERT_NE(bio, nullptr);
-  auto bio_attrs = attributes(bio);
+  auto bio_attrs = testutil::attrs(bio);
   EXPECT_EQ(bio_attrs["type"], "FMR");
   EXPECT_EQ(bio_attrs["posh"], "LEFT_INDEX");
   Bytes record = b64(content(bio));
@@ -480,11 +458,9 @@ TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
     std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
     EXPECT_NE(body.find(std::string("dc=\"") + c.dc_attr + "\""), std::string::npos) << body;
     EXPECT_NE(body.find(std::string("value=\"") + c.serial_attr + "\""), std::string::npos) << body;
-    std::unique_ptr<xmlDoc, DocFree> doc(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr, 0));
+    Xml doc = testutil::parse_xml(body);
     ASSERT_TRUE(doc) << body;
-    xmlChar* dc = xmlGetProp(xmlDocGetRootElement(doc.get()), reinterpret_cast<const xmlChar*>("dc"));
-    EXPECT_STREQ(reinterpret_cast<const char*>(dc), c.dc);
-    xmlFree(dc);
+    EXPECT_EQ(testutil::attrs(testutil::root(doc))["dc"], c.dc);
   }
   rd_config_update([](RdConfig& r) { r.dc.clear(); });
 }
@@ -555,11 +531,10 @@ class ManagementEndToEnd : public CaptureEndToEnd {
   bool signed_under(const PidData& pd, X509* cert, const std::string& dc) {
     std::string ts;
     Bytes plain = open_pid(pd, &ts);
-    std::unique_ptr<xmlDoc, DocFree> pid(xmlReadMemory(reinterpret_cast<const char*>(plain.data()),
-                                                       static_cast<int>(plain.size()), nullptr, nullptr, 0));
-    xmlNode* bio = pid ? child(child(xmlDocGetRootElement(pid.get()), "Bios"), "Bio") : nullptr;
+    Xml pid = testutil::parse_xml(as_text(plain));
+    xmlNode* bio = child(child(testutil::root(pid), "Bios"), "Bio");
     std::unique_ptr<EVP_PKEY, PkeyFree> key(X509_get_pubkey(cert));
-    return bio != nullptr && key && verify_bs(key.get(), b64(content(bio)), ts, dc, attributes(bio)["bs"]);
+    return bio != nullptr && key && verify_bs(key.get(), b64(content(bio)), ts, dc, testutil::attrs(bio)["bs"]);
   }
 
   static X509Ptr signed_mc() {

@@ -72,17 +72,21 @@ class StartupTest : public ::testing::Test {
     eth.ethernet = true;
     eth.name = "eth0";
     test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
+    first_port_ = testutil::reserve_ports(8);
+    ASSERT_NE(first_port_, 0);
+    test_seams::update([&](test_seams::Seams& s) { s.first_port = first_port_; s.last_port = first_port_ + 7; });
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     fs::create_directories(dir_.file("appdata"));
   }
 
   void TearDown() override {
     zlog_fini();
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
+    test_seams::set({});
     unsetenv("APPDATA");
   }
 
   testutil::WorkDir dir_;
+  int first_port_ = 0;  // the service's range: first_port_ .. first_port_ + 7
   testutil::PipeReader pipe_{dir_.path()};
   std::string refdll_;
 };
@@ -385,8 +389,7 @@ TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
   ASSERT_EQ(Start_RDservice(), 0) << testutil::last_status();
   EXPECT_NE(testutil::last_status().find("RD service started successfully"), std::string::npos);
   const int port = service_port();
-  ASSERT_GE(port, 11100);
-  ASSERT_LE(port, 11120);
+  ASSERT_EQ(port, first_port_);
   const std::string request = "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
   std::string answer = testutil::http_exchange(port, request);
   EXPECT_NE(answer.find("<RDService status=\"READY\" info=\"Korvane RD service(QDX.ARA.A600.W) is running\">"),

@@ -26,15 +26,6 @@ using Clock = std::chrono::steady_clock;
 
 const std::string kDiscovery = "RDSERVICE / HTTP/1.1\r\n\r\n";
 
-TEST_F(ListenerTest, WaitsAndPortsHaveTheirRealDefaults) {
-  test_seams::set({});
-  EXPECT_EQ(recv_wait_ms(), 60000);
-  EXPECT_EQ(accept_wait_ms(), 15000);
-  EXPECT_EQ(accept_pause_ms(), 100u);
-  EXPECT_EQ(first_service_port(), 11100);
-  EXPECT_EQ(last_service_port(), 11120);
-}
-
 // Ports other programs listen on are skipped; with every port taken start-up fails.
 TEST_F(ListenerTest, TakesTheFirstPortNoOtherProgramListensOn) {
   std::vector<int> held;
