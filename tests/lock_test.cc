@@ -50,19 +50,6 @@ int in_child(Fn fn) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(LockDefaults, RealTimeoutsAndLockFolder) {
-  EXPECT_EQ(lock_timeout_ms(), 20000u);
-  EXPECT_EQ(tavio_lock_timeout_ms(), 2000u);
-  // The package's folder when it exists, else the system's temporary folder;
-  // the configured folder wins over both, and a test's over that.
-  EXPECT_EQ(platform::lock_dir(), std::filesystem::is_directory("/run/vexo") ? "/run/vexo" : "/tmp");
-  platform::set_lock_dir("/var/lock/vexo");
-  EXPECT_EQ(platform::lock_dir(), "/var/lock/vexo");
-  EXPECT_EQ(platform::named_lock_path("Global\\QDX_WIN_010"), "/var/lock/vexo/Global_QDX_WIN_010.lock");
-  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = "/x"; });
-  EXPECT_EQ(platform::lock_dir(), "/x");
-}
-
 // Another user plants things at the lock path before the service starts:
 // nothing is followed, nothing of theirs changes mode, and a name taken by
 // anything but a plain file stops start-up, naming the path. A plain file

@@ -243,16 +243,4 @@ TEST_F(LogTest, ErrorLogAppendsUnchanged) {
   EXPECT_EQ(read_file("Vexo_Error.log"), "zlog_init failed\nsecond\n");
 }
 
-TEST(StatusTest, TextsCarryTheirQuotes) {
-  EXPECT_STREQ(get_rd_status(), "\"READY\"");  // zero at load
-  set_rd_status_used();
-  EXPECT_STREQ(get_rd_status(), "\"USED\"");
-  set_rd_status_notready();
-  EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");
-  set_rd_status_ready();
-  EXPECT_EQ(get_rd_status_index(), 0u);
-  set_device_serial("A600-1");
-  EXPECT_EQ(get_device_serial(), "A600-1");
-}
-
 }  // namespace
