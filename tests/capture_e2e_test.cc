@@ -102,10 +102,7 @@ class CaptureEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
-    ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir_.path() +
-                           " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm > /dev/null 2>&1")
-                              .c_str()),
-              0);
+    ASSERT_EQ(testutil::init_workdir(dir_.path()).rc, 0);
     refdll_ = dir_.file("RefDll");
     sim::write_control(refdll_, {{"serial", "A600-E2E-7"},
                                  {"capture_wait_ms", "0"},

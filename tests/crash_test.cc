@@ -69,10 +69,7 @@ class CrashTest : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
-    ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir_.path() + " --scanner " +
-                           kScanner + " --mgmt-url https://mgmt.test/Zelm --tls > /dev/null 2>&1")
-                              .c_str()),
-              0);
+    ASSERT_EQ(testutil::init_workdir(dir_.path(), kScanner, {"--tls"}).rc, 0);
     sim::write_control(dir_.file("RefDll"), {{"serial", kSerial}, {"capture_wait_ms", "0"}});
     fs::create_directories("locks");
     test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });

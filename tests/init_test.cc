@@ -529,15 +529,10 @@ TEST(HostProcessTest, RefusesAFifoPathTakenByAnother) {
     const std::string path = folder + "/fifo" + std::to_string(n++);
     ASSERT_TRUE(testutil::as_other_user([&] { return row.plant(path); }));
     const int mode = testutil::mode_of(path);
-    const std::string cmd =
-        std::string(VEXO_BUILD_DIR) + "/vexo-host --status-pipe " + path + " --no-mgmt Aratek_A600 2>&1";
-    FILE* out = popen(cmd.c_str(), "r");
-    ASSERT_NE(out, nullptr);
-    std::string text;
-    char buf[512];
-    for (std::size_t got; (got = fread(buf, 1, sizeof buf, out)) > 0;) text.append(buf, got);
-    const int status = pclose(out);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << text;
+    const testutil::Run host =
+        testutil::run({testutil::program("vexo-host"), "--status-pipe", path, "--no-mgmt", "Aratek_A600"});
+    const std::string& text = host.out;
+    EXPECT_EQ(host.rc, 1) << text;
     EXPECT_EQ(text.rfind("vexo-host: status FIFO " + path + ": ", 0), 0u) << text;
     EXPECT_EQ(testutil::mode_of(path), mode);
   }

@@ -35,36 +35,11 @@ using testutil::write_file;
 
 constexpr char kUrl[] = "https://127.0.0.1:9443/Zelm";
 
-struct ToolRun {
-  int rc = -1;
-  std::string out;  // standard output and standard error together
-};
+using ToolRun = testutil::Run;
 
-ToolRun run_tool(const std::string& exe, const std::vector<std::string>& args) {
-  int fds[2];
-  if (pipe(fds) != 0) return {};
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], 1);
-    dup2(fds[1], 2);
-    close(fds[0]);
-    close(fds[1]);
-    std::vector<char*> argv{const_cast<char*>(exe.c_str())};
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(exe.c_str(), argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  ToolRun r;
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0) r.out.append(buf, static_cast<std::size_t>(n));
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  r.rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
+ToolRun run_tool(const std::string& exe, std::vector<std::string> args) {
+  args.insert(args.begin(), exe);
+  return testutil::run(args);
 }
 
 const std::string kTool = std::string(VEXO_BUILD_DIR) + "/vexoctl";
