@@ -176,23 +176,27 @@ std::string last_status() {
 
 namespace {
 
-int connect_any(int family, int port) {
-  const int s = ::socket(family, SOCK_STREAM, 0);
-  sockaddr_storage storage{};
-  socklen_t len = 0;
+// The loopback address of family at port, and its length.
+socklen_t loopback(int family, int port, sockaddr_storage* storage) {
+  *storage = {};
   if (family == AF_INET) {
-    auto* a = reinterpret_cast<sockaddr_in*>(&storage);
+    auto* a = reinterpret_cast<sockaddr_in*>(storage);
     a->sin_family = AF_INET;
     a->sin_port = htons(static_cast<std::uint16_t>(port));
     a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    len = sizeof *a;
-  } else {
-    auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
-    a->sin6_family = AF_INET6;
-    a->sin6_port = htons(static_cast<std::uint16_t>(port));
-    a->sin6_addr = in6addr_loopback;
-    len = sizeof *a;
+    return sizeof *a;
   }
+  auto* a = reinterpret_cast<sockaddr_in6*>(storage);
+  a->sin6_family = AF_INET6;
+  a->sin6_port = htons(static_cast<std::uint16_t>(port));
+  a->sin6_addr = in6addr_loopback;
+  return sizeof *a;
+}
+
+int connect_any(int family, int port) {
+  const int s = ::socket(family, SOCK_STREAM, 0);
+  sockaddr_storage storage;
+  const socklen_t len = loopback(family, port, &storage);
   if (s >= 0 && ::connect(s, reinterpret_cast<sockaddr*>(&storage), len) == 0) return s;
   if (s >= 0) ::close(s);
   return -1;
@@ -204,22 +208,9 @@ int bound(int family, int port, bool reuse = true) {
   const int s = ::socket(family, SOCK_STREAM, 0);
   const int one = 1;
   if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_storage storage{};
-  socklen_t len = 0;
-  if (family == AF_INET) {
-    auto* a = reinterpret_cast<sockaddr_in*>(&storage);
-    a->sin_family = AF_INET;
-    a->sin_port = htons(static_cast<std::uint16_t>(port));
-    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    len = sizeof *a;
-  } else {
-    ::setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
-    auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
-    a->sin6_family = AF_INET6;
-    a->sin6_port = htons(static_cast<std::uint16_t>(port));
-    a->sin6_addr = in6addr_loopback;
-    len = sizeof *a;
-  }
+  if (family == AF_INET6) ::setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
+  sockaddr_storage storage;
+  const socklen_t len = loopback(family, port, &storage);
   if (s >= 0 && ::bind(s, reinterpret_cast<sockaddr*>(&storage), len) == 0) return s;
   if (s >= 0) ::close(s);
   return -1;
