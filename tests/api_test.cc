@@ -69,42 +69,20 @@ std::string attr(xmlNode* n, const char* name) {
   return s;
 }
 
-class ApiTest : public ::testing::Test {
+class ApiTest : public testutil::LibraryTest {
  protected:
   void SetUp() override {
+    LibraryTest::SetUp();
     std::filesystem::copy_file(VEXO_SOURCE_DIR "/data/Final.xsd", dir_.file("Final.xsd"));
     std::filesystem::create_directories(dir_.file("cert/public"));
     testutil::write_file(dir_.file("cert/public/signed_mc.cer"), kCertBytes);
-    ASSERT_EQ(zlog_init("rd.log"), 0);
-    pipe_ = std::make_unique<testutil::PipeReader>(dir_.path());
-    ASSERT_EQ(create_Pipe(), 0);
-
-    rd_identity_update([&](RdIdentity& id) {
-      id.scanner_name = "Aratek_A600";
-      id.prefix = "./";
-      id.dpId = "KORVANE.AR";
-      id.rdsId = "QDX.WIN.002";
-      id.mi = "A600";
+    rd_config_update([&](RdConfig& r) {
+      r.rd_ver = "1.0.2";
+      r.dc = "4f3c1a2b-dc";
     });
-    rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.2"; });
-    rd_config_update([&](RdConfig& r) { r.dc = "4f3c1a2b-dc"; });
     set_device_serial("SN0042");
-    set_rd_status_ready();
-    set_device_detached(0);
-
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
-    semaphore_reset_for_test();
-    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 250; s.handheld_lock_ms = 250; });
     ASSERT_EQ(init_semaphore(), 0);
     area_.assign(kWorkAreaSize, '\0');
-  }
-  void TearDown() override {
-    semaphore_reset_for_test();
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = "/tmp"; });
-    set_rd_status_ready();
-    set_device_detached(0);
-    pipe_.reset();
-    zlog_fini();
   }
 
   // Starts a fresh case: empty last-status line, pipe reopened.
@@ -145,8 +123,6 @@ class ApiTest : public ::testing::Test {
     }
   }
 
-  testutil::WorkDir dir_;
-  std::unique_ptr<testutil::PipeReader> pipe_;
   std::size_t pipe_mark_ = 0;
   std::vector<char> area_;
 };
