@@ -37,6 +37,7 @@
 #include "common/secret.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "rd_core/opj_compress.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/pidblock.h"
@@ -178,29 +179,28 @@ int main(int argc, char** argv) {
       id.rdsId = "QDX.WIN.002";
       id.dpId = "BENCHDP";
       id.mi = "QDX.BEN.A600.W";
+      id.appdata = work + "/appdata";
     });
     rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
     rd_config_update([&](RdConfig& r) { r.dc = "BENCH-DC-0001"; });
     rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.0"; });
     set_device_serial("SIM0000001");
     std::filesystem::create_directory("locks");
-    platform::set_lock_dir_for_test(work + "/locks");
-    set_keystore_node_base_for_test(work + "/appdata");
     platform::Adapter a;
     a.address[0] = 0x02;
     a.address[5] = 0x01;
     a.index = 2;
     a.ethernet = true;
     a.name = a.description = "eth0";
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{a});
+    // The beeps and pauses are for the user; the measurement leaves them out.
+    test_seams::set({.lock_dir = work + "/locks", .adapters = std::vector<platform::Adapter>{a}, .beep_ms = 0u,
+                     .recapture_pause_ms = 0u});
     std::string cert;
     if (init_semaphore() != 0 || GenerateKeyPair(&cert) != 0) die("keystore set-up");
     const std::string refdll = sim::install_refdll(work);
     sim::write_control(refdll, {{"capture_wait_ms", "0"}});
     if (dll_loading(refdll.c_str()) != 0) die("dll_loading");
     aratek_sdk().GlobalInit();
-    // The beeps and pauses are for the user; the measurement leaves them out.
-    set_capture_timing_for_test(CaptureTiming{0, 0, 0, 0, 0});
     if (Lock_Semaphore() != 0) die("scanner lock");
 
     Secret pem;

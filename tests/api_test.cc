@@ -23,6 +23,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
 #include "common/xml_ptr.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -66,42 +67,20 @@ std::string attr(xmlNode* n, const char* name) {
   return s;
 }
 
-class ApiTest : public ::testing::Test {
+class ApiTest : public testutil::LibraryTest {
  protected:
   void SetUp() override {
+    LibraryTest::SetUp();
     std::filesystem::copy_file(VEXO_SOURCE_DIR "/data/Final.xsd", dir_.file("Final.xsd"));
     std::filesystem::create_directories(dir_.file("cert/public"));
     testutil::write_file(dir_.file("cert/public/signed_mc.cer"), kCertBytes);
-    ASSERT_EQ(zlog_init("rd.log"), 0);
-    pipe_ = std::make_unique<testutil::PipeReader>(dir_.path());
-    ASSERT_EQ(create_Pipe(), 0);
-
-    rd_identity_update([&](RdIdentity& id) {
-      id.scanner_name = "Aratek_A600";
-      id.prefix = "./";
-      id.dpId = "KORVANE.AR";
-      id.rdsId = "QDX.WIN.002";
-      id.mi = "A600";
+    rd_config_update([&](RdConfig& r) {
+      r.rd_ver = "1.0.2";
+      r.dc = "4f3c1a2b-dc";
     });
-    rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.2"; });
-    rd_config_update([&](RdConfig& r) { r.dc = "4f3c1a2b-dc"; });
     set_device_serial("SN0042");
-    set_rd_status_ready();
-    set_device_detached(0);
-
-    platform::set_lock_dir_for_test(dir_.path());
-    semaphore_reset_for_test();
-    set_lock_timeouts_for_test(250, 250);
     ASSERT_EQ(init_semaphore(), 0);
     area_.assign(kWorkAreaSize, '\0');
-  }
-  void TearDown() override {
-    semaphore_reset_for_test();
-    platform::set_lock_dir_for_test("/tmp");
-    set_rd_status_ready();
-    set_device_detached(0);
-    pipe_.reset();
-    zlog_fini();
   }
 
   // Starts a fresh case: empty last-status line, pipe reopened.
@@ -111,13 +90,7 @@ class ApiTest : public ::testing::Test {
     pipe_mark_ = pipe_->received().size();
     std::fill(area_.begin(), area_.end(), '\0');
   }
-  bool piped(const std::string& text) {
-    for (int i = 0; i < 300; ++i) {
-      if (pipe_->received().substr(pipe_mark_).find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
+  bool piped(const std::string& text) { return pipe_->wait_for(text, 3000, pipe_mark_); }
   std::string body() const { return std::string(area_.data()); }
   std::string head() const { return std::string(area_.data() + kRespHeaderOffset); }
 
@@ -148,8 +121,6 @@ class ApiTest : public ::testing::Test {
     }
   }
 
-  testutil::WorkDir dir_;
-  std::unique_ptr<testutil::PipeReader> pipe_;
   std::size_t pipe_mark_ = 0;
   std::vector<char> area_;
 };

@@ -40,6 +40,7 @@
 #include "sim_control.h"
 #include "test_crypto.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 #include "common/xml_ptr.h"
 
@@ -48,6 +49,9 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 
+using testutil::child;
+using testutil::content;
+using testutil::Xml;
 using PidMessage = In__Gov__Uidai__Authserver__Protobuf__Pid;
 struct PidFree {
   void operator()(PidMessage* p) const { in__gov__uidai__authserver__protobuf__pid__free_unpacked(p, nullptr); }
@@ -70,51 +74,27 @@ bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts,
   return testcrypto::rsa_sha256_verify(device_key, message, b64(bs));
 }
 
-std::map<std::string, std::string> attributes(xmlNode* node) {
-  std::map<std::string, std::string> out;
-  for (xmlAttr* a = node->properties; a; a = a->next) {
-    xmlChar* v = xmlNodeGetContent(reinterpret_cast<xmlNode*>(a));
-    out[reinterpret_cast<const char*>(a->name)] = v ? reinterpret_cast<const char*>(v) : "";
-    xmlFree(v);
-  }
-  return out;
-}
-
-xmlNode* child(xmlNode* parent, const char* name) {
-  for (xmlNode* c = parent ? parent->children : nullptr; c; c = c->next) {
-    if (c->type == XML_ELEMENT_NODE && std::string(reinterpret_cast<const char*>(c->name)) == name) return c;
-  }
-  return nullptr;
-}
-
-std::string content(xmlNode* node) {
-  xmlChar* v = xmlNodeGetContent(node);
-  std::string s = v ? reinterpret_cast<const char*>(v) : "";
-  xmlFree(v);
-  return s;
-}
-
 // One parsed PidData answer.
 struct PidData {
-  std::unique_ptr<xmlDoc, DocFree> doc;
+  Xml doc;
   std::map<std::string, std::string> resp, device, skey_attrs, data_attrs;
   std::string srno, skey, hmac, data;
 };
 
 PidData parse_pid_data(const std::string& body) {
   PidData p;
-  p.doc.reset(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr, XML_PARSE_NONET));
-  xmlNode* root = p.doc ? xmlDocGetRootElement(p.doc.get()) : nullptr;
+  p.doc = testutil::parse_xml(body);
+  xmlNode* root = testutil::root(p.doc);
   EXPECT_NE(root, nullptr) << body;
   if (!root) return p;
-  p.resp = attributes(child(root, "Resp"));
+  p.resp = testutil::attrs(child(root, "Resp"));
   xmlNode* info = child(root, "DeviceInfo");
-  p.device = attributes(info);
-  p.srno = attributes(child(child(info, "additional_info"), "Param"))["value"];
-  p.skey_attrs = attributes(child(root, "Skey"));
+  p.device = testutil::attrs(info);
+  p.srno = testutil::attrs(child(child(info, "additional_info"), "Param"))["value"];
+  p.skey_attrs = testutil::attrs(child(root, "Skey"));
   p.skey = content(child(root, "Skey"));
   p.hmac = content(child(root, "Hmac"));
-  p.data_attrs = attributes(child(root, "Data"));
+  p.data_attrs = testutil::attrs(child(root, "Data"));
   p.data = content(child(root, "Data"));
   return p;
 }
@@ -123,24 +103,24 @@ class CaptureEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
-    ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir_.path() +
-                           " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm > /dev/null 2>&1")
-                              .c_str()),
-              0);
+    ASSERT_EQ(testutil::init_workdir(dir_.path()).rc, 0);
     refdll_ = dir_.file("RefDll");
     sim::write_control(refdll_, {{"serial", "A600-E2E-7"},
                                  {"capture_wait_ms", "0"},
                                  {"minutiae_count", "33"},
                                  {"quality", "77"}});
     fs::create_directories("locks");
-    platform::set_lock_dir_for_test(dir_.file("locks"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
     platform::Adapter eth;
     eth.address[0] = 0x02;
     eth.address[5] = 0x07;
     eth.ethernet = true;
     eth.index = 2;
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{eth});
-    set_capture_timing_for_test(CaptureTiming{1, 1, 1, 20, 5});
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
+    test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 1u; s.recapture_pause_ms = 20u; });
+    const int first = testutil::reserve_ports(8);
+    ASSERT_NE(first, 0);
+    test_seams::update([&](test_seams::Seams& s) { s.first_port = first; s.last_port = first + 7; });
 
     uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
@@ -162,7 +142,7 @@ class CaptureEndToEnd : public ::testing::Test {
   }
 
   void TearDown() override {
-    platform::set_adapters_for_test(std::nullopt);
+    test_seams::set({});
     unsetenv("APPDATA");
   }
 
@@ -170,7 +150,7 @@ class CaptureEndToEnd : public ::testing::Test {
   std::pair<std::string, std::string> capture(const std::string& pid_options) {
     std::string request = "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
                           std::to_string(pid_options.size()) + "\r\n\r\n" + pid_options;
-    std::string answer = testutil::http_exchange(port_, request, 20000);
+    std::string answer = testutil::http_exchange(port_, request);
     std::size_t split = answer.find("\r\n\r\n");
     EXPECT_NE(split, std::string::npos) << answer;
     if (split == std::string::npos) return {};
@@ -235,17 +215,16 @@ TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
 
   std::string ts;
   Bytes plain = open_pid(p, &ts);
-  std::unique_ptr<xmlDoc, DocFree> pid(
-      xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0));
+  Xml pid = testutil::parse_xml(as_text(plain));
   ASSERT_TRUE(pid) << as_text(plain);
-  xmlNode* root = xmlDocGetRootElement(pid.get());
-  EXPECT_EQ(attributes(root)["ts"], ts);
-  EXPECT_EQ(attributes(root)["ver"], "1.0");
+  xmlNode* root = testutil::root(pid);
+  EXPECT_EQ(testutil::attrs(root)["ts"], ts);
+  EXPECT_EQ(testutil::attrs(root)["ver"], "1.0");
   xmlNode* bios = child(root, "Bios");
-  EXPECT_EQ(attributes(bios)["dih"], expected_dih());
+  EXPECT_EQ(testutil::attrs(bios)["dih"], expected_dih());
   xmlNode* bio = child(bios, "Bio");
   ASSERT_NE(bio, nullptr);
-  auto bio_attrs = attributes(bio);
+  auto bio_attrs = testutil::attrs(bio);
   EXPECT_EQ(bio_attrs["type"], "FMR");
   EXPECT_EQ(bio_attrs["posh"], "LEFT_INDEX");
   Bytes record = b64(content(bio));
@@ -372,7 +351,7 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_rd_status_ready();
-    uidai_certs_reset_for_test();
+    set_uidai_prod_cert_newer(true);
     sim::Keys keys = c.control;
     keys.push_back({"capture_wait_ms", "0"});
     keys.push_back({"serial", "A600-E2E-7"});
@@ -481,11 +460,9 @@ TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
     EXPECT_NE(body.find(std::string("dc=\"") + c.dc_attr + "\""), std::string::npos) << body;
     EXPECT_NE(body.find(std::string("value=\"") + c.serial_attr + "\""), std::string::npos) << body;
     EXPECT_EQ(body.find('\n'), body.size() - 1) << "one line";
-    std::unique_ptr<xmlDoc, DocFree> doc(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr, 0));
+    Xml doc = testutil::parse_xml(body);
     ASSERT_TRUE(doc) << body;
-    xmlChar* dc = xmlGetProp(xmlDocGetRootElement(doc.get()), reinterpret_cast<const xmlChar*>("dc"));
-    EXPECT_STREQ(reinterpret_cast<const char*>(dc), c.dc);
-    xmlFree(dc);
+    EXPECT_EQ(testutil::attrs(testutil::root(doc))["dc"], c.dc);
   }
   rd_config_update([](RdConfig& r) { r.dc.clear(); });
 }
@@ -556,11 +533,10 @@ class ManagementEndToEnd : public CaptureEndToEnd {
   bool signed_under(const PidData& pd, X509* cert, const std::string& dc) {
     std::string ts;
     Bytes plain = open_pid(pd, &ts);
-    std::unique_ptr<xmlDoc, DocFree> pid(xmlReadMemory(reinterpret_cast<const char*>(plain.data()),
-                                                       static_cast<int>(plain.size()), nullptr, nullptr, 0));
-    xmlNode* bio = pid ? child(child(xmlDocGetRootElement(pid.get()), "Bios"), "Bio") : nullptr;
+    Xml pid = testutil::parse_xml(as_text(plain));
+    xmlNode* bio = child(child(testutil::root(pid), "Bios"), "Bio");
     std::unique_ptr<EVP_PKEY, PkeyFree> key(X509_get_pubkey(cert));
-    return bio != nullptr && key && verify_bs(key.get(), b64(content(bio)), ts, dc, attributes(bio)["bs"]);
+    return bio != nullptr && key && verify_bs(key.get(), b64(content(bio)), ts, dc, testutil::attrs(bio)["bs"]);
   }
 
   static X509Ptr signed_mc() {
@@ -883,13 +859,13 @@ TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
     SCOPED_TRACE(r.name);
     if (std::string(r.name) == "no signed certificate") fs::remove("cert/public/signed_mc.cer");
     set_rd_status_ready();
-    platform::set_time_for_test(now + r.hours_later * 3600);
+    test_seams::update([&](test_seams::Seams& s) { s.now = now + r.hours_later * 3600; });
     Step s = init();
     EXPECT_EQ(s.rc, -18);
     EXPECT_EQ(s.action, "INIT_RETRY");
     EXPECT_EQ(s.status, r.status);
   }
-  platform::set_time_for_test(std::nullopt);
+  test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
   set_rd_status_ready();
 }
 

@@ -36,6 +36,7 @@
 #include "test_crypto.h"
 #include "test_util.h"
 #include "common/xml_ptr.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -119,20 +120,20 @@ class CaptureTest : public ::testing::Test {
     rd_config_update([&](RdConfig& r) { r.dc = kDc; });
     rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.0"; });
     set_device_serial("SIM0000001");
-    uidai_certs_reset_for_test();
+    set_uidai_prod_cert_newer(true);
 
     std::filesystem::create_directory(work_.file("locks"));
-    platform::set_lock_dir_for_test(work_.file("locks"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = work_.file("locks"); });
     semaphore_reset_for_test();
     ASSERT_EQ(init_semaphore(), 0);
-    set_keystore_node_base_for_test(work_.file("appdata"));
+    rd_identity_update([&](RdIdentity& id) { id.appdata = work_.file("appdata"); });
     platform::Adapter a;
     const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
     std::copy(std::begin(mac), std::end(mac), a.address);
     a.index = 2;
     a.ethernet = true;
     a.name = a.description = "eth0";
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{a});
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{a}; });
     ASSERT_EQ(GenerateKeyPair(&device_cert_), 0) << log();
     device_key_ = public_key_of(device_cert_);
     ASSERT_TRUE(device_key_);
@@ -142,22 +143,21 @@ class CaptureTest : public ::testing::Test {
     int g = aratek_sdk().GlobalInit();
     ASSERT_TRUE(g == 0 || g == ARAFPSCAN_ERROR_ALREADY_INIT) << g;
     // No beeps or pauses unless a case asks for them.
-    set_capture_timing_for_test(CaptureTiming{0, 0, 0, 0, 0});
+    test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 0u; s.recapture_pause_ms = 0u; });
     // The capture runs under the scanner lock, as a request holds it.
     ASSERT_EQ(Lock_Semaphore(), 0);
   }
 
   void TearDown() override {
     Unlock_Semaphore();
-    set_capture_timing_for_test(CaptureTiming{});
+    test_seams::set({});
     sim::remove_control(refdll_);
     std::error_code ec;
     std::filesystem::remove(refdll_ + "/sim_calls.log", ec);
     semaphore_reset_for_test();
-    platform::set_lock_dir_for_test("/tmp");
-    platform::set_adapters_for_test(std::nullopt);
-    set_keystore_node_base_for_test("");
-    uidai_certs_reset_for_test();
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = "/tmp"; });
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
+    set_uidai_prod_cert_newer(true);
     zlog_fini();
     pipe_.reset();
   }
@@ -192,15 +192,7 @@ class CaptureTest : public ::testing::Test {
   std::string refdll_;
 };
 
-TEST_F(CaptureTest, DefaultTimingAndWaitRule) {
-  set_capture_timing_for_test(CaptureTiming{});
-  const CaptureTiming t = capture_timing();
-  EXPECT_EQ(t.prompt_beep_ms, 500u);
-  EXPECT_EQ(t.accepted_beep_ms, 900u);
-  EXPECT_EQ(t.low_quality_beep_ms, 900u);
-  EXPECT_EQ(t.recapture_pause_ms, 1500u);
-  EXPECT_EQ(t.between_fingers_ms, 5u);
-
+TEST_F(CaptureTest, WaitRule) {
   struct Case {
     int given, timeout, seconds;
   } cases[] = {{0, 0, 20}, {0, 5000, 20}, {1, 10000, 10}, {1, 999, 0}, {1, 1999, 1},
@@ -213,7 +205,7 @@ TEST_F(CaptureTest, DefaultTimingAndWaitRule) {
   }
 
   // Through a capture: the wait is logged and the request's time-out is used up.
-  set_capture_timing_for_test(CaptureTiming{0, 0, 0, 0, 0});
+  test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 0u; s.recapture_pause_ms = 0u; });
   script({});
   PidOptionsRequest r = make_request(1, 0, {"UNKNOWN"});
   r.timeout_given = 1;
@@ -318,7 +310,7 @@ TEST_F(CaptureTest, LowNfiqIsCapturedAgainUpToThreeTimes) {
 
   // Three NFIQ 4 images: -1 after two pauses.
   const unsigned kPause = 150;
-  set_capture_timing_for_test(CaptureTiming{0, 0, 0, kPause, 0});
+  test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 0u; s.recapture_pause_ms = kPause; });
   script({{"nfiq_scores", "4,5,4,2"}});
   const std::uint64_t start = platform::monotonic_ms();
   EXPECT_EQ(FP_Cap(&fingers, r, kTs), -1);

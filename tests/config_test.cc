@@ -23,6 +23,7 @@
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
@@ -74,8 +75,8 @@ class ConfigTest : public ::testing::Test {
     rd_log_reset_for_test();
     rd_config_update([&](RdConfig& r) { r = RdConfig(); });
     rd_set_verbose(0);
-    platform::set_lock_dir_for_test(dir_.path());
-    set_lock_timeouts_for_test(200, 200);
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
+    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 200; s.handheld_lock_ms = 200; });
     semaphore_reset_for_test();
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     ASSERT_EQ(init_semaphore(), 0);
@@ -394,7 +395,7 @@ TEST_F(ConfigTest, ChangeOfDcSurvivesAKillAtEveryStep) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-      platform::set_crash_point_for_test(point);
+      test_seams::update([&](test_seams::Seams& s) { s.crash_countdown = point; });
       if (write_config_file("NEW-DC") == 0) seal_config_file();
       _exit(0);
     }

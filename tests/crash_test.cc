@@ -28,6 +28,7 @@
 #include "semaphore/device_lock.h"
 #include "sim_control.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace fs = std::filesystem;
@@ -68,13 +69,10 @@ class CrashTest : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
-    ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir_.path() + " --scanner " +
-                           kScanner + " --mgmt-url https://mgmt.test/Zelm --tls > /dev/null 2>&1")
-                              .c_str()),
-              0);
+    ASSERT_EQ(testutil::init_workdir(dir_.path(), kScanner, {"--tls"}).rc, 0);
     sim::write_control(dir_.file("RefDll"), {{"serial", kSerial}, {"capture_wait_ms", "0"}});
     fs::create_directories("locks");
-    platform::set_lock_dir_for_test(dir_.file("locks"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
   }
   void TearDown() override { unsetenv("APPDATA"); }
 
@@ -88,7 +86,7 @@ class CrashTest : public ::testing::Test {
       before_each();
       const int status = in_child([&] {
         if (prepare() != 0) return -1;
-        platform::set_crash_point_for_test(point);
+        test_seams::update([&](test_seams::Seams& s) { s.crash_countdown = point; });
         return work();
       });
       if (succeeded(status)) break;

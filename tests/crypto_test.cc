@@ -34,6 +34,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "test_crypto.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
@@ -85,14 +86,14 @@ class CryptoTest : public ::testing::Test {
   void SetUp() override {
     rd_log_reset_for_test();
     ASSERT_EQ(zlog_init("rd.log"), 0);
-    uidai_certs_reset_for_test();
+    set_uidai_prod_cert_newer(true);
     rd_config_update([](RdConfig& r) { r.mgmt_url_register.clear(); });
     rd_config_update([](RdConfig& r) { r.prod_register_url.clear(); });
   }
   void TearDown() override {
     zlog_fini();
-    uidai_certs_reset_for_test();
-    platform::set_time_for_test(std::nullopt);
+    set_uidai_prod_cert_newer(true);
+    test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
     rd_log_reset_for_test();
   }
   // Places the test certificates as the working-folder copies.
@@ -411,7 +412,7 @@ TEST_F(CryptoTest, CaptureTimestampIsIst) {
       {-1, -1, ""},
   };
   for (const Case& c : cases) {
-    platform::set_time_for_test(c.now);
+    test_seams::update([&](test_seams::Seams& s) { s.now = c.now; });
     std::string ts = "stale";
     EXPECT_EQ(capture_timestamp(&ts), c.rc);
     EXPECT_EQ(ts, c.ts);
@@ -499,14 +500,14 @@ class BioSignTest : public CryptoTest {
     CryptoTest::SetUp();
     std::filesystem::create_directories("locks");
     std::filesystem::create_directories("node");
-    platform::set_lock_dir_for_test(dir_.file("locks"));
-    set_keystore_node_base_for_test(dir_.file("node"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
+    rd_identity_update([&](RdIdentity& r) { r.appdata = dir_.file("node"); });
     platform::Adapter nic;
     const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
     std::copy(mac, mac + 6, nic.address);
     nic.ethernet = true;
     nic.name = "eth0";
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{nic});
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{nic}; });
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.002"; });
     rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
@@ -515,7 +516,7 @@ class BioSignTest : public CryptoTest {
     ASSERT_EQ(init_semaphore(), 0);
   }
   void TearDown() override {
-    platform::set_adapters_for_test(std::nullopt);
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
     semaphore_reset_for_test();
     CryptoTest::TearDown();
   }

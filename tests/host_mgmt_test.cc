@@ -5,17 +5,11 @@
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <memory>
-#include <mutex>
-#include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/Base64.h"
@@ -32,80 +26,20 @@ using mgmttest::run_command;
 
 const std::string kSerial = "A600-HOST-1";
 
-// vexo-host as a child process; its standard output and error are collected
-// by a thread of the test. SIGTERM and a wait on destruction.
-class Host {
+// vexo-host for the scanner of workdir, its output collected; retries after
+// 200 ms (the real pauses: HostHelp below).
+class Host : public testutil::Child {
  public:
-  Host(const std::string& workdir, const std::vector<std::string>& options) {
-    int out[2];
-    if (pipe(out) != 0) return;
-    const std::string program = std::string(VEXO_BUILD_DIR) + "/vexo-host";
-    std::vector<std::string> args = {program, "--workdir", workdir};
-    args.insert(args.end(), options.begin(), options.end());
-    args.push_back("Aratek_A600");
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const std::string appdata = workdir + "/appdata";
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      dup2(out[1], STDERR_FILENO);
-      close(out[0]);
-      close(out[1]);
-      setenv("APPDATA", appdata.c_str(), 1);
-      setenv("VEXO_HOST_TEST_RETRY_BASE_MS", "200", 1);
-      execv(program.c_str(), argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    reader_ = std::thread([this, fd = out[0]] {
-      char buf[4096];
-      for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        output_.append(buf, static_cast<std::size_t>(n));
-      }
-      close(fd);
-    });
-  }
-  ~Host() {
-    stop();
-    if (reader_.joinable()) reader_.join();
-  }
-  Host(const Host&) = delete;
-  Host& operator=(const Host&) = delete;
-
-  std::string output() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return output_;
-  }
-  // Waits until the output holds needle `count` times.
-  bool wait_for(const std::string& needle, int timeout_ms = 10000, int count = 1) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (testutil::count_of(output(), needle) < count) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-  }
-  void signal(int sig) { kill(pid_, sig); }
-  // SIGTERM and the exit status (-1 when it did not exit normally).
-  int stop() {
-    if (pid_ <= 0) return exit_status_;
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return exit_status_;
-  }
+  Host(const std::string& workdir, std::vector<std::string> options)
+      : Child(args(workdir, std::move(options)),
+              {"APPDATA=" + workdir + "/appdata", "VEXO_HOST_TEST_RETRY_BASE_MS=200"}) {}
 
  private:
-  pid_t pid_ = -1;
-  int exit_status_ = -1;
-  std::thread reader_;
-  std::mutex mutex_;
-  std::string output_;
+  static std::vector<std::string> args(const std::string& workdir, std::vector<std::string> options) {
+    options.insert(options.begin(), {testutil::program("vexo-host"), "--workdir", workdir});
+    options.push_back("Aratek_A600");
+    return options;
+  }
 };
 
 
@@ -132,10 +66,7 @@ class HostMgmt : public ::testing::Test {
     server_ = std::make_unique<mgmttest::Server>(true);
     ASSERT_GT(server_->port(), 0) << server_->log();
     device_ = dir_.file("device");
-    ASSERT_EQ(0, std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + device_ +
-                              " --scanner Aratek_A600 --mgmt-url " + server_->base() + " --mgmt-ca " + kMgmtData +
-                              "/ca.crt > /dev/null")
-                                 .c_str()));
+    ASSERT_EQ(testutil::init_workdir(device_, "Aratek_A600", {"--mgmt-ca", kMgmtData + "/ca.crt"}, server_->base()).rc, 0);
     fs::create_directories(device_ + "/appdata");
     set_serial(kSerial);
   }
@@ -145,15 +76,7 @@ class HostMgmt : public ::testing::Test {
   }
 
   // The port the service of the latest host run listens on, from its run log.
-  int service_port() {
-    const std::string log = testutil::read_file(device_ + "/rd.log");
-    const std::regex listening(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))");
-    int port = 0;
-    for (auto it = std::sregex_iterator(log.begin(), log.end(), listening); it != std::sregex_iterator(); ++it) {
-      port = std::stoi((*it)[1]);
-    }
-    return port;
-  }
+  int service_port() { return testutil::logged_port(device_ + "/rd.log"); }
 
   testutil::WorkDir dir_;
   std::unique_ptr<mgmttest::Server> server_;
@@ -165,7 +88,8 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     // --no-mgmt: the service runs and the server hears nothing.
     Host quiet(device_, {"--no-mgmt"});
     ASSERT_TRUE(quiet.wait_for("Start_RDservice returned 0\n")) << quiet.output();
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_NE(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n").find("status=\"READY\""),
+              std::string::npos);
     EXPECT_EQ(quiet.stop(), 0);
     EXPECT_EQ(quiet.output().find("mgmt:"), std::string::npos) << quiet.output();
     EXPECT_EQ(server_->log().find("/rest/"), std::string::npos) << server_->log();
@@ -256,13 +180,9 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
 
 // The real pauses and poll period, as the program states them.
 TEST(HostHelp, StatesTheRealPollAndRetryValues) {
-  const std::string cmd = std::string(VEXO_BUILD_DIR) + "/vexo-host --help 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  ASSERT_NE(p, nullptr);
-  std::string text;
-  char buf[512];
-  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
-  EXPECT_EQ(pclose(p), 0);
+  const testutil::Run help = testutil::run({testutil::program("vexo-host"), "--help"});
+  EXPECT_EQ(help.rc, 0);
+  const std::string& text = help.out;
   EXPECT_NE(text.find("every --mgmt-poll seconds (default 21600)"), std::string::npos) << text;
   EXPECT_NE(text.find("retried after 30 s, doubling up to 3600 s"), std::string::npos) << text;
 }

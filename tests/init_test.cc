@@ -26,6 +26,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
@@ -63,25 +64,29 @@ class StartupTest : public ::testing::Test {
     refdll_ = dir_.file("RefDll");
     sim::write_control(refdll_, {{"serial", "SERIAL-A"}, {"capture_wait_ms", "0"}});
     fs::create_directories(dir_.file("locks"));
-    platform::set_lock_dir_for_test(dir_.file("locks"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
     platform::Adapter eth;
     const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
     std::copy(mac, mac + 6, eth.address);
     eth.index = 2;
     eth.ethernet = true;
     eth.name = "eth0";
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{eth});
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
+    first_port_ = testutil::reserve_ports(8);
+    ASSERT_NE(first_port_, 0);
+    test_seams::update([&](test_seams::Seams& s) { s.first_port = first_port_; s.last_port = first_port_ + 7; });
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     fs::create_directories(dir_.file("appdata"));
   }
 
   void TearDown() override {
     zlog_fini();
-    platform::set_adapters_for_test(std::nullopt);
+    test_seams::set({});
     unsetenv("APPDATA");
   }
 
   testutil::WorkDir dir_;
+  int first_port_ = 0;  // the service's range: first_port_ .. first_port_ + 7
   testutil::PipeReader pipe_{dir_.path()};
   std::string refdll_;
 };
@@ -219,7 +224,7 @@ TEST_F(StartupTest, ClosesTheProcessAndPlacesTheLocksAsConfigured) {
   const std::string locks = dir_.file("mylocks");
   fs::create_directories(locks);
   add_settings("LOCK_FOLDER = " + locks + "\n");
-  platform::set_lock_dir_for_test("");
+  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = ""; });
   const std::string lock = locks + "/Global_QDX_WIN_010.lock";
   ASSERT_EQ(symlink(dir_.file("config.ini").c_str(), lock.c_str()), 0);
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
@@ -268,9 +273,9 @@ const FailureCase kFailureCases[] = {
     {"ProxyWithoutUrl",
      [](const std::string&) { testutil::write_file("proxy.ini", "[config]\nusername = u\npassword = \n"); },
      "Aratek_A600", -13, ""},
-    {"SerialNotOpened", [](const std::string&) { platform::set_write_fault_for_test(platform::WriteFault::kOpen); },
+    {"SerialNotOpened", [](const std::string&) { test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kOpen; }); },
      "Aratek_A600", -8, ""},
-    {"SerialNotWritten", [](const std::string&) { platform::set_write_fault_for_test(platform::WriteFault::kWrite); },
+    {"SerialNotWritten", [](const std::string&) { test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kWrite; }); },
      "Aratek_A600", -7, ""},
 };
 
@@ -299,7 +304,7 @@ TEST_P(StartupFailureTest, ReturnsItsCode) {
               std::string::npos);
     EXPECT_FALSE(fs::exists("Serial_number"));
   }
-  platform::set_write_fault_for_test(platform::WriteFault::kNone);
+  test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kNone; });
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureCases),
@@ -385,8 +390,7 @@ TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
   ASSERT_EQ(Start_RDservice(), 0) << testutil::last_status();
   EXPECT_NE(testutil::last_status().find("RD service started successfully"), std::string::npos);
   const int port = service_port();
-  ASSERT_GE(port, 11100);
-  ASSERT_LE(port, 11120);
+  ASSERT_EQ(port, first_port_);
   const std::string request = "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
   std::string answer = testutil::http_exchange(port, request);
   EXPECT_NE(answer.find("<RDService status=\"READY\" info=\"Korvane RD service(QDX.ARA.A600.W) is running\">"),
@@ -529,15 +533,10 @@ TEST(HostProcessTest, RefusesAFifoPathTakenByAnother) {
     const std::string path = folder + "/qdx.win.002";
     ASSERT_TRUE(testutil::as_other_user([&] { return row.plant(path); }));
     const int mode = testutil::mode_of(path);
-    const std::string cmd =
-        std::string(VEXO_BUILD_DIR) + "/vexo-host --status-pipe-dir " + folder + " --no-mgmt Aratek_A600 2>&1";
-    FILE* out = popen(cmd.c_str(), "r");
-    ASSERT_NE(out, nullptr);
-    std::string text;
-    char buf[512];
-    for (std::size_t got; (got = fread(buf, 1, sizeof buf, out)) > 0;) text.append(buf, got);
-    const int status = pclose(out);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << text;
+    const testutil::Run host =
+        testutil::run({testutil::program("vexo-host"), "--status-pipe-dir", folder, "--no-mgmt", "Aratek_A600"});
+    const std::string& text = host.out;
+    EXPECT_EQ(host.rc, 1) << text;
     EXPECT_EQ(text.rfind("vexo-host: status FIFO " + path + ": ", 0), 0u) << text;
     EXPECT_EQ(testutil::mode_of(path), mode);
   }

@@ -30,6 +30,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "common/openssl_ptr.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -89,22 +90,21 @@ class KeystoreTest : public ::testing::Test {
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.002"; });
     rd_identity_update([&](RdIdentity& r) { r.prefix = "./"; });
-    rd_identity_update([](RdIdentity& r) { r.appdata.clear(); });
     rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
     std::filesystem::create_directory(work_.file("locks"));
-    platform::set_lock_dir_for_test(work_.file("locks"));
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = work_.file("locks"); });
     semaphore_reset_for_test();
     ASSERT_EQ(init_semaphore(), 0);
-    set_keystore_node_base_for_test(work_.file("appdata"));
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)});
+    rd_identity_update([&](RdIdentity& r) { r.appdata = work_.file("appdata"); });
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)}; });
   }
 
   void TearDown() override {
     semaphore_reset_for_test();
-    platform::set_lock_dir_for_test("/tmp");
-    platform::set_adapters_for_test(std::nullopt);
-    platform::set_time_for_test(std::nullopt);
-    set_keystore_node_base_for_test("");
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = "/tmp"; });
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
+    test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
+    test_seams::set({});
     zlog_fini();
     pipe_.reset();
   }
@@ -202,13 +202,14 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
        -1, {"key tamper detected", "Key rotation function failed"}, true, nullptr},
       {"recorded adapter gone",
        [](KeystoreTest*) {
-         platform::set_adapters_for_test(std::vector<platform::Adapter>{make_adapter(2, kMacC), make_adapter(5, kMacB)});
+         test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacC), make_adapter(5, kMacB)}; });
        },
        -1, {"PD didn't match", "Key rotation function failed"}, true, nullptr},
       {"recorded adapter now listed last",
        [](KeystoreTest*) {
-         platform::set_adapters_for_test(std::vector<platform::Adapter>{
-             make_adapter(1, kMacC), make_adapter(2, kMacB), make_adapter(3, kMacA)});
+         test_seams::update([&](test_seams::Seams& s) {
+           s.adapters = std::vector<platform::Adapter>{make_adapter(1, kMacC), make_adapter(2, kMacB), make_adapter(3, kMacA)};
+         });
        },
        0, {}, false, nullptr},
       {"key.hash edited",
@@ -237,7 +238,7 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
        {"Error at to open pd_file application"}, false, nullptr},
       {"key.hash deleted", [](KeystoreTest*) { std::remove("keystore/key.hash"); }, -1,
        {"Failed to open private key validation info"}, false, "10000|File not found ./keystore/key.hash\n"},
-      {"no adapters", [](KeystoreTest*) { platform::set_adapters_for_test(std::vector<platform::Adapter>{}); }, -1,
+      {"no adapters", [](KeystoreTest*) { test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{}; }); }, -1,
        {"iCount is <= 0", "Unable to get MAC ID"}, false, nullptr},
   };
   // Key generation is slow, so a case starts from a copy of one keystore; only
@@ -245,25 +246,27 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
   const char* const kFiles[] = {"keystore/enc_private_key", "keystore/key.hash", "keystore/pdHash.hash",
                                 "last_acces_time_file"};
   std::vector<std::string> saved;
-  struct stat saved_key {}, saved_node {};
+  struct stat saved_node {};
+  // Each case starts from the key file's times set to one fixed second and the
+  // stamp recording it, so that no read of the test and no tick of the clock
+  // between two calls can move them.
+  constexpr std::uint32_t kStamp = 1700000000;
+  const timespec kTimes[2] = {{kStamp, 0}, {kStamp, 0}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    platform::set_adapters_for_test(std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)});
+    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)}; });
     struct stat node {};
     if (saved.empty() || ::stat(node_file().c_str(), &node) != 0 || node.st_ino != saved_node.st_ino) {
       std::string cert;
       ASSERT_EQ(GenerateKeyPair(&cert), 0) << log();
-      // The key's access time before this test reads it: that read may move
-      // it (relatime) past the stamp the keystore recorded.
-      ASSERT_EQ(::stat("keystore/enc_private_key", &saved_key), 0);
       saved.clear();
       for (const char* f : kFiles) saved.push_back(testutil::read_file(f));
+      saved.back() = std::string({static_cast<char>(kStamp), static_cast<char>(kStamp >> 8),
+                                  static_cast<char>(kStamp >> 16), static_cast<char>(kStamp >> 24)});
       ASSERT_EQ(::stat(node_file().c_str(), &saved_node), 0);
-    } else {
-      for (std::size_t i = 0; i < saved.size(); ++i) testutil::write_file(kFiles[i], saved[i]);
     }
-    timespec times[2] = {saved_key.st_atim, {0, UTIME_OMIT}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, kFiles[0], times, 0), 0);
+    for (std::size_t i = 0; i < saved.size(); ++i) testutil::write_file(kFiles[i], saved[i]);
+    ASSERT_EQ(::utimensat(AT_FDCWD, kFiles[0], kTimes, 0), 0);
     c.disturb(this);
     const std::size_t log_start = log().size();
 
@@ -333,7 +336,7 @@ TEST_F(KeystoreTest, UnknownRdsIdFailsWithoutRotation) {
 
 TEST_F(KeystoreTest, CertificateFieldsReadBack) {
   const std::time_t pinned = 1700000000;
-  platform::set_time_for_test(pinned);
+  test_seams::update([&](test_seams::Seams& s) { s.now = pinned; });
   std::string pem;
   ASSERT_EQ(GenerateKeyPair(&pem), 0);
   EXPECT_NE(log().find("cert expiration mins = 1440"), std::string::npos);
@@ -397,25 +400,12 @@ TEST_F(KeystoreTest, AdaptersAndNodeBase) {
   Mac mac{};
   ASSERT_EQ(GetMAC(&mac), 0);
   EXPECT_EQ(mac, kMacA);
-  platform::set_adapters_for_test(std::vector<platform::Adapter>{});
+  test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{}; });
   EXPECT_EQ(GetAdapterID(&ids), 0);
   EXPECT_TRUE(ids.empty());
   EXPECT_EQ(GetMAC(&mac), -1);
 
-  // The system's own list: index order, no loopback, no all-zero address.
-  platform::set_adapters_for_test(std::nullopt);
-  std::vector<platform::Adapter> real;
-  ASSERT_EQ(platform::list_adapters(&real), 0);
-  for (std::size_t i = 0; i < real.size(); ++i) {
-    EXPECT_NE(real[i].name, "lo");
-    EXPECT_FALSE(std::all_of(real[i].address, real[i].address + 6, [](std::uint8_t b) { return b == 0; }));
-    if (i > 0) {
-      EXPECT_LT(real[i - 1].index, real[i].index);
-    }
-  }
-
   // Without the seam the base is APPDATA as start-up read it, else the platform's folder.
-  set_keystore_node_base_for_test("");
   rd_identity_update([&](RdIdentity& r) { r.appdata = "/srv/appdata"; });
   EXPECT_EQ(keystore_node_base(), "/srv/appdata");
   EXPECT_EQ(keystore_node_file("QDX.WIN.001"), "/srv/appdata/korvane/QDX.WIN.001/Vexo_001_Node.txt");

@@ -1,15 +1,13 @@
 // Resident memory of the process hosting the listener while many connections
 // wait for their requests. A program of its own, so that the allocator
 // settings below apply to it alone.
-#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "front_test_util.h"
+#include "common/rd_log.h"
+#include "test_util.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define VEXO_TEST_ASAN 1
@@ -28,11 +26,21 @@ extern "C" __attribute__((visibility("default"), used)) const char* __asan_defau
 }
 #endif
 
-using namespace fronttest;
+using namespace testutil;
 
 namespace {
 
-using ListenerMemoryTest = FrontTest;
+// Resident memory of this process in bytes, 0 when unreadable.
+std::size_t resident_bytes() {
+  std::FILE* f = std::fopen("/proc/self/statm", "r");
+  if (f == nullptr) return 0;
+  unsigned long size = 0, resident = 0;
+  const int n = std::fscanf(f, "%lu %lu", &size, &resident);
+  std::fclose(f);
+  return n == 2 ? resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) : 0;
+}
+
+using ListenerMemoryTest = LibraryTest;
 
 // A waiting connection costs only the memory it writes, not its 3 MB work
 // area. Two waves of 200 (the second reusing what the first gave back, after a
@@ -41,43 +49,36 @@ using ListenerMemoryTest = FrontTest;
 TEST_F(ListenerMemoryTest, WaitingConnectionsCostLittleMemory) {
   constexpr int kConnections = 200;
   constexpr std::size_t kBound = 60u << 20;
-  set_accept_pause_ms_for_test(0);
-  int port = start_server();
+  seams([](Seams& s) { s.accept_pause_ms = 0u; });
+  rd_set_verbose(1);  // each connection thread logs once it holds its work area
+  const int port = start_server();
   ASSERT_NE(port, 0);
-  ASSERT_EQ(round_trip(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
-  // Waits until the log holds count lines with text after offset.
-  auto wait_count = [](const std::string& text, int count, std::size_t offset) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (testutil::count_of(log_text().substr(offset), text) < count) {
-      if (std::chrono::steady_clock::now() >= end) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+  ASSERT_EQ(http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
+  auto logged = [](const std::string& text, int count, std::size_t offset) {
+    return wait_until([&] { return count_of(log_text().substr(offset), text) >= count; });
   };
   const std::size_t before = resident_bytes();
   ASSERT_GT(before, 0u);
   for (int wave = 0; wave < 2; ++wave) {
     SCOPED_TRACE(wave);
-    std::size_t offset = log_text().size();
+    const std::size_t offset = log_text().size();
     std::vector<int> clients;
     for (int i = 0; i < kConnections; ++i) {
-      int s = connect_to(port);
+      const int s = connect_to(port);
       ASSERT_GE(s, 0);
       clients.push_back(s);
       // Half stay silent, half send the start of a request line.
       if (i % 2 == 1) (void)::send(s, "RDS", 3, MSG_NOSIGNAL);
       // One at a time: a full backlog of 5 would drop the next connection
       // attempt and cost a second's retransmission.
-      ASSERT_TRUE(wait_count("Entered inside process_incoming_message", i + 1, offset));
+      ASSERT_TRUE(logged("Going for recv_thru_tcp_socket", i + 1, offset));
     }
-    // Each thread takes its work area right after that line.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    std::size_t during = resident_bytes();
+    const std::size_t during = resident_bytes();
     EXPECT_LT(during, before + kBound) << "grew by " << (during - before) / 1024 << " KiB";
     std::printf("wave %d: resident %zu KiB before, %zu KiB with %d connections waiting\n", wave, before / 1024,
                 during / 1024, kConnections);
     for (int s : clients) ::close(s);
-    ASSERT_TRUE(wait_count("Returning from process_incoming_message", kConnections, offset));
+    ASSERT_TRUE(logged("Returning from process_incoming_message", kConnections, offset));
   }
 }
 

@@ -16,6 +16,7 @@
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -24,8 +25,8 @@ constexpr unsigned kShortMs = 300;
 class LockTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::set_lock_dir_for_test(dir_.path());
-    set_lock_timeouts_for_test(kShortMs, kShortMs);
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
+    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = kShortMs; s.handheld_lock_ms = kShortMs; });
     semaphore_reset_for_test();
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
   }
@@ -47,19 +48,6 @@ int in_child(Fn fn) {
   int status = 0;
   waitpid(pid, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-TEST(LockDefaults, RealTimeoutsAndLockFolder) {
-  EXPECT_EQ(lock_timeout_ms(), 20000u);
-  EXPECT_EQ(tavio_lock_timeout_ms(), 2000u);
-  // The package's folder when it exists, else the system's temporary folder;
-  // the configured folder wins over both, and a test's over that.
-  EXPECT_EQ(platform::lock_dir(), std::filesystem::is_directory("/run/vexo") ? "/run/vexo" : "/tmp");
-  platform::set_lock_dir("/var/lock/vexo");
-  EXPECT_EQ(platform::lock_dir(), "/var/lock/vexo");
-  EXPECT_EQ(platform::named_lock_path("Global\\QDX_WIN_010"), "/var/lock/vexo/Global_QDX_WIN_010.lock");
-  platform::set_lock_dir_for_test("/x");
-  EXPECT_EQ(platform::lock_dir(), "/x");
 }
 
 // Another user plants things at the lock path before the service starts:
@@ -88,7 +76,7 @@ TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string folder = testutil::shared_folder(dir_, "s" + std::to_string(n++));
-    platform::set_lock_dir_for_test(folder);
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = folder; });
     semaphore_reset_for_test();
     const std::string lock = folder + "/Global_QDX_WIN_010.lock";
     const std::string other = folder + "/other";
@@ -109,7 +97,7 @@ TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
   }
   // A file made here is shared with every user, whatever the umask.
   const std::string folder = testutil::shared_folder(dir_, "fresh");
-  platform::set_lock_dir_for_test(folder);
+  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = folder; });
   semaphore_reset_for_test();
   ASSERT_EQ(init_semaphore(), 0);
   EXPECT_EQ(testutil::mode_of(folder + "/Global_QDX_WIN_010.lock"), 0666);
@@ -217,7 +205,7 @@ TEST_F(LockTest, ThreadsExcludeEachOtherAndAnyThreadReleases) {
   EXPECT_EQ(released, 0);
   // A waiter is woken by a release from another thread before its time-out.
   ASSERT_EQ(Lock_Semaphore(), 0);
-  set_lock_timeouts_for_test(5000, kShortMs);
+  test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 5000; s.handheld_lock_ms = kShortMs; });
   std::uint64_t start = platform::monotonic_ms();
   std::thread waiter([&] { second = Lock_Semaphore(); });
   platform::sleep_ms(100);

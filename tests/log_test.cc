@@ -18,6 +18,7 @@
 #include "common/rd_status.h"
 #include "platform/platform.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
@@ -33,14 +34,14 @@ class LogTest : public ::testing::Test {
   }
   void TearDown() override {
     zlog_fini();
-    platform::set_time_for_test(std::nullopt);
+    test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
     rd_log_reset_for_test();
   }
   testutil::WorkDir dir_;
 };
 
 TEST_F(LogTest, LinesCarryIstTimeLevelFileFunctionAndLine) {
-  platform::set_time_for_test(0);  // 1970-01-01 00:00:00 UTC
+  test_seams::update([&](test_seams::Seams& s) { s.now = 0; });  // 1970-01-01 00:00:00 UTC
   const unsigned info_line = __LINE__ + 1;
   RD_INFO("socket is bound on port: %hd", static_cast<short>(11100));
   const unsigned error_line = __LINE__ + 1;
@@ -68,11 +69,11 @@ TEST_F(LogTest, UnreadableClockWritesNoTimestampAndKeepsLastStatus) {
   EXPECT_EQ(Get_Last_RDservice_Status(buf), 0);
   EXPECT_STREQ(buf, "");  // nothing reported yet
 
-  platform::set_time_for_test(0);
+  test_seams::update([&](test_seams::Seams& s) { s.now = 0; });
   EXPECT_EQ(RD_STATUS("Listen error "), 0);
   EXPECT_EQ(testutil::last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
 
-  platform::set_time_for_test(static_cast<std::time_t>(-1));
+  test_seams::update([&](test_seams::Seams& s) { s.now = static_cast<std::time_t>(-1); });
   EXPECT_EQ(RD_STATUS("other"), -1);
   EXPECT_EQ(testutil::last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
   RD_INFO("no clock");
@@ -254,18 +255,6 @@ TEST_F(LogTest, ErrorLogAppendsUnchanged) {
   write_error_log("zlog_init failed\n");
   write_error_log("second\n");
   EXPECT_EQ(read_file("Vexo_Error.log"), "zlog_init failed\nsecond\n");
-}
-
-TEST(StatusTest, TextsCarryTheirQuotes) {
-  EXPECT_STREQ(get_rd_status(), "\"READY\"");  // zero at load
-  set_rd_status_used();
-  EXPECT_STREQ(get_rd_status(), "\"USED\"");
-  set_rd_status_notready();
-  EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");
-  set_rd_status_ready();
-  EXPECT_EQ(get_rd_status_index(), 0u);
-  set_device_serial("A600-1");
-  EXPECT_EQ(get_device_serial(), "A600-1");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <random>
 #include <regex>
 #include <string>
@@ -21,6 +22,7 @@
 #include "common/hash.h"
 #include "mgmt_server_util.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -57,10 +59,6 @@ Strings matches(const std::string& text, const std::string& pattern) {
   return out;
 }
 
-std::string read_or_empty(const std::string& path) {
-  return std::filesystem::exists(path) ? testutil::read_file(path) : std::string();
-}
-
 class DownloadTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -80,9 +78,8 @@ class DownloadTest : public ::testing::Test {
     testutil::write_file("cert/server.crt", testutil::read_file(kMgmtData + "/ca.crt"));
   }
   void TearDown() override {
-    set_download_chunk_delay_for_test(0);
-    set_download_timeouts_for_test(0);
-    EXPECT_TRUE(wait_download_idle_for_test(30000));
+    test_seams::update([&](test_seams::Seams& s) { s.download_timeout_s = std::nullopt; });
+    EXPECT_TRUE(testutil::wait_until([] { return !download_running(); }, 30000));
     zlog_fini();
   }
 
@@ -102,15 +99,6 @@ class DownloadTest : public ::testing::Test {
   // The run log's new part since it had `since` bytes.
   static std::string log_since(std::size_t since) { return testutil::read_file("rd.log").substr(since); }
   static std::size_t log_size() { return testutil::read_file("rd.log").size(); }
-  // Waits until text arrived on the status pipe after its first `since` bytes.
-  bool pipe_got_since(const std::string& since, const std::string& text) {
-    for (int i = 0; i < 300; ++i) {
-      if (pipe_.received().find(text, since.size()) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-
   testutil::WorkDir dir_;
   testutil::PipeReader pipe_{dir_.path()};
 };
@@ -170,7 +158,7 @@ TEST_F(DownloadTest, FreshDownloadFetchesExactRanges) {
               std::string::npos)
         << testutil::last_status();
     const std::string pipe_text = "10000|Software download is in progress:|Size of .exe file is " + size_text + " byte\n";
-    EXPECT_TRUE(pipe_got_since(pipe_before, pipe_text)) << pipe_.received();
+    EXPECT_TRUE(pipe_.wait_for(pipe_text, 5000, pipe_before.size())) << pipe_.received();
   }
 }
 
@@ -273,7 +261,7 @@ TEST_F(DownloadTest, ChecksumMismatchLeavesCompletedAndStartsAfresh) {
     const std::string status = testutil::last_status();
     EXPECT_EQ(status.substr(status.find(" | ")),
               " | download_manager | download_manager | Downloaded file checksum is invalid. Download Failed.");
-    EXPECT_TRUE(pipe_got_since(pipe_before, "10000|Downloaded file checksum is invalid|Download Failed.\n"));
+    EXPECT_TRUE(pipe_.wait_for("10000|Downloaded file checksum is invalid|Download Failed.\n", 5000, pipe_before.size()));
   }
 
   std::size_t log_before = log_size();
@@ -290,63 +278,23 @@ TEST_F(DownloadTest, ChecksumMismatchLeavesCompletedAndStartsAfresh) {
   EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
 }
 
-// A download killed (SIGKILL) in a child process between chunks resumes in
-// this process with the chunk after the last recorded one and verifies.
-TEST_F(DownloadTest, KilledDownloadResumesAndVerifies) {
-  Server tls(true);
-  ASSERT_GT(tls.port(), 0) << tls.log();
-  const std::string data = publish("big.zip", 1000000);  // chunks 0..9
-  const std::string url = url_of(tls, "big.zip");
-  const std::string md5 = md5_of(data);
-
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    set_download_chunk_delay_for_test(150);
-    _exit(download_manager(url, md5, kDownloadTarget) == 0 ? 0 : 1);
-  }
-  const std::regex progress("\\|([0-9]+):9\\|In progress\\|$");
-  std::smatch m;
-  std::string record;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (std::chrono::steady_clock::now() < deadline) {
-    record = read_or_empty(kDownloadRecord);
-    if (std::regex_search(record, m, progress) && std::stoi(m[1]) >= 1) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  kill(child, SIGKILL);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status)) << "the child finished before it was killed";
-
-  record = testutil::read_file(kDownloadRecord);
-  ASSERT_TRUE(std::regex_search(record, m, progress)) << record;
-  const int stored = std::stoi(m[1]);
-  ASSERT_LT(stored, 9);
-  Strings expected;
-  for (int i = stored + 1; i <= 9; ++i) {
-    const long start = static_cast<long>(i) * 102401;
-    expected.push_back(std::to_string(start) + "-" + std::to_string(i == 9 ? 1000000L : start + 102400));
-  }
-  const std::size_t server_before = tls.log().size();
-  const std::size_t log_before = log_size();
-  ASSERT_EQ(download_manager(url, md5, kDownloadTarget), 0) << log_since(log_before);
-  EXPECT_NE(log_since(log_before).find(") - Resuming previous download\n"), std::string::npos);
-  EXPECT_EQ(server_ranges(tls, server_before), expected);
-  EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
-  EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + md5 + "|1000000|9:9|Completed|");
-}
-
 // The thread variant returns at once, holds the single download slot while
-// it runs (every other request gets -1), and verifies the package.
+// it runs (every other request gets -1), and verifies the package. The server
+// holds its first range answer until the other requests were refused.
 TEST_F(DownloadTest, ThreadVariantHoldsTheOnlyDownloadSlot) {
-  Server tls(true);
-  ASSERT_GT(tls.port(), 0) << tls.log();
-  const std::string data = publish("t.zip", 500000);
-  const std::string url = url_of(tls, "t.zip");
+  const std::string data = package_bytes(250000, 5);
   const std::string md5 = md5_of(data);
-  set_download_chunk_delay_for_test(100);
-
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  CannedServer server([&](const CannedRequest& r) {
+    if (r.method == "HEAD") return Reply("HTTP/1.1 200 OK\r\nContent-Length: 250000\r\nConnection: close\r\n\r\n");
+    released.wait();
+    std::smatch m;
+    std::regex_search(r.head, m, std::regex("Range: bytes=([0-9]+)-([0-9]+)"));
+    const std::size_t from = std::stoul(m[1]), to = std::min<std::size_t>(std::stoul(m[2]), data.size() - 1);
+    return Reply(http_reply("206 Partial Content", "", data.substr(from, to - from + 1)));
+  });
+  const std::string url = server.url("/files/packages/t.zip");
   const std::size_t log_before = log_size();
   {
     // The caller's strings die at once: the thread works on its own copies.
@@ -359,16 +307,16 @@ TEST_F(DownloadTest, ThreadVariantHoldsTheOnlyDownloadSlot) {
   EXPECT_EQ(download_software_update(url, md5, false), -1);
   EXPECT_EQ(download_software_update(url, md5, true), -1);
   EXPECT_EQ(download_manager(url, md5, kDownloadTarget), -1);
-  ASSERT_TRUE(wait_download_idle_for_test(30000));
+  release.set_value();
+  ASSERT_TRUE(testutil::wait_until([] { return !download_running(); }, 30000));
   const std::string log = log_since(log_before);
   EXPECT_EQ(testutil::count_of(log, ") - Software download already in progress\n"), 3) << log;
   EXPECT_NE(log.find("INFO   (download:thread_download_software:"), std::string::npos);
   EXPECT_NE(log.find(") - download_data.path     = " + url + "\n"), std::string::npos);
   EXPECT_NE(log.find(") - download_data.checksum = " + md5 + "\n"), std::string::npos);
   EXPECT_NE(log.find(") - file downloaded and check sum verified successfully\n"), std::string::npos);
-  EXPECT_EQ(testutil::count_of(log, "Range is: "), 5);
+  EXPECT_EQ(testutil::count_of(log, "Range is: "), 3);
   EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
-  set_download_chunk_delay_for_test(0);
   EXPECT_EQ(download_manager(url, md5, kDownloadTarget), 0);  // the slot is free again
 }
 
@@ -415,7 +363,7 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
       {"range trickling in", sized([&] { return trickle; }), "Curl return code 28, HTTP Error Code  206", false},
       {"stalled", nullptr, "Error at curl_easy_perform ", true},
   };
-  set_download_timeouts_for_test(1);
+  test_seams::update([&](test_seams::Seams& s) { s.download_timeout_s = 1; });
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::filesystem::remove(kDownloadRecord);
@@ -433,13 +381,13 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
       EXPECT_NE(log.find(") - Error at get_package_size\n"), std::string::npos);
       const std::string status = testutil::last_status();
       EXPECT_EQ(status.substr(status.find(" | ")), " | download_manager | get_package_size | Get download file size failed ");
-      EXPECT_TRUE(pipe_got_since(pipe_before, "10000|Get download file size failed\n")) << pipe_.received();
+      EXPECT_TRUE(pipe_.wait_for("10000|Get download file size failed\n", 5000, pipe_before.size())) << pipe_.received();
     } else {
       EXPECT_EQ(std::filesystem::file_size(kDownloadTarget), 0u);  // emptied, nothing appended
     }
   }
   // The seam shortened the limit of each range, whose real value is a minute.
-  set_download_timeouts_for_test(0);
+  test_seams::update([&](test_seams::Seams& s) { s.download_timeout_s = std::nullopt; });
   EXPECT_EQ(download_range_seconds(), 60);
 }
 

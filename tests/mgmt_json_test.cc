@@ -8,6 +8,7 @@
 #include "rds_hash.h"
 #include "common/rd_log.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "web_service/json/json_frame_parse.h"
 
 namespace {
@@ -98,7 +99,7 @@ std::string resp(const std::string& status, const std::string& extra,
 }
 
 TEST(MgmtJson, InitStatusCodesAndTimeRule) {
-  json_set_client_ts_for_test("2024-05-01T10:05:00");
+  test_seams::update([&](test_seams::Seams& s) { s.now = 1714538100; });  // 2024-05-01T10:05:00 IST
   struct Case {
     std::string body;
     int rc;
@@ -126,14 +127,14 @@ TEST(MgmtJson, InitStatusCodesAndTimeRule) {
     EXPECT_EQ(json_parse_init(c.body, ident(), &action), c.rc) << c.body;
     EXPECT_EQ(action, c.action) << c.body;
   }
-  json_set_client_ts_for_test("2024-05-15T00:02:00");
+  test_seams::update([&](test_seams::Seams& s) { s.now = 1715711520; });  // 2024-05-15T00:02:00 IST
   std::string action;
   EXPECT_EQ(json_parse_init(resp("\"y\"", "", R"("device":{})", "2024-05-14T23:59:00"), ident(), &action), 0);
   EXPECT_EQ(action, "SOFTWARE_UPDATE");
-  json_set_client_ts_for_test("2024-06-01T00:01:00");
+  test_seams::update([&](test_seams::Seams& s) { s.now = 1717180260; });  // 2024-06-01T00:01:00 IST
   EXPECT_EQ(json_parse_init(resp("\"y\"", "", R"("device":{})", "2024-05-31T23:59:00"), ident(), &action), 0);
   EXPECT_EQ(action, "TIME_STAMP_SYNC");
-  json_set_client_ts_for_test("");
+  test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
 }
 
 // The refusal reaches the last-status line and the pipe under the parser's

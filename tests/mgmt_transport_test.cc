@@ -22,6 +22,7 @@
 #include "mgmt_server_util.h"
 #include "rds_hash.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 #include "web_service/auth_format.h"
 #include "web_service/curl_api.h"
 #include "web_service/json/json_frame_parse.h"
@@ -68,7 +69,7 @@ class MgmtTransportTest : public ::testing::Test {
     set_register_url("http://127.0.0.1:1/Zelm/rest/register/");
   }
   void TearDown() override {
-    set_zelm_timeout_for_test(0);
+    test_seams::update([&](test_seams::Seams& s) { s.mgmt_timeout_s = std::nullopt; });
     zlog_fini();
   }
   static void set_register_url(const std::string& url) {
@@ -348,13 +349,13 @@ TEST_F(MgmtTransportTest, StalledAndUnreachableServers) {
     CannedServer stalled(nullptr);
     const std::string url = stalled.url("/Zelm/rest/register/");
     set_register_url(url);
-    set_zelm_timeout_for_test(1);
+    test_seams::update([&](test_seams::Seams& s) { s.mgmt_timeout_s = 1; });
     std::string response;
     EXPECT_EQ(sendData2Zelm(url, request(), &response), -17);
     EXPECT_NE(testutil::last_status().find("| sendData2Zelm | Server Connection Timeout (1 sec) "), std::string::npos)
         << testutil::last_status();
     EXPECT_TRUE(pipe_.wait_for("5000|Server Connection Timeout|(1 sec)\n")) << pipe_.received();
-    set_zelm_timeout_for_test(0);
+    test_seams::update([&](test_seams::Seams& s) { s.mgmt_timeout_s = std::nullopt; });
     EXPECT_EQ(zelm_timeout_seconds(), 90);
   }
 

@@ -1,45 +1,36 @@
 // PostAuth commands on the simulated handheld device: the request parser, the
 // exact answer bytes over the real listener, the three tries to open the
 // port, the status refusals, and the handheld lock held by another process.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <cstdlib>
 #include <filesystem>
-#include <regex>
-#include <string>
-#include <vector>
 
-#include "front_test_util.h"
+#include "common/rd_config.h"
+#include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "platform/platform.h"
 #include "postauth/PostAuth_xml_parse.h"
 #include "postauth/postauth.h"
 #include "rd_core/scanner.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
+#include "test_util.h"
 
-using namespace fronttest;
+using namespace testutil;
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr unsigned kShortPauseMs = 100;
-
 std::string body_of(const std::string& p1_name, const std::string& p1_value, const std::string& p2_name) {
   return "<PostAuth><CustOpts><Param1 name=\"" + p1_name + "\" value=\"" + p1_value + "\"/><Param2 name=\"" +
          p2_name + "\" value=\"\"/></CustOpts></PostAuth>";
 }
-
 std::string query(const std::string& command) { return body_of("", "", command); }
 std::string print(const std::string& text) { return body_of("PRINTER", text, ""); }
-
 std::string request(const std::string& body) {
   return "POSTAUTH /rd/postauth HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
@@ -47,16 +38,12 @@ std::string request(const std::string& body) {
 // A PostAuthResp answer as clients receive it, written out independently.
 std::string answer(int port, const std::string& dev_code, const std::string& dev_text, const std::string& value,
                    const std::string& rd_code, const std::string& rd_text, const std::string& status) {
-  std::string body = "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"" + dev_code + "\"  Description = \"" + dev_text +
-                     "\"  Response_value = \"" + value + "\" />\n\t<RD RD_ErrorCode = \"" + rd_code +
-                     "\"   Description = \"" + rd_text + "\"  RD_Status = \"" + status + "\" />\n</PostAuthResp>";
+  const std::string body = "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"" + dev_code + "\"  Description = \"" +
+                           dev_text + "\"  Response_value = \"" + value + "\" />\n\t<RD RD_ErrorCode = \"" + rd_code +
+                           "\"   Description = \"" + rd_text + "\"  RD_Status = \"" + status + "\" />\n</PostAuthResp>";
   return ok_header(port, "/rd/postauth", body.size()) + body;
 }
-
-std::string success(int port, const std::string& value) {
-  return answer(port, "0", "SUCCESS", value, "0", "SUCCESS", "READY");
-}
-
+std::string success(int port, const std::string& value) { return answer(port, "0", "SUCCESS", value, "0", "SUCCESS", "READY"); }
 std::string refusal(int port, const std::string& code, const std::string& text, const std::string& status = "READY") {
   return answer(port, "-1", "Command Not Sent to Device", "(null)", code, text, status);
 }
@@ -65,39 +52,30 @@ std::string refusal(int port, const std::string& code, const std::string& text, 
 // outlives every test's working folder.
 std::string g_refdll;
 
-class PostAuthTest : public FrontTest {
+class PostAuthTest : public LibraryTest {
  protected:
   static void SetUpTestSuite() {
-    static testutil::WorkDir libs;
+    static WorkDir libs;
     g_refdll = sim::install_refdll(libs.path());
     rd_identity_update([](RdIdentity& id) { id.scanner_name = "Tavio_TX9"; });
     ASSERT_EQ(dll_loading(g_refdll.c_str()), 0);
   }
-
   void SetUp() override {
-    FrontTest::SetUp();
-    platform::set_lock_dir_for_test(dir_.path());
-    semaphore_reset_for_test();
+    LibraryTest::SetUp();
     rd_identity_update([](RdIdentity& id) {
       id.scanner_name = "Tavio_TX9";
       id.port_path = "/dev/ttyS5";
     });
     ASSERT_EQ(init_semaphore(), 0);
-    set_lock_timeouts_for_test(300, 300);
-    set_postauth_retry_pause_for_test(kShortPauseMs);
-    set_rd_status_ready();
-    set_device_detached(0);
+    seams([](Seams& s) { s.postauth_retry_ms = 100u; });
     control({});
     port_ = start_server();
     ASSERT_NE(port_, 0);
   }
-
   void TearDown() override {
     sim::remove_control(g_refdll);
-    semaphore_reset_for_test();
-    FrontTest::TearDown();
+    LibraryTest::TearDown();
   }
-
   // New control keys, with the call log on and emptied.
   static void control(sim::Keys keys) {
     keys.emplace_back("call_log", "1");
@@ -106,19 +84,15 @@ class PostAuthTest : public FrontTest {
     fs::remove(g_refdll + "/sim_calls.log", ec);
     fs::remove(g_refdll + "/sim_printer.txt", ec);
   }
-
-  std::string post(const std::string& body) { return round_trip(port_, request(body)); }
-
+  std::string post(const std::string& body) { return http_exchange(port_, request(body)); }
   int port_ = 0;
 };
 
-TEST(PostAuthDefaults, RetryPauseIsTwoSeconds) { EXPECT_EQ(postauth_retry_pause_ms(), 2000u); }
-
 TEST(PostAuthParse, KeepsTheFourTextsOrRefuses) {
-  testutil::WorkDir dir;
+  WorkDir dir;
   ASSERT_EQ(zlog_init("rd.log"), 0);
   const std::string a254(254, 'a');
-  struct Row {
+  const struct {
     const char* name;
     std::string body;
     int rc;
@@ -139,37 +113,31 @@ TEST(PostAuthParse, KeepsTheFourTextsOrRefuses) {
       {"text", "GET_BATTERYSTATUS", -1, "", "", "", "", "Failed at xmlParseMemory"},
       {"empty", "", -1, "", "", "", "", "Failed at xmlParseMemory"},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    std::size_t offset = log_text().size();
+    const std::size_t offset = log_text().size();
     PostAuthFields f;
     for (char* field : {f.param1_name, f.param1_value, f.param2_name, f.param2_value}) std::strcpy(field, "stale");
     EXPECT_EQ(PostAuth_Request_XML_Parse(row.body.c_str(), &f), row.rc);
-    EXPECT_EQ(std::string(f.param1_name), row.p1_name);
-    EXPECT_EQ(std::string(f.param1_value), row.p1_value);
-    EXPECT_EQ(std::string(f.param2_name), row.p2_name);
-    EXPECT_EQ(std::string(f.param2_value), row.p2_value);
+    EXPECT_EQ(std::string(f.param1_name) + "|" + f.param1_value + "|" + f.param2_name + "|" + f.param2_value,
+              row.p1_name + "|" + row.p1_value + "|" + row.p2_name + "|" + row.p2_value);
     if (!row.log.empty()) {
-      EXPECT_TRUE(log_has("PostAuth_xml_parse", "PostAuth_Request_XML_Parse", row.log, offset)) << log_text();
+      EXPECT_TRUE(log_has("PostAuth_xml_parse", "PostAuth_Request_XML_Parse", row.log, offset));
     }
   }
   zlog_fini();
 }
 
-// Every command's success and failure, and every printer status code, on the
-// exact bytes of the answer.
+// Every command's success and failure, and the printer's status codes, on the
+// exact bytes of the answer; the port is closed again whatever happened.
 TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
   const int p = port_;
-  const std::string battery_failed = "Getting Battery Status is Failed from the Device ";
-  struct Row {
+  const struct {
     const char* name;
     sim::Keys keys;
-    std::string body;
-    std::string answer;
-  };
-  std::vector<Row> rows = {
+    std::string body, answer;
+  } rows[] = {
       {"battery", {}, query("GET_BATTERYSTATUS"), success(p, "85")},
-      {"battery low text", {{"tavio_battery", "20"}}, query("GET_BATTERYSTATUS"), success(p, "20")},
       {"firmware", {{"tavio_firmware", "FW 9.9"}}, query("GET_FIRMWAREVERSION"), success(p, "FW 9.9")},
       {"identifiers", {{"tavio_serial", "TX9-777"}}, query("GET_DEVICEID"), success(p, "TX9-777")},
       {"print", {}, print("Rs 10 paid"), success(p, "Printed")},
@@ -178,7 +146,7 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
       {"device bytes made XML", {{"tavio_battery", "5\t6\x01\xff%"}}, query("GET_BATTERYSTATUS"),
        success(p, "5&#9;6?%")},
       {"battery fails", {{"tavio_battery_result", "-5"}}, query("GET_BATTERYSTATUS"),
-       refusal(p, "-20", battery_failed)},
+       refusal(p, "-20", "Getting Battery Status is Failed from the Device ")},
       {"firmware fails", {{"tavio_firmware_result", "65"}}, query("GET_FIRMWAREVERSION"),
        refusal(p, "-30", "Getting Firmware Version is Failed from the Device")},
       // The device check asks for the identifiers first; the command's call fails.
@@ -190,86 +158,43 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
       {"PidOptions root", {}, "<PidOptions ver=\"1.0\"/>",
        refusal(p, "100", "Invalid PidOptions input. XML should strictly adhere to spec.")},
       {"not XML", {}, "<PostAuth", refusal(p, "-1", "Command Not Sent to Device")},
+      {"paper out", {{"tavio_print_result", "3"}}, print("x"), refusal(p, "3", "Paper Roll is Finished or Not Present")},
+      {"battery low, cover open", {{"tavio_print_result", "73"}}, print("x"),
+       refusal(p, "73", "Paper Roll Patch is left Opened and Battery of Device is also Low")},
+      {"printer status without a text", {{"tavio_print_result", "15"}}, print("x"), refusal(p, "15", "")},
   };
-  const std::pair<int, const char*> printer_codes[] = {
-      {3, "Paper Roll is Finished or Not Present"},
-      {5, "Sensor Temperature Exceeded the Range"},
-      {7, "Sensor Temperature Exceeded the Range and Paper Roll is also Finished or Not Present"},
-      {9, "Paper Roll Patch is left Opened"},
-      {11, "Paper Roll Patch is Opened and Paper Roll is also Finished or Not Present"},
-      {13, "Sensor Temperature Exceeded the Range and Paper Roll Patch is also left Opened"},
-      {65, "Battery of Device is Low"},
-      {67, "Battery of Device is Low and Paper Roll is also Finished or Not Present"},
-      {69, "Sensor Temperature Exceeded the Range and Battery of Device is also Low"},
-      {73, "Paper Roll Patch is left Opened and Battery of Device is also Low"},
-      {15, ""},
-  };
-  for (const auto& [code, text] : printer_codes) {
-    rows.push_back({"printer status", {{"tavio_print_result", std::to_string(code)}}, print("x"),
-                    refusal(p, std::to_string(code), text)});
-  }
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.name) + (row.keys.empty() ? "" : " " + row.keys[0].second));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     control(row.keys);
     EXPECT_EQ(post(row.body), row.answer);
-    // Whatever the command did, the port is closed again.
     const std::string calls = sim::call_log(g_refdll);
-    EXPECT_EQ(testutil::count_of(calls, "OpenCom_port 0\n"), 1) << calls;
-    EXPECT_EQ(calls.substr(calls.size() - std::min<std::size_t>(calls.size(), 12)), "ClosePort 0\n") << calls;
+    EXPECT_EQ(count_of(calls, "OpenCom_port 0\n"), 1) << calls;
+    EXPECT_TRUE(calls.ends_with("ClosePort 0\n")) << calls;
     EXPECT_EQ(get_rd_status_index(), kRdReady);
   }
-}
-
-TEST_F(PostAuthTest, PrintsTheClientsTextAndLogsTheRefusals) {
+  control({});
   EXPECT_EQ(post(print("Rs 10 &amp; &lt;ok&gt;")), success(port_, "Printed"));
   EXPECT_EQ(sim::printed(g_refdll), "Rs 10 & <ok>\n");
-  EXPECT_EQ(sim::call_log(g_refdll),
-            "OpenCom_port 0\nGet_SerialNumber 0\nPrint_Data 0\nClosePort 0\n");
-  EXPECT_TRUE(log_has("postauth", "Check_Device_status", "Trying to open the port"));
+  EXPECT_EQ(sim::call_log(g_refdll), "OpenCom_port 0\nGet_SerialNumber 0\nPrint_Data 0\nClosePort 0\n");
   EXPECT_TRUE(log_has("postauth", "Check_Device_status", "Port is open for Communication"));
   EXPECT_TRUE(log_has("postauth", "Get_Response_From_Device", "Port is Closed Successfully"));
-
-  struct Row {
-    sim::Keys keys;
-    std::string body;
-    const char* function;
-    const char* text;
-  } rows[] = {
-      {{}, query("GET_BATTERY"), "Get_Response_From_Device", "Invalid Command from Client"},
-      {{}, query("GET_BATTERY"), "PostAuth", "Getting Response for PostAuth call from Device is failed"},
-      {{{"tavio_battery_result", "1"}}, query("GET_BATTERYSTATUS"), "Get_Response_From_Device",
-       "Getting Battery_Status Failed"},
-      {{{"tavio_firmware_result", "1"}}, query("GET_FIRMWAREVERSION"), "Get_Response_From_Device",
-       "Getting Battery_Status Failed"},
-      {{{"tavio_serial_results", "0,1"}}, query("GET_DEVICEID"), "Get_Response_From_Device",
-       "Getting Device ID's Failed"},
-      {{{"tavio_print_result", "3"}}, print("x"), "Get_Response_From_Device", "Getting Battery_Status Failed"},
-      {{}, "<PidOptions/>", "PostAuth", "XML_Parsing of client request is failed"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    control(row.keys);
-    std::size_t offset = log_text().size();
-    post(row.body);
-    EXPECT_TRUE(log_has("postauth", row.function, row.text, offset)) << log_text().substr(offset);
-  }
+  EXPECT_TRUE(log_has("postauth", "Get_Response_From_Device", "Invalid Command from Client"));
+  EXPECT_TRUE(log_has("postauth", "PostAuth", "XML_Parsing of client request is failed"));
 }
 
 // USED is refused without any device traffic; NOTREADY after the device check.
 TEST_F(PostAuthTest, StatusRefusals) {
-  struct Row {
+  const struct {
     void (*set)();
-    std::string answer;
-    std::string calls;
+    std::string answer, calls;
     const char* log;
   } rows[] = {
       {set_rd_status_used, refusal(port_, "710", "Being used by another application", "USED"), "",
        "RD Service is in USED state, please wait for some time"},
       {set_rd_status_notready, refusal(port_, "720", "Device not ready", "NOTREADY"),
-       "OpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n",
-       "RD Service is in NOTREADY state, please wait for some time"},
+       "OpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n", "RD Service is in NOTREADY state, please wait for some time"},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.log);
     control({});
     row.set();
@@ -283,147 +208,93 @@ TEST_F(PostAuthTest, StatusRefusals) {
 // report to the front end, NOTREADY; discovery reports it until the device
 // answers again.
 TEST_F(PostAuthTest, AbsentDeviceCostsThreeTriesThenRecovers) {
-  testutil::PipeReader pipe(dir_.path());
-  ASSERT_EQ(create_Pipe(), 0);
   control({{"tavio_present", "0"}});
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(post(query("GET_BATTERYSTATUS")),
-            refusal(port_, "-10", "Opening COM Port is failed for device", "NOTREADY"));
-  const auto ms =
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_GE(ms, 3 * kShortPauseMs);
-  EXPECT_LT(ms, 3 * kShortPauseMs + 1500);
+  EXPECT_EQ(post(query("GET_BATTERYSTATUS")), refusal(port_, "-10", "Opening COM Port is failed for device", "NOTREADY"));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
   EXPECT_EQ(sim::call_log(g_refdll), "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port -1\n");
-  EXPECT_EQ(testutil::count_of(log_text(), "OpenCom_port function failed, Trying Again!!\n"), 3);
-  EXPECT_TRUE(log_has("postauth", "Check_Device_status", "OpenCom_port function failed"));
+  EXPECT_EQ(count_of(log_text(), "OpenCom_port function failed, Trying Again!!\n"), 3);
   EXPECT_TRUE(log_has("postauth", "Get_Response_From_Device", "OpenCom_port function failed"));
-  EXPECT_TRUE(pipe.wait_for("10000|Connection to Bluetooth failed,|please connect the device again\n"));
-  expect_status_line(" | postauth | Check_Device_status | Connection to Bluetooth failed, please connect the device again");
+  EXPECT_TRUE(pipe_->wait_for("10000|Connection to Bluetooth failed,|please connect the device again\n"));
+  EXPECT_NE(last_status().find(" | postauth | Check_Device_status | Connection to Bluetooth failed, please connect the device again"),
+            std::string::npos);
   EXPECT_EQ(get_device_detached(), 1);
-  EXPECT_EQ(round_trip(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "NOTREADY"));
+  EXPECT_EQ(http_exchange(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "NOTREADY"));
 
   // The link opens at the third try: the device is back.
   control({{"tavio_open_failures", "2"}});
-  EXPECT_EQ(round_trip(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "READY"));
-  EXPECT_EQ(sim::call_log(g_refdll),
-            "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n");
+  EXPECT_EQ(http_exchange(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "READY"));
+  EXPECT_EQ(sim::call_log(g_refdll), "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n");
   EXPECT_EQ(get_device_detached(), 0);
   control({});
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), success(port_, "85"));
 }
 
-// The real pause: one failed open costs 2000 ms before the second try.
-TEST_F(PostAuthTest, RealPauseBetweenTries) {
-  set_postauth_retry_pause_for_test(2000);
-  control({{"tavio_open_failures", "1"}});
-  PostAuthFields f;
-  std::strcpy(f.param2_name, "GET_FIRMWAREVERSION");
-  std::vector<char> area(kWorkAreaSize);
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Get_Response_From_Device(f, area.data(), nullptr, "/rd/postauth"), 0);
-  const auto ms =
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_GE(ms, 2000);
-  EXPECT_LT(ms, 2900);
-  EXPECT_NE(std::string(area.data()).find("Response_value = \"TX9-FW-1.0.3\""), std::string::npos);
-}
-
 // Another process holds the handheld device: POSTAUTH and discovery answer
-// busy at once without touching it; once it lets go, the service is READY.
+// busy at once without touching it, and the status is READY again after the
+// request; once it lets go, the command runs.
 TEST_F(PostAuthTest, HandheldLockHeldByAnotherProcess) {
   int ready[2], go[2];
-  ASSERT_EQ(pipe(ready), 0);
-  ASSERT_EQ(pipe(go), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(go), 0);
+  const pid_t pid = ::fork();
+  Reaper reaper{pid};
   if (pid == 0) {
     semaphore_reset_for_test();
     char c = init_semaphore_Tavio() == 0 && Lock_Semaphore_Tavio() == 0 ? 'y' : 'n';
-    (void)!write(ready[1], &c, 1);
-    (void)!read(go[0], &c, 1);
-    _exit(0);
+    (void)!::write(ready[1], &c, 1);
+    (void)!::read(go[0], &c, 1);
+    ::_exit(0);
   }
   char c = 0;
-  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  ASSERT_EQ(::read(ready[0], &c, 1), 1);
   ASSERT_EQ(c, 'y');
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), refusal(port_, "710", "Being used by another application", "USED"));
-  EXPECT_EQ(round_trip(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "USED"));
+  EXPECT_EQ(http_exchange(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "USED"));
   EXPECT_EQ(sim::call_log(g_refdll), "");
   EXPECT_TRUE(log_has("semaphore_Tavio", "Lock_Semaphore_Tavio", "sem_timedwait Tavio timeout"));
   EXPECT_EQ(get_rd_status_index(), kRdReady);
-  (void)!write(go[1], "x", 1);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  (void)!::write(go[1], "x", 1);
+  ASSERT_EQ(::waitpid(pid, nullptr, 0), pid);
+  reaper.pid = -1;
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), success(port_, "85"));
-  for (int fd : {ready[0], ready[1], go[0], go[1]}) close(fd);
+  for (int fd : {ready[0], ready[1], go[0], go[1]}) ::close(fd);
 }
 
 // The host program run for "Tavio_TX9|PORT|SECURITY" in a folder made by
-// vexoctl answers POSTAUTH from the simulated device; while this test process
-// holds the machine-wide handheld lock, the host's POSTAUTH and discovery
-// answer busy after the real 2000 ms wait.
+// vexoctl (its locks in a folder of the test) answers POSTAUTH from the
+// simulated device; while this process holds the handheld lock, the host's
+// POSTAUTH and discovery answer busy after the real 2000 ms wait.
 TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
-  testutil::WorkDir dir;
-  ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir.path() +
-                         " --scanner Tavio_TX9 --mgmt-url https://mgmt.test/Zelm > /dev/null")
-                            .c_str()),
-            0);
-  fs::create_directories(dir.file("appdata"));
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    close(out[0]);
-    setenv("APPDATA", dir.file("appdata").c_str(), 1);
-    std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
-    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "--no-mgmt", "Tavio_TX9|ttyS5|PARAM",
-          nullptr);
-    _exit(127);
-  }
-  close(out[1]);
-  std::string output;
-  char buf[4096];
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (output.find("Start_RDservice returned") == std::string::npos && std::chrono::steady_clock::now() < end) {
-    ssize_t n = read(out[0], buf, sizeof buf);
-    if (n <= 0) break;
-    output.append(buf, static_cast<std::size_t>(n));
-  }
-  ASSERT_NE(output.find("Start_RDservice returned 0"), std::string::npos) << output;
-  std::smatch m;
-  const std::string log = testutil::read_file(dir.file("rd.log"));
-  ASSERT_TRUE(std::regex_search(log, m, std::regex(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))")));
-  const int port = std::stoi(m[1]);
-  EXPECT_NE(log.find("Port is /dev/ttyS5\n"), std::string::npos);
-
-  EXPECT_EQ(testutil::http_exchange(port, request(query("GET_DEVICEID"))), success(port, "TX9SIM000001"));
+  WorkDir dir;
+  ASSERT_EQ(init_workdir(dir.path(), "Tavio_TX9").rc, 0);
+  const std::string locks = dir.file("locks");
+  fs::create_directories(locks);
+  write_file("config.ini", read_file("config.ini") + "LOCK_FOLDER = " + locks + "\n");
+  ASSERT_EQ(run({program("vexoctl"), "seal", "config.ini"}).rc, 0);
+  Child host({program("vexo-host"), "--workdir", dir.path(), "--no-mgmt", "Tavio_TX9|ttyS5|PARAM"},
+             {"APPDATA=" + dir.file("appdata")});
+  ASSERT_TRUE(host.wait_for("Start_RDservice returned 0")) << host.output();
+  const int port = logged_port("rd.log");
+  EXPECT_NE(read_file("rd.log").find("Port is /dev/ttyS5\n"), std::string::npos);
+  EXPECT_EQ(http_exchange(port, request(query("GET_DEVICEID"))), success(port, "TX9SIM000001"));
   {
-    // The host's lock file is the real one in /tmp.
-    platform::set_lock_dir_for_test("/tmp");
+    test_seams::update([&](Seams& s) { s.lock_dir = locks; });
     platform::NamedLock* lock = platform::named_lock_open(tavio_lock_name());
     ASSERT_NE(lock, nullptr);
     ASSERT_EQ(platform::named_lock_acquire(lock, 5000), 0);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(testutil::http_exchange(port, request(query("GET_BATTERYSTATUS"))),
+    EXPECT_EQ(http_exchange(port, request(query("GET_BATTERYSTATUS"))),
               refusal(port, "710", "Being used by another application", "USED"));
-    const auto ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_GE(ms, 2000);
-    std::string discovery = testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n");
-    EXPECT_NE(discovery.find("status=\"USED\""), std::string::npos) << discovery;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2000));
+    EXPECT_NE(http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n").find("status=\"USED\""), std::string::npos);
     EXPECT_EQ(platform::named_lock_release(lock), 0);
     platform::named_lock_close(lock);
+    test_seams::set({});
   }
-  EXPECT_EQ(testutil::http_exchange(port, request(print("Rs 10 paid"))), success(port, "Printed"));
-  EXPECT_EQ(testutil::read_file(dir.file("RefDll/sim_printer.txt")), "Rs 10 paid\n");
-
-  kill(pid, SIGTERM);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  close(out[0]);
+  EXPECT_EQ(http_exchange(port, request(print("Rs 10 paid"))), success(port, "Printed"));
+  EXPECT_EQ(read_file("RefDll/sim_printer.txt"), "Rs 10 paid\n");
+  EXPECT_EQ(host.stop(), 0);
 }
 
 }  // namespace

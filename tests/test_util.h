@@ -1,19 +1,32 @@
-// Helpers shared by the tests: a temporary working folder, a status-pipe
-// reader, and small file and socket utilities.
+// What the tests share: the library fixture (a working folder, the run log,
+// the status pipe, the test seams and the resets), ports reserved for the
+// listener, child processes, sockets, the run log, XML read back with libxml2,
+// and the answer headers as clients receive them.
 #ifndef VEXO_TESTS_TEST_UTIL_H
 #define VEXO_TESTS_TEST_UTIL_H
 
-#include <atomic>
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+
+#include <cstdint>
 #include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/test_seams.h"
+
 namespace testutil {
 
-// Creates a fresh folder under /tmp, makes it the current folder, and on
-// destruction goes back and removes it.
+using test_seams::Seams;
+
+// ---------------------------------------------------------------- files
+// A fresh folder under $TMPDIR (else /tmp), the current folder while it lives;
+// removed on destruction.
 class WorkDir {
  public:
   WorkDir();
@@ -21,7 +34,6 @@ class WorkDir {
   WorkDir(const WorkDir&) = delete;
   WorkDir& operator=(const WorkDir&) = delete;
   const std::string& path() const { return path_; }
-  // Absolute path of a file inside the folder.
   std::string file(const std::string& rel) const { return path_ + "/" + rel; }
 
  private:
@@ -29,52 +41,167 @@ class WorkDir {
   std::string old_cwd_;
 };
 
-// A FIFO that the library's status pipe opens (the seam path is set to it),
-// read by a thread of the test. messages() returns what arrived so far.
+std::string read_file(const std::string& path);  // "" when it cannot be read
+void write_file(const std::string& path, const std::string& data);
+// Occurrences of needle in text (overlapping ones included).
+int count_of(const std::string& text, const std::string& needle);
+// The permission bits of path (lstat), or -1.
+int mode_of(const std::string& path);
+// Runs fn in a child process that plays another user of the machine: as root
+// the child drops to nobody (uid and gid 65534), otherwise it stays this user.
+// True when fn returned true.
+bool as_other_user(const std::function<bool()>& fn);
+bool other_user_available();
+// dir/name, a folder every user may create files in (1777, like /tmp).
+std::string shared_folder(const WorkDir& dir, const std::string& name);
+// A file of the source tree's tests/data.
+std::string data_file(const std::string& name);
+
+// ---------------------------------------------------------------- waiting
+// Waits up to timeout_ms for done() to hold, looking every few milliseconds.
+bool wait_until(const std::function<bool()>& done, int timeout_ms = 10000);
+
+// ---------------------------------------------------------------- status pipe
+// A FIFO in dir that the library's status pipe writes to, read by a thread.
 class PipeReader {
  public:
   explicit PipeReader(const std::string& dir);
   ~PipeReader();
   PipeReader(const PipeReader&) = delete;
   PipeReader& operator=(const PipeReader&) = delete;
-  const std::string& path() const { return path_; }
-  // All bytes received so far.
   std::string received();
-  // Waits up to timeout_ms until received() contains needle.
-  bool wait_for(const std::string& needle, int timeout_ms = 3000);
+  // Waits until received() holds needle at or after offset from.
+  bool wait_for(const std::string& needle, int timeout_ms = 5000, std::size_t from = 0);
 
  private:
   std::string path_;
   int fd_ = -1;
+  int keep_fd_ = -1;  // a writer of our own, so that poll never sees a hang-up
   int stop_fd_[2] = {-1, -1};
   std::mutex mutex_;
   std::string data_;
   std::thread thread_;
 };
 
-// Runs fn in a child process that plays another user of the machine: as root
-// the child drops to nobody (uid and gid 65534), otherwise it stays this user
-// (everything but ownership is still exercised). true when fn returned true.
-bool as_other_user(const std::function<bool()>& fn);
-// True when as_other_user really runs as another user.
-bool other_user_available();
-// A folder dir/name in which every user may create files (1777, like /tmp);
-// dir is opened for others to pass through. Returns its path.
-std::string shared_folder(const WorkDir& dir, const std::string& name);
-// The permission bits of path (lstat), or -1.
-int mode_of(const std::string& path);
-
-std::string read_file(const std::string& path);
-// Occurrences of needle in text (overlapping ones included).
-int count_of(const std::string& text, const std::string& needle);
-// Reads from socket s until the peer closes or timeout_ms pass in silence.
-std::string read_until_close(int s, int timeout_ms = 5000);
-void write_file(const std::string& path, const std::string& data);
-// Sends raw bytes to 127.0.0.1:port, reads until the peer closes. Returns the
-// answer (empty on connection failure).
-std::string http_exchange(int port, const std::string& request, int timeout_ms = 10000);
-// Last-status line as the host reads it.
+// ---------------------------------------------------------------- run log
+// The run log rd.log of the current folder.
+std::string log_text();
+// True when the log holds "(file:func:N) - text" as a whole line after offset.
+bool log_has(const std::string& file, const std::string& func, const std::string& text, std::size_t offset = 0);
+bool wait_log(const std::string& file, const std::string& func, const std::string& text, std::size_t offset = 0);
+// The last-status line as the host reads it.
 std::string last_status();
+
+// ---------------------------------------------------------------- sockets
+int connect_to(int port);   // 127.0.0.1:port, -1 when refused
+int connect_to6(int port);  // [::1]:port
+// Reads until the peer closes or timeout_ms pass in silence.
+std::string read_until_close(int s, int timeout_ms = 5000);
+// Sends the pieces (pause_ms apart), half-closes, and reads the answer; "" when
+// the connection is refused.
+std::string http_exchange(int port, const std::vector<std::string>& pieces, int pause_ms = 0, bool ipv6 = false);
+std::string http_exchange(int port, const std::string& request);
+// Calls send_next(0), send_next(1), ... every pause_ms on connection s until
+// the server acts (sends something or closes) or give_up_ms pass: the time it
+// took the server, in ms, or -1.
+long feed_until_server_acts(int s, const std::function<void(int)>& send_next, int pause_ms, int give_up_ms);
+// A socket bound to 127.0.0.1:port (port 0: any) and listening, or -1.
+int hold_port(int port);
+// True when a socket (with SO_REUSEADDR when reuse) can bind 127.0.0.1:port.
+bool port_bindable(int port, bool reuse = true);
+// Finds count consecutive ports that are free on 127.0.0.1 and [::1], away
+// from the service's own range and below the system's ephemeral ports, and
+// returns the first.
+int reserve_ports(int count);
+
+// ---------------------------------------------------------------- programs
+// A program of the build folder ("vexoctl", "vexo-host", ...).
+std::string program(const std::string& name);
+struct Run {
+  int rc = -1;      // exit status, -1 when it did not exit normally
+  std::string out;  // standard output and standard error together
+};
+// Runs argv[0] to its end with the extra environment ("NAME=value").
+Run run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+// vexoctl init-workdir DIR --scanner SCANNER --mgmt-url URL, plus extra.
+Run init_workdir(const std::string& dir, const std::string& scanner = "Aratek_A600",
+                 const std::vector<std::string>& extra = {}, const std::string& url = "https://mgmt.test/Zelm");
+
+// A program running beside the test, its output collected by a thread.
+class Child {
+ public:
+  Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+  ~Child();  // stop()
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  std::string output();
+  // Waits until the output holds needle count times.
+  bool wait_for(const std::string& needle, int timeout_ms = 20000, int count = 1);
+  void signal(int sig);
+  // SIGTERM, then its exit status (-1 when it did not exit normally).
+  int stop();
+
+ private:
+  int pid_ = -1;
+  int status_ = -1;
+  std::mutex mutex_;
+  std::string output_;
+  std::thread reader_;
+};
+
+// Kills (SIGKILL) and reaps a forked child on every way out of a test.
+struct Reaper {
+  int pid = -1;
+  ~Reaper() { reap(); }
+  void reap();
+};
+
+// The port a service logged in the run log at path ("Server Listening On
+// 127.0.0.1 And Port N"), the latest one; 0 when none.
+int logged_port(const std::string& log_path);
+
+// ---------------------------------------------------------------- XML
+struct XmlFree {
+  void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
+};
+using Xml = std::unique_ptr<xmlDoc, XmlFree>;
+using Attrs = std::map<std::string, std::string>;
+Xml parse_xml(const std::string& text);  // no network, no entities
+xmlNode* root(const Xml& doc);
+xmlNode* child(xmlNode* parent, const char* name);  // the first element so named
+std::vector<xmlNode*> children(xmlNode* parent);    // the element children
+std::string name_of(xmlNode* node);
+Attrs attrs(xmlNode* node);  // empty for a null node
+std::string content(xmlNode* node);
+
+// ---------------------------------------------------------------- answers
+// The headers clients receive, written out independently of the code.
+std::string ok_header(int port, const std::string& path, std::size_t length, const char* origin = nullptr);
+std::string error_header(int code, int port, const std::string& path, const char* origin = nullptr);
+std::string discovery_body(const std::string& status, const std::string& mi = "A600");
+std::string discovery_answer(int port, const std::string& status = "READY");
+
+// ---------------------------------------------------------------- the fixture
+// Every test that runs the library in its own process starts here: a fresh
+// working folder (the current folder, APPDATA inside it) with the run log and
+// a status pipe read by the test; the locks in a folder of the test, one fixed
+// network adapter, eight reserved ports for the listener and 300 ms lock
+// waits (test_seams.h); the identity of an "Aratek_A600" with rdsId
+// QDX.WIN.002, dpId KORVANE.AR and mi A600; the service READY. TearDown puts
+// the seams and the process-wide records back.
+class LibraryTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  // Binds the listener on the reserved ports and runs its accept loop on a
+  // detached thread. The port, 0 on failure.
+  int start_server();
+  static void seams(const std::function<void(Seams&)>& change) { test_seams::update(change); }
+
+  WorkDir dir_;
+  std::unique_ptr<PipeReader> pipe_;
+  int first_port_ = 0;  // the reserved range: first_port_ .. first_port_ + 7
+};
 
 }  // namespace testutil
 

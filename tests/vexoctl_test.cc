@@ -25,6 +25,7 @@
 #include "rd_core/uidai_certs.h"
 #include "test_crypto.h"
 #include "test_util.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -34,36 +35,11 @@ using testutil::write_file;
 
 constexpr char kUrl[] = "https://127.0.0.1:9443/Zelm";
 
-struct ToolRun {
-  int rc = -1;
-  std::string out;  // standard output and standard error together
-};
+using ToolRun = testutil::Run;
 
-ToolRun run_tool(const std::string& exe, const std::vector<std::string>& args) {
-  int fds[2];
-  if (pipe(fds) != 0) return {};
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], 1);
-    dup2(fds[1], 2);
-    close(fds[0]);
-    close(fds[1]);
-    std::vector<char*> argv{const_cast<char*>(exe.c_str())};
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(exe.c_str(), argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  ToolRun r;
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0) r.out.append(buf, static_cast<std::size_t>(n));
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  r.rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
+ToolRun run_tool(const std::string& exe, std::vector<std::string> args) {
+  args.insert(args.begin(), exe);
+  return testutil::run(args);
 }
 
 const std::string kTool = std::string(VEXO_BUILD_DIR) + "/vexoctl";
@@ -142,8 +118,8 @@ std::string expect_local_tls(const std::string& wd) {
 class VexoctlTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::set_lock_dir_for_test(dir_.path());
-    set_lock_timeouts_for_test(200, 200);
+    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
+    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 200; s.handheld_lock_ms = 200; });
     semaphore_reset_for_test();
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     ASSERT_EQ(init_semaphore(), 0);

@@ -1,6 +1,5 @@
 #include "common/request_reader.h"
 
-#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -11,11 +10,11 @@
 #include "common/rd_codes.h"
 
 using rd_codes::kFailed;
+#include "platform/test_seams.h"
 
 namespace {
 
 constexpr int kDefaultRecvWaitMs = 60000;
-std::atomic<int> g_recv_wait_ms{kDefaultRecvWaitMs};
 
 // Room for data in the raw area: the last byte is kept for the terminating NUL.
 constexpr std::size_t kRawCapacity = kRawReqSize - 1;
@@ -93,8 +92,7 @@ long read_in_time(const RequestSource& src, char* buf, std::size_t len) {
 
 }  // namespace
 
-int recv_wait_ms() { return g_recv_wait_ms.load(std::memory_order_relaxed); }
-void set_recv_wait_ms_for_test(int ms) { g_recv_wait_ms.store(ms, std::memory_order_relaxed); }
+int recv_wait_ms() { return test_seams::get(&test_seams::Seams::recv_wait_ms).value_or(kDefaultRecvWaitMs); }
 
 int read_http_request(const RequestSource& src, char* buf) {
   RD_LOG_IN(src.file, src.func);

@@ -44,6 +44,5 @@ int read_http_request(const RequestSource& src, char* buf);
 // first byte is awaited (over TLS, from the handshake's first wait), and how
 // long an answer may take to be sent: 60000 ms unless a test shortened it.
 int recv_wait_ms();
-void set_recv_wait_ms_for_test(int ms);
 
 #endif  // VEXO_COMMON_REQUEST_READER_H

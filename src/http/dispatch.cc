@@ -4,7 +4,6 @@
 
 #include "http/dispatch.h"
 
-#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
+#include "platform/test_seams.h"
 #include "postauth/postauth.h"
 #include "rd_core/api.h"
 #include "semaphore/device_lock.h"
@@ -49,8 +49,6 @@ constexpr char kBadPidOptionsBody[] =
     "<PidData>\n<Resp errCode=\"100\" errInfo=\"Invalid input Pid-Options, XML should strictly adhere to "
     "spec\"\n<PidData />\n";
 static_assert(sizeof kBadPidOptionsBody - 1 == 114);
-
-std::atomic<int> g_dispatch_faults{0};
 
 // The verb branches are steps of process_incoming_message and log under its name.
 constexpr char kDispatchFn[] = "process_incoming_message";
@@ -268,8 +266,6 @@ void answer_postauth(const RequestLine& line, const char* raw, const char* origi
 
 }  // namespace
 
-void set_dispatch_faults_for_test(int count) { g_dispatch_faults.store(count, std::memory_order_relaxed); }
-
 RequestLine split_request_line(std::string_view request) {
   RequestLine line;
   std::string_view first = request.substr(0, request.find_first_of("\r\n"));
@@ -290,10 +286,7 @@ RequestLine split_request_line(std::string_view request) {
 void dispatch_request(const char* raw, const RequestLine& line, OriginKind origin_kind, const char* origin,
                       char* area) {
   RD_LOG_AS(kDispatchFn);
-  if (g_dispatch_faults.load(std::memory_order_relaxed) > 0 &&
-      g_dispatch_faults.fetch_sub(1, std::memory_order_relaxed) > 0) {
-    throw std::bad_alloc();
-  }
+  if (test_seams::take(&test_seams::Seams::dispatch_faults) > 0) throw std::bad_alloc();
   const std::string_view verb = line.verb;
   bool known_line_verb = verb == "RDSERVICE" || verb == "DEVICEINFO" || verb == "POSTAUTH";
   // Fields longer than the request line's buffers are refused; an unknown

@@ -1,7 +1,6 @@
 // The listening socket and the accept loop of the local server.
 #define VEXO_LOG_FILE "server"
 
-#include <atomic>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -12,6 +11,7 @@
 #include "common/work_area.h"
 #include "common/rd_log.h"
 #include "platform/socket_extra.h"
+#include "platform/test_seams.h"
 #include "platform/unique_handle.h"
 #include "common/rd_codes.h"
 
@@ -29,11 +29,6 @@ constexpr unsigned kAcceptPauseMs = 100;
 // A Winsock code that the C runtime's errno never holds, so the second
 // wording below is the one that appears, as it always has.
 constexpr int kWinsockAddressInUse = 10048;
-
-// The module's process-wide values: the accept wait and pause (the port bound
-// is kept with the work area, where the workers read it).
-std::atomic<int> g_accept_wait_ms{kDefaultAcceptWaitMs};
-std::atomic<unsigned> g_accept_pause_ms{kAcceptPauseMs};
 
 // Each listening socket on 127.0.0.1 with its companion on [::1] (the same
 // port), so that the accept loop of either serves both. Never destroyed: a
@@ -122,17 +117,26 @@ void close_http_socket(platform::socket_t server) {
   platform::close_socket(server);
 }
 
-int accept_wait_ms() { return g_accept_wait_ms.load(std::memory_order_relaxed); }
-void set_accept_wait_ms_for_test(int ms) { g_accept_wait_ms.store(ms, std::memory_order_relaxed); }
+int accept_wait_ms() { return test_seams::get(&test_seams::Seams::accept_wait_ms).value_or(kDefaultAcceptWaitMs); }
 
-unsigned accept_pause_ms() { return g_accept_pause_ms.load(std::memory_order_relaxed); }
-void set_accept_pause_ms_for_test(unsigned ms) { g_accept_pause_ms.store(ms, std::memory_order_relaxed); }
+unsigned accept_pause_ms() { return test_seams::get(&test_seams::Seams::accept_pause_ms).value_or(kAcceptPauseMs); }
+
+int first_service_port() {
+  const int first = test_seams::get(&test_seams::Seams::first_port);
+  return first > 0 ? first : kFirstPort;
+}
+
+int last_service_port() {
+  const int last = test_seams::get(&test_seams::Seams::last_port);
+  return last > 0 ? last : kLastPort;
+}
 
 int prepare_http_socket(platform::socket_t* server) {
   // POSIX sockets need no start-up call, so the result 1 never occurs here.
   PortPair pair;
   bool ipv6 = true;
-  int port = kFirstPort;
+  const int last = last_service_port();
+  int port = first_service_port();
   for (;; ++port) {
     const int rc = bind_pair(port, &ipv6, &pair);
     if (rc < 0) return kFailed;
@@ -140,7 +144,7 @@ int prepare_http_socket(platform::socket_t* server) {
       RD_INFO("socket is bound on port: %hd", static_cast<short>(port));
       break;
     }
-    if (port == kLastPort) {
+    if (port >= last) {
       RD_ERROR("binding_tcp_socket : failed on Port %hd\nAll Ports are in use, RD Service Can't Run",
                static_cast<short>(port));
       return kFailed;

@@ -53,12 +53,12 @@ int Get_PostAuthBody(const char* raw_request, char* request_body);
 // How long the accept loop's select waits before starting again: 15000 ms
 // unless a test shortened it.
 int accept_wait_ms();
-void set_accept_wait_ms_for_test(int ms);
 // The pause after each connection thread starts: 100 ms (at most ten accepts
 // a second) unless a test shortened it.
 unsigned accept_pause_ms();
-void set_accept_pause_ms_for_test(unsigned ms);
-// Test seam: the next count dispatches throw std::bad_alloc.
-void set_dispatch_faults_for_test(int count);
+// The port range prepare_http_socket tries in order: 11100 to 11120 unless a
+// test moved it to ports it reserved.
+int first_service_port();
+int last_service_port();
 
 #endif  // VEXO_HTTP_SERVER_H

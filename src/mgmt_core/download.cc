@@ -60,13 +60,7 @@ DownloadSlot::~DownloadSlot() {
   if (held_) g_download_busy.store(false);
 }
 
-bool wait_download_idle_for_test(int timeout_ms) {
-  for (int waited = 0; g_download_busy.load(); waited += 10) {
-    if (waited >= timeout_ms) return false;
-    platform::sleep_ms(10);
-  }
-  return true;
-}
+bool download_running() { return g_download_busy.load(); }
 
 void thread_download_software(DownloadRequest request, DownloadSlot slot) {
   RD_INFO("download_data.path     = %s", request.url.c_str());

@@ -109,13 +109,10 @@ int get_previous_download_info(const std::string& url, const std::string& checks
 // 0 or -1.
 int update_to_conf(const std::string& url, const std::string& checksum, long size, int last, int current);
 
-// Test seams: a pause after each stored chunk, and the connect and range
-// time limits in seconds (0 restores the limits above).
-void set_download_chunk_delay_for_test(unsigned ms);
-void set_download_timeouts_for_test(long seconds);
-// The range time limit in effect.
+// The range time limit in effect: kDownloadRangeSeconds unless a test
+// shortened it and the connect limit (test_seams.h).
 long download_range_seconds();
-// Waits up to timeout_ms until no download holds the slot. True when free.
-bool wait_download_idle_for_test(int timeout_ms);
+// True while a download holds the single download slot.
+bool download_running();
 
 #endif  // VEXO_MGMT_CORE_DOWNLOAD_H

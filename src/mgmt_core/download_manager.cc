@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include "common/rd_log.h"
 #include "mgmt_core/download.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "web_service/transfer.h"
 
 namespace {
@@ -28,13 +28,7 @@ constexpr Caller kPartCaller{"download_manager", "download_part"};
 // A record longer than this is not one of ours.
 constexpr long long kMaxRecordBytes = 8192;
 
-std::atomic<unsigned> g_chunk_delay_ms{0};
-std::atomic<long> g_timeout_for_test{0};
-
-long limit_or_seam(long limit) {
-  const long t = g_timeout_for_test.load();
-  return t > 0 ? t : limit;
-}
+long limit_or_seam(long limit) { return test_seams::get(&test_seams::Seams::download_timeout_s).value_or(limit); }
 
 // What the requests of one download share: the trust they were checked
 // under, and one connection and TLS session to the server.
@@ -310,8 +304,6 @@ int resume_point(const std::string& url, const std::string& checksum, long size,
 
 }  // namespace
 
-void set_download_chunk_delay_for_test(unsigned ms) { g_chunk_delay_ms.store(ms); }
-void set_download_timeouts_for_test(long seconds) { g_timeout_for_test.store(seconds); }
 long download_range_seconds() { return limit_or_seam(kDownloadRangeSeconds); }
 
 long ParseFileLength(const std::string& headers) {
@@ -437,7 +429,6 @@ int fetch_chunks(const Link& link, const std::string& url, const std::string& ch
       if (append_chunk(target, chunk) != 0) return kDownloadFailed;
     }
     if (update_to_conf(url, checksum, size, last, index) != 0) return kDownloadFailed;
-    if (const unsigned delay = g_chunk_delay_ms.load(); delay > 0) platform::sleep_ms(delay);
   }
   return kDownloadOk;
 }

@@ -103,10 +103,9 @@ int GetHashRDservice(std::array<std::uint8_t, 32>* digest);
 // keystore for the library installed beside it. An empty path restores the default.
 void set_service_module_path(const std::string& path);
 
-// Base folder of the node files: the test override, else the identity record's appdata,
-// else platform::appdata_dir(). An empty dir removes the test override.
+// Base folder of the node files: the identity record's appdata (APPDATA as
+// start-up read it), else platform::appdata_dir().
 std::string keystore_node_base();
-void set_keystore_node_base_for_test(const std::string& dir);
 
 // Node file for an rdsId, for example "<base>/korvane/QDX.WIN.002/Vexo_002_Node.txt";
 // empty for an identifier outside the table.

@@ -25,9 +25,6 @@ using rd_codes::kKeystoreFailed;
 
 namespace {
 
-platform::Mutex g_base_mutex;
-std::string g_base_for_test GUARDED_BY(g_base_mutex);
-
 // Node-file location below the base folder, per RD service identifier.
 constexpr const char* kNodeFiles[][2] = {
     {"QDX.WIN.001", "/korvane/QDX.WIN.001/Vexo_001_Node.txt"},
@@ -71,18 +68,9 @@ using keystore_detail::Mac;
 using keystore_detail::Password;
 
 std::string keystore_node_base() {
-  {
-    platform::MutexLock lock(&g_base_mutex);
-    if (!g_base_for_test.empty()) return g_base_for_test;
-  }
   const std::string appdata = rd_identity_copy().appdata;
   if (!appdata.empty()) return appdata;
   return platform::appdata_dir();
-}
-
-void set_keystore_node_base_for_test(const std::string& dir) {
-  platform::MutexLock lock(&g_base_mutex);
-  g_base_for_test = dir;
 }
 
 std::string keystore_node_file(const std::string& rds_id) {

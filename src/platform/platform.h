@@ -3,8 +3,9 @@
 // win32/ folder would define the same names. Nothing outside src/platform/
 // includes a header that exists on only one system.
 //
-// Thread-safety: every function may be called from any thread. The test seams
-// (set_*_for_test) are meant to be set before the code under test runs.
+// Thread-safety: every function may be called from any thread. Tests redirect
+// the clock, the lock folder, the adapter list and the file writers through
+// test_seams.h.
 #ifndef VEXO_PLATFORM_PLATFORM_H
 #define VEXO_PLATFORM_PLATFORM_H
 
@@ -20,10 +21,8 @@
 namespace platform {
 
 // ---------------------------------------------------------------- clock
-// Seconds since 1970 (UTC), or -1 when the clock cannot be read. A test may
-// pin the value (or force -1) with set_time_for_test; nullopt restores it.
+// Seconds since 1970 (UTC), or -1 when the clock cannot be read.
 std::time_t now();
-void set_time_for_test(std::optional<std::time_t> t);
 // Monotonic milliseconds, for measuring waits.
 std::uint64_t monotonic_ms();
 // Sleeps the given milliseconds (nanosleep; restarts after signals).
@@ -80,8 +79,8 @@ void close_socket(socket_t s);
 // lock_dir(). Threads of one process also exclude each other. A lock whose
 // holder process dies is released by the system.
 struct NamedLock;
-// The folder of the lock files: a test's folder, else the one set with
-// set_lock_dir (the configured lock folder), else default_lock_dir().
+// The folder of the lock files: a test's folder (test_seams.h), else the one
+// set with set_lock_dir (the configured lock folder), else default_lock_dir().
 std::string lock_dir();
 // The package's lock folder when it exists, else the system's temporary
 // folder: "/run/vexo", else "/tmp" (never $TMPDIR, which differs between
@@ -89,8 +88,6 @@ std::string lock_dir();
 std::string default_lock_dir();
 // The configured lock folder; empty for the default.
 void set_lock_dir(const std::string& dir);
-// Test seam: a folder that wins over the configured one; empty removes it.
-void set_lock_dir_for_test(const std::string& dir);
 // The lock file of name: "Global\\QDX_WIN_010" -> "<lock_dir()>/Global_QDX_WIN_010.lock".
 std::string named_lock_path(const char* name);
 // Opens (creating when missing) the lock file of name, never through a
@@ -137,8 +134,6 @@ struct Adapter {
 // Adapters with a hardware address, in interface-index order, without loopback
 // and all-zero addresses. 0, or -1 when the list cannot be read.
 int list_adapters(std::vector<Adapter>* out);
-// Replaces the system's list for tests; nullopt restores it.
-void set_adapters_for_test(std::optional<std::vector<Adapter>> adapters);
 
 // ---------------------------------------------------------------- file identity
 struct FileIdentity {
@@ -175,15 +170,13 @@ enum class Durability { kFlushed, kUnflushed };
 // flushing or renaming failed (the temporary file is removed, path unchanged).
 int write_file_atomic(const std::string& path, const void* data, std::size_t len,
                       unsigned mode = 0600, Durability durability = Durability::kFlushed);
-// Test seam: the process kills itself (SIGKILL) at the n-th crash point from
-// now: each step of a file replacement (temporary file made, written,
-// flushed, renamed) and each step of a paired change. 0 turns it off.
-void set_crash_point_for_test(int n);
-// A crash point; does nothing unless a test armed the seam.
+// A crash point: each step of a file replacement (temporary file made,
+// written, flushed, renamed) and each step of a paired change. It does
+// nothing unless a test armed the countdown of test_seams.h, which kills the
+// process (SIGKILL) at the n-th point from then on.
 void crash_point();
-// Test seam: makes every write_file_atomic fail at the given stage.
+// Where test_seams.h can make every write_file_atomic fail.
 enum class WriteFault { kNone, kOpen, kWrite };
-void set_write_fault_for_test(WriteFault fault);
 // The same, for writers that need a stream: write() fills the temporary file
 // and returns false on failure. 0 or -1.
 int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,

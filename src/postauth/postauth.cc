@@ -1,6 +1,5 @@
 #include "postauth/postauth.h"
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -14,6 +13,7 @@
 #include "common/rd_status.h"
 #include "platform/mutex.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "postauth/handheld.h"
 
 namespace {
@@ -37,7 +37,6 @@ constexpr char kPostAuthRespFormat[] =
     "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"%d\"  Description = \"%s\"  Response_value = \"%s\" />\n\t<RD "
     "RD_ErrorCode = \"%d\"   Description = \"%s\"  RD_Status = %s />\n</PostAuthResp>";
 
-std::atomic<unsigned> g_pause_ms{kRetryPauseMs};
 
 // Whether this process has the device's port open. g_port_mutex is held for
 // a whole open-command-close sequence.
@@ -201,9 +200,9 @@ struct PortRelease {
 
 }  // namespace
 
-unsigned postauth_retry_pause_ms() { return g_pause_ms.load(); }
-
-void set_postauth_retry_pause_for_test(unsigned ms) { g_pause_ms.store(ms); }
+unsigned postauth_retry_pause_ms() {
+  return test_seams::get(&test_seams::Seams::postauth_retry_ms).value_or(kRetryPauseMs);
+}
 
 int PostAuth(char* work_area, const char* origin, const char* path) {
   const char* body = work_area + kReqBodyOffset;

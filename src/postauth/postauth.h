@@ -33,6 +33,5 @@ int Check_Device_status();
 // The pause between two tries to open the port: 2000 ms unless a test
 // shortened it.
 unsigned postauth_retry_pause_ms();
-void set_postauth_retry_pause_for_test(unsigned ms);
 
 #endif  // VEXO_POSTAUTH_POSTAUTH_H

@@ -9,6 +9,7 @@
 #include "common/Base64.h"
 #include "platform/mutex.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "rd_core/opj_compress.h"
 #include "rd_core/pid_crypto.h"
 #include "rd_core/scanner.h"
@@ -34,9 +35,6 @@ constexpr std::size_t kFeatureBufferSize = 4096;
 constexpr std::size_t kMinutiaeCountOffset = 27;
 // Sensor images larger than this are not from a fingerprint scanner.
 constexpr int kMaxSide = 4096;
-
-platform::Mutex g_timing_mutex;
-CaptureTiming g_timing GUARDED_BY(g_timing_mutex);
 
 // The open scanner; closed when the capture leaves by any path.
 class DeviceHandle {
@@ -297,13 +295,13 @@ std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int heigh
 }
 
 CaptureTiming capture_timing() {
-  platform::MutexLock lock(&g_timing_mutex);
-  return g_timing;
-}
-
-void set_capture_timing_for_test(const CaptureTiming& timing) {
-  platform::MutexLock lock(&g_timing_mutex);
-  g_timing = timing;
+  CaptureTiming timing;
+  if (auto beep = test_seams::get(&test_seams::Seams::beep_ms)) {
+    timing.prompt_beep_ms = timing.accepted_beep_ms = timing.low_quality_beep_ms = *beep;
+  }
+  timing.recapture_pause_ms =
+      test_seams::get(&test_seams::Seams::recapture_pause_ms).value_or(timing.recapture_pause_ms);
+  return timing;
 }
 
 int FP_Cap(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request, const std::string& ts) {

@@ -39,7 +39,8 @@ std::string position_display_name(const std::string& position);
 std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int height,
                                      int resolution, int quality);
 
-// Pauses and beep lengths of a capture, in milliseconds. Tests shorten them.
+// Pauses and beep lengths of a capture, in milliseconds. Tests shorten the
+// beeps and the re-capture pause (test_seams.h).
 struct CaptureTiming {
   unsigned prompt_beep_ms = 500;       // 523 Hz before each capture
   unsigned accepted_beep_ms = 900;     // 523 Hz after an accepted image
@@ -48,6 +49,5 @@ struct CaptureTiming {
   unsigned between_fingers_ms = 5;     // before the second and later fingers
 };
 CaptureTiming capture_timing();
-void set_capture_timing_for_test(const CaptureTiming& timing);
 
 #endif  // VEXO_RD_CORE_PIDBLOCK_A600_H

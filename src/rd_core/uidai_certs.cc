@@ -208,4 +208,3 @@ std::string uidai_expected_checksum(UidaiCert which, const std::string& cert_pem
   return stored.empty() ? sha256_hex(cert_pem) : stored;
 }
 
-void uidai_certs_reset_for_test() { set_uidai_prod_cert_newer(true); }

@@ -61,7 +61,4 @@ std::string uidai_preprod_checksum();
 // are trusted as they are shipped).
 std::string uidai_expected_checksum(UidaiCert which, const std::string& cert_pem);
 
-// Test seam: makes the newer production certificate current again.
-void uidai_certs_reset_for_test();
-
 #endif  // VEXO_RD_CORE_UIDAI_CERTS_H

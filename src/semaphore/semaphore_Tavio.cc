@@ -7,6 +7,7 @@
 #include "common/rd_log.h"
 #include "platform/platform.h"
 #include "semaphore/device_lock.h"
+#include "platform/test_seams.h"
 #include "semaphore/semaphore_syc.h"
 
 using rd_codes::kLockFailed;
@@ -19,7 +20,6 @@ constexpr unsigned kTavioLockTimeoutMs = 2000;
 // handheld holds this lock and then takes the scanner lock.
 constexpr char kTavioLockName[] = "Global\\QDX_WIN_009_Tavio";
 
-std::atomic<unsigned> g_tavio_timeout_ms{kTavioLockTimeoutMs};
 // Created by start-up before the accept thread exists; read through the atomic.
 std::atomic<platform::NamedLock*> g_tavio{nullptr};
 
@@ -27,9 +27,9 @@ std::atomic<platform::NamedLock*> g_tavio{nullptr};
 
 DeviceLockName g_tavio_lock;
 
-void set_tavio_lock_timeout_for_test(unsigned ms) { g_tavio_timeout_ms.store(ms); }
-
-unsigned tavio_lock_timeout_ms() { return g_tavio_timeout_ms.load(); }
+unsigned tavio_lock_timeout_ms() {
+  return test_seams::get(&test_seams::Seams::handheld_lock_ms).value_or(kTavioLockTimeoutMs);
+}
 
 const char* tavio_lock_name() { return kTavioLockName; }
 

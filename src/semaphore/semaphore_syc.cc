@@ -12,6 +12,7 @@
 
 using rd_codes::kLockFailed;
 using rd_codes::kLockTimeout;
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -31,10 +32,9 @@ constexpr ScannerLockName kLockNames[] = {
 
 constexpr unsigned kLockTimeoutMs = 20000;
 
-std::atomic<unsigned> g_timeout_ms{kLockTimeoutMs};
 // The handle from creation and the one used for waiting and releasing; both
 // name the same lock. Written only by init_semaphore during start-up (before
-// the accept thread exists) and by the test seam; request threads load the
+// the accept thread exists) and by semaphore_reset_for_test; request threads load the
 // handle through the atomic. Never closed while the service runs.
 platform::NamedLock* g_created = nullptr;
 std::atomic<platform::NamedLock*> g_opened{nullptr};
@@ -55,9 +55,6 @@ void report_lock_file(const char* name, const char* failure, const char* module,
   RD_STATUS("Lock file %s cannot be used (errno %d) ", path.c_str(), err);
 }
 
-// Set by the Tavio half; the test seam sets both waits at once.
-void set_tavio_lock_timeout_for_test(unsigned ms);
-
 const char* semaphore_name_for_scanner(const char* scanner_name) {
   if (scanner_name == nullptr) return nullptr;
   for (const auto& entry : kLockNames) {
@@ -66,12 +63,7 @@ const char* semaphore_name_for_scanner(const char* scanner_name) {
   return nullptr;
 }
 
-unsigned lock_timeout_ms() { return g_timeout_ms.load(); }
-
-void set_lock_timeouts_for_test(unsigned scanner_ms, unsigned tavio_ms) {
-  g_timeout_ms.store(scanner_ms);
-  set_tavio_lock_timeout_for_test(tavio_ms);
-}
+unsigned lock_timeout_ms() { return test_seams::get(&test_seams::Seams::scanner_lock_ms).value_or(kLockTimeoutMs); }
 
 void semaphore_reset_for_test() {
   platform::named_lock_close(g_created);

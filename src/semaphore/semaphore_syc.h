@@ -40,7 +40,6 @@ const char* semaphore_name_for_scanner(const char* scanner_name);
 // Waits: 20000 ms and 2000 ms; tests shorten them.
 unsigned lock_timeout_ms();
 unsigned tavio_lock_timeout_ms();
-void set_lock_timeouts_for_test(unsigned scanner_ms, unsigned tavio_ms);
 // Forgets the created locks so a test can call init_semaphore again.
 void semaphore_reset_for_test();
 

@@ -1,6 +1,5 @@
 #include "web_service/curl_api.h"
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +7,7 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "rds_hash.h"
 #include "web_service/auth_format.h"
 #include "web_service/transfer.h"
@@ -20,8 +20,6 @@ using transfer::kNull;
 constexpr Caller kPost{"curl_api", "sendData2Zelm"};
 constexpr Caller kGet{"curl_api", "GetDataFromZelm"};
 constexpr Caller kDownload{"curl_api", "Curl_Download_File"};
-
-std::atomic<long> g_timeout_for_test{0};
 
 // One response, collected piece by piece up to its limit. A piece that would
 // pass the limit is refused, which makes libcurl abort the transfer.
@@ -113,12 +111,7 @@ int transfer_failure(CURLcode rc, const std::string& url, const char* error_text
 
 }  // namespace
 
-void set_zelm_timeout_for_test(long seconds) { g_timeout_for_test.store(seconds); }
-
-long zelm_timeout_seconds() {
-  const long t = g_timeout_for_test.load();
-  return t > 0 ? t : kZelmTimeoutSeconds;
-}
+long zelm_timeout_seconds() { return test_seams::get(&test_seams::Seams::mgmt_timeout_s).value_or(kZelmTimeoutSeconds); }
 
 int sendData2Zelm(const std::string& url, const std::string& request, std::string* response) {
   response->clear();

@@ -40,10 +40,8 @@ int GetDataFromZelm(const std::string& url, const void* unused, std::string* res
 int Curl_Download_File(const std::string& url, long connect_timeout, long timeout, const std::string& path,
                        std::size_t max_bytes);
 
-// Test seam: the whole-transfer time-out of the POST and the GET in seconds
-// (0 restores kZelmTimeoutSeconds).
-void set_zelm_timeout_for_test(long seconds);
-// The time-out in effect.
+// The whole-transfer time-out of the POST and the GET in seconds:
+// kZelmTimeoutSeconds unless a test shortened it.
 long zelm_timeout_seconds();
 
 #endif  // VEXO_WEB_SERVICE_CURL_API_H

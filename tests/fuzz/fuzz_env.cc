@@ -10,6 +10,7 @@
 
 #include "common/rd_log.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -38,7 +39,7 @@ void fuzz_enter_scratch_folder() {
   std::atexit(remove_scratch);
   // Locks and the status pipe are machine-wide by default: keep them private
   // so that fuzzing never waits on, or disturbs, a service or a test.
-  platform::set_lock_dir_for_test(g_scratch);
+  test_seams::update([](test_seams::Seams& s) { s.lock_dir = g_scratch; });
   std::string pipe = g_scratch;
   pipe += "/no-pipe";
   platform::set_status_pipe_path(pipe);

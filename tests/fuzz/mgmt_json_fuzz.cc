@@ -4,6 +4,7 @@
 #include <string>
 
 #include "fuzz_env.h"
+#include "platform/test_seams.h"
 #include "web_service/json/json_frame_parse.h"
 
 namespace {
@@ -19,7 +20,7 @@ void check_field(const std::string& s) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz_enter_scratch_folder();
-  json_set_client_ts_for_test("2024-05-01T10:00:00");
+  test_seams::update([](test_seams::Seams& s) { s.now = 1714537800; });  // 2024-05-01T10:00:00 IST
   return 0;
 }
 

@@ -3,24 +3,13 @@
 
 #include "platform/mutex.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 
 namespace platform {
-namespace {
-Mutex g_time_mutex;
-std::optional<std::time_t> g_time_override GUARDED_BY(g_time_mutex);
-}  // namespace
 
 std::time_t now() {
-  {
-    MutexLock lock(&g_time_mutex);
-    if (g_time_override) return *g_time_override;
-  }
-  return std::time(nullptr);
-}
-
-void set_time_for_test(std::optional<std::time_t> t) {
-  MutexLock lock(&g_time_mutex);
-  g_time_override = t;
+  const std::optional<std::time_t> pinned = test_seams::get(&test_seams::Seams::now);
+  return pinned ? *pinned : std::time(nullptr);
 }
 
 std::uint64_t monotonic_ms() {

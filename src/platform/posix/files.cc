@@ -7,11 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <atomic>
 #include <fstream>
 #include <sstream>
 
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 #include "platform/unique_handle.h"
 
 namespace platform {
@@ -37,20 +37,9 @@ int read_file(const std::string& path, std::string* out) {
   return 0;
 }
 
-namespace {
-std::atomic<WriteFault> g_write_fault{WriteFault::kNone};
-std::atomic<int> g_crash_countdown{0};
-}  // namespace
-
-void set_crash_point_for_test(int n) { g_crash_countdown.store(n); }
-
 void crash_point() {
-  if (g_crash_countdown.load(std::memory_order_relaxed) > 0 && g_crash_countdown.fetch_sub(1) == 1) {
-    ::raise(SIGKILL);
-  }
+  if (test_seams::take(&test_seams::Seams::crash_countdown) == 1) ::raise(SIGKILL);
 }
-
-void set_write_fault_for_test(WriteFault fault) { g_write_fault.store(fault); }
 
 namespace {
 // Group and other bits are never granted, whatever a caller asks.
@@ -80,7 +69,7 @@ bool folder_writable_by_others(const std::string& path) {
 
 int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode,
                       Durability durability) {
-  const WriteFault fault = g_write_fault.load();
+  const WriteFault fault = test_seams::get(&test_seams::Seams::write_fault);
   std::string tmp = path + ".tmpXXXXXX";
   UniqueFd fd(fault == WriteFault::kOpen ? -1 : ::mkstemp(tmp.data()));
   if (!fd) return -1;

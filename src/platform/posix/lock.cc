@@ -14,6 +14,7 @@
 
 #include "platform/mutex.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 
 namespace platform {
 
@@ -26,8 +27,7 @@ constexpr char kPackageLockDir[] = "/run/vexo";
 constexpr char kTempDir[] = "/tmp";
 
 Mutex g_dir_mutex;
-std::string g_lock_dir GUARDED_BY(g_dir_mutex);       // the configured folder
-std::string g_test_lock_dir GUARDED_BY(g_dir_mutex);  // a test's folder, which wins
+std::string g_lock_dir GUARDED_BY(g_dir_mutex);  // the configured folder
 
 // The process-local half of a named lock, shared by every handle of one name.
 // fd and owner_pid are set before the state is shared, and never change.
@@ -112,9 +112,10 @@ std::string default_lock_dir() {
 }
 
 std::string lock_dir() {
+  std::string test_dir = test_seams::get(&test_seams::Seams::lock_dir);
+  if (!test_dir.empty()) return test_dir;
   {
     MutexLock guard(&g_dir_mutex);
-    if (!g_test_lock_dir.empty()) return g_test_lock_dir;
     if (!g_lock_dir.empty()) return g_lock_dir;
   }
   return default_lock_dir();
@@ -123,11 +124,6 @@ std::string lock_dir() {
 void set_lock_dir(const std::string& dir) {
   MutexLock guard(&g_dir_mutex);
   g_lock_dir = dir;
-}
-
-void set_lock_dir_for_test(const std::string& dir) {
-  MutexLock guard(&g_dir_mutex);
-  g_test_lock_dir = dir;
 }
 
 std::string named_lock_path(const char* name) {

@@ -10,13 +10,11 @@
 
 #include "platform/mutex.h"
 #include "platform/platform.h"
+#include "platform/test_seams.h"
 
 namespace platform {
 
 namespace {
-Mutex g_test_mutex;
-std::optional<std::vector<Adapter>> g_test_adapters GUARDED_BY(g_test_mutex);
-
 struct IfaddrsFree {
   void operator()(ifaddrs* p) const { freeifaddrs(p); }
 };
@@ -28,12 +26,10 @@ bool all_zero(const std::uint8_t* a) {
 
 int list_adapters(std::vector<Adapter>* out) {
   out->clear();
-  {
-    MutexLock lock(&g_test_mutex);
-    if (g_test_adapters) {
-      *out = *g_test_adapters;
-      return 0;
-    }
+  std::optional<std::vector<Adapter>> given = test_seams::get(&test_seams::Seams::adapters);
+  if (given) {
+    *out = std::move(*given);
+    return 0;
   }
   ifaddrs* raw = nullptr;
   if (getifaddrs(&raw) != 0) return -1;
@@ -57,11 +53,6 @@ int list_adapters(std::vector<Adapter>* out) {
                    [](const Adapter& x, const Adapter& y) { return x.index < y.index; });
   *out = std::move(found);
   return 0;
-}
-
-void set_adapters_for_test(std::optional<std::vector<Adapter>> adapters) {
-  MutexLock lock(&g_test_mutex);
-  g_test_adapters = std::move(adapters);
 }
 
 }  // namespace platform

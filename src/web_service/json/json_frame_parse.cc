@@ -21,6 +21,7 @@
 using rd_codes::kFailed;
 #include "web_service/json/json_ptr.h"
 #include "platform/mutex.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ int two(std::string_view s, std::size_t at) {
 }  // namespace
 
 std::string mgmt_timestamp() {
-  std::time_t t = std::time(nullptr) + 19800;
+  std::time_t t = platform::now() + 19800;
   std::tm tm{};
   gmtime_r(&t, &tm);
   char buf[32];
@@ -134,14 +135,6 @@ int json_frame_uidai_cert_update_status(std::string* out) {
 // ------------------------------------------------------------ parsers
 
 namespace {
-
-platform::Mutex g_ts_mu;
-std::string g_client_ts GUARDED_BY(g_ts_mu);  // test seam
-
-std::string client_ts() {
-  platform::MutexLock lk(&g_ts_mu);
-  return g_client_ts.empty() ? mgmt_timestamp() : g_client_ts;
-}
 
 // A member of an object, or nullptr.
 json_object* member(json_object* o, const char* k) {
@@ -365,18 +358,13 @@ int read_path_checksum(const char* function, const char* parse_error, std::strin
 
 }  // namespace
 
-void json_set_client_ts_for_test(const std::string& ts) {
-  platform::MutexLock lk(&g_ts_mu);
-  g_client_ts = ts;
-}
-
 int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string* next_action) {
   AnswerReader r("json_parse_init", Kind::kInit, &self);
   if (!r.parse(body, "Error at Resp init json_tokener_parse line=" + std::to_string(__LINE__))) return kFailed;
   const int rc = r.head(next_action);
   if (rc != 0) return rc > 0 ? 0 : kFailed;
   int diff = 0;
-  const int t = Time_Diff_in_Sec(r.ts(), client_ts(), &diff);
+  const int t = Time_Diff_in_Sec(r.ts(), mgmt_timestamp(), &diff);
   if (t == 0 && diff > 300) {
     RD_INFO("Time Difference between client and server is %d seconds, It should be less than 300 seconds", diff);
   } else if (t != 0) {

@@ -12,7 +12,7 @@ struct MgmtIdentity {
   std::string rdVer, rdId, clId, clVer, hostType, hostId, slNo, make, model, dpId;
 };
 
-// The current time as Indian Standard Time, "%Y-%m-%dT%H:%M:%S".
+// The current time (platform::now()) as Indian Standard Time, "%Y-%m-%dT%H:%M:%S".
 std::string mgmt_timestamp();
 // Builds a request for id at ts; pkey (key rotation only) goes between ts and
 // sKey when non-null. 0, or -1 when the protection step fails.
@@ -52,9 +52,6 @@ int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentit
                                         std::string* next_action);
 int json_parse_uidai_cert_force_update(std::string_view body, std::string* next_action, std::string* path,
                                        std::string* chksum, std::string* ci);
-// Test seam: the client time stamp the 300-second rule compares with
-// (empty restores the clock).
-void json_set_client_ts_for_test(const std::string& ts);
 
 // Seconds between two stamps by day of month and time of day; -1 when the days
 // differ by other than 0 or 1.
