@@ -1,0 +1,57 @@
+#include "platform/pages.h"
+
+#include <cstdint>
+
+#include "platform/win32/win32_util.h"
+
+namespace platform {
+
+namespace {
+
+std::size_t page_size() {
+  static const std::size_t size = [] {
+    SYSTEM_INFO info;
+    ::GetSystemInfo(&info);
+    return static_cast<std::size_t>(info.dwPageSize);
+  }();
+  return size;
+}
+
+// The block's pages rounded up, plus the guard page after them.
+std::size_t mapping_size(std::size_t size) {
+  std::size_t page = page_size();
+  return (size + page - 1) / page * page + page;
+}
+
+}  // namespace
+
+// Committed pages cost no memory until they are first written, and
+// VirtualAlloc hands them out zero-filled.
+void* alloc_zeroed_pages(std::size_t size) {
+  if (size == 0 || size > SIZE_MAX / 2) {
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  const std::size_t total = mapping_size(size);
+  void* base = ::VirtualAlloc(nullptr, total, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+  if (base == nullptr) return nullptr;
+  char* guard = static_cast<char*>(base) + total - page_size();
+  DWORD old = 0;
+  if (!::VirtualProtect(guard, page_size(), PAGE_NOACCESS, &old)) {
+    const DWORD saved = ::GetLastError();
+    ::VirtualFree(base, 0, MEM_RELEASE);
+    ::SetLastError(saved);
+    return nullptr;
+  }
+  // The block ends where the guard page begins.
+  return guard - size;
+}
+
+void free_zeroed_pages(void* block, std::size_t size) {
+  if (block == nullptr) return;
+  const std::size_t total = mapping_size(size);
+  char* guard_end = static_cast<char*>(block) + size + page_size();
+  ::VirtualFree(guard_end - total, 0, MEM_RELEASE);
+}
+
+}  // namespace platform
