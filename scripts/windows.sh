@@ -62,7 +62,8 @@ check_compilers() {
   for t in "$CC" "$CXX" "/usr/bin/$TRIPLE-ar" "/usr/bin/$TRIPLE-ranlib" "/usr/bin/$TRIPLE-windres"; do
     [ -x "$t" ] || die "missing $t: run scripts/install-deps.sh"
   done
-  "$CC" -v 2>&1 | grep -q '^Thread model: posix' || die "$CC does not use the posix thread model"
+  # Captured first: grep -q would end the pipe early, and pipefail fail it.
+  [[ $("$CC" -v 2>&1) == *$'\nThread model: posix'* ]] || die "$CC does not use the posix thread model"
 }
 
 # ---------------------------------------------------------------- archives
@@ -104,6 +105,26 @@ manifest_entry() {
 
 sha256_of() { sha256sum "$1" | cut -d' ' -f1; }
 
+# Ends a process and everything it started, children first.
+kill_tree() {
+  local child
+  for child in $(pgrep -P "$1" 2>/dev/null); do kill_tree "$child"; done
+  kill -TERM "$1" 2>/dev/null || true
+}
+
+# A download or build cut short by an error or a signal leaves nothing
+# running and no half-downloaded archive; a half-built library has no "done"
+# mark and is built again by the next run.
+DOWNLOAD_TMP=
+BUILD_PID=
+on_exit() {
+  [ -z "$BUILD_PID" ] || kill_tree "$BUILD_PID"
+  [ -z "$DOWNLOAD_TMP" ] || rm -f "$DOWNLOAD_TMP"
+}
+trap on_exit EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
 # Finds the archive of one library (the archive folder, then archives
 # downloaded earlier), downloads it when it is missing, and checks its
 # SHA-256 against the MANIFEST. Sets ARCHIVE.
@@ -123,6 +144,7 @@ fetch_archive() {
     command -v curl >/dev/null || die "$name: $M_FILE is missing and curl is not installed"
     mkdir -p "$CACHE_ROOT/archives"
     tmp=$(mktemp "$CACHE_ROOT/archives/$M_FILE.XXXXXX")
+    DOWNLOAD_TMP=$tmp
     note "$name: $M_FILE is missing, downloading $M_URL"
     if ! curl -fsSL --proto '=https,http' --proto-redir '=https,http' --connect-timeout 20 --max-time 900 -o "$tmp" "$M_URL"; then
       rm -f "$tmp"
@@ -134,6 +156,7 @@ fetch_archive() {
       die "$name: the download from $M_URL does not match the MANIFEST (SHA-256 $got, expected $M_SUM)"
     fi
     mv -f "$tmp" "$CACHE_ROOT/archives/$M_FILE"
+    DOWNLOAD_TMP=
     ARCHIVE=$CACHE_ROOT/archives/$M_FILE
     return
   fi
@@ -147,8 +170,8 @@ fetch_archive() {
 cache_inputs() {
   printf 'recipe %s\narch %s\n' "$RECIPE" "$ARCH"
   cat "$MANIFEST"
-  "$CC" --version | head -n 1
-  "$CXX" --version | head -n 1
+  "$CC" --version | sed -n 1p
+  "$CXX" --version | sed -n 1p
   # Debian's package versions tell apart compilers that print the same version.
   dpkg-query -W -f='${Package} ${Version}\n' "gcc-mingw-w64-$DEBARCH-posix" \
     "g++-mingw-w64-$DEBARCH-posix" "mingw-w64-$DEBARCH-dev" "binutils-mingw-w64-$DEBARCH" 2>/dev/null || true
@@ -248,10 +271,15 @@ build_one() {
     die "$name: cannot unpack $ARCHIVE"
   printf '%-11s %-12s SHA-256 OK, building ... ' "$name" "$M_VERSION" >&2
   t0=$(date +%s)
+  # In the background, so that a signal reaches the trap at once and the
+  # trap can end the build.
+  ( set -Eeuo pipefail; "build_$name" ) > "$LOGS/$name.log" 2>&1 &
+  BUILD_PID=$!
   set +e
-  ( set -Eeuo pipefail; "build_$name" ) > "$LOGS/$name.log" 2>&1
+  wait "$BUILD_PID"
   rc=$?
   set -e
+  BUILD_PID=
   if [ $rc -ne 0 ]; then
     printf 'FAILED\n' >&2
     tail -n 30 "$LOGS/$name.log" >&2
@@ -297,6 +325,10 @@ cmd_deps() {
   unset PKG_CONFIG_SYSROOT_DIR
   local t0 name
   t0=$(date +%s)
+  # Every archive is found (or downloaded) and checked before anything is
+  # built, so that a bad one stops the run at once; each is checked again
+  # right before it is unpacked.
+  for name in "${LIBS[@]}"; do fetch_archive "$name"; done
   for name in "${LIBS[@]}"; do
     # A library finished by an earlier, interrupted run is kept.
     manifest_entry "$name"
@@ -355,7 +387,8 @@ stop_wine() { env "${WINE_ENV[@]}" wineserver -k 2>/dev/null || true; }
 cmd_smoke() {
   set_arch "${1:-}"
   local prefix build
-  prefix=$(cmd_deps "$ARCH")
+  cmd_deps "$ARCH" >/dev/null
+  prefix=$PREFIX
   build=$REPO/build-win-smoke-$ARCH
   cmake -S "$REPO/tests/windows" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" \
     -DVEXO_WIN_DEPS="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
@@ -371,7 +404,7 @@ cmd_smoke() {
     echo "== $ARCH: not run: this machine has no 32-bit Wine (wine32 could not be installed)"
     return 0
   fi
-  trap stop_wine EXIT
+  trap 'stop_wine; on_exit' EXIT
   start_wine
   (cd "$build" && ctest --output-on-failure)
 }
