@@ -99,9 +99,7 @@ int log_timestamp() {
 void write_error_log(const char* text) {
   FILE* f = std::fopen("Vexo_Error.log", "ab");
   if (f == nullptr) {
-    // Stands in for the design's message box: the text goes to standard
-    // error, which the library leaves alone unless debugging output is on.
-    if (rd_verbose() >= 2) std::fprintf(stderr, "Error: Error in opening the Vexo_Error.log file\n");
+    platform::alert_box("Error in opening the Vexo_Error.log file", "Error");
     return;
   }
   std::fprintf(f, "%s", text);

@@ -29,8 +29,8 @@ int zlog_fini();
 // Writes "YYYY-mm-dd HH:MM:SS " (IST) to the run log. REQUIRES: log mutex held.
 // 0, or -1 when the clock cannot be read (nothing written).
 int log_timestamp();
-// Appends text unchanged to "Vexo_Error.log"; when that fails, prints
-// "Error in opening the Vexo_Error.log file" to standard error.
+// Appends text unchanged to "Vexo_Error.log"; when that fails, shows
+// "Error in opening the Vexo_Error.log file" (platform::alert_box).
 void write_error_log(const char* text);
 // Opens the status pipe (platform::status_pipe_path()). 0, or -1 with the
 // "Create pipe failed" reports.

@@ -2,6 +2,7 @@
 #define VEXO_LOG_FILE "server"
 
 #include <atomic>
+#include <cerrno>
 #include <exception>
 #include <mutex>
 #include <system_error>
@@ -99,7 +100,11 @@ unsigned accept_pause_ms() { return g_accept_pause_ms.load(std::memory_order_rel
 void set_accept_pause_ms_for_test(unsigned ms) { g_accept_pause_ms.store(ms, std::memory_order_relaxed); }
 
 int prepare_http_socket(platform::socket_t* server) {
-  // POSIX sockets need no start-up call, so the result 1 never occurs here.
+  // Only Windows has a socket library to start; elsewhere this never fails.
+  if (const int err = platform::socket_startup(); err != 0) {
+    RD_ERROR("WSAStartup failed with error: %d\n", err);
+    return 1;
+  }
   platform::UniqueSocket s(platform::tcp_socket());
   if (!s) {
     RD_ERROR("could not create socket for server(ERROR:%d)", platform::last_error());
@@ -123,7 +128,7 @@ int prepare_http_socket(platform::socket_t* server) {
                static_cast<short>(port));
       return -1;
     }
-    if (platform::last_error() == kWinsockAddressInUse) {
+    if (errno == kWinsockAddressInUse) {
       RD_ERROR("Port %hd is already in use, Trying for next port", static_cast<short>(port));
     } else {
       RD_ERROR("binding_tcp_socket : failed on port = %hd, Trying for next port", static_cast<short>(port));

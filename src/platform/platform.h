@@ -1,7 +1,8 @@
 // Operating-system layer. Every system call of the library goes through the
-// functions declared here; src/platform/posix/ defines them for Linux, and a
-// win32/ folder would define the same names. Nothing outside src/platform/
-// includes a header that exists on only one system.
+// functions declared here; src/platform/posix/ defines them for Linux and
+// src/platform/win32/ for Windows, both on top of the system-neutral
+// shared.cc. Nothing outside src/platform/ includes a header that exists on
+// only one system.
 //
 // Thread-safety: every function may be called from any thread. The test seams
 // (set_*_for_test) are meant to be set before the code under test runs.
@@ -167,6 +168,17 @@ int random_bytes(std::uint8_t* out, std::size_t len);
 // The folder the design calls APPDATA: $APPDATA, else $XDG_DATA_HOME, else
 // $HOME/.local/share. Empty when none of these gives a folder.
 std::string appdata_dir();
+
+// ---------------------------------------------------------------- start-up and alerts
+// Starts the system's socket library once (Winsock 2.2 on Windows; POSIX has
+// nothing to start). 0, or the start-up's own error code.
+int socket_startup();
+// Shows text to the user when no log can take it: a message box with the
+// caption (no owner window, OK only) on Windows; "CAPTION: TEXT" on standard
+// error on POSIX.
+void alert_box(const char* text, const char* caption);
+// Path of the running program's file ("" when unknown).
+std::string program_path();
 
 }  // namespace platform
 

@@ -1,33 +1,9 @@
 #include <cerrno>
 #include <ctime>
-#include <mutex>
 
 #include "platform/platform.h"
 
 namespace platform {
-namespace {
-std::mutex g_time_mutex;
-std::optional<std::time_t> g_time_override;
-}  // namespace
-
-std::time_t now() {
-  {
-    std::lock_guard<std::mutex> lock(g_time_mutex);
-    if (g_time_override) return *g_time_override;
-  }
-  return std::time(nullptr);
-}
-
-void set_time_for_test(std::optional<std::time_t> t) {
-  std::lock_guard<std::mutex> lock(g_time_mutex);
-  g_time_override = t;
-}
-
-std::uint64_t monotonic_ms() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000u + static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
-}
 
 void sleep_ms(unsigned ms) {
   timespec req{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};

@@ -6,11 +6,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <atomic>
 #include <fstream>
 #include <sstream>
 
 #include "platform/platform.h"
+#include "platform/shared.h"
 #include "platform/unique_handle.h"
 
 namespace platform {
@@ -36,23 +36,15 @@ int read_file(const std::string& path, std::string* out) {
   return 0;
 }
 
-namespace {
-std::atomic<WriteFault> g_write_fault{WriteFault::kNone};
-std::atomic<int> g_crash_countdown{0};
-}  // namespace
-
-void set_crash_point_for_test(int n) { g_crash_countdown.store(n); }
-
-void crash_point() {
-  if (g_crash_countdown.load(std::memory_order_relaxed) > 0 && g_crash_countdown.fetch_sub(1) == 1) {
-    ::raise(SIGKILL);
-  }
+namespace sys {
+void kill_self() {
+  ::raise(SIGKILL);
+  ::_exit(137);
 }
-
-void set_write_fault_for_test(WriteFault fault) { g_write_fault.store(fault); }
+}  // namespace sys
 
 int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode) {
-  const WriteFault fault = g_write_fault.load();
+  const WriteFault fault = sys::write_fault();
   std::string tmp = path + ".tmpXXXXXX";
   UniqueFd fd(fault == WriteFault::kOpen ? -1 : ::mkstemp(tmp.data()));
   if (!fd) return -1;

@@ -15,16 +15,18 @@
 #include <mutex>
 
 #include "platform/platform.h"
+#include "platform/shared.h"
 
 namespace platform {
+
+namespace sys {
+extern const char kDefaultLockDir[] = "/tmp";
+}  // namespace sys
 
 namespace {
 
 // How often a waiter retries the file lock held by another process.
 constexpr unsigned kPollMs = 5;
-
-std::mutex g_dir_mutex;
-std::string g_lock_dir = "/tmp";
 
 // The process-local half of a named lock, shared by every handle of one name.
 struct LockState {
@@ -80,16 +82,6 @@ struct LocalLock {
   std::condition_variable cv;
   bool held = false;
 };
-
-std::string lock_dir() {
-  std::lock_guard<std::mutex> guard(g_dir_mutex);
-  return g_lock_dir;
-}
-
-void set_lock_dir_for_test(const std::string& dir) {
-  std::lock_guard<std::mutex> guard(g_dir_mutex);
-  g_lock_dir = dir;
-}
 
 NamedLock* named_lock_open(const char* name) {
   if (name == nullptr || *name == '\0') {

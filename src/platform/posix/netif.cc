@@ -7,16 +7,13 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "platform/platform.h"
+#include "platform/shared.h"
 
-namespace platform {
+namespace platform::sys {
 
 namespace {
-std::mutex g_test_mutex;
-std::optional<std::vector<Adapter>> g_test_adapters;
-
 struct IfaddrsFree {
   void operator()(ifaddrs* p) const { freeifaddrs(p); }
 };
@@ -26,15 +23,7 @@ bool all_zero(const std::uint8_t* a) {
 }
 }  // namespace
 
-int list_adapters(std::vector<Adapter>* out) {
-  out->clear();
-  {
-    std::lock_guard<std::mutex> lock(g_test_mutex);
-    if (g_test_adapters) {
-      *out = *g_test_adapters;
-      return 0;
-    }
-  }
+int list_system_adapters(std::vector<Adapter>* out) {
   ifaddrs* raw = nullptr;
   if (getifaddrs(&raw) != 0) return -1;
   std::unique_ptr<ifaddrs, IfaddrsFree> list(raw);
@@ -59,9 +48,4 @@ int list_adapters(std::vector<Adapter>* out) {
   return 0;
 }
 
-void set_adapters_for_test(std::optional<std::vector<Adapter>> adapters) {
-  std::lock_guard<std::mutex> lock(g_test_mutex);
-  g_test_adapters = std::move(adapters);
-}
-
-}  // namespace platform
+}  // namespace platform::sys

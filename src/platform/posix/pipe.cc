@@ -4,25 +4,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 
 #include "platform/platform.h"
+#include "platform/shared.h"
 
 namespace platform {
-namespace {
-std::mutex g_pipe_path_mutex;
-std::string g_pipe_path = "/tmp/qdx.win.002";
-}  // namespace
 
-std::string status_pipe_path() {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
-  return g_pipe_path;
-}
-
-void set_status_pipe_path_for_test(const std::string& path) {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
-  g_pipe_path = path;
-}
+namespace sys {
+extern const char kDefaultStatusPipePath[] = "/tmp/qdx.win.002";
+}  // namespace sys
 
 int pipe_open(const std::string& path, int* err) {
   // Non-blocking open fails with ENXIO when nobody reads the FIFO, instead of

@@ -1,34 +1,9 @@
 #include <chrono>
-#include <ctime>
-#include <mutex>
 
 #include "platform/platform.h"
 #include "platform/win32/win32_util.h"
 
 namespace platform {
-namespace {
-std::mutex g_time_mutex;
-std::optional<std::time_t> g_time_override;
-}  // namespace
-
-std::time_t now() {
-  {
-    std::lock_guard<std::mutex> lock(g_time_mutex);
-    if (g_time_override) return *g_time_override;
-  }
-  return std::time(nullptr);
-}
-
-void set_time_for_test(std::optional<std::time_t> t) {
-  std::lock_guard<std::mutex> lock(g_time_mutex);
-  g_time_override = t;
-}
-
-std::uint64_t monotonic_ms() {
-  return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-          .count());
-}
 
 namespace {
 // Sleep may wake up to one clock tick (10 to 16 ms) early: sleep again for

@@ -5,10 +5,6 @@
 
 namespace platform {
 
-unsigned long fold_fsid(const int words[2]) {
-  return static_cast<unsigned long>(static_cast<unsigned>(words[0]) ^ static_cast<unsigned>(words[1]));
-}
-
 int file_identity(const std::string& path, bool create_new, FileIdentity* out) {
   *out = FileIdentity{};
   const std::wstring wide = win32::widen(path);

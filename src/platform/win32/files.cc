@@ -1,20 +1,17 @@
 #include <fcntl.h>
 #include <io.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <optional>
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/shared.h"
 #include "platform/win32/win32_util.h"
 
 namespace platform {
 
 namespace {
-
-std::atomic<WriteFault> g_write_fault{WriteFault::kNone};
-std::atomic<int> g_crash_countdown{0};
 
 // The exit code a crash point leaves, as a shell reports a SIGKILL.
 constexpr UINT kCrashExitCode = 137;
@@ -110,18 +107,15 @@ int read_file(const std::string& path, std::string* out) {
   return 0;
 }
 
-void set_crash_point_for_test(int n) { g_crash_countdown.store(n); }
-
-void crash_point() {
-  if (g_crash_countdown.load(std::memory_order_relaxed) > 0 && g_crash_countdown.fetch_sub(1) == 1) {
-    ::TerminateProcess(::GetCurrentProcess(), kCrashExitCode);
-  }
+namespace sys {
+void kill_self() {
+  ::TerminateProcess(::GetCurrentProcess(), kCrashExitCode);
+  ::ExitProcess(kCrashExitCode);
 }
-
-void set_write_fault_for_test(WriteFault fault) { g_write_fault.store(fault); }
+}  // namespace sys
 
 int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode) {
-  const WriteFault fault = g_write_fault.load();
+  const WriteFault fault = sys::write_fault();
   if (fault == WriteFault::kOpen) {
     ::SetLastError(ERROR_ACCESS_DENIED);
     return -1;

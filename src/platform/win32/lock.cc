@@ -11,14 +11,17 @@
 #include <mutex>
 
 #include "platform/platform.h"
+#include "platform/shared.h"
 #include "platform/win32/win32_util.h"
 
 namespace platform {
 
-namespace {
+namespace sys {
+// Empty: the design's names unchanged.
+extern const char kDefaultLockDir[] = "";
+}  // namespace sys
 
-std::mutex g_dir_mutex;
-std::string g_lock_dir;  // empty: the design's names unchanged
+namespace {
 
 // What one process knows of one name; shared by every handle of that name.
 struct LockState {
@@ -88,16 +91,6 @@ struct NamedLock {
 struct LocalLock {
   win32::UniqueKernelHandle semaphore;
 };
-
-std::string lock_dir() {
-  std::lock_guard<std::mutex> guard(g_dir_mutex);
-  return g_lock_dir;
-}
-
-void set_lock_dir_for_test(const std::string& dir) {
-  std::lock_guard<std::mutex> guard(g_dir_mutex);
-  g_lock_dir = dir;
-}
 
 NamedLock* named_lock_open(const char* name) {
   if (name == nullptr || *name == '\0') {

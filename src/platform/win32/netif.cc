@@ -4,31 +4,20 @@
 #include <iphlpapi.h>
 
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/shared.h"
 
-namespace platform {
+namespace platform::sys {
 
 namespace {
-std::mutex g_test_mutex;
-std::optional<std::vector<Adapter>> g_test_adapters;
-
 bool all_zero(const BYTE* a) {
   return std::all_of(a, a + 6, [](BYTE b) { return b == 0; });
 }
 }  // namespace
 
-int list_adapters(std::vector<Adapter>* out) {
-  out->clear();
-  {
-    std::lock_guard<std::mutex> lock(g_test_mutex);
-    if (g_test_adapters) {
-      *out = *g_test_adapters;
-      return 0;
-    }
-  }
+int list_system_adapters(std::vector<Adapter>* out) {
   // The list may grow between the size query and the call: ask again.
   std::vector<unsigned char> buffer(16 * sizeof(IP_ADAPTER_INFO));
   DWORD rc = ERROR_BUFFER_OVERFLOW;
@@ -59,9 +48,4 @@ int list_adapters(std::vector<Adapter>* out) {
   return 0;
 }
 
-void set_adapters_for_test(std::optional<std::vector<Adapter>> adapters) {
-  std::lock_guard<std::mutex> lock(g_test_mutex);
-  g_test_adapters = std::move(adapters);
-}
-
-}  // namespace platform
+}  // namespace platform::sys

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "platform/shared.h"
 #include "platform/win32/win32_util.h"
 
 namespace platform {
@@ -17,11 +18,7 @@ std::size_t page_size() {
   return size;
 }
 
-// The block's pages rounded up, plus the guard page after them.
-std::size_t mapping_size(std::size_t size) {
-  std::size_t page = page_size();
-  return (size + page - 1) / page * page + page;
-}
+std::size_t mapping_size(std::size_t size) { return sys::guarded_mapping_size(size, page_size()); }
 
 }  // namespace
 

@@ -1,23 +1,12 @@
-#include <mutex>
-
 #include "platform/platform.h"
+#include "platform/shared.h"
 #include "platform/win32/win32_util.h"
 
 namespace platform {
-namespace {
-std::mutex g_pipe_path_mutex;
-std::string g_pipe_path = "\\\\.\\pipe\\qdx.win.002";
-}  // namespace
 
-std::string status_pipe_path() {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
-  return g_pipe_path;
-}
-
-void set_status_pipe_path_for_test(const std::string& path) {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
-  g_pipe_path = path;
-}
+namespace sys {
+extern const char kDefaultStatusPipePath[] = "\\\\.\\pipe\\qdx.win.002";
+}  // namespace sys
 
 int pipe_open(const std::string& path, int* err) {
   const std::wstring wide = win32::widen(path);

@@ -25,7 +25,8 @@ socket_t from_socket(SOCKET s) {
   return static_cast<socket_t>(s);
 }
 
-// 0, or the error of WSAStartup (also left as the last error).
+// 0, or the error of WSAStartup (also left as the last error). The first
+// call starts Winsock; a failed start is not tried again.
 int start_winsock() {
   static std::once_flag once;
   static int result = 0;
@@ -36,6 +37,12 @@ int start_winsock() {
   if (result != 0) ::WSASetLastError(result);
   return result;
 }
+
+}  // namespace
+
+int socket_startup() { return start_winsock(); }
+
+namespace {
 
 socket_t stream_socket(int family) {
   if (start_winsock() != 0) return kInvalidSocket;
