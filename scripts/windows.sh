@@ -25,7 +25,7 @@
 set -Eeuo pipefail
 
 # Bump when a library's build options change: the cache key includes it.
-RECIPE=1
+RECIPE=2
 LIBS=(openssl curl libxml2 json-c iniparser protobuf-c openjpeg googletest)
 
 REPO=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -227,7 +227,9 @@ build_curl() {
 }
 
 build_libxml2() {
-  cmake_lib -DLIBXML2_WITH_ICONV=OFF -DLIBXML2_WITH_ICU=OFF -DLIBXML2_WITH_ZLIB=OFF \
+  # LIBXML_STATIC for the library's own objects too: without it they carry
+  # dllexport directives, and every DLL linking them would export libxml2.
+  cmake_lib -DCMAKE_C_FLAGS=-DLIBXML_STATIC -DLIBXML2_WITH_ICONV=OFF -DLIBXML2_WITH_ICU=OFF -DLIBXML2_WITH_ZLIB=OFF \
     -DLIBXML2_WITH_LZMA=OFF -DLIBXML2_WITH_PYTHON=OFF -DLIBXML2_WITH_PROGRAMS=OFF \
     -DLIBXML2_WITH_TESTS=OFF -DLIBXML2_WITH_HTTP=OFF -DLIBXML2_WITH_FTP=OFF \
     -DLIBXML2_WITH_MODULES=OFF -DLIBXML2_WITH_THREADS=ON

@@ -115,7 +115,7 @@ void step_scanner(const char* details) {
   std::size_t first = text.find('|');
   std::size_t second = first == std::string::npos ? std::string::npos : text.find('|', first + 1);
   const std::string port = first == std::string::npos ? "" : text.substr(first + 1, second - first - 1);
-  const std::string port_path = "/dev/" + port;
+  const std::string port_path = platform::serial_port_path(port);
   rd_identity_update([&](RdIdentity& id) {
     id.scanner_name = "Tavio_TX9";
     id.security_param = second == std::string::npos ? "" : text.substr(second + 1);

@@ -179,6 +179,9 @@ int socket_startup();
 void alert_box(const char* text, const char* caption);
 // Path of the running program's file ("" when unknown).
 std::string program_path();
+// The path of the serial port called name: "/dev/NAME" on POSIX, the
+// device namespace "//./NAME" on Windows.
+std::string serial_port_path(const std::string& name);
 
 }  // namespace platform
 

@@ -1,32 +1,22 @@
 // vexo-host: stands in for the front end and the host program. It creates the
-// status FIFO and prints what arrives, loads libVexo.so from its own folder,
-// starts the service, follows the Management server (mgmt_loop), and turns
-// signals into plug events:
-//   SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit.
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
+// status pipe and prints what arrives, loads libVexo.so (Vexo.dll) from its
+// own folder, starts the service, follows the Management server (mgmt_loop),
+// and turns the system's events into plug events (host_sys.h):
+//   POSIX: SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit;
+//   Windows: lines "a" and "d" on standard input, Ctrl-C -> exit.
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 
+#include "host_sys.h"
 #include "mgmt_loop.h"
 #include "mgmt_plan.h"
 #include "vexo.h"
 
 namespace {
 
-constexpr const char* kPipePath = "/tmp/qdx.win.002";
 constexpr long long kDefaultPollSeconds = 21600;
 constexpr long long kMaxPollSeconds = 30LL * 24 * 3600;
 // Test-only: the first retry pause in milliseconds, instead of 30 s.
@@ -49,10 +39,8 @@ void usage() {
                "  each call as \"mgmt: CALL -> RESULT, next action ACTION\". Init runs again\n"
                "  every --mgmt-poll seconds (default %lld) and when another scanner is\n"
                "  attached. Failed calls are retried after %lld s, doubling up to %lld s.\n"
-               "  --no-mgmt leaves the Management server alone.\n"
-               "  SIGUSR1 reports the scanner plugged in, SIGUSR2 pulled out;\n"
-               "  SIGINT or SIGTERM stops the host.\n",
-               kDefaultPollSeconds, host::kRetryBaseMs / 1000, host::kRetryMaxMs / 1000);
+               "  --no-mgmt leaves the Management server alone.\n%s",
+               kDefaultPollSeconds, host::kRetryBaseMs / 1000, host::kRetryMaxMs / 1000, host::kEventHelp);
 }
 
 // A whole decimal number in [min, max].
@@ -65,18 +53,10 @@ bool parse_number(const char* text, long long min, long long max, long long* out
   return true;
 }
 
-std::string own_folder() {
-  char path[PATH_MAX] = {};
-  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  std::string p(path, static_cast<std::size_t>(n));
-  return p.substr(0, p.find_last_of('/'));
-}
-
 template <typename F>
 bool bind(void* lib, const char* name, F* out) {
-  *out = reinterpret_cast<F>(dlsym(lib, name));
-  if (*out == nullptr) std::fprintf(stderr, "vexo-host: %s missing in libVexo.so\n", name);
+  *out = reinterpret_cast<F>(host::library_symbol(lib, name));
+  if (*out == nullptr) std::fprintf(stderr, "vexo-host: %s missing in the library\n", name);
   return *out != nullptr;
 }
 
@@ -85,24 +65,6 @@ void print_status(const Exports& x, const char* call, int rc) {
   x.Get_Last_RDservice_Status(status);
   std::printf("%s returned %d\nlast status: %s\n", call, rc, status);
   std::fflush(stdout);
-}
-
-// Prints every status-pipe message as it arrives, until stop is set.
-void read_pipe(int fd, const std::atomic<bool>* stop) {
-  char buf[4096];
-  while (!stop->load()) {
-    pollfd p{fd, POLLIN, 0};
-    int r = poll(&p, 1, 200);
-    if (r <= 0) continue;
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) {
-      std::printf("pipe: %.*s", static_cast<int>(n), buf);
-      if (buf[n - 1] != '\n') std::printf("\n");
-      std::fflush(stdout);
-    } else {
-      usleep(50000);  // no writer at the moment
-    }
-  }
 }
 
 }  // namespace
@@ -142,34 +104,21 @@ int main(int argc, char** argv) {
   const char* base = std::getenv(kRetryBaseEnv);
   if (base != nullptr && parse_number(base, 1, host::kRetryBaseMs, &base_ms)) mgmt_options.retry_base_ms = base_ms;
 
-  const std::string lib_path = own_folder() + "/libVexo.so";
-  if (!workdir.empty() && chdir(workdir.c_str()) != 0) {
-    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), std::strerror(errno));
+  const std::string lib_path = host::library_beside_program();
+  std::string error;
+  if (!workdir.empty() && !host::enter_folder(workdir, &error)) {
+    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), error.c_str());
     return 1;
   }
 
-  // Signals are taken by sigwait below; every thread inherits the mask.
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (int s : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, s);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-
-  struct stat st {};
-  if (stat(kPipePath, &st) == 0 && !S_ISFIFO(st.st_mode)) unlink(kPipePath);
-  if (mkfifo(kPipePath, 0600) != 0 && errno != EEXIST) {
-    std::fprintf(stderr, "vexo-host: cannot create %s: %s\n", kPipePath, std::strerror(errno));
+  host::take_events();
+  auto pipe = std::make_unique<host::StatusPipe>();
+  if (!pipe->start(&error)) {
+    std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
     return 1;
   }
-  int pipe_fd = open(kPipePath, O_RDONLY | O_NONBLOCK);
-  if (pipe_fd < 0) {
-    std::fprintf(stderr, "vexo-host: cannot open %s: %s\n", kPipePath, std::strerror(errno));
-    return 1;
-  }
-  std::atomic<bool> stop{false};
-  std::thread reader(read_pipe, pipe_fd, &stop);
 
-  void* lib = dlopen(lib_path.c_str(), RTLD_NOW);
+  void* lib = host::load_library(lib_path, &error);
   Exports x;
   host::MgmtExports m;
   if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
@@ -178,9 +127,7 @@ int main(int argc, char** argv) {
       !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device) ||
       !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
       !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update)) {
-    if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", dlerror());
-    stop = true;
-    reader.join();
+    if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
     return 1;
   }
 
@@ -197,14 +144,13 @@ int main(int argc, char** argv) {
     loop = std::make_unique<host::MgmtLoop>(m, mgmt_options);
   }
   while (rc == 0) {
-    int sig = 0;
-    if (sigwait(&signals, &sig) != 0) continue;
-    if (sig == SIGUSR1) {
+    const host::Event event = host::wait_event();
+    if (event == host::Event::kAttach) {
       const int attached = x.attach_device();
       print_status(x, "attach_device", attached);
       // Another scanner: the server decides afresh what this one needs.
       if (attached == -10 && loop != nullptr) loop->request_init();
-    } else if (sig == SIGUSR2) {
+    } else if (event == host::Event::kDetach) {
       print_status(x, "detach_device", x.detach_device());
     } else {
       std::printf("vexo-host: stopping\n");
@@ -213,10 +159,7 @@ int main(int argc, char** argv) {
     }
   }
   if (loop != nullptr) loop->stop();
-  stop = true;
-  reader.join();
-  close(pipe_fd);
+  pipe.reset();
   // The library's threads live as long as the process; leave without unloading it.
-  std::fflush(stdout);
-  _exit(exit_code);
+  host::leave(exit_code);
 }

@@ -16,4 +16,6 @@ std::string program_path() {
   return std::string(path, static_cast<std::size_t>(n));
 }
 
+std::string serial_port_path(const std::string& name) { return "/dev/" + name; }
+
 }  // namespace platform

@@ -19,4 +19,6 @@ std::string program_path() {
   }
 }
 
+std::string serial_port_path(const std::string& name) { return "//./" + name; }
+
 }  // namespace platform
