@@ -9,7 +9,6 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -38,6 +37,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
 #include "test_crypto.h"
+#include "test_sys.h"
 #include "test_util.h"
 #include "vexo.h"
 
@@ -123,11 +123,11 @@ PidData parse_pid_data(const std::string& body) {
 class CaptureEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("APPDATA", dir_.file("appdata").c_str(), 1);
-    ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir_.path() +
-                           " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm > /dev/null 2>&1")
-                              .c_str()),
-              0);
+    testsys::set_env("APPDATA", dir_.file("appdata").c_str());
+    ASSERT_EQ(testutil::run_tool("vexoctl", {"init-workdir", dir_.path(), "--scanner", "Aratek_A600", "--mgmt-url",
+                                             "https://mgmt.test/Zelm"}),
+              0)
+        << testutil::read_file("tool.out");
     refdll_ = dir_.file("RefDll");
     sim::write_control(refdll_, {{"serial", "A600-E2E-7"},
                                  {"capture_wait_ms", "0"},
@@ -164,7 +164,7 @@ class CaptureEndToEnd : public ::testing::Test {
 
   void TearDown() override {
     platform::set_adapters_for_test(std::nullopt);
-    unsetenv("APPDATA");
+    testsys::set_env("APPDATA", nullptr);
   }
 
   // Sends a CAPTURE request and returns the answer split into head and body.

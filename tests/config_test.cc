@@ -1,11 +1,6 @@
 // The CRC seal, config.ini reading under the scanner lock, the writers, the
 // proxy file and the exported setters, all on real files in a temporary folder.
 #include <gtest/gtest.h>
-#include <csignal>
-#include <sys/wait.h>
-
-#include <dirent.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -22,6 +17,7 @@
 #include "common/rd_log.h"
 #include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
+#include "test_sys.h"
 #include "test_util.h"
 #include "vexo.h"
 
@@ -363,6 +359,20 @@ TEST_F(ConfigTest, WritersKeepOtherKeysAndReplaceTheFileWhole) {
   EXPECT_EQ(WriteToIniFile(nullptr, "./config.ini"), -1);
 }
 
+// The killed process: this program's helper case, in the test's folder (as
+// ConfigTest sets it up), armed to kill itself at the crash point that the
+// file "crash_point" names.
+TEST(DISABLED_ConfigHelper, ChangesDc) {
+  rd_set_verbose(0);
+  platform::set_lock_dir_for_test(std::filesystem::current_path().string());
+  set_lock_timeouts_for_test(200, 200);
+  semaphore_reset_for_test();
+  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
+  platform::set_crash_point_for_test(std::stoi(read_file("crash_point")));
+  if (write_config_file("NEW-DC") == 0) seal_config_file();
+  testsys::end_helper(0);
+}
+
 // A process killed at every step of changing dc: the next read of config.ini
 // succeeds with the old dc or the new one, and nothing staged is left.
 TEST_F(ConfigTest, ChangeOfDcSurvivesAKillAtEveryStep) {
@@ -371,17 +381,12 @@ TEST_F(ConfigTest, ChangeOfDcSurvivesAKillAtEveryStep) {
   for (;; ++point) {
     SCOPED_TRACE(point);
     write_sealed_config(full_keys());
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      platform::set_crash_point_for_test(point);
-      if (write_config_file("NEW-DC") == 0) seal_config_file();
-      _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    if (WIFEXITED(status)) break;  // the change ran to its end: every point was tried
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+    write_file("crash_point", std::to_string(point));
+    testsys::Process child(testsys::helper_case("DISABLED_ConfigHelper.ChangesDc"), "child.out");
+    ASSERT_TRUE(child.started());
+    const int code = child.wait();
+    if (code == 0) break;  // the change ran to its end: every point was tried
+    ASSERT_EQ(code, 137) << "killed at the crash point, as by SIGKILL: " << read_file("child.out");
     testing::internal::CaptureStdout();
     EXPECT_EQ(read_config_file(), 0) << log();
     testing::internal::GetCapturedStdout();

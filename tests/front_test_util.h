@@ -4,12 +4,7 @@
 #ifndef VEXO_TESTS_FRONT_TEST_UTIL_H
 #define VEXO_TESTS_FRONT_TEST_UTIL_H
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -22,19 +17,13 @@
 #include "common/work_area.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "platform/platform.h"
+#include "test_sys.h"
 #include "test_util.h"
 
 namespace fronttest {
 
 using testutil::read_until_close;
-
-inline sockaddr_in loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
 
 // Binds the listener and runs the accept loop on a detached thread (it never
 // returns; the test process ends it). Returns the port, 0 on failure.
@@ -47,22 +36,14 @@ inline int start_server() {
 
 // A socket bound to 127.0.0.1:port, with SO_REUSEADDR when reuse; -1 when
 // the port cannot be bound.
-inline int bound_socket(int port, bool reuse) {
-  int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  int one = 1;
-  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr = loopback(port);
-  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return s;
-  ::close(s);
-  return -1;
-}
+inline int bound_socket(int port, bool reuse) { return testsys::bind_port(port, reuse); }
 
 // Another program listening on port (with SO_REUSEADDR, as servers usually
 // have it). The socket, or -1 when the port is taken already.
 inline int hold_port(int port) {
   int s = bound_socket(port, true);
-  if (s >= 0 && ::listen(s, 1) != 0) {
-    ::close(s);
+  if (s >= 0 && platform::listen_socket(s, 1) != 0) {
+    platform::close_socket(s);
     return -1;
   }
   return s;
@@ -71,19 +52,11 @@ inline int hold_port(int port) {
 // True when a socket can bind port, with or without SO_REUSEADDR.
 inline bool port_bindable(int port, bool reuse = false) {
   int s = bound_socket(port, reuse);
-  if (s >= 0) ::close(s);
+  if (s >= 0) platform::close_socket(s);
   return s >= 0;
 }
 
-inline int connect_to(int port) {
-  int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr = loopback(port);
-  if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    ::close(s);
-    return -1;
-  }
-  return s;
-}
+inline int connect_to(int port) { return testsys::connect_loopback(port); }
 
 // Sends the pieces with a pause between them, then reads the answer. The
 // client half-closes first, so the TIME_WAIT state stays on its side.
@@ -92,11 +65,11 @@ inline std::string exchange_pieces(int port, const std::vector<std::string>& pie
   if (s < 0) return "";
   for (std::size_t i = 0; i < pieces.size(); ++i) {
     if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
-    (void)::send(s, pieces[i].data(), pieces[i].size(), MSG_NOSIGNAL);
+    (void)platform::send_socket(s, pieces[i].data(), pieces[i].size());
   }
-  ::shutdown(s, SHUT_WR);
+  testsys::shutdown_send(s);
   std::string answer = read_until_close(s);
-  ::close(s);
+  platform::close_socket(s);
   return answer;
 }
 
@@ -112,46 +85,24 @@ inline long feed_until_server_acts(int s, const std::function<void(int)>& send_n
   };
   for (int i = 0; elapsed() < give_up_ms; ++i) {
     send_next(i);
-    pollfd p{s, POLLIN, 0};
-    if (::poll(&p, 1, pause_ms) > 0) return elapsed();
+    if (platform::wait_readable(s, pause_ms) > 0) return elapsed();
   }
   return -1;
-}
-
-// Resident memory of this process in bytes, 0 when unreadable.
-inline std::size_t resident_bytes() {
-  std::FILE* f = std::fopen("/proc/self/statm", "r");
-  if (f == nullptr) return 0;
-  unsigned long size = 0, resident = 0;
-  int n = std::fscanf(f, "%lu %lu", &size, &resident);
-  std::fclose(f);
-  return n == 2 ? resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) : 0;
 }
 
 inline std::string round_trip(int port, const std::string& request) { return exchange_pieces(port, {request}, 0); }
 
 // A connection to [::1]:port, -1 when refused.
-inline int connect_to6(int port) {
-  int s = ::socket(AF_INET6, SOCK_STREAM, 0);
-  sockaddr_in6 addr{};
-  addr.sin6_family = AF_INET6;
-  addr.sin6_port = htons(static_cast<uint16_t>(port));
-  addr.sin6_addr = in6addr_loopback;
-  if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    ::close(s);
-    return -1;
-  }
-  return s;
-}
+inline int connect_to6(int port) { return testsys::connect_loopback6(port); }
 
 // round_trip through [::1]; "" when the connection is refused.
 inline std::string round_trip6(int port, const std::string& request) {
   int s = connect_to6(port);
   if (s < 0) return "";
-  (void)::send(s, request.data(), request.size(), MSG_NOSIGNAL);
-  ::shutdown(s, SHUT_WR);
+  (void)platform::send_socket(s, request.data(), request.size());
+  testsys::shutdown_send(s);
   std::string answer = read_until_close(s);
-  ::close(s);
+  platform::close_socket(s);
   return answer;
 }
 

@@ -2,6 +2,7 @@
 // wait for their requests. A program of its own, so that the allocator
 // settings below apply to it alone.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -18,6 +19,20 @@
 #define VEXO_TEST_ASAN 1
 #endif
 #endif
+
+namespace {
+
+// Resident memory of this process in bytes, 0 when unreadable.
+std::size_t resident_bytes() {
+  std::FILE* f = std::fopen("/proc/self/statm", "r");
+  if (f == nullptr) return 0;
+  unsigned long size = 0, resident = 0;
+  int n = std::fscanf(f, "%lu %lu", &size, &resident);
+  std::fclose(f);
+  return n == 2 ? resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) : 0;
+}
+
+}  // namespace
 
 #ifdef VEXO_TEST_ASAN
 // AddressSanitizer keeps freed blocks resident in its quarantine (256 MB by
@@ -65,7 +80,7 @@ TEST_F(ListenerMemoryTest, WaitingConnectionsCostLittleMemory) {
       ASSERT_GE(s, 0);
       clients.push_back(s);
       // Half stay silent, half send the start of a request line.
-      if (i % 2 == 1) (void)::send(s, "RDS", 3, MSG_NOSIGNAL);
+      if (i % 2 == 1) (void)platform::send_socket(s, "RDS", 3);
       // One at a time: a full backlog of 5 would drop the next connection
       // attempt and cost a second's retransmission.
       ASSERT_TRUE(wait_count("Entered inside process_incoming_message", i + 1, offset));
@@ -76,7 +91,7 @@ TEST_F(ListenerMemoryTest, WaitingConnectionsCostLittleMemory) {
     EXPECT_LT(during, before + kBound) << "grew by " << (during - before) / 1024 << " KiB";
     std::printf("wave %d: resident %zu KiB before, %zu KiB with %d connections waiting\n", wave, before / 1024,
                 during / 1024, kConnections);
-    for (int s : clients) ::close(s);
+    for (int s : clients) platform::close_socket(s);
     ASSERT_TRUE(wait_count("Returning from process_incoming_message", kConnections, offset));
   }
 }

@@ -2,8 +2,6 @@
 // reading in every shape, clients that misbehave, and failures inside a
 // connection thread.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <future>
@@ -12,7 +10,9 @@
 
 #include "front_test_util.h"
 #include "common/request_reader.h"
+#include "platform/socket_extra.h"
 #include "ssl/sslCommunication.h"
+#include "test_sys.h"
 
 using namespace fronttest;
 
@@ -53,46 +53,49 @@ TEST_F(ListenerTest, TakesTheFirstPortNoOtherProgramListensOn) {
   EXPECT_EQ(server, platform::kInvalidSocket);
   EXPECT_TRUE(log_has("server", "prepare_http_socket",
                       "binding_tcp_socket : failed on Port 11120\nAll Ports are in use, RD Service Can't Run"));
-  for (int s : held) ::close(s);
+  for (int s : held) platform::close_socket(s);
 }
 
 // A service in a child process answers one request and closes first, so its
 // side of the connection lingers in TIME_WAIT on its port (11100 unless that
 // is blocked); then it is killed. The restarted service gets the same port
 // back at once; a second listener in the same process still moves on.
+// The other service: this program's helper case, in the test's folder. It
+// writes its port (0 when it could not bind) into "child.port" and serves
+// until it is killed.
+TEST(DISABLED_ListenerHelper, ServesUntilKilled) {
+  zlog_init("child.log");
+  rd_identity_update([](RdIdentity& id) {
+    id.mi = "VX100";
+    id.scanner_name = "Aratek_A600";
+  });
+  platform::socket_t server = platform::kInvalidSocket;
+  const int result = prepare_http_socket(&server) == 0 ? service_port() : 0;
+  testutil::write_file("child.port", std::to_string(result) + "\n");
+  if (result != 0) client_connection_handler(&server);
+  testsys::end_helper(1);
+}
+
+// Starts the helper service; its port, 0 when it did not start.
+int start_child_service(std::unique_ptr<testsys::Process>* child) {
+  *child = std::make_unique<testsys::Process>(testsys::helper_case("DISABLED_ListenerHelper.ServesUntilKilled"),
+                                              "child.out");
+  if (!(*child)->started() || !testutil::wait_for_text("child.port", "\n", 30000)) return 0;
+  return std::stoi(testutil::read_file("child.port"));
+}
+
 TEST_F(ListenerTest, RestartedServiceGetsItsPortBackAtOnce) {
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    platform::socket_t server = platform::kInvalidSocket;
-    int result = prepare_http_socket(&server) == 0 ? service_port() : 0;
-    (void)!::write(ready[1], &result, sizeof result);
-    if (result != 0) client_connection_handler(&server);
-    ::_exit(1);
-  }
-  // Ends the child on every path out, failed assertions included.
-  struct Reaper {
-    pid_t pid;
-    void reap() {
-      if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
-      pid = -1;
-    }
-    ~Reaper() { reap(); }
-  } reaper{child};
-  int child_port = 0;
-  ASSERT_EQ(::read(ready[0], &child_port, sizeof child_port), static_cast<ssize_t>(sizeof child_port));
-  ASSERT_NE(child_port, 0);
+  // The child is ended on every path out, failed assertions included.
+  std::unique_ptr<testsys::Process> child;
+  const int child_port = start_child_service(&child);
+  ASSERT_NE(child_port, 0) << testutil::read_file("child.out");
   int s = connect_to(child_port);
   ASSERT_GE(s, 0);
   std::string request = "RDSERVICE / HTTP/1.1\r\n\r\n";
-  ASSERT_EQ(::send(s, request.data(), request.size(), MSG_NOSIGNAL), static_cast<ssize_t>(request.size()));
+  ASSERT_EQ(platform::send_socket(s, request.data(), request.size()), static_cast<long>(request.size()));
   EXPECT_EQ(read_until_close(s), discovery_answer(child_port));
-  ::close(s);
-  reaper.reap();
-  ::close(ready[0]);
-  ::close(ready[1]);
+  platform::close_socket(s);
+  child->kill();
   ASSERT_FALSE(port_bindable(child_port)) << "no TIME_WAIT left behind; the test shows nothing";
 
   EXPECT_EQ(start_server(), child_port);
@@ -108,28 +111,9 @@ TEST_F(ListenerTest, RestartedServiceGetsItsPortBackAtOnce) {
 // port on both addresses; its [::1] listener neither blocks nor takes the
 // first service's port.
 TEST_F(ListenerTest, AlsoListensOnIpv6LoopbackAtTheSamePort) {
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    platform::socket_t server = platform::kInvalidSocket;
-    int result = prepare_http_socket(&server) == 0 ? service_port() : 0;
-    (void)!::write(ready[1], &result, sizeof result);
-    if (result != 0) client_connection_handler(&server);
-    ::_exit(1);
-  }
-  struct Reaper {
-    pid_t pid;
-    ~Reaper() {
-      if (::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
-    }
-  } reaper{child};
-  int first = 0;
-  ASSERT_EQ(::read(ready[0], &first, sizeof first), static_cast<ssize_t>(sizeof first));
-  ::close(ready[0]);
-  ::close(ready[1]);
-  ASSERT_NE(first, 0);
+  std::unique_ptr<testsys::Process> child;
+  const int first = start_child_service(&child);
+  ASSERT_NE(first, 0) << testutil::read_file("child.out");
   int second = start_server();
   ASSERT_GT(second, first);
   for (int p = first + 1; p < second; ++p) EXPECT_FALSE(port_bindable(p, true)) << p;
@@ -149,7 +133,7 @@ TEST_F(ListenerTest, AlsoListensOnIpv6LoopbackAtTheSamePort) {
   ASSERT_NE(ipv6_companion_socket(third), platform::kInvalidSocket);
   int probe = connect_to6(third_port);
   EXPECT_GE(probe, 0);
-  ::close(probe);
+  platform::close_socket(probe);
   close_http_socket(third);
   EXPECT_EQ(ipv6_companion_socket(third), platform::kInvalidSocket);
   EXPECT_EQ(connect_to6(third_port), -1);
@@ -160,23 +144,18 @@ TEST_F(ListenerTest, AlsoListensOnIpv6LoopbackAtTheSamePort) {
 TEST_F(ListenerTest, TakenIpv6PortIsLoggedAndNotAnError) {
   int expected = 11100;
   while (expected < 11120 && !port_bindable(expected, true)) ++expected;
-  int holder = ::socket(AF_INET6, SOCK_STREAM, 0);
-  int one = 1;
-  ASSERT_EQ(::setsockopt(holder, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one), 0);
-  sockaddr_in6 addr{};
-  addr.sin6_family = AF_INET6;
-  addr.sin6_port = htons(static_cast<uint16_t>(expected));
-  addr.sin6_addr = in6addr_loopback;
-  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  ASSERT_EQ(::listen(holder, 1), 0);
+  int holder = platform::tcp6_socket();
+  ASSERT_NE(holder, platform::kInvalidSocket);
+  ASSERT_EQ(platform::bind_loopback6(holder, static_cast<std::uint16_t>(expected)), 0);
+  ASSERT_EQ(platform::listen_socket(holder, 1), 0);
 
   int port = start_server();
   EXPECT_EQ(port, expected);
   EXPECT_TRUE(log_has("server", "prepare_http_socket",
-                      "Not listening on [::1] port " + std::to_string(expected) +
-                          " (errno 98), serving 127.0.0.1 only"));
+                      "Not listening on [::1] port " + std::to_string(expected) + " (errno " +
+                          std::to_string(testsys::kErrorAddressInUse) + "), serving 127.0.0.1 only"));
   EXPECT_EQ(round_trip(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
-  ::close(holder);
+  platform::close_socket(holder);
 }
 
 // Each row is sent in pieces; the answer must start with the given bytes and
@@ -251,16 +230,16 @@ TEST_F(ListenerTest, DropsClientsThatCloseOrStaySilent) {
     std::size_t offset = log_text().size();
     int s = connect_to(port);
     ASSERT_GE(s, 0);
-    (void)::send(s, row.sent.data(), row.sent.size(), MSG_NOSIGNAL);
+    (void)platform::send_socket(s, row.sent.data(), row.sent.size());
     if (row.silent) {
       // The server gives up after the shortened wait and closes: no answer.
       auto start = std::chrono::steady_clock::now();
       EXPECT_EQ(read_until_close(s, 3000), "");
       EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2500));
     } else {
-      ::shutdown(s, SHUT_WR);
+      testsys::shutdown_send(s);
     }
-    ::close(s);
+    platform::close_socket(s);
     EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", row.logged, offset));
     EXPECT_TRUE(
         wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
@@ -295,15 +274,15 @@ TEST_F(ListenerTest, WholeRequestMustArriveWithinTheLimit) {
     int s = connect_to(port);
     ASSERT_GE(s, 0);
     auto send_next = [&](int i) {
-      if (i == 0) (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
-      if (i > 0 && row.trickle) (void)::send(s, "a", 1, MSG_NOSIGNAL);
+      if (i == 0) (void)platform::send_socket(s, row.first.data(), row.first.size());
+      if (i > 0 && row.trickle) (void)platform::send_socket(s, "a", 1);
     };
     long acted_ms = feed_until_server_acts(s, send_next, 100, 5000);
     EXPECT_GE(acted_ms, kLimitMs - 100);
     EXPECT_LE(acted_ms, kLimitMs + 1000);
     // Closed without an answer.
     EXPECT_EQ(read_until_close(s, 1000), "");
-    ::close(s);
+    platform::close_socket(s);
     EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", "Timeout to receive data from client", offset));
     EXPECT_TRUE(
         wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));

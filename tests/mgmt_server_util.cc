@@ -1,45 +1,23 @@
 #include "mgmt_server_util.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <chrono>
 #include <regex>
 #include <thread>
 
 #include "test_util.h"
 
-extern char** environ;
-
 namespace mgmttest {
 
-const std::string kServer = std::string(VEXO_BUILD_DIR) + "/vexo-mgmt-server";
+const std::string kServer = VEXO_MGMT_SERVER;
 const std::string kMgmtData = std::string(VEXO_SOURCE_DIR) + "/data/mgmt";
-
-pid_t spawn(const std::vector<std::string>& args, const std::string& out_file) {
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(kServer.c_str()));
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, kServer.c_str(), &fa, nullptr, argv.data(), environ) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&fa);
-  return pid;
-}
 
 int run_command(const std::vector<std::string>& args, std::string* output) {
   const std::string out = "cmd.out";
   pid_t pid = spawn(args, out);
-  int status = -1;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  if (pid < 0) return -1;
+  const int code = wait_exit(pid);
   if (output != nullptr) *output = testutil::read_file(out);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return code;
 }
 
 Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
@@ -57,11 +35,7 @@ Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
 }
 
 Server::~Server() {
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-  }
+  if (pid_ > 0) terminate(pid_);
 }
 
 std::string Server::base() const {

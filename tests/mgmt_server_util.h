@@ -1,5 +1,7 @@
 // The reference Management server as a child process of a test: registry
 // commands run to their end, and `serve` on a free port for a test's life.
+// It is a Linux program; the Windows tests, run under Wine, start the Linux
+// build of it (mgmt_server_util_SYSTEM.cc).
 #ifndef VEXO_TESTS_MGMT_SERVER_UTIL_H
 #define VEXO_TESTS_MGMT_SERVER_UTIL_H
 
@@ -14,8 +16,13 @@ namespace mgmttest {
 extern const std::string kServer;
 extern const std::string kMgmtData;
 
-// Runs the server binary with args, stdout and stderr into out_file. Returns the pid.
+// Runs the server binary with args in the current folder, stdout and stderr
+// into out_file. Returns the pid, -1 when it did not start.
 pid_t spawn(const std::vector<std::string>& args, const std::string& out_file);
+// Waits for a spawned server to end; its exit code, -1 when it did not exit.
+int wait_exit(pid_t pid);
+// Asks a spawned server to stop (SIGTERM) and waits for it to end.
+void terminate(pid_t pid);
 
 // Runs a registry command to its end; its exit status.
 int run_command(const std::vector<std::string>& args, std::string* output = nullptr);

@@ -1,14 +1,10 @@
 // The transport to the Management server, against the reference server run
 // as a child process (HTTPS and plain HTTP) and against a canned HTTP server
 // of the test that answers exactly the bytes a case needs.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -19,7 +15,9 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "mgmt_server_util.h"
+#include "platform/platform.h"
 #include "rds_hash.h"
+#include "test_sys.h"
 #include "test_util.h"
 #include "web_service/auth_format.h"
 #include "web_service/curl_api.h"
@@ -56,22 +54,17 @@ class CannedServer {
  public:
   using Handler = std::function<std::string(const std::string& drt, const std::string& body)>;
   explicit CannedServer(Handler handler) : handler_(std::move(handler)) {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd_, 8) != 0 ||
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0 || ::pipe(stop_) != 0) {
+    fd_ = platform::tcp_socket();
+    if (fd_ == platform::kInvalidSocket || platform::bind_loopback(fd_, 0) != 0 ||
+        platform::listen_socket(fd_, 8) != 0 || (port_ = testsys::local_port(fd_)) == 0) {
       throw std::runtime_error("canned server not started");
     }
-    port_ = ntohs(a.sin_port);
     thread_ = std::thread([this] { serve(); });
   }
   ~CannedServer() {
-    (void)!::write(stop_[1], "x", 1);
+    stop_ = true;
     thread_.join();
-    for (int fd : {fd_, stop_[0], stop_[1]}) ::close(fd);
+    platform::close_socket(fd_);
   }
   std::string url(const char* path = "/Zelm/rest/register/") const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
@@ -87,20 +80,24 @@ class CannedServer {
   }
 
  private:
+  // Waits until fd is readable; false once the server is to stop.
   bool wait(int fd) {
-    pollfd p[2] = {{fd, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-    return ::poll(p, 2, -1) > 0 && (p[1].revents & POLLIN) == 0;
+    while (!stop_) {
+      const int r = platform::wait_readable(fd, 50);
+      if (r != 0) return r > 0;
+    }
+    return false;
   }
   void serve() {
     while (wait(fd_)) {
-      int c = ::accept(fd_, nullptr, nullptr);
+      int c = platform::accept_socket(fd_);
       if (c < 0) continue;
       std::string in;
       char buf[8192];
       std::size_t need = std::string::npos;
       bool continued = false;
       while (wait(c)) {
-        ssize_t n = ::read(c, buf, sizeof buf);
+        long n = platform::recv_socket(c, buf, sizeof buf);
         if (n <= 0) break;
         in.append(buf, static_cast<std::size_t>(n));
         const std::size_t end = in.find("\r\n\r\n");
@@ -111,7 +108,7 @@ class CannedServer {
         }
         if (!continued && in.find("Expect: 100-continue") < end) {
           continued = true;
-          (void)!::send(c, "HTTP/1.1 100 Continue\r\n\r\n", 25, MSG_NOSIGNAL);
+          (void)platform::send_socket(c, "HTTP/1.1 100 Continue\r\n\r\n", 25);
         }
         if (in.size() < need || !handler_) continue;
         std::string drt;
@@ -126,19 +123,19 @@ class CannedServer {
         }
         const std::string out = handler_(drt, body);
         for (std::size_t sent = 0; sent < out.size();) {
-          ssize_t n2 = ::send(c, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
+          long n2 = platform::send_socket(c, out.data() + sent, out.size() - sent);
           if (n2 <= 0) break;
           sent += static_cast<std::size_t>(n2);
         }
         break;
       }
-      ::close(c);
+      platform::close_socket(c);
     }
   }
 
   Handler handler_;
   int fd_ = -1;
-  int stop_[2] = {-1, -1};
+  std::atomic<bool> stop_{false};
   int port_ = 0;
   std::thread thread_;
   std::mutex mutex_;
@@ -148,15 +145,11 @@ class CannedServer {
 
 // A free port with nothing listening on it.
 int closed_port() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return ntohs(a.sin_port);
+  const int fd = platform::tcp_socket();
+  platform::bind_loopback(fd, 0);
+  const int port = testsys::local_port(fd);
+  platform::close_socket(fd);
+  return port;
 }
 
 class MgmtTransportTest : public ::testing::Test {

@@ -2,9 +2,6 @@
 // exact answer bytes over the real listener, the three tries to open the
 // port, the status refusals, and the handheld lock held by another process.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -23,6 +20,7 @@
 #include "rd_core/scanner.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
+#include "test_sys.h"
 
 using namespace fronttest;
 
@@ -328,32 +326,30 @@ TEST_F(PostAuthTest, RealPauseBetweenTries) {
 
 // Another process holds the handheld device: POSTAUTH and discovery answer
 // busy at once without touching it; once it lets go, the service is READY.
+// The other process: this program's helper case, in the same folder. It takes
+// the handheld lock, writes "held" and lets go once "go" exists.
+TEST(DISABLED_PostAuthHelper, HoldsTheHandheldLock) {
+  platform::set_lock_dir_for_test(fs::current_path().string());
+  semaphore_reset_for_test();
+  const bool held = init_semaphore_Tavio() == 0 && Lock_Semaphore_Tavio() == 0;
+  testutil::write_file("held", held ? "y\n" : "n\n");
+  const bool go = testutil::wait_for_text("go", "x", 60000);
+  testsys::end_helper(held && go ? 0 : 1);
+}
+
 TEST_F(PostAuthTest, HandheldLockHeldByAnotherProcess) {
-  int ready[2], go[2];
-  ASSERT_EQ(pipe(ready), 0);
-  ASSERT_EQ(pipe(go), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    semaphore_reset_for_test();
-    char c = init_semaphore_Tavio() == 0 && Lock_Semaphore_Tavio() == 0 ? 'y' : 'n';
-    (void)!write(ready[1], &c, 1);
-    (void)!read(go[0], &c, 1);
-    _exit(0);
-  }
-  char c = 0;
-  ASSERT_EQ(read(ready[0], &c, 1), 1);
-  ASSERT_EQ(c, 'y');
+  testsys::Process holder(testsys::helper_case("DISABLED_PostAuthHelper.HoldsTheHandheldLock"), "holder.out");
+  ASSERT_TRUE(holder.started());
+  ASSERT_TRUE(testutil::wait_for_text("held", "\n", 30000)) << testutil::read_file("holder.out");
+  ASSERT_EQ(testutil::read_file("held"), "y\n");
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), refusal(port_, "710", "Being used by another application", "USED"));
   EXPECT_EQ(round_trip(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "USED"));
   EXPECT_EQ(sim::call_log(g_refdll), "");
   EXPECT_TRUE(log_has("semaphore_Tavio", "Lock_Semaphore_Tavio", "sem_timedwait Tavio timeout"));
   EXPECT_EQ(get_rd_status_index(), kRdReady);
-  (void)!write(go[1], "x", 1);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  testutil::write_file("go", "x");
+  EXPECT_EQ(holder.wait(), 0);
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), success(port_, "85"));
-  for (int fd : {ready[0], ready[1], go[0], go[1]}) close(fd);
 }
 
 // The host program run for "Tavio_TX9|PORT|SECURITY" in a folder made by
@@ -362,44 +358,29 @@ TEST_F(PostAuthTest, HandheldLockHeldByAnotherProcess) {
 // answer busy after the real 2000 ms wait.
 TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
   testutil::WorkDir dir;
-  ASSERT_EQ(std::system((std::string(VEXO_BUILD_DIR) + "/vexoctl init-workdir " + dir.path() +
-                         " --scanner Tavio_TX9 --mgmt-url https://mgmt.test/Zelm > /dev/null")
-                            .c_str()),
-            0);
+  ASSERT_EQ(testutil::run_tool("vexoctl", {"init-workdir", dir.path(), "--scanner", "Tavio_TX9", "--mgmt-url",
+                                           "https://mgmt.test/Zelm"}),
+            0)
+      << testutil::read_file("tool.out");
   fs::create_directories(dir.file("appdata"));
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    close(out[0]);
-    setenv("APPDATA", dir.file("appdata").c_str(), 1);
-    std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
-    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "--no-mgmt", "Tavio_TX9|ttyS5|PARAM",
-          nullptr);
-    _exit(127);
-  }
-  close(out[1]);
-  std::string output;
-  char buf[4096];
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (output.find("Start_RDservice returned") == std::string::npos && std::chrono::steady_clock::now() < end) {
-    ssize_t n = read(out[0], buf, sizeof buf);
-    if (n <= 0) break;
-    output.append(buf, static_cast<std::size_t>(n));
-  }
-  ASSERT_NE(output.find("Start_RDservice returned 0"), std::string::npos) << output;
+  testsys::set_env("APPDATA", dir.file("appdata").c_str());
+  testsys::Process host({testutil::tool_path("vexo-host"), "--workdir", dir.path(), "--no-mgmt",
+                         "Tavio_TX9|ttyS5|PARAM"},
+                        "host.out");
+  testsys::set_env("APPDATA", nullptr);
+  ASSERT_TRUE(host.started());
+  ASSERT_TRUE(testutil::wait_for_text("host.out", "Start_RDservice returned", 20000)) << testutil::read_file("host.out");
+  ASSERT_TRUE(testutil::wait_for_text("host.out", "Start_RDservice returned 0", 0)) << testutil::read_file("host.out");
   std::smatch m;
   const std::string log = testutil::read_file(dir.file("rd.log"));
   ASSERT_TRUE(std::regex_search(log, m, std::regex(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))")));
   const int port = std::stoi(m[1]);
-  EXPECT_NE(log.find("Port is /dev/ttyS5\n"), std::string::npos);
+  EXPECT_NE(log.find("Port is " + platform::serial_port_path("ttyS5") + "\n"), std::string::npos);
 
   EXPECT_EQ(testutil::http_exchange(port, request(query("GET_DEVICEID"))), success(port, "TX9SIM000001"));
   {
-    // The host's lock file is the real one in /tmp.
-    platform::set_lock_dir_for_test("/tmp");
+    // The host's lock is the real one, where no test moved it.
+    platform::set_lock_dir_for_test(testsys::kSystemLockDir);
     platform::NamedLock* lock = platform::named_lock_open(tavio_lock_name());
     ASSERT_NE(lock, nullptr);
     ASSERT_EQ(platform::named_lock_acquire(lock, 5000), 0);
@@ -417,11 +398,7 @@ TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
   EXPECT_EQ(testutil::http_exchange(port, request(print("Rs 10 paid"))), success(port, "Printed"));
   EXPECT_EQ(testutil::read_file(dir.file("RefDll/sim_printer.txt")), "Rs 10 paid\n");
 
-  kill(pid, SIGTERM);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  close(out[0]);
+  EXPECT_EQ(host.stop(), 0);
 }
 
 }  // namespace

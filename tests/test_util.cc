@@ -1,19 +1,12 @@
 #include "test_util.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "common/rd_log.h"
 #include "platform/platform.h"
@@ -22,11 +15,22 @@
 namespace testutil {
 
 WorkDir::WorkDir() {
-  char tmpl[] = "/tmp/vexo_test_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = tmpl;
-  old_cwd_ = std::filesystem::current_path().string();
-  std::filesystem::current_path(path_);
+  namespace fs = std::filesystem;
+  const fs::path base = fs::temp_directory_path();
+  for (int attempt = 0; path_.empty(); ++attempt) {
+    std::uint8_t r[6];
+    if (attempt == 100 || platform::random_bytes(r, sizeof r) != 0) throw std::runtime_error("no temporary folder");
+    char name[32];
+    std::snprintf(name, sizeof name, "vexo_test_%02x%02x%02x%02x%02x%02x", r[0], r[1], r[2], r[3], r[4], r[5]);
+    // Made new, with owner-only permissions, as mkdtemp makes it.
+    std::error_code ec;
+    if (fs::create_directory(base / name, ec)) {
+      fs::permissions(base / name, fs::perms::owner_all, ec);
+      path_ = fs::canonical(base / name).string();
+    }
+  }
+  old_cwd_ = fs::current_path().string();
+  fs::current_path(path_);
 }
 
 WorkDir::~WorkDir() {
@@ -35,39 +39,19 @@ WorkDir::~WorkDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
-PipeReader::PipeReader(const std::string& dir) : path_(dir + "/qdx.win.002") {
-  if (mkfifo(path_.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
-  fd_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK);
-  if (fd_ < 0 || ::pipe(stop_fd_) != 0) throw std::runtime_error("fifo open failed");
-  platform::set_status_pipe_path_for_test(path_);
-  thread_ = std::thread([this] {
-    char buf[4096];
-    for (;;) {
-      pollfd fds[2] = {{fd_, POLLIN, 0}, {stop_fd_[0], POLLIN, 0}};
-      if (::poll(fds, 2, -1) < 0) continue;
-      if (fds[0].revents & POLLIN) {
-        ssize_t n = ::read(fd_, buf, sizeof buf);
-        if (n > 0) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          data_.append(buf, static_cast<std::size_t>(n));
-          continue;
-        }
-      }
-      if (fds[1].revents & POLLIN) return;
-      if (fds[0].revents & POLLHUP) ::usleep(2000);  // no writer at the moment
-    }
+PipeReader::PipeReader(const std::string& dir) : old_path_(platform::status_pipe_path()) {
+  server_ = std::make_unique<testsys::PipeServer>(dir, [this](const char* data, std::size_t n) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    data_.append(data, n);
   });
+  path_ = server_->path();
+  platform::set_status_pipe_path_for_test(path_);
 }
 
 PipeReader::~PipeReader() {
   rd_log_reset_for_test();  // closes the library's write end
-  if (stop_fd_[1] >= 0) (void)::write(stop_fd_[1], "x", 1);
-  if (thread_.joinable()) thread_.join();
-  ::close(fd_);
-  ::close(stop_fd_[0]);
-  ::close(stop_fd_[1]);
-  ::unlink(path_.c_str());
-  platform::set_status_pipe_path_for_test("/tmp/qdx.win.002");
+  server_.reset();
+  platform::set_status_pipe_path_for_test(old_path_);
 }
 
 std::string PipeReader::received() {
@@ -97,27 +81,19 @@ void write_file(const std::string& path, const std::string& data) {
 }
 
 std::string http_exchange(int port, const std::string& request, int timeout_ms) {
-  int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (s < 0) return "";
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    ::close(s);
-    return "";
-  }
+  const platform::socket_t s = testsys::connect_loopback(port);
+  if (s == platform::kInvalidSocket) return "";
   std::size_t off = 0;
   while (off < request.size()) {
-    ssize_t n = ::send(s, request.data() + off, request.size() - off, MSG_NOSIGNAL);
+    long n = platform::send_socket(s, request.data() + off, request.size() - off);
     if (n <= 0) break;
     off += static_cast<std::size_t>(n);
   }
   // Half-close first, so the TIME_WAIT state lands on this side and the
   // service's port can be bound again at once by the next test.
-  ::shutdown(s, SHUT_WR);
+  testsys::shutdown_send(s);
   std::string answer = read_until_close(s, timeout_ms);
-  ::close(s);
+  platform::close_socket(s);
   return answer;
 }
 
@@ -131,13 +107,30 @@ std::string read_until_close(int s, int timeout_ms) {
   std::string answer;
   char buf[65536];
   for (;;) {
-    pollfd p{s, POLLIN, 0};
-    if (::poll(&p, 1, timeout_ms) <= 0) break;
-    ssize_t n = ::recv(s, buf, sizeof buf, 0);
+    if (platform::wait_readable(s, timeout_ms) <= 0) break;
+    long n = platform::recv_socket(s, buf, sizeof buf);
     if (n <= 0) break;
     answer.append(buf, static_cast<std::size_t>(n));
   }
   return answer;
+}
+
+std::string tool_path(const std::string& name) { return std::string(VEXO_BUILD_DIR) + "/" + name; }
+
+int run_tool(const std::string& name, const std::vector<std::string>& args, const std::string& out_file) {
+  std::vector<std::string> argv{tool_path(name)};
+  argv.insert(argv.end(), args.begin(), args.end());
+  testsys::Process p(argv, out_file);
+  return p.started() ? p.wait() : -1;
+}
+
+bool wait_for_text(const std::string& path, const std::string& needle, int timeout_ms) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (read_file(path).find(needle) == std::string::npos) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
 }
 
 std::string last_status() {

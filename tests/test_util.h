@@ -3,16 +3,18 @@
 #ifndef VEXO_TESTS_TEST_UTIL_H
 #define VEXO_TESTS_TEST_UTIL_H
 
-#include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "test_sys.h"
 
 namespace testutil {
 
-// Creates a fresh folder under /tmp, makes it the current folder, and on
-// destruction goes back and removes it.
+// Creates a fresh folder under the system's temporary folder ($TMPDIR or
+// /tmp; %TEMP% on Windows), makes it the current folder, and on destruction
+// goes back and removes it.
 class WorkDir {
  public:
   WorkDir();
@@ -28,8 +30,9 @@ class WorkDir {
   std::string old_cwd_;
 };
 
-// A FIFO that the library's status pipe opens (the seam path is set to it),
-// read by a thread of the test. messages() returns what arrived so far.
+// The status pipe's server end (a FIFO in dir on POSIX, a named pipe on
+// Windows) that the library opens (the seam path is set to it), read by a
+// thread of the test. received() returns what arrived so far.
 class PipeReader {
  public:
   explicit PipeReader(const std::string& dir);
@@ -44,11 +47,10 @@ class PipeReader {
 
  private:
   std::string path_;
-  int fd_ = -1;
-  int stop_fd_[2] = {-1, -1};
+  std::string old_path_;
   std::mutex mutex_;
   std::string data_;
-  std::thread thread_;
+  std::unique_ptr<testsys::PipeServer> server_;
 };
 
 std::string read_file(const std::string& path);
@@ -62,6 +64,14 @@ void write_file(const std::string& path, const std::string& data);
 std::string http_exchange(int port, const std::string& request, int timeout_ms = 10000);
 // Last-status line as the host reads it.
 std::string last_status();
+
+// Path of a program of the build (vexoctl, vexo-host).
+std::string tool_path(const std::string& name);
+// Runs a program of the build with args to its end, its output into
+// out_file; the exit code.
+int run_tool(const std::string& name, const std::vector<std::string>& args, const std::string& out_file = "tool.out");
+// Waits up to timeout_ms until the file at path contains needle.
+bool wait_for_text(const std::string& path, const std::string& needle, int timeout_ms);
 
 }  // namespace testutil
 

@@ -2,7 +2,6 @@
 // a real client, and clients that refuse or stall the handshake.
 #include <gtest/gtest.h>
 #include <openssl/err.h>
-#include <signal.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "front_test_util.h"
+#include "test_sys.h"
 #include "common/request_reader.h"
 #include "common/openssl_ptr.h"
 #include "ssl/sslCommunication.h"
@@ -85,12 +85,12 @@ std::string tls_exchange(int port, const std::string& request, int min_version =
   } else {
     SSL_write(ssl.get(), request.data(), static_cast<int>(request.size()));
     // Half-closing first keeps the TIME_WAIT state off the service port.
-    ::shutdown(s, SHUT_WR);
+    testsys::shutdown_send(s);
     char buf[4096];
     int n;
     while ((n = SSL_read(ssl.get(), buf, sizeof buf)) > 0) answer.append(buf, static_cast<std::size_t>(n));
   }
-  ::close(s);
+  platform::close_socket(s);
   ERR_clear_error();
   return answer;
 }
@@ -171,7 +171,7 @@ TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
   auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(read_until_close(s, 3000), "");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2500));
-  ::close(s);
+  platform::close_socket(s);
   EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept timed out"));
   EXPECT_TRUE(wait_log("server", "process_incoming_message", "makeSSLConnection Failed"));
   expect_status_line(" | server | process_incoming_message | SSL Connection Failed, please check browser settings ");
@@ -190,7 +190,7 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
   set_recv_wait_ms_for_test(kLimitMs);
   // The client's TLS writes use plain write(): a write racing the server's
   // close must not end the test process.
-  ::signal(SIGPIPE, SIG_IGN);
+  testsys::ignore_broken_pipe();
   int port = start_tls_server();
   ASSERT_NE(port, 0);
   std::unique_ptr<SSL_CTX, SslCtxFree> ctx(SSL_CTX_new(TLS_client_method()));
@@ -224,10 +224,10 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
     SSL_set_fd(ssl.get(), s);
     ASSERT_EQ(SSL_connect(ssl.get()), 1);
     auto send_next = [&](int i) {
-      if (i == 0 && row.raw) (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
+      if (i == 0 && row.raw) (void)platform::send_socket(s, row.first.data(), row.first.size());
       if (i == 0 && !row.raw) SSL_write(ssl.get(), row.first.data(), static_cast<int>(row.first.size()));
       if (i > 0 && row.then == Then::kRecordPerByte) SSL_write(ssl.get(), "a", 1);
-      if (i > 0 && row.then == Then::kRawBytes) (void)::send(s, "a", 1, MSG_NOSIGNAL);
+      if (i > 0 && row.then == Then::kRawBytes) (void)platform::send_socket(s, "a", 1);
     };
     long acted_ms = feed_until_server_acts(s, send_next, 100, 5000);
     char buf[256];
@@ -237,7 +237,7 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
     ERR_clear_error();
     EXPECT_GE(acted_ms, kLimitMs - 100);
     EXPECT_LE(acted_ms, kLimitMs + 1000);
-    ::close(s);
+    platform::close_socket(s);
     EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", "Read timedout", offset));
     EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSLWithTC", "Could not receive data", offset));
     EXPECT_TRUE(

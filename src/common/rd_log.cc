@@ -70,7 +70,7 @@ std::string source_base_name(const char* file) {
 
 int zlog_init(const char* path) {
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  g_log_stream = std::fopen(path, "a");
+  g_log_stream = std::fopen(path, "ab");
   return g_log_stream ? 0 : -1;
 }
 
@@ -201,7 +201,7 @@ int logfile_size_check() {
   }
   // Replaces rd1.log atomically; like the design's "move", its result is ignored.
   (void)std::rename("./rd.log", "./rd1.log");
-  g_log_stream = std::fopen("rd.log", "a");
+  g_log_stream = std::fopen("rd.log", "ab");
   if (g_log_stream == nullptr) {
     lock.unlock();
     write_error_log("zlog_init failed from logfile_size_check\n");

@@ -20,7 +20,8 @@
 
 enum class LogLevel { kInfo, kError };
 
-// Opens the run log with fopen(path, "a"). 0, or -1 (stream left null).
+// Opens the run log with fopen(path, "ab") (binary: "\n" ends a line on
+// every system). 0, or -1 (stream left null).
 int zlog_init(const char* path);
 // The open run-log stream for any non-null name; null for a null name or no log.
 FILE* zlog_get_category(const char* name);

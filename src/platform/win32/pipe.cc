@@ -8,12 +8,25 @@ namespace sys {
 extern const char kDefaultStatusPipePath[] = "\\\\.\\pipe\\qdx.win.002";
 }  // namespace sys
 
+namespace {
+// How long an open waits for a pipe whose instances are all busy.
+constexpr DWORD kBusyWaitMs = 2000;
+}  // namespace
+
 int pipe_open(const std::string& path, int* err) {
   const std::wstring wide = win32::widen(path);
   // Identification level only: a server that took the pipe's name first
   // learns who we are but cannot act as us.
-  HANDLE h = ::CreateFileW(wide.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                           SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr);
+  auto open = [&wide] {
+    return ::CreateFileW(wide.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                         SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr);
+  };
+  HANDLE h = open();
+  // Every instance busy: the front end is about to offer the next one.
+  if (h == INVALID_HANDLE_VALUE && ::GetLastError() == ERROR_PIPE_BUSY &&
+      ::WaitNamedPipeW(wide.c_str(), kBusyWaitMs)) {
+    h = open();
+  }
   if (h == INVALID_HANDLE_VALUE) {
     *err = static_cast<int>(::GetLastError());
     return -1;
