@@ -210,7 +210,9 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
        [](KeystoreTest* t) {
          // Created beside the old one and renamed over it, so it cannot reuse the old inode.
          testutil::write_file(t->node_file() + ".new", "");
-         ASSERT_EQ(std::rename((t->node_file() + ".new").c_str(), t->node_file().c_str()), 0);
+         std::error_code ec;
+         std::filesystem::rename(t->node_file() + ".new", t->node_file(), ec);
+         ASSERT_FALSE(ec) << ec.message();
        },
        -1, {"Decryption of private key is failed|validation failed, Private key might be tampered",
             "Key rotation function failed"},

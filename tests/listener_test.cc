@@ -96,7 +96,10 @@ TEST_F(ListenerTest, RestartedServiceGetsItsPortBackAtOnce) {
   EXPECT_EQ(read_until_close(s), discovery_answer(child_port));
   platform::close_socket(s);
   child->kill();
-  ASSERT_FALSE(port_bindable(child_port)) << "no TIME_WAIT left behind; the test shows nothing";
+  // Windows binds a port in TIME_WAIT anyway: there only the restart shows.
+  if (testsys::kTimeWaitBlocksBind) {
+    ASSERT_FALSE(port_bindable(child_port)) << "no TIME_WAIT left behind; the test shows nothing";
+  }
 
   EXPECT_EQ(start_server(), child_port);
   platform::socket_t second = platform::kInvalidSocket;

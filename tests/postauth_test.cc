@@ -327,14 +327,14 @@ TEST_F(PostAuthTest, RealPauseBetweenTries) {
 // Another process holds the handheld device: POSTAUTH and discovery answer
 // busy at once without touching it; once it lets go, the service is READY.
 // The other process: this program's helper case, in the same folder. It takes
-// the handheld lock, writes "held" and lets go once "go" exists.
+// the handheld lock, writes "held" and releases it once "go" exists.
 TEST(DISABLED_PostAuthHelper, HoldsTheHandheldLock) {
   platform::set_lock_dir_for_test(fs::current_path().string());
   semaphore_reset_for_test();
   const bool held = init_semaphore_Tavio() == 0 && Lock_Semaphore_Tavio() == 0;
   testutil::write_file("held", held ? "y\n" : "n\n");
   const bool go = testutil::wait_for_text("go", "x", 60000);
-  testsys::end_helper(held && go ? 0 : 1);
+  testsys::end_helper(held && go && Unlock_Semaphore_Tavio() == 0 ? 0 : 1);
 }
 
 TEST_F(PostAuthTest, HandheldLockHeldByAnotherProcess) {

@@ -413,7 +413,7 @@ TEST_F(SimTest, LoadingFailsOnAMissingLibraryOrEntryPoint) {
        "Loading AraTrustFinger.dll failed"},
       {"Aratek_A600",
        [&](const fs::path& d) {
-         fs::copy_file(incomplete + "/scanner/libAraTrustFinger.so", d / lib("AraTrustFinger.dll"),
+         fs::copy_file(incomplete + "/scanner/" + lib("AraTrustFinger.dll"), d / lib("AraTrustFinger.dll"),
                        fs::copy_options::overwrite_existing);
        },
        "Entry point ARAFPSCAN_GetNFIQScore not found in AraTrustFinger.dll"},
@@ -421,7 +421,8 @@ TEST_F(SimTest, LoadingFailsOnAMissingLibraryOrEntryPoint) {
       {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / lib("Tavio.dll")); }, "Loading Tavio.dll failed"},
       {"Tavio_TX9",
        [&](const fs::path& d) {
-         fs::copy_file(incomplete + "/handheld/libTavio.so", d / lib("Tavio.dll"), fs::copy_options::overwrite_existing);
+         fs::copy_file(incomplete + "/handheld/" + lib("Tavio.dll"), d / lib("Tavio.dll"),
+                       fs::copy_options::overwrite_existing);
        },
        "Entry point TavioLogs_Init not found in Tavio.dll"},
       {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / lib("BT_Hmac.dll")); }, "Loading BT_Hmac.dll failed"},

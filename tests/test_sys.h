@@ -80,6 +80,10 @@ extern const int kErrorNoFolder;
 // ... and for a port another socket is bound to.
 extern const int kErrorAddressInUse;
 
+// Whether a port whose connections linger in TIME_WAIT refuses a new bind
+// without SO_REUSEADDR (POSIX) or not (Windows).
+extern const bool kTimeWaitBlocksBind;
+
 // The lock folder the library uses when no test moved it ("/tmp" on POSIX;
 // none on Windows, where the locks are named kernel objects).
 extern const char kSystemLockDir[];

@@ -36,11 +36,14 @@ struct Instance {
   bool connected_at_once = false;  // a client came before ConnectNamedPipe
   char buf[4096];
   ~Instance() {
+    // A call still pending completes (cancelled) into ov before ov goes:
+    // cancelled, or else ended by closing the handle.
     if (pipe != INVALID_HANDLE_VALUE) {
-      ::CancelIo(pipe);
-      DWORD n = 0;
-      ::GetOverlappedResult(pipe, &ov, &n, TRUE);
+      const bool pending = ::WaitForSingleObject(event, 0) != WAIT_OBJECT_0;
+      ::CancelIoEx(pipe, nullptr);
+      const bool done = !pending || ::WaitForSingleObject(event, 1000) == WAIT_OBJECT_0;
       ::CloseHandle(pipe);
+      if (!done) ::WaitForSingleObject(event, 1000);
     }
     if (event != nullptr) ::CloseHandle(event);
   }
@@ -48,9 +51,9 @@ struct Instance {
 
 }  // namespace
 
-// Always one instance waits for the next client, so that a writer that
-// reopens the pipe never finds it busy; each connected instance is read
-// until its client goes away.
+// Two instances always wait for the next clients, so that a writer that
+// reopens the pipe never finds it busy, even before this thread has run
+// again; each connected instance is read until its client goes away.
 struct PipeServer::State {
   std::string path;
   HANDLE stop = nullptr;
@@ -117,6 +120,7 @@ PipeServer::PipeServer(const std::string& /*dir*/, std::function<void(const char
   s.on_data = std::move(on_data);
   s.stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   if (s.stop == nullptr) throw std::runtime_error("CreateEvent failed");
+  s.instances.push_back(s.listen());
   s.instances.push_back(s.listen());
   s.thread = std::thread([&s] { s.serve(); });
 }
@@ -282,6 +286,7 @@ const int kErrorNoFolder = ERROR_PATH_NOT_FOUND;
 
 void ignore_broken_pipe() {}
 
+const bool kTimeWaitBlocksBind = false;
 const char kSystemLockDir[] = "";
 
 void set_env(const char* name, const char* value) {

@@ -51,7 +51,7 @@ void recover_config_swap() {
   }
   if (platform::file_exists(kConfigNext)) {
     if (platform::file_exists(kCrcNext) && verify_crc(kCrc16, kConfigNext, kCrcNext) == 0 &&
-        std::rename(kConfigNext, kConfigPath) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+        platform::rename_over(kConfigNext, kConfigPath) == 0 && platform::rename_over(kCrcNext, kCrcPath) == 0) {
       RD_INFO("Completed the interrupted update of config.ini");
       return;
     }
@@ -62,7 +62,7 @@ void recover_config_swap() {
   }
   if (platform::file_exists(kCrcNext)) {
     // The new config.ini is in place; only its seal is still beside it.
-    if (verify_crc(kCrc16, kConfigPath, kCrcNext) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+    if (verify_crc(kCrc16, kConfigPath, kCrcNext) == 0 && platform::rename_over(kCrcNext, kCrcPath) == 0) {
       RD_INFO("Completed the interrupted update of config.ini");
       return;
     }
@@ -78,12 +78,12 @@ int seal_config_file() {
   const int sealed = add_crc(kCrc16, kConfigNext, kCrcNext);
   if (sealed != 0) return sealed;
   platform::crash_point();
-  if (std::rename(kConfigNext, kConfigPath) != 0) {
+  if (platform::rename_over(kConfigNext, kConfigPath) != 0) {
     RD_ERROR("Renaming %s failed", kConfigNext);
     return 3;
   }
   platform::crash_point();
-  if (std::rename(kCrcNext, kCrcPath) != 0) {
+  if (platform::rename_over(kCrcNext, kCrcPath) != 0) {
     RD_ERROR("Renaming %s failed", kCrcNext);
     return 3;
   }
@@ -109,8 +109,11 @@ int WriteToIniFile(dictionary* dict, const char* path) {
 
 int write_config_file(const char* dc) {
   if (dc == nullptr) return -1;
-  // The newline is stored on purpose; the INI reader strips it again.
-  return set_config_key("CONFIG:dc", std::string(dc) + "\n",
+  // The newline is stored on purpose; the INI reader strips it again. An INI
+  // library that quotes values when it writes them (iniparser 4.2) would keep
+  // it inside the quotes and break the line, so there the value goes alone.
+  constexpr bool kIniQuotesValues = VEXO_INI_QUOTES_VALUES != 0;
+  return set_config_key("CONFIG:dc", std::string(dc) + (kIniQuotesValues ? "" : "\n"),
                         "Error iniparser_set  to write dc value",
                         "Error at to write dc value in ini file");
 }

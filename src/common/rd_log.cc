@@ -200,7 +200,7 @@ int logfile_size_check() {
     g_log_stream = nullptr;
   }
   // Replaces rd1.log atomically; like the design's "move", its result is ignored.
-  (void)std::rename("./rd.log", "./rd1.log");
+  (void)platform::rename_over("./rd.log", "./rd1.log");
   g_log_stream = std::fopen("rd.log", "ab");
   if (g_log_stream == nullptr) {
     lock.unlock();

@@ -149,6 +149,10 @@ void set_write_fault_for_test(WriteFault fault);
 // and returns false on failure. 0 or -1.
 int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
                              unsigned mode = 0644);
+// Moves from over to, replacing an existing to atomically (rename; on
+// Windows MoveFileExW with MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH,
+// where rename refuses an existing target). 0, or -1 with the error kept.
+int rename_over(const std::string& from, const std::string& to);
 // Removes the temporary files that write_file_atomic leaves in dir when a
 // crash cuts a replacement short ("NAME.tmpXXXXXX"). Other files stay.
 void remove_stale_temporaries(const std::string& dir);

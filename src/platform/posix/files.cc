@@ -105,6 +105,10 @@ int write_file_atomic_stream(const std::string& path, const std::function<bool(s
   return 0;
 }
 
+int rename_over(const std::string& from, const std::string& to) {
+  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : -1;
+}
+
 void remove_stale_temporaries(const std::string& dir) {
   std::error_code ec;
   for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {

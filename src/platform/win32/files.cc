@@ -193,6 +193,10 @@ int write_file_atomic_stream(const std::string& path, const std::function<bool(s
   return 0;
 }
 
+int rename_over(const std::string& from, const std::string& to) {
+  return replace_file(win32::widen(from), to) ? 0 : -1;
+}
+
 void remove_stale_temporaries(const std::string& dir) {
   const std::wstring pattern = win32::widen(dir + "\\*.tmp??????");
   WIN32_FIND_DATAW found;
