@@ -21,7 +21,7 @@ fi
 
 ./scripts/install-deps.sh
 build=build-run
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_TESTS=OFF >/dev/null
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_TESTS=OFF -DVEXO_DEMO_CA=ON >/dev/null
 cmake --build "$build" -j"$(nproc)" --target Vexo vexo_sim vexo-host vexoctl vexo-mgmt-server
 
 workdir="$PWD/workdir"

@@ -77,7 +77,7 @@ Timing measure(int n, const std::function<void()>& fn) {
 class PipeDrain {
  public:
   explicit PipeDrain(const std::string& dir) : server_(dir, [](const char*, std::size_t) {}) {
-    platform::set_status_pipe_path_for_test(server_.path());
+    platform::set_status_pipe_path(server_.path());
   }
 
  private:

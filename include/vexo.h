@@ -38,6 +38,16 @@ extern "C" {
 #define VEXO_STATUS_LEN 2048
 /* Size of the next-action buffer passed to the Management operations. */
 #define VEXO_NEXT_ACTION_LEN 256
+/* Longest status-pipe path Set_Status_Pipe_Path takes, its NUL included. */
+#define VEXO_PIPE_PATH_LEN 1024
+
+/* Names the status FIFO the host made, before Initialize_process opens it:
+ * an absolute path in a folder only the host's user can write. The library
+ * opens it only when it is a FIFO of the same effective user that other users
+ * can neither read nor write. Without this call the FIFO is
+ * "/run/user/<uid>/qdx.win.002". Returns 0, or -1 for a null, relative or
+ * over-long path (the path in use is kept). */
+VEXO_EXPORT int VEXO_CALL Set_Status_Pipe_Path(const char *path) VEXO_NOEXCEPT;
 
 /* Prepares the service for the scanner named by scanner_details ("Aratek_A600",
  * "Aratek_A400", ... or "Tavio_TX9|PORT|SECURITY"). Returns 0, a negative code,
@@ -77,28 +87,52 @@ VEXO_EXPORT int VEXO_CALL detach_device(void) VEXO_NOEXCEPT;
  * respCode, respDesc, the echoed device, nextAction (an array; the last
  * entry counts) and ts, and an RD_DRT header that seals SHA-256 of the answer
  * together with the request's hash, so an answer cannot be moved to another
- * request. Over https:// the server must present a certificate issued by
- * the CA in cert/server.crt, whose SHA-256 is compiled into the library
- * (CMake cache variable VEXO_MGMT_CA_SHA256). Answers are at most 29999
+ * request. Over https:// the server must present a certificate for its
+ * name with the serverAuth extended key usage, issued by the CA in
+ * cert/server.crt, whose SHA-256 is compiled into the library (CMake cache
+ * variable VEXO_MGMT_CA_SHA256): that CA alone is trusted. Plain http:// is
+ * used only when the configured Management URL is an http:// one, and every
+ * exchange speaks HTTP/1.1. Answers are at most 29999
  * bytes; an exchange gives up after 90 s. A reference server
  * (build/vexo-mgmt-server, see the README) serves all of this for tests and
  * for makers' server teams. */
 /* Results. Init: 0; a transport code (-14..-23) when sending failed; -3 the
- * answer is not JSON; -4 not understood; -5 clocks differ (TIME_STAMP_SYNC);
- * -6 DEVICE_NOT_REGISTERED. Key_Rotation: 0; -5 device lock not taken; -1
- * marker not removed; -6 no new key pair; a transport code; -3; -4; -7 seal
- * of config.ini wrong; -8 dc not written; -9 seal not renewed; -10 the
- * signed certificate is not Base64; -11 / -14 its file not opened / written;
- * -12 marker not created; -13 lock not released. uidai_cert_update: 0; a
- * transport code; -3; -4; -5 status report failed; -6 an answer other than
- * UPDATE_STATUS; -7 the certificate could not be fetched or does not match
- * its checksum (nothing stored). uidai_cert_force_update: 0; -2 / -5 fetch
- * failed (production / staging); -3; -4 / -6 answer not understood.
- * Software_Update: 0; a transport code; -3; -4; -5 download failed. */
+ * answer is not JSON; -4 not understood, or refused by the server; -5 clocks
+ * differ (TIME_STAMP_SYNC); -6 DEVICE_NOT_REGISTERED. Key_Rotation: 0; -5
+ * device lock not taken; -1 the request could not be made; -6 no new key
+ * pair; a transport code; -3; -4 (also a device code that is not 1 to 64
+ * letters, digits, '-', '.' or '_'); -7 seal of config.ini wrong; -8 dc not
+ * written; -9 seal not renewed; -10 the signed certificate is not Base64 or
+ * not for the new key; -11 / -14 its file not opened / written; -12 the new
+ * identity not committed; -13 lock not released. A new key pair is made
+ * beside the registered one and replaces it, with dc, the signed certificate
+ * and the marker App_Vexo, only once the server's answer is verified: after
+ * any failure the registered key, dc and certificate stay in force.
+ * uidai_cert_update: 0; a transport code; -3; -4; -5 status report failed;
+ * -6 an answer other than UPDATE_STATUS; -7 the certificate could not be
+ * fetched, is not plausible (an RSA key of at least 2048 bits, valid now,
+ * organisation UIDAI) or does not match its checksum (nothing stored).
+ * uidai_cert_force_update: 0; -2 / -5 fetch failed (production / staging);
+ * -3; -4 / -6 answer not understood. Software_Update: 0; a transport code;
+ * -3; -4; -5 download failed. A package already downloaded and verified is
+ * not fetched again.
+ *
+ * Offline grace: when an exchange fails (no answer, an HTTP error, a refused
+ * or unusable answer), a registered device (key, dc and signed certificate
+ * consistent) whose last successful Init lies within config.ini's
+ * OFFLINE_GRACE_HOURS (default 72) gets back the status it had before Init
+ * and the follow-ups it named made it busy; otherwise the status is the one
+ * each operation sets. TIME_STAMP_SYNC and DEVICE_NOT_REGISTERED always set
+ * theirs. */
 VEXO_EXPORT int VEXO_CALL Init(char *next_action) VEXO_NOEXCEPT;
 VEXO_EXPORT int VEXO_CALL Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
 VEXO_EXPORT int VEXO_CALL Software_Update(void) VEXO_NOEXCEPT;
 VEXO_EXPORT int VEXO_CALL uidai_cert_update(char *next_action) VEXO_NOEXCEPT;
+/* 1 when a capture found the UIDAI certificate out of date, so that the host
+ * is to call Software_Update (a capture never runs it itself); 0 otherwise.
+ * A successful Software_Update clears it. Meanwhile Init answers
+ * "SOFTWARE_UPDATE" where the server asks for nothing. */
+VEXO_EXPORT int VEXO_CALL Software_Update_Pending(void) VEXO_NOEXCEPT;
 VEXO_EXPORT int VEXO_CALL uidai_cert_force_update(char *next_action) VEXO_NOEXCEPT;
 
 /* Writes IS_SSL_ENABLE ("0" or "1") into config.ini and reseals it. 0 or -1. */

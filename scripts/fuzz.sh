@@ -29,7 +29,7 @@ max_len_of() {
 }
 
 build=build-fuzz
-CC=clang CXX=clang++ cmake -S . -B "$build" -DVEXO_FUZZ=ON -DVEXO_TESTS=OFF -DVEXO_WERROR=ON \
+CC=clang CXX=clang++ cmake -S . -B "$build" -DVEXO_FUZZ=ON -DVEXO_TESTS=OFF -DVEXO_WERROR=ON -DVEXO_DEMO_CA=ON \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)" --target vexo_fuzzers >/dev/null
 

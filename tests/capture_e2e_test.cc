@@ -28,6 +28,7 @@
 #include "jp2_test_util.h"
 #include "mgmt_core/mgmt_api.h"
 #include "mgmt_server_util.h"
+#include "rds_hash.h"
 #include "mgmt_core/Base64.h"
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
@@ -257,6 +258,24 @@ TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
   EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio_attrs["bs"]));
   EXPECT_FALSE(verify_bs(device_key.get(), record, "2000-01-01T00:00:00", rd_config_copy().dc, bio_attrs["bs"]));
   EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
+}
+
+// The run log says what was asked, never what was sent: no otp, no name,
+// date of birth or address of the Demo data.
+TEST_F(CaptureEndToEnd, LogKeepsNothingOfTheRequestBody) {
+  const std::string options =
+      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
+      "posh=\"LEFT_INDEX\" env=\"P\" otp=\"918273\" wadh=\"\"/><Demo lang=\"06\"><Pi ms=\"E\" name=\"Savitri "
+      "Devi\" dob=\"1961-04-17\"/><Pa ms=\"E\" street=\"Lal Bagh Road\"/></Demo></PidOptions>";
+  auto [head, body] = capture(options);
+  EXPECT_EQ(parse_pid_data(body).resp["errCode"], "0") << body;
+  const std::string log = testutil::read_file("rd.log");
+  for (const char* secret : {"918273", "Savitri", "1961-04-17", "Lal Bagh", "<PidOptions"}) {
+    EXPECT_EQ(log.find(secret), std::string::npos) << secret;
+  }
+  EXPECT_NE(log.find(") - Request is: CAPTURE /rd/capture, body of " + std::to_string(options.size()) +
+                     " bytes, origin: none\n"),
+            std::string::npos);
 }
 
 TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
@@ -531,6 +550,23 @@ class ManagementEndToEnd : public CaptureEndToEnd {
     ASSERT_EQ(s.rc, 0) << testutil::last_status();
   }
 
+  // The first Bio of a successful answer verifies under cert's key, over dc.
+  bool signed_under(const PidData& pd, X509* cert, const std::string& dc) {
+    std::string ts;
+    Bytes plain = open_pid(pd, &ts);
+    std::unique_ptr<xmlDoc, DocFree> pid(xmlReadMemory(reinterpret_cast<const char*>(plain.data()),
+                                                       static_cast<int>(plain.size()), nullptr, nullptr, 0));
+    xmlNode* bio = pid ? child(child(xmlDocGetRootElement(pid.get()), "Bios"), "Bio") : nullptr;
+    std::unique_ptr<EVP_PKEY, PkeyFree> key(X509_get_pubkey(cert));
+    return bio != nullptr && key && verify_bs(key.get(), b64(content(bio)), ts, dc, attributes(bio)["bs"]);
+  }
+
+  static X509Ptr signed_mc() {
+    const std::string der = testutil::read_file("cert/public/signed_mc.cer");
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
+    return X509Ptr(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+  }
+
   // The device code the server's registry holds for the device.
   std::string registry_dc() {
     std::string out;
@@ -595,18 +631,10 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
   EXPECT_NE(testutil::last_status().find(" | mgmt_api | Init | Time stamp miss match "), std::string::npos);
   EXPECT_TRUE(pipe_.wait_for("10000|System time not sync with server\n"));
 
-  // No server at all: the transport's code, and Init stays to be retried.
-  point_at("https://127.0.0.1:1/Zelm");
-  s = init();
-  EXPECT_EQ(s.rc, -18);
-  EXPECT_EQ(s.action, "INIT_RETRY");
-  EXPECT_EQ(s.status, "\"USED\"");
-  set_rd_status_ready();
-
   // The JSON test looks at the first byte only, with its case bit ignored.
   for (const auto& [text, rc] : std::vector<std::pair<std::string, int>>{
            {"{}", 0}, {"[1]", 0}, {" {}", -1}, {"", -1}, {"\n{}", -1}, {"y", -1}}) {
-    EXPECT_EQ(json_format_check(text), rc) << text;
+    EXPECT_EQ(json_format_check(text, "Init"), rc) << text;
   }
 }
 
@@ -630,8 +658,7 @@ TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
   point_at(server_->base());  // the file names the demonstration URL
   EXPECT_TRUE(fs::exists("App_Vexo"));
   const std::string der = testutil::read_file("cert/public/signed_mc.cer");
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
-  X509Ptr issued(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+  X509Ptr issued = signed_mc();
   ASSERT_TRUE(issued);
   const std::string ca_pem = testutil::read_file(mgmttest::kMgmtData + "/ca.crt");
   BIO* bio = BIO_new_mem_buf(ca_pem.data(), static_cast<int>(ca_pem.size()));
@@ -649,17 +676,8 @@ TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
   std::string mc;
   Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), &mc);
   EXPECT_EQ(pd.device["mc"], mc);
-  std::string ts;
-  Bytes plain = open_pid(pd, &ts);
-  std::unique_ptr<xmlDoc, DocFree> pid(
-      xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0));
-  ASSERT_TRUE(pid);
-  xmlNode* bio_node = child(child(xmlDocGetRootElement(pid.get()), "Bios"), "Bio");
-  ASSERT_NE(bio_node, nullptr);
-  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(issued.get()));
-  EXPECT_TRUE(verify_bs(device_key.get(), b64(content(bio_node)), ts, dc, attributes(bio_node)["bs"]));
-  std::unique_ptr<EVP_PKEY, PkeyFree> old_key(X509_get_pubkey(device_cert_.get()));
-  EXPECT_FALSE(verify_bs(old_key.get(), b64(content(bio_node)), ts, dc, attributes(bio_node)["bs"]));
+  EXPECT_TRUE(signed_under(pd, issued.get(), dc));
+  EXPECT_FALSE(signed_under(pd, device_cert_.get(), dc));
 
   // A tampered keystore: the capture forces a rotation, still answers, and
   // the next capture signs with the key of the rotation it caused.
@@ -674,17 +692,6 @@ TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
   EXPECT_EQ(third.resp["errCode"], "0") << body3;
   EXPECT_EQ(third.device["dc"], rd_config_copy().dc);
 
-  // A rotation that cannot reach the server leaves the marker removed, so the
-  // next start marks the rotation pending.
-  point_at("https://127.0.0.1:1/Zelm");
-  s = rotate();
-  EXPECT_EQ(s.rc, -18);
-  EXPECT_EQ(s.action, "KEY_ROTATION_RETRY");
-  EXPECT_EQ(s.status, "\"USED\"");
-  EXPECT_FALSE(fs::exists("App_Vexo"));
-  EXPECT_EQ(IsAppFilePresent(), -1);
-  EXPECT_EQ(rd_config_copy().dc_missing, 1);
-  set_rd_status_ready();
 }
 
 TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
@@ -705,6 +712,37 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   ASSERT_EQ(pd.resp["errCode"], "0") << body;
   std::string ts;
   EXPECT_FALSE(open_pid(pd, &ts).empty());  // wrapped under the fetched certificate's key
+
+  // Implausible certificates, each with its matching checksum, are refused:
+  // nothing is stored, and the next capture's key is still wrapped for the
+  // certificate in force (the refused ones carry keys of their own).
+  PkeyPtr small(EVP_RSA_gen(1024));
+  PkeyPtr other(EVP_RSA_gen(2048));
+  const struct {
+    const char* name;
+    std::string pem;
+  } implausible[] = {
+      {"1024-bit key", testcrypto::make_cert_pem(small.get(), "Test UIDAI", "20240101000000Z", "20310101000000Z")},
+      {"expired", testcrypto::make_cert_pem(other.get(), "Test UIDAI", "20200101000000Z", "20210101000000Z")},
+      {"not UIDAI", testcrypto::make_cert_pem(other.get(), "Test UIDAI", "20240101000000Z", "20310101000000Z", 2,
+                                              "Someone Else")},
+  };
+  for (const auto& c : implausible) {
+    SCOPED_TRACE(c.name);
+    testutil::write_file("data/uidai/prod.pem", c.pem);
+    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
+    ASSERT_EQ(init().action, "UIDAI_CERT_UPDATE");
+    s = run([](char* b) { return uidai_cert_update(b); });
+    EXPECT_EQ(s.rc, -7);
+    EXPECT_EQ(s.action, "UIDAI_CERT_UPDATE_RETRY");
+    EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
+    set_rd_status_ready();
+    auto [head2, body2] = capture(one_finger_);
+    PidData again = parse_pid_data(body2);
+    ASSERT_EQ(again.resp["errCode"], "0") << body2;
+    EXPECT_FALSE(open_pid(again, &ts).empty());
+  }
+  testutil::write_file("data/uidai/prod.pem", uidai_.cert_pem);
 
   // The forced update, staging branch: the pre-production checksum is stored.
   s = run([](char* b) { return uidai_cert_force_update(b); });
@@ -732,4 +770,145 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   fs::create_directories("cert/uidai");
   testutil::write_file("cert/uidai/prod.pem", uidai_.cert_pem);
   EXPECT_EQ(uidai_cert_in_force(UidaiCert::kProd), std::string(uidai_builtin_cert(UidaiCert::kProd)));
+}
+
+// Init asks for a new key; the rotation fails once the new key is made (the
+// server answers 500, refuses, cuts the connection, or sends a dc that would
+// rewrite config.ini). The registered key, dc and certificate stay in force
+// byte for byte, and the service READY as before the round: captures are
+// still signed for the registered certificate.
+TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
+  register_device();
+  ASSERT_EQ(init().status, "\"READY\"");
+  const std::string dc = rd_config_copy().dc;
+  X509Ptr registered = signed_mc();
+  ASSERT_TRUE(registered);
+  const char* const kIdentity[] = {"config.ini", "bin_crc.txt", "cert/public/signed_mc.cer", "cert/public/DevPubKey",
+                                   "keystore/key.hash", "App_Vexo"};
+  std::vector<std::string> before;
+  for (const char* f : kIdentity) before.push_back(testutil::read_file(f));
+
+  // Canned servers speak TLS with the reference server's own certificate, so
+  // that only what they answer differs from the real server's exchange.
+  const std::string crt = mgmttest::kMgmtData + "/server.crt", key = mgmttest::kMgmtData + "/server.key";
+  using mgmttest::CannedRequest;
+  using mgmttest::Reply;
+  mgmttest::CannedServer error(
+      [](const CannedRequest&) { return Reply(mgmttest::http_reply("500 Internal Server Error", "", "{}")); }, crt,
+      key);
+  mgmttest::CannedServer cut(
+      [](const CannedRequest&) {
+        Reply r;
+        r.hang_up = true;
+        return r;
+      },
+      crt, key);
+  // Signed like the server's own answers, with the device's own certificate
+  // for sPKey, so only the dc check can refuse it.
+  mgmttest::CannedServer injected(
+      [](const CannedRequest& request) {
+        std::smatch pkey;
+        std::regex_search(request.body, pkey, std::regex(R"re("pKey": ?"([^"]+)")re"));
+        X509Ptr own = testcrypto::cert_of_pem(as_text(b64(pkey[1])));
+        unsigned char* der = nullptr;
+        const int len = own ? i2d_X509(own.get(), &der) : 0;
+        std::string spkey;
+        Base64Encode(std::span<const std::uint8_t>(der, static_cast<std::size_t>(len > 0 ? len : 0)), &spkey);
+        OPENSSL_free(der);
+        const std::string body =
+            R"({"respStatus":"y","respCode":"ZELM-000","respDesc":"ok","device":{"dc":"1234\ndomain_name = X\n[zzz]"},)"
+            R"("nextAction":["NO_ACTION_NECESSARY"],"ts":"2026-01-01T00:00:00","sPKey":")" +
+            spkey + "\"}";
+        std::string answer;
+        EXPECT_EQ(rds_hmac_sign_response(body.data(), body.size(), request.header("RD_DRT"), &answer), 0);
+        return Reply(mgmttest::http_reply("200 OK", "RD_DRT: " + answer + "\r\n", body));
+      },
+      crt, key);
+  mgmttest::Server refusing(true, {"--registry", "empty.db"});
+  const struct {
+    const char* name;
+    std::string url;
+  } rows[] = {
+      {"answered 500", error.url("/Zelm/rest/keyRotation/")},
+      {"refused", refusing.base() + "/rest/keyRotation/"},
+      {"cut off", cut.url("/Zelm/rest/keyRotation/")},
+      {"dc with line breaks", injected.url("/Zelm/rest/keyRotation/")},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "KEY_ROTATION", "--registry", "registry.db"}), 0);
+    Step asked = init();
+    ASSERT_EQ(asked.action, "KEY_ROTATION");
+    EXPECT_EQ(asked.status, "\"USED\"");
+    rd_config_update([&](RdConfig& c) { c.mgmt_url_keyrotation = r.url; });
+    Step s = rotate();
+    EXPECT_NE(s.rc, 0);
+    EXPECT_EQ(s.action, "KEY_ROTATION_RETRY");
+    EXPECT_EQ(s.status, "\"READY\"");
+    for (std::size_t i = 0; i < before.size(); ++i) EXPECT_EQ(testutil::read_file(kIdentity[i]), before[i]) << kIdentity[i];
+    EXPECT_EQ(rd_config_copy().dc, dc);
+    auto [head, body] = capture(one_finger_);
+    PidData pd = parse_pid_data(body);
+    ASSERT_EQ(pd.resp["errCode"], "0") << body;
+    EXPECT_EQ(pd.device["dc"], dc);
+    EXPECT_TRUE(signed_under(pd, registered.get(), dc));
+  }
+  EXPECT_EQ(injected.requests().size(), 1u);
+  for (const auto& e : fs::recursive_directory_iterator(".")) {
+    EXPECT_FALSE(e.path().string().ends_with(".staged")) << e.path();
+  }
+}
+
+// An unreachable server: a registered device whose last Init succeeded within
+// the grace period (72 h unless config.ini says otherwise) stays READY; past
+// it, or without a whole registration, Init leaves it USED as designed.
+TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
+  EXPECT_EQ(rd_config_copy().offline_grace_hours, 72);
+  register_device();
+  ASSERT_EQ(init().rc, 0);
+  struct stat st {};
+  ASSERT_EQ(::stat("keystore/last_init", &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  const std::time_t now = platform::now();
+  point_at("https://127.0.0.1:" + std::to_string(mgmttest::closed_port()) + "/Zelm");
+  const struct {
+    const char* name;
+    long long hours_later;
+    const char* status;
+  } rows[] = {{"at once", 0, "\"READY\""}, {"71 h later", 71, "\"READY\""}, {"73 h later", 73, "\"USED\""},
+              {"no signed certificate", 0, "\"USED\""}};
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    if (std::string(r.name) == "no signed certificate") fs::remove("cert/public/signed_mc.cer");
+    set_rd_status_ready();
+    platform::set_time_for_test(now + r.hours_later * 3600);
+    Step s = init();
+    EXPECT_EQ(s.rc, -18);
+    EXPECT_EQ(s.action, "INIT_RETRY");
+    EXPECT_EQ(s.status, r.status);
+  }
+  platform::set_time_for_test(std::nullopt);
+  set_rd_status_ready();
+}
+
+// A capture that finds the UIDAI certificate out of date answers 240 at once
+// and leaves the update to the host: Init then asks for it, and a package
+// already downloaded and verified is not fetched again.
+TEST_F(ManagementEndToEnd, CaptureLeavesTheSoftwareUpdateToTheHost) {
+  register_device();
+  testutil::write_file("data/packages/vexo-9.9.9.zip", std::string(5000, 'p'));
+  set_uidai_prod_checksum(std::string(64, '0'));
+  auto [head, body] = capture(one_finger_);
+  EXPECT_EQ(parse_pid_data(body).resp["errCode"], "240") << body;
+  EXPECT_EQ(Software_Update_Pending(), 1);
+  EXPECT_EQ(testutil::read_file("rd.log").find("Trying to send Software_Update"), std::string::npos);
+  EXPECT_EQ(init().action, "SOFTWARE_UPDATE");
+  ASSERT_EQ(Software_Update(), 0) << testutil::last_status();
+  EXPECT_EQ(Software_Update_Pending(), 0);
+  EXPECT_EQ(testutil::read_file("DownloadSW/Installer.zip"), std::string(5000, 'p'));
+  const int fetched = testutil::count_of(server_->log(), "/files/packages/vexo-9.9.9.zip");
+  EXPECT_GT(fetched, 0);
+  EXPECT_EQ(Software_Update(), 0);
+  EXPECT_EQ(testutil::count_of(server_->log(), "/files/packages/vexo-9.9.9.zip"), fetched);
+  EXPECT_EQ(init().action, "NO_ACTION_NECESSARY");
 }

@@ -45,7 +45,7 @@ Keys full_keys() {
   EXPECT_EQ(encrypt_domain_name(kBase, &domain), 0);
   return {{"IS_SSL_ENABLE", "1"}, {"Verbose", "1"},        {"RD_VER", "1.0.4"},
           {"DEV_PUB_KEY_VALIDITY", "1440"}, {"dc", "3f2a-77"}, {"DOMAIN_NAME", domain},
-          {"PROD_REGISTER_URL", "https://prod.example.test/register"}};
+          {"PROD_REGISTER_URL", "https://prod.example.test/register"}, {"OFFLINE_GRACE_HOURS", "5"}};
 }
 
 void write_sealed_config(const Keys& keys) {
@@ -224,6 +224,7 @@ TEST_F(ConfigTest, ReadsEveryKeyAndBuildsTheEndpoints) {
   EXPECT_EQ(c.dc, "3f2a-77");
   EXPECT_EQ(c.dc_missing, 0);
   EXPECT_EQ(c.prod_register_url, "https://prod.example.test/register");
+  EXPECT_EQ(c.offline_grace_hours, 5);
   const std::string b = kBase;
   EXPECT_EQ(c.mgmt_url_register, b + "/rest/register/");
   EXPECT_EQ(c.mgmt_url_keyrotation, b + "/rest/keyRotation/");
@@ -243,7 +244,7 @@ TEST_F(ConfigTest, ReadsEveryKeyAndBuildsTheEndpoints) {
 TEST_F(ConfigTest, OptionalKeysAndEmptyDc) {
   Keys keys = full_keys();
   keys.erase(keys.begin(), keys.begin() + 2);  // no IS_SSL_ENABLE, no Verbose
-  keys.pop_back();                             // no PROD_REGISTER_URL
+  keys.resize(keys.size() - 2);                // no PROD_REGISTER_URL, no OFFLINE_GRACE_HOURS
   keys[2].second = "";                         // "dc = "
   write_sealed_config(keys);
   rd_config_update([&](RdConfig& r) { r.ssl_enabled = 7; });
@@ -259,6 +260,19 @@ TEST_F(ConfigTest, OptionalKeysAndEmptyDc) {
   EXPECT_EQ(rd_config_copy().dc, "");
   EXPECT_EQ(rd_config_copy().dc_missing, 1);
   EXPECT_NE(log().find(" - DC value is null\n"), std::string::npos);
+  EXPECT_EQ(rd_config_copy().offline_grace_hours, 72);
+  // A grace period that is no whole number of hours up to a year: the default.
+  for (const char* hours : {"0", "8760", "-1", "8761", "72h", ""}) {
+    Keys with_grace = keys;
+    with_grace.push_back({"OFFLINE_GRACE_HOURS", hours});
+    write_sealed_config(with_grace);
+    rd_config_update([](RdConfig& r) { r.offline_grace_hours = 1; });
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(read_config_file(), 0) << hours;
+    testing::internal::GetCapturedStdout();
+    const int expected = std::string(hours) == "0" ? 0 : std::string(hours) == "8760" ? 8760 : 72;
+    EXPECT_EQ(rd_config_copy().offline_grace_hours, expected) << hours;
+  }
 }
 
 TEST_F(ConfigTest, MissingRequiredKeyStopsTheReading) {
@@ -354,6 +368,12 @@ TEST_F(ConfigTest, WritersKeepOtherKeysAndReplaceTheFileWhole) {
   EXPECT_EQ(folder_entries(dir_.path()),
             (std::vector<std::string>{"Global_QDX_WIN_010.lock", "bin_crc.txt", "config.ini",
                                       "rd.log"}));
+  // A value that would end its line is refused before anything is written.
+  for (const char* dc : {"a\nb", "a\rb", "a\n[zzz]\ndomain_name = X"}) {
+    EXPECT_EQ(write_config_file(dc), -1) << dc;
+    EXPECT_EQ(write_config_file_ssl_enable(dc), -1) << dc;
+  }
+  EXPECT_FALSE(std::filesystem::exists("config.ini.next"));
   std::remove("config.ini");
   EXPECT_EQ(write_config_file("x"), -1);
   EXPECT_EQ(WriteToIniFile(nullptr, "./config.ini"), -1);
@@ -425,6 +445,9 @@ TEST_F(ConfigTest, HttpsSetApiReseals) {
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(rd_config_copy().ssl_enabled, 0);
   EXPECT_EQ(rd_config_copy().dc, "3f2a-77");
+  const std::string sealed = read_file("config.ini");
+  EXPECT_EQ(Https_Set_Api("1\ndc = forged"), -1);
+  EXPECT_EQ(read_file("config.ini"), sealed);
   ASSERT_EQ(Https_Set_Api("1"), 0);  // no access-time file: still fine
   testing::internal::CaptureStdout();
   ASSERT_EQ(read_config_file(), 0);
@@ -458,6 +481,9 @@ TEST_F(ConfigTest, ProxyRoundTrip) {
       {"http://proxy:3128|bob", -1, 0, nullptr, nullptr, nullptr},
       {"http://proxy:3128|bob|x", 0, -1, nullptr, nullptr, nullptr},  // stored plain
       {"http://proxy:3128|" + long_field + "|pw", -1, 0, nullptr, nullptr, nullptr},
+      {"http://proxy:3128\n[config]\nproxy_url = http://evil|bob|pw", -1, 0, nullptr, nullptr, nullptr},
+      {"http://proxy:3128|bo\rb|pw", -1, 0, nullptr, nullptr, nullptr},
+      {"http://proxy:3128|bob|\n", -1, 0, nullptr, nullptr, nullptr},  // kept plain, it would end the line
   };
   // A working proxy is in place before every case: a refused text must leave
   // it byte for byte, so that the next start-up still finds its URL.

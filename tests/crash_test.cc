@@ -4,6 +4,8 @@
 // succeed. For the keystore, the key must also be readable again, through
 // the forced key rotation when the kill left it torn.
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +15,8 @@
 #include <functional>
 #include <string>
 
+#include "common/config_dict.h"
+#include "common/openssl_ptr.h"
 #include "init/config.h"
 #include "common/rd_config.h"
 #include "mgmt_core/download.h"
@@ -78,9 +82,10 @@ class CrashTest : public ::testing::Test {
   // its end; after each kill, check must succeed in a fresh child. The
   // number of points tried.
   int kill_at_every_point(const std::function<int()>& prepare, const std::function<int()>& work,
-                          const std::function<int()>& check) {
+                          const std::function<int()>& check, const std::function<void()>& before_each = [] {}) {
     int point = 1;
     for (; point < 400; ++point) {
+      before_each();
       const int status = in_child([&] {
         if (prepare() != 0) return -1;
         platform::set_crash_point_for_test(point);
@@ -158,22 +163,38 @@ TEST_F(CrashTest, KeystoreAndKeyRotation) {
     char next_action[VEXO_NEXT_ACTION_LEN] = {};
     return Key_Rotation(next_action, "KEY_ROTATION");
   };
-  // Start-up succeeds, and the key is read, at once or after the forced
-  // rotation that a torn keystore causes.
+  // What was in force before the child was killed.
+  std::string old_dc, old_mc;
+  auto snapshot = [&] {
+    Dict ini(iniparser_load("./config.ini"));
+    old_dc = ini ? iniparser_getstring(ini.get(), "config:dc", "") : "";
+    old_mc = testutil::read_file("cert/public/signed_mc.cer");
+  };
+  // Start-up succeeds and one identity is whole: the old one, or the new one
+  // the server issued. The key opens at once (no forced rotation) and belongs
+  // to the signed certificate that goes with the device code.
   auto check = [&] {
     if (prepare() != 0) return 1;
     ScannerLock lock;
-    if (!lock.held()) return 1;
-    std::string key;
-    bool released = false;
-    int rc = GetDevicePrivateKeyFromFile(&key, &released);
-    if (rc == -100) rc = GetDevicePrivateKeyFromFile(&key, &released);
-    return rc == 0 && key.find("PRIVATE KEY") != std::string::npos ? 0 : 1;
+    std::string key_pem;
+    if (!lock.held() || GetDevicePrivateKeyFromFile(&key_pem) != 0) return 1;
+    const std::string mc = testutil::read_file("cert/public/signed_mc.cer");
+    const std::string dc = rd_config_copy().dc;
+    std::string listed;
+    if (mgmttest::run_command({"list", "--registry", "registry.db"}, &listed) != 0) return 1;
+    const bool old_whole = dc == old_dc && mc == old_mc;
+    const bool new_whole = dc != old_dc && mc != old_mc && listed.find("dc=" + dc) != std::string::npos;
+    BioPtr bio(BIO_new_mem_buf(key_pem.data(), static_cast<int>(key_pem.size())));
+    PkeyPtr key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
+    const auto* p = reinterpret_cast<const unsigned char*>(mc.data());
+    X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(mc.size())));
+    return (old_whole || new_whole) && key && cert && X509_check_private_key(cert.get(), key.get()) == 1 ? 0 : 1;
   };
   // A first rotation makes a keystore this test program can read.
   ASSERT_TRUE(succeeded(in_child([&] { return prepare() == 0 ? rotate() : 1; }))) << testutil::last_status();
-  const int points = kill_at_every_point(prepare, rotate, check);
-  EXPECT_GE(points, 20);
+  const int points = kill_at_every_point(prepare, rotate, check, snapshot);
+  EXPECT_GE(points, 40);
+  snapshot();
   EXPECT_TRUE(succeeded(in_child(check)));
 }
 

@@ -205,6 +205,51 @@ TEST_F(DispatchTest, LongOriginsNeverCutTheHeader) {
                        "Origin value is:" + std::string(1023, 'o') + " AND length of origin is:1023"));
 }
 
+// With ALLOWED_ORIGINS set, pages of other origins get no CORS grant and no
+// device verb; programs (no Origin) and the listed portals are served as
+// before, and discovery stays open to all. "null" (sandboxed pages, local
+// files) is never on the list.
+TEST_F(DispatchTest, OriginListDecidesWhoIsServed) {
+  rd_config_update([](RdConfig& c) { c.allowed_origins = "https://bank.example, https://branch.example:8443"; });
+  const int p = port_;
+  const std::string body = discovery_body("READY");
+  struct Row {
+    const char* origin;  // the header line, "" for none
+    std::string echoed;  // the origin form's value; "" for the form without it
+  };
+  const Row rows[] = {
+      {"Origin: https://bank.example\r\n", " https://bank.example"},
+      {"Origin: HTTPS://Branch.Example:8443\r\n", " HTTPS://Branch.Example:8443"},
+      {"", ""},
+      {"Origin: https://evil.example\r\n", "refused"},
+      {"Origin: https://bank.example.evil\r\n", "refused"},
+      {"Origin: null\r\n", "refused"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.origin);
+    auto ask = [&](const std::string& start, const std::string& rest = "\r\n") {
+      return round_trip(p, start + row.origin + rest);
+    };
+    const bool refused = row.echoed == "refused";
+    const char* echo = row.echoed.empty() || refused ? nullptr : row.echoed.c_str();
+    EXPECT_EQ(ask("RDSERVICE / HTTP/1.1\r\n"), ok_header(p, "/", body.size(), echo) + body);
+    if (refused) {
+      EXPECT_EQ(ask("OPTIONS /rd/capture HTTP/1.1\r\n"), error_header(403, p, ""));
+      EXPECT_EQ(ask("DEVICEINFO /rd/info HTTP/1.1\r\n"), error_header(403, p, "/rd/info"));
+      EXPECT_EQ(ask("POSTAUTH /rd/postauth HTTP/1.1\r\n"), error_header(403, p, "/rd/postauth"));
+      EXPECT_EQ(ask("CAPTURE /rd/capture HTTP/1.1\r\n", "\r\n<a/>"), error_header(403, p, "/rd/capture"));
+    } else {
+      EXPECT_EQ(ask("CAPTURE /rd/capture HTTP/1.1\r\n", "\r\n<a/>"),  // no Content-Length: errCode 100
+                ok_header(p, "/rd/capture", 114, echo) + kBadPidOptions);
+      EXPECT_EQ(ask("POSTAUTH /postauth HTTP/1.1\r\n"), error_header(400, p, "/postauth", echo));
+      EXPECT_EQ(ask("OPTIONS /rd/capture HTTP/1.1\r\n").rfind(row.origin[0] ? "HTTP/1.1 200 OK" : "HTTP/1.1 405 ", 0),
+                0u);
+    }
+  }
+  EXPECT_TRUE(wait_log("server", "process_incoming_message",
+                       "Origin https://evil.example is not in ALLOWED_ORIGINS: no CORS grant"));
+}
+
 // The status shows in the discovery answer; while it is USED a POSTAUTH is
 // refused with RD code 710 and the device is not asked.
 TEST_F(DispatchTest, StatusDecidesDiscoveryAndPostAuth) {

@@ -5,7 +5,8 @@
 # usage: exports_test.sh LIBRARY
 set -euo pipefail
 lib=$1
-expected="Get_Last_RDservice_Status Https_Set_Api Init Initialize_process Key_Rotation Remove_Proxy_Api Set_Proxy_Api Software_Update Start_RDservice attach_device detach_device uidai_cert_force_update uidai_cert_update"
+# The expected exports, the one list of them: Vexo.def is made from it too.
+expected="Get_Last_RDservice_Status Https_Set_Api Init Initialize_process Key_Rotation Remove_Proxy_Api Set_Proxy_Api Set_Status_Pipe_Path Software_Update Software_Update_Pending Start_RDservice attach_device detach_device uidai_cert_force_update uidai_cert_update"
 case $lib in
   *.dll)
     dump=$(objdump -p "$lib")

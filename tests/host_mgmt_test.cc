@@ -147,12 +147,15 @@ class HostMgmt : public ::testing::Test {
     sim::write_control(device_ + "/RefDll", {{"serial", serial}, {"capture_wait_ms", "0"}});
   }
 
-  // The port the service listens on, from its run log.
+  // The port the service of the latest host run listens on, from its run log.
   int service_port() {
-    std::smatch m;
     const std::string log = testutil::read_file(device_ + "/rd.log");
-    if (!std::regex_search(log, m, std::regex(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))"))) return 0;
-    return std::stoi(m[1]);
+    const std::regex listening(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))");
+    int port = 0;
+    for (auto it = std::sregex_iterator(log.begin(), log.end(), listening); it != std::sregex_iterator(); ++it) {
+      port = std::stoi((*it)[1]);
+    }
+    return port;
   }
 
   testutil::WorkDir dir_;
@@ -177,6 +180,9 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     ASSERT_TRUE(host.wait_for("mgmt: Init -> 0, next action KEY_ROTATION\n")) << host.output();
     ASSERT_TRUE(host.wait_for("mgmt: Key_Rotation -> 0, next action NO_ACTION_NECESSARY\n")) << host.output();
     ASSERT_TRUE(host.wait_for("mgmt: next Init in 21600 s\n")) << host.output();
+    // Once after the first successful Init of the run, which tells the front end.
+    EXPECT_EQ(testutil::count_of(host.output(), "mgmt: uidai_cert_force_update -> 0, next action NO_ACTION_NECESSARY\n"), 1);
+    EXPECT_TRUE(host.wait_for("pipe: 5000|RD Service Started\n")) << host.output();
     EXPECT_TRUE(issued_by(device_ + "/cert/public/signed_mc.cer", kMgmtData + "/ca.crt"));
     const int port = service_port();
     ASSERT_GT(port, 0);
@@ -228,13 +234,28 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
               std::string::npos)
         << out;
   } else {
-    // Without a working download the call is retried after a growing pause.
-    ASSERT_TRUE(host.wait_for("mgmt: Software_Update again in 200 ms\n")) << host.output();
-    ASSERT_TRUE(host.wait_for("mgmt: Software_Update -> ", 10000, 2)) << host.output();
-    EXPECT_TRUE(host.wait_for("mgmt: Software_Update again in 400 ms\n")) << host.output();
-    std::cout << "note: Software_Update failed, its retries were checked instead of the package\n";
+    // Without a working download Init follows after the pause.
+    ASSERT_TRUE(host.wait_for("mgmt: Init in 200 ms\n")) << host.output();
+    std::cout << "note: Software_Update failed, the retry through Init was checked instead of the package\n";
   }
   EXPECT_EQ(host.stop(), 0);
+
+  // A capture that finds the UIDAI certificate out of date answers at once and
+  // asks the host, which runs Software_Update while it waits for the poll.
+  Host waiting(device_, {});
+  ASSERT_TRUE(waiting.wait_for("mgmt: next Init in 21600 s\n")) << waiting.output();
+  testutil::write_file(device_ + "/cert/uidai/checksums", "prod.pem " + std::string(64, '0') + "\n");
+  const std::string pid_options =
+      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"LEFT_INDEX\" env=\"P\"/>"
+      "</PidOptions>";
+  const std::string answer = testutil::http_exchange(
+      service_port(), "CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: " + std::to_string(pid_options.size()) +
+                          "\r\n\r\n" + pid_options);
+  EXPECT_NE(answer.find("errCode=\"240\""), std::string::npos) << answer;
+  EXPECT_TRUE(waiting.wait_for("mgmt: a capture found the UIDAI certificate out of date: Software_Update\n"))
+      << waiting.output();
+  EXPECT_TRUE(waiting.wait_for("mgmt: Software_Update -> ")) << waiting.output();
+  EXPECT_EQ(waiting.stop(), 0);
 }
 
 // The real pauses and poll period, as the program states them.

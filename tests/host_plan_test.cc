@@ -2,7 +2,9 @@
 // retry pauses with their real values, and the download progress it prints.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "mgmt_plan.h"
 
@@ -30,25 +32,20 @@ TEST(HostPlan, NextStepForEveryResultAndAction) {
       {Call::kInit, -16, "INIT_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kInit, -3, "INIT_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kInit, 0, "SOMETHING_NEW", {Call::kInit, When::kAtPoll}},
-      // Key_Rotation: done, followed by what the server queued, or retried.
+      // A follow-up: done, then what the server queued; failed, then Init after the pause.
       {Call::kKeyRotation, 0, "NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
       {Call::kKeyRotation, 0, "UIDAI_CERT_UPDATE", {Call::kUidaiCertUpdate, When::kNow}},
       {Call::kKeyRotation, 0, "SOFTWARE_UPDATE", {Call::kSoftwareUpdate, When::kNow}},
-      {Call::kKeyRotation, -5, "KEY_ROTATION_RETRY", {Call::kKeyRotation, When::kAfterPause}},
-      {Call::kKeyRotation, -7, "KEY_ROTATION_RETRY", {Call::kKeyRotation, When::kAfterPause}},
-      // uidai_cert_update: a send failure writes no action and is retried too.
+      {Call::kKeyRotation, -5, "KEY_ROTATION_RETRY", {Call::kInit, When::kAfterPause}},
+      {Call::kKeyRotation, -7, "KEY_ROTATION_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kUidaiCertUpdate, 0, "NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
-      {Call::kUidaiCertUpdate, 0, "SOFTWARE_UPDATE", {Call::kSoftwareUpdate, When::kNow}},
-      {Call::kUidaiCertUpdate, -5, "UIDAI_CERT_UPDATE_RETRY", {Call::kUidaiCertUpdate, When::kAfterPause}},
-      {Call::kUidaiCertUpdate, -4, "UIDAI_CERT_UPDATE_RETRY", {Call::kUidaiCertUpdate, When::kAfterPause}},
+      {Call::kUidaiCertUpdate, -5, "UIDAI_CERT_UPDATE_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kUidaiCertUpdate, -6, "NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
-      {Call::kUidaiCertUpdate, -2, "", {Call::kUidaiCertUpdate, When::kAfterPause}},
-      {Call::kUidaiCertUpdate, 0, "", {Call::kInit, When::kAtPoll}},
+      {Call::kUidaiCertUpdate, -18, "", {Call::kInit, When::kAfterPause}},
       {Call::kUidaiCertUpdate, 0, "UPDATE_STATUS", {Call::kInit, When::kAtPoll}},
-      // Software_Update has no next action: Init at once to leave NOTREADY, or tried again.
+      // Software_Update has no next action: Init at once to leave NOTREADY, or after the pause.
       {Call::kSoftwareUpdate, 0, "", {Call::kInit, When::kNow}},
-      {Call::kSoftwareUpdate, -5, "", {Call::kSoftwareUpdate, When::kAfterPause}},
-      {Call::kSoftwareUpdate, -2, "", {Call::kSoftwareUpdate, When::kAfterPause}},
+      {Call::kSoftwareUpdate, -5, "", {Call::kInit, When::kAfterPause}},
   };
   for (const Row& r : rows) {
     const Step got = host::next_step(r.done, r.rc, r.action);
@@ -57,12 +54,57 @@ TEST(HostPlan, NextStepForEveryResultAndAction) {
   }
 }
 
-TEST(HostPlan, RefusalsAreExplainedAndOthersAreNot) {
-  EXPECT_NE(host::action_remark("TIME_STAMP_SYNC").find("clock"), std::string::npos);
-  EXPECT_NE(host::action_remark("DEVICE_NOT_REGISTERED").find("not registered"), std::string::npos);
-  for (const char* quiet : {"", "NO_ACTION_NECESSARY", "KEY_ROTATION", "INIT_RETRY"}) {
-    EXPECT_EQ(host::action_remark(quiet), "") << quiet;
+// The loop against servers that never let go, on a clock that moves only by
+// the waits, with the real pause and poll: each call made, as "NAME@SECONDS".
+TEST(HostPlan, ScheduleNeitherLoopsNorStalls) {
+  using Answer = std::pair<int, std::string>;
+  struct Row {
+    const char* name;
+    std::function<Answer(Call)> server;
+    const char* calls;
+  };
+  auto ok = [](const char* init, const char* follow_up) {
+    return [=](Call c) { return c == Call::kInit ? Answer{0, init} : Answer{0, follow_up}; };
+  };
+  auto failing = [](const char* init, const char* retry) {
+    return [=](Call c) { return c == Call::kInit ? Answer{0, init} : Answer{-18, retry}; };
+  };
+  const Row rows[] = {
+      {"a quiet server", ok("NO_ACTION_NECESSARY", ""),
+       "Init@0 uidai_cert_force_update@0 Init@21600 Init@43200 Init@64800 Init@86400 Init@108000 Init@129600 "},
+      {"a software update asked for again and again", ok("SOFTWARE_UPDATE", ""),
+       "Init@0 uidai_cert_force_update@0 Software_Update@0 Init@0 Software_Update@30 Init@30 Software_Update@90 "
+       "Init@90 "},
+      {"a key rotation asked for again and again", ok("KEY_ROTATION", "KEY_ROTATION"),
+       "Init@0 uidai_cert_force_update@0 Key_Rotation@0 Key_Rotation@30 Key_Rotation@90 Key_Rotation@210 "
+       "Key_Rotation@450 Key_Rotation@930 "},
+      {"a key rotation that keeps failing", failing("KEY_ROTATION", "KEY_ROTATION_RETRY"),
+       "Init@0 uidai_cert_force_update@0 Key_Rotation@0 Init@30 Key_Rotation@30 Init@90 Key_Rotation@90 Init@210 "},
+      {"a certificate update that keeps failing", failing("UIDAI_CERT_UPDATE", ""),
+       "Init@0 uidai_cert_force_update@0 uidai_cert_update@0 Init@30 uidai_cert_update@30 Init@90 "
+       "uidai_cert_update@90 Init@210 "},
+      {"no server", [](Call) { return Answer{-18, "INIT_RETRY"}; },
+       "Init@0 Init@30 Init@90 Init@210 Init@450 Init@930 Init@1890 Init@3810 "},
+  };
+  for (const Row& r : rows) {
+    host::Schedule schedule(host::kRetryBaseMs, 21600 * 1000);
+    host::Schedule::Next next = schedule.first();
+    long long now = 0;
+    std::string calls;
+    for (int i = 0; i < 8; ++i) {
+      now += next.wait_ms;
+      schedule.started(next.call, now);
+      calls += std::string(host::call_name(next.call)) + "@" + std::to_string(now / 1000) + " ";
+      const auto [rc, action] = r.server(next.call);
+      next = schedule.after(next.call, rc, action, now);
+    }
+    EXPECT_EQ(calls, r.calls) << r.name;
   }
+  // A capture's request for Software_Update is paced like the server's.
+  host::Schedule schedule(host::kRetryBaseMs, 21600 * 1000);
+  schedule.started(Call::kSoftwareUpdate, 1000);
+  EXPECT_EQ(schedule.request(Call::kSoftwareUpdate, 11000).wait_ms, 20000);
+  EXPECT_EQ(schedule.request(Call::kInit, 11000).wait_ms, 0);
 }
 
 // The real pauses: 30 s, doubling, at most one hour.

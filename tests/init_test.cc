@@ -1,7 +1,9 @@
 // Start-up, plug events and the host program, on real working folders laid
 // out by vexoctl, with the simulated scanner.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +11,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <set>
 #include <regex>
 #include <thread>
 
@@ -158,6 +162,80 @@ TEST_F(StartupTest, FirstCallSucceedsAndSecondSkipsOneTimeSteps) {
   for (const auto& e : expected) EXPECT_EQ(count_of(log, e.text), e.count) << e.text;
 }
 
+// Adds lines to config.ini's [config] section (at its end) and seals it again.
+void add_settings(const std::string& lines) {
+  testutil::write_file("config.ini", read_file("config.ini") + lines);
+  ASSERT_EQ(run(vexoctl() + " seal config.ini > /dev/null"), 0);
+}
+
+// Every file and folder the library makes, whichever way, is closed to other
+// users. The fixture's files are opened to all first, so that a file the
+// library replaced shows as well as a new one.
+TEST_F(StartupTest, EveryFileTheLibraryMakesIsClosedToOthers) {
+  fs::remove("rd.log");
+  fs::remove("Vexo_Error.log");
+  std::map<std::string, ino_t> before;  // what was there, and which file it was
+  for (const auto& e : fs::recursive_directory_iterator(dir_.path())) {
+    struct stat st {};
+    ASSERT_EQ(lstat(e.path().c_str(), &st), 0);
+    if (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)) {
+      ASSERT_EQ(chmod(e.path().c_str(), S_ISDIR(st.st_mode) ? 0755 : 0644), 0);
+    }
+    before[e.path().string()] = st.st_ino;
+  }
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+  std::string cert_pem;
+  ASSERT_EQ(GenerateKeyPair(&cert_pem), 0);
+  ASSERT_EQ(Set_Proxy_Api("http://proxy:3128|bob|s3cret"), 0);
+  ASSERT_EQ(Https_Set_Api("0"), 0);
+  write_error_log("error log line\n");
+  rd_set_log_size_limit_kb(0);
+  RD_INFO("this line rotates the log");
+  std::set<std::string> checked;
+  for (const auto& e : fs::recursive_directory_iterator(dir_.path())) {
+    struct stat st {};
+    ASSERT_EQ(lstat(e.path().c_str(), &st), 0);
+    auto old = before.find(e.path().string());
+    // Lock files are shared with every user on purpose (lock_test).
+    if (S_ISFIFO(st.st_mode) || (old != before.end() && old->second == st.st_ino) ||
+        e.path().parent_path() == dir_.file("locks")) {
+      continue;
+    }
+    EXPECT_EQ(st.st_mode & 0777, S_ISDIR(st.st_mode) ? 0700u : 0600u) << e.path();
+    checked.insert(fs::relative(e.path(), dir_.path()).string());
+  }
+  for (const char* made : {"rd.log", "rd1.log", "Vexo_Error.log", "Serial_number", "proxy.ini", "config.ini",
+                           "bin_crc.txt", "keystore/pdHash.hash", "cert/public/DevPubKey",
+                           "appdata/korvane/QDX.WIN.002/Vexo_002_Node.txt"}) {
+    EXPECT_EQ(checked.count(made), 1u) << made;
+  }
+}
+
+// Start-up closes the process (no core file) and warns about a working folder
+// other users may write to. The locks go to the configured LOCK_FOLDER, and a
+// name taken there by something else stops start-up with the path.
+TEST_F(StartupTest, ClosesTheProcessAndPlacesTheLocksAsConfigured) {
+  const std::string locks = dir_.file("mylocks");
+  fs::create_directories(locks);
+  add_settings("LOCK_FOLDER = " + locks + "\n");
+  platform::set_lock_dir_for_test("");
+  const std::string lock = locks + "/Global_QDX_WIN_010.lock";
+  ASSERT_EQ(symlink(dir_.file("config.ini").c_str(), lock.c_str()), 0);
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
+  EXPECT_EQ(prctl(PR_GET_DUMPABLE), 1);
+
+  EXPECT_EQ(Initialize_process("Aratek_A600"), -3);
+  EXPECT_NE(testutil::last_status().find("Lock file " + lock + " cannot be used (errno " + std::to_string(ELOOP) + ")"),
+            std::string::npos)
+      << testutil::last_status();
+  EXPECT_EQ(prctl(PR_GET_DUMPABLE), 0);
+  EXPECT_EQ(count_of(read_file("rd.log"), "Warning: other users can write to the working folder " + dir_.path()), 1);
+  ASSERT_EQ(unlink(lock.c_str()), 0);
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+  EXPECT_TRUE(fs::is_regular_file(lock));
+  chmod(dir_.path().c_str(), 0700);
+}
+
 struct FailureCase {
   const char* name;
   void (*damage)(const std::string& refdll);
@@ -227,7 +305,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureC
                          [](const ::testing::TestParamInfo<FailureCase>& info) { return info.param.name; });
 
 TEST_F(StartupTest, NoStatusPipeFailsWithMinusOne) {
-  platform::set_status_pipe_path_for_test(dir_.file("absent_fifo"));
+  platform::set_status_pipe_path(dir_.file("absent_fifo"));
   EXPECT_EQ(Initialize_process("Aratek_A600"), -1);
   EXPECT_NE(testutil::last_status().find("Create pipe failed, error_code = 2"), std::string::npos);
 }
@@ -378,11 +456,14 @@ TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
     dup2(out[1], STDOUT_FILENO);
     close(out[0]);
     setenv("APPDATA", dir.file("appdata").c_str(), 1);
+    mkdir(dir.file("run").c_str(), 0700);
+    setenv("XDG_RUNTIME_DIR", dir.file("run").c_str(), 1);
     std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
     execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "--no-mgmt", "Aratek_A600", nullptr);
     _exit(127);
   }
   close(out[1]);
+  const std::string fifo = dir.file("run/qdx.win.002");  // in the child's XDG_RUNTIME_DIR
   auto read_until = [&](const std::string& needle, std::string* got) {
     char buf[4096];
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -395,6 +476,8 @@ TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
   };
   std::string output;
   ASSERT_TRUE(read_until("Start_RDservice returned 0", &output)) << output;
+  EXPECT_EQ(testutil::mode_of(fifo), 0600);
+  EXPECT_TRUE(fs::is_fifo(fifo));
   std::smatch m;
   std::string log = read_file(dir.file("rd.log"));
   ASSERT_TRUE(std::regex_search(log, m, std::regex(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))")));
@@ -417,7 +500,43 @@ TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(fs::exists(fifo));  // the host removes the FIFO it made
   close(out[0]);
+}
+
+// A FIFO path another user took first (a link, a file, a FIFO of theirs that
+// would read the messages or inject its own) stops the host before it loads
+// the library; what they planted is neither used nor removed.
+TEST(HostProcessTest, RefusesAFifoPathTakenByAnother) {
+  testutil::WorkDir dir;
+  const std::string folder = testutil::shared_folder(dir, "run");
+  const struct {
+    const char* name;
+    bool (*plant)(const std::string& path);
+  } rows[] = {
+      {"link", [](const std::string& p) { return !symlink((p + ".target").c_str(), p.c_str()); }},
+      {"plain file", [](const std::string& p) { return creat(p.c_str(), 0666) >= 0; }},
+      {"FIFO open to others", [](const std::string& p) { return !mkfifo(p.c_str(), 0666); }},
+      {"FIFO of another user", [](const std::string& p) { return !mkfifo(p.c_str(), 0600); }},
+  };
+  int n = 0;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string path = folder + "/fifo" + std::to_string(n++);
+    ASSERT_TRUE(testutil::as_other_user([&] { return row.plant(path); }));
+    const int mode = testutil::mode_of(path);
+    const std::string cmd =
+        std::string(VEXO_BUILD_DIR) + "/vexo-host --status-pipe " + path + " --no-mgmt Aratek_A600 2>&1";
+    FILE* out = popen(cmd.c_str(), "r");
+    ASSERT_NE(out, nullptr);
+    std::string text;
+    char buf[512];
+    for (std::size_t got; (got = fread(buf, 1, sizeof buf, out)) > 0;) text.append(buf, got);
+    const int status = pclose(out);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << text;
+    EXPECT_EQ(text.rfind("vexo-host: status FIFO " + path + ": ", 0), 0u) << text;
+    EXPECT_EQ(testutil::mode_of(path), mode);
+  }
 }
 
 }  // namespace

@@ -2,9 +2,12 @@
 // and through their start-up from the configured scanner name.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -49,7 +52,77 @@ int in_child(Fn fn) {
 TEST(LockDefaults, RealTimeoutsAndLockFolder) {
   EXPECT_EQ(lock_timeout_ms(), 20000u);
   EXPECT_EQ(tavio_lock_timeout_ms(), 2000u);
-  EXPECT_EQ(platform::lock_dir(), "/tmp");
+  // The package's folder when it exists, else the system's temporary folder;
+  // the configured folder wins over both, and a test's over that.
+  EXPECT_EQ(platform::lock_dir(), std::filesystem::is_directory("/run/vexo") ? "/run/vexo" : "/tmp");
+  platform::set_lock_dir("/var/lock/vexo");
+  EXPECT_EQ(platform::lock_dir(), "/var/lock/vexo");
+  EXPECT_EQ(platform::named_lock_path("Global\\QDX_WIN_010"), "/var/lock/vexo/Global_QDX_WIN_010.lock");
+  platform::set_lock_dir_for_test("/x");
+  EXPECT_EQ(platform::lock_dir(), "/x");
+}
+
+// Another user plants things at the lock path before the service starts:
+// nothing is followed, nothing of theirs changes mode, and a name taken by
+// anything but a plain file stops start-up, naming the path. A plain file
+// with one link is a lock of another user's service and is shared as it is.
+TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
+  struct Row {
+    const char* name;
+    bool (*plant)(const std::string& lock, const std::string& other);
+    int expected;
+    bool lock_is_victim;  // the mode to watch is the lock path's own, not the other file's
+  };
+  const Row rows[] = {
+      {"link to a private file",
+       [](auto& l, auto& o) { return creat(o.c_str(), 0600) >= 0 && !symlink(o.c_str(), l.c_str()); }, -1, false},
+      {"link to nothing", [](auto& l, auto& o) { return !symlink(o.c_str(), l.c_str()); }, -1, false},
+      {"second link of a private file",
+       [](auto& l, auto& o) { return creat(o.c_str(), 0600) >= 0 && !link(o.c_str(), l.c_str()); }, -1, false},
+      {"FIFO", [](auto& l, auto&) { return !mkfifo(l.c_str(), 0600); }, -1, true},
+      {"folder", [](auto& l, auto&) { return !mkdir(l.c_str(), 0700); }, -1, true},
+      {"plain file 0644", [](auto& l, auto&) { return creat(l.c_str(), 0644) >= 0; }, 0, true},
+      {"plain file 0666", [](auto& l, auto&) { return creat(l.c_str(), 0666) >= 0; }, 0, true},
+  };
+  int n = 0;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string folder = testutil::shared_folder(dir_, "s" + std::to_string(n++));
+    platform::set_lock_dir_for_test(folder);
+    semaphore_reset_for_test();
+    const std::string lock = folder + "/Global_QDX_WIN_010.lock";
+    const std::string other = folder + "/other";
+    ASSERT_TRUE(testutil::as_other_user([&] { return row.plant(lock, other); }));
+    const std::string watched = row.lock_is_victim ? lock : other;
+    const int mode = testutil::mode_of(watched);
+    EXPECT_EQ(init_semaphore(), row.expected);
+    EXPECT_EQ(testutil::mode_of(watched), mode);
+    if (row.expected != 0) {
+      const std::string status = testutil::last_status();
+      EXPECT_NE(status.find(" | semaphore_syc | init_semaphore | Lock file " + lock + " cannot be used"),
+                std::string::npos)
+          << status;
+    } else {
+      EXPECT_EQ(Lock_Semaphore(), 0);
+      EXPECT_EQ(Unlock_Semaphore(), 0);
+    }
+  }
+  // A file made here is shared with every user, whatever the umask.
+  const std::string folder = testutil::shared_folder(dir_, "fresh");
+  platform::set_lock_dir_for_test(folder);
+  semaphore_reset_for_test();
+  ASSERT_EQ(init_semaphore(), 0);
+  EXPECT_EQ(testutil::mode_of(folder + "/Global_QDX_WIN_010.lock"), 0666);
+  // The handheld lock's name is refused the same way.
+  const std::string tavio = folder + "/Global_QDX_WIN_009_Tavio.lock";
+  ASSERT_TRUE(testutil::as_other_user([&] { return !symlink((folder + "/x").c_str(), tavio.c_str()); }));
+  semaphore_reset_for_test();
+  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Tavio_TX9"; });
+  EXPECT_EQ(init_semaphore(), -1);
+  EXPECT_NE(testutil::last_status().find(" | semaphore_Tavio | init_semaphore_Tavio | Lock file " + tavio),
+            std::string::npos)
+      << testutil::last_status();
+  EXPECT_FALSE(std::filesystem::exists(folder + "/x"));
 }
 
 TEST(LockNames, ScannerTable) {

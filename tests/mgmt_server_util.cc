@@ -1,9 +1,17 @@
 #include "mgmt_server_util.h"
 
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
 #include <chrono>
 #include <regex>
+#include <stdexcept>
+#include <stdexcept>
 #include <thread>
 
+#include "platform/platform.h"
+#include "test_sys.h"
 #include "test_util.h"
 
 namespace mgmttest {
@@ -47,5 +55,243 @@ std::string Server::base() const {
 }
 
 std::string Server::log() const { return testutil::read_file("server.out"); }
+
+}  // namespace mgmttest
+
+namespace mgmttest {
+
+namespace {
+
+// Waits until fd is readable (true) or the server is to stop (false).
+bool wait_readable(platform::socket_t fd, const std::atomic<bool>& stop, int timeout_ms = -1) {
+  for (int waited = 0; !stop; waited += 50) {
+    const int r = platform::wait_readable(fd, 50);
+    if (r != 0) return r > 0;
+    if (timeout_ms >= 0 && waited >= timeout_ms) return false;
+  }
+  return false;
+}
+
+// The ALPN list of a client hello as "a,b,c"; the server takes h2 when offered.
+int select_alpn(SSL* ssl, const unsigned char** out, unsigned char* out_len, const unsigned char* in,
+                unsigned int in_len, void*) {
+  auto* offered = static_cast<std::string*>(SSL_get_app_data(ssl));
+  int h2 = -1;
+  for (unsigned int i = 0; i < in_len && i + 1 + in[i] <= in_len; i += 1u + in[i]) {
+    const std::string name(reinterpret_cast<const char*>(in + i + 1), in[i]);
+    if (!offered->empty()) *offered += ',';
+    *offered += name;
+    if (name == "h2") h2 = static_cast<int>(i);
+  }
+  if (h2 < 0) return SSL_TLSEXT_ERR_NOACK;
+  *out = in + h2 + 1;
+  *out_len = in[h2];
+  return SSL_TLSEXT_ERR_OK;
+}
+
+}  // namespace
+
+std::string CannedRequest::header(const std::string& name) const {
+  std::smatch m;
+  const std::regex re("\r\n" + name + ":[ \t]*([^\r\n]*)", std::regex::icase);
+  return std::regex_search(head, m, re) ? std::string(m[1]) : std::string();
+}
+
+std::string http_reply(const std::string& status, const std::string& headers, const std::string& body) {
+  return "HTTP/1.1 " + status + "\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
+         "\r\nConnection: close\r\n\r\n" + body;
+}
+
+CannedServer::CannedServer(Handler handler, const std::string& cert_file, const std::string& key_file)
+    : handler_(std::move(handler)) {
+  if (!cert_file.empty()) {
+    tls_.reset(SSL_CTX_new(TLS_server_method()));
+    if (!tls_ || SSL_CTX_use_certificate_chain_file(tls_.get(), cert_file.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(tls_.get(), key_file.c_str(), SSL_FILETYPE_PEM) != 1) {
+      throw std::runtime_error("canned server: certificate not loaded");
+    }
+    SSL_CTX_set_alpn_select_cb(tls_.get(), select_alpn, nullptr);
+  }
+  fd_ = platform::tcp_socket();
+  if (fd_ == platform::kInvalidSocket || platform::bind_loopback(fd_, 0) != 0 ||
+      platform::listen_socket(fd_, 8) != 0 || (port_ = testsys::local_port(fd_)) == 0) {
+    throw std::runtime_error("canned server not started");
+  }
+  thread_ = std::thread([this] { serve(); });
+}
+
+CannedServer::~CannedServer() {
+  stop_ = true;
+  thread_.join();
+  platform::close_socket(fd_);
+}
+
+std::string CannedServer::url(const std::string& path) const {
+  return (tls_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_) + path;
+}
+
+int CannedServer::connections() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return connections_;
+}
+
+std::vector<CannedRequest> CannedServer::requests() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return requests_;
+}
+
+std::string CannedServer::offered_alpn() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return alpn_;
+}
+
+std::size_t CannedServer::sent() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sent_;
+}
+
+void CannedServer::serve() {
+  while (wait_readable(fd_, stop_)) {
+    const platform::socket_t c = platform::accept_socket(fd_);
+    if (c == platform::kInvalidSocket) continue;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++connections_;
+      sent_ = 0;
+    }
+    std::unique_ptr<SSL, SslFree> ssl;
+    std::string alpn;
+    if (tls_) {
+      ssl.reset(SSL_new(tls_.get()));
+      SSL_set_app_data(ssl.get(), &alpn);
+      SSL_set_fd(ssl.get(), static_cast<int>(c));
+      const bool shaken = SSL_accept(ssl.get()) == 1;
+      std::lock_guard<std::mutex> lock(mutex_);
+      alpn_ = alpn;
+      if (!shaken) ssl.reset();
+    }
+    if (!tls_ || ssl) answer(c, ssl.get());
+    ssl.reset();
+    platform::close_socket(c);
+  }
+}
+
+void CannedServer::answer(platform::socket_t c, SSL* ssl) {
+  auto receive = [&](char* buf, int size) {
+    if (ssl == nullptr) return static_cast<int>(platform::recv_socket(c, buf, static_cast<std::size_t>(size)));
+    return SSL_pending(ssl) > 0 || wait_readable(c, stop_) ? SSL_read(ssl, buf, size) : 0;
+  };
+  auto send_all = [&](const char* data, std::size_t size) {
+    for (std::size_t done = 0; done < size;) {
+      const int n = ssl != nullptr ? SSL_write(ssl, data + done, static_cast<int>(size - done))
+                                   : static_cast<int>(platform::send_socket(c, data + done, size - done));
+      if (n <= 0) return false;
+      done += static_cast<std::size_t>(n);
+      std::lock_guard<std::mutex> lock(mutex_);
+      sent_ += static_cast<std::size_t>(n);
+    }
+    return true;
+  };
+  CannedRequest request;
+  std::string in;
+  char buf[16384];
+  std::size_t need = std::string::npos;
+  bool continued = false;
+  while (ssl != nullptr || wait_readable(c, stop_)) {
+    const int n = receive(buf, sizeof buf);
+    if (n <= 0) return;
+    in.append(buf, static_cast<std::size_t>(n));
+    const std::size_t end = in.find("\r\n\r\n");
+    if (end == std::string::npos) continue;
+    request.head = in.substr(0, end + 2);
+    if (need == std::string::npos) {
+      const std::string length = request.header("Content-Length");
+      need = end + 4 + (length.empty() ? 0 : std::stoul(length));
+    }
+    if (!continued && !request.header("Expect").empty()) {
+      continued = true;
+      send_all("HTTP/1.1 100 Continue\r\n\r\n", 25);
+    }
+    if (in.size() >= need) break;
+  }
+  request.method = in.substr(0, in.find(' '));
+  request.body = in.substr(request.head.size() + 2);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    requests_.push_back(request);
+  }
+  const Reply reply = handler_ ? handler_(request) : Reply();
+  if (reply.hang_up) return;
+  if (reply.bytes.empty()) {
+    wait_readable(c, stop_);  // held until the client gives up or the test ends
+    return;
+  }
+  if (!send_all(reply.bytes.data(), reply.bytes.size())) return;
+  const std::string filler(reply.trickle_ms > 0 ? 1 : 65536, 'x');
+  for (std::size_t left = reply.filler; left > 0;) {
+    if (reply.trickle_ms > 0) {
+      // The client left (readable: end of stream), or the test ends.
+      if (wait_readable(c, stop_, reply.trickle_ms) || stop_) return;
+    }
+    const std::size_t n = std::min(left, filler.size());
+    if (!send_all(filler.data(), n)) return;
+    left -= n;
+  }
+}
+
+int closed_port() {
+  CannedServer gone(nullptr);
+  const std::string url = gone.url("");
+  return std::stoi(url.substr(url.rfind(':') + 1));
+}
+
+Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>& extensions, const Issued* issuer) {
+  Issued out;
+  out.key.reset(EVP_EC_gen("P-256"));
+  X509Ptr cert(X509_new());
+  X509Ptr issuer_cert;
+  if (issuer != nullptr) {
+    BioPtr in(BIO_new_mem_buf(issuer->cert_pem.data(), static_cast<int>(issuer->cert_pem.size())));
+    issuer_cert.reset(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+  }
+  X509* signer = issuer_cert ? issuer_cert.get() : cert.get();
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn), -1, -1, 0);
+  X509_set_version(cert.get(), X509_VERSION_3);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 4242);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -86400);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 365L * 86400);
+  X509_set_pubkey(cert.get(), out.key.get());
+  X509_set_issuer_name(cert.get(), X509_get_subject_name(signer));
+  for (const auto& [nid, value] : extensions) {
+    X509V3_CTX ctx;
+    X509V3_set_ctx_nodb(&ctx);
+    X509V3_set_ctx(&ctx, signer, cert.get(), nullptr, nullptr, 0);
+    std::unique_ptr<X509_EXTENSION, ExtFree> ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value));
+    if (!ext || X509_add_ext(cert.get(), ext.get(), -1) != 1) throw std::runtime_error("extension not added");
+  }
+  if (X509_sign(cert.get(), issuer != nullptr ? issuer->key.get() : out.key.get(), EVP_sha256()) <= 0) {
+    throw std::runtime_error("certificate not signed");
+  }
+  BioPtr cert_out(BIO_new(BIO_s_mem()));
+  BioPtr key_out(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(cert_out.get(), cert.get());
+  PEM_write_bio_PrivateKey(key_out.get(), out.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+  for (auto [bio, text] : {std::pair{cert_out.get(), &out.cert_pem}, std::pair{key_out.get(), &out.key_pem}}) {
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio, &data);
+    text->assign(data, static_cast<std::size_t>(size));
+  }
+  return out;
+}
+
+Issued demo_ca() {
+  Issued ca;
+  ca.cert_pem = testutil::read_file(kMgmtData + "/ca.crt");
+  ca.key_pem = testutil::read_file(kMgmtData + "/ca.key");
+  BioPtr in(BIO_new_mem_buf(ca.key_pem.data(), static_cast<int>(ca.key_pem.size())));
+  ca.key.reset(PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr));
+  return ca;
+}
 
 }  // namespace mgmttest

@@ -1,14 +1,24 @@
-// The reference Management server as a child process of a test: registry
-// commands run to their end, and `serve` on a free port for a test's life.
-// It is a Linux program; the Windows tests, run under Wine, start the Linux
-// build of it (mgmt_server_util_SYSTEM.cc).
+// The peers of the Management client's tests: the reference Management
+// server as a child process (registry commands run to their end, `serve` on a
+// free port for a test's life), a canned HTTP(S) server in a thread that
+// answers exactly the bytes a case needs, and certificates made for a case.
+// The server is a Linux program; the Windows tests, run under Wine, start the
+// Linux build of it (mgmt_server_util_SYSTEM.cc).
 #ifndef VEXO_TESTS_MGMT_SERVER_UTIL_H
 #define VEXO_TESTS_MGMT_SERVER_UTIL_H
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
+
+#include "common/openssl_ptr.h"
+#include "platform/platform.h"
 
 namespace mgmttest {
 
@@ -46,6 +56,80 @@ class Server {
   pid_t pid_ = -1;
   int port_ = 0;
 };
+
+// One request as the canned server read it.
+struct CannedRequest {
+  std::string method;
+  std::string head;  // request line and headers
+  std::string body;
+  // The value of the first header called name (any case); empty when none.
+  std::string header(const std::string& name) const;
+};
+
+// What the canned server sends back on one connection.
+struct Reply {
+  Reply(std::string text = {}) : bytes(std::move(text)) {}  // NOLINT: a plain answer
+  std::string bytes;       // sent at once; empty: no answer, the client is held until it leaves
+  std::size_t filler = 0;  // then this many bytes of 'x' ...
+  int trickle_ms = 0;      // ... one every trickle_ms (0: as fast as the client takes them)
+  bool hang_up = false;    // close the connection at once, unanswered
+};
+
+// "HTTP/1.1 STATUS" with the given header lines (each ending in CRLF), a
+// Content-Length of the body, "Connection: close", and the body.
+std::string http_reply(const std::string& status, const std::string& headers, const std::string& body);
+
+// An HTTP server of the test on a free port of 127.0.0.1, in a thread of its
+// own, one request per connection. With a certificate and key (PEM files) it
+// speaks TLS, and records the protocols each client offers through ALPN
+// (choosing h2 when offered, as an HTTP/2 server does).
+class CannedServer {
+ public:
+  using Handler = std::function<Reply(const CannedRequest&)>;
+  explicit CannedServer(Handler handler, const std::string& cert_file = {}, const std::string& key_file = {});
+  ~CannedServer();
+  CannedServer(const CannedServer&) = delete;
+  CannedServer& operator=(const CannedServer&) = delete;
+  // "http(s)://127.0.0.1:PORT" followed by path.
+  std::string url(const std::string& path) const;
+  int connections();
+  std::vector<CannedRequest> requests();
+  // The ALPN protocols the last TLS client offered, comma-separated.
+  std::string offered_alpn();
+  // Bytes sent on the last connection.
+  std::size_t sent();
+
+ private:
+  void serve();
+  void answer(platform::socket_t fd, SSL* ssl);
+
+  Handler handler_;
+  std::unique_ptr<SSL_CTX, SslCtxFree> tls_;
+  platform::socket_t fd_ = platform::kInvalidSocket;
+  std::atomic<bool> stop_{false};
+  int port_ = 0;
+  std::mutex mutex_;
+  int connections_ = 0;
+  std::vector<CannedRequest> requests_;
+  std::string alpn_;
+  std::size_t sent_ = 0;
+  std::thread thread_;
+};
+
+// A port of 127.0.0.1 with nothing listening on it.
+int closed_port();
+
+// A P-256 key and a certificate for it with CN=cn and the given extensions
+// (OpenSSL configuration values by NID), valid from a day ago for a year and
+// signed by issuer, or by itself when issuer is null.
+struct Issued {
+  PkeyPtr key;
+  std::string cert_pem;
+  std::string key_pem;
+};
+Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>& extensions, const Issued* issuer);
+// The demonstration Management CA of data/mgmt, as an issuer.
+Issued demo_ca();
 
 }  // namespace mgmttest
 

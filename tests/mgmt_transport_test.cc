@@ -1,19 +1,24 @@
 // The transport to the Management server, against the reference server run
-// as a child process (HTTPS and plain HTTP) and against a canned HTTP server
-// of the test that answers exactly the bytes a case needs.
+// as a child process (HTTPS and plain HTTP, with its own or a case's
+// certificate) and against a canned HTTP(S) server of the test that answers
+// exactly the bytes a case needs.
 #include <gtest/gtest.h>
-#include <json-c/json.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 
+#include "common/hash.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "mgmt_core/download.h"
 #include "mgmt_server_util.h"
 #include "platform/platform.h"
 #include "rds_hash.h"
@@ -22,134 +27,38 @@
 #include "web_service/auth_format.h"
 #include "web_service/curl_api.h"
 #include "web_service/json/json_frame_parse.h"
+#include "web_service/transfer.h"
 
 namespace {
 
+using mgmttest::CannedRequest;
+using mgmttest::CannedServer;
+using mgmttest::http_reply;
 using mgmttest::kMgmtData;
+using mgmttest::Reply;
+using mgmttest::closed_port;
 using mgmttest::Server;
 
 const MgmtIdentity kDevice = {"1.0.2", "KORV.LIN.001", "CL01",    "2.1",  "LINUX",
                               "0a1b2c3d4e5f", "SN1001", "Korvane", "A600", "KORV"};
 
-std::string http_response(const std::string& status, const std::string& body, const std::string* drt) {
-  std::string r("HTTP/1.1 ");
-  r += status;
-  r += "\r\nContent-Type: application/json\r\nContent-Length: ";
-  r += std::to_string(body.size());
-  r += "\r\n";
-  if (drt != nullptr) {
-    r += "RD_DRT: ";
-    r += *drt;
-    r += "\r\n";
-  }
-  r += "Connection: close\r\n\r\n";
-  r += body;
-  return r;
+// The response's RD_DRT as the server makes it, over body and the request's RD_DRT.
+std::string signed_for(const std::string& body, const std::string& request_drt) {
+  std::string drt;
+  EXPECT_EQ(rds_hmac_sign_response(body.data(), body.size(), request_drt, &drt), 0);
+  return drt;
 }
 
-// An HTTP server on a free port of 127.0.0.1 that answers each request with
-// what the handler makes of the request's RD_DRT header and body. Without a
-// handler it reads and never answers (a stalled server).
-class CannedServer {
- public:
-  using Handler = std::function<std::string(const std::string& drt, const std::string& body)>;
-  explicit CannedServer(Handler handler) : handler_(std::move(handler)) {
-    fd_ = platform::tcp_socket();
-    if (fd_ == platform::kInvalidSocket || platform::bind_loopback(fd_, 0) != 0 ||
-        platform::listen_socket(fd_, 8) != 0 || (port_ = testsys::local_port(fd_)) == 0) {
-      throw std::runtime_error("canned server not started");
-    }
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~CannedServer() {
-    stop_ = true;
-    thread_.join();
-    platform::close_socket(fd_);
-  }
-  std::string url(const char* path = "/Zelm/rest/register/") const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
-  // The RD_DRT and body of the last request that arrived.
-  std::pair<std::string, std::string> last() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return {last_drt_, last_body_};
-  }
-  int requests() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-  }
+// A well-formed answer whose RD_DRT binds body to the request.
+Reply verified_answer(const CannedRequest& request, const std::string& body) {
+  return http_reply("200 OK", "RD_DRT: " + signed_for(body, request.header("RD_DRT")) + "\r\n", body);
+}
 
- private:
-  // Waits until fd is readable; false once the server is to stop.
-  bool wait(int fd) {
-    while (!stop_) {
-      const int r = platform::wait_readable(fd, 50);
-      if (r != 0) return r > 0;
-    }
-    return false;
-  }
-  void serve() {
-    while (wait(fd_)) {
-      int c = platform::accept_socket(fd_);
-      if (c < 0) continue;
-      std::string in;
-      char buf[8192];
-      std::size_t need = std::string::npos;
-      bool continued = false;
-      while (wait(c)) {
-        long n = platform::recv_socket(c, buf, sizeof buf);
-        if (n <= 0) break;
-        in.append(buf, static_cast<std::size_t>(n));
-        const std::size_t end = in.find("\r\n\r\n");
-        if (end == std::string::npos) continue;
-        if (need == std::string::npos) {
-          const std::size_t cl = in.find("Content-Length: ");
-          need = end + 4 + (cl < end ? std::stoul(in.substr(cl + 16)) : 0);
-        }
-        if (!continued && in.find("Expect: 100-continue") < end) {
-          continued = true;
-          (void)platform::send_socket(c, "HTTP/1.1 100 Continue\r\n\r\n", 25);
-        }
-        if (in.size() < need || !handler_) continue;
-        std::string drt;
-        const std::size_t at = in.find("\r\nRD_DRT: ");
-        if (at < end) drt = in.substr(at + 10, in.find("\r\n", at + 10) - at - 10);
-        const std::string body = in.substr(end + 4);
-        {
-          std::lock_guard<std::mutex> lock(mutex_);
-          last_drt_ = drt;
-          last_body_ = body;
-          ++requests_;
-        }
-        const std::string out = handler_(drt, body);
-        for (std::size_t sent = 0; sent < out.size();) {
-          long n2 = platform::send_socket(c, out.data() + sent, out.size() - sent);
-          if (n2 <= 0) break;
-          sent += static_cast<std::size_t>(n2);
-        }
-        break;
-      }
-      platform::close_socket(c);
-    }
-  }
-
-  Handler handler_;
-  int fd_ = -1;
-  std::atomic<bool> stop_{false};
-  int port_ = 0;
-  std::thread thread_;
-  std::mutex mutex_;
-  std::string last_drt_, last_body_;
-  int requests_ = 0;
-};
-
-// A free port with nothing listening on it.
-int closed_port() {
-  const int fd = platform::tcp_socket();
-  platform::bind_loopback(fd, 0);
-  const int port = testsys::local_port(fd);
-  platform::close_socket(fd);
-  return port;
+std::string json_body_of_size(std::size_t size) {
+  std::string body("{\"respStatus\":\"y\",\"pad\":\"");
+  body.append(size - body.size() - 2, 'x');
+  body += "\"}";
+  return body;
 }
 
 class MgmtTransportTest : public ::testing::Test {
@@ -181,27 +90,19 @@ class MgmtTransportTest : public ::testing::Test {
     EXPECT_EQ(json_frame_with(kDevice, mgmt_timestamp(), nullptr, &out), 0);
     return out;
   }
+  // Resets the last-status line and the pipe; what the pipe held before.
+  std::string fresh_reports() {
+    rd_log_reset_for_test();
+    EXPECT_EQ(create_Pipe(), 0);
+    return pipe_.received();
+  }
 
   testutil::WorkDir dir_;
   testutil::PipeReader pipe_{dir_.path()};
 };
 
-// The response's RD_DRT as the server makes it, over body and the request's RD_DRT.
-std::string signed_for(const std::string& body, const std::string& request_drt) {
-  std::string drt;
-  EXPECT_EQ(rds_hmac_sign_response(body.data(), body.size(), request_drt, &drt), 0);
-  return drt;
-}
-
-std::string json_body_of_size(std::size_t size) {
-  std::string body("{\"respStatus\":\"y\",\"pad\":\"");
-  body.append(size - body.size() - 2, 'x');
-  body += "\"}";
-  return body;
-}
-
 TEST_F(MgmtTransportTest, ResponseChecksAndSizeLimitsOverPlainHttp) {
-  enum class Drt { kValid, kNone, kOtherRequest, kShort };
+  enum class Drt { kValid, kLowerCaseName, kNone, kOtherRequest, kShort };
   struct Case {
     const char* name;
     std::size_t body_size;
@@ -212,6 +113,7 @@ TEST_F(MgmtTransportTest, ResponseChecksAndSizeLimitsOverPlainHttp) {
   } cases[] = {
       {"29999 bytes", 29999, Drt::kValid, 0, nullptr, nullptr},
       {"small", 40, Drt::kValid, 0, nullptr, nullptr},
+      {"header name in lower case", 40, Drt::kLowerCaseName, 0, nullptr, nullptr},
       {"30000 bytes", 30000, Drt::kValid, -20, "Internet connectivity issue - ",
        "10000|Internet connectivity issue,|not able to connect to MS\n"},
       {"no RD_DRT", 40, Drt::kNone, -22, "Data from server is poisoned ", "10000|Data from server is poisoned\n"},
@@ -223,35 +125,37 @@ TEST_F(MgmtTransportTest, ResponseChecksAndSizeLimitsOverPlainHttp) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string body = json_body_of_size(c.body_size);
-    CannedServer server([&](const std::string& drt, const std::string&) {
-      std::string answer;
+    CannedServer server([&](const CannedRequest& r) {
+      std::string drt = signed_for(body, r.header("RD_DRT"));
+      std::string name = "RD_DRT";
       switch (c.drt) {
-        case Drt::kValid: answer = signed_for(body, drt); break;
-        case Drt::kNone: return http_response("200 OK", body, nullptr);
+        case Drt::kValid: break;
+        case Drt::kLowerCaseName: name = "rd_drt"; break;
+        case Drt::kNone: return Reply(http_reply("200 OK", "", body));
         case Drt::kOtherRequest: {
           std::string other;
           EXPECT_EQ(rds_hmac_sign("{}", 2, 1, &other), 0);
-          answer = signed_for(body, other);
+          drt = signed_for(body, other);
           break;
         }
-        case Drt::kShort: answer = signed_for(body, drt).substr(0, 44); break;
+        case Drt::kShort: drt.resize(44); break;
       }
-      return http_response("200 OK", body, &answer);
+      return Reply(http_reply("200 OK", name + ": " + drt + "\r\n", body));
     });
-    set_register_url(server.url());
-    rd_log_reset_for_test();
-    ASSERT_EQ(create_Pipe(), 0);
-    const std::string before = pipe_.received();
+    const std::string url = server.url("/Zelm/rest/register/");
+    set_register_url(url);
+    const std::string before = fresh_reports();
     const std::string req = request();
     std::string response = "stale";
-    EXPECT_EQ(sendData2Zelm(server.url(), req, &response), c.expected);
+    EXPECT_EQ(sendData2Zelm(url, req, &response), c.expected);
 
     // The request carried its own RD_DRT over exactly its bytes, though no
     // CA file exists on this plain-HTTP path.
-    const auto [drt, sent] = server.last();
-    EXPECT_EQ(sent, req);
+    ASSERT_EQ(server.requests().size(), 1u);
+    const CannedRequest sent = server.requests()[0];
+    EXPECT_EQ(sent.body, req);
     int ok = -1;
-    EXPECT_EQ(rds_hmac_verify_sign(sent.data(), sent.size(), drt, &ok), 0);
+    EXPECT_EQ(rds_hmac_verify_sign(sent.body.data(), sent.body.size(), sent.header("RD_DRT"), &ok), 0);
     EXPECT_EQ(ok, 1);
     EXPECT_FALSE(std::filesystem::exists("cert/server.crt"));
 
@@ -261,8 +165,7 @@ TEST_F(MgmtTransportTest, ResponseChecksAndSizeLimitsOverPlainHttp) {
     } else {
       EXPECT_EQ(response, "");  // nothing unverified reaches the caller
       const std::string status = testutil::last_status();
-      EXPECT_NE(status.find(std::string(" | curl_api | sendData2Zelm | ") + c.status), std::string::npos)
-          << status;
+      EXPECT_NE(status.find(std::string(" | curl_api | sendData2Zelm | ") + c.status), std::string::npos) << status;
       ASSERT_TRUE(pipe_.wait_for(before + c.pipe)) << pipe_.received();
     }
   }
@@ -272,58 +175,66 @@ TEST_F(MgmtTransportTest, ResponseChecksAndSizeLimitsOverPlainHttp) {
   EXPECT_NE(log.find("RD_DRT is not present"), std::string::npos);
 }
 
-TEST_F(MgmtTransportTest, PinnedCaFileGuardsEveryHttpsRequest) {
+// The CA file is checked before any connection, by every kind of transfer,
+// and the scheme is read by parsing the URL, so "HTTPS://" is checked too.
+TEST_F(MgmtTransportTest, PinnedCaFileGuardsEveryHttpsTransfer) {
   std::filesystem::create_directories("data/uidai");
+  testutil::write_file("data/uidai/prod.pem", testutil::read_file(kMgmtData + "/uidai/prod.pem"));
   Server tls(true);
   ASSERT_GT(tls.port(), 0) << tls.log();
-  const std::string url = tls.base() + "/rest/register/";
-  set_register_url(url);
-  EXPECT_EQ(std::string(kZelmCaSha256).size(), 64u);
-
+  const std::string lower = tls.base();
+  const std::string upper = "HTTPS" + lower.substr(5);
+  auto tamper = [] {
+    install_ca();
+    std::string pem = testutil::read_file("cert/server.crt");
+    pem[100] = static_cast<char>(pem[100] ^ 0x01);
+    testutil::write_file("cert/server.crt", pem);
+  };
   struct Case {
     const char* name;
     std::function<void()> prepare;
+    std::string base;
     int expected;
     const char* status;
     const char* pipe;
   } cases[] = {
-      {"demonstration CA", [] { install_ca(); }, 0, nullptr, nullptr},
-      {"no CA file", [] { std::filesystem::remove("cert/server.crt"); }, -15,
+      {"demonstration CA", install_ca, lower, 0, nullptr, nullptr},
+      {"demonstration CA, scheme in capitals", install_ca, upper, 0, nullptr, nullptr},
+      {"no CA file", [] { std::filesystem::remove("cert/server.crt"); }, lower, -15,
        "File Not found: cert/server.crt ", "10000|File Not found: cert/server.crt\n"},
-      {"one changed byte",
-       [] {
-         install_ca();
-         std::string pem = testutil::read_file("cert/server.crt");
-         pem[100] = static_cast<char>(pem[100] ^ 0x01);
-         testutil::write_file("cert/server.crt", pem);
-       },
-       -16, "File Tampered: cert/server.crt ", "10000|File Tampered: cert/server.crt\n"},
+      {"one changed byte", tamper, lower, -16, "File Tampered: cert/server.crt ",
+       "10000|File Tampered: cert/server.crt\n"},
+      {"one changed byte, scheme in capitals", tamper, upper, -16, "File Tampered: cert/server.crt ",
+       "10000|File Tampered: cert/server.crt\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     c.prepare();
-    rd_log_reset_for_test();
-    ASSERT_EQ(create_Pipe(), 0);
-    const std::string before = pipe_.received();
-    const int requests_before = testutil::count_of(tls.log(), "/rest/register/");
+    set_register_url(c.base + "/rest/register/");
+    const std::string before = fresh_reports();
+    const int posts = testutil::count_of(tls.log(), "/rest/register/");
+    const int gets = testutil::count_of(tls.log(), "/files/uidai/prod.pem");
     std::string response;
-    EXPECT_EQ(sendData2Zelm(url, request(), &response), c.expected);
-    if (c.expected == 0) {
+    EXPECT_EQ(sendData2Zelm(c.base + "/rest/register/", request(), &response), c.expected);
+    const bool ok = c.expected == 0;
+    EXPECT_EQ(Curl_Download_File(c.base + "/files/uidai/prod.pem", 5, 10, "prod.pem", 65536), ok ? 0 : -1);
+    if (ok) {
       // An unknown serial is a well-formed, verified refusal of the server.
       EXPECT_NE(response.find("ZELM-015"), std::string::npos) << response;
-      EXPECT_EQ(testutil::count_of(tls.log(), "/rest/register/"), requests_before + 1);
     } else {
       EXPECT_NE(testutil::last_status().find(c.status), std::string::npos) << testutil::last_status();
       ASSERT_TRUE(pipe_.wait_for(before + c.pipe)) << pipe_.received();
-      // Refused before any connection was made.
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      EXPECT_EQ(testutil::count_of(tls.log(), "/rest/register/"), requests_before);
     }
+    // A refused CA file is refused before any connection: nothing can arrive later.
+    EXPECT_EQ(testutil::count_of(tls.log(), "/rest/register/"), posts + (ok ? 1 : 0));
+    EXPECT_EQ(testutil::count_of(tls.log(), "/files/uidai/prod.pem"), gets + (ok ? 1 : 0));
   }
   const std::string log = testutil::read_file("rd.log");
   EXPECT_NE(log.find("Communication is Happening through HTTPs"), std::string::npos);
-  EXPECT_NE(log.find("server.crt is a valid SSL certificate"), std::string::npos);
-  EXPECT_NE(log.find("server.crt is not a valid SSL certificate, please put a valid SSL certificate"),
+  EXPECT_NE(log.find("(curl_api:sendData2Zelm:"), std::string::npos);
+  EXPECT_NE(log.find(") - server.crt is a valid SSL certificate\n"), std::string::npos);
+  EXPECT_NE(log.find("(curl_api:Curl_Download_File:"), std::string::npos);
+  EXPECT_NE(log.find(") - server.crt is not a valid SSL certificate, please put a valid SSL certificate\n"),
             std::string::npos);
 
   // The same server over plain HTTP: no CA file is needed.
@@ -336,21 +247,113 @@ TEST_F(MgmtTransportTest, PinnedCaFileGuardsEveryHttpsRequest) {
   EXPECT_NE(response.find("ZELM-015"), std::string::npos) << response;
 }
 
-TEST_F(MgmtTransportTest, StalledAndUnreachableServers) {
-  EXPECT_EQ(kZelmTimeoutSeconds, 90);
-  EXPECT_EQ(zelm_timeout_seconds(), 90);
-  EXPECT_EQ(kZelmConnectTimeoutSeconds, 60);
+// Runs fn in a child process whose system CA store holds only the CA of
+// folder: libcurl's default CA folder and bundle are replaced by it in a
+// private mount namespace where the system allows one, and SSL_CERT_DIR and
+// SSL_CERT_FILE name it. fn's result (0..255), or -1.
+int with_system_store(const std::string& folder, const std::function<int()>& fn) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    transfer::Easy probe = transfer::new_easy();
+    char* ca_path = nullptr;
+    char* ca_file = nullptr;
+    curl_easy_getinfo(probe.get(), CURLINFO_CAPATH, &ca_path);
+    curl_easy_getinfo(probe.get(), CURLINFO_CAINFO, &ca_file);
+    bool replaced = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    if (replaced && ca_path != nullptr) replaced = mount(folder.c_str(), ca_path, nullptr, MS_BIND, nullptr) == 0;
+    if (replaced && ca_file != nullptr && std::filesystem::exists(ca_file)) {
+      replaced = mount((folder + "/ca.pem").c_str(), ca_file, nullptr, MS_BIND, nullptr) == 0;
+    }
+    testutil::write_file("store.txt", replaced ? "replaced" : "environment only");
+    setenv("SSL_CERT_DIR", folder.c_str(), 1);
+    setenv("SSL_CERT_FILE", (folder + "/ca.pem").c_str(), 1);
+    _exit(fn());
+  }
+  int status = 0;
+  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
+// Only a server certificate that chains to the pinned CA and names
+// serverAuth is accepted, whatever the system trusts.
+TEST_F(MgmtTransportTest, ServerCertificateMustChainToThePinAndServeTheServer) {
+  using mgmttest::issue_cert;
+  install_ca();
+  const mgmttest::Issued other_ca = issue_cert(
+      "Other CA", {{NID_basic_constraints, "critical,CA:TRUE"}, {NID_key_usage, "critical,keyCertSign,cRLSign"}},
+      nullptr);
+  // The store as a CA folder: the certificate under its subject hash.
+  BioPtr in(BIO_new_mem_buf(other_ca.cert_pem.data(), static_cast<int>(other_ca.cert_pem.size())));
+  X509Ptr other(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+  ASSERT_TRUE(other);
+  char hashed[16];
+  std::snprintf(hashed, sizeof hashed, "%08lx.0", X509_subject_name_hash(other.get()));
+  std::filesystem::create_directories("store");
+  testutil::write_file("store/ca.pem", other_ca.cert_pem);
+  testutil::write_file(std::string("store/") + hashed, other_ca.cert_pem);
+
+  auto server_cert = [](const mgmttest::Issued& issuer, const char* key_usage, const char* extended) {
+    std::vector<std::pair<int, const char*>> ext = {{NID_subject_alt_name, "IP:127.0.0.1"},
+                                                    {NID_basic_constraints, "critical,CA:FALSE"},
+                                                    {NID_key_usage, key_usage}};
+    if (extended != nullptr) ext.emplace_back(NID_ext_key_usage, extended);
+    return issue_cert("127.0.0.1", ext, &issuer);
+  };
+  const mgmttest::Issued outside = server_cert(other_ca, "critical,digitalSignature", "serverAuth");
+  const mgmttest::Issued device =
+      server_cert(mgmttest::demo_ca(), "critical,digitalSignature,nonRepudiation", nullptr);
+  struct Case {
+    const char* name;
+    std::string cert;
+    std::string key;
+    int expected;
+  } cases[] = {
+      {"the server's own certificate", testutil::read_file(kMgmtData + "/server.crt"),
+       testutil::read_file(kMgmtData + "/server.key"), 0},
+      {"a server certificate of a CA in the system store", outside.cert_pem, outside.key_pem, -20},
+      {"a device-profile certificate of the pinned CA", device.cert_pem, device.key_pem, -20},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    testutil::write_file("tls.crt", c.cert);
+    testutil::write_file("tls.key", c.key);
+    Server tls(true, {"--cert", "tls.crt", "--key", "tls.key"});
+    ASSERT_GT(tls.port(), 0) << tls.log();
+    const std::string url = tls.base() + "/rest/register/";
+    set_register_url(url);
+    const int rc = with_system_store(dir_.file("store"), [&] {
+      std::string response;
+      return -sendData2Zelm(url, request(), &response);
+    });
+    EXPECT_EQ(rc, -c.expected) << testutil::read_file("store.txt");
+    EXPECT_EQ(testutil::count_of(tls.log(), "/rest/register/"), c.expected == 0 ? 1 : 0) << tls.log();
+  }
+  RecordProperty("system_store", testutil::read_file("store.txt"));
+}
+
+// Over TLS the client offers HTTP/1.1 alone, even to a server that would
+// take HTTP/2.
+TEST_F(MgmtTransportTest, TlsAsksForHttp11Only) {
+  install_ca();
+  const std::string body = json_body_of_size(100);
+  CannedServer tls([&](const CannedRequest& r) { return verified_answer(r, body); }, kMgmtData + "/server.crt",
+                   kMgmtData + "/server.key");
+  const std::string url = tls.url("/Zelm/rest/register/");
+  set_register_url(url);
+  std::string response;
+  EXPECT_EQ(sendData2Zelm(url, request(), &response), 0);
+  EXPECT_EQ(response, body);
+  EXPECT_EQ(tls.offered_alpn(), "http/1.1");
+}
+
+TEST_F(MgmtTransportTest, StalledAndUnreachableServers) {
   {
     CannedServer stalled(nullptr);
-    set_register_url(stalled.url());
+    const std::string url = stalled.url("/Zelm/rest/register/");
+    set_register_url(url);
     set_zelm_timeout_for_test(1);
-    const auto start = std::chrono::steady_clock::now();
     std::string response;
-    EXPECT_EQ(sendData2Zelm(stalled.url(), request(), &response), -17);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_NE(testutil::last_status().find("| sendData2Zelm | Server Connection Timeout (1 sec) "),
-              std::string::npos)
+    EXPECT_EQ(sendData2Zelm(url, request(), &response), -17);
+    EXPECT_NE(testutil::last_status().find("| sendData2Zelm | Server Connection Timeout (1 sec) "), std::string::npos)
         << testutil::last_status();
     EXPECT_TRUE(pipe_.wait_for("5000|Server Connection Timeout|(1 sec)\n")) << pipe_.received();
     set_zelm_timeout_for_test(0);
@@ -365,7 +368,9 @@ TEST_F(MgmtTransportTest, StalledAndUnreachableServers) {
             std::string::npos)
       << testutil::last_status();
   EXPECT_TRUE(pipe_.wait_for("10000|Internet connectivity issue,|not able to connect to MS\n"));
-  EXPECT_NE(testutil::read_file("rd.log").find("Response code from curl is 7"), std::string::npos);
+  const std::string log = testutil::read_file("rd.log");
+  EXPECT_NE(log.find("Response code from curl is 7"), std::string::npos);
+  EXPECT_NE(log.find("Query Unsuccessful,Curl return code 7\n"), std::string::npos);
 }
 
 TEST(MgmtTransportParse, ResponseRdtHeader) {
@@ -383,6 +388,10 @@ TEST(MgmtTransportParse, ResponseRdtHeader) {
       {"", -1, "", -22},
       {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n", -1, "", -22},
       {"HTTP/1.1 200 OK\r\nRD_DRT: " + good + "\r\n\r\n", 0, good, 0},
+      {"HTTP/2 200\r\nrd_drt: " + good + "\r\n\r\n", 0, good, 0},
+      {"HTTP/1.1 200 OK\r\nRd_Drt:\t" + good + "\r\n\r\n", 0, good, 0},
+      {"HTTP/1.1 200 OK\r\nX-Note: RD_DRT: AAAA\r\nRD_DRT: " + good + "\r\n", 0, good, 0},
+      {"HTTP/1.1 200 OK\r\nX-RD_DRT: " + good + "\r\n", -1, "", -22},
       {"HTTP/1.1 200 OK\r\nRD_DRT: " + good + " trailing\r\n", 0, good, 0},
       {"HTTP/1.1 200 OK\r\nRD_DRT: " + good.substr(0, 44) + "\r\n", 0, good.substr(0, 44), -23},
       {"HTTP/1.1 200 OK\r\nRD_DRT: " + std::string(5000, 'A') + "\r\n", 0, std::string(256, 'A'), -23},
@@ -404,52 +413,112 @@ TEST_F(MgmtTransportTest, GetAndDownloadKeepTheirLimits) {
   for (std::size_t size : {std::size_t{4095}, std::size_t{4096}}) {
     SCOPED_TRACE(size);
     const std::string body(size, 'g');
-    CannedServer server([&](const std::string&, const std::string&) { return http_response("200 OK", body, nullptr); });
-    set_register_url(server.url());
+    CannedServer server([&](const CannedRequest&) { return Reply(http_reply("200 OK", "", body)); });
+    set_register_url(server.url("/Zelm/rest/register/"));
     std::string response;
     const int rc = GetDataFromZelm(server.url("/Zelm/rest/getCert/P"), nullptr, &response);
     EXPECT_EQ(rc, size <= kZelmMaxGetBody ? 0 : -1);
     EXPECT_EQ(response, rc == 0 ? body : "");
-    EXPECT_EQ(server.last().first, "");
+    EXPECT_EQ(server.requests().at(0).header("RD_DRT"), "");
   }
   EXPECT_NE(testutil::last_status().find("| GetDataFromZelm | Query Unsuccessful,Curl return code 23 "),
             std::string::npos)
       << testutil::last_status();
 
-  // Downloads over TLS from the reference server, peer unchecked; a failed
-  // one leaves the file that was there.
+  // Downloads over TLS from the reference server, stopped at their limit as
+  // the bytes arrive; a failed one leaves the file that was there.
   std::filesystem::create_directories("data/packages");
-  std::string package(250000, '\0');
-  for (std::size_t i = 0; i < package.size(); ++i) package[i] = static_cast<char>((i * 31 + i / 7) & 0xff);
+  const std::string package(65537, 'p');
   testutil::write_file("data/packages/pkg.zip", package);
+  testutil::write_file("data/packages/fits.zip", package.substr(1));
   Server tls(true);
   ASSERT_GT(tls.port(), 0) << tls.log();
   install_ca();
-  const std::string base = tls.base();
+  set_register_url(tls.base() + "/rest/register/");
+  const std::string base = tls.base() + "/files/packages/";
   struct Case {
     std::string url;
+    std::size_t limit;
     std::string path;
     int expected;
     std::string content;
   } cases[] = {
-      {base + "/files/packages/pkg.zip", "pkg.zip", 0, package},
-      {base + "/files/packages/missing.zip", "pkg.zip", 22, package},
-      {base + "/files/packages/pkg.zip", "no/such/folder/pkg.zip", -1, ""},
-      {"http://127.0.0.1:" + std::to_string(closed_port()) + "/x", "pkg.zip", 7, package},
+      {base + "pkg.zip", 65537, "pkg.zip", 0, package},
+      {base + "fits.zip", 65536, "pkg.zip", 0, package.substr(1)},
+      {base + "pkg.zip", 65536, "pkg.zip", 23, package.substr(1)},
+      {base + "missing.zip", 65536, "pkg.zip", 22, package.substr(1)},
+      {base + "pkg.zip", 65536, "no/such/folder/pkg.zip", -1, ""},
+      {"https://127.0.0.1:" + std::to_string(closed_port()) + "/x", 65536, "pkg.zip", 7, package.substr(1)},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
-    EXPECT_EQ(Curl_Download_File(c.url, 5, 10, c.path), c.expected);
+    EXPECT_EQ(Curl_Download_File(c.url, 5, 10, c.path, c.limit), c.expected);
     EXPECT_EQ(testutil::read_file(c.path), c.content);
   }
+  // An endless answer is cut at the limit, not read on to the end first.
+  set_register_url("http://127.0.0.1:1/Zelm/rest/register/");
+  CannedServer endless([](const CannedRequest&) {
+    Reply r("HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n");
+    r.filler = 1073741824;
+    return r;
+  });
+  EXPECT_EQ(Curl_Download_File(endless.url("/uidai/prod.pem"), 5, 10, "pkg.zip", 65536), 23);
+  EXPECT_LT(endless.sent(), 64u << 20);
+
   const std::string log = testutil::read_file("rd.log");
-  EXPECT_NE(log.find("chunk size is 250000"), std::string::npos);
+  EXPECT_NE(log.find("chunk size is 65537"), std::string::npos);
+  EXPECT_NE(log.find("Query Unsuccessful,Curl return code 22 \n"), std::string::npos);
   EXPECT_NE(log.find("Curl return code 22, HTTP Error Code  404"), std::string::npos);
   EXPECT_NE(log.find("CURLOPT_USERAGENT success"), std::string::npos);
   // Only the downloaded file and its siblings: no temporary file left behind.
   int files = 0;
   for (const auto& e : std::filesystem::directory_iterator(".")) files += e.path().filename().string().rfind("pkg.zip", 0) == 0;
   EXPECT_EQ(files, 1);
+}
+
+// URLs from the server's answers (download paths) reach HTTPS, and HTTP only
+// while the register URL is an http:// one: never another protocol.
+TEST_F(MgmtTransportTest, DownloadUrlsUseOnlyHttpAndHttps) {
+  CannedServer listener([](const CannedRequest&) {
+    return Reply(http_reply("200 OK", "", "from the listener"));
+  });
+  const std::string secret = "a local file nobody may read";
+  testutil::write_file("secret.txt", secret);
+  std::string md5;
+  ASSERT_EQ(MD5_Generate("secret.txt", &md5), 0);
+  const std::string at = listener.url("").substr(7);  // 127.0.0.1:PORT
+  const std::string http_register = "http://" + at + "/Zelm/rest/register/";
+  const std::string https_register = "https://" + at + "/Zelm/rest/register/";
+  struct Case {
+    std::string register_url;
+    std::string url;
+    bool reaches;
+  } cases[] = {
+      {http_register, "dict://" + at + "/d:secret", false},
+      {http_register, "gopher://" + at + "/1secret", false},
+      {http_register, "file://" + dir_.file("secret.txt"), false},
+      {http_register, "FILE://" + dir_.file("secret.txt"), false},
+      {https_register, "http://" + at + "/files/packages/p.zip", false},
+      {http_register, "http://" + at + "/files/packages/p.zip", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.url);
+    set_register_url(c.register_url);
+    const std::function<int()> fetches[] = {
+        [&] { return Curl_Download_File(c.url, 5, 10, "fetched", 65536); },
+        [&] { return download_manager(c.url, md5, "fetched"); },
+    };
+    for (const auto& fetch : fetches) {
+      std::filesystem::remove("fetched");
+      const int before = listener.connections();
+      const int rc = fetch();
+      EXPECT_EQ(listener.connections() > before, c.reaches);
+      if (!c.reaches) {
+        EXPECT_NE(rc, 0);
+      }
+      EXPECT_NE(std::filesystem::exists("fetched") ? testutil::read_file("fetched") : "", secret);
+    }
+  }
 }
 
 }  // namespace

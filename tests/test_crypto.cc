@@ -18,7 +18,7 @@ std::string bio_text(BIO* mem) {
 }
 
 std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after,
-                          long serial) {
+                          long serial, const char* o) {
   X509Ptr x(X509_new());
   X509_set_version(x.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(x.get()), serial);
@@ -26,6 +26,7 @@ std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before,
   ASN1_TIME_set_string_X509(X509_getm_notAfter(x.get()), not_after);
   X509_set_pubkey(x.get(), key);
   X509_NAME* name = X509_get_subject_name(x.get());
+  X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(o), -1, -1, 0);
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn), -1, -1, 0);
   X509_set_issuer_name(x.get(), name);
   if (X509_sign(x.get(), key, EVP_sha256()) <= 0) return {};
@@ -41,9 +42,13 @@ KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* 
   return out;
 }
 
-PkeyPtr public_key_of_cert(const std::string& pem) {
+X509Ptr cert_of_pem(const std::string& pem) {
   BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  X509Ptr x(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  return X509Ptr(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+}
+
+PkeyPtr public_key_of_cert(const std::string& pem) {
+  X509Ptr x = cert_of_pem(pem);
   return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
 }
 

@@ -22,13 +22,15 @@ struct KeyAndCert {
   std::string cert_pem;
 };
 
-// A new RSA-2048 key and a self-signed v3 certificate (CN=cn, SHA-256) valid
-// from not_before to not_after ("YYYYMMDDHHMMSSZ").
+// A new RSA-2048 key and a self-signed v3 certificate (O=UIDAI, CN=cn,
+// SHA-256) valid from not_before to not_after ("YYYYMMDDHHMMSSZ"): a test
+// UIDAI certificate the library takes as plausible while it is valid.
 KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* not_after, long serial = 7);
-// The same certificate form over an existing key.
+// The same certificate form over an existing key, with organisation o.
 std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after,
-                          long serial = 1);
-// The public key of a PEM certificate, or null.
+                          long serial = 1, const char* o = "UIDAI");
+// A PEM certificate and its public key, or null.
+X509Ptr cert_of_pem(const std::string& pem);
 PkeyPtr public_key_of_cert(const std::string& pem);
 // The key as PEM: PKCS#8, or the traditional RSA form.
 std::string private_key_pem(EVP_PKEY* key, bool pkcs8);

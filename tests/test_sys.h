@@ -31,7 +31,7 @@ class PipeServer {
   ~PipeServer();
   PipeServer(const PipeServer&) = delete;
   PipeServer& operator=(const PipeServer&) = delete;
-  // The path the library opens (platform::set_status_pipe_path_for_test).
+  // The path the library opens (platform::set_status_pipe_path).
   const std::string& path() const;
 
  private:

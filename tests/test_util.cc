@@ -45,13 +45,13 @@ PipeReader::PipeReader(const std::string& dir) : old_path_(platform::status_pipe
     data_.append(data, n);
   });
   path_ = server_->path();
-  platform::set_status_pipe_path_for_test(path_);
+  platform::set_status_pipe_path(path_);
 }
 
 PipeReader::~PipeReader() {
   rd_log_reset_for_test();  // closes the library's write end
   server_.reset();
-  platform::set_status_pipe_path_for_test(old_path_);
+  platform::set_status_pipe_path(old_path_);
 }
 
 std::string PipeReader::received() {
@@ -67,6 +67,7 @@ bool PipeReader::wait_for(const std::string& needle, int timeout_ms) {
   }
   return received().find(needle) != std::string::npos;
 }
+
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

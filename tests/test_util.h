@@ -4,6 +4,8 @@
 #define VEXO_TESTS_TEST_UTIL_H
 
 #include <memory>
+#include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -52,6 +54,18 @@ class PipeReader {
   std::string data_;
   std::unique_ptr<testsys::PipeServer> server_;
 };
+
+// Runs fn in a child process that plays another user of the machine: as root
+// the child drops to nobody (uid and gid 65534), otherwise it stays this user
+// (everything but ownership is still exercised). true when fn returned true.
+bool as_other_user(const std::function<bool()>& fn);
+// True when as_other_user really runs as another user.
+bool other_user_available();
+// A folder dir/name in which every user may create files (1777, like /tmp);
+// dir is opened for others to pass through. Returns its path.
+std::string shared_folder(const WorkDir& dir, const std::string& name);
+// The permission bits of path (lstat), or -1.
+int mode_of(const std::string& path);
 
 std::string read_file(const std::string& path);
 // Occurrences of needle in text (overlapping ones included).

@@ -163,7 +163,7 @@ TEST_F(TlsTest, RefusesCertificateAndKeyThatDoNotBelongTogether) {
 // wait; one limited to TLS 1.0 and 1.1 is refused (this OpenSSL cannot offer
 // SSLv3 at all). The same server still serves a current client.
 TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
-  set_ssl_accept_wait_ms_for_test(300);
+  set_recv_wait_ms_for_test(300);
   int port = start_tls_server();
   ASSERT_NE(port, 0);
   int s = connect_to(port);
@@ -179,6 +179,35 @@ TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n", TLS1_VERSION, TLS1_1_VERSION), "handshake failed");
   EXPECT_TRUE(wait_log("sslCommunication", "printSSLError", "SSL throws:SSL_ERROR_SSL"));
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port));
+}
+
+// A client that spreads its ClientHello over many small sends gains nothing:
+// the handshake shares the request's limit (60 s for real, see
+// WaitsHaveTheirRealDefaults; shortened here), counted from its first wait.
+TEST_F(TlsTest, TrickledHandshakeIsDroppedAtTheRequestLimit) {
+  constexpr int kLimitMs = 800;
+  set_recv_wait_ms_for_test(kLimitMs);
+  int port = start_tls_server();
+  ASSERT_NE(port, 0);
+  // A real ClientHello, made through memory BIOs.
+  std::unique_ptr<SSL_CTX, SslCtxFree> ctx(SSL_CTX_new(TLS_client_method()));
+  std::unique_ptr<SSL, SslFree> client(SSL_new(ctx.get()));
+  BIO* out = BIO_new(BIO_s_mem());
+  SSL_set_bio(client.get(), BIO_new(BIO_s_mem()), out);
+  ASSERT_EQ(SSL_connect(client.get()), -1);
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(out, &data);
+  const std::string hello(data, static_cast<std::size_t>(length));
+  ASSERT_GT(hello.size(), 100u);
+  int s = connect_to(port);
+  ASSERT_GE(s, 0);
+  long acted_ms = feed_until_server_acts(
+      s, [&](int i) { (void)platform::send_socket(s, hello.data() + i, 1); }, 50, 5000);
+  EXPECT_GE(acted_ms, kLimitMs - 100);
+  EXPECT_LE(acted_ms, kLimitMs + 1000);
+  platform::close_socket(s);
+  EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept timed out"));
+  ERR_clear_error();
 }
 
 // After the handshake the whole request must arrive within the receive limit,

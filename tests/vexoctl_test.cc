@@ -23,6 +23,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "common/openssl_ptr.h"
 #include "rd_core/uidai_certs.h"
+#include "test_crypto.h"
 #include "test_util.h"
 
 namespace {
@@ -243,8 +244,12 @@ TEST_F(VexoctlTest, DomainValueFromTheToolGivesTheEndpoints) {
 }
 
 TEST_F(VexoctlTest, UidaiCertInstallsACertificateTheLibraryUses) {
-  const std::string pem = testutil::read_file(std::string(VEXO_SOURCE_DIR) + "/data/mgmt/ca.crt");
+  // A plausible UIDAI certificate, and one that is not (the Management CA):
+  // that one only with --force, as a test certificate.
+  const std::string pem = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20340101000000Z").cert_pem;
+  const std::string ca = testutil::read_file(std::string(VEXO_SOURCE_DIR) + "/data/mgmt/ca.crt");
   write_file("new.pem", pem);
+  write_file("ca.pem", ca);
   write_file("junk.pem", "not a certificate");
   const struct {
     std::vector<std::string> args;
@@ -254,6 +259,8 @@ TEST_F(VexoctlTest, UidaiCertInstallsACertificateTheLibraryUses) {
       {{"uidai-cert", "wd", "PROD", "new.pem"}, 2},
       {{"uidai-cert", "wd", "P", "junk.pem"}, 1},
       {{"uidai-cert", "wd", "P", "absent.pem"}, 1},
+      {{"uidai-cert", "wd", "P", "ca.pem"}, 1},
+      {{"uidai-cert", "wd", "S", "ca.pem", "--force"}, 0},
       {{"uidai-cert", "wd", "PP", "new.pem"}, 0},
       {{"uidai-cert", "wd", "P_OLD", "new.pem"}, 0},
   };
@@ -261,6 +268,7 @@ TEST_F(VexoctlTest, UidaiCertInstallsACertificateTheLibraryUses) {
     ToolRun run = run_tool(kTool, r.args);
     EXPECT_EQ(run.rc, r.rc) << r.args[2] << ": " << run.out;
   }
+  EXPECT_EQ(testutil::read_file("wd/cert/uidai/stage.pem"), ca);
   EXPECT_EQ(testutil::read_file("wd/cert/uidai/preprod.pem"), pem);
   EXPECT_EQ(testutil::read_file("wd/cert/uidai/prod_old.pem"), pem);
   EXPECT_FALSE(fs::exists("wd/cert/uidai/prod.pem"));

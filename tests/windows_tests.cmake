@@ -13,7 +13,6 @@ set(CMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE PRE_TEST)
 set(vexo_win32 ${CMAKE_CURRENT_SOURCE_DIR}/windows)
 vexo_add_test(platform_win32_test ${vexo_win32}/platform_win32_test.cc LOCKS scanner_lock)
 
-vexo_add_test(log_test log_test.cc THREADS LogTest)
 vexo_add_test(listener_test listener_test.cc LOCKS ports THREADS ListenerTest)
 vexo_add_test(dispatch_test dispatch_test.cc LOCKS ports THREADS DispatchTest)
 vexo_add_test(tls_test tls_test.cc LOCKS ports THREADS TlsTest)
@@ -25,14 +24,12 @@ vexo_add_test(postauth_test postauth_test.cc LOCKS ports fifo handheld_lock
 vexo_add_test(pidoptions_test pidoptions_test.cc)
 vexo_add_test(piddata_test piddata_test.cc)
 vexo_add_test(api_test api_test.cc LOCKS scanner_lock THREADS ApiTest)
-vexo_add_test(crypto_test crypto_test.cc)
 vexo_add_test(pidblock_test pidblock_test.cc)
 vexo_add_test(capture_test capture_test.cc LOCKS scanner_lock)
 vexo_add_test(capture_e2e_test capture_e2e_test.cc LOCKS ports
               THREADS CaptureEndToEnd ManagementEndToEnd)
 vexo_add_test(mgmt_protect_test mgmt_protect_test.cc)
 vexo_add_test(mgmt_json_test mgmt_json_test.cc)
-vexo_add_test(mgmt_transport_test mgmt_transport_test.cc)
 
 add_executable(host_plan_test host_plan_test.cc ${CMAKE_SOURCE_DIR}/tools/vexo-host/mgmt_plan.cc)
 target_include_directories(host_plan_test PRIVATE ${CMAKE_SOURCE_DIR}/tools/vexo-host)
@@ -54,6 +51,12 @@ add_test(NAME LibraryExportsOnlyThePublicFunctions
 #                        with signals and read its FIFO.
 #   mgmt_download_test   kills a forked downloader between two chunks.
 #   mgmt_server_test     tests the reference server itself, a Linux program.
+#   mgmt_transport_test  its CA-folder cases fork into a private mount namespace.
+#   log_test, crypto_test
+#                        each holds POSIX-only cases among system-neutral ones
+#                        (the status FIFO's owner and modes, another user's
+#                        FIFO; mmap/mlock probes of the secret pages): to run
+#                        here once those cases move to a program of their own.
 #   listener_memory_test reads /proc/self/statm.
 #   fuzz replays, LayeringCheck, browser tests: checks of the sources and of
 #                        Linux programs, run by the Linux stages.

@@ -18,12 +18,12 @@ namespace {
 constexpr char kConfigNext[] = "./config.ini.next";
 constexpr char kCrcNext[] = "bin_crc.txt.next";
 
-// Loads config.ini (or the change already staged), sets key to value and
-// stages the result as config.ini.next. 0 or -1.
-int set_config_key(const char* key, const std::string& value, const char* set_error,
-                   const char* write_error) {
-  std::remove(kCrcNext);  // any seal staged earlier no longer matches
-  Dict ini(iniparser_load(platform::file_exists(kConfigNext) ? kConfigNext : kConfigPath));
+// Loads source, sets key to value and writes the result to target, under the
+// name of the design's function that asked. 0 or -1.
+int set_config_key(const char* function, const char* source, const char* target, const char* key,
+                   const std::string& value, const char* set_error, const char* write_error) {
+  RD_LOG_AS(function);
+  Dict ini(iniparser_load(source));
   if (ini == nullptr) {
     RD_ERROR("Error in opening file %s", kConfigPath);
     return -1;
@@ -32,12 +32,30 @@ int set_config_key(const char* key, const std::string& value, const char* set_er
     RD_ERROR("%s", set_error);
     return -1;
   }
-  if (WriteToIniFile(ini.get(), kConfigNext) != 0) {
+  if (WriteToIniFile(ini.get(), target) != 0) {
     RD_ERROR("%s", write_error);
     return -1;
   }
   platform::crash_point();
   return 0;
+}
+
+// The same for the setters, whose change is staged as config.ini.next (on
+// top of a change staged before and not yet sealed).
+int stage_setter_key(const char* function, const char* key, const std::string& value, const char* set_error,
+                     const char* write_error) {
+  std::remove(kCrcNext);  // any seal staged earlier no longer matches
+  return set_config_key(function, platform::file_exists(kConfigNext) ? kConfigNext : kConfigPath, kConfigNext, key,
+                        value, set_error, write_error);
+}
+
+// A refused value is reported under the design's function that got it.
+bool value_refused(const char* function, const char* key, const char* value) {
+  RD_LOG_AS(function);
+  if (value == nullptr) return true;
+  if (ini_value_ok(value)) return false;
+  RD_ERROR("Refused a %s value with a line break", key);
+  return true;
 }
 
 }  // namespace
@@ -107,20 +125,32 @@ int WriteToIniFile(dictionary* dict, const char* path) {
   return 0;
 }
 
-int write_config_file(const char* dc) {
-  if (dc == nullptr) return -1;
-  // The newline is stored on purpose; the INI reader strips it again. An INI
-  // library that quotes values when it writes them (iniparser 4.2) would keep
-  // it inside the quotes and break the line, so there the value goes alone.
+bool ini_value_ok(std::string_view value) { return value.find_first_of(std::string_view("\r\n\0", 3)) == value.npos; }
+
+// dc as stored: with a newline on purpose, which the INI reader strips again.
+// An INI library that quotes values when it writes them (iniparser 4.2) would
+// keep it inside the quotes and break the line, so there the value goes alone.
+static std::string dc_value(const char* dc) {
   constexpr bool kIniQuotesValues = VEXO_INI_QUOTES_VALUES != 0;
-  return set_config_key("CONFIG:dc", std::string(dc) + (kIniQuotesValues ? "" : "\n"),
-                        "Error iniparser_set  to write dc value",
-                        "Error at to write dc value in ini file");
+  return std::string(dc) + (kIniQuotesValues ? "" : "\n");
+}
+
+int write_config_file(const char* dc) {
+  if (value_refused("write_config_file", "dc", dc)) return -1;
+  return stage_setter_key("write_config_file", "CONFIG:dc", dc_value(dc),
+                          "Error iniparser_set  to write dc value", "Error at to write dc value in ini file");
+}
+
+int stage_config_file_dc(const char* dc) {
+  if (value_refused("write_config_file", "dc", dc)) return -1;
+  std::remove(kCrcStaged);
+  return set_config_key("write_config_file", kConfigPath, kConfigStaged, "CONFIG:dc", dc_value(dc),
+                        "Error iniparser_set  to write dc value", "Error at to write dc value in ini file");
 }
 
 int write_config_file_ssl_enable(const char* value) {
-  if (value == nullptr) return -1;
-  return set_config_key("CONFIG:is_ssl_enable", std::string(value).substr(0, 7),
-                        "Error iniparser_set  to write ssl_enable value",
-                        "Error at to write ssl_enable value in ini file");
+  if (value_refused("write_config_file_ssl_enable", "is_ssl_enable", value)) return -1;
+  return stage_setter_key("write_config_file_ssl_enable", "CONFIG:is_ssl_enable", std::string(value).substr(0, 7),
+                          "Error iniparser_set  to write ssl_enable value",
+                          "Error at to write ssl_enable value in ini file");
 }

@@ -73,7 +73,7 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   std::uint16_t crc = 0;
   {
     // "ab+" creates a missing data file empty, so its seal can still be made.
-    File f(std::fopen(data_path, "ab+"));
+    File f(platform::open_file(data_path, "ab+"));
     if (f == nullptr) {
       RD_ERROR("Opening file %s failed", data_path);
       return 3;
@@ -93,7 +93,7 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
     // Low byte first: the register as it lies in memory on the original host.
     const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(crc & 0xFF),
                                    static_cast<std::uint8_t>(crc >> 8)};
-    const int written = platform::write_file_atomic(crc_path, bytes, 2, 0644);
+    const int written = platform::write_file_atomic(crc_path, bytes, 2);
     if (written == -1) {
       RD_ERROR("CRC file open failed");
       return -1;

@@ -12,8 +12,11 @@ constexpr CodeInfo kAttach[] = {VEXO_ATTACH_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kConfig[] = {VEXO_CONFIG_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kLock[] = {VEXO_LOCK_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kKeystore[] = {VEXO_KEYSTORE_CODES(VEXO_CODE_ENTRY)};
+constexpr CodeInfo kMgmt[] = {VEXO_MGMT_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kHttp[] = {VEXO_HTTP_CODES(VEXO_CODE_ENTRY)};
 constexpr CodeInfo kRd[] = {VEXO_RD_CODES(VEXO_CODE_ENTRY)};
+constexpr CodeInfo kTransport[] = {VEXO_TRANSPORT_CODES(VEXO_CODE_ENTRY)};
+constexpr CodeInfo kDownload[] = {VEXO_DOWNLOAD_CODES(VEXO_CODE_ENTRY)};
 #undef VEXO_CODE_ENTRY
 
 template <std::size_t N>
@@ -34,8 +37,11 @@ const CodeInfo* find_code(Family family, int value) {
     case Family::kConfig: return find_in(kConfig, value);
     case Family::kLock: return find_in(kLock, value);
     case Family::kKeystore: return find_in(kKeystore, value);
+    case Family::kMgmt: return find_in(kMgmt, value);
     case Family::kHttp: return find_in(kHttp, value);
     case Family::kRd: return find_in(kRd, value);
+    case Family::kTransport: return find_in(kTransport, value);
+    case Family::kDownload: return find_in(kDownload, value);
   }
   return nullptr;
 }

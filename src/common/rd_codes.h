@@ -69,10 +69,40 @@
   X(kKeystoreFailed, -1, "failure")                                          \
   X(kKeystoreTampered, -100, "keystore tampered; key rotation failed")
 
+// Management operations (Init, Key_Rotation, Software_Update,
+// uidai_cert_update, uidai_cert_force_update). A value means different things
+// to different operations; each name says whose it is. Transport failures
+// pass sendData2Zelm's own codes through.
+#define VEXO_MGMT_CODES(X)                                                   \
+  X(kMgmtOk, 0, "success")                                                   \
+  X(kMgmtFailed, -1, "request not framed, or no next-action buffer")         \
+  X(kMgmtProdFetch, -2, "uidai_cert_force_update: production fetch failed")  \
+  X(kMgmtNotJson, -3, "answer is not JSON")                                  \
+  X(kMgmtNotParsed, -4, "answer refused by the server or not understood")    \
+  X(kMgmtTimeSync, -5, "Init: clocks differ (TIME_STAMP_SYNC)")              \
+  X(kMgmtLockNotTaken, -5, "Key_Rotation: scanner lock not taken")           \
+  X(kMgmtDownload, -5, "Software_Update: package not downloaded")            \
+  X(kMgmtStatusReport, -5, "uidai_cert_update: status report failed")        \
+  X(kMgmtStagingFetch, -5, "uidai_cert_force_update: staging fetch failed")  \
+  X(kMgmtNotRegistered, -6, "Init: DEVICE_NOT_REGISTERED")                   \
+  X(kMgmtNoKeyPair, -6, "Key_Rotation: no new key pair")                     \
+  X(kMgmtUnexpectedAction, -6, "uidai_cert_update: an answer other than UPDATE_STATUS") \
+  X(kMgmtStagingNotParsed, -6, "uidai_cert_force_update: staging answer not understood") \
+  X(kMgmtSealWrong, -7, "Key_Rotation: seal of config.ini wrong")            \
+  X(kMgmtCertNotInstalled, -7, "uidai_cert_update: certificate not fetched, implausible or not matching its checksum") \
+  X(kMgmtDcNotWritten, -8, "Key_Rotation: dc not written")                   \
+  X(kMgmtSealNotRenewed, -9, "Key_Rotation: seal not renewed")               \
+  X(kMgmtSignedCertInvalid, -10, "Key_Rotation: signed certificate not Base64 or not for the new key") \
+  X(kMgmtSignedCertNotOpened, -11, "Key_Rotation: signed certificate file not opened") \
+  X(kMgmtCommitFailed, -12, "Key_Rotation: new identity not committed")      \
+  X(kMgmtLockNotReleased, -13, "Key_Rotation: scanner lock not released")    \
+  X(kMgmtSignedCertNotWritten, -14, "Key_Rotation: signed certificate file not written")
+
 // HTTP status codes the listener and dispatch answer with.
 #define VEXO_HTTP_CODES(X)                                                   \
   X(kHttpOk, 200, "OK")                                                      \
   X(kHttpBadRequest, 400, "path not valid")                                  \
+  X(kHttpForbidden, 403, "origin not allowed")                               \
   X(kHttpBadVerb, 405, "verb not known")                                     \
   X(kHttpTooLarge, 413, "request does not fit the receive area")             \
   X(kHttpNoBody, 422, "request without a body")                              \
@@ -128,6 +158,29 @@
   X(kRdBadCommand, 790, "Invalid Command/Request")                                             \
   X(kRdInternal, 999, "Internal error")
 
+// Management transport results (sendData2Zelm, GetDataFromZelm,
+// Curl_Download_File and the RD_DRT check); -1 is also every failure of the
+// GET and the file download.
+#define VEXO_TRANSPORT_CODES(X)                                              \
+  X(kTransportOk, 0, "success")                                              \
+  X(kTransportFailed, -1, "handle or option not set, CA file not usable, or no RD_DRT header") \
+  X(kTransportDrtNotMade, -14, "request RD_DRT not made")                    \
+  X(kTransportCaMissing, -15, "CA file cert/server.crt not readable")        \
+  X(kTransportCaTampered, -16, "CA file cert/server.crt not the pinned one") \
+  X(kTransportTimeout, -17, "time-out")                                      \
+  X(kTransportConnect, -18, "cannot connect")                                \
+  X(kTransportMemory, -19, "libcurl out of memory")                          \
+  X(kTransportOther, -20, "any other transfer failure")                      \
+  X(kTransportNoDrt, -22, "response without RD_DRT")                         \
+  X(kTransportDrtMismatch, -23, "response RD_DRT does not verify")
+
+// Resumable download results (download_manager, get_package_size,
+// get_previous_download_info, download_part, update_to_conf).
+#define VEXO_DOWNLOAD_CODES(X)                                               \
+  X(kDownloadOk, 0, "success, or resume from the record")                    \
+  X(kDownloadFailed, -1, "failure")                                          \
+  X(kDownloadFresh, 1, "no usable record: start afresh")
+
 namespace rd_codes {
 
 #define VEXO_CODE_CONSTANT(name, value, message) inline constexpr int name = value;
@@ -137,11 +190,14 @@ VEXO_ATTACH_CODES(VEXO_CODE_CONSTANT)
 VEXO_CONFIG_CODES(VEXO_CODE_CONSTANT)
 VEXO_LOCK_CODES(VEXO_CODE_CONSTANT)
 VEXO_KEYSTORE_CODES(VEXO_CODE_CONSTANT)
+VEXO_MGMT_CODES(VEXO_CODE_CONSTANT)
 VEXO_HTTP_CODES(VEXO_CODE_CONSTANT)
 VEXO_RD_CODES(VEXO_CODE_CONSTANT)
+VEXO_TRANSPORT_CODES(VEXO_CODE_CONSTANT)
+VEXO_DOWNLOAD_CODES(VEXO_CODE_CONSTANT)
 #undef VEXO_CODE_CONSTANT
 
-enum class Family { kInit, kStart, kAttach, kConfig, kLock, kKeystore, kHttp, kRd };
+enum class Family { kInit, kStart, kAttach, kConfig, kLock, kKeystore, kMgmt, kHttp, kRd, kTransport, kDownload };
 
 struct CodeInfo {
   int value;

@@ -14,6 +14,10 @@
 #include <functional>
 #include <string>
 
+// The offline grace period when config.ini names none, and the longest one taken.
+inline constexpr int kOfflineGraceHoursDefault = 72;
+inline constexpr int kOfflineGraceHoursMax = 8760;
+
 struct RdConfig {
   std::string ssl_enable_text;   // IS_SSL_ENABLE as written (at most 8 bytes)
   int ssl_enabled = 0;           // atoi(IS_SSL_ENABLE)
@@ -23,6 +27,9 @@ struct RdConfig {
   std::string dc;                // device code
   int dc_missing = 0;            // dc present but empty
   std::string prod_register_url; // PROD_REGISTER_URL (optional): production register endpoint
+  // OFFLINE_GRACE_HOURS (optional): how long after its last successful Init a
+  // registered device keeps working while the Management server fails it.
+  int offline_grace_hours = kOfflineGraceHoursDefault;
   std::string mgmt_url_register;
   std::string mgmt_url_keyrotation;
   std::string mgmt_url_uidaiupdate;
@@ -30,6 +37,8 @@ struct RdConfig {
   std::string mgmt_url_softupdate;
   std::string mgmt_url_getcert_pp;
   std::string mgmt_url_getcert_p;
+  std::string lock_folder;       // LOCK_FOLDER (optional): folder of the machine-wide lock files
+  std::string allowed_origins;   // ALLOWED_ORIGINS (optional): the only browser origins served
   std::string proxy_url;
   std::string proxy_username;
   std::string proxy_password;

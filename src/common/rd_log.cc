@@ -23,9 +23,12 @@ std::atomic<int> g_verbose{0};
 std::atomic<int> g_log_limit_kb{kDefaultLogLimitKb};
 std::atomic<int> g_pipe_fd{-1};
 
-// Writes one complete line. REQUIRES: g_log_mutex held.
-void write_line_locked(LogLevel level, const char* file, const char* func, unsigned line,
-                       const char* fmt, va_list args) {
+constexpr char kLogPath[] = "./rd.log";
+constexpr char kOldLogPath[] = "./rd1.log";
+
+// Writes one complete line to the open log. REQUIRES: g_log_mutex held.
+void emit_line_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt,
+                      va_list args) {
   if (g_log_stream == nullptr) return;
   log_timestamp();
   std::fprintf(g_log_stream, level == LogLevel::kInfo ? "INFO   (%s:%s:%u) - " : "ERROR  (%s:%s:%u) - ",
@@ -35,16 +38,65 @@ void write_line_locked(LogLevel level, const char* file, const char* func, unsig
   std::fflush(g_log_stream);
 }
 
-void log_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...)
-    __attribute__((format(printf, 5, 6)));
-void log_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
+void emit_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...)
+    VEXO_PRINTF_FORMAT(5, 6);
+void emit_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  write_line_locked(level, file, func, line, fmt, args);
+  emit_line_locked(level, file, func, line, fmt, args);
   va_end(args);
 }
 
+// Moves a log larger than the limit to rd1.log and opens a fresh one, with
+// the "RD Log Reached" line as the old file's last line. 0, or -1 when the
+// fresh log cannot be opened (the stream is then null). Logs as
+// logfile_size_check, whichever line found the log full. REQUIRES: g_log_mutex held.
+int rotate_if_due_locked() {
+  if (g_log_stream == nullptr) return 0;
+  const long long bytes = platform::file_size(kLogPath);
+  const long long kb = bytes / 1024;
+  if (bytes < 0 || kb <= rd_log_size_limit_kb()) return 0;
+  emit_locked(LogLevel::kInfo, __FILE__, "logfile_size_check", __LINE__,
+              "..................RD Log Reached  %dKB of size..............................", static_cast<int>(kb));
+  std::fclose(g_log_stream);
+  // Replaces rd1.log atomically; like the design's "move", its result is ignored.
+  (void)platform::rename_over(kLogPath, kOldLogPath);
+  g_log_stream = platform::open_file("rd.log", "a");
+  return g_log_stream != nullptr ? 0 : -1;
+}
+
+// Writes one line, rotating first when the log is full: every line counts,
+// whichever path writes it. REQUIRES: g_log_mutex held; the lock is released
+// before the error log is written.
+void write_line(std::unique_lock<std::mutex>& lock, LogLevel level, const char* file, const char* func,
+                unsigned line, const char* fmt, va_list args) {
+  if (rotate_if_due_locked() != 0) {
+    lock.unlock();
+    write_error_log("zlog_init failed from logfile_size_check\n");
+    return;
+  }
+  emit_line_locked(level, file, func, line, fmt, args);
+}
+
 }  // namespace
+
+std::string log_safe(std::string_view text, std::size_t max) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  const std::size_t n = text.size() < max ? text.size() : max;
+  for (std::size_t i = 0; i < n; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c < 0x7f && c != '\\') {
+      out += static_cast<char>(c);
+    } else {
+      out += "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 0xf];
+    }
+  }
+  if (n < text.size()) out += "...";
+  return out;
+}
 
 int ist_time_text(const char* format, std::string* out) {
   out->clear();
@@ -70,7 +122,7 @@ std::string source_base_name(const char* file) {
 
 int zlog_init(const char* path) {
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  g_log_stream = std::fopen(path, "ab");
+  g_log_stream = platform::open_file(path, "a");
   return g_log_stream ? 0 : -1;
 }
 
@@ -97,7 +149,7 @@ int log_timestamp() {
 }
 
 void write_error_log(const char* text) {
-  FILE* f = std::fopen("Vexo_Error.log", "ab");
+  FILE* f = platform::open_file("Vexo_Error.log", "ab");
   if (f == nullptr) {
     platform::alert_box("Error in opening the Vexo_Error.log file", "Error");
     return;
@@ -121,10 +173,10 @@ void rd_set_log_size_limit_kb(int kb) { g_log_limit_kb.store(kb, std::memory_ord
 int rd_log_size_limit_kb() { return g_log_limit_kb.load(std::memory_order_relaxed); }
 
 void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
+  std::unique_lock<std::mutex> lock(g_log_mutex);
   va_list args;
   va_start(args, fmt);
-  write_line_locked(level, file, func, line, fmt, args);
+  write_line(lock, level, file, func, line, fmt, args);
   va_end(args);
 }
 
@@ -185,29 +237,11 @@ int write_to_pipe(const char* buf, std::size_t len) {
 }
 
 int logfile_size_check() {
-  long long bytes = platform::file_size("./rd.log");
-  if (bytes < 0 || bytes / 1024 <= rd_log_size_limit_kb()) return 0;
-  // The log mutex is held across the whole swap, so no other thread writes to a
-  // closed stream or loses a line, and two requests never rotate twice.
   std::unique_lock<std::mutex> lock(g_log_mutex);
-  bytes = platform::file_size("./rd.log");
-  long long kb = bytes / 1024;
-  if (bytes < 0 || kb <= rd_log_size_limit_kb()) return 0;
-  log_locked(LogLevel::kInfo, __FILE__, __func__, __LINE__,
-             "..................RD Log Reached  %dKB of size..............................", static_cast<int>(kb));
-  if (g_log_stream) {
-    std::fclose(g_log_stream);
-    g_log_stream = nullptr;
-  }
-  // Replaces rd1.log atomically; like the design's "move", its result is ignored.
-  (void)platform::rename_over("./rd.log", "./rd1.log");
-  g_log_stream = std::fopen("rd.log", "ab");
-  if (g_log_stream == nullptr) {
-    lock.unlock();
-    write_error_log("zlog_init failed from logfile_size_check\n");
-    return -1;
-  }
-  return 0;
+  if (rotate_if_due_locked() == 0) return 0;
+  lock.unlock();
+  write_error_log("zlog_init failed from logfile_size_check\n");
+  return -1;
 }
 
 void rd_log_reset_for_test() {
@@ -224,4 +258,12 @@ void rd_log_reset_for_test() {
 extern "C" VEXO_EXPORT int Get_Last_RDservice_Status(char* status) noexcept {
   rd_copy_last_status(status, VEXO_STATUS_LEN);
   return 0;
+}
+
+extern "C" VEXO_EXPORT int Set_Status_Pipe_Path(const char* path) noexcept try {
+  if (path == nullptr || path[0] != '/' || std::strlen(path) >= VEXO_PIPE_PATH_LEN) return -1;
+  platform::set_status_pipe_path(path);
+  return 0;
+} catch (...) {
+  return -1;
 }

@@ -17,6 +17,9 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <string_view>
+
+#include "platform/printf_format.h"
 
 enum class LogLevel { kInfo, kError };
 
@@ -33,12 +36,16 @@ int log_timestamp();
 // Appends text unchanged to "Vexo_Error.log"; when that fails, shows
 // "Error in opening the Vexo_Error.log file" (platform::alert_box).
 void write_error_log(const char* text);
-// Opens the status pipe (platform::status_pipe_path()). 0, or -1 with the
-// "Create pipe failed" reports.
+// Opens the status pipe (platform::status_pipe_path(), which the host names
+// with the exported Set_Status_Pipe_Path). 0, or -1 with the "Create pipe
+// failed" reports.
 int create_Pipe();
-// Writes len bytes to the status pipe in one call. 0, or -1 (reported).
+// Writes len bytes to the status pipe in one call that never blocks. 0, or -1
+// (reported; a full pipe loses the message).
 int write_to_pipe(const char* buf, std::size_t len);
-// Rotates ./rd.log to ./rd1.log once it is larger than the size limit.
+// Rotates ./rd.log to ./rd1.log once it is larger than the size limit (more
+// than limit KB). Every line written checks this first, so a log never
+// grows past the limit by more than one line, whatever writes to it.
 // 0, or -1 when the log cannot be reopened.
 int logfile_size_check();
 
@@ -54,24 +61,28 @@ int ist_time_text(const char* format, std::string* out);
 
 // "server" for ".../src/http/server.cc": the name that log lines carry.
 std::string source_base_name(const char* file);
+// Text from outside (a request line, an origin) made fit for one log line: at
+// most max bytes of it, every byte outside printable ASCII and the backslash
+// written as "\\xNN", and "..." after a cut.
+std::string log_safe(std::string_view text, std::size_t max);
 
 // One run-log line: "<ts> INFO   (file:func:line) - text\n" under the log mutex.
 void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line,
-                  const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+                  const char* fmt, ...) VEXO_PRINTF_FORMAT(5, 6);
 // Sets the last-status line "<ts> | file | func | text". 0, or -1 when the
 // clock cannot be read (the line is left as it was).
 int rd_set_last_status(const char* file, const char* func, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+    VEXO_PRINTF_FORMAT(3, 4);
 // Sends "code|text" to the status pipe; the text carries its own "\n".
 // A failed send is reported by write_to_pipe and otherwise ignored.
-void rd_notify(const char* code, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+void rd_notify(const char* code, const char* fmt, ...) VEXO_PRINTF_FORMAT(2, 3);
 // Copies the last-status line (at most len-1 bytes) into out.
 void rd_copy_last_status(char* out, std::size_t len);
 
 // Debugging output on standard output, written only when config:Verbose is 2
 // or more; nothing reaches standard output or standard error otherwise.
 // Never pass biometric data or key material.
-void rd_debug_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void rd_debug_print(const char* fmt, ...) VEXO_PRINTF_FORMAT(1, 2);
 
 // Test seams: clears the last-status buffer and closes the pipe handle.
 void rd_log_reset_for_test();

@@ -41,7 +41,8 @@ struct RequestSource {
 int read_http_request(const RequestSource& src, char* buf);
 
 // How long a whole request may take to arrive, counted from the moment its
-// first byte is awaited: 60000 ms unless a test shortened it.
+// first byte is awaited (over TLS, from the handshake's first wait), and how
+// long an answer may take to be sent: 60000 ms unless a test shortened it.
 int recv_wait_ms();
 void set_recv_wait_ms_for_test(int ms);
 

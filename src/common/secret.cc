@@ -2,60 +2,85 @@
 
 #include <openssl/crypto.h>
 
+#include <cstring>
+#include <new>
 #include <utility>
+
+#include "platform/pages.h"
 
 void cleanse(void* p, std::size_t len) {
   if (p != nullptr && len > 0) OPENSSL_cleanse(p, len);
 }
 
-namespace {
-// Cleanses the whole allocation, the bytes past size() included.
-void cleanse_string(std::string* s) {
-  if (s->capacity() > 0) cleanse(s->data(), s->capacity());
-  s->clear();
-}
-}  // namespace
-
 Secret Secret::adopt(std::string&& text) {
-  Secret out;
-  out.s_ = std::move(text);
-  // A short string lives inside the object, so moving it copied it: wipe
-  // what is left in the source, whatever its storage.
-  cleanse_string(&text);
+  Secret out(text);
+  // The whole allocation, the bytes past size() and a short string's inner
+  // buffer included.
+  cleanse(text.data(), text.capacity());
+  text.clear();
   return out;
 }
 
-Secret::Secret(Secret&& other) noexcept : s_(std::move(other.s_)) { cleanse_string(&other.s_); }
+Secret::Secret(Secret&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      capacity_(std::exchange(other.capacity_, 0)) {}
 
 Secret& Secret::operator=(Secret&& other) noexcept {
   if (this != &other) {
-    clear();
-    s_ = std::move(other.s_);
-    cleanse_string(&other.s_);
+    release();
+    data_ = std::exchange(other.data_, nullptr);
+    size_ = std::exchange(other.size_, 0);
+    capacity_ = std::exchange(other.capacity_, 0);
   }
   return *this;
 }
 
+void Secret::release() {
+  if (data_ != nullptr) {
+    cleanse(data_, capacity_);
+    platform::free_secret_pages(data_, capacity_);
+  }
+  data_ = nullptr;
+  size_ = 0;
+  capacity_ = 0;
+}
+
+void Secret::grow(std::size_t n) {
+  if (data_ != nullptr && n < capacity_) return;
+  // Doubling keeps a run of appends linear.
+  const std::size_t want = platform::secret_pages_size(n < capacity_ * 2 ? capacity_ * 2 : n + 1);
+  char* fresh = static_cast<char*>(platform::alloc_secret_pages(want));
+  if (fresh == nullptr) throw std::bad_alloc();
+  const std::size_t kept = size_;
+  if (kept > 0) std::memcpy(fresh, data_, kept);
+  release();
+  data_ = fresh;
+  size_ = kept;
+  capacity_ = want;
+}
+
 void Secret::assign(std::string_view bytes) {
   clear();
-  s_.reserve(bytes.size());
-  s_.assign(bytes.data(), bytes.size());
+  if (bytes.empty()) return;
+  grow(bytes.size());
+  std::memcpy(data_, bytes.data(), bytes.size());
+  size_ = bytes.size();
 }
 
 void Secret::append(std::string_view bytes) {
-  if (s_.size() + bytes.size() > s_.capacity()) {
-    std::string grown;
-    grown.reserve((s_.size() + bytes.size()) * 2);
-    grown.append(s_);
-    cleanse_string(&s_);
-    s_ = std::move(grown);
-  }
-  s_.append(bytes.data(), bytes.size());
+  if (bytes.empty()) return;
+  grow(size_ + bytes.size());
+  std::memcpy(data_ + size_, bytes.data(), bytes.size());
+  size_ += bytes.size();
+  data_[size_] = '\0';
 }
 
-void Secret::clear() { cleanse_string(&s_); }
+void Secret::clear() { release(); }
 
 void Secret::resize(std::size_t n) {
   clear();
-  s_.resize(n, '\0');
+  if (n == 0) return;
+  grow(n);
+  size_ = n;  // fresh pages are zero-filled
 }

@@ -15,6 +15,7 @@
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "platform/socket_extra.h"
 #include "platform/unique_handle.h"
 #include "ssl/sslCommunication.h"
 
@@ -38,7 +39,8 @@ OriginKind find_origin(const char* raw, std::unique_ptr<char[]>* origin) {
   if (n > kOriginSize - 1) n = kOriginSize - 1;
   origin->reset(new char[kOriginSize]());
   std::memcpy(origin->get(), start, n);
-  RD_INFO("Origin value is:%s AND length of origin is:%d", origin->get(), static_cast<int>(n));
+  RD_INFO("Origin value is:%s AND length of origin is:%d", log_safe(origin->get(), kOriginSize).c_str(),
+          static_cast<int>(n));
   return OriginKind::kValue;
 }
 
@@ -58,7 +60,9 @@ class Connection {
 
   // TLS handshake; the TLS connection owns the socket from here on, and on
   // failure makeSSLConnection has closed it already.
-  int handshake() { return makeSSLConnection(socket_.release(), ssl_server_ctx(), &ssl_); }
+  int handshake(std::uint64_t deadline) {
+    return makeSSLConnection(socket_.release(), ssl_server_ctx(), &ssl_, deadline);
+  }
 
   void send(const char* header, const char* body) {
     std::size_t header_len = strnlen(header, kRespHeaderSize);
@@ -95,14 +99,17 @@ int tcp_input_ready(void* ctx, int timeout_ms) {
   return platform::wait_readable(*static_cast<platform::socket_t*>(ctx), timeout_ms);
 }
 
-int send_all(platform::socket_t s, const char* data, std::size_t len) {
-  std::size_t sent = 0;
-  while (sent < len) {
-    long n = platform::send_socket(s, data + sent, len - sent);
-    if (n < 0) return -1;
-    sent += static_cast<std::size_t>(n);
-  }
-  return 0;
+// The line that says what was asked, without what was sent: a body carries
+// otp, wadh, names, dates of birth, addresses and print texts, none of which
+// belongs in a log. The request line's fields and the origin are cut and
+// escaped, as they come from anyone.
+void log_request(const char* raw, std::size_t len, const RequestLine& line, const char* origin) {
+  RD_LOG_AS("process_incoming_message");
+  const char* end = std::strstr(raw, "\r\n\r\n");
+  const std::size_t body = end != nullptr ? len - static_cast<std::size_t>(end + 4 - raw) : 0;
+  RD_INFO("Request is: %s %s, body of %d bytes, origin:%s", log_safe(line.verb, 16).c_str(),
+          log_safe(line.path, 256).c_str(), static_cast<int>(body),
+          origin != nullptr ? log_safe(origin, 256).c_str() : " none");
 }
 
 }  // namespace
@@ -129,13 +136,16 @@ int recv_thru_tcp_socket(platform::socket_t s, char* buf) {
 
 int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len, const char* body,
                          std::size_t body_len) {
+  // The whole answer goes out within one request limit: a client that stops
+  // reading cannot hold the thread and its 3 MB work area.
+  const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
   RD_VERBOSE("sending HTTP header to client ");
-  if (send_all(s, header, header_len) != 0) {
+  if (platform::send_before(s, header, header_len, deadline) != 0) {
     RD_ERROR("Error at sending header data on http");
     return -1;
   }
   RD_VERBOSE("sending HTTP Data to client ");
-  if (body != nullptr && send_all(s, body, body_len) != 0) {
+  if (body != nullptr && platform::send_before(s, body, body_len, deadline) != 0) {
     RD_ERROR("Error at sending body data on http");
     return -1;
   }
@@ -160,14 +170,16 @@ int process_incoming_message(platform::socket_t s) {
 
     int received;
     if (conn.tls()) {
-      if (conn.handshake() != 0) {
+      // The request's limit starts with the handshake's first wait.
+      const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
+      if (conn.handshake(deadline) != 0) {
         RD_ERROR("makeSSLConnection Failed");
         RD_STATUS("SSL Connection Failed, please check browser settings ");
         return 0;
       }
       RD_VERBOSE("Going for recvFromSSLWithTC");
       int len = 0;
-      received = recvFromSSLWithTC(conn.ssl(), raw, &len);
+      received = recvFromSSLWithTC(conn.ssl(), raw, &len, deadline);
       if (received == 0) received = len;
     } else {
       RD_VERBOSE("Going for recv_thru_tcp_socket");
@@ -187,11 +199,10 @@ int process_incoming_message(platform::socket_t s) {
       RD_INFO("Returning from process_incoming_message");
       return 0;
     }
-    RD_INFO("Request is:\n%s", raw);
-
     std::unique_ptr<char[]> origin;
     OriginKind origin_kind = find_origin(raw, &origin);
     RequestLine line = split_request_line(raw);
+    log_request(raw, static_cast<std::size_t>(received), line, origin.get());
     RD_VERBOSE("custom_verb is %.*s\n", static_cast<int>(line.verb.size()), line.verb.data());
 
     if (logfile_size_check() != 0) {

@@ -29,6 +29,7 @@ namespace {
 using rd_codes::kHttpBadRequest;
 using rd_codes::kHttpBadVerb;
 using rd_codes::kHttpBadVersion;
+using rd_codes::kHttpForbidden;
 using rd_codes::kHttpNoBody;
 
 constexpr char kHost[] = "127.0.0.1";
@@ -40,9 +41,6 @@ constexpr std::size_t kVersionSize = 16;
 constexpr std::size_t kCaptureFieldSize = 56;
 constexpr long kMaxCaptureBody = 1024;
 
-constexpr char kCorsBlock[] =
-    "\r\nAccess-Control-Allow-Origin: *\r\nAccess-Control-Allow-Methods:RDSERVICE,DEVICEINFO,CAPTURE,"
-    "POSTAUTH\r\nACCESS-CONTROL-ALLOW-HEADERS:Content-Type\r\nContent-Type: text/xml; charset=utf-8";
 // The errCode 100 answer leaves Resp unclosed and ends with an empty PidData
 // element instead of a closing tag; clients have always received it so.
 constexpr char kBadPidOptionsBody[] =
@@ -128,25 +126,44 @@ bool asks_private_network(std::string_view raw) {
   return false;
 }
 
+// True when the configured origin list names origin (compared without regard
+// to case, as browsers write scheme and host in lower case anyway). "null",
+// the origin of every sandboxed frame and local file, is never on it: any
+// page can make its requests carry it.
+bool origin_listed(std::string_view list, std::string_view origin) {
+  origin = trim_blanks(origin);
+  if (origin.empty() || equals_ignoring_case(origin, "null")) return false;
+  std::size_t pos = 0;
+  while (pos < list.size()) {
+    std::size_t end = list.find_first_of(", \t", pos);
+    if (end == std::string_view::npos) end = list.size();
+    std::string_view entry = list.substr(pos, end - pos);
+    if (!entry.empty() && equals_ignoring_case(entry, origin)) return true;
+    pos = end + 1;
+  }
+  return false;
+}
+
+// With an origin list configured, a request that names an origin not on it
+// (or an "Origin:" whose value cannot be read) comes from a page the operator
+// did not allow. Requests without an origin come from programs, not pages.
+bool origin_refused(OriginKind kind, const char* origin) {
+  if (kind == OriginKind::kAbsent) return false;
+  const std::string list = rd_config_copy().allowed_origins;
+  if (list.find_first_not_of(", \t") == std::string::npos) return false;
+  return kind != OriginKind::kValue || !origin_listed(list, origin);
+}
+
 void answer_options(OriginKind kind, const char* raw, char* header) {
   RD_LOG_AS(kDispatchFn);
+  AnswerHead head;
+  head.kind = kind == OriginKind::kValue      ? AnswerKind::kOptions
+              : kind == OriginKind::kAbsent ? AnswerKind::kOptionsNoOrigin
+                                            : AnswerKind::kOptionsNoLineEnd;
   // Only a pre-flight that asks for it gets the private-network permission;
   // every other answer keeps its bytes.
-  const char* private_network = asks_private_network(raw) ? "Access-Control-Allow-Private-Network: true\r\n" : "";
-  if (kind == OriginKind::kAbsent) {
-    // Ends after one line break, with no empty line: the answer has always been so.
-    std::snprintf(header, kRespHeaderSize, "HTTP/1.1 405 \r\nContent-Length: 0%s\r\n", kCorsBlock);
-  } else if (kind == OriginKind::kValue) {
-    std::snprintf(header, kRespHeaderSize,
-                  "HTTP/1.1 200 OK\r\nACCESS-CONTROL-ALLOW-HEADERS: Content-Type\r\nACCESS-CONTROL-ALLOW-"
-                  "METHODS: RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH\r\nACCESS-CONTROL-ALLOW-ORIGIN: "
-                  "%s\r\nContent-Length: 0\r\nConnection: close\r\nContent-Type: text/xml; "
-                  "charset=utf-8\r\n%s\r\n",
-                  "*", private_network);
-  } else {
-    std::snprintf(header, kRespHeaderSize, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: %s%s\r\n%s\r\n",
-                  "close", kCorsBlock, private_network);
-  }
+  head.private_network = kind != OriginKind::kAbsent && asks_private_network(raw);
+  frame_answer_header(head, nullptr, header);
   RD_INFO("....................Options Successful...................");
 }
 
@@ -284,6 +301,18 @@ void dispatch_request(const char* raw, const RequestLine& line, OriginKind origi
     RD_ERROR("Request line field is too long");
     error_header(kHttpBadRequest, "", origin, area);
     return;
+  }
+  if (origin_refused(origin_kind, origin)) {
+    RD_ERROR("Origin%s is not in ALLOWED_ORIGINS: no CORS grant",
+             origin != nullptr ? log_safe(origin, 256).c_str() : ":");
+    // Discovery stays open; the device verbs and the pre-flight are refused.
+    // No answer echoes the origin.
+    origin = nullptr;
+    if (verb == "OPTIONS" || verb == "CAPTURE" || verb == "DEVICEINFO" || verb == "POSTAUTH") {
+      error_header(kHttpForbidden, verb == "OPTIONS" ? std::string_view() : line.path, nullptr, area);
+      return;
+    }
+    origin_kind = OriginKind::kAbsent;
   }
   if (verb == "OPTIONS") {
     answer_options(origin_kind, raw, area + kRespHeaderOffset);

@@ -34,9 +34,11 @@ std::atomic<int> g_accept_wait_ms{kDefaultAcceptWaitMs};
 std::atomic<unsigned> g_accept_pause_ms{kAcceptPauseMs};
 
 // Each listening socket on 127.0.0.1 with its companion on [::1] (the same
-// port), so that the accept loop of either serves both.
+// port), so that the accept loop of either serves both. Never destroyed: a
+// detached worker may still look a socket up while the process exits.
 std::mutex g_companions_mu;
-std::vector<std::pair<platform::socket_t, platform::socket_t>> g_companions;
+auto& g_companions =
+    *new std::vector<std::pair<platform::socket_t, platform::socket_t>>;
 
 void set_companion(platform::socket_t server, platform::socket_t server6) {
   std::lock_guard<std::mutex> lock(g_companions_mu);
@@ -50,21 +52,46 @@ void set_companion(platform::socket_t server, platform::socket_t server6) {
   g_companions.emplace_back(server, server6);
 }
 
-// Listens on [::1] at port as well, for clients whose localhost resolves to
-// ::1 first. The socket, or kInvalidSocket (logged) when the system has no
-// IPv6 loopback or another program holds that port there; the service then
-// serves 127.0.0.1 alone.
-platform::socket_t listen_ipv6_loopback(int port) {
+// A listening socket of the port range on 127.0.0.1, with a socket bound
+// to [::1] at the same port unless the machine has no ::1.
+struct PortPair {
+  platform::UniqueSocket v4;
+  platform::UniqueSocket v6;
+};
+
+// Binds port on 127.0.0.1 and, while the machine has ::1 (*ipv6), on [::1]
+// too: a browser whose localhost resolves to ::1 first must reach this
+// service, never another program that took [::1] at this port. 0 bound; 1 the
+// port is taken on either address; -1 no socket. A machine without ::1 is
+// noticed once (logged) and *ipv6 cleared.
+int bind_pair(int port, bool* ipv6, PortPair* out) {
   RD_LOG_AS("prepare_http_socket");
-  platform::UniqueSocket s(platform::tcp6_socket());
-  if (!s || platform::set_reuse_address(s.get()) != 0 ||
-      platform::bind_loopback6(s.get(), static_cast<std::uint16_t>(port)) != 0 ||
-      platform::listen_socket(s.get(), kListenBacklog) != 0) {
-    RD_INFO("Not listening on [::1] port %d (errno %d), serving 127.0.0.1 only", port, platform::last_error());
-    return platform::kInvalidSocket;
+  PortPair pair{platform::UniqueSocket(platform::tcp_socket()), platform::UniqueSocket()};
+  // A restarted service gets its port back at once even while connections of
+  // the old one linger in TIME_WAIT; a port another program listens on is
+  // still refused, so the first free port keeps its meaning.
+  if (!pair.v4 || platform::set_reuse_address(pair.v4.get()) != 0) {
+    RD_ERROR("could not create socket for server(ERROR:%d)", platform::last_error());
+    return -1;
   }
-  RD_INFO("....................Server Listening On [::1] And Port %d...................", port);
-  return s.release();
+  if (platform::bind_loopback(pair.v4.get(), static_cast<std::uint16_t>(port)) != 0) return 1;
+  if (*ipv6) {
+    pair.v6.reset(platform::tcp6_socket());
+    int rc = pair.v6 && platform::set_reuse_address(pair.v6.get()) == 0
+                 ? platform::bind_loopback6(pair.v6.get(), static_cast<std::uint16_t>(port))
+                 : -1;
+    if (rc == 1) {
+      RD_ERROR("Port %hd is held on [::1] by another program", static_cast<short>(port));
+      return 1;
+    }
+    if (rc != 0) {
+      RD_INFO("Not listening on [::1] port %d (errno %d), serving 127.0.0.1 only", port, platform::last_error());
+      pair.v6.reset();
+      *ipv6 = false;
+    }
+  }
+  *out = std::move(pair);
+  return 0;
 }
 
 }  // namespace
@@ -105,21 +132,13 @@ int prepare_http_socket(platform::socket_t* server) {
     RD_ERROR("WSAStartup failed with error: %d\n", err);
     return 1;
   }
-  platform::UniqueSocket s(platform::tcp_socket());
-  if (!s) {
-    RD_ERROR("could not create socket for server(ERROR:%d)", platform::last_error());
-    return -1;
-  }
-  // A restarted service gets its port back at once even while connections of
-  // the old one linger in TIME_WAIT; a port another program listens on is
-  // still refused, so the first free port keeps its meaning.
-  if (platform::set_reuse_address(s.get()) != 0) {
-    RD_ERROR("could not create socket for server(ERROR:%d)", platform::last_error());
-    return -1;
-  }
+  PortPair pair;
+  bool ipv6 = true;
   int port = kFirstPort;
   for (;; ++port) {
-    if (platform::bind_loopback(s.get(), static_cast<std::uint16_t>(port)) == 0) {
+    const int rc = bind_pair(port, &ipv6, &pair);
+    if (rc < 0) return -1;
+    if (rc == 0) {
       RD_INFO("socket is bound on port: %hd", static_cast<short>(port));
       break;
     }
@@ -134,8 +153,9 @@ int prepare_http_socket(platform::socket_t* server) {
       RD_ERROR("binding_tcp_socket : failed on port = %hd, Trying for next port", static_cast<short>(port));
     }
   }
-  if (platform::listen_socket(s.get(), kListenBacklog) != 0) {
-    s.reset();
+  if (platform::listen_socket(pair.v4.get(), kListenBacklog) != 0 ||
+      (pair.v6 && platform::listen_socket(pair.v6.get(), kListenBacklog) != 0)) {
+    pair = PortPair{};
     RD_ERROR("Listen error");
     RD_STATUS("Listen error ");
     RD_PIPE("5000", "Listen error\n");
@@ -143,9 +163,9 @@ int prepare_http_socket(platform::socket_t* server) {
   }
   set_service_port(port);
   RD_INFO("....................Server Listening On 127.0.0.1 And Port %d...................", port);
-  // The port is chosen on 127.0.0.1 alone; [::1] follows it or is left out.
-  set_companion(s.get(), listen_ipv6_loopback(port));
-  *server = s.release();
+  if (pair.v6) RD_INFO("....................Server Listening On [::1] And Port %d...................", port);
+  set_companion(pair.v4.get(), pair.v6.release());
+  *server = pair.v4.release();
   return 0;
 }
 

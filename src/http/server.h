@@ -14,10 +14,11 @@
 
 #include "platform/platform.h"
 
-// Binds and listens on 127.0.0.1; *server receives the socket. 0; 1 socket
-// layer not started; -1 any other failure (no free port included). On
-// success it also listens on [::1] at the same port when it can (a failure
-// there is only logged); that companion socket belongs to *server.
+// Binds and listens on the first port of the range that is free on both
+// 127.0.0.1 and [::1] (on 127.0.0.1 alone when the machine has no ::1, which
+// is logged); *server receives the 127.0.0.1 socket and owns its [::1]
+// companion. 0; 1 socket layer not started; -1 any other failure (no free
+// port included).
 int prepare_http_socket(platform::socket_t* server);
 // The [::1] companion of a socket made by prepare_http_socket, or
 // kInvalidSocket when it has none.
@@ -33,7 +34,8 @@ void* client_connection_handler(void* arg);
 // recv_wait_ms() or "Timeout to receive data from client" is logged. Length,
 // -1, or kRequestTooLarge (request_reader.h) when the request does not fit.
 int recv_thru_tcp_socket(platform::socket_t s, char* buf);
-// 0 when header and body were sent; -1 on a send error.
+// 0 when header and body were sent within recv_wait_ms(); -1 on a send error
+// or when the client did not take them in time.
 int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len,
                          const char* body, std::size_t body_len);
 // Body of a connection thread: receives, dispatches, answers, closes. 0.

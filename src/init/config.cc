@@ -1,9 +1,11 @@
 #include "init/config.h"
 
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "common/config_dict.h"
@@ -14,6 +16,7 @@
 #include "common/rd_log.h"
 #include "platform/platform.h"
 #include "mgmt_core/Base64.h"
+#include "mgmt_core/keystore.h"
 #include "rd_core/aes.h"
 #include "semaphore/device_lock.h"
 
@@ -50,13 +53,48 @@ std::array<std::uint8_t, 32> address_key() {
   return key;
 }
 
+// OFFLINE_GRACE_HOURS: whole hours up to kOfflineGraceHoursMax; the default
+// when the key is absent or holds anything else.
+int offline_grace_hours(const char* text) {
+  if (text == nullptr) return kOfflineGraceHoursDefault;
+  int hours = -1;
+  const char* end = text + std::strlen(text);
+  const auto [ptr, ec] = std::from_chars(text, end, hours);
+  if (ec != std::errc() || ptr != end || hours < 0 || hours > kOfflineGraceHoursMax) {
+    RD_LOG_AS("read_config_file");
+    RD_ERROR("OFFLINE_GRACE_HOURS is not a number of hours up to %d: %d is used", kOfflineGraceHoursMax,
+             kOfflineGraceHoursDefault);
+    return kOfflineGraceHoursDefault;
+  }
+  return hours;
+}
+
+// The optional settings of the shared-computer deployment.
+void read_settings(dictionary* ini, RdConfig* cfg) {
+  cfg->lock_folder = iniparser_getstring(ini, "config:LOCK_FOLDER", "");
+  cfg->allowed_origins = iniparser_getstring(ini, "config:ALLOWED_ORIGINS", "");
+}
+
 }  // namespace
+
+int read_lock_folder() {
+  if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) return -1;
+  Dict ini(iniparser_load(kConfigPath));
+  if (ini == nullptr) return -1;
+  RdConfig cfg;
+  read_settings(ini.get(), &cfg);
+  rd_config_update([&cfg](RdConfig& shared) { shared.lock_folder = cfg.lock_folder; });
+  return 0;
+}
 
 int read_config_file() {
   {
     // Under the lock that a Management operation holds while it changes the pair.
     ScannerLock swap_lock;
-    if (swap_lock.held()) recover_config_swap();
+    if (swap_lock.held()) {
+      recover_staged_identity();
+      recover_config_swap();
+    }
   }
   if (verify_crc(kCrc16, kConfigPath, kCrcPath) != 0) {
     RD_ERROR("verify_crc failed");
@@ -85,6 +123,8 @@ int read_config_file() {
   cfg.verbose = verbose != nullptr ? std::atoi(verbose) : 0;
   rd_set_verbose(cfg.verbose);
   cfg.prod_register_url = iniparser_getstring(ini.get(), "config:PROD_REGISTER_URL", "");
+  cfg.offline_grace_hours = offline_grace_hours(iniparser_getstring(ini.get(), "config:OFFLINE_GRACE_HOURS", nullptr));
+  read_settings(ini.get(), &cfg);
 
   const char* value = iniparser_getstring(ini.get(), "config:RD_VER", nullptr);
   if (value == nullptr) {

@@ -24,6 +24,12 @@ constexpr std::size_t kProxyFieldMax = 1024;
 // -19 unlock failed. The lock is released and the dictionary freed on every path.
 int read_config_file();
 
+// Reads LOCK_FOLDER alone into the configuration record (empty when absent),
+// for start-up to place the locks before read_config_file, which needs them,
+// runs. 0, or -1 when the file is not sealed or not loadable (the record is
+// left as it was).
+int read_lock_folder();
+
 // Fills the proxy fields of the configuration record from proxy.ini (cleared when there is
 // no such file). 0 (also without the file) or -1.
 int read_proxy_file();

@@ -68,6 +68,10 @@ int write_config_file_proxy_url(const char* proxy_text) {
     RD_ERROR("Proxy field is too long");
     return -1;
   }
+  if (!ini_value_ok(url) || !ini_value_ok(user) || !ini_value_ok(password)) {
+    RD_ERROR("Refused a proxy value with a line break");
+    return -1;
+  }
   // Every field is checked and encrypted before the file is touched, so a
   // refused proxy text leaves the working proxy.ini exactly as it was.
   std::string stored = password;

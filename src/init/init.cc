@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <system_error>
 #include <thread>
 
@@ -22,6 +23,7 @@
 #include "semaphore/semaphore_syc.h"
 #include "ssl/sslCommunication.h"
 #include "vexo.h"
+#include "web_service/transfer.h"
 
 namespace {
 
@@ -97,6 +99,17 @@ int step_open_log() {
   }
   RD_INFO("\n****************************************************************************************************");
   RD_INFO("zlog initialized successfully");
+  if (transfer::pin_is_demonstration()) {
+    RD_INFO("WARNING: the Management CA pin is the demonstration CA (VEXO_DEMO_CA), whose key is public: "
+            "not for production");
+  }
+  // The library's files are closed to other users, but in a folder they may
+  // write they could still replace or plant files under the names it uses.
+  if (platform::folder_writable_by_others(".")) {
+    std::error_code ec;
+    RD_ERROR("Warning: other users can write to the working folder %s: they could replace its files",
+             std::filesystem::current_path(ec).string().c_str());
+  }
   return 0;
 }
 
@@ -154,6 +167,10 @@ int step_host_id() {
 
 int step_locks() {
   RD_LOG_AS("Initialize_process");
+  // The lock folder is a setting of config.ini, which is read under these
+  // locks: it is taken from the file first. A file that fails its seal
+  // leaves the default, and the reading step reports the file.
+  if (read_lock_folder() == 0) platform::set_lock_dir(rd_config_copy().lock_folder);
   if (init_semaphore() != 0) {
     RD_ERROR("init_semaphore failed");
     return rd_codes::kInitLocks;
@@ -400,8 +417,12 @@ void init_reset_for_test() {
 }
 
 extern "C" VEXO_EXPORT int Initialize_process(const char* scanner_details) noexcept try {
+  // From here on the process holds keys and fingerprints: no core file, no
+  // debugger of another process.
+  const int dumps_error = platform::forbid_core_dumps() == 0 ? 0 : platform::last_error();
   int rc = once(g_once.log);
   if (rc != 0) return rc;
+  if (dumps_error != 0) RD_ERROR("Core dumps could not be switched off (errno %d)", dumps_error);
   step_scanner(scanner_details);
   if ((rc = once(g_once.pipe)) != 0) return rc;
   if ((rc = step_required_files()) != 0) return rc;

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <thread>
 
+#include "common/rd_codes.h"
 #include "common/rd_log.h"
 #include "common/hash.h"
 #include "platform/platform.h"
@@ -29,12 +30,12 @@ int verify_package(const char* caller, const std::string& checksum) {
   std::string computed;
   if (MD5_Generate(kDownloadTarget, &computed) == 0 && same_checksum(computed, checksum)) {
     RD_INFO("file downloaded and check sum verified successfully");
-    return 0;
+    return rd_codes::kDownloadOk;
   }
   RD_ERROR("Downloaded file checksum is invalid");
   RD_STATUS("Downloaded file checksum is invalid");
   RD_PIPE("10000", "Downloaded file checksum is invalid\n");
-  return -1;
+  return rd_codes::kDownloadFailed;
 }
 
 }  // namespace
@@ -86,12 +87,12 @@ int download_software_update(const std::string& url, const std::string& checksum
   DownloadSlot slot = DownloadSlot::try_take();
   if (!slot.held()) {
     RD_ERROR("Software download already in progress");
-    return -1;
+    return rd_codes::kDownloadFailed;
   }
   if (wait) {
     if (download_manager(slot, url, checksum, kDownloadTarget) != 0) {
       RD_ERROR("Error at download_manager ");
-      return -1;
+      return rd_codes::kDownloadFailed;
     }
     return verify_package("download_software_update", checksum);
   }
@@ -101,7 +102,7 @@ int download_software_update(const std::string& url, const std::string& checksum
     std::thread(thread_download_software, DownloadRequest{url, checksum}, std::move(slot)).detach();
   } catch (...) {
     RD_ERROR("Could not able to create download thread");
-    return -1;
+    return rd_codes::kDownloadFailed;
   }
-  return 0;
+  return rd_codes::kDownloadOk;
 }

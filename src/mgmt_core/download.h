@@ -15,6 +15,10 @@
 // 0..CURRENT) and continues with chunk CURRENT + 1, so a process killed at
 // any moment never leaves a chunk twice in the package.
 //
+// The size request and the ranges of one download share one connection and
+// TLS session, under the trust settings of web_service/transfer.h (checked
+// once per download); each range has a time limit of its own.
+//
 // Thread-safety: one download at a time per process. download_manager and
 // download_software_update take the download slot and return -1 at once
 // when another download holds it. Every call keeps its buffers and libcurl
@@ -36,10 +40,13 @@ inline constexpr long kChunkStep = 102401;
 inline constexpr long kMaxPackageBytes = 2147483647L;
 // Response headers of the size request are collected into this many bytes.
 inline constexpr std::size_t kSizeHeaderBuffer = 4096;
-// A transfer that cannot connect within this time, or moves less than one
-// byte per second for this long, fails.
-inline constexpr long kDownloadConnectTimeoutSeconds = 60;
-inline constexpr long kDownloadStallSeconds = 60;
+// A request that cannot connect within kDownloadConnectTimeoutSeconds, or
+// has not received all of its answer within kDownloadRangeSeconds, fails, so
+// a trickling server cannot hold the device NOTREADY for long: a range is
+// 102401 bytes, and 60 s allows for 1.7 KB/s, which a poor mobile link
+// passes. A failed range costs a retry; the record keeps what was stored.
+inline constexpr long kDownloadConnectTimeoutSeconds = 30;
+inline constexpr long kDownloadRangeSeconds = 60;
 
 // What a download thread works on; the thread owns its copy.
 struct DownloadRequest {
@@ -84,10 +91,6 @@ int download_manager(const std::string& url, const std::string& checksum, const 
 int download_manager(const DownloadSlot& slot, const std::string& url, const std::string& checksum,
                      const std::string& target);
 
-// Size of the package at url from the Content-Length of a body-less request.
-// The size in bytes, or -1 (reported in the run log, last-status line and pipe).
-long get_package_size(const std::string& url);
-
 // The value of the last "Content-Length" header (any case) in headers, or
 // -1 when there is none or it is not a decimal number up to kMaxPackageBytes.
 long ParseFileLength(const std::string& headers);
@@ -99,20 +102,16 @@ long ParseFileLength(const std::string& headers);
 int get_previous_download_info(const std::string& url, const std::string& checksum, long size, int* current,
                                int* last);
 
-// Fetches the byte range ("first-last") of url into "package.child",
-// replacing it. 0, or -1 when the transfer fails, the server answers an
-// error status or more than kChunkStep bytes. *bytes (if given) receives the
-// body's length.
-int download_part(const std::string& url, const std::string& range, long* bytes = nullptr);
-
 // Replaces dm.conf atomically with the record for chunk current of last.
 // 0 or -1.
 int update_to_conf(const std::string& url, const std::string& checksum, long size, int last, int current);
 
-// Test seams: a pause after each stored chunk, and the stall and connect
-// time-outs in seconds (0 restores the defaults above).
+// Test seams: a pause after each stored chunk, and the connect and range
+// time limits in seconds (0 restores the limits above).
 void set_download_chunk_delay_for_test(unsigned ms);
 void set_download_timeouts_for_test(long seconds);
+// The range time limit in effect.
+long download_range_seconds();
 // Waits up to timeout_ms until no download holds the slot. True when free.
 bool wait_download_idle_for_test(int timeout_ms);
 

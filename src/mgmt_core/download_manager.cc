@@ -1,5 +1,3 @@
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -7,51 +5,48 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <new>
 
+#include "common/hash.h"
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "mgmt_core/download.h"
-#include "common/hash.h"
 #include "platform/platform.h"
+#include "web_service/transfer.h"
 
 namespace {
 
-struct CurlEasyFree {
-  void operator()(CURL* c) const { curl_easy_cleanup(c); }
-};
-using CurlEasy = std::unique_ptr<CURL, CurlEasyFree>;
-struct CurlShareFree {
-  void operator()(CURLSH* s) const { curl_share_cleanup(s); }
-};
-using CurlShare = std::unique_ptr<CURLSH, CurlShareFree>;
+using rd_codes::kDownloadFailed;
+using rd_codes::kDownloadFresh;
+using rd_codes::kDownloadOk;
+using transfer::Caller;
+
 struct FileClose {
   void operator()(std::FILE* f) const { std::fclose(f); }
 };
 using UniqueFile = std::unique_ptr<std::FILE, FileClose>;
 
-constexpr const char* kCaFile = "./cert/server.crt";
+constexpr Caller kSizeCaller{"download_manager", "get_package_size"};
+constexpr Caller kPartCaller{"download_manager", "download_part"};
 // A record longer than this is not one of ours.
 constexpr long long kMaxRecordBytes = 8192;
 
 std::atomic<unsigned> g_chunk_delay_ms{0};
 std::atomic<long> g_timeout_for_test{0};
 
-// The chunk requests of one download share connections and TLS sessions
-// through this object, which download_manager installs for its thread.
-thread_local CURLSH* t_share = nullptr;
-
-CurlEasy new_easy() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-  return CurlEasy(curl_easy_init());
-}
-
-long download_timeout(long fallback) {
+long limit_or_seam(long limit) {
   const long t = g_timeout_for_test.load();
-  return t > 0 ? t : fallback;
+  return t > 0 ? t : limit;
 }
+
+// What the requests of one download share: the trust they were checked
+// under, and one connection and TLS session to the server.
+struct Link {
+  RdConfig config;
+  transfer::Trust trust;
+  transfer::Share share;
+};
 
 std::string lower(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -120,21 +115,17 @@ size_t collect_headers(char* piece, size_t size, size_t count, void* user) {
   return bytes;
 }
 
-struct ChunkBuffer {
-  std::string data;
-};
-
 size_t collect_chunk(char* piece, size_t size, size_t count, void* user) {
   RD_LOG_AS("download_part");
-  auto* b = static_cast<ChunkBuffer*>(user);
+  auto* body = static_cast<std::string*>(user);
   const size_t bytes = size * count;
   // No range we ask for is longer than one step: a longer answer is not ours.
-  if (bytes > static_cast<size_t>(kChunkStep) - b->data.size()) {
+  if (bytes > static_cast<size_t>(kChunkStep) - body->size()) {
     RD_ERROR("Range answer longer than %ld bytes", kChunkStep);
     return 0;
   }
   try {
-    b->data.append(piece, bytes);
+    body->append(piece, bytes);
   } catch (const std::bad_alloc&) {
     RD_ERROR("not enough memory (realloc returned NULL)");
     return 0;
@@ -142,88 +133,148 @@ size_t collect_chunk(char* piece, size_t size, size_t count, void* user) {
   return bytes;
 }
 
-// The options that every download request shares: target, proxy, the CA
-// file with peer verification off (the package is checked by its MD5), the
-// debug level and the time-outs. Each failing option logs its own message.
-bool common_options(const char* caller, CURL* c, const std::string& url, const RdConfig& config) {
-  RD_LOG_AS(caller);
-  auto set = [&](CURLoption option, auto value, const char* name) {
-    if (curl_easy_setopt(c, option, value) == CURLE_OK) return true;
-    RD_ERROR("Error at curl_easy_setopt %s", name);
-    return false;
-  };
-  if (config.verbose > 1 && !set(CURLOPT_VERBOSE, 1L, "CURLOPT_VERBOSE")) return false;
-  if (!set(CURLOPT_URL, url.c_str(), "CURLOPT_URL") || !set(CURLOPT_PROXY, config.proxy_url.c_str(), "CURLOPT_PROXY"))
-    return false;
-  if (!config.proxy_username.empty() &&
-      !set(CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(), "CURLOPT_PROXYUSERNAME"))
-    return false;
-  if (!config.proxy_password.empty() &&
-      !set(CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(), "CURLOPT_PROXYPASSWORD"))
-    return false;
-  if (url.rfind("https://", 0) == 0 &&
-      (!set(CURLOPT_CAINFO, kCaFile, "CURLOPT_CAINFO") || !set(CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER")))
-    return false;
-  const long stall = download_timeout(kDownloadStallSeconds);
-  return set(CURLOPT_CONNECTTIMEOUT, download_timeout(kDownloadConnectTimeoutSeconds), "CURLOPT_CONNECTTIMEOUT") &&
-         set(CURLOPT_LOW_SPEED_LIMIT, 1L, "CURLOPT_LOW_SPEED_LIMIT") &&
-         set(CURLOPT_LOW_SPEED_TIME, stall, "CURLOPT_LOW_SPEED_TIME") &&
-         (t_share == nullptr || set(CURLOPT_SHARE, t_share, "CURLOPT_SHARE"));
+// Sets up a request of the download: the debug level, target, proxy, the
+// trust settings, the connection share and the time limits. Each failing
+// option logs its own message.
+bool set_request(const Caller& caller, CURL* c, const std::string& url, const Link& link) {
+  const RdConfig& config = link.config;
+  return transfer::set_options(
+             caller, c,
+             {{CURLOPT_VERBOSE, 1L, "Error at curl_easy_setopt CURLOPT_VERBOSE", config.verbose > 1},
+              {CURLOPT_URL, url.c_str(), "Error at curl_easy_setopt CURLOPT_URL"},
+              {CURLOPT_PROXY, config.proxy_url.c_str(), "Error at curl_easy_setopt CURLOPT_PROXY"},
+              {CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(), "Error at curl_easy_setopt CURLOPT_PROXYUSERNAME",
+               !config.proxy_username.empty()},
+              {CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(), "Error at curl_easy_setopt CURLOPT_PROXYPASSWORD",
+               !config.proxy_password.empty()}}) &&
+         transfer::set_trust(caller, c, link.trust) &&
+         transfer::set_options(
+             caller, c,
+             {{CURLOPT_SHARE, link.share.get(), "Error at curl_easy_setopt CURLOPT_SHARE", link.share != nullptr},
+              {CURLOPT_CONNECTTIMEOUT, limit_or_seam(kDownloadConnectTimeoutSeconds),
+               "Error at curl_easy_setopt CURLOPT_CONNECTTIMEOUT"},
+              {CURLOPT_TIMEOUT, download_range_seconds(), "Error at curl_easy_setopt CURLOPT_TIMEOUT"}});
 }
 
-// Installs a connection share for the chunk requests of one download.
-class ShareScope {
- public:
-  ShareScope() : share_(curl_share_init()) {
-    if (!share_) return;
-    curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
-    curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-    curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-    t_share = share_.get();
+// Size of the package at url from the Content-Length of a body-less request.
+// The size in bytes, or -1 (reported in the run log, last-status line and pipe).
+long get_package_size(const Link& link, const std::string& url) {
+  auto failed = [] {
+    RD_LOG_AS("get_package_size");
+    RD_STATUS("Get download file size failed ");
+    RD_PIPE("10000", "Get download file size failed\n");
+    return -1L;
+  };
+  transfer::Easy curl = transfer::new_easy();
+  if (!curl) {
+    RD_ERROR("Error in curl_easy_init");
+    return failed();
   }
-  ~ShareScope() { t_share = nullptr; }
-  ShareScope(const ShareScope&) = delete;
-  ShareScope& operator=(const ShareScope&) = delete;
+  CURL* c = curl.get();
+  HeaderBuffer headers;
+  headers.data[0] = '\0';
+  if (!set_request(kSizeCaller, c, url, link) ||
+      !transfer::set_options(kSizeCaller, c,
+                             {{CURLOPT_NOBODY, 1L, "Error at curl_easy_setopt CURLOPT_NOBODY"},
+                              {CURLOPT_HEADER, 1L, "Error at curl_easy_setopt CURLOPT_HEADER"},
+                              {CURLOPT_WRITEFUNCTION, collect_headers, "Error at curl_easy_setopt CURLOPT_WRITEFUNCTION"},
+                              {CURLOPT_WRITEDATA, &headers, "Error at curl_easy_setopt CURLOPT_WRITEDATA"}})) {
+    return failed();
+  }
+  const CURLcode rc = curl_easy_perform(c);
+  if (rc != CURLE_OK) {
+    RD_ERROR("Error at curl_easy_perform ");
+    RD_ERROR("Curl return code %d: %s", static_cast<int>(rc), curl_easy_strerror(rc));
+    return failed();
+  }
+  long http_status = 0;
+  curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &http_status);
+  if (http_status != 200) {
+    RD_ERROR("Package request answered with HTTP status %ld", http_status);
+    return failed();
+  }
+  const long size = ParseFileLength(std::string(headers.data, headers.used));
+  if (size < 0) {
+    RD_ERROR("No usable Content-Length in the package headers");
+    return failed();
+  }
+  RD_INFO("Size of .exe file is %ld bytes", size);
+  RD_STATUS("Software download is in progress : Size of .exe file is %ld bytes ", size);
+  RD_PIPE("10000", "Software download is in progress:|Size of .exe file is %ld byte\n", size);
+  return size;
+}
 
- private:
-  CurlShare share_;
-};
+// Fetches the byte range ("first-last") of url into *body and rewrites
+// "package.child" with it. 0, or -1 when the transfer fails, the server
+// answers an error status or more than kChunkStep bytes.
+int download_part(const Link& link, const std::string& url, const std::string& range, std::string* body) {
+  body->clear();
+  transfer::Easy curl = transfer::new_easy();
+  if (!curl) {
+    RD_ERROR("Error in curl_easy_init");
+    return kDownloadFailed;
+  }
+  CURL* c = curl.get();
+  body->reserve(static_cast<std::size_t>(kChunkStep));
+  if (!transfer::set_options(kPartCaller, c, {{CURLOPT_HEADER, 0L, "Error at curl_easy_setopt CURLOPT_HEADER"}}) ||
+      !set_request(kPartCaller, c, url, link) ||
+      !transfer::set_options(kPartCaller, c,
+                             {{CURLOPT_RANGE, range.c_str(), "Error at curl_easy_setopt CURLOPT_RANGE"},
+                              {CURLOPT_FAILONERROR, 1L, "Error at curl_easy_setopt CURLOPT_FAILONERROR"},
+                              {CURLOPT_WRITEFUNCTION, collect_chunk, "Error at curl_easy_setopt CURLOPT_WRITEFUNCTION"},
+                              {CURLOPT_WRITEDATA, body, "Error at curl_easy_setopt CURLOPT_WRITEDATA"}})) {
+    return kDownloadFailed;
+  }
+  const CURLcode rc = curl_easy_perform(c);
+  if (rc != CURLE_OK) {
+    long http_status = 0;
+    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &http_status);
+    RD_ERROR("Error at curl_easy_perform download_part");
+    RD_ERROR("Curl return code %d, HTTP Error Code  %ld", static_cast<int>(rc), http_status);
+    return kDownloadFailed;
+  }
+  RD_INFO("chunk size is %d", static_cast<int>(body->size()));
+  // Written over the previous chunk and cut to length, rather than emptied
+  // first: a file emptied and rewritten is flushed to disk on close by some
+  // file systems (ext4), which would cost a disk write for every chunk.
+  UniqueFile child(std::fopen(kDownloadChild, "r+b"));
+  if (!child) child.reset(platform::open_file(kDownloadChild, "wb"));
+  bool written = child && std::fwrite(body->data(), 1, body->size(), child.get()) == body->size() &&
+                 std::fclose(child.release()) == 0;
+  std::error_code ec;
+  if (written) std::filesystem::resize_file(kDownloadChild, body->size(), ec);
+  if (!written || ec) {
+    RD_ERROR("Couldn't write %s", kDownloadChild);
+    return kDownloadFailed;
+  }
+  return kDownloadOk;
+}
 
 // Creates or empties the target. 0 or -1.
 int start_fresh(const std::string& target) {
   RD_LOG_AS("download_manager");
-  UniqueFile f(std::fopen(target.c_str(), "wb"));
+  UniqueFile f(platform::open_file(target, "wb"));
   if (!f) {
     RD_ERROR("Couldn't open download file");
-    return -1;
+    return kDownloadFailed;
   }
-  return 0;
+  return kDownloadOk;
 }
 
-// Appends want bytes of package.child to target. 0 or -1.
-int append_chunk(const std::string& target, long want) {
+// Appends the chunk (the bytes just written to package.child) to target.
+// 0 or -1.
+int append_chunk(const std::string& target, const std::string& chunk) {
   RD_LOG_AS("download_manager");
-  UniqueFile out(std::fopen(target.c_str(), "ab"));
-  UniqueFile in(std::fopen(kDownloadChild, "rb"));
-  if (!out || !in) {
+  UniqueFile out(platform::open_file(target, "ab"));
+  if (!out) {
     RD_ERROR("Couldn't open download file");
-    return -1;
+    return kDownloadFailed;
   }
-  char buf[16384];
-  long left = want;
-  while (left > 0) {
-    const size_t n = std::fread(buf, 1, std::min<size_t>(sizeof buf, static_cast<size_t>(left)), in.get());
-    if (n == 0 || std::fwrite(buf, 1, n, out.get()) != n) {
-      RD_ERROR("Couldn't write download file");
-      return -1;
-    }
-    left -= static_cast<long>(n);
-  }
-  if (std::fclose(out.release()) != 0) {
+  if (std::fwrite(chunk.data(), 1, chunk.size(), out.get()) != chunk.size() || std::fclose(out.release()) != 0) {
     RD_ERROR("Couldn't write download file");
-    return -1;
+    return kDownloadFailed;
   }
-  return 0;
+  return kDownloadOk;
 }
 
 // Where the next attempt continues: the first chunk to fetch, after cutting
@@ -259,6 +310,7 @@ int resume_point(const std::string& url, const std::string& checksum, long size,
 
 void set_download_chunk_delay_for_test(unsigned ms) { g_chunk_delay_ms.store(ms); }
 void set_download_timeouts_for_test(long seconds) { g_timeout_for_test.store(seconds); }
+long download_range_seconds() { return limit_or_seam(kDownloadRangeSeconds); }
 
 long ParseFileLength(const std::string& headers) {
   std::string value;
@@ -283,67 +335,16 @@ long ParseFileLength(const std::string& headers) {
   return static_cast<long>(parse_decimal(value, kMaxPackageBytes));
 }
 
-long get_package_size(const std::string& url) {
-  const RdConfig config = rd_config_copy();
-  auto failed = [] {
-    RD_LOG_AS("get_package_size");
-    RD_STATUS("Get download file size failed ");
-    RD_PIPE("10000", "Get download file size failed\n");
-    return -1L;
-  };
-  CurlEasy curl = new_easy();
-  if (!curl) {
-    RD_ERROR("Error in curl_easy_init");
-    return failed();
-  }
-  CURL* c = curl.get();
-  HeaderBuffer headers;
-  headers.data[0] = '\0';
-  if (!common_options("get_package_size", c, url, config)) return failed();
-  auto set = [&](CURLoption option, auto value, const char* name) {
-    if (curl_easy_setopt(c, option, value) == CURLE_OK) return true;
-    RD_ERROR("Error at curl_easy_setopt %s", name);
-    return false;
-  };
-  if (!set(CURLOPT_NOBODY, 1L, "CURLOPT_NOBODY") || !set(CURLOPT_HEADER, 1L, "CURLOPT_HEADER") ||
-      !set(CURLOPT_WRITEFUNCTION, collect_headers, "CURLOPT_WRITEFUNCTION") ||
-      !set(CURLOPT_WRITEDATA, &headers, "CURLOPT_WRITEDATA") ||
-      !set(CURLOPT_TIMEOUT, download_timeout(kDownloadStallSeconds), "CURLOPT_TIMEOUT")) {
-    return failed();
-  }
-  const CURLcode rc = curl_easy_perform(c);
-  if (rc != CURLE_OK) {
-    RD_ERROR("Error at curl_easy_perform ");
-    RD_ERROR("Curl return code %d: %s", static_cast<int>(rc), curl_easy_strerror(rc));
-    return failed();
-  }
-  long http_status = 0;
-  curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &http_status);
-  if (http_status != 200) {
-    RD_ERROR("Package request answered with HTTP status %ld", http_status);
-    return failed();
-  }
-  const long size = ParseFileLength(std::string(headers.data, headers.used));
-  if (size < 0) {
-    RD_ERROR("No usable Content-Length in the package headers");
-    return failed();
-  }
-  RD_INFO("Size of .exe file is %ld bytes", size);
-  RD_STATUS("Software download is in progress : Size of .exe file is %ld bytes ", size);
-  RD_PIPE("10000", "Software download is in progress:|Size of .exe file is %ld byte\n", size);
-  return size;
-}
-
 int get_previous_download_info(const std::string& /*url*/, const std::string& checksum, long size, int* current,
                                int* last) {
   *current = 0;
   *last = 0;
-  if (!platform::file_exists(kDownloadRecord)) return 1;
+  if (!platform::file_exists(kDownloadRecord)) return kDownloadFresh;
   const long long length = platform::file_size(kDownloadRecord);
   std::string record;
   if (length < 0 || length > kMaxRecordBytes || platform::read_file(kDownloadRecord, &record) != 0) {
     RD_ERROR("Couldn't read %s", kDownloadRecord);
-    return -1;
+    return kDownloadFailed;
   }
   // URL|CHECKSUM|SIZE|CURRENT:LAST|STATUS| and nothing after it.
   std::string fields[5];
@@ -363,66 +364,20 @@ int get_previous_download_info(const std::string& /*url*/, const std::string& ch
                            fields[4] == (cur == end ? "Completed" : "In progress");
   if (!well_formed) {
     RD_ERROR("%s is not a download record", kDownloadRecord);
-    return -1;
+    return kDownloadFailed;
   }
   if (lower(fields[1]) != lower(checksum) || stored_size != size) {
     RD_INFO("Download exe has been changed. starting fresh download...");
-    return 1;
+    return kDownloadFresh;
   }
   if (cur == end) {
     RD_INFO("Previous download was successful. again fresh  download");
-    return 1;
+    return kDownloadFresh;
   }
   RD_INFO("Resuming previous download");
   *current = static_cast<int>(cur);
   *last = static_cast<int>(end);
-  return 0;
-}
-
-int download_part(const std::string& url, const std::string& range, long* bytes) {
-  if (bytes != nullptr) *bytes = 0;
-  const RdConfig config = rd_config_copy();
-  CurlEasy curl = new_easy();
-  if (!curl) {
-    RD_ERROR("Error in curl_easy_init");
-    return -1;
-  }
-  UniqueFile child(std::fopen(kDownloadChild, "wb"));
-  if (!child) {
-    RD_ERROR("Couldn't open %s", kDownloadChild);
-    return -1;
-  }
-  CURL* c = curl.get();
-  ChunkBuffer body;
-  body.data.reserve(static_cast<std::size_t>(kChunkStep));
-  auto set = [&](CURLoption option, auto value, const char* name) {
-    if (curl_easy_setopt(c, option, value) == CURLE_OK) return true;
-    RD_ERROR("Error at curl_easy_setopt %s", name);
-    return false;
-  };
-  if (!set(CURLOPT_HEADER, 0L, "CURLOPT_HEADER") || !common_options("download_part", c, url, config) ||
-      !set(CURLOPT_RANGE, range.c_str(), "CURLOPT_RANGE") ||
-      !set(CURLOPT_FAILONERROR, 1L, "CURLOPT_FAILONERROR") ||
-      !set(CURLOPT_WRITEFUNCTION, collect_chunk, "CURLOPT_WRITEFUNCTION") ||
-      !set(CURLOPT_WRITEDATA, &body, "CURLOPT_WRITEDATA")) {
-    return -1;
-  }
-  const CURLcode rc = curl_easy_perform(c);
-  if (rc != CURLE_OK) {
-    long http_status = 0;
-    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &http_status);
-    RD_ERROR("Error at curl_easy_perform download_part");
-    RD_ERROR("Curl return code %d, HTTP Error Code  %ld", static_cast<int>(rc), http_status);
-    return -1;
-  }
-  RD_INFO("chunk size is %d", static_cast<int>(body.data.size()));
-  if (std::fwrite(body.data.data(), 1, body.data.size(), child.get()) != body.data.size() ||
-      std::fclose(child.release()) != 0) {
-    RD_ERROR("Couldn't write %s", kDownloadChild);
-    return -1;
-  }
-  if (bytes != nullptr) *bytes = static_cast<long>(body.data.size());
-  return 0;
+  return kDownloadOk;
 }
 
 int update_to_conf(const std::string& url, const std::string& checksum, long size, int last, int current) {
@@ -441,16 +396,16 @@ int update_to_conf(const std::string& url, const std::string& checksum, long siz
   record += '|';
   if (platform::write_file_atomic(kDownloadRecord, record.data(), record.size()) != 0) {
     RD_ERROR("Couldn't write %s", kDownloadRecord);
-    return -1;
+    return kDownloadFailed;
   }
-  return 0;
+  return kDownloadOk;
 }
 
 int download_manager(const std::string& url, const std::string& checksum, const std::string& target) {
   DownloadSlot slot = DownloadSlot::try_take();
   if (!slot.held()) {
     RD_ERROR("Software download already in progress");
-    return -1;
+    return kDownloadFailed;
   }
   return download_manager(slot, url, checksum, target);
 }
@@ -460,26 +415,34 @@ int download_manager(const DownloadSlot& /*slot*/, const std::string& url, const
   const std::string checksum = lower(checksum_text);
   if (!is_record_safe(url) || !is_md5_hex(checksum)) {
     RD_ERROR("Invalid download request: url %.256s, checksum %.64s", url.c_str(), checksum_text.c_str());
-    return -1;
+    return kDownloadFailed;
   }
   const std::filesystem::path folder = std::filesystem::path(target).parent_path();
   if (!folder.empty() && platform::make_dirs(folder.string()) != 0) {
     RD_ERROR("Couldn't create %s", folder.string().c_str());
-    return -1;
+    return kDownloadFailed;
   }
-  const long size = get_package_size(url);
+  // One trust check and one connection for the size request and every range.
+  Link link;
+  link.config = rd_config_copy();
+  link.share = transfer::new_share();
+  if (transfer::prepare_trust(kSizeCaller, url, &link.trust) != 0) {
+    RD_ERROR("Error at get_package_size");
+    return kDownloadFailed;
+  }
+  const long size = get_package_size(link, url);
   if (size < 0) {
     RD_ERROR("Error at get_package_size");
-    return -1;
+    return kDownloadFailed;
   }
   const int last = last_index(size);
   int first = resume_point(url, checksum, size, target);
   if (first < 0) {
-    if (start_fresh(target) != 0) return -1;
+    if (start_fresh(target) != 0) return kDownloadFailed;
     first = 0;
   }
 
-  ShareScope share;
+  std::string chunk;
   for (int index = first; index <= last; ++index) {
     const long want = chunk_bytes(size, index, last);
     if (want > 0) {
@@ -488,34 +451,33 @@ int download_manager(const DownloadSlot& /*slot*/, const std::string& url, const
       char range[48];
       std::snprintf(range, sizeof range, "%ld-%ld", start, end);
       RD_INFO("Range is: %s", range);
-      long got = 0;
-      if (download_part(url, range, &got) != 0) {
+      if (download_part(link, url, range, &chunk) != 0) {
         RD_ERROR("Error at download_part Download failed");
-        return -1;
+        return kDownloadFailed;
       }
       RD_INFO("Success range %s", range);
-      if (got != want) {
-        RD_ERROR("Range %s answered %ld bytes instead of %ld", range, got, want);
-        return -1;
+      if (static_cast<long>(chunk.size()) != want) {
+        RD_ERROR("Range %s answered %zu bytes instead of %ld", range, chunk.size(), want);
+        return kDownloadFailed;
       }
-      if (append_chunk(target, want) != 0) return -1;
+      if (append_chunk(target, chunk) != 0) return kDownloadFailed;
     }
-    if (update_to_conf(url, checksum, size, last, index) != 0) return -1;
+    if (update_to_conf(url, checksum, size, last, index) != 0) return kDownloadFailed;
     if (const unsigned delay = g_chunk_delay_ms.load(); delay > 0) platform::sleep_ms(delay);
   }
 
   std::string computed;
   if (MD5_Generate(target, &computed) != 0) {
     RD_ERROR("Couldn't open download file");
-    return -1;
+    return kDownloadFailed;
   }
   RD_INFO("MS check sum is %s, MC checksum is %s", checksum.c_str(), computed.c_str());
   if (computed == checksum) {
     RD_INFO("Checksum matched.Download successful");
-    return 0;
+    return kDownloadOk;
   }
   RD_ERROR("Downloaded file checksum is invalid. Download Failed.");
   RD_STATUS("Downloaded file checksum is invalid. Download Failed.");
   RD_PIPE("10000", "Downloaded file checksum is invalid|Download Failed.\n");
-  return -1;
+  return kDownloadFailed;
 }

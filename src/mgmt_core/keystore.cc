@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/adapters.h"
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/hash.h"
@@ -13,7 +14,6 @@
 #include "platform/platform.h"
 #include "common/secret.h"
 #include "rd_core/aes.h"
-#include "semaphore/semaphore_syc.h"
 
 namespace {
 
@@ -39,32 +39,36 @@ bool same_digest(const std::string& stored, const Sha256Digest& digest) {
   return stored.size() == digest.size() && std::memcmp(stored.data(), digest.data(), digest.size()) == 0;
 }
 
-// The key has been tampered with: release the caller's lock, ask for a new
-// key, and take the lock again. -100 when the key was replaced, else -1.
-int forced_key_rotation(bool* lock_released) {
+// The key has been tampered with: a new key, made under the caller's hold of
+// the scanner lock, which stays the caller's throughout. -100 when the key was
+// replaced, else -1.
+int forced_key_rotation() {
   RD_LOG_AS("GetDevicePrivateKeyFromFile");
-  // The rotation takes the scanner lock itself, so the caller's hold must go.
-  (void)Unlock_Semaphore();
-  if (lock_released) *lock_released = true;
   RD_INFO("Going for Forceful Key rotation");
-  if (mgmt_key_rotation("KEY_ROTATION") != 0) {
-    // The caller's lock stays released on this path.
+  if (mgmt_forced_key_rotation() != 0) {
     RD_ERROR("Key rotation function failed");
-    return -1;
+    return rd_codes::kKeystoreFailed;
   }
   RD_INFO("Forceful Key rotation is successful");
-  if (Lock_Semaphore() != 0) {
-    RD_ERROR("Error at Lock_Semaphore");
-    return -1;
-  }
-  if (lock_released) *lock_released = false;
-  return -100;
+  return rd_codes::kKeystoreTampered;
 }
 
 }  // namespace
 
 int GenerateKeyPair(std::string* cert_pem) {
+  recover_staged_identity();
+  if (stage_key_pair(cert_pem) != 0) discard_staged_identity();
+  // A commit cut short is completed by the next start-up, so what it staged stays.
+  if (cert_pem->empty() || commit_staged_identity() != 0) {
+    cert_pem->clear();
+    return -1;
+  }
+  return 0;
+}
+
+int stage_key_pair(std::string* cert_pem) {
   cert_pem->clear();
+  RD_LOG_AS("GenerateKeyPair");
   RD_INFO("............................Accessing keystore files.......................");
   std::string pem_text;
   std::string cert;
@@ -81,7 +85,8 @@ int GenerateKeyPair(std::string* cert_pem) {
 
   (void)platform::make_dirs(keystore_file_path("keystore"));
   const Sha256Digest key_hash = sha256(pem.view());
-  if (platform::write_file_atomic(keystore_file_path(kKeyHash), key_hash.data(), key_hash.size(), 0600) != 0) {
+  if (platform::write_file_atomic(staged_path(keystore_file_path(kKeyHash)), key_hash.data(), key_hash.size(),
+                                 0600) != 0) {
     RD_ERROR("Error at to create key.hash file");
     return -1;
   }
@@ -96,18 +101,20 @@ int GenerateKeyPair(std::string* cert_pem) {
   RD_INFO("Private protection is successful");
 
   const std::string key_path = keystore_file_path(kEncKey);
-  if (platform::write_file_atomic(key_path, encrypted.data(), encrypted.size(), 0600) != 0) {
+  if (platform::write_file_atomic(staged_path(key_path), encrypted.data(), encrypted.size(), 0600) != 0) {
     RD_ERROR("Error at to open enc dev private key file");
     RD_STATUS("File not found %s ", key_path.c_str());
     RD_PIPE("5000", "File not found %s\n", key_path.c_str());
     return -1;
   }
   Stamp stamp{};
-  if (access_stamp(key_path, &stamp) != 0) {
+  if (access_stamp(staged_path(key_path), &stamp) != 0) {
     RD_ERROR("error to do stat of private key");
     return -1;
   }
-  if (platform::write_file_atomic(keystore_file_path(kAccessTimeFile), stamp.data(), stamp.size(), 0600) != 0) {
+  // A rename keeps the access time, so the stamp holds once the file is in place.
+  if (platform::write_file_atomic(staged_path(keystore_file_path(kAccessTimeFile)), stamp.data(), stamp.size(),
+                                  0600) != 0) {
     RD_ERROR("Unable to create keystore access time file");
     return -1;
   }
@@ -198,16 +205,13 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   return 0;
 }
 
-int GetDevicePrivateKeyFromFile(std::string* pem) { return GetDevicePrivateKeyFromFile(pem, nullptr); }
-
-int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
+int GetDevicePrivateKeyFromFile(std::string* pem) {
   pem->clear();
-  if (lock_released) *lock_released = false;
   RD_VERBOSE("Accessing Keystore to get device private key");
 
   SecretArray<32> password{};
   int rc = GetPasswordToDecPrivateKey(&password);
-  if (rc == -100) return forced_key_rotation(lock_released);
+  if (rc == -100) return forced_key_rotation();
   if (rc != 0) {
     RD_ERROR("Failed to get Password");
     return rc;
@@ -234,7 +238,7 @@ int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
   if (decrypt_rc != 0) {
     // A node file made after the key (a rotation cut short) opens nothing.
     RD_ERROR("Decryption of private key is failed");
-    return forced_key_rotation(lock_released);
+    return forced_key_rotation();
   }
   RD_VERBOSE("decryption of Enc private key is success");
 
@@ -253,7 +257,7 @@ int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released) {
     RD_STATUS("validation failed, Private key might be tampered ");
     // The second "|" is the front end's line break.
     RD_PIPE("10000", "validation failed, Private key might|be tampered\n");
-    return forced_key_rotation(lock_released);
+    return forced_key_rotation();
   }
 
   // Record the access this read has just made, so it is not taken for tampering.

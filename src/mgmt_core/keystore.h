@@ -20,16 +20,48 @@
 struct x509_st;     // OpenSSL's X509
 struct evp_pkey_st; // OpenSSL's EVP_PKEY
 
-// Makes a new key pair and certificate, writes keystore/enc_private_key,
-// keystore/key.hash, keystore/pdHash.hash, last_acces_time_file and
-// cert/public/DevPubKey (and a new node file). cert_pem receives the
-// certificate. 0 or -1.
+// Makes a new key pair and certificate and puts them in place: stage_key_pair,
+// then commit_staged_identity. cert_pem receives the certificate. 0 or -1
+// (nothing in force changed).
 int GenerateKeyPair(std::string* cert_pem);
 
+// Makes a new key pair and certificate beside the identity in force: the
+// staged copies (staged_path) of keystore/enc_private_key, keystore/key.hash,
+// keystore/pdHash.hash, last_acces_time_file, cert/public/DevPubKey and the
+// node file. The key in force stays readable until commit_staged_identity.
+// cert_pem receives the certificate. 0 or -1.
+int stage_key_pair(std::string* cert_pem);
+
 // Makes the key pair and certificate (mkcert with 2048 bits, serial 0 and
-// DEV_PUB_KEY_VALIDITY minutes), writes cert/public/DevPubKey. private_pem
-// receives the unencrypted PKCS#8 PEM, cert_pem the certificate. 0 or -1.
+// DEV_PUB_KEY_VALIDITY minutes), writes the staged cert/public/DevPubKey.
+// private_pem receives the unencrypted PKCS#8 PEM, cert_pem the certificate. 0 or -1.
 int RSA_Generate_key(std::string* private_pem, std::string* cert_pem);
+
+// ---------------------------------------------------------------- identity commit
+// The device's identity is the keystore, the node file, cert/public/DevPubKey,
+// the signed certificate cert/public/signed_mc.cer, dc in config.ini with its
+// seal, and the marker App_Vexo. A new identity is written beside the one in
+// force (each file's staged copy) and put in place as one step: a commit
+// record (keystore/identity.commit) is written, every staged file is renamed
+// over its target, and the record is removed. A crash before the record leaves
+// the old identity, after it recover_staged_identity completes the new one.
+// REQUIRES for all of them: the scanner lock (Key_Rotation, a forced rotation
+// and start-up hold it).
+
+// The staged copy of an identity file: path followed by ".staged".
+std::string staged_path(const std::string& path);
+// Puts every staged identity file in place. 0, or -1 when the record cannot
+// be written (nothing changed) or a rename failed (the record stays, and the
+// next start-up completes the change).
+int commit_staged_identity();
+// Removes every staged identity file.
+void discard_staged_identity();
+// Completes a commit that a crash cut short, else removes staged files that
+// were never committed. Run at start-up and before a new identity is staged.
+void recover_staged_identity();
+// 0 when signed_der (DER) is a certificate for the key of device_cert_pem, the
+// device certificate made with it; -1 otherwise.
+int signed_cert_for_key(const std::string& signed_der, const std::string& device_cert_pem);
 
 // Self-signed v3 certificate over a new RSA key of `bits` bits (exponent
 // 65537), signed with MD5 with RSA, valid from now for `minutes` minutes.
@@ -37,9 +69,9 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem);
 // on failure both are left null. 0 or -1.
 int mkcert(x509_st** cert, evp_pkey_st** pkey, int bits, int serial, long minutes);
 
-// Deletes and recreates the node file, then derives the password from the
-// first adapter's address; writes keystore/pdHash.hash. 0 or -1 (also for an
-// rdsId outside the node-file table).
+// Makes a new staged node file, then derives the password from the first
+// adapter's address; writes the staged keystore/pdHash.hash. 0 or -1 (also
+// for an rdsId outside the node-file table).
 int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password);
 
 // Derives the password again and checks the keystore on the way. 0; -1
@@ -51,15 +83,9 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password);
 // Reads and decrypts the device private key (PEM). 0; -1 failure; -100 the key
 // was just replaced by a forced key rotation. Tampering, a key that does not
 // decrypt or does not match key.hash, and a missing node file all force the
-// rotation: a rotation cut short by a crash leaves such a keystore.
-// A tampered keystore starts a forced rotation, which releases the caller's
-// scanner lock before asking for the rotation (the rotation takes it itself).
-// If the rotation fails, or the lock cannot be taken again after it, the
-// result is -1 and the lock stays RELEASED; on every other result (0, -100 and
-// the other -1 paths) the caller still holds it. *lock_released (when given)
-// tells the -1 cases apart: true only when the lock is no longer held.
+// rotation. REQUIRES: the caller holds the scanner lock; the forced rotation
+// runs under that hold and never releases it, whatever its outcome.
 int GetDevicePrivateKeyFromFile(std::string* pem);
-int GetDevicePrivateKeyFromFile(std::string* pem, bool* lock_released);
 
 // Creates the node file (create-new, owner-only; missing folders are made)
 // and writes its dynamic key text into key. 0 or -1.

@@ -154,7 +154,7 @@ int RSA_Generate_key(std::string* private_pem, std::string* cert_pem) {
   }
   (void)platform::make_dirs(keystore_file_path("cert/public"));
   const std::string path = keystore_file_path("cert/public/DevPubKey");
-  if (platform::write_file_atomic(path, cert_text.data(), cert_text.size(), 0600) != 0) {
+  if (platform::write_file_atomic(staged_path(path), cert_text.data(), cert_text.size(), 0600) != 0) {
     RD_ERROR("opening public key file failed");
     RD_STATUS("opening device public key file failed : %s ", path.c_str());
     RD_PIPE("10000", "File not found %s\n", path.c_str());

@@ -160,8 +160,12 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
     RD_ERROR("Invalid RDS ID");
     return -1;
   }
-  if (platform::file_exists(node)) {
-    if (std::remove(node.c_str()) != 0) {
+  // The new node file is made beside the one in force, which keeps opening
+  // the current key until the commit renames the new one over it (a rename
+  // keeps the file's identity, and with it the password).
+  const std::string staged = staged_path(node);
+  if (platform::file_exists(staged)) {
+    if (std::remove(staged.c_str()) != 0) {
       RD_ERROR("Removing Vexo_Node.txt file failed");
       return -1;
     }
@@ -171,7 +175,7 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   }
 
   std::string dynamic_key;
-  if (GetDynamickey_For_Encryption(node, &dynamic_key) != 0) {
+  if (GetDynamickey_For_Encryption(staged, &dynamic_key) != 0) {
     RD_ERROR("Getting Dynamic key Failed");
     return -1;
   }
@@ -197,7 +201,7 @@ int GetPasswordToEncPrivateKey(std::array<std::uint8_t, 32>* password) {
   const Sha256Digest pd_hash = sha256(std::span<const std::uint8_t>(mac.data(), mac.size()));
   (void)platform::make_dirs(keystore_file_path("keystore"));
   const std::string pd_path = keystore_file_path("keystore/pdHash.hash");
-  if (platform::write_file_atomic(pd_path, pd_hash.data(), pd_hash.size(), 0600) != 0) {
+  if (platform::write_file_atomic(staged_path(pd_path), pd_hash.data(), pd_hash.size(), 0600) != 0) {
     RD_ERROR("Error at to open pdHash_file application, path is %s", pd_path.c_str());
     return -1;
   }

@@ -37,14 +37,25 @@ void beep(unsigned frequency_hz, unsigned duration_ms);
 int last_error();
 
 // ---------------------------------------------------------------- status pipe
-// Path of the status FIFO, "/tmp/qdx.win.002" unless a test moved it.
+// Path of the status FIFO: the one the host named with set_status_pipe_path,
+// else "/run/user/<effective uid>/qdx.win.002" (the user's private runtime
+// folder, where a host without an option makes it).
 std::string status_pipe_path();
-void set_status_pipe_path_for_test(const std::string& path);
-// Opens the FIFO write-only; fails (returns -1, *err = errno) when it does not
-// exist, is not a FIFO or has no reader. Returns the descriptor.
+// The host made its FIFO at path (the exported Set_Status_Pipe_Path); an empty
+// path restores the default.
+void set_status_pipe_path(const std::string& path);
+// Opens the FIFO write-only and non-blocking, without following a symbolic
+// link, and keeps it only when it is a FIFO of this process's effective user
+// that other users can neither read nor write: a FIFO another user planted
+// could read the messages or inject its own. The descriptor, or -1 with
+// *err = errno: ENOENT nothing there or not a FIFO, ENXIO no reader, ELOOP a
+// symbolic link, EPERM another user's FIFO or one open to others.
 int pipe_open(const std::string& path, int* err);
-// One write of the whole message. 0, or -1 with *err = errno (EPIPE when the
-// reader went away; never raises SIGPIPE).
+// One write of the whole message, never blocking (the descriptor stays
+// non-blocking): a reader that stopped reading costs the message, never the
+// caller's thread. 0, or -1 with *err = errno (EAGAIN the FIFO is full, EPIPE
+// the reader went away; never raises SIGPIPE). A message of at most 4096
+// bytes is written whole or not at all.
 int pipe_write(int fd, const void* data, std::size_t len, int* err);
 void pipe_close(int fd);
 
@@ -69,9 +80,27 @@ void close_socket(socket_t s);
 // lock_dir(). Threads of one process also exclude each other. A lock whose
 // holder process dies is released by the system.
 struct NamedLock;
-std::string lock_dir();                          // "/tmp" unless a test moved it
+// The folder of the lock files: a test's folder, else the one set with
+// set_lock_dir (the configured lock folder), else default_lock_dir().
+std::string lock_dir();
+// The package's lock folder when it exists, else the system's temporary
+// folder: "/run/vexo", else "/tmp" (never $TMPDIR, which differs between
+// processes that must share the locks).
+std::string default_lock_dir();
+// The configured lock folder; empty for the default.
+void set_lock_dir(const std::string& dir);
+// Test seam: a folder that wins over the configured one; empty removes it.
 void set_lock_dir_for_test(const std::string& dir);
-NamedLock* named_lock_open(const char* name);    // nullptr on failure (errno kept)
+// The lock file of name: "Global\\QDX_WIN_010" -> "<lock_dir()>/Global_QDX_WIN_010.lock".
+std::string named_lock_path(const char* name);
+// Opens (creating when missing) the lock file of name, never through a
+// symbolic link. A file it creates is made readable and writable by every
+// user, so that the services of all users of the machine share the lock (it
+// holds nothing); an existing one is used as it is, never changed, and only
+// when it is a regular file with one link. nullptr on failure, errno kept:
+// ELOOP a symbolic link, EEXIST something other than such a file, EACCES a
+// file this user may not open.
+NamedLock* named_lock_open(const char* name);
 // 0 acquired, 1 time-out, -1 failure.
 int named_lock_acquire(NamedLock* lock, unsigned timeout_ms);
 // 0 released, -1 not held by this process (or failure).
@@ -130,12 +159,15 @@ bool file_exists(const std::string& path);
 bool file_readable(const std::string& path);
 // Whole-file read; 0 or -1.
 int read_file(const std::string& path, std::string* out);
+// Every file and folder the library creates is made here, closed to other
+// users: files owner read and write (0600), folders owner only (0700).
 // Writes a temporary file beside path, flushes it and renames it over path,
-// so a crash never leaves a torn file. mode is the new file's permission bits.
+// so a crash never leaves a torn file. The new file's permission bits are
+// mode's owner bits only (group and other bits are never granted).
 // 0; -1 the temporary file cannot be created (nothing was written); -2 writing,
 // flushing or renaming failed (the temporary file is removed, path unchanged).
 int write_file_atomic(const std::string& path, const void* data, std::size_t len,
-                      unsigned mode = 0644);
+                      unsigned mode = 0600);
 // Test seam: the process kills itself (SIGKILL) at the n-th crash point from
 // now: each step of a file replacement (temporary file made, written,
 // flushed, renamed) and each step of a paired change. 0 turns it off.
@@ -148,11 +180,18 @@ void set_write_fault_for_test(WriteFault fault);
 // The same, for writers that need a stream: write() fills the temporary file
 // and returns false on failure. 0 or -1.
 int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
-                             unsigned mode = 0644);
+                             unsigned mode = 0600);
 // Moves from over to, replacing an existing to atomically (rename; on
 // Windows MoveFileExW with MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH,
 // where rename refuses an existing target). 0, or -1 with the error kept.
 int rename_over(const std::string& from, const std::string& to);
+// fopen for the library's own files: a file it creates is owner read and
+// write only (0600). mode is fopen's ("r", "rb", "w", "wb", "a", "ab", with
+// or without "+"). The stream, or nullptr with errno kept.
+std::FILE* open_file(const std::string& path, const char* mode);
+// True when other users (group or others) may create, rename or remove
+// entries in the folder at path; false when they may not or it cannot be read.
+bool folder_writable_by_others(const std::string& path);
 // Removes the temporary files that write_file_atomic leaves in dir when a
 // crash cuts a replacement short ("NAME.tmpXXXXXX"). Other files stay.
 void remove_stale_temporaries(const std::string& dir);
@@ -163,6 +202,11 @@ long long file_access_time(const std::string& path);
 long long file_size(const std::string& path);
 // The file's last-modification time in nanoseconds, or -1.
 long long file_modify_time_ns(const std::string& path);
+
+// ---------------------------------------------------------------- process
+// Marks the process not dumpable: no core file, and other processes of the
+// same user cannot attach to it or read its memory. 0, or -1 (errno kept).
+int forbid_core_dumps();
 
 // ---------------------------------------------------------------- random
 // Cryptographically strong random bytes. 0 or -1.

@@ -16,10 +16,11 @@ std::mutex g_time_mutex;
 std::optional<std::time_t> g_time_override;
 
 std::mutex g_pipe_path_mutex;
-std::string g_pipe_path = sys::kDefaultStatusPipePath;
+std::string g_pipe_path;  // named by the host; guarded by g_pipe_path_mutex
 
 std::mutex g_dir_mutex;
-std::string g_lock_dir = sys::kDefaultLockDir;
+std::string g_lock_dir;       // the configured folder; guarded by g_dir_mutex
+std::string g_test_lock_dir;  // a test's folder, which wins; guarded by g_dir_mutex
 
 std::mutex g_adapters_mutex;
 std::optional<std::vector<Adapter>> g_test_adapters;
@@ -49,23 +50,43 @@ std::uint64_t monotonic_ms() {
 }
 
 std::string status_pipe_path() {
-  std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
-  return g_pipe_path;
+  {
+    std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
+    if (!g_pipe_path.empty()) return g_pipe_path;
+  }
+  return sys::default_status_pipe_path();
 }
 
-void set_status_pipe_path_for_test(const std::string& path) {
+void set_status_pipe_path(const std::string& path) {
   std::lock_guard<std::mutex> lock(g_pipe_path_mutex);
   g_pipe_path = path;
 }
 
 std::string lock_dir() {
+  {
+    std::lock_guard<std::mutex> guard(g_dir_mutex);
+    if (!g_test_lock_dir.empty()) return g_test_lock_dir;
+    if (!g_lock_dir.empty()) return g_lock_dir;
+  }
+  return default_lock_dir();
+}
+
+void set_lock_dir(const std::string& dir) {
   std::lock_guard<std::mutex> guard(g_dir_mutex);
-  return g_lock_dir;
+  g_lock_dir = dir;
 }
 
 void set_lock_dir_for_test(const std::string& dir) {
   std::lock_guard<std::mutex> guard(g_dir_mutex);
-  g_lock_dir = dir;
+  g_test_lock_dir = dir;
+}
+
+std::string named_lock_path(const char* name) {
+  std::string file(name);
+  for (char& c : file) {
+    if (c == '\\' || c == '/') c = '_';
+  }
+  return lock_dir() + "/" + file + ".lock";
 }
 
 int list_adapters(std::vector<Adapter>* out) {

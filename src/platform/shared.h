@@ -7,15 +7,15 @@
 #define VEXO_PLATFORM_SHARED_H
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "platform/platform.h"
 
 namespace platform::sys {
 
-// The status pipe's path and the lock folder before a test moves them.
-extern const char kDefaultStatusPipePath[];
-extern const char kDefaultLockDir[];
+// The status pipe's path when the host names none.
+std::string default_status_pipe_path();
 
 // The system's adapter list, filtered and ordered as list_adapters promises.
 int list_system_adapters(std::vector<Adapter>* out);

@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "common/http_frame.h"
 #include "common/work_area.h"
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
@@ -23,29 +24,14 @@
 
 namespace {
 
-constexpr const char* kHost = "127.0.0.1";
 constexpr const char* kSignedMcFile = "cert/public/signed_mc.cer";
 constexpr const char* kHandheldScanner = "Tavio_TX9";
 
-// The two origin headers differ on purpose: last and with a blank for capture,
-// first and without a blank for device info. Clients already depend on both.
-constexpr const char* kCaptureHead =
-    "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://%s:%hd/rd/capture\r\nContent-Length: "
-    "%d\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
-constexpr const char* kCaptureHeadOrigin =
-    "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://%s:%hd/rd/capture\r\nContent-Length: "
-    "%d\r\nContent-Type: text/xml\r\nConnection: close\r\nAccess-Control-Allow-Origin: %s\r\n\r\n";
-constexpr const char* kInfoHead =
-    "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://%s:%hd/rd/info\r\nContent-Length: "
-    "%d\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
-constexpr const char* kInfoHeadOrigin =
-    "HTTP/1.1 200 OK\r\nAccess-Control-Allow-Origin:%s\r\nCACHE-CONTROL: no-cache\r\nLOCATION: "
-    "http://%s:%hd/rd/info\r\nContent-Length: %d\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
 constexpr const char* kDeviceInfoFormat =
     "<DeviceInfo dpId=\"%s\" rdsId=\"%s\" rdsVer=\"%s\" dc=\"%s\" mi=\"%s\" mc=\"%s\"><additional_info>"
     "<Param name=\"srno\" value=\"%s\"/></additional_info></DeviceInfo>\n";
 
-std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format_text(const char* fmt, ...) VEXO_PRINTF_FORMAT(1, 2);
 std::string format_text(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
@@ -62,8 +48,6 @@ std::string format_text(const char* fmt, ...) {
   va_end(args);
   return text;
 }
-
-short port_value() { return static_cast<short>(service_port()); }
 
 std::string signed_mc_path() { return rd_identity_copy().prefix + kSignedMcFile; }
 
@@ -99,19 +83,11 @@ void fill_counts(const PidOptionsRequest& request, PidDataResponse* r) {
   r->type = std::string(1, request.format);
 }
 
-// Copies body and the capture head into the work area. A head too long for
-// its region (an oversized origin) falls back to the form without origin.
-void write_capture_answer(const std::string& body, const char* origin, char* work_area) {
-  RD_LOG_AS("capture");
+// Copies body into the work area with the header of its kind.
+void write_answer(AnswerKind kind, const std::string& body, const char* origin, char* work_area) {
   std::memcpy(work_area, body.c_str(), body.size() + 1);
-  char* head = work_area + kRespHeaderOffset;
-  const int len = static_cast<int>(body.size());
-  if (origin != nullptr) {
-    int n = std::snprintf(head, kRespHeaderSize, kCaptureHeadOrigin, kHost, port_value(), len, origin);
-    if (n >= 0 && static_cast<std::size_t>(n) < kRespHeaderSize) return;
-    RD_ERROR("Origin value is too long for the response header");
-  }
-  std::snprintf(head, kRespHeaderSize, kCaptureHead, kHost, port_value(), len);
+  AnswerHead head{kind, 200, "", static_cast<int>(body.size())};
+  frame_answer_header(head, origin, work_area + kRespHeaderOffset);
 }
 
 // Frames and writes a PidData answer. Falls back to the internal-error answer
@@ -124,7 +100,7 @@ int send_pid_data(PidDataResponse* r, const char* origin, char* work_area) {
     set_pid_error(r, rd_codes::kRdInternal);
     if (FramePidOutputOuterXML(*r, &body) != 0) body.clear();
   }
-  write_capture_answer(body, origin, work_area);
+  write_answer(AnswerKind::kCapture, body, origin, work_area);
   return 0;
 }
 
@@ -305,15 +281,6 @@ int GetDeviceInfo(char* work_area, const char* origin) {
     body = format_text(kDeviceInfoFormat, id.dpId.c_str(), id.rdsId.c_str(), config.rd_ver.c_str(), dc.c_str(),
                        id.mi.c_str(), "", srno.c_str());
   }
-  std::memcpy(work_area, body.c_str(), body.size() + 1);
-
-  char* head = work_area + kRespHeaderOffset;
-  const int len = static_cast<int>(body.size());
-  if (origin != nullptr) {
-    int n = std::snprintf(head, kRespHeaderSize, kInfoHeadOrigin, origin, kHost, port_value(), len);
-    if (n >= 0 && static_cast<std::size_t>(n) < kRespHeaderSize) return 0;
-    RD_ERROR("Origin value is too long for the response header");
-  }
-  std::snprintf(head, kRespHeaderSize, kInfoHead, kHost, port_value(), len);
+  write_answer(AnswerKind::kDeviceInfo, body, origin, work_area);
   return 0;
 }

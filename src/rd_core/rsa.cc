@@ -135,8 +135,11 @@ int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t>
   }
 
   if (invalid != 0) {
+    // The capture answers at once; the host runs the update on its own
+    // thread, without the scanner lock this capture holds.
     RD_INFO("Going To download New version of RD Service");
-    if (mgmt_software_update() != 0) RD_ERROR("..... Software_Update Failed ......");
+    mgmt_request_software_update();
+    RD_INFO("Software_Update is left to the host program");
     return rd_codes::kRdBadUidaiCert;
   }
 

@@ -2,13 +2,18 @@
 #define VEXO_LOG_FILE "rsa"
 #include "rd_core/uidai_certs.h"
 
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <map>
 #include <mutex>
 
-#include "common/rd_config.h"
 #include "common/hash.h"
+#include "common/openssl_ptr.h"
+#include "common/rd_config.h"
 #include "platform/platform.h"
 
 // Byte arrays generated at build time from data/uidai/*.pem.
@@ -66,7 +71,38 @@ std::map<std::string, std::string> read_store(const std::string& prefix) {
 
 std::string sha256_hex(std::string_view text) { return hex_lower(sha256(text)); }
 
+bool names_uidai(const X509_NAME* subject) {
+  for (int at = -1; (at = X509_NAME_get_index_by_NID(subject, NID_organizationName, at)) >= 0;) {
+    unsigned char* utf8 = nullptr;
+    const int len = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at)));
+    const bool uidai = len >= 0 && std::string_view(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(len)) == "UIDAI";
+    OPENSSL_free(utf8);
+    if (uidai) return true;
+  }
+  return false;
+}
+
 }  // namespace
+
+int uidai_cert_plausible(const std::string& pem, std::time_t now, std::string* why) {
+  BioPtr bio(pem.size() <= INT_MAX ? BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())) : nullptr);
+  X509Ptr cert(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  const EVP_PKEY* key = cert ? X509_get0_pubkey(cert.get()) : nullptr;
+  if (key == nullptr) {
+    *why = "not an X.509 certificate";
+  } else if (EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA || EVP_PKEY_get_bits(key) < 2048) {
+    *why = "not an RSA key of at least 2048 bits";
+  } else if (X509_cmp_time(X509_get0_notBefore(cert.get()), &now) >= 0 ||
+             X509_cmp_time(X509_get0_notAfter(cert.get()), &now) <= 0) {
+    *why = "not valid now";
+  } else if (!names_uidai(X509_get_subject_name(cert.get()))) {
+    *why = "the subject names no organisation UIDAI";
+  } else {
+    why->clear();
+    return 0;
+  }
+  return -1;
+}
 
 bool uidai_cert_from_file_name(const std::string& name, UidaiCert* which) {
   for (UidaiCert w : {UidaiCert::kStage, UidaiCert::kPreProd, UidaiCert::kProd, UidaiCert::kProdOld}) {
@@ -101,7 +137,7 @@ int uidai_store_checksum(const std::string& prefix, UidaiCert which, const std::
     text += '\n';
   }
   if (platform::make_dirs(prefix + "cert/uidai") != 0) return -1;
-  return platform::write_file_atomic(prefix + kStoreFile, text.data(), text.size(), 0644) == 0 ? 0 : -1;
+  return platform::write_file_atomic(prefix + kStoreFile, text.data(), text.size()) == 0 ? 0 : -1;
 }
 
 int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::string& pem, const std::string& hex) {
@@ -110,7 +146,7 @@ int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::st
   std::string path = prefix;
   path += "cert/uidai/";
   path += uidai_cert_file_name(which);
-  if (platform::write_file_atomic(path, pem.data(), pem.size(), 0644) != 0) return -1;
+  if (platform::write_file_atomic(path, pem.data(), pem.size()) != 0) return -1;
   return uidai_store_checksum(prefix, which, hex);
 }
 

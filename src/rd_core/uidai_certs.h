@@ -7,6 +7,7 @@
 #ifndef VEXO_RD_CORE_UIDAI_CERTS_H
 #define VEXO_RD_CORE_UIDAI_CERTS_H
 
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -40,6 +41,12 @@ int uidai_store_checksum(const std::string& prefix, UidaiCert which, const std::
 // the certificate file is replaced first, then the checksum stored. 0 or -1
 // (nothing stored when the checksum differs).
 int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::string& pem, const std::string& hex);
+// Whether pem can be a UIDAI encryption certificate: an X.509 certificate in
+// PEM with an RSA key of at least 2048 bits, valid at now, whose subject names
+// the organisation "UIDAI". 0, or -1 with *why saying what is wrong. A
+// certificate the server names is installed only when it passes.
+int uidai_cert_plausible(const std::string& pem, std::time_t now, std::string* why);
+
 // The certificate for a file name ("prod.pem", ...). false for other names.
 bool uidai_cert_from_file_name(const std::string& name, UidaiCert* which);
 

@@ -17,6 +17,7 @@
 #include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -293,7 +294,7 @@ int settle_positions(const std::string& raw_posh, PidOptionsRequest* request) {
 }
 
 bool write_scratch(const char* body, std::size_t len) {
-  FILE* f = std::fopen(kScratchFile, "wb");
+  FILE* f = platform::open_file(kScratchFile, "wb");
   if (f == nullptr) return false;
   const bool written = std::fwrite(body, 1, len, f) == len;
   return std::fclose(f) == 0 && written;

@@ -7,6 +7,10 @@
 //   ...
 //   if (lock.unlock() != 0) ...;       // release early when the result matters
 //
+// The owners are the library's only releases of a lock: code that runs under
+// a caller's hold (the key read and the key rotation it may force) never
+// releases it, so a hold is released once, by the owner that took it.
+//
 // Thread-safety: an owner is used by the thread that made it.
 #ifndef VEXO_SEMAPHORE_DEVICE_LOCK_H
 #define VEXO_SEMAPHORE_DEVICE_LOCK_H

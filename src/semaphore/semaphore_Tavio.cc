@@ -31,7 +31,7 @@ int init_semaphore_Tavio() {
   if (g_tavio != nullptr) return 0;
   platform::NamedLock* lock = platform::named_lock_open(kTavioLockName);
   if (lock == nullptr) {
-    RD_ERROR("Error in creation of Tavio Semaphore");
+    report_lock_file(kTavioLockName, "Error in creation of Tavio Semaphore", __FILE__, __func__);
     return -1;
   }
   g_tavio.store(lock);

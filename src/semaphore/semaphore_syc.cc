@@ -37,6 +37,17 @@ const char* g_opened_name = nullptr;
 
 }  // namespace
 
+void report_lock_file(const char* name, const char* failure, const char* module, const char* caller) {
+  const int err = platform::last_error();
+  RD_LOG_IN(module, caller);
+  const std::string path = platform::named_lock_path(name);
+  RD_ERROR("%s", failure);
+  // A name taken by something else (another user's link or file) stops
+  // start-up; the host shows which path to look at.
+  RD_ERROR("Lock file %s cannot be used (errno %d)", path.c_str(), err);
+  RD_STATUS("Lock file %s cannot be used (errno %d) ", path.c_str(), err);
+}
+
 // Set by the Tavio half; the test seam sets both waits at once.
 void set_tavio_lock_timeout_for_test(unsigned ms);
 
@@ -77,7 +88,7 @@ int init_semaphore() {
   if (g_opened != nullptr && g_opened_name == name) return 0;
   platform::NamedLock* created = platform::named_lock_open(name);
   if (created == nullptr) {
-    RD_ERROR("Create Semaphore Failed");
+    report_lock_file(name, "Create Semaphore Failed", __FILE__, __func__);
     return -1;
   }
   platform::named_lock_close(g_created);

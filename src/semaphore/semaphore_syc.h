@@ -29,6 +29,11 @@ int Lock_Semaphore_Tavio();
 int Unlock_Semaphore_Tavio();
 int close_semaphore_Tavio();
 
+// Reports a lock file that could not be opened: failure, then the lock
+// file's path and errno, in the log and the last-status line, as lines of
+// caller in module.
+void report_lock_file(const char* name, const char* failure, const char* module, const char* caller);
+
 // The machine-wide lock name for a scanner ("Global\\QDX_WIN_010"), or nullptr.
 const char* semaphore_name_for_scanner(const char* scanner_name);
 

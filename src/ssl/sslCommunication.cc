@@ -27,12 +27,10 @@ using BnPtr = std::unique_ptr<BIGNUM, BnFree>;
 using SslPtr = std::unique_ptr<SSL, SslFree>;
 using CtxPtr = std::unique_ptr<SSL_CTX, SslCtxFree>;
 
-constexpr int kDefaultAcceptWaitMs = 120000;
 // How long closing waits for the client's close_notify before giving up.
 constexpr int kShutdownWaitMs = 1000;
 constexpr int kSessionTimeoutSeconds = 1200;
 
-std::atomic<int> g_accept_wait_ms{kDefaultAcceptWaitMs};
 std::mutex g_ctx_mutex;  // guards g_ctx while it is replaced
 CtxPtr g_ctx;
 std::atomic<SSL_CTX*> g_ctx_view{nullptr};
@@ -152,29 +150,28 @@ int ssl_input_ready(void* ctx, int timeout_ms) {
   return platform::wait_readable(SSL_get_fd(ssl), timeout_ms);
 }
 
-// Keeps a socket non-blocking while it lives and makes it blocking again at
-// the end, for the answer's blocking writes.
-class NonBlockingScope {
- public:
-  explicit NonBlockingScope(int fd) : fd_(fd), ok_(platform::set_nonblocking(fd, true) == 0) {}
-  ~NonBlockingScope() {
-    // Should this fail, the answer's writes fail in turn and are logged there.
-    if (ok_) (void)platform::set_nonblocking(fd_, false);
-  }
-  NonBlockingScope(const NonBlockingScope&) = delete;
-  NonBlockingScope& operator=(const NonBlockingScope&) = delete;
-  bool ok() const { return ok_; }
+// Milliseconds left until deadline (monotonic ms), 0 once it passed.
+int ms_until(std::uint64_t deadline) {
+  const std::uint64_t now = platform::monotonic_ms();
+  if (now >= deadline) return 0;
+  return deadline - now > INT_MAX ? INT_MAX : static_cast<int>(deadline - now);
+}
 
- private:
-  int fd_;
-  bool ok_;
-};
+// Waits until ssl can go on after a want-read or want-write status. 1 ready,
+// 0 the deadline passed, -1 error.
+int wait_for_peer(SSL* ssl, int status, std::uint64_t deadline) {
+  const int left = ms_until(deadline);
+  if (left == 0) return 0;
+  const int fd = SSL_get_fd(ssl);
+  return status == SSL_ERROR_WANT_WRITE ? platform::wait_writable(fd, left) : platform::wait_readable(fd, left);
+}
 
 // recvFromSSL with the deadline of the whole request (monotonic ms).
 int recv_from_ssl_until(SSL* ssl, char* buf, std::uint64_t deadline) {
   RD_LOG_AS("recvFromSSL");
-  NonBlockingScope non_blocking(SSL_get_fd(ssl));
-  if (!non_blocking.ok()) {
+  // makeSSLConnection left the socket non-blocking; one made elsewhere is
+  // switched here, so that no read can wait past the deadline.
+  if (platform::set_nonblocking(SSL_get_fd(ssl), true) != 0) {
     RD_ERROR("unable to set fd");
     return -1;
   }
@@ -182,16 +179,25 @@ int recv_from_ssl_until(SSL* ssl, char* buf, std::uint64_t deadline) {
   return read_http_request(src, buf);
 }
 
-// Writes all of data; 0, or -2 after logging the failure.
-int ssl_write_all(SSL* ssl, const char* data, std::size_t len) {
+// Writes all of data before deadline; 0, or -2 after logging the failure.
+int ssl_write_all(SSL* ssl, const char* data, std::size_t len, std::uint64_t deadline) {
   RD_LOG_AS("sendThruSSL");
   std::size_t sent = 0;
   while (sent < len) {
     std::size_t rest = len - sent;
     int chunk = rest > INT_MAX ? INT_MAX : static_cast<int>(rest);
+    ERR_clear_error();
     int n = SSL_write(ssl, data + sent, chunk);
     if (n < 1) {
+      // A client that does not read fills the socket: wait for room, but
+      // never past the deadline.
+      int status = SSL_get_error(ssl, n);
+      if ((status == SSL_ERROR_WANT_WRITE || status == SSL_ERROR_WANT_READ) &&
+          wait_for_peer(ssl, status, deadline) == 1) {
+        continue;
+      }
       RD_ERROR("Send Thru SSL Failed");
+      ERR_clear_error();
       return -2;
     }
     sent += static_cast<std::size_t>(n);
@@ -217,9 +223,6 @@ void finish_shutdown(SSL* ssl, int fd) {
 }
 
 }  // namespace
-
-int ssl_accept_wait_ms() { return g_accept_wait_ms.load(std::memory_order_relaxed); }
-void set_ssl_accept_wait_ms_for_test(int ms) { g_accept_wait_ms.store(ms, std::memory_order_relaxed); }
 
 SSL_CTX* ssl_server_ctx() { return g_ctx_view.load(std::memory_order_acquire); }
 
@@ -344,7 +347,7 @@ int validateServerCertAndInitSSLCTX(SslSettings settings) {
   return 0;
 }
 
-int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out) {
+int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out, std::uint64_t deadline) {
   *out = nullptr;
   ERR_clear_error();
   SslPtr ssl(ctx ? SSL_new(ctx) : nullptr);
@@ -362,13 +365,12 @@ int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out) {
     return -2;
   }
   SSL_set_bio(ssl.get(), bio, bio);
-  // The handshake runs non-blocking so that every wait for the client is
-  // bounded; afterwards the socket blocks again (the request's read makes it
-  // non-blocking for itself).
+  // Non-blocking, so that the whole handshake ends at the request's deadline
+  // however the client spreads its bytes; the socket stays so for the
+  // request's reads and the answer's writes, which have deadlines too.
   int status = SSL_ERROR_WANT_READ;
   for (;;) {
-    int ready = status == SSL_ERROR_WANT_WRITE ? platform::wait_writable(s, ssl_accept_wait_ms())
-                                               : platform::wait_readable(s, ssl_accept_wait_ms());
+    const int ready = wait_for_peer(ssl.get(), status, deadline);
     if (ready < 0) {
       RD_ERROR("select failed");
       closeSSLConnection(ssl.release());
@@ -390,11 +392,6 @@ int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** out) {
       return -2;
     }
   }
-  if (platform::set_nonblocking(s, false) != 0) {
-    RD_ERROR("unable to set fd");
-    closeSSLConnection(ssl.release());
-    return -2;
-  }
   RD_INFO("SSL accept successful");
   *out = ssl.release();
   return 0;
@@ -404,7 +401,7 @@ int recvFromSSL(SSL* ssl, char* buf) {
   return recv_from_ssl_until(ssl, buf, platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms()));
 }
 
-int recvFromSSLWithTC(SSL* ssl, char* buf, int* len) {
+int recvFromSSLWithTC(SSL* ssl, char* buf, int* len, std::uint64_t deadline) {
   if (ssl == nullptr || buf == nullptr || len == nullptr) {
     RD_ERROR("Error: Invalid argument to %s", __func__);
     return -2;
@@ -414,11 +411,9 @@ int recvFromSSLWithTC(SSL* ssl, char* buf, int* len) {
     RD_ERROR("SSL not initialized (unable to get descriptor)");
     return -2;
   }
-  // The limit covers the whole request, not only its first byte.
-  const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
   // Bytes already decrypted during the handshake would never wake the socket.
   if (SSL_pending(ssl) == 0) {
-    int ready = platform::wait_readable(fd, recv_wait_ms());
+    int ready = platform::wait_readable(fd, ms_until(deadline));
     if (ready < 0) {
       RD_ERROR("select() error");
       return -2;
@@ -441,10 +436,16 @@ int recvFromSSLWithTC(SSL* ssl, char* buf, int* len) {
 
 int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char* body,
                 std::size_t body_len) {
-  if (ssl_write_all(ssl, header, header_len) != 0) return -2;
+  // The whole answer goes out within one request limit.
+  const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
+  if (platform::set_nonblocking(SSL_get_fd(ssl), true) != 0) {
+    RD_ERROR("Send Thru SSL Failed");
+    return -2;
+  }
+  if (ssl_write_all(ssl, header, header_len, deadline) != 0) return -2;
   RD_INFO("Header sent successfully");
   if (body_len == 0) return 0;
-  if (ssl_write_all(ssl, body, body_len) != 0) return -2;
+  if (ssl_write_all(ssl, body, body_len, deadline) != 0) return -2;
   RD_INFO("Body sent successfully");
   return 0;
 }

@@ -8,6 +8,7 @@
 #define VEXO_SSL_SSLCOMMUNICATION_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "platform/platform.h"
@@ -38,18 +39,22 @@ int getCertInfo(const char* path, EVP_PKEY** public_key, std::string* expiry);
 // Reads the PEM RSA private key at path into *key (caller frees). 0 or -1.
 int getPrivateKey(const char* path, EVP_PKEY** key);
 
-// TLS handshake on the accepted socket s. 0 with *ssl set; -2 on failure, the
-// socket then being closed. Each wait for the client is ssl_accept_wait_ms().
-int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** ssl);
+// TLS handshake on the accepted socket s, finished before deadline (a
+// platform::monotonic_ms time: the request's limit, which the handshake
+// shares with the request's reading, so a client that trickles its hello
+// gains nothing). 0 with *ssl set and the socket left non-blocking; -2 on
+// failure, the socket then being closed.
+int makeSSLConnection(platform::socket_t s, SSL_CTX* ctx, SSL** ssl, std::uint64_t deadline);
 // Reads the request like recv_thru_tcp_socket into buf (kRawReqSize bytes,
-// zero-filled); all of it must arrive within recv_wait_ms(), or "Read timedout"
-// is logged. 0 with *len set; -2 on failure; kRequestTooLarge when the request
+// zero-filled); all of it must arrive before deadline, or "Read timedout" is
+// logged. 0 with *len set; -2 on failure; kRequestTooLarge when the request
 // does not fit.
-int recvFromSSLWithTC(SSL* ssl, char* buf, int* len);
+int recvFromSSLWithTC(SSL* ssl, char* buf, int* len, std::uint64_t deadline);
 // Reads one request from ssl into buf within recv_wait_ms(). Length, -1, or
-// kRequestTooLarge. The socket is non-blocking during the read only.
+// kRequestTooLarge. Makes the socket non-blocking.
 int recvFromSSL(SSL* ssl, char* buf);
-// Writes header, then body (none when body_len is 0). 0, or -2.
+// Writes header, then body (none when body_len is 0), all of it within
+// recv_wait_ms(): a client that stops reading is given up. 0, or -2.
 int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char* body,
                 std::size_t body_len);
 // Sends close_notify, closes the socket and frees ssl. 0; -3 when ssl is null.
@@ -59,10 +64,5 @@ int closeSSLConnection(SSL* ssl);
 void printSSLError(SSL* ssl, int ret);
 // OpenSSL 3 locks internally; kept for the callers of older versions. 0.
 int THREAD_setup();
-
-// How long each handshake step waits for the client: 120000 ms unless a test
-// shortened it.
-int ssl_accept_wait_ms();
-void set_ssl_accept_wait_ms_for_test(int ms);
 
 #endif  // VEXO_SSL_SSLCOMMUNICATION_H

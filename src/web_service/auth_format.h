@@ -7,8 +7,9 @@
 #include <string>
 #include <string_view>
 
-// The value of the first "RD_DRT" header in headers, up to the first white
-// space. 0, or -1 when the headers are empty or carry no RD_DRT (*rdt cleared).
+// The value of the first RD_DRT header in headers (its name in any case, as
+// HTTP allows), up to the first white space. 0, or -1 when the headers are
+// empty or carry no RD_DRT (*rdt cleared).
 int ParseResponseRDT(std::string_view headers, std::string* rdt);
 
 // 0 when the response's RD_DRT binds body to request_drt; -22 when the

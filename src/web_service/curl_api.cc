@@ -1,47 +1,27 @@
 #include "web_service/curl_api.h"
 
-#include <curl/curl.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <mutex>
-#include <new>
 
-#include "web_service/auth_format.h"
-#include "common/hash.h"
-#include "platform/platform.h"
+#include "common/rd_codes.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
+#include "platform/platform.h"
 #include "rds_hash.h"
-
-#ifndef VEXO_MGMT_CA_SHA256
-#error "VEXO_MGMT_CA_SHA256 must name the SHA-256 of the Management CA file"
-#endif
-const char* const kZelmCaSha256 = VEXO_MGMT_CA_SHA256;
+#include "web_service/auth_format.h"
+#include "web_service/transfer.h"
 
 namespace {
 
-struct CurlEasyFree {
-  void operator()(CURL* c) const { curl_easy_cleanup(c); }
-};
-using CurlEasy = std::unique_ptr<CURL, CurlEasyFree>;
-struct CurlSlistFree {
-  void operator()(curl_slist* l) const { curl_slist_free_all(l); }
-};
-using CurlSlist = std::unique_ptr<curl_slist, CurlSlistFree>;
+using transfer::Caller;
+using transfer::kNull;
+
+constexpr Caller kPost{"curl_api", "sendData2Zelm"};
+constexpr Caller kGet{"curl_api", "GetDataFromZelm"};
+constexpr Caller kDownload{"curl_api", "Curl_Download_File"};
 
 std::atomic<long> g_timeout_for_test{0};
-
-// A download larger than this is not a certificate or a package of ours.
-constexpr std::size_t kMaxDownloadBytes = 256u * 1024u * 1024u;
-
-CurlEasy new_easy() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-  return CurlEasy(curl_easy_init());
-}
 
 // One response, collected piece by piece up to its limit. A piece that would
 // pass the limit is refused, which makes libcurl abort the transfer.
@@ -59,9 +39,10 @@ size_t collect(char* piece, size_t size, size_t count, void* user) {
 }
 
 // A download written straight into the temporary file that replaces the
-// target once the transfer has succeeded.
+// target once the transfer has succeeded, and stopped at its limit.
 struct FileSink {
   std::FILE* file;
+  std::size_t limit;
   std::size_t written = 0;
 };
 
@@ -69,8 +50,8 @@ size_t sink(char* piece, size_t size, size_t count, void* user) {
   RD_LOG_AS("Curl_Download_File");
   auto* s = static_cast<FileSink*>(user);
   const size_t bytes = size * count;
-  if (bytes > kMaxDownloadBytes - s->written) {
-    RD_ERROR("Not enough memory (realloc returned NULL)");
+  if (bytes > s->limit - s->written) {
+    RD_ERROR("Download larger than %zu bytes", s->limit);
     return 0;
   }
   if (std::fwrite(piece, 1, bytes, s->file) != bytes) {
@@ -81,52 +62,19 @@ size_t sink(char* piece, size_t size, size_t count, void* user) {
   return bytes;
 }
 
-// Sets one option; a failure is logged with failure under the caller's name.
-template <typename T>
-bool set_option(const char* caller, CURL* curl, CURLoption option, T value, const char* failure) {
-  RD_LOG_AS(caller);
-  if (curl_easy_setopt(curl, option, value) == CURLE_OK) return true;
-  RD_ERROR("%s", failure);
-  RD_STATUS("%s", failure);
-  return false;
-}
-
 // The options every exchange with the server starts with: the debug level,
-// the URL and the proxy, tunnelled.
-bool set_endpoint_options(const char* caller, CURL* c, const RdConfig& config, const std::string& url) {
-  if (config.verbose > 1 && !set_option(caller, c, CURLOPT_VERBOSE, 1L, "Error in Curl CURLOPT_VERBOSE")) return false;
-  return set_option(caller, c, CURLOPT_URL, url.c_str(), "Error in Curl CURLOPT_URL") &&
-         set_option(caller, c, CURLOPT_PROXY, config.proxy_url.c_str(), "Error in Curl CURLOPT_PROXY") &&
-         set_option(caller, c, CURLOPT_HTTPPROXYTUNNEL, 1L, "Error in Curl CURLOPT_HTTPPROXYTUNNEL");
-}
-
-// The server is checked against the pinned CA file, by name and chain.
-bool set_ca_options(const char* caller, CURL* c) {
-  return set_option(caller, c, CURLOPT_CAINFO, kZelmCaFile, "Error in Curl CURLOPT_CAINFO") &&
-         set_option(caller, c, CURLOPT_SSL_VERIFYHOST, 2L, "Error in Curl CURLOPT_SSL_VERIFYHOST") &&
-         set_option(caller, c, CURLOPT_SSL_VERIFYPEER, 1L, "Error in Curl CURLOPT_SSL_VERIFYPEER");
-}
-
-bool uses_tls(const RdConfig& config) { return config.mgmt_url_register.find("https://") != std::string::npos; }
-
-// The pinned CA file, checked before any connection is made. 0, -15 or -16.
-int check_ca_file() {
-  RD_LOG_AS("sendData2Zelm");
-  std::string hex;
-  if (Get_Sha2(kZelmCaFile, &hex) != 0) {
-    RD_ERROR("File Not found: cert/server.crt");
-    RD_STATUS("File Not found: cert/server.crt ");
-    RD_PIPE("10000", "File Not found: cert/server.crt\n");
-    return -15;
-  }
-  if (hex != kZelmCaSha256) {
-    RD_ERROR("server.crt is not a valid SSL certificate, please put a valid SSL certificate");
-    RD_STATUS("File Tampered: cert/server.crt ");
-    RD_PIPE("10000", "File Tampered: cert/server.crt\n");
-    return -16;
-  }
-  RD_INFO("server.crt is a valid SSL certificate");
-  return 0;
+// the URL and the proxy, tunnelled, with its credentials when it has them.
+bool set_endpoint(const Caller& caller, CURL* c, const RdConfig& config, const std::string& url) {
+  return transfer::set_options(
+      caller, c,
+      {{CURLOPT_VERBOSE, 1L, "Error in Curl CURLOPT_VERBOSE", config.verbose > 1},
+       {CURLOPT_URL, url.c_str(), "Error in Curl CURLOPT_URL"},
+       {CURLOPT_PROXY, config.proxy_url.c_str(), "Error in Curl CURLOPT_PROXY"},
+       {CURLOPT_HTTPPROXYTUNNEL, 1L, "Error in Curl CURLOPT_HTTPPROXYTUNNEL"},
+       {CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(), "Error in Curl CURLOPT_PROXYUSERNAME",
+        !config.proxy_username.empty()},
+       {CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(), "Error in Curl CURLOPT_PROXYPASSWORD",
+        !config.proxy_password.empty()}});
 }
 
 // Reports a failed POST transfer and maps libcurl's result to ours.
@@ -134,31 +82,33 @@ int transfer_failure(CURLcode rc, const std::string& url, const char* error_text
   RD_LOG_AS("sendData2Zelm");
   const int code = static_cast<int>(rc);
   RD_ERROR("Response code from curl is %d", code);
+  if (rc == CURLE_SEND_ERROR) {
+    RD_ERROR("Failed sending network data");
+  } else {
+    RD_ERROR("Query Unsuccessful,Curl return code %d", code);
+    RD_ERROR("Description: %s", curl_easy_strerror(rc));
+    RD_ERROR("Error Msg - %s", error_text);
+  }
   switch (rc) {
     case CURLE_OPERATION_TIMEDOUT: {
       const int seconds = static_cast<int>(zelm_timeout_seconds());
       RD_STATUS("Server Connection Timeout (%d sec) ", seconds);
       RD_PIPE("5000", "Server Connection Timeout|(%d sec)\n", seconds);
-      return -17;
+      return rd_codes::kTransportTimeout;
     }
     case CURLE_COULDNT_CONNECT:
       RD_STATUS("Internet connectivity issue, not able to connect Url - %.1024s) ", url.c_str());
       RD_PIPE("10000", "Internet connectivity issue,|not able to connect to MS\n");
-      return -18;
+      return rd_codes::kTransportConnect;
     case CURLE_OUT_OF_MEMORY:
       RD_STATUS("Curl Out of Memory ");
       RD_PIPE("10000", "Curl Out of Memory\n");
-      return -19;
+      return rd_codes::kTransportMemory;
     default:
-      break;
+      RD_STATUS("Internet connectivity issue - %s ", curl_easy_strerror(rc));
+      RD_PIPE("10000", "Internet connectivity issue,|not able to connect to MS\n");
+      return rd_codes::kTransportOther;
   }
-  if (rc == CURLE_SEND_ERROR) RD_ERROR("Failed sending network data");
-  RD_ERROR("Query Unsuccessful,Curl return code %d", code);
-  RD_ERROR("Description: %s", curl_easy_strerror(rc));
-  RD_ERROR("Error Msg - %s", error_text);
-  RD_STATUS("Internet connectivity issue - %s ", curl_easy_strerror(rc));
-  RD_PIPE("10000", "Internet connectivity issue,|not able to connect to MS\n");
-  return -20;
 }
 
 }  // namespace
@@ -176,66 +126,53 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   Collector body{{}, kZelmMaxBody};
   Collector headers{{}, kZelmMaxHeaders};
 
-  CurlSlist header_list(curl_slist_append(nullptr, "Content-Type: application/json; charset=utf-8"));
+  // The request's RD_DRT covers its text up to the first zero byte, as sent.
+  const std::size_t length = std::strlen(request.c_str());
   std::string request_drt;
-  if (rds_hmac_sign(request.c_str(), std::strlen(request.c_str()), 1, &request_drt) != 0) {
-    RD_ERROR("Error at RD_DRT_hash_gen");
-    RD_STATUS("Error at RD_DRT_hash_gen");
-    return -14;
-  }
-  std::string drt_header("RD_DRT: ");
-  drt_header += request_drt;
-  curl_slist* with_drt = header_list ? curl_slist_append(header_list.get(), drt_header.c_str()) : nullptr;
+  transfer::Slist header_list(curl_slist_append(nullptr, "Content-Type: application/json; charset=utf-8"));
+  const bool signed_ok = rds_hmac_sign(request.c_str(), length, 1, &request_drt) == 0;
+  curl_slist* with_drt =
+      signed_ok && header_list ? curl_slist_append(header_list.get(), ("RD_DRT: " + request_drt).c_str()) : nullptr;
   if (with_drt == nullptr) {
     RD_ERROR("Error at RD_DRT_hash_gen");
     RD_STATUS("Error at RD_DRT_hash_gen");
-    return -14;
+    return rd_codes::kTransportDrtNotMade;
   }
 
   const curl_version_info_data* version = curl_version_info(CURLVERSION_NOW);
   RD_DEBUG("d->version = %s\n", version->version);
   RD_DEBUG("d->ssl_version = %s\n", version->ssl_version != nullptr ? version->ssl_version : "");
 
-  CurlEasy curl = new_easy();
+  transfer::Easy curl = transfer::new_easy();
   if (!curl) {
     RD_ERROR("Error in curl_easy_init");
-    return -1;
+    return rd_codes::kTransportFailed;
   }
   char error_text[CURL_ERROR_SIZE] = {};
   CURL* c = curl.get();
-  const char* fn = "sendData2Zelm";
-  if (!set_endpoint_options(fn, c, config, url)) return -1;
-  if (!config.proxy_username.empty() &&
-      !set_option(fn, c, CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(), "Error in Curl CURLOPT_PROXYUSERNAME")) {
-    return -1;
-  }
-  if (!config.proxy_password.empty() &&
-      !set_option(fn, c, CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(), "Error in Curl CURLOPT_PROXYPASSWORD")) {
-    return -1;
-  }
-  if (!set_option(fn, c, CURLOPT_POST, 1L, "Error in Curl CURLOPT_POST") ||
-      !set_option(fn, c, CURLOPT_POSTFIELDS, request.c_str(), "Error in Curl CURLOPT_POSTFIELDS") ||
-      !set_option(fn, c, CURLOPT_POSTFIELDSIZE, static_cast<long>(std::strlen(request.c_str())),
-                  "Error in Curl CURLOPT_POSTFIELDSIZE") ||
-      !set_option(fn, c, CURLOPT_HTTPHEADER, header_list.get(), "Error in Curl CURLOPT_HTTPHEADER") ||
-      !set_option(fn, c, CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER")) {
-    return -1;
+  if (!set_endpoint(kPost, c, config, url) ||
+      !transfer::set_options(
+          kPost, c,
+          {{CURLOPT_POST, 1L, "Error in Curl CURLOPT_POST"},
+           {CURLOPT_POSTFIELDS, request.c_str(), "Error in Curl CURLOPT_POSTFIELDS"},
+           {CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "Error in Curl CURLOPT_POSTFIELDSIZE"},
+           {CURLOPT_HTTPHEADER, header_list.get(), "Error in Curl CURLOPT_HTTPHEADER"},
+           {CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER"}})) {
+    return rd_codes::kTransportFailed;
   }
 
-  if (uses_tls(config)) {
-    RD_INFO("Communication is Happening through HTTPs");
-    if (const int pin = check_ca_file(); pin != 0) return pin;
-    if (!set_ca_options(fn, c)) return -1;
-  } else {
-    RD_INFO("Communication is Happening through HTTP");
-  }
-
-  if (!set_option(fn, c, CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION") ||
-      !set_option(fn, c, CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option") ||
-      !set_option(fn, c, CURLOPT_HEADERFUNCTION, collect, "Error in Curl CURLOPT_HEADERFUNCTION") ||
-      !set_option(fn, c, CURLOPT_HEADERDATA, &headers, "Error in Curl CURLOPT_HEADERDATA") ||
-      !set_option(fn, c, CURLOPT_WRITEDATA, &body, "Error in Curl CURLOPT_WRITEDATA")) {
-    return -1;
+  transfer::Trust trust;
+  if (const int pin = transfer::prepare_trust(kPost, url, &trust); pin != 0) return pin;
+  RD_INFO("%s", trust.tls ? "Communication is Happening through HTTPs" : "Communication is Happening through HTTP");
+  if (!transfer::set_trust(kPost, c, trust) ||
+      !transfer::set_options(
+          kPost, c,
+          {{CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION"},
+           {CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option"},
+           {CURLOPT_HEADERFUNCTION, collect, "Error in Curl CURLOPT_HEADERFUNCTION"},
+           {CURLOPT_HEADERDATA, &headers, "Error in Curl CURLOPT_HEADERDATA"},
+           {CURLOPT_WRITEDATA, &body, "Error in Curl CURLOPT_WRITEDATA"}})) {
+    return rd_codes::kTransportFailed;
   }
 
   RD_INFO("sending request to management server");
@@ -252,89 +189,82 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   }
   RD_INFO("Got Response from management server");
   *response = std::move(body.data);
-  return 0;
+  return rd_codes::kTransportOk;
 }
 
 int GetDataFromZelm(const std::string& url, const void* /*unused*/, std::string* response) {
   response->clear();
   const RdConfig config = rd_config_copy();
   Collector body{{}, kZelmMaxGetBody};
-  CurlEasy curl = new_easy();
+  transfer::Easy curl = transfer::new_easy();
   if (!curl) {
     RD_ERROR("Error in curl_easy_init");
-    return -1;
+    return rd_codes::kTransportFailed;
   }
   char error_text[CURL_ERROR_SIZE] = {};
   CURL* c = curl.get();
-  const char* fn = "GetDataFromZelm";
-  if (!set_endpoint_options(fn, c, config, url) ||
-      !set_option(fn, c, CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER")) {
-    return -1;
-  }
-  if (uses_tls(config) && !set_ca_options(fn, c)) return -1;
-  if (!set_option(fn, c, CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION") ||
-      !set_option(fn, c, CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option") ||
-      !set_option(fn, c, CURLOPT_CONNECTTIMEOUT, kZelmConnectTimeoutSeconds,
-                  "Error in Setting CURLOPT_CONNECTTIMEOUT Option") ||
-      !set_option(fn, c, CURLOPT_WRITEDATA, &body, "Error in Curl CURLOPT_WRITEDATA")) {
-    return -1;
+  transfer::Trust trust;
+  if (!set_endpoint(kGet, c, config, url) ||
+      !transfer::set_options(kGet, c, {{CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER"}}) ||
+      transfer::prepare_trust(kGet, url, &trust) != 0 || !transfer::set_trust(kGet, c, trust) ||
+      !transfer::set_options(
+          kGet, c,
+          {{CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION"},
+           {CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option"},
+           {CURLOPT_CONNECTTIMEOUT, kZelmConnectTimeoutSeconds, "Error in Setting CURLOPT_CONNECTTIMEOUT Option"},
+           {CURLOPT_WRITEDATA, &body, "Error in Curl CURLOPT_WRITEDATA"}})) {
+    return rd_codes::kTransportFailed;
   }
   const CURLcode rc = curl_easy_perform(c);
   if (rc != CURLE_OK) {
-    RD_ERROR("Query Unsuccessful,Curl return code %d", static_cast<int>(rc));
+    RD_ERROR("Query Unsuccessful,Curl return code %d ", static_cast<int>(rc));
+    RD_ERROR("Error Msg - %s", error_text);
     RD_STATUS("Query Unsuccessful,Curl return code %d ", static_cast<int>(rc));
-    return -1;
+    return rd_codes::kTransportFailed;
   }
   *response = std::move(body.data);
-  return 0;
+  return rd_codes::kTransportOk;
 }
 
-int Curl_Download_File(const std::string& url, long connect_timeout, long timeout, const std::string& path) {
-  RD_LOG_AS("Curl_Download_File");  // also for the lambdas below
+int Curl_Download_File(const std::string& url, long connect_timeout, long timeout, const std::string& path,
+                       std::size_t max_bytes) {
+  RD_LOG_AS("Curl_Download_File");
   const RdConfig config = rd_config_copy();
-  int result = -1;
+  transfer::Trust trust;
+  if (transfer::prepare_trust(kDownload, url, &trust) != 0) return rd_codes::kTransportFailed;
+  int result = rd_codes::kTransportFailed;
   // The body goes into a temporary file beside path, which replaces path only
   // after a complete transfer: a failed download leaves the old file whole.
   const int replaced = platform::write_file_atomic_stream(path, [&](std::FILE* file) {
-    FileSink out{file};
-    CurlEasy curl = new_easy();
+    FileSink out{file, max_bytes};
+    transfer::Easy curl = transfer::new_easy();
     if (!curl) {
       RD_ERROR("Error in curl_easy_init");
       return false;
     }
     CURL* c = curl.get();
-    const bool tls = url.rfind("https://", 0) == 0;
-    auto step = [&](CURLoption option, auto value, const char* name) {
-      if (curl_easy_setopt(c, option, value) != CURLE_OK) {
-        RD_ERROR("Error at curl_easy_setopt %s", name);
-        return false;
-      }
-      RD_INFO("%s success", name);
-      return true;
-    };
-    if (!step(CURLOPT_URL, url.c_str(), "CURLOPT_URL") ||
-        !step(CURLOPT_PROXY, config.proxy_url.c_str(), "CURLOPT_PROXY") ||
-        !step(CURLOPT_FAILONERROR, 1L, "CURLOPT_FAILONERROR") ||
-        !step(CURLOPT_WRITEFUNCTION, sink, "CURLOPT_WRITEFUNCTION") ||
-        !step(CURLOPT_WRITEDATA, &out, "CURLOPT_WRITEDATA")) {
-      return false;
-    }
-    // Peer verification stays off for downloads; the package is checked by
-    // its checksum afterwards.
-    if (tls && (!step(CURLOPT_CAINFO, kZelmCaFile, "CURLOPT_CAINFO") ||
-                !step(CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER"))) {
-      return false;
-    }
-    if ((config.verbose > 1 && !step(CURLOPT_VERBOSE, 1L, "CURLOPT_VERBOSE")) ||
-        !step(CURLOPT_USERAGENT, "libcurl-agent/1.0", "CURLOPT_USERAGENT") ||
-        !step(CURLOPT_CONNECTTIMEOUT, connect_timeout, "CURLOPT_CONNECTTIMEOUT") ||
-        !step(CURLOPT_TIMEOUT, timeout, "CURLOPT_TIMEOUT")) {
+    constexpr bool kLogEach = true;
+    if (!transfer::set_options(kDownload, c,
+                               {{CURLOPT_URL, url.c_str(), "Error at curl_easy_setopt CURLOPT_URL"},
+                                {CURLOPT_PROXY, config.proxy_url.c_str(), "Error at curl_easy_setopt CURLOPT_PROXY"},
+                                {CURLOPT_FAILONERROR, 1L, "Error at curl_easy_setopt CURLOPT_FAILONERROR"},
+                                {CURLOPT_WRITEFUNCTION, sink, "Error at curl_easy_setopt CURLOPT_WRITEFUNCTION"},
+                                {CURLOPT_WRITEDATA, &out, "Error at curl_easy_setopt CURLOPT_WRITEDATA"}},
+                               kLogEach) ||
+        !transfer::set_trust(kDownload, c, trust, kLogEach) ||
+        !transfer::set_options(
+            kDownload, c,
+            {{CURLOPT_VERBOSE, 1L, "Error at curl_easy_setopt CURLOPT_VERBOSE", config.verbose > 1},
+             {CURLOPT_USERAGENT, "libcurl-agent/1.0", "Error at curl_easy_setopt CURLOPT_USERAGENT"},
+             {CURLOPT_CONNECTTIMEOUT, connect_timeout, "Error at curl_easy_setopt CURLOPT_CONNECTTIMEOUT"},
+             {CURLOPT_TIMEOUT, timeout, "Error at curl_easy_setopt CURLOPT_TIMEOUT"}},
+            kLogEach)) {
       return false;
     }
     const CURLcode rc = curl_easy_perform(c);
     RD_INFO("curl_easy_perform return value %d", static_cast<int>(rc));
     if (rc != CURLE_OK) {
-      RD_ERROR("Query Unsuccessful,Curl return code %d", static_cast<int>(rc));
+      RD_ERROR("Query Unsuccessful,Curl return code %d ", static_cast<int>(rc));
       long http_status = 0;
       if (curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &http_status) == CURLE_OK) {
         RD_ERROR("Curl return code %d, HTTP Error Code  %ld", static_cast<int>(rc), http_status);
@@ -343,10 +273,11 @@ int Curl_Download_File(const std::string& url, long connect_timeout, long timeou
       return false;
     }
     RD_INFO("chunk size is %d", static_cast<int>(out.written));
-    result = 0;
+    result = rd_codes::kTransportOk;
     return true;
   });
-  if (replaced != 0 && result == 0) result = -1;  // the transfer worked but the file was not replaced
-  if (result == 0) RD_INFO("returning from curl download");
+  // The transfer worked but the file was not replaced.
+  if (replaced != 0 && result == rd_codes::kTransportOk) result = rd_codes::kTransportFailed;
+  if (result == rd_codes::kTransportOk) RD_INFO("returning from curl download");
   return result;
 }

@@ -3,8 +3,8 @@
 //
 // Every call keeps its buffers and counters to itself, so calls may run on
 // different threads at once. Endpoints, proxy and the debug level come from
-// the configuration record; TLS is used for the POST and the GET when the
-// register URL is an "https://" one.
+// the configuration record; protocols, HTTP version and the pinned CA are the
+// trust settings of web_service/transfer.h, common to every transfer.
 #ifndef VEXO_WEB_SERVICE_CURL_API_H
 #define VEXO_WEB_SERVICE_CURL_API_H
 
@@ -17,27 +17,28 @@ inline constexpr std::size_t kZelmMaxHeaders = 4095;  // POST response headers
 inline constexpr std::size_t kZelmMaxGetBody = 4095;  // GET response body
 inline constexpr long kZelmTimeoutSeconds = 90;       // whole transfer, POST and GET
 inline constexpr long kZelmConnectTimeoutSeconds = 60;  // GET connect
-// The CA file that vouches for the Management server, and its pinned SHA-256.
-inline constexpr const char* kZelmCaFile = "./cert/server.crt";
-extern const char* const kZelmCaSha256;
 
 // POSTs the JSON request with its RD_DRT header and checks the response's
-// RD_DRT. *response receives the body (at most kZelmMaxBody bytes).
-// 0 when a verified response arrived; -1 an option could not be set;
-// -14 no RD_DRT; -15 CA file unreadable; -16 CA file not the pinned one;
-// -17 time-out; -18 cannot connect; -19 out of memory; -20 any other
-// transfer failure (an oversized response included); -22 no RD_DRT in the
-// response; -23 an RD_DRT that does not verify.
+// RD_DRT. *response receives the body (at most kZelmMaxBody bytes). Codes of
+// the transport family (common/rd_codes.h): 0 when a verified response
+// arrived; -1 an option could not be set; -14 no RD_DRT; -15 CA file
+// unreadable; -16 CA file not the pinned one; -17 time-out; -18 cannot
+// connect; -19 out of memory; -20 any other transfer failure (an oversized
+// response, a refused certificate or protocol included); -22 no RD_DRT in
+// the response; -23 an RD_DRT that does not verify.
 int sendData2Zelm(const std::string& url, const std::string& request, std::string* response);
 
 // GETs a small document (at most kZelmMaxGetBody bytes) into *response.
-// The second argument is not used. 0 or -1.
+// The second argument is not used. 0, or -1 (the CA file not usable
+// included).
 int GetDataFromZelm(const std::string& url, const void* unused, std::string* response);
 
-// GETs url into memory, then replaces path with it in one step. The libcurl
-// result (0 on success), or -1 when path cannot be written or an option
-// cannot be set.
-int Curl_Download_File(const std::string& url, long connect_timeout, long timeout, const std::string& path);
+// GETs url into path, which is replaced in one step after a complete
+// transfer; a transfer that would pass max_bytes stops as soon as it does.
+// The libcurl result (0 on success; 23 for a body over max_bytes), or -1 when
+// path cannot be written, an option cannot be set or the CA file is not usable.
+int Curl_Download_File(const std::string& url, long connect_timeout, long timeout, const std::string& path,
+                       std::size_t max_bytes);
 
 // Test seam: the whole-transfer time-out of the POST and the GET in seconds
 // (0 restores kZelmTimeoutSeconds).

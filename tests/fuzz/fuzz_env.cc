@@ -41,7 +41,7 @@ void fuzz_enter_scratch_folder() {
   platform::set_lock_dir_for_test(g_scratch);
   std::string pipe = g_scratch;
   pipe += "/no-pipe";
-  platform::set_status_pipe_path_for_test(pipe);
+  platform::set_status_pipe_path(pipe);
   // Debug prints of a fuzzed Verbose value would flood the fuzzer's output.
   int devnull = open("/dev/null", O_WRONLY);
   if (devnull >= 0) {

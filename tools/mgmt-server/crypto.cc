@@ -74,7 +74,6 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
                       std::time_t now, std::string* der, std::string* error) {
   der->clear();
   std::unique_ptr<EVP_PKEY, PkeyDel> pub;
-  std::unique_ptr<X509_NAME, decltype(&X509_NAME_free)> subject(nullptr, X509_NAME_free);
   {
     Bio in = mem_bio(pem);
     std::unique_ptr<X509, X509Del> self(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
@@ -85,7 +84,6 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
         *error = openssl_error("the device certificate's signature does not verify");
         return -1;
       }
-      subject.reset(X509_NAME_dup(X509_get_subject_name(self.get())));
     } else {
       ERR_clear_error();
       Bio in2 = mem_bio(pem);
@@ -94,17 +92,18 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
         *error = openssl_error("pKey holds neither a certificate nor a public key");
         return -1;
       }
-      subject.reset(X509_NAME_new());
-      if (subject &&
-          X509_NAME_add_entry_by_txt(subject.get(), "CN", MBSTRING_UTF8,
-                                     reinterpret_cast<const unsigned char*>(serial.c_str()), -1,
-                                     -1, 0) != 1)
-        subject.reset();
     }
   }
+  // The subject is the registered serial number whatever the device asked
+  // for, and the certificate serves client authentication alone: a device's
+  // certificate can never pass for the server's or another device's.
+  std::unique_ptr<X509_NAME, decltype(&X509_NAME_free)> subject(X509_NAME_new(), X509_NAME_free);
   std::unique_ptr<X509, X509Del> cert(X509_new());
   std::unique_ptr<BIGNUM, BnDel> sn(BN_new());
   bool ok = subject && cert && sn &&
+            X509_NAME_add_entry_by_txt(subject.get(), "CN", MBSTRING_UTF8,
+                                       reinterpret_cast<const unsigned char*>(serial.c_str()), -1, -1,
+                                       0) == 1 &&
             BN_rand(sn.get(), 63, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) == 1 &&
             BN_to_ASN1_INTEGER(sn.get(), X509_get_serialNumber(cert.get())) != nullptr &&
             X509_set_version(cert.get(), 2) == 1 &&
@@ -116,6 +115,7 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
             add_ext(cert.get(), ca.cert.get(), NID_basic_constraints, "critical,CA:FALSE") &&
             add_ext(cert.get(), ca.cert.get(), NID_key_usage,
                     "critical,digitalSignature,nonRepudiation") &&
+            add_ext(cert.get(), ca.cert.get(), NID_ext_key_usage, "clientAuth") &&
             add_ext(cert.get(), ca.cert.get(), NID_subject_key_identifier, "hash") &&
             add_ext(cert.get(), ca.cert.get(), NID_authority_key_identifier, "keyid:always") &&
             X509_sign(cert.get(), ca.key.get(), EVP_sha256()) > 0;

@@ -30,10 +30,11 @@ struct Ca {
 int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca, std::string* error);
 
 // Issues a certificate for the public key in pem, which is either the
-// device's self-signed certificate (its signature must verify; its subject is
-// kept) or a bare public key (subject CN=serial). SHA-256, signed by the CA,
-// valid from an hour before now for a year, a random 63-bit serial number.
-// Writes the DER. 0, or -1 with *error set.
+// device's self-signed certificate (its signature must verify) or a bare
+// public key. The subject is CN=serial whatever the device sent, the
+// extended key usage clientAuth alone. SHA-256, signed by the CA, valid from
+// an hour before now for a year, a random 63-bit serial number. Writes the
+// DER. 0, or -1 with *error set.
 int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& serial,
                       std::time_t now, std::string* der, std::string* error);
 

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -20,7 +21,7 @@ namespace host {
 
 namespace {
 
-constexpr const char* kPipePath = "/tmp/qdx.win.002";
+constexpr const char* kPipeName = "qdx.win.002";
 
 sigset_t g_signals;
 
@@ -72,7 +73,14 @@ Event wait_event() {
   }
 }
 
+// The status FIFO: made here (or left from an earlier run of this user) and
+// checked on the descriptor it is read through, so nothing another user
+// planted at the path (a link, a file, a FIFO of theirs that would see the
+// messages or inject others) is ever used.
 struct StatusPipe::State {
+  std::string path;
+  std::string folder;  // the private folder made here, removed at the end
+  bool made = false;
   int fd = -1;
   std::atomic<bool> stop{false};
   std::thread reader;
@@ -81,24 +89,54 @@ struct StatusPipe::State {
 StatusPipe::StatusPipe() : state_(std::make_unique<State>()) {}
 
 StatusPipe::~StatusPipe() {
-  state_->stop = true;
-  if (state_->reader.joinable()) state_->reader.join();
-  if (state_->fd >= 0) close(state_->fd);
+  State* s = state_.get();
+  s->stop = true;
+  if (s->reader.joinable()) s->reader.join();
+  if (s->fd >= 0) close(s->fd);
+  if (s->made) unlink(s->path.c_str());
+  if (!s->folder.empty()) rmdir(s->folder.c_str());
 }
 
-bool StatusPipe::start(std::string* error) {
-  struct stat st {};
-  if (stat(kPipePath, &st) == 0 && !S_ISFIFO(st.st_mode)) unlink(kPipePath);
-  if (mkfifo(kPipePath, 0600) != 0 && errno != EEXIST) {
-    *error = std::string("cannot create ") + kPipePath + ": " + std::strerror(errno);
-    return false;
-  }
-  state_->fd = open(kPipePath, O_RDONLY | O_NONBLOCK);
-  if (state_->fd < 0) {
-    *error = std::string("cannot open ") + kPipePath + ": " + std::strerror(errno);
-    return false;
-  }
+const std::string& StatusPipe::path() const { return state_->path; }
+
+bool StatusPipe::start(const std::string& path, std::string* error) {
   State* s = state_.get();
+  auto fail = [&](const std::string& why) {
+    *error = "status FIFO " + s->path + ": " + why;
+    return false;
+  };
+  s->path = path;
+  if (!s->path.empty() && s->path[0] != '/') {
+    // A relative path is taken from the folder the host was started in.
+    char cwd[PATH_MAX] = {};
+    if (getcwd(cwd, sizeof cwd) != nullptr) s->path = std::string(cwd) + "/" + s->path;
+  }
+  if (s->path.empty()) {
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    struct stat st {};
+    if (runtime != nullptr && runtime[0] == '/' && stat(runtime, &st) == 0 && S_ISDIR(st.st_mode) &&
+        st.st_uid == geteuid() && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
+      s->path = std::string(runtime) + "/" + kPipeName;
+    } else {
+      char folder[] = "/tmp/vexo-host-XXXXXX";
+      if (mkdtemp(folder) == nullptr) return fail("cannot make a private folder in /tmp");
+      s->folder = folder;
+      s->path = s->folder + "/" + kPipeName;
+    }
+  }
+  if (mkfifo(s->path.c_str(), 0600) == 0) {
+    s->made = true;
+  } else if (errno != EEXIST) {
+    return fail(std::strerror(errno));
+  }
+  s->fd = open(s->path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (s->fd < 0) return fail(errno == ELOOP ? "a symbolic link is in its place" : std::strerror(errno));
+  struct stat st {};
+  if (fstat(s->fd, &st) != 0 || !S_ISFIFO(st.st_mode) || st.st_uid != geteuid() ||
+      (st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    s->made = false;  // not ours to remove
+    return fail("something other than a FIFO of this user, closed to others, is in its place");
+  }
   s->reader = std::thread([s] {
     char buf[4096];
     while (!s->stop.load()) {

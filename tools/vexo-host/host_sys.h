@@ -39,8 +39,12 @@ class StatusPipe {
   ~StatusPipe();
   StatusPipe(const StatusPipe&) = delete;
   StatusPipe& operator=(const StatusPipe&) = delete;
-  // Creates the pipe and starts the reader. false with *error set.
-  bool start(std::string* error);
+  // Creates the pipe at path (empty: the system's default place; POSIX: a
+  // FIFO in a folder only this user can reach) and starts the reader. false
+  // with *error set.
+  bool start(const std::string& path, std::string* error);
+  // The path the library is to open.
+  const std::string& path() const;
 
  private:
   struct State;

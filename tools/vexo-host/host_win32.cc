@@ -15,7 +15,7 @@ namespace host {
 
 namespace {
 
-constexpr const wchar_t kPipeName[] = L"\\\\.\\pipe\\qdx.win.002";
+constexpr const char kPipeName[] = "\\\\.\\pipe\\qdx.win.002";
 
 // Set when the console asks the host to stop.
 HANDLE g_stop_event = nullptr;
@@ -121,6 +121,7 @@ Event wait_event() {
 // end the reader at any point: a client connects, its messages are printed,
 // and after it leaves the instance waits for the next one.
 struct StatusPipe::State {
+  std::string path;
   HANDLE pipe = INVALID_HANDLE_VALUE;
   HANDLE stop = nullptr;
   HANDLE io = nullptr;
@@ -177,15 +178,18 @@ StatusPipe::~StatusPipe() {
   if (state_->io != nullptr) ::CloseHandle(state_->io);
 }
 
-bool StatusPipe::start(std::string* error) {
+const std::string& StatusPipe::path() const { return state_->path; }
+
+bool StatusPipe::start(const std::string& path, std::string* error) {
+  state_->path = path.empty() ? kPipeName : path;
   // The first instance of the name, so that no other program owns it; the
   // default security lets only this user, the administrators and the system
   // write to it. Remote clients are refused.
-  state_->pipe = ::CreateNamedPipeW(kPipeName, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+  state_->pipe = ::CreateNamedPipeA(state_->path.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
                                     PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1,
                                     4096, 4096, 0, nullptr);
   if (state_->pipe == INVALID_HANDLE_VALUE) {
-    *error = "cannot create \\\\.\\pipe\\qdx.win.002 (is another host running?): " + error_text(::GetLastError());
+    *error = "cannot create " + state_->path + " (is another host running?): " + error_text(::GetLastError());
     return false;
   }
   state_->stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);

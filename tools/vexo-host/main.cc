@@ -1,7 +1,8 @@
 // vexo-host: stands in for the front end and the host program. It creates the
-// status pipe and prints what arrives, loads libVexo.so (Vexo.dll) from its
-// own folder, starts the service, follows the Management server (mgmt_loop),
-// and turns the system's events into plug events (host_sys.h):
+// status pipe and prints what arrives, names it to the library, loads
+// libVexo.so (Vexo.dll) from its own folder, starts the service, follows the
+// Management server (mgmt_loop), and turns the system's events into plug
+// events (host_sys.h):
 //   POSIX: SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit;
 //   Windows: lines "a" and "d" on standard input, Ctrl-C -> exit.
 #include <cerrno>
@@ -26,19 +27,29 @@ struct Exports {
   int (*Initialize_process)(const char*) = nullptr;
   int (*Start_RDservice)() = nullptr;
   int (*Get_Last_RDservice_Status)(char*) = nullptr;
+  int (*Set_Status_Pipe_Path)(const char*) = nullptr;
   int (*attach_device)() = nullptr;
   int (*detach_device)() = nullptr;
 };
 
 void usage() {
   std::fprintf(stderr,
-               "usage: vexo-host [--workdir DIR] [--mgmt-poll SECONDS | --no-mgmt] SCANNER_DETAILS\n"
+               "usage: vexo-host [--workdir DIR] [--status-pipe PATH] [--mgmt-poll SECONDS | --no-mgmt]\n"
+               "                 SCANNER_DETAILS\n"
                "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
-               "  After start-up it calls Init and then what the Management server's next\n"
-               "  action names (Key_Rotation, uidai_cert_update, Software_Update), printing\n"
-               "  each call as \"mgmt: CALL -> RESULT, next action ACTION\". Init runs again\n"
-               "  every --mgmt-poll seconds (default %lld) and when another scanner is\n"
-               "  attached. Failed calls are retried after %lld s, doubling up to %lld s.\n"
+               "  The status pipe is PATH, else the system's place for it (POSIX:\n"
+               "  $XDG_RUNTIME_DIR/qdx.win.002 when that folder is this user's and closed to\n"
+               "  others, else qdx.win.002 in a fresh private folder under /tmp; Windows:\n"
+               "  \\\\.\\pipe\\qdx.win.002); its messages are printed as \"pipe: ...\" lines.\n"
+               "  After start-up it calls Init, uidai_cert_force_update once after the first\n"
+               "  successful Init, and then what the Management server's next action names\n"
+               "  (Key_Rotation, uidai_cert_update, Software_Update), printing each call as\n"
+               "  \"mgmt: CALL -> RESULT, next action ACTION\".\n"
+               "  Init runs again every --mgmt-poll seconds (default %lld) and when another\n"
+               "  scanner is attached; Software_Update runs when a capture found the UIDAI\n"
+               "  certificate out of date.\n"
+               "  After a failed call Init is retried after %lld s, doubling up to %lld s;\n"
+               "  the same follow-up runs at most once per such interval.\n"
                "  --no-mgmt leaves the Management server alone.\n%s",
                kDefaultPollSeconds, host::kRetryBaseMs / 1000, host::kRetryMaxMs / 1000, host::kEventHelp);
 }
@@ -71,6 +82,7 @@ void print_status(const Exports& x, const char* call, int rc) {
 
 int main(int argc, char** argv) {
   std::string workdir;
+  std::string pipe_path;
   std::string scanner;
   bool mgmt = true;
   host::MgmtOptions mgmt_options;
@@ -84,6 +96,8 @@ int main(int argc, char** argv) {
     }
     if (arg == "--workdir" && i + 1 < argc) {
       workdir = argv[++i];
+    } else if (arg == "--status-pipe" && i + 1 < argc) {
+      pipe_path = argv[++i];
     } else if (arg == "--no-mgmt") {
       mgmt = false;
     } else if (arg == "--mgmt-poll" && i + 1 < argc && parse_number(argv[i + 1], 1, kMaxPollSeconds, &seconds)) {
@@ -106,15 +120,15 @@ int main(int argc, char** argv) {
 
   const std::string lib_path = host::library_beside_program();
   std::string error;
-  if (!workdir.empty() && !host::enter_folder(workdir, &error)) {
-    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), error.c_str());
+  host::take_events();
+  // Made before the host changes folder: a relative path is the starting folder's.
+  auto pipe = std::make_unique<host::StatusPipe>();
+  if (!pipe->start(pipe_path, &error)) {
+    std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
     return 1;
   }
-
-  host::take_events();
-  auto pipe = std::make_unique<host::StatusPipe>();
-  if (!pipe->start(&error)) {
-    std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
+  if (!workdir.empty() && !host::enter_folder(workdir, &error)) {
+    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), error.c_str());
     return 1;
   }
 
@@ -124,13 +138,20 @@ int main(int argc, char** argv) {
   if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
       !bind(lib, "Start_RDservice", &x.Start_RDservice) ||
       !bind(lib, "Get_Last_RDservice_Status", &x.Get_Last_RDservice_Status) ||
+      !bind(lib, "Set_Status_Pipe_Path", &x.Set_Status_Pipe_Path) ||
       !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device) ||
       !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
-      !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update)) {
+      !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update) ||
+      !bind(lib, "uidai_cert_force_update", &m.uidai_cert_force_update) ||
+      !bind(lib, "Software_Update_Pending", &m.Software_Update_Pending)) {
     if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
     return 1;
   }
 
+  if (x.Set_Status_Pipe_Path(pipe->path().c_str()) != 0) {
+    std::fprintf(stderr, "vexo-host: the library refused the status pipe %s\n", pipe->path().c_str());
+    return 1;
+  }
   int rc = x.Initialize_process(scanner.c_str());
   print_status(x, "Initialize_process", rc);
   if (rc == 0) {

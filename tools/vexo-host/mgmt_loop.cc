@@ -1,5 +1,8 @@
 #include "mgmt_loop.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -24,6 +27,9 @@ namespace {
 constexpr const char* kResumeRecord = "dm.conf";
 constexpr const char* kPackage = "DownloadSW/Installer.zip";
 constexpr auto kWatchInterval = std::chrono::milliseconds(100);
+// How often a loop waiting for the next poll asks whether a capture wants
+// Software_Update.
+constexpr long long kPendingCheckMs = 1000;
 
 __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
   char line[1024];
@@ -103,47 +109,66 @@ namespace {
 class Runner {
  public:
   Runner(const MgmtExports& x, const MgmtOptions& o, std::shared_ptr<MgmtLoopState> shared)
-      : x_(x), o_(o), shared_(std::move(shared)) {}
+      : x_(x), schedule_(o.retry_base_ms > 0 ? o.retry_base_ms : kRetryBaseMs, o.poll_ms), shared_(std::move(shared)) {}
 
   void run() {
-    Step step{Call::kInit, When::kNow};
-    int failures = 0;
+    Schedule::Next next = schedule_.first();
     for (;;) {
-      long long wait_ms = 0;
-      if (step.when == When::kAfterPause) {
-        wait_ms = retry_pause_ms(failures, o_.retry_base_ms > 0 ? o_.retry_base_ms : kRetryBaseMs);
-        ++failures;
-        say("%s again in %s", call_name(step.call), duration_text(wait_ms).c_str());
-      } else {
-        failures = 0;
-        if (step.when == When::kAtPoll) {
-          wait_ms = o_.poll_ms;
-          say("next %s in %s", call_name(step.call), duration_text(wait_ms).c_str());
-        }
-      }
-      if (!wait(wait_ms, &step, &failures)) return;
-      step = call(step.call);
+      announce(next);
+      if (!wait(&next)) return;
+      schedule_.started(next.call, now_ms());
+      std::string action;
+      const int rc = call(next.call, &action);
+      next = schedule_.after(next.call, rc, action, now_ms());
     }
   }
 
  private:
-  // Waits wait_ms unless stopped (false) or a changed scanner asks for Init.
-  bool wait(long long wait_ms, Step* step, int* failures) {
-    std::unique_lock<std::mutex> lock(shared_->mutex);
-    shared_->wake.wait_for(lock, std::chrono::milliseconds(wait_ms),
-                           [this] { return shared_->stop || shared_->init_requested; });
-    if (shared_->stop) return false;
-    if (shared_->init_requested) {
-      shared_->init_requested = false;
-      *step = {Call::kInit, When::kNow};
-      *failures = 0;
-      say("a different scanner was attached: Init now");
-    }
-    return true;
+  static long long now_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
   }
 
-  // Makes one call, prints it and returns what follows.
-  Step call(Call what) {
+  static void announce(const Schedule::Next& next) {
+    if (next.when == When::kAtPoll) {
+      say("next %s in %s", call_name(next.call), duration_text(next.wait_ms).c_str());
+    } else if (next.wait_ms > 0) {
+      say("%s in %s", call_name(next.call), duration_text(next.wait_ms).c_str());
+    }
+  }
+
+  // Waits until next is due; false when stopped. A changed scanner replaces
+  // it with Init at once; while the loop waits for the next poll, a capture
+  // that asks for Software_Update replaces it with that.
+  bool wait(Schedule::Next* next) {
+    long long due = now_ms() + next->wait_ms;
+    for (;;) {
+      const long long left = due - now_ms();
+      {
+        std::unique_lock<std::mutex> lock(shared_->mutex);
+        shared_->wake.wait_for(lock, std::chrono::milliseconds(std::clamp(left, 0LL, kPendingCheckMs)),
+                               [this] { return shared_->stop || shared_->init_requested; });
+        if (shared_->stop) return false;
+        if (shared_->init_requested) {
+          shared_->init_requested = false;
+          *next = schedule_.request(Call::kInit, now_ms());
+          say("a different scanner was attached: Init now");
+          return true;
+        }
+      }
+      if (next->when == When::kAtPoll && x_.Software_Update_Pending() == 1) {
+        *next = schedule_.request(Call::kSoftwareUpdate, now_ms());
+        say("a capture found the UIDAI certificate out of date: Software_Update");
+        announce(*next);
+        due = now_ms() + next->wait_ms;
+        continue;
+      }
+      if (left <= 0) return true;
+    }
+  }
+
+  // Makes one call and prints it. Its result; *action the next action it left.
+  int call(Call what, std::string* action_out) {
     char action[VEXO_NEXT_ACTION_LEN] = {};
     char status_before[VEXO_STATUS_LEN] = {};
     x_.Get_Last_RDservice_Status(status_before);
@@ -157,6 +182,9 @@ class Runner {
         break;
       case Call::kUidaiCertUpdate:
         rc = x_.uidai_cert_update(action);
+        break;
+      case Call::kUidaiCertForceUpdate:
+        rc = x_.uidai_cert_force_update(action);
         break;
       case Call::kSoftwareUpdate: {
         DownloadWatcher watcher;
@@ -178,11 +206,12 @@ class Runner {
     }
     const std::string remark = action_remark(action);
     if (!remark.empty()) say("%s", remark.c_str());
-    return next_step(what, rc, action);
+    *action_out = action;
+    return rc;
   }
 
   const MgmtExports x_;
-  const MgmtOptions o_;
+  Schedule schedule_;
   std::shared_ptr<MgmtLoopState> shared_;
 };
 

@@ -1,7 +1,9 @@
-// The host's Management loop: Init after start-up, then the call each next
-// action names (mgmt_plan), Init again every poll and after a changed scanner
-// is attached. Each call is printed on one line with its result and next
-// action; a running Software_Update prints the download's progress.
+// The host's Management loop: Init after start-up, uidai_cert_force_update
+// once after the first successful Init, then the call each next action names
+// (mgmt_plan), Init again every poll and after a changed scanner is attached,
+// and Software_Update when a capture asks for it (Software_Update_Pending).
+// Each call is printed on one line with its result and next action; a
+// running Software_Update prints the download's progress.
 //
 // Thread-safety: the loop runs on a thread of its own, the only one that calls
 // the Management exports; request_init and stop may be called from any thread.
@@ -18,6 +20,8 @@ struct MgmtExports {
   int (*Key_Rotation)(char*, const char*) = nullptr;
   int (*Software_Update)() = nullptr;
   int (*uidai_cert_update)(char*) = nullptr;
+  int (*uidai_cert_force_update)(char*) = nullptr;
+  int (*Software_Update_Pending)() = nullptr;
   int (*Get_Last_RDservice_Status)(char*) = nullptr;
 };
 

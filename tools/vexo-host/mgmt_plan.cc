@@ -1,5 +1,6 @@
 #include "mgmt_plan.h"
 
+#include <algorithm>
 #include <charconv>
 #include <vector>
 
@@ -15,11 +16,13 @@ struct ActionRow {
 // What the host calls for each next action the server (or the library) names.
 constexpr ActionRow kActions[] = {
     {"KEY_ROTATION", {Call::kKeyRotation, When::kNow}},
-    {"KEY_ROTATION_RETRY", {Call::kKeyRotation, When::kAfterPause}},
     {"UIDAI_CERT_UPDATE", {Call::kUidaiCertUpdate, When::kNow}},
-    {"UIDAI_CERT_UPDATE_RETRY", {Call::kUidaiCertUpdate, When::kAfterPause}},
     {"SOFTWARE_UPDATE", {Call::kSoftwareUpdate, When::kNow}},
+    // A retry goes through Init: the server names the follow-up again when
+    // it still wants it.
     {"INIT_RETRY", {Call::kInit, When::kAfterPause}},
+    {"KEY_ROTATION_RETRY", {Call::kInit, When::kAfterPause}},
+    {"UIDAI_CERT_UPDATE_RETRY", {Call::kInit, When::kAfterPause}},
     {"NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
     // Neither is mended by asking again at once: the clock or the registry
     // has to change first.
@@ -47,6 +50,8 @@ const char* call_name(Call call) {
       return "uidai_cert_update";
     case Call::kSoftwareUpdate:
       return "Software_Update";
+    case Call::kUidaiCertForceUpdate:
+      return "uidai_cert_force_update";
   }
   return "?";
 }
@@ -55,14 +60,56 @@ Step next_step(Call done, int rc, std::string_view action) {
   if (done == Call::kSoftwareUpdate) {
     // Software_Update leaves the service NOTREADY for the package to be
     // installed; this host installs nothing, so Init at once puts it back.
-    return rc == 0 ? Step{Call::kInit, When::kNow} : Step{Call::kSoftwareUpdate, When::kAfterPause};
+    return {Call::kInit, rc == 0 ? When::kNow : When::kAfterPause};
   }
-  if (action.empty()) return rc == 0 ? Step{Call::kInit, When::kAtPoll} : Step{done, When::kAfterPause};
+  if (action.empty()) return {Call::kInit, rc == 0 ? When::kAtPoll : When::kAfterPause};
   for (const ActionRow& row : kActions) {
     if (row.action == action) return row.step;
   }
   // An action this host does not know: ask again at the next poll.
   return {Call::kInit, When::kAtPoll};
+}
+
+void Schedule::started(Call call, long long now_ms) {
+  if (call == Call::kInit || call == Call::kUidaiCertForceUpdate) return;
+  FollowUp& f = follow_up(call);
+  f.last_start = now_ms;
+  ++f.streak;
+}
+
+Schedule::Next Schedule::after(Call done, int rc, std::string_view action, long long now_ms) {
+  if (done == Call::kInit && rc == 0 && !forced_update_done_) {
+    forced_update_done_ = true;
+    after_forced_update_ = next_step(done, rc, action);
+    return {Call::kUidaiCertForceUpdate, 0, When::kNow};
+  }
+  return pace(done == Call::kUidaiCertForceUpdate ? after_forced_update_ : next_step(done, rc, action), now_ms);
+}
+
+Schedule::Next Schedule::request(Call call, long long now_ms) {
+  if (call == Call::kInit) {
+    failures_ = 0;
+    return {Call::kInit, 0, When::kNow};
+  }
+  return pace({call, When::kNow}, now_ms);
+}
+
+Schedule::Next Schedule::pace(Step step, long long now_ms) {
+  long long wait_ms = 0;
+  if (step.when == When::kAfterPause) {
+    wait_ms = retry_pause_ms(failures_++, base_ms_);
+  } else if (step.when == When::kAtPoll) {
+    // A quiet round: what failed or repeated before is forgotten.
+    wait_ms = poll_ms_;
+    failures_ = 0;
+    for (FollowUp& f : follow_ups_) f.streak = 0;
+  }
+  // A follow-up asked for again within its back-off interval waits for the rest of it.
+  if (step.call != Call::kInit && step.call != Call::kUidaiCertForceUpdate) {
+    const FollowUp& f = follow_up(step.call);
+    if (f.streak > 0) wait_ms = std::max(wait_ms, f.last_start + retry_pause_ms(f.streak - 1, base_ms_) - now_ms);
+  }
+  return {step.call, wait_ms, step.when};
 }
 
 std::string action_remark(std::string_view action) {

@@ -72,8 +72,18 @@ int cmd_verify(const Args& args) {
 }
 
 // Installs a UIDAI certificate with its checksum, as the Management client
-// does, for deployments without a Management server.
-int cmd_uidai_cert(const Args& args) {
+// does, for deployments without a Management server. Only a plausible UIDAI
+// certificate is taken, unless --force asks for a test certificate.
+int cmd_uidai_cert(const Args& all) {
+  Args args;
+  bool force = false;
+  for (const std::string& a : all) {
+    if (a == "--force") {
+      force = true;
+    } else {
+      args.push_back(a);
+    }
+  }
   if (args.size() != 3) return 2;
   const struct {
     const char* env;
@@ -86,6 +96,12 @@ int cmd_uidai_cert(const Args& args) {
   std::string pem;
   if (platform::read_file(args[2], &pem) != 0 || pem.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
     std::fprintf(stderr, "vexoctl: %s is not a PEM certificate\n", args[2].c_str());
+    return 1;
+  }
+  std::string why;
+  if (!force && uidai_cert_plausible(pem, platform::now(), &why) != 0) {
+    std::fprintf(stderr, "vexoctl: %s is no UIDAI certificate: %s (--force installs it all the same)\n",
+                 args[2].c_str(), why.c_str());
     return 1;
   }
   const std::string checksum = hex_lower(sha256(std::string_view(pem)));
@@ -121,9 +137,10 @@ const Command kCommands[] = {
      "localhost, 127.0.0.1 and ::1 signed by it in DIR/cert/ssl/public.crt and private.key",
      cmd_tls_cert},
     {"trust-tls", "trust-tls DIR", kTrustSummary, cmd_trust_tls},
-    {"uidai-cert", "uidai-cert DIR ENV FILE",
+    {"uidai-cert", "uidai-cert DIR ENV FILE [--force]",
      "install FILE as the UIDAI certificate of ENV (S, PP, P or P_OLD) in DIR/cert/uidai with its "
-     "checksum, so captures use it",
+     "checksum, so captures use it; FILE must hold an RSA key of at least 2048 bits, be valid now and "
+     "name the organisation UIDAI, unless --force installs a test certificate",
      cmd_uidai_cert},
 };
 

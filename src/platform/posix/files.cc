@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -43,6 +44,32 @@ void kill_self() {
 }
 }  // namespace sys
 
+namespace {
+// Group and other bits are never granted, whatever a caller asks.
+mode_t owner_only(unsigned mode) { return static_cast<mode_t>(mode & 0700); }
+}  // namespace
+
+std::FILE* open_file(const std::string& path, const char* mode) {
+  if (mode == nullptr || (mode[0] != 'r' && mode[0] != 'w' && mode[0] != 'a')) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  const bool update = std::strchr(mode, '+') != nullptr;
+  int flags = O_CLOEXEC | (update ? O_RDWR : (mode[0] == 'r' ? O_RDONLY : O_WRONLY));
+  if (mode[0] == 'w') flags |= O_CREAT | O_TRUNC;
+  if (mode[0] == 'a') flags |= O_CREAT | O_APPEND;
+  UniqueFd fd(::open(path.c_str(), flags, 0600));
+  if (!fd) return nullptr;
+  std::FILE* f = ::fdopen(fd.get(), mode);
+  if (f != nullptr) fd.release();
+  return f;
+}
+
+bool folder_writable_by_others(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
 int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode) {
   const WriteFault fault = sys::write_fault();
   std::string tmp = path + ".tmpXXXXXX";
@@ -73,7 +100,9 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
     left -= static_cast<std::size_t>(n);
     crash_point();
   }
-  if (::fchmod(fd.get(), mode) != 0 || ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) return fail();
+  if (::fchmod(fd.get(), owner_only(mode)) != 0 || ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) {
+    return fail();
+  }
   crash_point();
   if (::rename(tmp.c_str(), path.c_str()) != 0) return fail();
   crash_point();
@@ -94,7 +123,7 @@ int write_file_atomic_stream(const std::string& path, const std::function<bool(s
   crash_point();
   bool ok = write(f) && std::fflush(f) == 0 && std::ferror(f) == 0;
   crash_point();
-  ok = ok && ::fchmod(fd, mode) == 0 && ::fsync(fd) == 0;
+  ok = ok && ::fchmod(fd, owner_only(mode)) == 0 && ::fsync(fd) == 0;
   ok = std::fclose(f) == 0 && ok;
   crash_point();
   if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {

@@ -19,9 +19,10 @@
 
 namespace platform {
 
-namespace sys {
-extern const char kDefaultLockDir[] = "/tmp";
-}  // namespace sys
+std::string default_lock_dir() {
+  struct stat st {};
+  return ::stat("/run/vexo", &st) == 0 && S_ISDIR(st.st_mode) ? "/run/vexo" : "/tmp";
+}
 
 namespace {
 
@@ -47,13 +48,34 @@ std::map<std::string, std::weak_ptr<LockState>>& registry() {
   return *r;
 }
 
-// "Global\\QDX_WIN_010" -> "<dir>/Global_QDX_WIN_010.lock".
-std::string lock_file_path(const char* name) {
-  std::string file(name);
-  for (char& c : file) {
-    if (c == '\\' || c == '/') c = '_';
+// Opens the lock file at path without following a symbolic link or blocking
+// (a FIFO or a device planted there must not hang start-up). A file made
+// here is opened to every user; one that exists is only checked. -1 with
+// errno on failure.
+int open_lock_file(const std::string& path) {
+  constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  int fd = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0666);
+  if (fd >= 0) {
+    // This process made the file: widen what the umask narrowed, so that
+    // the services of other users open the same lock. Failing that only
+    // limits sharing.
+    (void)::fchmod(fd, 0666);
+    return fd;
   }
-  return lock_dir() + "/" + file + ".lock";
+  if (errno != EEXIST) return -1;
+  // O_EXCL never follows a link, so a planted link also lands here, and the
+  // open below refuses it with ELOOP.
+  fd = ::open(path.c_str(), kFlags);
+  if (fd < 0) return -1;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1) {
+    // A hard link could make another file the lock; anything but a plain
+    // file is not ours to use.
+    ::close(fd);
+    errno = EEXIST;
+    return -1;
+  }
+  return fd;
 }
 
 int ofd_lock(int fd, short type) {
@@ -83,21 +105,19 @@ struct LocalLock {
   bool held = false;
 };
 
+
 NamedLock* named_lock_open(const char* name) {
   if (name == nullptr || *name == '\0') {
     errno = EINVAL;
     return nullptr;
   }
-  const std::string path = lock_file_path(name);
+  const std::string path = named_lock_path(name);
   std::lock_guard<std::mutex> guard(g_registry_mutex);
   auto& reg = registry();
   std::shared_ptr<LockState> state = reg[path].lock();
   if (state == nullptr || state->owner_pid != ::getpid()) {
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    int fd = open_lock_file(path);
     if (fd < 0) return nullptr;
-    // Other users' processes must be able to open the same file; the umask
-    // would otherwise narrow it. A failure here only limits sharing.
-    (void)::fchmod(fd, 0666);
     auto fresh = std::make_shared<LockState>();
     fresh->fd = fd;
     fresh->owner_pid = ::getpid();

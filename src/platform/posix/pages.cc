@@ -50,4 +50,31 @@ void free_zeroed_pages(void* block, std::size_t size) {
   ::munmap(guard_end - total, total);
 }
 
+std::size_t secret_pages_size(std::size_t size) {
+  std::size_t page = page_size();
+  return size == 0 ? page : (size + page - 1) / page * page;
+}
+
+void* alloc_secret_pages(std::size_t size) {
+  if (size > SIZE_MAX / 2) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  std::size_t total = secret_pages_size(size);
+  void* block = ::mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (block == MAP_FAILED) return nullptr;
+  // Left out of core dumps whatever happens next; locking fails once the
+  // process's RLIMIT_MEMLOCK is used up, and the pages then stay swappable.
+  (void)::madvise(block, total, MADV_DONTDUMP);
+  (void)::mlock(block, total);
+  return block;
+}
+
+void free_secret_pages(void* block, std::size_t size) {
+  if (block == nullptr) return;
+  std::size_t total = secret_pages_size(size);
+  (void)::munlock(block, total);
+  ::munmap(block, total);
+}
+
 }  // namespace platform

@@ -11,27 +11,31 @@
 namespace platform {
 
 namespace sys {
-extern const char kDefaultStatusPipePath[] = "/tmp/qdx.win.002";
+// The user's private runtime folder, where a host without an option makes it.
+std::string default_status_pipe_path() { return "/run/user/" + std::to_string(::geteuid()) + "/qdx.win.002"; }
 }  // namespace sys
 
 int pipe_open(const std::string& path, int* err) {
   // Non-blocking open fails with ENXIO when nobody reads the FIFO, instead of
-  // waiting for a reader forever.
-  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  // waiting for a reader forever; O_NOFOLLOW refuses a planted link.
+  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {
     *err = errno;
     return -1;
   }
+  // The checks look at what was opened, so nothing can be swapped in between.
   struct stat st {};
-  if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
-    *err = S_ISFIFO(st.st_mode) ? errno : ENOENT;
-    ::close(fd);
-    return -1;
+  int failure = 0;
+  if (::fstat(fd, &st) != 0) {
+    failure = errno;
+  } else if (!S_ISFIFO(st.st_mode)) {
+    failure = ENOENT;
+  } else if (st.st_uid != ::geteuid() || (st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    failure = EPERM;
   }
-  int flags = fcntl(fd, F_GETFL);
-  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
-    *err = errno;
+  if (failure != 0) {
     ::close(fd);
+    *err = failure;
     return -1;
   }
   return fd;

@@ -1,3 +1,4 @@
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <climits>
@@ -17,5 +18,6 @@ std::string program_path() {
 }
 
 std::string serial_port_path(const std::string& name) { return "/dev/" + name; }
+int forbid_core_dumps() { return ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0 ? 0 : -1; }
 
 }  // namespace platform

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 
 #include "platform/platform.h"
 #include "platform/socket_extra.h"
@@ -109,7 +110,32 @@ int bind_loopback6(socket_t s, std::uint16_t port) {
   addr.sin6_family = AF_INET6;
   addr.sin6_port = htons(port);
   addr.sin6_addr = in6addr_loopback;
-  return ::bind(s, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ? 0 : -1;
+  if (::bind(s, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return 0;
+  return errno == EADDRINUSE ? 1 : -1;
+}
+
+int send_before(socket_t s, const void* data, std::size_t len, std::uint64_t deadline_ms) {
+  const char* p = static_cast<const char*>(data);
+  while (len > 0) {
+    const std::uint64_t now = monotonic_ms();
+    if (now >= deadline_ms) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    const std::uint64_t left = deadline_ms - now;
+    int ready = wait_event(s, POLLOUT, left > INT_MAX ? INT_MAX : static_cast<int>(left));
+    if (ready < 0) return -1;
+    if (ready == 0) continue;  // the loop's check reports the deadline
+    // MSG_DONTWAIT: room for one byte does not mean room for all of them.
+    ssize_t n = ::send(s, p, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0) {
+      if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) continue;
+      return -1;
+    }
+    p += n;
+    len -= static_cast<std::size_t>(n);
+  }
+  return 0;
 }
 
 int wait_readable_any(const socket_t* sockets, std::size_t count, int timeout_ms) {

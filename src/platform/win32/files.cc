@@ -1,3 +1,5 @@
+#include <windows.h>
+#include <aclapi.h>
 #include <fcntl.h>
 #include <io.h>
 
@@ -195,6 +197,43 @@ int write_file_atomic_stream(const std::string& path, const std::function<bool(s
 
 int rename_over(const std::string& from, const std::string& to) {
   return replace_file(win32::widen(from), to) ? 0 : -1;
+}
+
+// Always binary: the library's files are the same bytes as on Linux. A new
+// file inherits its folder's permissions, which for the user's profile
+// (APPDATA) admit only the user, the administrators and the system.
+std::FILE* open_file(const std::string& path, const char* mode) {
+  std::wstring wide_mode = win32::widen(mode);
+  if (wide_mode.find(L'b') == std::wstring::npos) wide_mode += L'b';
+  const std::wstring wide = win32::widen(path);
+  return wide.empty() ? nullptr : ::_wfopen(wide.c_str(), wide_mode.c_str());
+}
+
+// Another user may add or remove entries when the folder's access list
+// grants Everyone, Authenticated Users or Users the right to add files or
+// folders, delete children, or write in general.
+bool folder_writable_by_others(const std::string& path) {
+  const std::wstring wide = win32::widen(path);
+  PACL dacl = nullptr;
+  PSECURITY_DESCRIPTOR sd = nullptr;
+  if (wide.empty() || ::GetNamedSecurityInfoW(wide.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                               nullptr, &dacl, nullptr, &sd) != ERROR_SUCCESS) {
+    return false;
+  }
+  constexpr ACCESS_MASK kWrite = FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY | FILE_DELETE_CHILD | GENERIC_WRITE | GENERIC_ALL;
+  bool open = dacl == nullptr;  // no access list: everyone may do everything
+  for (DWORD i = 0; !open && i < dacl->AceCount; ++i) {
+    void* ace = nullptr;
+    if (!::GetAce(dacl, i, &ace)) continue;
+    auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
+    if (allowed->Header.AceType != ACCESS_ALLOWED_ACE_TYPE || (allowed->Mask & kWrite) == 0) continue;
+    PSID sid = &allowed->SidStart;
+    for (WELL_KNOWN_SID_TYPE other : {WinWorldSid, WinAuthenticatedUserSid, WinBuiltinUsersSid}) {
+      if (::IsWellKnownSid(sid, other)) open = true;
+    }
+  }
+  ::LocalFree(sd);
+  return open;
 }
 
 void remove_stale_temporaries(const std::string& dir) {

@@ -16,10 +16,9 @@
 
 namespace platform {
 
-namespace sys {
-// Empty: the design's names unchanged.
-extern const char kDefaultLockDir[] = "";
-}  // namespace sys
+// The locks are named kernel objects, not files: no folder unless one is
+// set, and then the design's names unchanged.
+std::string default_lock_dir() { return ""; }
 
 namespace {
 

@@ -52,3 +52,33 @@ void free_zeroed_pages(void* block, std::size_t size) {
 }
 
 }  // namespace platform
+
+namespace platform {
+
+std::size_t secret_pages_size(std::size_t size) {
+  const std::size_t page = page_size();
+  return size == 0 ? page : (size + page - 1) / page * page;
+}
+
+// Locked with VirtualLock (kept out of the paging file) while the working
+// set allows; Windows has no per-page exclusion from crash dumps, so nothing
+// is done for dumps here.
+void* alloc_secret_pages(std::size_t size) {
+  if (size > SIZE_MAX / 2) {
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  const std::size_t total = secret_pages_size(size);
+  void* block = ::VirtualAlloc(nullptr, total, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+  if (block == nullptr) return nullptr;
+  (void)::VirtualLock(block, total);
+  return block;
+}
+
+void free_secret_pages(void* block, std::size_t size) {
+  if (block == nullptr) return;
+  (void)::VirtualUnlock(block, secret_pages_size(size));
+  ::VirtualFree(block, 0, MEM_RELEASE);
+}
+
+}  // namespace platform

@@ -5,7 +5,7 @@
 namespace platform {
 
 namespace sys {
-extern const char kDefaultStatusPipePath[] = "\\\\.\\pipe\\qdx.win.002";
+std::string default_status_pipe_path() { return "\\\\.\\pipe\\qdx.win.002"; }
 }  // namespace sys
 
 namespace {

@@ -3,6 +3,13 @@
 
 namespace platform {
 
+// Windows has no switch like PR_SET_DUMPABLE; this turns off the crash
+// reporting dialog and its report (with memory) for this process instead.
+int forbid_core_dumps() {
+  ::SetErrorMode(::GetErrorMode() | SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+  return 0;
+}
+
 void alert_box(const char* text, const char* caption) { ::MessageBoxA(nullptr, text, caption, MB_OK); }
 
 std::string program_path() {

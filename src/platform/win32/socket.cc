@@ -149,7 +149,43 @@ int bind_loopback6(socket_t s, std::uint16_t port) {
   addr.sin6_family = AF_INET6;
   addr.sin6_port = htons(port);
   addr.sin6_addr = in6addr_loopback;
-  return ::bind(to_socket(s), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ? 0 : -1;
+  if (::bind(to_socket(s), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return 0;
+  return ::WSAGetLastError() == WSAEADDRINUSE ? 1 : -1;
+}
+
+int send_before(socket_t s, const void* data, std::size_t len, std::uint64_t deadline_ms) {
+  // Non-blocking for the call: room for one byte does not mean room for all.
+  if (set_nonblocking(s, true) != 0) return -1;
+  const char* p = static_cast<const char*>(data);
+  int rc = 0;
+  while (len > 0) {
+    const std::uint64_t now = monotonic_ms();
+    if (now >= deadline_ms) {
+      ::WSASetLastError(WSAETIMEDOUT);
+      rc = -1;
+      break;
+    }
+    const std::uint64_t left = deadline_ms - now;
+    const int ready = wait_event(s, true, left > 0x7fffffff ? 0x7fffffff : static_cast<int>(left));
+    if (ready < 0) {
+      rc = -1;
+      break;
+    }
+    if (ready == 0) continue;  // the loop's check reports the deadline
+    const int chunk = len > 0x100000 ? 0x100000 : static_cast<int>(len);
+    const int n = ::send(to_socket(s), p, chunk, 0);
+    if (n == SOCKET_ERROR) {
+      if (::WSAGetLastError() == WSAEWOULDBLOCK) continue;
+      rc = -1;
+      break;
+    }
+    p += n;
+    len -= static_cast<std::size_t>(n);
+  }
+  const int saved = ::WSAGetLastError();
+  (void)set_nonblocking(s, false);
+  ::WSASetLastError(saved);
+  return rc;
 }
 
 int wait_readable_any(const socket_t* sockets, std::size_t count, int timeout_ms) {

@@ -3,8 +3,10 @@
 
 #include <json-c/json.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <mutex>
 #include <ctime>
@@ -141,82 +143,168 @@ std::string client_ts() {
   return g_client_ts.empty() ? mgmt_timestamp() : g_client_ts;
 }
 
-// A string member's value, or nullptr when absent or not a string.
+// A member of an object, or nullptr.
 json_object* member(json_object* o, const char* k) {
   if (o == nullptr || !json_object_is_type(o, json_type_object)) return nullptr;
   return json_object_object_get(o, k);
 }
+
+// A string value; false when v is absent or not a string.
 bool str_of(json_object* v, std::string* out) {
   if (v == nullptr || !json_object_is_type(v, json_type_string)) return false;
-  std::size_t n = static_cast<std::size_t>(json_object_get_string_len(v));
-  out->assign(json_object_get_string(v), n < kMgmtMaxField ? n : kMgmtMaxField);
+  out->assign(json_object_get_string(v), static_cast<std::size_t>(json_object_get_string_len(v)));
   return true;
 }
 
-JsonPtr parse_body(std::string_view body) {
-  if (body.empty() || body.size() > kMgmtMaxBody) return nullptr;
-  std::unique_ptr<json_tokener, void (*)(json_tokener*)> tok(json_tokener_new_ex(16), json_tokener_free);
-  if (!tok) return nullptr;
-  json_tokener_set_flags(tok.get(), JSON_TOKENER_STRICT);
-  JsonPtr root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));
-  if (!root || json_tokener_get_error(tok.get()) != json_tokener_success ||
-      json_tokener_get_parse_end(tok.get()) != body.size() || !json_object_is_type(root.get(), json_type_object)) {
-    return nullptr;
+// Every string of the tree, member names included, is at most kMgmtMaxField
+// bytes: a longer one is refused whole, never cut to fit. The tokener's
+// depth limit bounds the recursion.
+bool values_fit(json_object* o) {
+  switch (json_object_get_type(o)) {
+    case json_type_string:
+      return static_cast<std::size_t>(json_object_get_string_len(o)) <= kMgmtMaxField;
+    case json_type_array:
+      for (std::size_t i = 0; i < json_object_array_length(o); ++i) {
+        if (!values_fit(json_object_array_get_idx(o, i))) return false;
+      }
+      return true;
+    case json_type_object: {
+      bool fit = true;
+      json_object_object_foreach(o, key, value) {
+        fit = fit && std::strlen(key) <= kMgmtMaxField && values_fit(value);
+      }
+      return fit;
+    }
+    default:
+      return true;
   }
-  return root;
+}
+
+// The server's respCode or respDesc for a pipe message or the last-status
+// line: bounded, with CR, LF and the front end's line break '|' as blanks.
+std::string printable(const std::string& text, std::size_t max) {
+  std::string out = text.substr(0, max);
+  for (char& c : out) {
+    if (c == '\r' || c == '\n' || c == '|') c = ' ';
+  }
+  return out;
+}
+
+// A device code as the server issues it: letters, digits, '-', '.' and '_',
+// 1 to 64 of them. Anything else would reach config.ini and PidData.
+bool plain_device_code(const std::string& dc) {
+  return !dc.empty() && dc.size() <= 64 && std::all_of(dc.begin(), dc.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+           c == '_';
+  });
 }
 
 enum class Kind { kInit, kOther, kKeyRotation };
 
-// Steps common to every parser: status, code, identity, nextAction, ts.
-// Returns 0 to go on, 1 when init's ZELM-015 answered, -1 on a fatal fault.
-int common(json_object* root, Kind kind, const MgmtIdentity* self, std::string* next_action,
-           std::string* ts) {
-  std::string status, code, desc;
-  if (!str_of(member(root, "respStatus"), &status)) {
-    RD_ERROR(kind == Kind::kInit ? "init resp respStatus is null" : "Error at respStatus json_object_get_string is null");
-    return -1;
+// Reads one answer on behalf of a parser of the design, whose name the log,
+// last-status and pipe lines carry.
+class AnswerReader {
+ public:
+  AnswerReader(const char* function, Kind kind, const MgmtIdentity* self)
+      : function_(function), kind_(kind), self_(self) {}
+
+  // Parses body as one JSON object within the bounds; parse_error is logged otherwise.
+  bool parse(std::string_view body, const std::string& parse_error) {
+    RD_LOG_AS(function_);
+    root_ = parse_body(body);
+    if (root_ && !values_fit(root_.get())) {
+      RD_ERROR("A value of the answer is longer than %d bytes", static_cast<int>(kMgmtMaxField));
+      root_.reset();
+    }
+    if (!root_) RD_ERROR("%s", parse_error.c_str());
+    return root_ != nullptr;
   }
-  if (!str_of(member(root, "respCode"), &code)) {
-    RD_ERROR(member(root, "respCode") == nullptr ? "Error at respCode json_object_object_get"
-                                                 : "Error at respCode json_object_get_string is null");
-    return -1;
+
+  // The steps every answer goes through: status, the echoed device,
+  // nextAction and ts. 0 to go on; 1 when init's ZELM-015 answered; -1 fatal.
+  int head(std::string* next_action) {
+    const int rc = read_status(next_action);
+    if (rc != 0) return rc;
+    if (self_ != nullptr && check_device() != 0) return -1;
+    return read_next_action(next_action) == 0 && read_ts() == 0 ? 0 : -1;
   }
-  str_of(member(root, "respDesc"), &desc);
-  if (status != "y" && status != "Y") {
-    bool go_on = false;
-    if (kind == Kind::kInit) {
+
+  // A required string member of the answer, or of its device object.
+  bool field(bool in_device, const char* key, std::string* out, const char* missing, const char* not_string) {
+    RD_LOG_AS(function_);
+    json_object* v = member(in_device ? member(root_.get(), "device") : root_.get(), key);
+    if (v == nullptr || !str_of(v, out)) {
+      RD_ERROR("%s", v == nullptr ? missing : not_string);
+      return false;
+    }
+    return true;
+  }
+
+  const std::string& ts() const { return ts_; }
+
+ private:
+  static JsonPtr parse_body(std::string_view body) {
+    if (body.empty() || body.size() > kMgmtMaxBody) return nullptr;
+    std::unique_ptr<json_tokener, void (*)(json_tokener*)> tok(json_tokener_new_ex(16), json_tokener_free);
+    if (!tok) return nullptr;
+    json_tokener_set_flags(tok.get(), JSON_TOKENER_STRICT);
+    JsonPtr root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));
+    if (!root || json_tokener_get_error(tok.get()) != json_tokener_success ||
+        json_tokener_get_parse_end(tok.get()) != body.size() || !json_object_is_type(root.get(), json_type_object)) {
+      return nullptr;
+    }
+    return root;
+  }
+
+  // respStatus, respCode and respDesc. 0 accepted; 1 ZELM-015 (init only); -1.
+  int read_status(std::string* next_action) {
+    RD_LOG_AS(function_);
+    std::string status, code, desc;
+    if (!str_of(member(root_.get(), "respStatus"), &status)) {
+      RD_ERROR(kind_ == Kind::kInit ? "init resp respStatus is null" : "Error at respStatus json_object_get_string is null");
+      return -1;
+    }
+    if (!str_of(member(root_.get(), "respCode"), &code)) {
+      RD_ERROR(member(root_.get(), "respCode") == nullptr ? "Error at respCode json_object_object_get"
+                                                          : "Error at respCode json_object_get_string is null");
+      return -1;
+    }
+    str_of(member(root_.get(), "respDesc"), &desc);
+    if (status == "y" || status == "Y") return 0;
+    if (kind_ == Kind::kInit) {
       if (code == "ZELM-015") {
         *next_action = "DEVICE_NOT_REGISTERED";
         return 1;
       }
-      go_on = code == "ZELM-035" || code == "ZELM-040" || code == "ZELM-041";
+      // Not errors for the initial exchange: parsed as a success.
+      if (code == "ZELM-035" || code == "ZELM-040" || code == "ZELM-041") return 0;
     }
-    if (!go_on) {
-      RD_ERROR("Response code from management server is not success");
-      std::string c = code.substr(0, 64), d = desc.substr(0, 200);
-      if (kind == Kind::kKeyRotation) {
-        RD_STATUS("Error from MS : %s %s ", c.c_str(), d.c_str());
-      } else {
-        RD_STATUS("Error from MS: %s %s ", c.c_str(), d.c_str());
-      }
-      RD_PIPE("10000", "Error from MS: %s|%s\n", c.c_str(), d.c_str());
-      return -1;
+    RD_ERROR("Response code from management server is not success");
+    const std::string c = printable(code, 64), d = printable(desc, 200);
+    if (kind_ == Kind::kKeyRotation) {
+      RD_STATUS("Error from MS : %s %s ", c.c_str(), d.c_str());
+    } else {
+      RD_STATUS("Error from MS: %s %s ", c.c_str(), d.c_str());
     }
+    RD_PIPE("10000", "Error from MS: %s|%s\n", c.c_str(), d.c_str());
+    return -1;
   }
-  if (self != nullptr) {
-    json_object* dev = member(root, "device");
+
+  // The echoed hostId, slNo and model: a mismatch is only logged.
+  int check_device() {
+    RD_LOG_AS(function_);
+    json_object* dev = member(root_.get(), "device");
     if (dev == nullptr) {
       RD_ERROR("Error at device json_object_object_get");
       return -1;
     }
-    struct Check {
+    const struct {
       const char* key;
       const std::string* mine;
       const char* mismatch;
-    } checks[] = {{"hostId", &self->hostId, "Mgmt client and receiver HOST ID is mismatch"},
-                  {"slNo", &self->slNo, "Mgmt client and receiver SR NO is mismatch"},
-                  {"model", &self->model, "Mgmt client and receiver model is mismatch"}};
+    } checks[] = {{"hostId", &self_->hostId, "Mgmt client and receiver HOST ID is mismatch"},
+                  {"slNo", &self_->slNo, "Mgmt client and receiver SR NO is mismatch"},
+                  {"model", &self_->model, "Mgmt client and receiver model is mismatch"}};
     for (const auto& c : checks) {
       std::string v;
       if (!str_of(member(dev, c.key), &v)) {
@@ -225,54 +313,54 @@ int common(json_object* root, Kind kind, const MgmtIdentity* self, std::string* 
         RD_ERROR("%s", c.mismatch);
       }
     }
+    return 0;
   }
-  json_object* na = member(root, "nextAction");
-  if (na == nullptr || !json_object_is_type(na, json_type_array)) {
-    RD_ERROR("Error at nextAction json_object_object_get");
-    return -1;
-  }
-  std::size_t n = json_object_array_length(na);
-  for (std::size_t i = 0; i < n; ++i) {
-    json_object* e = json_object_array_get_idx(na, i);
-    if (e == nullptr) {
-      RD_ERROR("Error at nextAction json_object_array_get_idx");
+
+  // nextAction: an array of strings, whose last element counts.
+  int read_next_action(std::string* next_action) {
+    RD_LOG_AS(function_);
+    json_object* na = member(root_.get(), "nextAction");
+    if (na == nullptr || !json_object_is_type(na, json_type_array)) {
+      RD_ERROR("Error at nextAction json_object_object_get");
       return -1;
     }
-    if (!str_of(e, next_action)) {
-      RD_ERROR("Error at nextAction json_object_get_string");
-      return -1;
+    for (std::size_t i = 0; i < json_object_array_length(na); ++i) {
+      json_object* e = json_object_array_get_idx(na, i);
+      if (e == nullptr) {
+        RD_ERROR("Error at nextAction json_object_array_get_idx");
+        return -1;
+      }
+      if (!str_of(e, next_action)) {
+        RD_ERROR("Error at nextAction json_object_get_string");
+        return -1;
+      }
     }
+    return 0;
   }
-  json_object* t = member(root, "ts");
-  if (t == nullptr) {
-    RD_ERROR("Error at ts json_object_object_get");
-    return -1;
-  }
-  if (!str_of(t, ts)) {
-    RD_ERROR("Error at ts json_object_get_string");
-    return -1;
-  }
-  return 0;
-}
 
-// A required string field: missing_msg when absent, type_msg when not a string.
-bool field(json_object* o, const char* k, std::string* out, const char* missing_msg, const char* type_msg) {
-  json_object* v = member(o, k);
-  if (v == nullptr) {
-    RD_ERROR("%s", missing_msg);
-    return false;
+  int read_ts() {
+    return field(false, "ts", &ts_, "Error at ts json_object_object_get", "Error at ts json_object_get_string") ? 0 : -1;
   }
-  if (!str_of(v, out)) {
-    RD_ERROR("%s", type_msg);
-    return false;
-  }
-  return true;
-}
 
-JsonPtr parse_or_log(std::string_view body, const char* msg) {
-  JsonPtr root = parse_body(body);
-  if (!root) RD_ERROR("%s", msg);
-  return root;
+  const char* function_;
+  Kind kind_;
+  const MgmtIdentity* self_;
+  JsonPtr root_;
+  std::string ts_;
+};
+
+// The answer of an update: path and checksum after the common steps.
+int read_path_checksum(const char* function, const char* parse_error, std::string_view body,
+                       const MgmtIdentity& self, std::string* next_action, std::string* path,
+                       std::string* checksum) {
+  AnswerReader r(function, Kind::kOther, &self);
+  if (!r.parse(body, parse_error) || r.head(next_action) != 0) return -1;
+  return r.field(false, "path", path, "Error at path json_object_get_string is null",
+                 "Error at path json_object_get_string is null") &&
+                 r.field(false, "checksum", checksum, "Error at checksum json_object_object_get is null",
+                         "Error at checksum json_object_get_string is null")
+             ? 0
+             : -1;
 }
 
 }  // namespace
@@ -283,16 +371,12 @@ void json_set_client_ts_for_test(const std::string& ts) {
 }
 
 int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string* next_action) {
-  JsonPtr root = parse_body(body);
-  if (!root) {
-    RD_ERROR("Error at Resp init json_tokener_parse line=%d", __LINE__);
-    return -1;
-  }
-  std::string ts;
-  int rc = common(root.get(), Kind::kInit, &self, next_action, &ts);
+  AnswerReader r("json_parse_init", Kind::kInit, &self);
+  if (!r.parse(body, "Error at Resp init json_tokener_parse line=" + std::to_string(__LINE__))) return -1;
+  const int rc = r.head(next_action);
   if (rc != 0) return rc > 0 ? 0 : -1;
   int diff = 0;
-  int t = Time_Diff_in_Sec(ts, client_ts(), &diff);
+  const int t = Time_Diff_in_Sec(r.ts(), client_ts(), &diff);
   if (t == 0 && diff > 300) {
     RD_INFO("Time Difference between client and server is %d seconds, It should be less than 300 seconds", diff);
   } else if (t != 0) {
@@ -307,64 +391,50 @@ int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string
 
 int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std::string* next_action,
                             void* /*unused*/, std::string* dc, std::string* spkey) {
-  JsonPtr root = parse_or_log(body, "Error at key rotation parse json_tokener_parse");
-  std::string ts;
-  if (!root || common(root.get(), Kind::kKeyRotation, &self, next_action, &ts) != 0) return -1;
-  if (!field(member(root.get(), "device"), "dc", dc, "Error at dc json_object_object_get",
-             "Error at dc json_object_get_string is null") ||
-      !field(root.get(), "sPKey", spkey, "Error at sPKey json_object_object_get",
-             "Error at sPKey json_object_get_string is null")) {
+  AnswerReader r("json_parse_key_rotation", Kind::kKeyRotation, &self);
+  if (!r.parse(body, "Error at key rotation parse json_tokener_parse") || r.head(next_action) != 0 ||
+      !r.field(true, "dc", dc, "Error at dc json_object_object_get", "Error at dc json_object_get_string is null")) {
     return -1;
   }
-  return 0;
-}
-
-namespace {
-int path_checksum(std::string_view body, const MgmtIdentity& self, const char* parse_msg, std::string* next_action,
-                  std::string* path, std::string* checksum) {
-  JsonPtr root = parse_or_log(body, parse_msg);
-  std::string ts;
-  if (!root || common(root.get(), Kind::kOther, &self, next_action, &ts) != 0) return -1;
-  if (!field(root.get(), "path", path, "Error at path json_object_get_string is null",
-             "Error at path json_object_get_string is null") ||
-      !field(root.get(), "checksum", checksum, "Error at checksum json_object_object_get is null",
-             "Error at checksum json_object_get_string is null")) {
+  if (!plain_device_code(*dc)) {
+    RD_ERROR("dc from management server is not a device code");
+    dc->clear();
     return -1;
   }
-  return 0;
+  return r.field(false, "sPKey", spkey, "Error at sPKey json_object_object_get",
+                 "Error at sPKey json_object_get_string is null")
+             ? 0
+             : -1;
 }
-}  // namespace
 
 int json_parse_update(std::string_view body, const MgmtIdentity& self, std::string* next_action,
                       std::string* path, std::string* checksum) {
-  return path_checksum(body, self, "Error at json_tokener_parse", next_action, path, checksum);
+  return read_path_checksum("json_parse_update", "Error at json_tokener_parse", body, self, next_action, path,
+                            checksum);
 }
 
 int json_parse_uidai_cert_update(std::string_view body, const MgmtIdentity& self,
                                  std::string* next_action, std::string* path, std::string* checksum) {
-  return path_checksum(body, self, "Error at json_tokener_parse for Resp_buff", next_action, path, checksum);
+  return read_path_checksum("json_parse_uidai_cert_update", "Error at json_tokener_parse for Resp_buff", body, self,
+                            next_action, path, checksum);
 }
 
 int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentity& self,
                                         std::string* next_action) {
-  JsonPtr root = parse_or_log(body, "Error at json_tokener_parse");
-  std::string ts;
-  if (!root || common(root.get(), Kind::kOther, &self, next_action, &ts) != 0) return -1;
-  return 0;
+  AnswerReader r("json_parse_uidai_cert_update_status", Kind::kOther, &self);
+  return r.parse(body, "Error at json_tokener_parse") && r.head(next_action) == 0 ? 0 : -1;
 }
 
 int json_parse_uidai_cert_force_update(std::string_view body, std::string* next_action, std::string* path,
                                        std::string* chksum, std::string* ci) {
-  JsonPtr root = parse_or_log(body, "Error at json_tokener_parse");
-  std::string ts;
-  if (!root || common(root.get(), Kind::kOther, nullptr, next_action, &ts) != 0) return -1;
-  if (!field(root.get(), "path", path, "Error at path json_object_get_string is null",
-             "Error at path json_object_get_string is null") ||
-      !field(root.get(), "chkSum", chksum, "Error at chkSum json_object_object_get is null",
-             "Error at chkSum json_object_object_get is null") ||
-      !field(root.get(), "ci", ci, "Error at ci json_object_object_get is null",
-             "Error at ci json_object_get_string is null")) {
-    return -1;
-  }
-  return 0;
+  AnswerReader r("json_parse_uidai_cert_force_update", Kind::kOther, nullptr);
+  if (!r.parse(body, "Error at json_tokener_parse") || r.head(next_action) != 0) return -1;
+  return r.field(false, "path", path, "Error at path json_object_get_string is null",
+                 "Error at path json_object_get_string is null") &&
+                 r.field(false, "chkSum", chksum, "Error at chkSum json_object_object_get is null",
+                         "Error at chkSum json_object_object_get is null") &&
+                 r.field(false, "ci", ci, "Error at ci json_object_object_get is null",
+                         "Error at ci json_object_get_string is null")
+             ? 0
+             : -1;
 }

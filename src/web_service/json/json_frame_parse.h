@@ -29,14 +29,18 @@ int json_frame_update(std::string* out);
 int json_frame_uidai_cert_update(std::string* out);
 int json_frame_uidai_cert_update_status(std::string* out);
 
-// Longest body accepted (the transport's limit) and longest copied value.
+// Longest body accepted (the transport's limit) and longest string value (or
+// member name) an answer may hold.
 inline constexpr std::size_t kMgmtMaxBody = 29999;
 inline constexpr std::size_t kMgmtMaxField = 4096;
 
 // Response parsers against the identity `self` (hostId, slNo, model are
-// compared; mismatches are only logged). 0, or -1 on any fatal fault. An
+// compared; mismatches are only logged). 0, or -1 on any fatal fault: among
+// them an answer with any value longer than kMgmtMaxField, and a key
+// rotation's dc that is not 1 to 64 letters, digits, '-', '.' or '_'. An
 // output is written only when its field is read; nextAction keeps the
-// caller's value for an empty array. Each copied value is at most kMgmtMaxField bytes.
+// caller's value for an empty array. A refusal's respCode and respDesc reach
+// the last-status line and the pipe with CR, LF and '|' as blanks.
 int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string* next_action);
 int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std::string* next_action,
                             void* unused, std::string* dc, std::string* spkey);
