@@ -365,9 +365,10 @@ TEST_F(ConfigTest, WritersKeepOtherKeysAndReplaceTheFileWhole) {
   EXPECT_EQ(rd_config_copy().ssl_enable_text, "0123456");
   EXPECT_EQ(rd_config_copy().rd_ver, "1.0.4");
   EXPECT_EQ(rd_config_copy().mgmt_url_getcert_p, std::string(kBase) + "/rest/getCert/P");
-  EXPECT_EQ(folder_entries(dir_.path()),
-            (std::vector<std::string>{"Global_QDX_WIN_010.lock", "bin_crc.txt", "config.ini",
-                                      "rd.log"}));
+  // The lock file exists where locks are files (not Windows' named semaphores).
+  std::vector<std::string> expected{"bin_crc.txt", "config.ini", "rd.log"};
+  if (testsys::kSystemLockDir[0] != '\0') expected.insert(expected.begin(), "Global_QDX_WIN_010.lock");
+  EXPECT_EQ(folder_entries(dir_.path()), expected);
   // A value that would end its line is refused before anything is written.
   for (const char* dc : {"a\nb", "a\rb", "a\n[zzz]\ndomain_name = X"}) {
     EXPECT_EQ(write_config_file(dc), -1) << dc;

@@ -84,6 +84,10 @@ extern const int kErrorAddressInUse;
 // without SO_REUSEADDR (POSIX) or not (Windows).
 extern const bool kTimeWaitBlocksBind;
 
+// Whether files carry POSIX permission bits (false on Windows, where their
+// access lists stand in and stat reports 0666 or 0444).
+extern const bool kPosixFileModes;
+
 // The lock folder the library uses when no test moved it ("/tmp" on POSIX;
 // none on Windows, where the locks are named kernel objects).
 extern const char kSystemLockDir[];

@@ -287,6 +287,7 @@ const int kErrorNoFolder = ERROR_PATH_NOT_FOUND;
 void ignore_broken_pipe() {}
 
 const bool kTimeWaitBlocksBind = false;
+const bool kPosixFileModes = false;
 const char kSystemLockDir[] = "";
 
 void set_env(const char* name, const char* value) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/paths.h"
 #include "platform/platform.h"
 
 namespace {
@@ -261,7 +262,9 @@ extern "C" VEXO_EXPORT int Get_Last_RDservice_Status(char* status) noexcept {
 }
 
 extern "C" VEXO_EXPORT int Set_Status_Pipe_Path(const char* path) noexcept try {
-  if (path == nullptr || path[0] != '/' || std::strlen(path) >= VEXO_PIPE_PATH_LEN) return -1;
+  if (path == nullptr || std::strlen(path) >= VEXO_PIPE_PATH_LEN || !platform::is_absolute_path(path)) {
+    return -1;
+  }
   platform::set_status_pipe_path(path);
   return 0;
 } catch (...) {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/paths.h"
 #include "platform/platform.h"
 #include "platform/shared.h"
 #include "platform/unique_handle.h"
@@ -137,6 +138,8 @@ int write_file_atomic_stream(const std::string& path, const std::function<bool(s
 int rename_over(const std::string& from, const std::string& to) {
   return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : -1;
 }
+
+bool is_absolute_path(const std::string& path) { return !path.empty() && path[0] == '/'; }
 
 void remove_stale_temporaries(const std::string& dir) {
   std::error_code ec;

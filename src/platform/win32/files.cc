@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <optional>
 #include <vector>
 
+#include "platform/paths.h"
 #include "platform/platform.h"
 #include "platform/shared.h"
 #include "platform/win32/win32_util.h"
@@ -234,6 +236,12 @@ bool folder_writable_by_others(const std::string& path) {
   }
   ::LocalFree(sd);
   return open;
+}
+
+bool is_absolute_path(const std::string& path) {
+  auto sep = [](char c) { return c == '\\' || c == '/'; };
+  if (path.size() >= 2 && sep(path[0]) && sep(path[1])) return true;  // \\server\share, \\.\pipe
+  return path.size() >= 3 && std::isalpha(static_cast<unsigned char>(path[0])) && path[1] == ':' && sep(path[2]);
 }
 
 void remove_stale_temporaries(const std::string& dir) {
