@@ -4,7 +4,9 @@
 # UndefinedBehaviorSanitizer build in build-asan/, and a Clang build in
 # build-clang/; then a ThreadSanitizer build in build-tsan/ runs the tests
 # labelled "threads", and every parser is fuzzed for 15 s (build-fuzz/). Prints
-# the wall time of each stage and the total. Exits 0 only when all of them pass.
+# the wall time of each stage and the total. Last, the Windows builds
+# (scripts/windows.sh): x86_64 tested under wine64, i686 under wine32 where
+# it is installed. Exits 0 only when all of them pass.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -60,6 +62,15 @@ stage "sanitizer build (ASan + UBSan)" sanitizers
 stage "Clang build (RelWithDebInfo)" clang_build
 stage "ThreadSanitizer build (the tests with threads)" threads
 stage "fuzzing (15 s per target)" ./scripts/fuzz.sh 15
+
+# Windows: the x86_64 build and its tests under wine64; the i686 build, whose
+# tests need the 32-bit Wine (wine32), which not every machine can install:
+# windows.sh checks for it and says so when they do not run.
+windows() {
+  JOBS=$jobs ./scripts/windows.sh test x86_64
+  JOBS=$jobs ./scripts/windows.sh test i686
+}
+stage "Windows (mingw-w64 x86_64 and i686, Wine)" windows
 
 echo "== wall time per stage =="
 printf '%s\n' "${timings[@]}"

@@ -4,12 +4,6 @@
 // image captures, openjpeg's encoding of the same images. Prints each ratio.
 //
 // Usage: capture_bench [iterations]   (default 20)
-#include <fcntl.h>
-#include <time.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -46,14 +40,11 @@
 #include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
+#include "test_sys.h"
 
 namespace {
 
-double thread_cpu_ms() {
-  timespec ts{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
-}
+double thread_cpu_ms() { return testsys::thread_cpu_ms(); }
 
 // Medians over n runs of fn, in milliseconds: wall time, and the CPU time of
 // this thread (which also runs the simulated scanner), steadier on a busy machine.
@@ -80,31 +71,15 @@ Timing measure(int n, const std::function<void()>& fn) {
   std::exit(1);
 }
 
-// Reads the status FIFO so the library's notifications never block.
+// Reads the status pipe so the library's notifications never block.
 class PipeDrain {
  public:
-  explicit PipeDrain(const std::string& path) {
-    if (mkfifo(path.c_str(), 0600) != 0) die("mkfifo");
-    fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
-    platform::set_status_pipe_path(path);
-    thread_ = std::thread([this] {
-      char buf[4096];
-      while (!stop_) {
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, 50) > 0 && ::read(fd_, buf, sizeof buf) <= 0) ::usleep(2000);
-      }
-    });
-  }
-  ~PipeDrain() {
-    stop_ = true;
-    thread_.join();
-    ::close(fd_);
+  explicit PipeDrain(const std::string& dir) : server_(dir, [](const char*, std::size_t) {}) {
+    platform::set_status_pipe_path(server_.path());
   }
 
  private:
-  int fd_ = -1;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
+  testsys::PipeServer server_;
 };
 
 // The cryptographic floor of one capture: a signature per record, the RSA wrap
@@ -167,12 +142,14 @@ PkeyPtr key_from_pem(std::string_view pem, bool cert) {
 
 int main(int argc, char** argv) {
   const int n = argc > 1 ? std::max(3, std::atoi(argv[1])) : 20;
-  char tmpl[] = "/tmp/vexo_capture_bench_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) die("mkdtemp");
-  const std::string work = tmpl;
+  const std::string work = (std::filesystem::temp_directory_path() /
+                            ("vexo_capture_bench_" + std::to_string(testsys::process_id())))
+                               .string();
+  std::filesystem::remove_all(work);
+  if (!std::filesystem::create_directory(work)) die("no working folder");
   std::filesystem::current_path(work);
   {
-    PipeDrain drain(work + "/qdx.win.002");
+    PipeDrain drain(work);
     if (create_Pipe() != 0 || zlog_init("rd.log") != 0) die("log or pipe");
     rd_identity_update([&](RdIdentity& id) {
       id.scanner_name = "Aratek_A600";

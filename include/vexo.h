@@ -1,7 +1,7 @@
 /*
  * Vexo: Registered Device service for fingerprint scanners.
  *
- * The public C interface of libVexo.so. A host program loads the library,
+ * The public C interface of libVexo.so and Vexo.dll. A host program loads the library,
  * calls Initialize_process and Start_RDservice, and then drives the
  * Management client through Init and the operations its next action names.
  * Every export returns a signed 32-bit code: 0 for success, a negative code
@@ -14,10 +14,17 @@
 #ifndef VEXO_H
 #define VEXO_H
 
+/* VEXO_CALL is the calling convention of every export, which a host's
+ * function pointers must carry too: the C convention (__cdecl) on 32-bit and
+ * 64-bit Windows, the platform's only one elsewhere. Vexo.dll exports the
+ * undecorated names through its module-definition file (src/init/Vexo.def);
+ * libVexo.so exports what VEXO_EXPORT marks. */
 #if defined(_WIN32)
-#define VEXO_EXPORT __declspec(dllexport)
+#define VEXO_EXPORT
+#define VEXO_CALL __cdecl
 #else
 #define VEXO_EXPORT __attribute__((visibility("default")))
+#define VEXO_CALL
 #endif
 
 #ifdef __cplusplus
@@ -35,30 +42,31 @@ extern "C" {
  * "Aratek_A400", ... or "Tavio_TX9|PORT|SECURITY"). Returns 0, a negative code,
  * or (vendor libraries not loaded) a non-zero value outside the negative codes.
  * May be called again after a failure: it resumes at the step that failed.
- * It opens the status FIFO "$XDG_RUNTIME_DIR/qdx.win.002" (an absolute
- * XDG_RUNTIME_DIR), else "/run/user/<effective uid>/qdx.win.002", which the
- * host makes first and reads; the library uses it only when it is a FIFO of
- * the same effective user that other users can neither read nor write. A host
+ * It opens the status pipe, which the host makes first and reads: on Windows
+ * the named pipe "\\.\pipe\qdx.win.002"; elsewhere the FIFO
+ * "$XDG_RUNTIME_DIR/qdx.win.002" (an absolute XDG_RUNTIME_DIR), else
+ * "/run/user/<effective uid>/qdx.win.002", used only when it is a FIFO of the
+ * same effective user that other users can neither read nor write. A host
  * that keeps the FIFO elsewhere sets XDG_RUNTIME_DIR to that folder (a folder
  * only its user can write) before this call. */
-VEXO_EXPORT int Initialize_process(const char *scanner_details) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Initialize_process(const char *scanner_details) VEXO_NOEXCEPT;
 
 /* Binds the first free port of 11100..11120 on 127.0.0.1 and starts serving.
  * Returns 0; -2 server socket not created; -3 TLS context not created;
  * -4 accept thread not started. Meant to be called once. */
-VEXO_EXPORT int Start_RDservice(void) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Start_RDservice(void) VEXO_NOEXCEPT;
 
 /* Copies the last-status line into status (at least VEXO_STATUS_LEN bytes).
  * Always returns 0; the line is empty until the first report. */
-VEXO_EXPORT int Get_Last_RDservice_Status(char *status) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Get_Last_RDservice_Status(char *status) VEXO_NOEXCEPT;
 
 /* The host reports that the scanner was plugged in. Returns 0 for the same
  * scanner as before, -10 for another scanner (call Init), -1 when no scanner
  * answered. */
-VEXO_EXPORT int attach_device(void) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL attach_device(void) VEXO_NOEXCEPT;
 
 /* The host reports that the scanner was pulled out. Returns 0. */
-VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL detach_device(void) VEXO_NOEXCEPT;
 
 /* Management operations. next_action receives the server's next action
  * (VEXO_NEXT_ACTION_LEN bytes).
@@ -114,20 +122,20 @@ VEXO_EXPORT int detach_device(void) VEXO_NOEXCEPT;
  * and the follow-ups it named made it busy; otherwise the status is the one
  * each operation sets. TIME_STAMP_SYNC and DEVICE_NOT_REGISTERED always set
  * theirs. */
-VEXO_EXPORT int Init(char *next_action) VEXO_NOEXCEPT;
-VEXO_EXPORT int Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
-VEXO_EXPORT int Software_Update(void) VEXO_NOEXCEPT;
-VEXO_EXPORT int uidai_cert_update(char *next_action) VEXO_NOEXCEPT;
-VEXO_EXPORT int uidai_cert_force_update(char *next_action) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Init(char *next_action) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Software_Update(void) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL uidai_cert_update(char *next_action) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL uidai_cert_force_update(char *next_action) VEXO_NOEXCEPT;
 
 /* Writes IS_SSL_ENABLE ("0" or "1") into config.ini and reseals it. 0 or -1. */
-VEXO_EXPORT int Https_Set_Api(const char *value) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Https_Set_Api(const char *value) VEXO_NOEXCEPT;
 
 /* Writes proxy.ini from "URL|USER|PASSWORD". 0 or -1. */
-VEXO_EXPORT int Set_Proxy_Api(const char *proxy) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Set_Proxy_Api(const char *proxy) VEXO_NOEXCEPT;
 
 /* Deletes proxy.ini if there is one. Always 0. */
-VEXO_EXPORT int Remove_Proxy_Api(void) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Remove_Proxy_Api(void) VEXO_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -1,12 +1,12 @@
 // Simulated scanner SDK: a healthy 500-ppi optical sensor by default, every
 // answer scriptable through the control file.
-#include <time.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <type_traits>
 
 #include "aratek_sdk.h"
@@ -14,7 +14,7 @@
 #include "fingerprint.h"
 #include "sim_codes.h"
 
-#define SIM_EXPORT extern "C" __attribute__((visibility("default")))
+#define SIM_EXPORT extern "C" SIM_VISIBLE
 
 namespace {
 
@@ -41,11 +41,7 @@ std::uint32_t fnv1a(const std::string& s) {
 bool present(const simctl::ControlCall& c) { return c.number("present", 1) != 0; }
 bool valid_handle(ARAFPSCAN_HANDLE h) REQUIRES(simctl::g_sim_mutex) { return h == &g_device && g_device.open; }
 
-void sleep_ms(long ms) {
-  timespec ts{ms / 1000, (ms % 1000) * 1000000L};
-  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-  }
-}
+void sleep_ms(long ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 }  // namespace
 

@@ -5,7 +5,7 @@
 #include "sim_codes.h"
 #include "tavio_sdk.h"
 
-extern "C" __attribute__((visibility("default"))) int Initialize_BT_Security(const char* security_param) {
+extern "C" SIM_VISIBLE int Initialize_BT_Security(const char* security_param) {
   return simctl::guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (security_param == nullptr) return SIM_ERR_BAD_PARAM;
     return simctl::scripted(c, "bt_security");

@@ -1,7 +1,5 @@
 #include "control.h"
 
-#include <dlfcn.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -21,20 +19,8 @@ std::string g_last_content GUARDED_BY(g_sim_mutex);
 std::map<std::string, std::size_t> g_positions GUARDED_BY(g_sim_mutex);
 std::map<std::string, unsigned long> g_counters GUARDED_BY(g_sim_mutex);
 
-// The folder is taken when the library is loaded: dladdr reports the path
-// given to dlopen, which may be relative to a folder the host leaves later.
-std::string find_library_dir() {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&find_library_dir), &info) == 0 || info.dli_fname == nullptr) {
-    return "";
-  }
-  char* real = realpath(info.dli_fname, nullptr);
-  std::string path = real != nullptr ? real : info.dli_fname;
-  std::free(real);
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
-
+// The folder is taken when the library is loaded: the loader may report the
+// path it was given, which may be relative to a folder the host leaves later.
 const std::string g_library_dir = find_library_dir();
 
 bool read_whole(const std::string& path, std::string* out) {
@@ -126,7 +112,7 @@ int scripted(ControlCall& c, const std::string& key) {
 void ControlCall::log_call(const char* name, long result) const {
   if (number("call_log", 0) == 0) return;
   const std::string path = g_library_dir + "/" + kCallLogFile;
-  FILE* f = std::fopen(path.c_str(), "a");
+  FILE* f = std::fopen(path.c_str(), "ab");
   if (f == nullptr) return;  // the log is a test aid; a read-only folder is no error
   std::fprintf(f, "%s %ld\n", name, result);
   std::fclose(f);

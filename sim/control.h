@@ -30,6 +30,9 @@ extern platform::Mutex g_sim_mutex;
 
 // Absolute folder of the library that contains this code ("" if unknown).
 const std::string& library_dir();
+// Finds that folder from the loader (library_dir_SYSTEM.cc); called once,
+// when the library is loaded.
+std::string find_library_dir();
 
 // One entry-point call's view of the control file. The constructor locks the
 // simulator and rereads the file; when its content differs from the last one

@@ -10,7 +10,7 @@
 #include "sim_codes.h"
 #include "tavio_sdk.h"
 
-#define SIM_EXPORT extern "C" __attribute__((visibility("default")))
+#define SIM_EXPORT extern "C" SIM_VISIBLE
 
 namespace {
 
@@ -81,7 +81,7 @@ SIM_EXPORT int Print_Data(const char* text, char* out, int out_len) {
     if (int r = scripted(c, "tavio_print")) return r;
     // The paper: every printed text lands in sim_printer.txt for tests to read.
     const std::string path = simctl::library_dir() + "/sim_printer.txt";
-    if (FILE* f = std::fopen(path.c_str(), "a")) {
+    if (FILE* f = std::fopen(path.c_str(), "ab")) {
       std::fprintf(f, "%s\n", text);
       std::fclose(f);
     }

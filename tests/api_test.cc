@@ -86,7 +86,7 @@ class ApiTest : public testutil::LibraryTest {
   // Starts a fresh case: empty last-status line, pipe reopened.
   void fresh_reports() {
     rd_log_reset_for_test();
-    ASSERT_EQ(create_Pipe(), 0);
+    ASSERT_EQ(create_Pipe(), 0) << testutil::last_status();
     pipe_mark_ = pipe_->received().size();
     std::fill(area_.begin(), area_.end(), '\0');
   }

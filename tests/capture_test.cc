@@ -33,6 +33,7 @@
 #include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
+#include "test_sys.h"
 #include "test_crypto.h"
 #include "test_util.h"
 #include "common/xml_ptr.h"
@@ -50,10 +51,12 @@ class SimFolder : public ::testing::Environment {
  public:
   static std::string refdll() {
     static std::string dir = [] {
-      char tmpl[] = "/tmp/vexo_capture_sim_XXXXXX";
-      if (mkdtemp(tmpl) == nullptr) std::abort();
-      base() = tmpl;
-      return sim::install_refdll(tmpl);
+      // A folder of the process's own below the system's temporary folder.
+      const auto path = std::filesystem::temp_directory_path() /
+                        ("vexo_capture_sim_" + std::to_string(testsys::process_id()));
+      std::filesystem::create_directories(path);
+      base() = path.string();
+      return sim::install_refdll(base());
     }();
     return dir;
   }

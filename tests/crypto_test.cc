@@ -253,8 +253,8 @@ TEST_F(CryptoTest, StagingUsesTheProductionCertificateOnlyForTheProductionServer
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.register_url) + " / " + c.prod_register_url);
-    std::filesystem::remove("rd.log");
     zlog_fini();
+    std::filesystem::remove("rd.log");
     ASSERT_EQ(zlog_init("rd.log"), 0);
     rd_config_update([&](RdConfig& r) { r.mgmt_url_register = c.register_url; });
     rd_config_update([&](RdConfig& r) { r.prod_register_url = c.prod_register_url; });
@@ -294,8 +294,8 @@ TEST_F(CryptoTest, WrongChecksumGives240AndAsksTheHostForAnUpdate) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string("env ") + c.env + (c.wrong_prod ? " wrong prod" : " wrong preprod"));
-    std::filesystem::remove("rd.log");
     zlog_fini();
+    std::filesystem::remove("rd.log");
     ASSERT_EQ(zlog_init("rd.log"), 0);
     rd_log_reset_for_test();
     set_uidai_prod_cert_newer(c.prod_newer);

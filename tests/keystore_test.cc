@@ -1,9 +1,5 @@
 // Device keystore: real key generation, real files in a temporary working
 // folder, the real scanner lock, and OpenSSL to read back what was written.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statfs.h>
-
 #include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
@@ -29,6 +25,7 @@
 #include "common/aes.h"
 #include "semaphore/semaphore_syc.h"
 #include "common/openssl_ptr.h"
+#include "test_sys.h"
 #include "test_util.h"
 #include "platform/test_seams.h"
 
@@ -37,11 +34,10 @@ namespace {
 // Reads a file as the keystore's own reads must not see: its access time,
 // which the keystore records as a tamper seal, is put back afterwards.
 std::string read_keeping_access_time(const std::string& path) {
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return "";
+  testsys::FileTimes times;
+  if (!testsys::file_times(path, &times)) return "";
   std::string data = testutil::read_file(path);
-  const timespec times[2] = {st.st_atim, st.st_mtim};
-  ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+  testsys::set_file_times(path, times);
   return data;
 }
 
@@ -73,12 +69,6 @@ std::unique_ptr<EVP_PKEY, PkeyFree> parse_key(const std::string& pem) {
 }
 
 std::string bytes(const Sha256Digest& d) { return std::string(reinterpret_cast<const char*>(d.data()), d.size()); }
-
-unsigned mode_of(const std::string& path) {
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return 0;
-  return st.st_mode & 0777;
-}
 
 class KeystoreTest : public ::testing::Test {
  protected:
@@ -127,23 +117,18 @@ TEST_F(KeystoreTest, GeneratedKeyReadsBackTwiceUnderDerivedPassword) {
   EXPECT_EQ(testutil::read_file("cert/public/DevPubKey"), cert);
   for (const char* f : {"keystore/enc_private_key", "keystore/key.hash", "keystore/pdHash.hash",
                         "last_acces_time_file", "cert/public/DevPubKey"}) {
-    EXPECT_EQ(mode_of(f), 0600u) << f;
+    EXPECT_TRUE(testsys::owner_only(f)) << f;
   }
-  EXPECT_EQ(mode_of(work_.file("appdata/korvane/QDX.WIN.002")), 0700u);
+  EXPECT_TRUE(testsys::owner_only(work_.file("appdata/korvane/QDX.WIN.002")));
 
-  const Sha256Digest digest = sha256(testutil::read_file("/proc/self/exe"));
+  const Sha256Digest digest = sha256(testutil::read_file(platform::program_path()));
   std::array<std::uint8_t, 32> service{};
   ASSERT_EQ(GetHashRDservice(&service), 0);
   EXPECT_EQ(service, digest);
-  struct stat st {};
-  ASSERT_EQ(::stat(node_file().c_str(), &st), 0);
-  const auto ino = static_cast<unsigned long long>(st.st_ino);
+  platform::FileIdentity node;
+  ASSERT_TRUE(testsys::file_identity(node_file(), &node));
   char dyn[96];
-  struct statfs fs {};
-  ASSERT_EQ(::statfs(node_file().c_str(), &fs), 0);
-  const unsigned long fsid = static_cast<unsigned>(fs.f_fsid.__val[0]) ^ static_cast<unsigned>(fs.f_fsid.__val[1]);
-  std::snprintf(dyn, sizeof dyn, "%lu%lu%lu", fsid,
-                static_cast<unsigned long>(ino >> 32), static_cast<unsigned long>(ino & 0xffffffffULL));
+  std::snprintf(dyn, sizeof dyn, "%lu%lu%lu", node.volume_serial, node.index_high, node.index_low);
   const Sha256Digest password = sha256(bytes(digest) + std::string(kMacA.begin(), kMacA.end()) + dyn);
   std::array<std::uint8_t, 32> derived{};
   ASSERT_EQ(GetPasswordToDecPrivateKey(&derived), 0);
@@ -170,8 +155,9 @@ TEST_F(KeystoreTest, GeneratedKeyReadsBackTwiceUnderDerivedPassword) {
   EXPECT_EQ(X509_check_private_key(x509.get(), key.get()), 1);
 
   // The recorded stamp is the key file's access time after the last read, low byte first.
-  ASSERT_EQ(::stat("keystore/enc_private_key", &st), 0);
-  const auto t = static_cast<std::uint32_t>(st.st_atime);
+  testsys::FileTimes times;
+  ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
+  const auto t = static_cast<std::uint32_t>(times.access_ns / 1000000000LL);
   EXPECT_EQ(testutil::read_file("last_acces_time_file"),
             std::string({static_cast<char>(t), static_cast<char>(t >> 8), static_cast<char>(t >> 16),
                          static_cast<char>(t >> 24)}));
@@ -194,10 +180,9 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
        "10000|File Not Found : ./last_acces_time_file\n"},
       {"access time changed",
        [](KeystoreTest*) {
-         struct stat st {};
-         ASSERT_EQ(::stat("keystore/enc_private_key", &st), 0);
-         timespec times[2] = {{st.st_atime - 3600, 0}, {0, UTIME_OMIT}};
-         ASSERT_EQ(::utimensat(AT_FDCWD, "keystore/enc_private_key", times, 0), 0);
+         testsys::FileTimes times;
+         ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
+         ASSERT_TRUE(testsys::set_access_time("keystore/enc_private_key", times.access_ns / 1000000000LL - 3600));
        },
        -1, {"key tamper detected", "Key rotation function failed"}, true, nullptr},
       {"recorded adapter gone",
@@ -224,7 +209,9 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
        [](KeystoreTest* t) {
          // Created beside the old one and renamed over it, so it cannot reuse the old inode.
          testutil::write_file(t->node_file() + ".new", "");
-         ASSERT_EQ(std::rename((t->node_file() + ".new").c_str(), t->node_file().c_str()), 0);
+         std::error_code ec;
+         std::filesystem::rename(t->node_file() + ".new", t->node_file(), ec);
+         ASSERT_FALSE(ec) << ec.message();
        },
        -1, {"Decryption of private key is failed|validation failed, Private key might be tampered",
             "Key rotation function failed"},
@@ -246,27 +233,29 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
   const char* const kFiles[] = {"keystore/enc_private_key", "keystore/key.hash", "keystore/pdHash.hash",
                                 "last_acces_time_file"};
   std::vector<std::string> saved;
-  struct stat saved_node {};
+  platform::FileIdentity saved_node;
   // Each case starts from the key file's times set to one fixed second and the
   // stamp recording it, so that no read of the test and no tick of the clock
   // between two calls can move them.
   constexpr std::uint32_t kStamp = 1700000000;
-  const timespec kTimes[2] = {{kStamp, 0}, {kStamp, 0}};
+  const testsys::FileTimes kTimes{static_cast<long long>(kStamp) * 1000000000LL,
+                                  static_cast<long long>(kStamp) * 1000000000LL};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)}; });
-    struct stat node {};
-    if (saved.empty() || ::stat(node_file().c_str(), &node) != 0 || node.st_ino != saved_node.st_ino) {
+    platform::FileIdentity node;
+    if (saved.empty() || !testsys::file_identity(node_file(), &node) || node.index_low != saved_node.index_low ||
+        node.index_high != saved_node.index_high) {
       std::string cert;
       ASSERT_EQ(GenerateKeyPair(&cert), 0) << log();
       saved.clear();
       for (const char* f : kFiles) saved.push_back(testutil::read_file(f));
       saved.back() = std::string({static_cast<char>(kStamp), static_cast<char>(kStamp >> 8),
                                   static_cast<char>(kStamp >> 16), static_cast<char>(kStamp >> 24)});
-      ASSERT_EQ(::stat(node_file().c_str(), &saved_node), 0);
+      ASSERT_TRUE(testsys::file_identity(node_file(), &saved_node));
     }
     for (std::size_t i = 0; i < saved.size(); ++i) testutil::write_file(kFiles[i], saved[i]);
-    ASSERT_EQ(::utimensat(AT_FDCWD, kFiles[0], kTimes, 0), 0);
+    ASSERT_TRUE(testsys::set_file_times(kFiles[0], kTimes));
     c.disturb(this);
     const std::size_t log_start = log().size();
 
@@ -417,23 +406,19 @@ TEST(FileIdentityTest, CreateNewAndOpenExisting) {
   testutil::WorkDir work;
   platform::FileIdentity created, opened;
   ASSERT_EQ(platform::file_identity("node.txt", true, &created), 0);
-  EXPECT_EQ(mode_of("node.txt"), 0600u);
-  struct stat st {};
-  ASSERT_EQ(::stat("node.txt", &st), 0);
-  const auto ino = static_cast<unsigned long long>(st.st_ino);
-  // The volume serial is the file system's id, which survives a reboot;
-  // st_dev may not (LVM, btrfs).
-  struct statfs fs {};
-  ASSERT_EQ(::statfs("node.txt", &fs), 0);
-  const unsigned long fsid = static_cast<unsigned>(fs.f_fsid.__val[0]) ^ static_cast<unsigned>(fs.f_fsid.__val[1]);
-  EXPECT_EQ(created.volume_serial, fsid);
+  EXPECT_TRUE(testsys::owner_only("node.txt"));
+  // The volume serial is the file system's id on POSIX, which survives a
+  // reboot; st_dev may not (LVM, btrfs).
+  platform::FileIdentity system;
+  ASSERT_TRUE(testsys::file_identity("node.txt", &system));
+  EXPECT_EQ(created.volume_serial, system.volume_serial);
   struct {
     int words[2];
     unsigned long folded;
   } folds[] = {{{0, 0}, 0}, {{0x12345678, 0}, 0x12345678}, {{-1, 1}, 0xFFFFFFFEul}, {{0x0F0F0F0F, 0x0F0F0F0F}, 0}};
   for (const auto& f : folds) EXPECT_EQ(platform::fold_fsid(f.words), f.folded) << f.words[0];
-  EXPECT_EQ(created.index_high, static_cast<unsigned long>(ino >> 32));
-  EXPECT_EQ(created.index_low, static_cast<unsigned long>(ino & 0xffffffffULL));
+  EXPECT_EQ(created.index_high, system.index_high);
+  EXPECT_EQ(created.index_low, system.index_low);
 
   struct Row {
     const char* path;
@@ -441,10 +426,11 @@ TEST(FileIdentityTest, CreateNewAndOpenExisting) {
     int result;
     int error;
   };
-  const Row rows[] = {{"node.txt", false, 0, 0}, {"node.txt", true, -1, EEXIST}, {"missing.txt", false, -1, ENOENT},
-                      {"no/such/dir.txt", true, -1, ENOENT}};
+  const Row rows[] = {{"node.txt", false, 0, 0},
+                      {"node.txt", true, -1, testsys::kErrorExists},
+                      {"missing.txt", false, -1, testsys::kErrorNoFile},
+                      {"no/such/dir.txt", true, -1, testsys::kErrorNoFolder}};
   for (const Row& r : rows) {
-    errno = 0;
     opened = platform::FileIdentity{1, 2, 3};
     EXPECT_EQ(platform::file_identity(r.path, r.create_new, &opened), r.result) << r.path;
     if (r.result == 0) {
@@ -452,7 +438,7 @@ TEST(FileIdentityTest, CreateNewAndOpenExisting) {
       EXPECT_EQ(opened.index_low, created.index_low);
       EXPECT_EQ(opened.index_high, created.index_high);
     } else {
-      EXPECT_EQ(errno, r.error) << r.path;
+      EXPECT_EQ(platform::last_error(), r.error) << r.path;
       EXPECT_EQ(opened.index_low, 0u);
     }
   }

@@ -68,7 +68,7 @@ TEST_F(ListenerMemoryTest, WaitingConnectionsCostLittleMemory) {
       ASSERT_GE(s, 0);
       clients.push_back(s);
       // Half stay silent, half send the start of a request line.
-      if (i % 2 == 1) (void)::send(s, "RDS", 3, MSG_NOSIGNAL);
+      if (i % 2 == 1) (void)platform::send_socket(s, "RDS", 3);
       // One at a time: a full backlog of 5 would drop the next connection
       // attempt and cost a second's retransmission.
       ASSERT_TRUE(logged("Going for recv_thru_tcp_socket", i + 1, offset));
@@ -77,7 +77,7 @@ TEST_F(ListenerMemoryTest, WaitingConnectionsCostLittleMemory) {
     EXPECT_LT(during, before + kBound) << "grew by " << (during - before) / 1024 << " KiB";
     std::printf("wave %d: resident %zu KiB before, %zu KiB with %d connections waiting\n", wave, before / 1024,
                 during / 1024, kConnections);
-    for (int s : clients) ::close(s);
+    for (int s : clients) platform::close_socket(s);
     ASSERT_TRUE(logged("Returning from process_incoming_message", kConnections, offset));
   }
 }

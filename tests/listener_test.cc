@@ -1,19 +1,19 @@
 // The local listener through real sockets on ports the test reserved: port
 // choice and restarts, request reading in every shape, clients that
 // misbehave, and failures inside a connection thread.
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <netinet/in.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <future>
 
+#include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/request_reader.h"
+#include "common/rd_status.h"
 #include "common/work_area.h"
 #include "http/server.h"
+#include "platform/socket_extra.h"
+#include "test_sys.h"
 #include "test_util.h"
 
 using namespace testutil;
@@ -49,7 +49,29 @@ TEST_F(ListenerTest, TakesTheFirstPortNoOtherProgramListensOn) {
   EXPECT_TRUE(log_has("server", "prepare_http_socket",
                       "binding_tcp_socket : failed on Port " + std::to_string(first_port_ + 7) +
                           "\nAll Ports are in use, RD Service Can't Run"));
-  for (int s : held) ::close(s);
+  for (int s : held) platform::close_socket(s);
+}
+
+// The other service: this program's helper case, in the test's folder. It
+// takes a port of the range that the file "ports" names, writes it (0 when it
+// could not bind) into "child.port", and serves until it is killed.
+TEST(DISABLED_ListenerHelper, ServesUntilKilled) {
+  const int first = std::stoi(read_file("ports"));
+  test_seams::update([&](Seams& s) {
+    s.first_port = first;
+    s.last_port = first + 7;
+  });
+  rd_identity_update([](RdIdentity& id) {
+    id.scanner_name = "Aratek_A600";
+    id.mi = "A600";
+  });
+  set_rd_status_ready();
+  zlog_init("child.log");
+  platform::socket_t server = platform::kInvalidSocket;
+  const int port = prepare_http_socket(&server) == 0 ? service_port() : 0;
+  write_file("child.port", std::to_string(port) + "\n");
+  if (port != 0) client_connection_handler(&server);
+  testsys::end_helper(1);
 }
 
 // A service in a child process takes the first port on 127.0.0.1 and [::1];
@@ -58,26 +80,13 @@ TEST_F(ListenerTest, TakesTheFirstPortNoOtherProgramListensOn) {
 // restarted service still gets the port back at once. A listener that is
 // dropped gives both addresses back.
 TEST_F(ListenerTest, ServicesShareTheRangeOnBothLoopbacksAndRestartAtOnce) {
-  // The child starts threads of its own, so it must be forked from a process
-  // of one thread (ThreadSanitizer refuses anything else): no pipe reader.
-  pipe_.reset();
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  Reaper reaper{child};
-  if (child == 0) {
-    platform::socket_t server = platform::kInvalidSocket;
-    int port = prepare_http_socket(&server) == 0 ? service_port() : 0;
-    (void)!::write(ready[1], &port, sizeof port);
-    if (port != 0) client_connection_handler(&server);
-    ::_exit(1);
-  }
-  int first = 0;
-  ASSERT_EQ(::read(ready[0], &first, sizeof first), static_cast<ssize_t>(sizeof first));
-  ::close(ready[0]);
-  ::close(ready[1]);
-  ASSERT_EQ(first, first_port_);
+  write_file("ports", std::to_string(first_port_));
+  testsys::Process child(testsys::helper_case("DISABLED_ListenerHelper.ServesUntilKilled"), "child.out");
+  ASSERT_TRUE(child.started());
+  ASSERT_TRUE(wait_until([] { return read_file("child.port").find('\n') != std::string::npos; }, 30000))
+      << read_file("child.out");
+  const int first = std::stoi(read_file("child.port"));
+  ASSERT_EQ(first, first_port_) << read_file("child.out");
   const int second = start_server();
   EXPECT_EQ(second, first + 1);
   EXPECT_EQ(http_exchange(first, {kDiscovery}, 0, true), discovery_answer(first));
@@ -87,11 +96,14 @@ TEST_F(ListenerTest, ServicesShareTheRangeOnBothLoopbacksAndRestartAtOnce) {
                           "..................."));
   // Without a half-close the child closes first.
   const int s = connect_to(first);
-  ASSERT_EQ(::send(s, kDiscovery.data(), kDiscovery.size(), MSG_NOSIGNAL), static_cast<ssize_t>(kDiscovery.size()));
+  ASSERT_EQ(platform::send_socket(s, kDiscovery.data(), kDiscovery.size()), static_cast<long>(kDiscovery.size()));
   EXPECT_EQ(read_until_close(s), discovery_answer(first));
-  ::close(s);
-  reaper.reap();
-  ASSERT_FALSE(port_bindable(first, false)) << "no TIME_WAIT left behind; the test shows nothing";
+  platform::close_socket(s);
+  child.kill();
+  // Windows binds a port in TIME_WAIT anyway: there only the restart shows.
+  if (testsys::kTimeWaitBlocksBind) {
+    ASSERT_FALSE(port_bindable(first, false)) << "no TIME_WAIT left behind; the test shows nothing";
+  }
 
   platform::socket_t third = platform::kInvalidSocket;
   ASSERT_EQ(prepare_http_socket(&third), 0);
@@ -99,7 +111,7 @@ TEST_F(ListenerTest, ServicesShareTheRangeOnBothLoopbacksAndRestartAtOnce) {
   ASSERT_NE(ipv6_companion_socket(third), platform::kInvalidSocket);
   const int probe = connect_to6(first);
   EXPECT_GE(probe, 0);
-  ::close(probe);
+  platform::close_socket(probe);
   close_http_socket(third);
   EXPECT_EQ(ipv6_companion_socket(third), platform::kInvalidSocket);
   EXPECT_EQ(connect_to6(first), -1);
@@ -108,22 +120,17 @@ TEST_F(ListenerTest, ServicesShareTheRangeOnBothLoopbacksAndRestartAtOnce) {
 // Another program holding [::1] at the first port would answer every browser
 // whose localhost resolves to ::1 first: the service takes the next port.
 TEST_F(ListenerTest, SkipsAPortHeldOnIpv6Loopback) {
-  const int holder = ::socket(AF_INET6, SOCK_STREAM, 0);
-  const int one = 1;
-  ASSERT_EQ(::setsockopt(holder, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one), 0);
-  sockaddr_in6 addr{};
-  addr.sin6_family = AF_INET6;
-  addr.sin6_port = htons(static_cast<uint16_t>(first_port_));
-  addr.sin6_addr = in6addr_loopback;
-  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  ASSERT_EQ(::listen(holder, 1), 0);
+  const platform::socket_t holder = platform::tcp6_socket();
+  ASSERT_NE(holder, platform::kInvalidSocket);
+  ASSERT_EQ(platform::bind_loopback6(holder, static_cast<std::uint16_t>(first_port_)), 0);
+  ASSERT_EQ(platform::listen_socket(holder, 1), 0);
   const int port = start_server();
   EXPECT_EQ(port, first_port_ + 1);
   EXPECT_TRUE(log_has("server", "prepare_http_socket",
                       "Port " + std::to_string(first_port_) + " is held on [::1] by another program"));
   EXPECT_EQ(http_exchange(port, {kDiscovery}, 0, true), discovery_answer(port));
   EXPECT_EQ(http_exchange(port, kDiscovery), discovery_answer(port));
-  ::close(holder);
+  platform::close_socket(holder);
 }
 
 // Each row is sent in pieces; the answer and the receive function's log lines.
@@ -199,18 +206,18 @@ TEST_F(ListenerTest, ClientsThatCloseStallOrTrickleAreDropped) {
     const int s = connect_to(port);
     ASSERT_GE(s, 0);
     if (row.close) {
-      (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
-      ::shutdown(s, SHUT_WR);
+      (void)platform::send_socket(s, row.first.data(), row.first.size());
+      testsys::shutdown_send(s);
     } else {
       const long acted_ms = feed_until_server_acts(s, [&](int i) {
-        if (i == 0) (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
-        if (i > 0 && row.trickle) (void)::send(s, "a", 1, MSG_NOSIGNAL);
+        if (i == 0) (void)platform::send_socket(s, row.first.data(), row.first.size());
+        if (i > 0 && row.trickle) (void)platform::send_socket(s, "a", 1);
       }, 100, 5000);
       EXPECT_GE(acted_ms, kLimitMs - 100);
       EXPECT_LE(acted_ms, kLimitMs + 1000);
     }
     EXPECT_EQ(read_until_close(s, 1000), "");
-    ::close(s);
+    platform::close_socket(s);
     EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", row.logged, offset));
     EXPECT_TRUE(wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
   }
@@ -239,19 +246,19 @@ TEST_F(ListenerTest, RefusedRequestsRotateTheLog) {
 TEST_F(ListenerTest, AnswerToAClientThatStopsReadingIsGivenUp) {
   seams([](Seams& s) { s.recv_wait_ms = 300; });
   const int listener = hold_port(0);
-  sockaddr_in addr{};
-  socklen_t len = sizeof addr;
-  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-  const int client = connect_to(ntohs(addr.sin_port));
-  const int served = ::accept(listener, nullptr, nullptr);
-  ASSERT_GE(served, 0);
+  ASSERT_GE(listener, 0);
+  const int client = connect_to(testsys::local_port(listener));
+  const platform::socket_t served = platform::accept_socket(listener);
+  ASSERT_NE(served, platform::kInvalidSocket);
   const std::string body(64 << 20, 'x');  // more than the sockets' buffers hold
   const auto start = Clock::now();
   EXPECT_EQ(send_thru_tcp_socket(served, "HTTP/1.1 200 OK\r\n\r\n", 19, body.data(), body.size()), -1);
   EXPECT_GE(Clock::now() - start, milliseconds(250));
   EXPECT_LT(Clock::now() - start, milliseconds(3000));
   EXPECT_TRUE(log_has("server", "send_thru_tcp_socket", "Error at sending body data on http"));
-  for (int s : {served, client, listener}) ::close(s);
+  for (platform::socket_t s : {served, platform::socket_t(client), platform::socket_t(listener)}) {
+    platform::close_socket(s);
+  }
 }
 
 // After each connection thread starts the accept loop pauses 100 ms, so the

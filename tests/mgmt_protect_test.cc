@@ -10,6 +10,7 @@
 
 #include "rds_hash.h"
 #include "common/openssl_ptr.h"
+#include "platform/platform.h"
 #include "test_util.h"
 
 namespace {
@@ -47,7 +48,8 @@ Bytes sha(const std::string& text) {
 // The key is built at run time from tables; its 32 bytes never stand whole in
 // the library, forwards or backwards.
 TEST(RdsHash, MasterKeyIsNotInTheLibraryFile) {
-  const std::string lib = testutil::read_file(std::string(VEXO_BUILD_DIR) + "/libVexo.so");
+  const std::string lib =
+      testutil::read_file(std::string(VEXO_BUILD_DIR) + "/" + platform::shared_library_name("Vexo.dll"));
   ASSERT_GT(lib.size(), 100000u);
   const std::string key(kMasterKey.begin(), kMasterKey.end());
   std::string reversed(key.rbegin(), key.rend());

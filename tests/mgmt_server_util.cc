@@ -1,54 +1,31 @@
 #include "mgmt_server_util.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <regex>
 #include <stdexcept>
+#include <stdexcept>
 #include <thread>
 
+#include "platform/platform.h"
+#include "test_sys.h"
 #include "test_util.h"
-
-extern char** environ;
 
 namespace mgmttest {
 
-const std::string kServer = std::string(VEXO_BUILD_DIR) + "/vexo-mgmt-server";
+const std::string kServer = VEXO_MGMT_SERVER;
 const std::string kMgmtData = std::string(VEXO_SOURCE_DIR) + "/data/mgmt";
-
-pid_t spawn(const std::vector<std::string>& args, const std::string& out_file) {
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(kServer.c_str()));
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, kServer.c_str(), &fa, nullptr, argv.data(), environ) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&fa);
-  return pid;
-}
 
 int run_command(const std::vector<std::string>& args, std::string* output) {
   const std::string out = "cmd.out";
   pid_t pid = spawn(args, out);
-  int status = -1;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  if (pid < 0) return -1;
+  const int code = wait_exit(pid);
   if (output != nullptr) *output = testutil::read_file(out);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return code;
 }
 
 Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
@@ -66,11 +43,7 @@ Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
 }
 
 Server::~Server() {
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-  }
+  if (pid_ > 0) terminate(pid_);
 }
 
 std::string Server::base() const {
@@ -89,11 +62,14 @@ namespace mgmttest {
 
 namespace {
 
-bool wait_readable(int fd, int stop) {
-  pollfd p[2] = {{fd, POLLIN, 0}, {stop, POLLIN, 0}};
-  while (::poll(p, 2, -1) < 0) {
+// Waits until fd is readable (true) or the server is to stop (false).
+bool wait_readable(platform::socket_t fd, const std::atomic<bool>& stop, int timeout_ms = -1) {
+  for (int waited = 0; !stop; waited += 50) {
+    const int r = platform::wait_readable(fd, 50);
+    if (r != 0) return r > 0;
+    if (timeout_ms >= 0 && waited >= timeout_ms) return false;
   }
-  return (p[1].revents & POLLIN) == 0;
+  return false;
 }
 
 // The ALPN list of a client hello as "a,b,c"; the server takes h2 when offered.
@@ -136,23 +112,18 @@ CannedServer::CannedServer(Handler handler, const std::string& cert_file, const 
     }
     SSL_CTX_set_alpn_select_cb(tls_.get(), select_alpn, nullptr);
   }
-  fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd_, 8) != 0 ||
-      ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0 || ::pipe(stop_) != 0) {
+  fd_ = platform::tcp_socket();
+  if (fd_ == platform::kInvalidSocket || platform::bind_loopback(fd_, 0) != 0 ||
+      platform::listen_socket(fd_, 8) != 0 || (port_ = testsys::local_port(fd_)) == 0) {
     throw std::runtime_error("canned server not started");
   }
-  port_ = ntohs(a.sin_port);
   thread_ = std::thread([this] { serve(); });
 }
 
 CannedServer::~CannedServer() {
-  (void)!::write(stop_[1], "x", 1);
+  stop_ = true;
   thread_.join();
-  for (int fd : {fd_, stop_[0], stop_[1]}) ::close(fd);
+  platform::close_socket(fd_);
 }
 
 std::string CannedServer::url(const std::string& path) const {
@@ -180,9 +151,9 @@ std::size_t CannedServer::sent() {
 }
 
 void CannedServer::serve() {
-  while (wait_readable(fd_, stop_[0])) {
-    const int c = ::accept(fd_, nullptr, nullptr);
-    if (c < 0) continue;
+  while (wait_readable(fd_, stop_)) {
+    const platform::socket_t c = platform::accept_socket(fd_);
+    if (c == platform::kInvalidSocket) continue;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       ++connections_;
@@ -193,7 +164,7 @@ void CannedServer::serve() {
     if (tls_) {
       ssl.reset(SSL_new(tls_.get()));
       SSL_set_app_data(ssl.get(), &alpn);
-      SSL_set_fd(ssl.get(), c);
+      SSL_set_fd(ssl.get(), static_cast<int>(c));
       const bool shaken = SSL_accept(ssl.get()) == 1;
       std::lock_guard<std::mutex> lock(mutex_);
       alpn_ = alpn;
@@ -201,19 +172,19 @@ void CannedServer::serve() {
     }
     if (!tls_ || ssl) answer(c, ssl.get());
     ssl.reset();
-    ::close(c);
+    platform::close_socket(c);
   }
 }
 
-void CannedServer::answer(int c, SSL* ssl) {
+void CannedServer::answer(platform::socket_t c, SSL* ssl) {
   auto receive = [&](char* buf, int size) {
-    if (ssl == nullptr) return static_cast<int>(::read(c, buf, static_cast<std::size_t>(size)));
-    return SSL_pending(ssl) > 0 || wait_readable(c, stop_[0]) ? SSL_read(ssl, buf, size) : 0;
+    if (ssl == nullptr) return static_cast<int>(platform::recv_socket(c, buf, static_cast<std::size_t>(size)));
+    return SSL_pending(ssl) > 0 || wait_readable(c, stop_) ? SSL_read(ssl, buf, size) : 0;
   };
   auto send_all = [&](const char* data, std::size_t size) {
     for (std::size_t done = 0; done < size;) {
       const int n = ssl != nullptr ? SSL_write(ssl, data + done, static_cast<int>(size - done))
-                                   : static_cast<int>(::send(c, data + done, size - done, MSG_NOSIGNAL));
+                                   : static_cast<int>(platform::send_socket(c, data + done, size - done));
       if (n <= 0) return false;
       done += static_cast<std::size_t>(n);
       std::lock_guard<std::mutex> lock(mutex_);
@@ -226,7 +197,7 @@ void CannedServer::answer(int c, SSL* ssl) {
   char buf[16384];
   std::size_t need = std::string::npos;
   bool continued = false;
-  while (ssl != nullptr || wait_readable(c, stop_[0])) {
+  while (ssl != nullptr || wait_readable(c, stop_)) {
     const int n = receive(buf, sizeof buf);
     if (n <= 0) return;
     in.append(buf, static_cast<std::size_t>(n));
@@ -252,15 +223,15 @@ void CannedServer::answer(int c, SSL* ssl) {
   const Reply reply = handler_ ? handler_(request) : Reply();
   if (reply.hang_up) return;
   if (reply.bytes.empty()) {
-    wait_readable(c, stop_[0]);  // held until the client gives up or the test ends
+    wait_readable(c, stop_);  // held until the client gives up or the test ends
     return;
   }
   if (!send_all(reply.bytes.data(), reply.bytes.size())) return;
   const std::string filler(reply.trickle_ms > 0 ? 1 : 65536, 'x');
   for (std::size_t left = reply.filler; left > 0;) {
     if (reply.trickle_ms > 0) {
-      pollfd p[2] = {{c, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-      if (::poll(p, 2, reply.trickle_ms) != 0) return;  // the client left, or the test ends
+      // The client left (readable: end of stream), or the test ends.
+      if (wait_readable(c, stop_, reply.trickle_ms) || stop_) return;
     }
     const std::size_t n = std::min(left, filler.size());
     if (!send_all(filler.data(), n)) return;

@@ -2,11 +2,14 @@
 // server as a child process (registry commands run to their end, `serve` on a
 // free port for a test's life), a canned HTTP(S) server in a thread that
 // answers exactly the bytes a case needs, and certificates made for a case.
+// The server is a Linux program; the Windows tests, run under Wine, start the
+// Linux build of it (mgmt_server_util_SYSTEM.cc).
 #ifndef VEXO_TESTS_MGMT_SERVER_UTIL_H
 #define VEXO_TESTS_MGMT_SERVER_UTIL_H
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -15,6 +18,7 @@
 #include <vector>
 
 #include "common/openssl_ptr.h"
+#include "platform/platform.h"
 
 namespace mgmttest {
 
@@ -22,8 +26,13 @@ namespace mgmttest {
 extern const std::string kServer;
 extern const std::string kMgmtData;
 
-// Runs the server binary with args, stdout and stderr into out_file. Returns the pid.
+// Runs the server binary with args in the current folder, stdout and stderr
+// into out_file. Returns the pid, -1 when it did not start.
 pid_t spawn(const std::vector<std::string>& args, const std::string& out_file);
+// Waits for a spawned server to end; its exit code, -1 when it did not exit.
+int wait_exit(pid_t pid);
+// Asks a spawned server to stop (SIGTERM) and waits for it to end.
+void terminate(pid_t pid);
 
 // Runs a registry command to its end; its exit status.
 int run_command(const std::vector<std::string>& args, std::string* output = nullptr);
@@ -92,12 +101,12 @@ class CannedServer {
 
  private:
   void serve();
-  void answer(int fd, SSL* ssl);
+  void answer(platform::socket_t fd, SSL* ssl);
 
   Handler handler_;
   std::unique_ptr<SSL_CTX, SslCtxFree> tls_;
-  int fd_ = -1;
-  int stop_[2] = {-1, -1};
+  platform::socket_t fd_ = platform::kInvalidSocket;
+  std::atomic<bool> stop_{false};
   int port_ = 0;
   std::mutex mutex_;
   int connections_ = 0;

@@ -1,9 +1,7 @@
 // PostAuth commands on the simulated handheld device: the request parser, the
 // exact answer bytes over the real listener, the three tries to open the
 // port, the status refusals, and the handheld lock held by another process.
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstring>
@@ -17,6 +15,7 @@
 #include "rd_core/scanner.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
+#include "test_sys.h"
 #include "test_util.h"
 
 using namespace testutil;
@@ -233,32 +232,31 @@ TEST_F(PostAuthTest, AbsentDeviceCostsThreeTriesThenRecovers) {
 // Another process holds the handheld device: POSTAUTH and discovery answer
 // busy at once without touching it, and the status is READY again after the
 // request; once it lets go, the command runs.
+// The other process: this program's helper case, in the test's folder. It
+// takes the handheld lock (its locks where the fixture put them), writes
+// "held", and releases the lock once "go" exists.
+TEST(DISABLED_PostAuthHelper, HoldsTheHandheldLock) {
+  test_seams::update([](Seams& s) { s.lock_dir = (fs::current_path() / "locks").generic_string(); });
+  semaphore_reset_for_test();
+  const bool held = init_semaphore_Tavio() == 0 && Lock_Semaphore_Tavio() == 0;
+  write_file("held", held ? "y\n" : "n\n");
+  const bool go = wait_until([] { return read_file("go") == "x"; }, 60000);
+  testsys::end_helper(held && go && Unlock_Semaphore_Tavio() == 0 ? 0 : 1);
+}
+
 TEST_F(PostAuthTest, HandheldLockHeldByAnotherProcess) {
-  int ready[2], go[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  ASSERT_EQ(::pipe(go), 0);
-  const pid_t pid = ::fork();
-  Reaper reaper{pid};
-  if (pid == 0) {
-    semaphore_reset_for_test();
-    char c = init_semaphore_Tavio() == 0 && Lock_Semaphore_Tavio() == 0 ? 'y' : 'n';
-    (void)!::write(ready[1], &c, 1);
-    (void)!::read(go[0], &c, 1);
-    ::_exit(0);
-  }
-  char c = 0;
-  ASSERT_EQ(::read(ready[0], &c, 1), 1);
-  ASSERT_EQ(c, 'y');
+  testsys::Process holder(testsys::helper_case("DISABLED_PostAuthHelper.HoldsTheHandheldLock"), "holder.out");
+  ASSERT_TRUE(holder.started());
+  ASSERT_TRUE(wait_until([] { return read_file("held").size() == 2; }, 30000)) << read_file("holder.out");
+  ASSERT_EQ(read_file("held"), "y\n");
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), refusal(port_, "710", "Being used by another application", "USED"));
   EXPECT_EQ(http_exchange(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "USED"));
   EXPECT_EQ(sim::call_log(g_refdll), "");
   EXPECT_TRUE(log_has("semaphore_Tavio", "Lock_Semaphore_Tavio", "sem_timedwait Tavio timeout"));
   EXPECT_EQ(get_rd_status_index(), kRdReady);
-  (void)!::write(go[1], "x", 1);
-  ASSERT_EQ(::waitpid(pid, nullptr, 0), pid);
-  reaper.pid = -1;
+  write_file("go", "x");
+  EXPECT_EQ(holder.wait(), 0);
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), success(port_, "85"));
-  for (int fd : {ready[0], ready[1], go[0], go[1]}) ::close(fd);
 }
 
 // The host program run for "Tavio_TX9|PORT|SECURITY" in a folder made by
@@ -267,16 +265,23 @@ TEST_F(PostAuthTest, HandheldLockHeldByAnotherProcess) {
 // POSTAUTH and discovery answer busy after the real 2000 ms wait.
 TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
   WorkDir dir;
-  ASSERT_EQ(init_workdir(dir.path(), "Tavio_TX9").rc, 0);
+  const testutil::Run init = init_workdir(dir.path(), "Tavio_TX9");
+  ASSERT_EQ(init.rc, 0) << init.out;
   const std::string locks = dir.file("locks");
   fs::create_directories(locks);
   write_file("config.ini", read_file("config.ini") + "LOCK_FOLDER = " + locks + "\n");
   ASSERT_EQ(run({program("vexoctl"), "seal", "config.ini"}).rc, 0);
-  Child host({program("vexo-host"), "--workdir", dir.path(), "--no-mgmt", "Tavio_TX9|ttyS5|PARAM"},
-             {"APPDATA=" + dir.file("appdata")});
-  ASSERT_TRUE(host.wait_for("Start_RDservice returned 0")) << host.output();
+  // The host inherits APPDATA from this process while it starts.
+  testsys::set_env("APPDATA", dir.file("appdata").c_str());
+  testsys::Process host({program("vexo-host"), "--workdir", dir.path(), "--no-mgmt", "Tavio_TX9|ttyS5|PARAM"},
+                        "host.out");
+  testsys::set_env("APPDATA", nullptr);
+  ASSERT_TRUE(host.started());
+  ASSERT_TRUE(wait_until([] { return read_file("host.out").find("Start_RDservice returned 0") != std::string::npos; },
+                         20000))
+      << read_file("host.out");
   const int port = logged_port("rd.log");
-  EXPECT_NE(read_file("rd.log").find("Port is /dev/ttyS5\n"), std::string::npos);
+  EXPECT_NE(read_file("rd.log").find("Port is " + platform::serial_port_path("ttyS5") + "\n"), std::string::npos);
   EXPECT_EQ(http_exchange(port, request(query("GET_DEVICEID"))), success(port, "TX9SIM000001"));
   {
     test_seams::update([&](Seams& s) { s.lock_dir = locks; });

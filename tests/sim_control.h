@@ -4,8 +4,6 @@
 #ifndef VEXO_TESTS_SIM_CONTROL_H
 #define VEXO_TESTS_SIM_CONTROL_H
 
-#include <unistd.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +12,9 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "platform/platform.h"
+#include "test_sys.h"
 
 namespace sim {
 
@@ -27,8 +28,10 @@ inline std::string install_refdll(const std::string& workdir) {
   const fs::path to = fs::path(workdir) / "RefDll";
   fs::create_directories(to);
   int copied = 0;
+  // ".so" or ".dll", as the system names its libraries.
+  const fs::path extension = fs::path(platform::shared_library_name("x.dll")).extension();
   for (const auto& entry : fs::directory_iterator(VEXO_REFDLL_DIR)) {
-    if (!entry.is_regular_file() || entry.path().extension() != ".so") continue;
+    if (!entry.is_regular_file() || entry.path().extension() != extension) continue;
     fs::copy_file(entry.path(), to / entry.path().filename(), fs::copy_options::overwrite_existing);
     ++copied;
   }
@@ -42,7 +45,7 @@ inline std::string install_refdll(const std::string& workdir) {
 inline void write_control(const std::string& refdll_dir, const Keys& keys) {
   static std::atomic<unsigned> generation{0};
   std::ostringstream text;
-  text << "; generation " << ::getpid() << "." << ++generation << "\n[sim]\n";
+  text << "; generation " << testsys::process_id() << "." << ++generation << "\n[sim]\n";
   for (const auto& [key, value] : keys) text << key << " = " << value << "\n";
   const std::string path = refdll_dir + "/sim_control.ini";
   const std::string tmp = path + ".tmp";

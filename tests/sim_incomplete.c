@@ -1,6 +1,6 @@
 /* Deliberately incomplete vendor libraries: each lacks its last entry point,
  * so the loader must check every name, not just the first ones. */
-#define EXPORT __attribute__((visibility("default")))
+#define EXPORT SIM_VISIBLE
 
 #ifdef INCOMPLETE_SCANNER
 EXPORT int ARAFPSCAN_GlobalInit(void) { return 0; }

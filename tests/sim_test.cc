@@ -396,6 +396,9 @@ TEST_F(SimTest, GlobalInitTwiceAnswersAlreadyInitialised) {
   EXPECT_EQ(-44, sdk.GlobalInit());
 }
 
+// The system's file name of a library the design calls NAME.dll.
+std::string lib(const char* dll) { return platform::shared_library_name(dll); }
+
 TEST_F(SimTest, LoadingFailsOnAMissingLibraryOrEntryPoint) {
   namespace fs = std::filesystem;
   const std::string incomplete = SIM_INCOMPLETE_DIR;
@@ -404,24 +407,25 @@ TEST_F(SimTest, LoadingFailsOnAMissingLibraryOrEntryPoint) {
     std::function<void(const fs::path&)> damage;
     const char* log_line;
   } rows[] = {
-      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / "libopenjp2.so"); }, "Loading openjp2.dll failed"},
-      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / "libAraNFIQ.so"); }, "Loading AraNFIQ.dll failed"},
-      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / "libAraTrustFinger.so"); },
+      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / lib("openjp2.dll")); }, "Loading openjp2.dll failed"},
+      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / lib("AraNFIQ.dll")); }, "Loading AraNFIQ.dll failed"},
+      {"Aratek_A600", [](const fs::path& d) { fs::remove(d / lib("AraTrustFinger.dll")); },
        "Loading AraTrustFinger.dll failed"},
       {"Aratek_A600",
        [&](const fs::path& d) {
-         fs::copy_file(incomplete + "/scanner/libAraTrustFinger.so", d / "libAraTrustFinger.so",
+         fs::copy_file(incomplete + "/scanner/" + lib("AraTrustFinger.dll"), d / lib("AraTrustFinger.dll"),
                        fs::copy_options::overwrite_existing);
        },
        "Entry point ARAFPSCAN_GetNFIQScore not found in AraTrustFinger.dll"},
       // The scanner libraries of these rows load; the handheld ones do not.
-      {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / "libTavio.so"); }, "Loading Tavio.dll failed"},
+      {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / lib("Tavio.dll")); }, "Loading Tavio.dll failed"},
       {"Tavio_TX9",
        [&](const fs::path& d) {
-         fs::copy_file(incomplete + "/handheld/libTavio.so", d / "libTavio.so", fs::copy_options::overwrite_existing);
+         fs::copy_file(incomplete + "/handheld/" + lib("Tavio.dll"), d / lib("Tavio.dll"),
+                       fs::copy_options::overwrite_existing);
        },
        "Entry point TavioLogs_Init not found in Tavio.dll"},
-      {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / "libBT_Hmac.so"); }, "Loading BT_Hmac.dll failed"},
+      {"Tavio_TX9", [](const fs::path& d) { fs::remove(d / lib("BT_Hmac.dll")); }, "Loading BT_Hmac.dll failed"},
   };
   for (std::size_t r = 0; r < std::size(rows); ++r) {
     SCOPED_TRACE(rows[r].log_line);
@@ -430,7 +434,7 @@ TEST_F(SimTest, LoadingFailsOnAMissingLibraryOrEntryPoint) {
     const std::string refdll = sim::install_refdll(folder.string());
     rows[r].damage(refdll);
     rd_identity_update([&](RdIdentity& id) { id.scanner_name = rows[r].scanner; });
-    EXPECT_EQ(-1, dll_loading((folder / "RefDll").c_str()));
+    EXPECT_EQ(-1, dll_loading((folder / "RefDll").string().c_str()));
     EXPECT_NE(std::string::npos, testutil::read_file("rd.log").find(rows[r].log_line));
     EXPECT_EQ(std::string::npos, testutil::read_file("rd.log").find("DLL Loading SUCCESS"));
     EXPECT_EQ(nullptr, tavio_sdk().OpenCom_port);

@@ -1,17 +1,9 @@
 #include "test_util.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +17,7 @@
 #include "common/work_area.h"
 #include "http/server.h"
 #include "init/init.h"
+#include "platform/socket_extra.h"
 #include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
 #include "vexo.h"
@@ -36,10 +29,19 @@ namespace fs = std::filesystem;
 // ---------------------------------------------------------------- files
 
 WorkDir::WorkDir() {
-  const char* tmp = std::getenv("TMPDIR");
-  std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vexo_test_XXXXXX";
-  if (mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = tmpl;
+  const fs::path base = fs::temp_directory_path();
+  for (int attempt = 0; path_.empty(); ++attempt) {
+    std::uint8_t r[6];
+    if (attempt == 100 || platform::random_bytes(r, sizeof r) != 0) throw std::runtime_error("no temporary folder");
+    char name[32];
+    std::snprintf(name, sizeof name, "vexo_test_%02x%02x%02x%02x%02x%02x", r[0], r[1], r[2], r[3], r[4], r[5]);
+    // Made new, with owner-only permissions, as mkdtemp makes it.
+    std::error_code ec;
+    if (fs::create_directory(base / name, ec)) {
+      fs::permissions(base / name, fs::perms::owner_all, ec);
+      path_ = fs::canonical(base / name).generic_string();
+    }
+  }
   old_cwd_ = fs::current_path().string();
   fs::current_path(path_);
 }
@@ -68,34 +70,6 @@ int count_of(const std::string& text, const std::string& needle) {
   return n;
 }
 
-int mode_of(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
-}
-
-constexpr uid_t kNobody = 65534;
-
-bool other_user_available() { return ::geteuid() == 0; }
-
-bool as_other_user(const std::function<bool()>& fn) {
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::umask(0);
-    if (other_user_available() && (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) ::_exit(2);
-    ::_exit(fn() ? 0 : 1);
-  }
-  int status = 0;
-  return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-std::string shared_folder(const WorkDir& dir, const std::string& name) {
-  const std::string path = dir.file(name);
-  ::chmod(dir.path().c_str(), 0711);
-  ::mkdir(path.c_str(), 0700);
-  ::chmod(path.c_str(), 01777);
-  return path;
-}
-
 std::string data_file(const std::string& name) { return read_file(std::string(VEXO_SOURCE_DIR) + "/tests/data/" + name); }
 
 bool wait_until(const std::function<bool()>& done, int timeout_ms) {
@@ -109,33 +83,17 @@ bool wait_until(const std::function<bool()>& done, int timeout_ms) {
 
 // ---------------------------------------------------------------- status pipe
 
-PipeReader::PipeReader(const std::string& dir) : path_(dir + "/qdx.win.002") {
-  if (::mkfifo(path_.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
-  fd_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK);
-  keep_fd_ = ::open(path_.c_str(), O_WRONLY | O_NONBLOCK);
-  if (fd_ < 0 || keep_fd_ < 0 || ::pipe(stop_fd_) != 0) throw std::runtime_error("fifo open failed");
-  platform::set_status_pipe_path(path_);
-  thread_ = std::thread([this] {
-    char buf[4096];
-    for (;;) {
-      pollfd fds[2] = {{fd_, POLLIN, 0}, {stop_fd_[0], POLLIN, 0}};
-      if (::poll(fds, 2, -1) < 0) continue;
-      if (fds[1].revents & POLLIN) return;
-      const ssize_t n = ::read(fd_, buf, sizeof buf);
-      if (n > 0) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        data_.append(buf, static_cast<std::size_t>(n));
-      }
-    }
+PipeReader::PipeReader(const std::string& dir) {
+  server_ = std::make_unique<testsys::PipeServer>(dir, [this](const char* data, std::size_t n) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    data_.append(data, n);
   });
+  platform::set_status_pipe_path(server_->path());
 }
 
 PipeReader::~PipeReader() {
   rd_log_reset_for_test();  // closes the library's write end
-  (void)!::write(stop_fd_[1], "x", 1);
-  thread_.join();
-  for (int fd : {fd_, keep_fd_, stop_fd_[0], stop_fd_[1]}) ::close(fd);
-  ::unlink(path_.c_str());
+  server_.reset();
   platform::set_status_pipe_path("");
 }
 
@@ -174,60 +132,15 @@ std::string last_status() {
 
 // ---------------------------------------------------------------- sockets
 
-namespace {
-
-// The loopback address of family at port, and its length.
-socklen_t loopback(int family, int port, sockaddr_storage* storage) {
-  *storage = {};
-  if (family == AF_INET) {
-    auto* a = reinterpret_cast<sockaddr_in*>(storage);
-    a->sin_family = AF_INET;
-    a->sin_port = htons(static_cast<std::uint16_t>(port));
-    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return sizeof *a;
-  }
-  auto* a = reinterpret_cast<sockaddr_in6*>(storage);
-  a->sin6_family = AF_INET6;
-  a->sin6_port = htons(static_cast<std::uint16_t>(port));
-  a->sin6_addr = in6addr_loopback;
-  return sizeof *a;
-}
-
-int connect_any(int family, int port) {
-  const int s = ::socket(family, SOCK_STREAM, 0);
-  sockaddr_storage storage;
-  const socklen_t len = loopback(family, port, &storage);
-  if (s >= 0 && ::connect(s, reinterpret_cast<sockaddr*>(&storage), len) == 0) return s;
-  if (s >= 0) ::close(s);
-  return -1;
-}
-
-// A socket (with SO_REUSEADDR when reuse) bound to the loopback address of
-// family at port.
-int bound(int family, int port, bool reuse = true) {
-  const int s = ::socket(family, SOCK_STREAM, 0);
-  const int one = 1;
-  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (family == AF_INET6) ::setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
-  sockaddr_storage storage;
-  const socklen_t len = loopback(family, port, &storage);
-  if (s >= 0 && ::bind(s, reinterpret_cast<sockaddr*>(&storage), len) == 0) return s;
-  if (s >= 0) ::close(s);
-  return -1;
-}
-
-}  // namespace
-
-int connect_to(int port) { return connect_any(AF_INET, port); }
-int connect_to6(int port) { return connect_any(AF_INET6, port); }
+int connect_to(int port) { return static_cast<int>(testsys::connect_loopback(port)); }
+int connect_to6(int port) { return static_cast<int>(testsys::connect_loopback6(port)); }
 
 std::string read_until_close(int s, int timeout_ms) {
   std::string answer;
   char buf[65536];
   for (;;) {
-    pollfd p{s, POLLIN, 0};
-    if (::poll(&p, 1, timeout_ms) <= 0) break;
-    const ssize_t n = ::recv(s, buf, sizeof buf, 0);
+    if (platform::wait_readable(s, timeout_ms) <= 0) break;
+    const long n = platform::recv_socket(s, buf, sizeof buf);
     if (n <= 0) break;
     answer.append(buf, static_cast<std::size_t>(n));
   }
@@ -239,12 +152,12 @@ std::string http_exchange(int port, const std::vector<std::string>& pieces, int 
   if (s < 0) return "";
   for (std::size_t i = 0; i < pieces.size(); ++i) {
     if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));  // the pieces arrive apart
-    (void)::send(s, pieces[i].data(), pieces[i].size(), MSG_NOSIGNAL);
+    (void)platform::send_socket(s, pieces[i].data(), pieces[i].size());
   }
   // Half-close first, so that the TIME_WAIT state lands on this side.
-  ::shutdown(s, SHUT_WR);
+  testsys::shutdown_send(s);
   std::string answer = read_until_close(s, 20000);
-  ::close(s);
+  platform::close_socket(s);
   return answer;
 }
 
@@ -258,38 +171,48 @@ long feed_until_server_acts(int s, const std::function<void(int)>& send_next, in
   };
   for (int i = 0; elapsed() < give_up_ms; ++i) {
     send_next(i);
-    pollfd p{s, POLLIN, 0};
-    if (::poll(&p, 1, pause_ms) > 0) return elapsed();
+    if (platform::wait_readable(s, pause_ms) > 0) return elapsed();
   }
   return -1;
 }
 
 int hold_port(int port) {
-  const int s = bound(AF_INET, port);
-  if (s >= 0 && ::listen(s, 1) == 0) return s;
-  if (s >= 0) ::close(s);
+  const platform::socket_t s = testsys::bind_port(port, true);
+  if (s != platform::kInvalidSocket && platform::listen_socket(s, 1) == 0) return static_cast<int>(s);
+  if (s != platform::kInvalidSocket) platform::close_socket(s);
   return -1;
 }
 
 bool port_bindable(int port, bool reuse) {
-  const int s = bound(AF_INET, port, reuse);
-  if (s >= 0) ::close(s);
-  return s >= 0;
+  const platform::socket_t s = testsys::bind_port(port, reuse);
+  if (s != platform::kInvalidSocket) platform::close_socket(s);
+  return s != platform::kInvalidSocket;
 }
+
+namespace {
+
+// True when [::1]:port is free, or the machine has no IPv6 loopback.
+bool port_free6(int port) {
+  const platform::socket_t s = platform::tcp6_socket();
+  if (s == platform::kInvalidSocket) return true;
+  platform::set_reuse_address(s);
+  const bool bound = platform::bind_loopback6(s, static_cast<std::uint16_t>(port)) == 0;
+  const int error = errno;
+  platform::close_socket(s);
+  return bound || error == EADDRNOTAVAIL || error == EAFNOSUPPORT;
+}
+
+}  // namespace
 
 int reserve_ports(int count) {
   // Each process starts elsewhere, so that test programs running at once
   // rarely meet; a port something else holds moves the search on.
-  static int next = 20000 + static_cast<int>(::getpid() % 500) * 20;
+  static int next = 20000 + testsys::process_id() % 500 * 20;
   for (int tries = 0; tries < 500; ++tries) {
     const int first = next;
     next = next + count > 30000 ? 20000 : next + count;
     bool free = true;
-    for (int p = first; free && p < first + count; ++p) {
-      const int v6 = bound(AF_INET6, p);
-      free = port_bindable(p) && (v6 >= 0 || errno == EADDRNOTAVAIL || errno == EAFNOSUPPORT);
-      if (v6 >= 0) ::close(v6);
-    }
+    for (int p = first; free && p < first + count; ++p) free = port_bindable(p) && port_free6(p);
     if (free) return first;
   }
   return 0;
@@ -299,46 +222,32 @@ int reserve_ports(int count) {
 
 std::string program(const std::string& name) { return std::string(VEXO_BUILD_DIR) + "/" + name; }
 
-namespace {
-
-// Forks argv with the extra environment, its output into a pipe. The pid, and
-// the pipe's read end in *out.
-pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, int* out) {
-  int fds[2];
-  if (::pipe(fds) != 0) return -1;
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(fds[1], STDOUT_FILENO);
-    ::dup2(fds[1], STDERR_FILENO);
-    ::close(fds[0]);
-    ::close(fds[1]);
-    for (const std::string& e : env) ::putenv(const_cast<char*>(e.c_str()));
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  ::close(fds[1]);
-  *out = fds[0];
-  return pid;
-}
-
-int exit_status(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
-
-}  // namespace
-
 Run run(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
+  // The output goes to a file of its own beside the working folder, which the
+  // program may be told to fill; the extra environment is this process's
+  // while the program starts.
+  static std::atomic<int> serial{0};
+  const std::string out = (fs::temp_directory_path() / ("vexo_run_" + std::to_string(testsys::process_id()) + "_" +
+                                                        std::to_string(serial++) + ".out"))
+                              .string();
+  std::vector<std::pair<std::string, std::string>> saved;
+  for (const std::string& e : env) {
+    const std::string name = e.substr(0, e.find('='));
+    const char* old = std::getenv(name.c_str());
+    saved.emplace_back(name, old != nullptr ? std::string("=") + old : "");
+    testsys::set_env(name.c_str(), e.substr(name.size() + 1).c_str());
+  }
   Run r;
-  int out = -1;
-  const pid_t pid = spawn(argv, env, &out);
-  if (pid < 0) return r;
-  char buf[4096];
-  for (ssize_t n; (n = ::read(out, buf, sizeof buf)) > 0;) r.out.append(buf, static_cast<std::size_t>(n));
-  ::close(out);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  r.rc = exit_status(status);
+  {
+    testsys::Process p(argv, out);
+    for (auto it = saved.rbegin(); it != saved.rend(); ++it) {
+      testsys::set_env(it->first.c_str(), it->second.empty() ? nullptr : it->second.c_str() + 1);
+    }
+    if (p.started()) r.rc = p.wait();
+  }
+  r.out = read_file(out);
+  std::error_code ec;
+  fs::remove(out, ec);
   return r;
 }
 
@@ -347,53 +256,6 @@ Run init_workdir(const std::string& dir, const std::string& scanner, const std::
   std::vector<std::string> argv = {program("vexoctl"), "init-workdir", dir, "--scanner", scanner, "--mgmt-url", url};
   argv.insert(argv.end(), extra.begin(), extra.end());
   return run(argv);
-}
-
-Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-  int out = -1;
-  pid_ = spawn(argv, env, &out);
-  if (pid_ < 0) return;
-  reader_ = std::thread([this, out] {
-    char buf[4096];
-    for (ssize_t n; (n = ::read(out, buf, sizeof buf)) > 0;) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      output_.append(buf, static_cast<std::size_t>(n));
-    }
-    ::close(out);
-  });
-}
-
-Child::~Child() {
-  stop();
-  if (reader_.joinable()) reader_.join();
-}
-
-std::string Child::output() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return output_;
-}
-
-bool Child::wait_for(const std::string& needle, int timeout_ms, int count) {
-  return wait_until([&] { return count_of(output(), needle) >= count; }, timeout_ms);
-}
-
-void Child::signal(int sig) {
-  if (pid_ > 0) ::kill(pid_, sig);
-}
-
-int Child::stop() {
-  if (pid_ <= 0) return status_;
-  ::kill(pid_, SIGTERM);
-  int status = 0;
-  ::waitpid(pid_, &status, 0);
-  pid_ = -1;
-  status_ = exit_status(status);
-  return status_;
-}
-
-void Reaper::reap() {
-  if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
-  pid = -1;
 }
 
 int logged_port(const std::string& log_path) {
@@ -484,7 +346,7 @@ void LibraryTest::SetUp() {
   rd_set_verbose(0);
   rd_config_update([](RdConfig& c) { c = RdConfig(); });
   const std::string appdata = dir_.file("appdata");
-  ::setenv("APPDATA", appdata.c_str(), 1);
+  testsys::set_env("APPDATA", appdata.c_str());
   rd_identity_update([&](RdIdentity& id) {
     id.scanner_name = "Aratek_A600";
     id.rdsId = "QDX.WIN.002";
@@ -521,7 +383,7 @@ void LibraryTest::TearDown() {
   zlog_fini();
   semaphore_reset_for_test();
   test_seams::set({});
-  ::unsetenv("APPDATA");
+  testsys::set_env("APPDATA", nullptr);
 }
 
 int LibraryTest::start_server() {

@@ -19,14 +19,15 @@
 #include <vector>
 
 #include "platform/test_seams.h"
+#include "test_sys.h"
 
 namespace testutil {
 
 using test_seams::Seams;
 
 // ---------------------------------------------------------------- files
-// A fresh folder under $TMPDIR (else /tmp), the current folder while it lives;
-// removed on destruction.
+// A fresh folder under the system's temporary folder ($TMPDIR or /tmp; %TEMP%
+// on Windows), the current folder while it lives; removed on destruction.
 class WorkDir {
  public:
   WorkDir();
@@ -45,6 +46,10 @@ std::string read_file(const std::string& path);  // "" when it cannot be read
 void write_file(const std::string& path, const std::string& data);
 // Occurrences of needle in text (overlapping ones included).
 int count_of(const std::string& text, const std::string& needle);
+// A file of the source tree's tests/data.
+std::string data_file(const std::string& name);
+
+// POSIX only (test_util_posix.cc; the Windows list leaves out their tests):
 // The permission bits of path (lstat), or -1.
 int mode_of(const std::string& path);
 // Runs fn in a child process that plays another user of the machine: as root
@@ -54,15 +59,14 @@ bool as_other_user(const std::function<bool()>& fn);
 bool other_user_available();
 // dir/name, a folder every user may create files in (1777, like /tmp).
 std::string shared_folder(const WorkDir& dir, const std::string& name);
-// A file of the source tree's tests/data.
-std::string data_file(const std::string& name);
 
 // ---------------------------------------------------------------- waiting
 // Waits up to timeout_ms for done() to hold, looking every few milliseconds.
 bool wait_until(const std::function<bool()>& done, int timeout_ms = 10000);
 
 // ---------------------------------------------------------------- status pipe
-// A FIFO in dir that the library's status pipe writes to, read by a thread.
+// The status pipe's server end (a FIFO in dir on POSIX, a named pipe on
+// Windows) that the library writes to, read by a thread.
 class PipeReader {
  public:
   explicit PipeReader(const std::string& dir);
@@ -74,13 +78,9 @@ class PipeReader {
   bool wait_for(const std::string& needle, int timeout_ms = 5000, std::size_t from = 0);
 
  private:
-  std::string path_;
-  int fd_ = -1;
-  int keep_fd_ = -1;  // a writer of our own, so that poll never sees a hang-up
-  int stop_fd_[2] = {-1, -1};
   std::mutex mutex_;
   std::string data_;
-  std::thread thread_;
+  std::unique_ptr<testsys::PipeServer> server_;
 };
 
 // ---------------------------------------------------------------- run log
@@ -127,7 +127,8 @@ Run run(const std::vector<std::string>& argv, const std::vector<std::string>& en
 Run init_workdir(const std::string& dir, const std::string& scanner = "Aratek_A600",
                  const std::vector<std::string>& extra = {}, const std::string& url = "https://mgmt.test/Zelm");
 
-// A program running beside the test, its output collected by a thread.
+// POSIX only (test_util_posix.cc): a program running beside the test, its
+// output collected by a thread.
 class Child {
  public:
   Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});

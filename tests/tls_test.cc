@@ -3,12 +3,10 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 
+#include "test_sys.h"
 #include "common/openssl_ptr.h"
 #include "common/rd_config.h"
 #include "http/server.h"
@@ -62,11 +60,11 @@ std::string tls_exchange(int port, const std::string& request, int min_version =
   if (SSL_connect(ssl.get()) == 1) {
     answer.clear();
     SSL_write(ssl.get(), request.data(), static_cast<int>(request.size()));
-    ::shutdown(s, SHUT_WR);  // keeps the TIME_WAIT state off the service port
+    testsys::shutdown_send(s);  // keeps the TIME_WAIT state off the service port
     char buf[4096];
     for (int n; (n = SSL_read(ssl.get(), buf, sizeof buf)) > 0;) answer.append(buf, static_cast<std::size_t>(n));
   }
-  ::close(s);
+  platform::close_socket(s);
   ERR_clear_error();
   return answer;
 }
@@ -133,7 +131,7 @@ TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(read_until_close(s, 3000), "");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2500));
-  ::close(s);
+  platform::close_socket(s);
   EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept timed out"));
   EXPECT_TRUE(wait_log("server", "process_incoming_message", "makeSSLConnection Failed"));
   EXPECT_NE(last_status().find(" | server | process_incoming_message | SSL Connection Failed, please check browser settings "),
@@ -163,10 +161,10 @@ TEST_F(TlsTest, TrickledHandshakeIsDroppedAtTheRequestLimit) {
   ASSERT_GT(hello.size(), 100u);
   const int s = connect_to(port);
   const long acted_ms =
-      feed_until_server_acts(s, [&](int i) { (void)::send(s, hello.data() + i, 1, MSG_NOSIGNAL); }, 50, 5000);
+      feed_until_server_acts(s, [&](int i) { (void)platform::send_socket(s, hello.data() + i, 1); }, 50, 5000);
   EXPECT_GE(acted_ms, kLimitMs - 100);
   EXPECT_LE(acted_ms, kLimitMs + 1000);
-  ::close(s);
+  platform::close_socket(s);
   EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept timed out"));
   ERR_clear_error();
 }
@@ -180,7 +178,7 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
   seams([&](Seams& s) { s.recv_wait_ms = kLimitMs; });
   // The client's TLS writes use plain write(): a write racing the server's
   // close must not end the test process.
-  ::signal(SIGPIPE, SIG_IGN);
+  testsys::ignore_broken_pipe();
   const int port = start_tls_server();
   ASSERT_NE(port, 0);
   std::unique_ptr<SSL_CTX, SslCtxFree> ctx(SSL_CTX_new(TLS_client_method()));
@@ -210,10 +208,10 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
     SSL_set_fd(ssl.get(), s);
     ASSERT_EQ(SSL_connect(ssl.get()), 1);
     const long acted_ms = feed_until_server_acts(s, [&](int i) {
-      if (i == 0 && row.raw) (void)::send(s, row.first.data(), row.first.size(), MSG_NOSIGNAL);
+      if (i == 0 && row.raw) (void)platform::send_socket(s, row.first.data(), row.first.size());
       if (i == 0 && !row.raw) SSL_write(ssl.get(), row.first.data(), static_cast<int>(row.first.size()));
       if (i > 0 && row.then == Then::kRecordPerByte) SSL_write(ssl.get(), "a", 1);
-      if (i > 0 && row.then == Then::kRawBytes) (void)::send(s, "a", 1, MSG_NOSIGNAL);
+      if (i > 0 && row.then == Then::kRawBytes) (void)platform::send_socket(s, "a", 1);
     }, 100, 5000);
     char buf[256];
     if (acted_ms >= 0) {
@@ -222,7 +220,7 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
     ERR_clear_error();
     EXPECT_GE(acted_ms, kLimitMs - 100);
     EXPECT_LE(acted_ms, kLimitMs + 1000);
-    ::close(s);
+    platform::close_socket(s);
     EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", "Read timedout", offset));
     EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSLWithTC", "Could not receive data", offset));
     EXPECT_TRUE(wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));

@@ -72,7 +72,7 @@ void recover_config_swap() {
   }
   if (platform::file_exists(kConfigNext)) {
     if (platform::file_exists(kCrcNext) && verify_crc(kCrc16, kConfigNext, kCrcNext) == 0 &&
-        std::rename(kConfigNext, kConfigPath) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+        platform::rename_over(kConfigNext, kConfigPath) == 0 && platform::rename_over(kCrcNext, kCrcPath) == 0) {
       RD_INFO("Completed the interrupted update of config.ini");
       return;
     }
@@ -83,7 +83,7 @@ void recover_config_swap() {
   }
   if (platform::file_exists(kCrcNext)) {
     // The new config.ini is in place; only its seal is still beside it.
-    if (verify_crc(kCrc16, kConfigPath, kCrcNext) == 0 && std::rename(kCrcNext, kCrcPath) == 0) {
+    if (verify_crc(kCrc16, kConfigPath, kCrcNext) == 0 && platform::rename_over(kCrcNext, kCrcPath) == 0) {
       RD_INFO("Completed the interrupted update of config.ini");
       return;
     }
@@ -99,12 +99,12 @@ int seal_config_file() {
   const int sealed = add_crc(kCrc16, kConfigNext, kCrcNext);
   if (sealed != 0) return sealed;
   platform::crash_point();
-  if (std::rename(kConfigNext, kConfigPath) != 0) {
+  if (platform::rename_over(kConfigNext, kConfigPath) != 0) {
     RD_ERROR("Renaming %s failed", kConfigNext);
     return 3;
   }
   platform::crash_point();
-  if (std::rename(kCrcNext, kCrcPath) != 0) {
+  if (platform::rename_over(kCrcNext, kCrcPath) != 0) {
     RD_ERROR("Renaming %s failed", kCrcNext);
     return 3;
   }
@@ -130,17 +130,24 @@ int WriteToIniFile(dictionary* dict, const char* path) {
 
 bool ini_value_ok(std::string_view value) { return value.find_first_of(std::string_view("\r\n\0", 3)) == value.npos; }
 
+// dc as stored: with a newline on purpose, which the INI reader strips again.
+// An INI library that quotes values when it writes them (iniparser 4.2) would
+// keep it inside the quotes and break the line, so there the value goes alone.
+static std::string dc_value(const char* dc) {
+  constexpr bool kIniQuotesValues = VEXO_INI_QUOTES_VALUES != 0;
+  return std::string(dc) + (kIniQuotesValues ? "" : "\n");
+}
+
 int write_config_file(const char* dc) {
   if (value_refused("write_config_file", "dc", dc)) return kFailed;
-  // The newline is stored on purpose; the INI reader strips it again.
-  return stage_setter_key("write_config_file", "CONFIG:dc", std::string(dc) + "\n",
+  return stage_setter_key("write_config_file", "CONFIG:dc", dc_value(dc),
                           "Error iniparser_set  to write dc value", "Error at to write dc value in ini file");
 }
 
 int stage_config_file_dc(const char* dc) {
   if (value_refused("write_config_file", "dc", dc)) return kFailed;
   std::remove(kCrcStaged);
-  return set_config_key("write_config_file", kConfigPath, kConfigStaged, "CONFIG:dc", std::string(dc) + "\n",
+  return set_config_key("write_config_file", kConfigPath, kConfigStaged, "CONFIG:dc", dc_value(dc),
                         "Error iniparser_set  to write dc value", "Error at to write dc value in ini file");
 }
 

@@ -46,7 +46,7 @@ struct RdConfig {
 
 struct RdIdentity {
   std::string scanner_name;      // from Initialize_process's argument
-  std::string port_path;         // handheld serial port, "/dev/<name>"
+  std::string port_path;         // handheld serial port (platform::serial_port_path)
   std::string security_param;    // handheld security-library parameter
   std::string prefix = "./";     // working-folder prefix before keystore/ and cert/public/
   std::string clId;              // Management client identifier

@@ -42,7 +42,7 @@ void emit_line_locked(LogLevel level, const char* file, const char* func, unsign
 }
 
 void emit_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...)
-    __attribute__((format(printf, 5, 6))) REQUIRES(g_log_mutex);
+    VEXO_PRINTF_FORMAT(5, 6) REQUIRES(g_log_mutex);
 void emit_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
@@ -63,7 +63,7 @@ int rotate_if_due_locked() REQUIRES(g_log_mutex) {
               "..................RD Log Reached  %dKB of size..............................", static_cast<int>(kb));
   std::fclose(g_log_stream);
   // Replaces rd1.log atomically; like the design's "move", its result is ignored.
-  (void)std::rename(kLogPath, kOldLogPath);
+  (void)platform::rename_over(kLogPath, kOldLogPath);
   g_log_stream = platform::open_file("rd.log", "a");
   return g_log_stream != nullptr ? 0 : kFailed;
 }
@@ -148,9 +148,7 @@ int log_timestamp() {
 void write_error_log(const char* text) {
   const FilePtr f(platform::open_file("Vexo_Error.log", "ab"));
   if (f == nullptr) {
-    // Stands in for the design's message box: the text goes to standard
-    // error, which the library leaves alone unless debugging output is on.
-    if (rd_verbose() >= 2) std::fprintf(stderr, "Error: Error in opening the Vexo_Error.log file\n");
+    platform::alert_box("Error in opening the Vexo_Error.log file", "Error");
     return;
   }
   std::fprintf(f.get(), "%s", text);

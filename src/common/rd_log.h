@@ -20,13 +20,15 @@
 #include <string_view>
 
 #include "platform/mutex.h"
+#include "platform/printf_format.h"
 
 enum class LogLevel { kInfo, kError };
 
 // The log mutex: the run-log stream and every line written to it.
 extern platform::Mutex g_log_mutex;
 
-// Opens the run log with fopen(path, "a"). 0, or -1 (stream left null).
+// Opens the run log with fopen(path, "ab") (binary: "\n" ends a line on
+// every system). 0, or -1 (stream left null).
 int zlog_init(const char* path);
 // The open run-log stream for any non-null name; null for a null name or no log.
 FILE* zlog_get_category(const char* name);
@@ -35,8 +37,8 @@ int zlog_fini();
 // Writes "YYYY-mm-dd HH:MM:SS " (IST) to the run log.
 // 0, or -1 when the clock cannot be read (nothing written).
 int log_timestamp() REQUIRES(g_log_mutex);
-// Appends text unchanged to "Vexo_Error.log"; when that fails, prints
-// "Error in opening the Vexo_Error.log file" to standard error.
+// Appends text unchanged to "Vexo_Error.log"; when that fails, shows
+// "Error in opening the Vexo_Error.log file" (platform::alert_box).
 void write_error_log(const char* text);
 // Opens the status pipe (platform::status_pipe_path(): the FIFO the host made
 // in the user's runtime folder). 0, or -1 with the "Create pipe failed"
@@ -70,21 +72,21 @@ std::string log_safe(std::string_view text, std::size_t max);
 
 // One run-log line: "<ts> INFO   (file:func:line) - text\n" under the log mutex.
 void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line,
-                  const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+                  const char* fmt, ...) VEXO_PRINTF_FORMAT(5, 6);
 // Sets the last-status line "<ts> | file | func | text". 0, or -1 when the
 // clock cannot be read (the line is left as it was).
 int rd_set_last_status(const char* file, const char* func, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+    VEXO_PRINTF_FORMAT(3, 4);
 // Sends "code|text" to the status pipe; the text carries its own "\n".
 // A failed send is reported by write_to_pipe and otherwise ignored.
-void rd_notify(const char* code, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+void rd_notify(const char* code, const char* fmt, ...) VEXO_PRINTF_FORMAT(2, 3);
 // Copies the last-status line (at most len-1 bytes) into out.
 void rd_copy_last_status(char* out, std::size_t len);
 
 // Debugging output on standard output, written only when config:Verbose is 2
 // or more; nothing reaches standard output or standard error otherwise.
 // Never pass biometric data or key material.
-void rd_debug_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void rd_debug_print(const char* fmt, ...) VEXO_PRINTF_FORMAT(1, 2);
 
 // Test seams: clears the last-status buffer and closes the pipe handle.
 void rd_log_reset_for_test();

@@ -1,6 +1,8 @@
 // The listening socket and the accept loop of the local server.
 #define VEXO_LOG_FILE "server"
 
+#include <atomic>
+#include <cerrno>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -132,7 +134,11 @@ int last_service_port() {
 }
 
 int prepare_http_socket(platform::socket_t* server) {
-  // POSIX sockets need no start-up call, so the result 1 never occurs here.
+  // Only Windows has a socket library to start; elsewhere this never fails.
+  if (const int err = platform::socket_startup(); err != 0) {
+    RD_ERROR("WSAStartup failed with error: %d\n", err);
+    return 1;
+  }
   PortPair pair;
   bool ipv6 = true;
   const int last = last_service_port();
@@ -149,7 +155,7 @@ int prepare_http_socket(platform::socket_t* server) {
                static_cast<short>(port));
       return kFailed;
     }
-    if (platform::last_error() == kWinsockAddressInUse) {
+    if (errno == kWinsockAddressInUse) {
       RD_ERROR("Port %hd is already in use, Trying for next port", static_cast<short>(port));
     } else {
       RD_ERROR("binding_tcp_socket : failed on port = %hd, Trying for next port", static_cast<short>(port));

@@ -109,7 +109,7 @@ int step_open_log() {
   if (platform::folder_writable_by_others(".")) {
     std::error_code ec;
     RD_ERROR("Warning: other users can write to the working folder %s: they could replace its files",
-             std::filesystem::current_path(ec).c_str());
+             std::filesystem::current_path(ec).string().c_str());
   }
   return 0;
 }
@@ -129,7 +129,7 @@ void step_scanner(const char* details) {
   std::size_t first = text.find('|');
   std::size_t second = first == std::string::npos ? std::string::npos : text.find('|', first + 1);
   const std::string port = first == std::string::npos ? "" : text.substr(first + 1, second - first - 1);
-  const std::string port_path = "/dev/" + port;
+  const std::string port_path = platform::serial_port_path(port);
   rd_identity_update([&](RdIdentity& id) {
     id.scanner_name = "Tavio_TX9";
     id.security_param = second == std::string::npos ? "" : text.substr(second + 1);

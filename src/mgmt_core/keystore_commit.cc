@@ -46,7 +46,7 @@ int finish_commit(const std::string& record) {
   for (const std::string& file : identity_files()) {
     const std::string staged = staged_path(file);
     if (!platform::file_exists(staged)) continue;
-    if (std::rename(staged.c_str(), file.c_str()) != 0) {
+    if (platform::rename_over(staged, file) != 0) {
       RD_ERROR("Renaming %s failed", staged.c_str());
       return kKeystoreFailed;
     }

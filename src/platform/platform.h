@@ -1,7 +1,8 @@
 // Operating-system layer. Every system call of the library goes through the
-// functions declared here; src/platform/posix/ defines them for Linux, and a
-// win32/ folder would define the same names. Nothing outside src/platform/
-// includes a header that exists on only one system.
+// functions declared here; src/platform/posix/ defines them for Linux and
+// src/platform/win32/ for Windows, both on top of the system-neutral
+// shared.cc. Nothing outside src/platform/ includes a header that exists on
+// only one system.
 //
 // Thread-safety: every function may be called from any thread. Tests redirect
 // the clock, the lock folder, the adapter list and the file writers through
@@ -181,6 +182,10 @@ enum class WriteFault { kNone, kOpen, kWrite };
 // and returns false on failure. 0 or -1.
 int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
                              unsigned mode = 0600);
+// Moves from over to, replacing an existing to atomically (rename; on
+// Windows MoveFileExW with MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH,
+// where rename refuses an existing target). 0, or -1 with the error kept.
+int rename_over(const std::string& from, const std::string& to);
 // fopen for the library's own files: a file it creates is owner read and
 // write only (0600). mode is fopen's ("r", "rb", "w", "wb", "a", "ab", with
 // or without "+"). The stream, or nullptr with errno kept.
@@ -212,6 +217,20 @@ int random_bytes(std::uint8_t* out, std::size_t len);
 // The folder the design calls APPDATA: $APPDATA, else $XDG_DATA_HOME, else
 // $HOME/.local/share. Empty when none of these gives a folder.
 std::string appdata_dir();
+
+// ---------------------------------------------------------------- start-up and alerts
+// Starts the system's socket library once (Winsock 2.2 on Windows; POSIX has
+// nothing to start). 0, or the start-up's own error code.
+int socket_startup();
+// Shows text to the user when no log can take it: a message box with the
+// caption (no owner window, OK only) on Windows; "CAPTION: TEXT" on standard
+// error on POSIX.
+void alert_box(const char* text, const char* caption);
+// Path of the running program's file ("" when unknown).
+std::string program_path();
+// The path of the serial port called name: "/dev/NAME" on POSIX, the
+// device namespace "//./NAME" on Windows.
+std::string serial_port_path(const std::string& name);
 
 }  // namespace platform
 

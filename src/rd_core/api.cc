@@ -32,7 +32,7 @@ constexpr const char* kDeviceInfoFormat =
     "<DeviceInfo dpId=\"%s\" rdsId=\"%s\" rdsVer=\"%s\" dc=\"%s\" mi=\"%s\" mc=\"%s\"><additional_info>"
     "<Param name=\"srno\" value=\"%s\"/></additional_info></DeviceInfo>\n";
 
-std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format_text(const char* fmt, ...) VEXO_PRINTF_FORMAT(1, 2);
 std::string format_text(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);

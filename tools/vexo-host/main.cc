@@ -1,33 +1,23 @@
 // vexo-host: stands in for the front end and the host program. It creates the
-// status FIFO in a folder only its user can reach and prints what arrives,
-// points XDG_RUNTIME_DIR at that folder so that the library finds the FIFO,
-// loads libVexo.so from its own folder, starts the service, follows the
-// Management server (mgmt_loop), and turns signals into plug events:
-//   SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit.
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
+// status pipe and prints what arrives, where the library finds it, loads
+// libVexo.so (Vexo.dll) from its own folder, starts the service, follows the
+// Management server (mgmt_loop), and turns the system's events into plug
+// events (host_sys.h):
+//   POSIX: SIGUSR1 -> attach_device, SIGUSR2 -> detach_device, SIGINT/SIGTERM -> exit;
+//   Windows: lines "a" and "d" on standard input, Ctrl-C -> exit.
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 
+#include "host_sys.h"
 #include "mgmt_loop.h"
 #include "mgmt_plan.h"
 #include "vexo.h"
 
 namespace {
 
-constexpr const char* kPipeName = "qdx.win.002";
 constexpr long long kDefaultPollSeconds = 21600;
 constexpr long long kMaxPollSeconds = 30LL * 24 * 3600;
 // Test-only: the first retry pause in milliseconds, instead of 30 s.
@@ -46,10 +36,11 @@ void usage() {
                "usage: vexo-host [--workdir DIR] [--status-pipe-dir FOLDER] [--mgmt-poll SECONDS | --no-mgmt]\n"
                "                 SCANNER_DETAILS\n"
                "  Runs the RD service for the scanner (e.g. Aratek_A600) in DIR.\n"
-               "  The status FIFO qdx.win.002 is made in FOLDER (one only this user can\n"
-               "  write), else in $XDG_RUNTIME_DIR (a folder of this user, closed to others),\n"
-               "  else in a fresh private folder under /tmp; XDG_RUNTIME_DIR is set to that\n"
-               "  folder for the library. Its messages are printed as \"pipe: ...\" lines.\n"
+               "  The status pipe: on POSIX systems the FIFO qdx.win.002 in FOLDER (one only\n"
+               "  this user can write), else in $XDG_RUNTIME_DIR (a folder of this user,\n"
+               "  closed to others), else in a fresh private folder under /tmp, with\n"
+               "  XDG_RUNTIME_DIR set to that folder for the library; on Windows the named\n"
+               "  pipe \\\\.\\pipe\\qdx.win.002. Its messages are printed as \"pipe: ...\" lines.\n"
                "  After start-up it calls Init, uidai_cert_force_update once after the first\n"
                "  successful Init, and then what the Management server's next action names\n"
                "  (Key_Rotation, uidai_cert_update, Software_Update), printing each call as\n"
@@ -59,10 +50,8 @@ void usage() {
                "  date, the next Init names Software_Update.\n"
                "  After a failed call Init is retried after %lld s, doubling up to %lld s;\n"
                "  the same follow-up runs at most once per such interval.\n"
-               "  --no-mgmt leaves the Management server alone.\n"
-               "  SIGUSR1 reports the scanner plugged in, SIGUSR2 pulled out;\n"
-               "  SIGINT or SIGTERM stops the host.\n",
-               kDefaultPollSeconds, host::kRetryBaseMs / 1000, host::kRetryMaxMs / 1000);
+               "  --no-mgmt leaves the Management server alone.\n%s",
+               kDefaultPollSeconds, host::kRetryBaseMs / 1000, host::kRetryMaxMs / 1000, host::kEventHelp);
 }
 
 // A whole decimal number in [min, max].
@@ -75,18 +64,10 @@ bool parse_number(const char* text, long long min, long long max, long long* out
   return true;
 }
 
-std::string own_folder() {
-  char path[PATH_MAX] = {};
-  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  std::string p(path, static_cast<std::size_t>(n));
-  return p.substr(0, p.find_last_of('/'));
-}
-
 template <typename F>
 bool bind(void* lib, const char* name, F* out) {
-  *out = reinterpret_cast<F>(dlsym(lib, name));
-  if (*out == nullptr) std::fprintf(stderr, "vexo-host: %s missing in libVexo.so\n", name);
+  *out = reinterpret_cast<F>(host::library_symbol(lib, name));
+  if (*out == nullptr) std::fprintf(stderr, "vexo-host: %s missing in the library\n", name);
   return *out != nullptr;
 }
 
@@ -95,90 +76,6 @@ void print_status(const Exports& x, const char* call, int rc) {
   x.Get_Last_RDservice_Status(status);
   std::printf("%s returned %d\nlast status: %s\n", call, rc, status);
   std::fflush(stdout);
-}
-
-// The status FIFO: made here (or left from an earlier run of this user) and
-// checked on the descriptor it is read through, so nothing another user
-// planted at the path (a link, a file, a FIFO of theirs that would see the
-// messages or inject others) is ever used.
-class StatusFifo {
- public:
-  ~StatusFifo() { remove(); }
-  // Closes the FIFO and removes what was made here.
-  void remove() {
-    if (fd_ >= 0) close(fd_);
-    if (made_) unlink(path_.c_str());
-    if (!made_dir_.empty()) rmdir(made_dir_.c_str());
-    fd_ = -1;
-    made_ = false;
-    made_dir_.clear();
-  }
-  // Makes the FIFO in folder, or in $XDG_RUNTIME_DIR (when that is a folder
-  // of this user closed to others), or in a fresh 0700 folder under /tmp
-  // when folder is empty. false after printing why.
-  bool open_in(const std::string& folder) {
-    std::string dir = folder;
-    if (dir.empty()) {
-      const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-      struct stat st {};
-      if (runtime != nullptr && runtime[0] == '/' && stat(runtime, &st) == 0 && S_ISDIR(st.st_mode) &&
-          st.st_uid == geteuid() && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
-        dir = runtime;
-      } else {
-        char made[] = "/tmp/vexo-host-XXXXXX";
-        if (mkdtemp(made) == nullptr) return fail("cannot make a private folder in /tmp");
-        dir = made_dir_ = made;
-      }
-    }
-    dir_ = dir;
-    path_ = dir + "/" + kPipeName;
-    if (mkfifo(path_.c_str(), 0600) == 0) {
-      made_ = true;
-    } else if (errno != EEXIST) {
-      return fail(std::strerror(errno));
-    }
-    fd_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (fd_ < 0) return fail(errno == ELOOP ? "a symbolic link is in its place" : std::strerror(errno));
-    struct stat st {};
-    if (fstat(fd_, &st) != 0 || !S_ISFIFO(st.st_mode) || st.st_uid != geteuid() ||
-        (st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-      made_ = false;  // not ours to remove
-      return fail("something other than a FIFO of this user, closed to others, is in its place");
-    }
-    return true;
-  }
-  int fd() const { return fd_; }
-  // The folder that holds the FIFO.
-  const std::string& folder() const { return dir_; }
-
- private:
-  bool fail(const std::string& why) {
-    std::fprintf(stderr, "vexo-host: status FIFO %s: %s\n", path_.c_str(), why.c_str());
-    return false;
-  }
-  std::string path_;
-  std::string dir_;
-  std::string made_dir_;  // the private folder made here, removed at the end
-  int fd_ = -1;
-  bool made_ = false;
-};
-
-// Prints every status-pipe message as it arrives, until stop is set.
-void read_pipe(int fd, const std::atomic<bool>* stop) {
-  char buf[4096];
-  while (!stop->load()) {
-    pollfd p{fd, POLLIN, 0};
-    int r = poll(&p, 1, 200);
-    if (r <= 0) continue;
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) {
-      std::printf("pipe: %.*s", static_cast<int>(n), buf);
-      if (buf[n - 1] != '\n') std::printf("\n");
-      std::fflush(stdout);
-    } else {
-      usleep(50000);  // no writer at the moment
-    }
-  }
 }
 
 }  // namespace
@@ -221,36 +118,21 @@ int main(int argc, char** argv) {
   const char* base = std::getenv(kRetryBaseEnv);
   if (base != nullptr && parse_number(base, 1, host::kRetryBaseMs, &base_ms)) mgmt_options.retry_base_ms = base_ms;
 
-  const std::string lib_path = own_folder() + "/libVexo.so";
-  // A relative FIFO folder is taken from the folder the host was started in.
-  if (!pipe_dir.empty() && pipe_dir[0] != '/') {
-    char cwd[PATH_MAX] = {};
-    if (getcwd(cwd, sizeof cwd) != nullptr) pipe_dir = std::string(cwd) + "/" + pipe_dir;
+  const std::string lib_path = host::library_beside_program();
+  std::string error;
+  host::take_events();
+  // Made before the host changes folder: a relative path is the starting folder's.
+  auto pipe = std::make_unique<host::StatusPipe>();
+  if (!pipe->start(pipe_dir, &error)) {
+    std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
+    return 1;
   }
-  if (!workdir.empty() && chdir(workdir.c_str()) != 0) {
-    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), std::strerror(errno));
+  if (!workdir.empty() && !host::enter_folder(workdir, &error)) {
+    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), error.c_str());
     return 1;
   }
 
-  // Signals are taken by sigwait below; every thread inherits the mask.
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (int s : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, s);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-
-  StatusFifo fifo;
-  if (!fifo.open_in(pipe_dir)) return 1;
-  // The library looks for the FIFO in the user's runtime folder.
-  if (setenv("XDG_RUNTIME_DIR", fifo.folder().c_str(), 1) != 0) {
-    std::fprintf(stderr, "vexo-host: cannot set XDG_RUNTIME_DIR: %s\n", std::strerror(errno));
-    return 1;
-  }
-  const int pipe_fd = fifo.fd();
-  std::atomic<bool> stop{false};
-  std::thread reader(read_pipe, pipe_fd, &stop);
-
-  void* lib = dlopen(lib_path.c_str(), RTLD_NOW);
+  void* lib = host::load_library(lib_path, &error);
   Exports x;
   host::MgmtExports m;
   if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
@@ -260,9 +142,7 @@ int main(int argc, char** argv) {
       !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
       !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update) ||
       !bind(lib, "uidai_cert_force_update", &m.uidai_cert_force_update)) {
-    if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", dlerror());
-    stop = true;
-    reader.join();
+    if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
     return 1;
   }
 
@@ -279,14 +159,13 @@ int main(int argc, char** argv) {
     loop = std::make_unique<host::MgmtLoop>(m, mgmt_options);
   }
   while (rc == 0) {
-    int sig = 0;
-    if (sigwait(&signals, &sig) != 0) continue;
-    if (sig == SIGUSR1) {
+    const host::Event event = host::wait_event();
+    if (event == host::Event::kAttach) {
       const int attached = x.attach_device();
       print_status(x, "attach_device", attached);
       // Another scanner: the server decides afresh what this one needs.
       if (attached == -10 && loop != nullptr) loop->request_init();
-    } else if (sig == SIGUSR2) {
+    } else if (event == host::Event::kDetach) {
       print_status(x, "detach_device", x.detach_device());
     } else {
       std::printf("vexo-host: stopping\n");
@@ -295,10 +174,7 @@ int main(int argc, char** argv) {
     }
   }
   if (loop != nullptr) loop->stop();
-  stop = true;
-  reader.join();
-  fifo.remove();  // _exit skips destructors
+  pipe.reset();
   // The library's threads live as long as the process; leave without unloading it.
-  std::fflush(stdout);
-  _exit(exit_code);
+  host::leave(exit_code);
 }

@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -52,8 +53,9 @@ std::string duration_text(long long ms) {
 }
 
 std::string package_path() {
-  char cwd[PATH_MAX] = {};
-  std::string path = getcwd(cwd, sizeof cwd) != nullptr ? cwd : ".";
+  std::error_code ec;
+  std::string path = std::filesystem::current_path(ec).string();
+  if (ec) path = ".";
   path += '/';
   path += kPackage;
   return path;

@@ -130,16 +130,13 @@ const Command kCommands[] = {
      cmd_init_workdir},
     {"demo-keystore", "demo-keystore DIR --scanner NAME",
      "make the demonstration keystore and cert/public/signed_mc.cer in DIR again (after a rebuild "
-     "of libVexo.so)",
+     "of the library)",
      cmd_demo_keystore},
     {"tls-cert", "tls-cert DIR",
      "make a local CA in DIR/cert/ssl/ca/ (kept when present) and a server certificate for "
      "localhost, 127.0.0.1 and ::1 signed by it in DIR/cert/ssl/public.crt and private.key",
      cmd_tls_cert},
-    {"trust-tls", "trust-tls DIR",
-     "add the local CA of DIR to the user's NSS database ($HOME/.pki/nssdb, made when missing) "
-     "and to each Firefox profile's with certutil, so Chromium and Firefox trust the service's HTTPS",
-     cmd_trust_tls},
+    {"trust-tls", "trust-tls DIR", kTrustSummary, cmd_trust_tls},
     {"uidai-cert", "uidai-cert DIR ENV FILE [--force]",
      "install FILE as the UIDAI certificate of ENV (S, PP, P or P_OLD) in DIR/cert/uidai with its "
      "checksum, so captures use it; FILE must hold an RSA key of at least 2048 bits, be valid now and "

@@ -1,16 +1,9 @@
 // tls-cert and trust-tls: a local certificate authority whose server
 // certificate browsers accept for https://127.0.0.1, https://[::1] and
-// https://localhost once the authority is in the user's NSS database.
-#include <dirent.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
+// https://localhost once the authority is trusted (trust_SYSTEM.cc: the
+// user's NSS databases on POSIX, the user's Root store on Windows).
 #include <cstdio>
-#include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "platform/platform.h"
 #include "vexoctl.h"
@@ -81,61 +74,9 @@ int ensure_ca(const TlsPaths& p, Issuer* ca, bool* made) {
   if (make_self_signed(req, &ca->cert_pem, &ca->key_pem, &error) != 0) return fail(error);
   if (platform::make_dirs(p.ca_dir) != 0) return fail("cannot create " + p.ca_dir);
   // Whoever reads this key can sign certificates the browser trusts.
-  (void)::chmod(p.ca_dir.c_str(), 0700);
+  restrict_to_owner(p.ca_dir);
   if (write_text(p.ca_key, ca->key_pem, 0600) != 0 || write_text(p.ca_cert, ca->cert_pem, 0644) != 0) return 1;
   *made = true;
-  return 0;
-}
-
-// Runs argv[0] from PATH with argv; its exit code, or -1 when it could not run.
-int run_program(const std::vector<std::string>& args) {
-  std::vector<char*> argv;
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = ::fork();
-  if (pid < 0) return -1;
-  if (pid == 0) {
-    ::execvp(argv[0], argv.data());
-    std::fprintf(stderr, "vexoctl: cannot run %s (errno %d)\n", argv[0], errno);
-    ::_exit(127);
-  }
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) != 127 ? WEXITSTATUS(status) : -1;
-}
-
-// The Firefox profiles of home that have an NSS database of their own.
-std::vector<std::string> firefox_profiles(const std::string& home) {
-  std::vector<std::string> out;
-  const std::string root = home + "/.mozilla/firefox";
-  DIR* d = ::opendir(root.c_str());
-  if (d == nullptr) return out;
-  while (dirent* e = ::readdir(d)) {
-    std::string path = root + "/" + e->d_name;
-    if (e->d_name[0] != '.' && platform::file_readable(path + "/cert9.db")) out.push_back(path);
-  }
-  ::closedir(d);
-  return out;
-}
-
-// Adds the CA to the NSS database in db (made when missing); "C,," trusts it
-// for server certificates only. 0 or 1.
-int trust_in(const std::string& db, const std::string& nickname, const std::string& ca_cert) {
-  std::string sql = "sql:";
-  sql += db;
-  // A new database gets an empty password, as the browsers make theirs.
-  if (!platform::file_readable(db + "/cert9.db")) {
-    if (platform::make_dirs(db) != 0) return fail("cannot create " + db);
-    int rc = run_program({"certutil", "-N", "-d", sql, "--empty-password"});
-    if (rc != 0) return fail("certutil cannot create the NSS database in " + db + " (is libnss3-tools installed?)");
-  }
-  if (run_program({"certutil", "-A", "-d", sql, "-n", nickname, "-t", "C,,", "-i", ca_cert}) != 0) {
-    return fail("certutil cannot add " + ca_cert + " to " + db);
-  }
-  std::printf("trusted \"%s\" in %s for server certificates\n", nickname.c_str(), db.c_str());
-  std::printf("to remove it: certutil -D -d %s -n \"%s\"\n", sql.c_str(), nickname.c_str());
   return 0;
 }
 
@@ -177,14 +118,5 @@ int cmd_trust_tls(const Args& args) {
   }
   const std::string nickname = cert_common_name(ca_pem);
   if (nickname.empty()) return fail(p.ca_cert + " is not a PEM certificate");
-  const char* home = std::getenv("HOME");
-  if (home == nullptr || *home == '\0') return fail("HOME is not set");
-  // Chromium reads $HOME/.pki/nssdb; each Firefox profile has its own.
-  std::string db = home;
-  db += "/.pki/nssdb";
-  if (trust_in(db, nickname, p.ca_cert) != 0) return 1;
-  for (const std::string& profile : firefox_profiles(home)) {
-    if (trust_in(profile, nickname, p.ca_cert) != 0) return 1;
-  }
-  return 0;
+  return trust_local_ca(p.ca_cert, ca_pem, nickname);
 }

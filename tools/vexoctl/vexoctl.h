@@ -17,6 +17,16 @@ int cmd_trust_tls(const Args& args);
 // certificate signed by it in dir/cert/ssl/public.crt and private.key. 0 or 1.
 int lay_local_tls(const std::string& dir);
 
+// What trust-tls does on this system, for the usage text.
+extern const char kTrustSummary[];
+// Trusts the local CA (its file and PEM text, and the name to show) for the
+// current user: the NSS databases on POSIX, the Root store on Windows
+// (trust_SYSTEM.cc). 0 or 1, with the reason on standard error.
+int trust_local_ca(const std::string& ca_cert, const std::string& ca_pem, const std::string& nickname);
+// Narrows an existing folder to its owner (POSIX mode 0700; make_dirs
+// already gives Windows folders an owner-only access list).
+void restrict_to_owner(const std::string& dir);
+
 // True when args ask for help ("--help" or "-h").
 bool wants_help(const Args& args);
 

@@ -1,9 +1,7 @@
 // init-workdir: lays out a working folder the service can start in. One
 // function per laid-out item, in the order they are made.
-#include <dirent.h>
-#include <unistd.h>
-
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 
 #include <openssl/pem.h>
@@ -67,13 +65,13 @@ int write_text(const std::string& path, const std::string& text, unsigned mode =
 
 // Folder of the running vexoctl executable.
 std::string own_folder() {
-  char buf[4096];
-  ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (n <= 0) return ".";
-  std::string path(buf, static_cast<std::size_t>(n));
-  std::size_t slash = path.rfind('/');
+  const std::string path = platform::program_path();
+  const std::size_t slash = path.find_last_of("/\\");
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
+
+// The library's file name on this system: libVexo.so or Vexo.dll.
+std::string library_file_name() { return platform::shared_library_name("Vexo.dll"); }
 
 // config.ini with the service defaults and the encrypted Management address,
 // sealed by bin_crc.txt. dc stays empty so the first Init registers the device.
@@ -115,16 +113,18 @@ int lay_mgmt_ca(const Options& o) {
 
 // RefDll/: the scanner libraries, copied from the RefDll folder beside vexoctl.
 int lay_refdll(const Options& o) {
+  namespace fs = std::filesystem;
   const std::string from = own_folder() + "/RefDll";
-  DIR* d = ::opendir(from.c_str());
-  if (d == nullptr) return fail("no RefDll folder beside vexoctl (" + from + "); build the simulators first");
+  std::error_code ec;
+  fs::directory_iterator it(from, ec);
+  if (ec) return fail("no RefDll folder beside vexoctl (" + from + "); build the simulators first");
+  // ".so" or ".dll", as the system names its libraries.
+  const std::string extension = fs::path(platform::shared_library_name("x.dll")).extension().string();
   const std::string to = o.dir + "/RefDll";
   int rc = platform::make_dirs(to) == 0 ? 0 : fail("cannot create " + to);
-  while (rc == 0) {
-    dirent* e = ::readdir(d);
-    if (e == nullptr) break;
-    std::string name = e->d_name;
-    if (name.size() < 4 || name.compare(name.size() - 3, 3, ".so") != 0) continue;
+  for (; rc == 0 && !ec && it != fs::directory_iterator(); it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (it->path().extension().string() != extension) continue;
     std::string data;
     if (platform::read_file(from + "/" + name, &data) != 0) {
       rc = fail("cannot read " + from + "/" + name);
@@ -132,7 +132,6 @@ int lay_refdll(const Options& o) {
       rc = write_text(to + "/" + name, data, 0755);
     }
   }
-  ::closedir(d);
   return rc;
 }
 
@@ -155,11 +154,16 @@ int lay_schema(const Options& o) {
 // cert/public/signed_mc.cer. Rebuilding the library changes its digest, so
 // the keystore must be laid out again after a rebuild.
 int lay_demo_keystore(const Options& o) {
-  const std::string library = own_folder() + "/libVexo.so";
-  if (!platform::file_readable(library)) return fail("no libVexo.so beside vexoctl (" + library + ")");
-  char cwd[4096];
-  if (::getcwd(cwd, sizeof cwd) == nullptr) return fail("cannot read the current folder");
-  if (::chdir(o.dir.c_str()) != 0) return fail("cannot enter " + o.dir);
+  namespace fs = std::filesystem;
+  const std::string library = own_folder() + "/" + library_file_name();
+  if (!platform::file_readable(library)) {
+    return fail("no " + library_file_name() + " beside vexoctl (" + library + ")");
+  }
+  std::error_code ec;
+  const fs::path cwd = fs::current_path(ec);
+  if (ec) return fail("cannot read the current folder");
+  fs::current_path(o.dir, ec);
+  if (ec) return fail("cannot enter " + o.dir);
   zlog_init("rd.log");  // the keystore's own lines, as the service would write them
   const std::string appdata = platform::appdata_dir();
   rd_identity_update([&](RdIdentity& id) { id.scanner_name = o.scanner; });
@@ -181,7 +185,7 @@ int lay_demo_keystore(const Options& o) {
   const bool ok = rc == 0 && !der.empty() && platform::make_dirs("cert/public") == 0 &&
                   platform::write_file_atomic("cert/public/signed_mc.cer", der.data(), der.size()) == 0;
   zlog_fini();
-  (void)::chdir(cwd);
+  fs::current_path(cwd, ec);
   if (!ok) {
     return fail("cannot make the demonstration keystore (see " + o.dir +
                 "/rd.log; it needs APPDATA or HOME and a network adapter)");

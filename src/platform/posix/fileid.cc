@@ -11,10 +11,6 @@
 
 namespace platform {
 
-unsigned long fold_fsid(const int words[2]) {
-  return static_cast<unsigned long>(static_cast<unsigned>(words[0]) ^ static_cast<unsigned>(words[1]));
-}
-
 int file_identity(const std::string& path, bool create_new, FileIdentity* out) {
   *out = FileIdentity{};
   int flags = create_new ? (O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC) : (O_RDONLY | O_CLOEXEC);

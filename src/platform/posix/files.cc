@@ -10,8 +10,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/paths.h"
 #include "platform/platform.h"
-#include "platform/test_seams.h"
+#include "platform/shared.h"
 #include "platform/unique_handle.h"
 
 namespace platform {
@@ -37,9 +38,12 @@ int read_file(const std::string& path, std::string* out) {
   return 0;
 }
 
-void crash_point() {
-  if (test_seams::take(&test_seams::Seams::crash_countdown) == 1) ::raise(SIGKILL);
+namespace sys {
+void kill_self() {
+  ::raise(SIGKILL);
+  ::_exit(137);
 }
+}  // namespace sys
 
 namespace {
 // Group and other bits are never granted, whatever a caller asks.
@@ -69,7 +73,7 @@ bool folder_writable_by_others(const std::string& path) {
 
 int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode,
                       Durability durability) {
-  const WriteFault fault = test_seams::get(&test_seams::Seams::write_fault);
+  const WriteFault fault = sys::write_fault();
   std::string tmp = path + ".tmpXXXXXX";
   UniqueFd fd(fault == WriteFault::kOpen ? -1 : ::mkstemp(tmp.data()));
   if (!fd) return -1;
@@ -132,6 +136,12 @@ int write_file_atomic_stream(const std::string& path, const std::function<bool(s
   crash_point();
   return 0;
 }
+
+int rename_over(const std::string& from, const std::string& to) {
+  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : -1;
+}
+
+bool is_absolute_path(const std::string& path) { return !path.empty() && path[0] == '/'; }
 
 void remove_stale_temporaries(const std::string& dir) {
   std::error_code ec;

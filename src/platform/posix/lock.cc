@@ -14,20 +14,19 @@
 
 #include "platform/mutex.h"
 #include "platform/platform.h"
-#include "platform/test_seams.h"
+#include "platform/shared.h"
 
 namespace platform {
+
+std::string default_lock_dir() {
+  struct stat st {};
+  return ::stat("/run/vexo", &st) == 0 && S_ISDIR(st.st_mode) ? "/run/vexo" : "/tmp";
+}
 
 namespace {
 
 // How often a waiter retries the file lock held by another process.
 constexpr unsigned kPollMs = 5;
-
-constexpr char kPackageLockDir[] = "/run/vexo";
-constexpr char kTempDir[] = "/tmp";
-
-Mutex g_dir_mutex;
-std::string g_lock_dir GUARDED_BY(g_dir_mutex);  // the configured folder
 
 // The process-local half of a named lock, shared by every handle of one name.
 // fd and owner_pid are set before the state is shared, and never change.
@@ -106,33 +105,6 @@ struct LocalLock {
   bool held GUARDED_BY(mutex) = false;
 };
 
-std::string default_lock_dir() {
-  struct stat st {};
-  return ::stat(kPackageLockDir, &st) == 0 && S_ISDIR(st.st_mode) ? kPackageLockDir : kTempDir;
-}
-
-std::string lock_dir() {
-  std::string test_dir = test_seams::get(&test_seams::Seams::lock_dir);
-  if (!test_dir.empty()) return test_dir;
-  {
-    MutexLock guard(&g_dir_mutex);
-    if (!g_lock_dir.empty()) return g_lock_dir;
-  }
-  return default_lock_dir();
-}
-
-void set_lock_dir(const std::string& dir) {
-  MutexLock guard(&g_dir_mutex);
-  g_lock_dir = dir;
-}
-
-std::string named_lock_path(const char* name) {
-  std::string file(name);
-  for (char& c : file) {
-    if (c == '\\' || c == '/') c = '_';
-  }
-  return lock_dir() + "/" + file + ".lock";
-}
 
 NamedLock* named_lock_open(const char* name) {
   if (name == nullptr || *name == '\0') {

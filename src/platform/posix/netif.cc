@@ -10,9 +10,9 @@
 
 #include "platform/mutex.h"
 #include "platform/platform.h"
-#include "platform/test_seams.h"
+#include "platform/shared.h"
 
-namespace platform {
+namespace platform::sys {
 
 namespace {
 struct IfaddrsFree {
@@ -24,13 +24,7 @@ bool all_zero(const std::uint8_t* a) {
 }
 }  // namespace
 
-int list_adapters(std::vector<Adapter>* out) {
-  out->clear();
-  std::optional<std::vector<Adapter>> given = test_seams::get(&test_seams::Seams::adapters);
-  if (given) {
-    *out = std::move(*given);
-    return 0;
-  }
+int list_system_adapters(std::vector<Adapter>* out) {
   ifaddrs* raw = nullptr;
   if (getifaddrs(&raw) != 0) return -1;
   std::unique_ptr<ifaddrs, IfaddrsFree> list(raw);
@@ -55,4 +49,4 @@ int list_adapters(std::vector<Adapter>* out) {
   return 0;
 }
 
-}  // namespace platform
+}  // namespace platform::sys

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "platform/shared.h"
+
 namespace platform {
 
 namespace {
@@ -15,11 +17,7 @@ std::size_t page_size() {
   return size;
 }
 
-// The block's pages rounded up, plus the guard page after them.
-std::size_t mapping_size(std::size_t size) {
-  std::size_t page = page_size();
-  return (size + page - 1) / page * page + page;
-}
+std::size_t mapping_size(std::size_t size) { return sys::guarded_mapping_size(size, page_size()); }
 
 }  // namespace
 

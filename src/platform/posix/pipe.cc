@@ -8,29 +8,21 @@
 
 #include "platform/mutex.h"
 #include "platform/platform.h"
+#include "platform/shared.h"
 
 namespace platform {
-namespace {
-constexpr char kPipeName[] = "qdx.win.002";
-Mutex g_pipe_path_mutex;
-std::string g_pipe_path GUARDED_BY(g_pipe_path_mutex);  // a test's path
-}  // namespace
 
-std::string status_pipe_path() {
-  {
-    MutexLock lock(&g_pipe_path_mutex);
-    if (!g_pipe_path.empty()) return g_pipe_path;
-  }
-  // A relative XDG_RUNTIME_DIR is invalid by the variable's own rules: ignored.
+namespace sys {
+// The FIFO lives in the user's private runtime folder, which the host names
+// through XDG_RUNTIME_DIR; a relative value is invalid by the variable's own
+// rules and ignored.
+std::string default_status_pipe_path() {
+  constexpr char kPipeName[] = "qdx.win.002";
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
   if (runtime != nullptr && runtime[0] == '/') return std::string(runtime) + "/" + kPipeName;
   return "/run/user/" + std::to_string(::geteuid()) + "/" + kPipeName;
 }
-
-void set_status_pipe_path(const std::string& path) {
-  MutexLock lock(&g_pipe_path_mutex);
-  g_pipe_path = path;
-}
+}  // namespace sys
 
 int pipe_open(const std::string& path, int* err) {
   // Non-blocking open fails with ENXIO when nobody reads the FIFO, instead of

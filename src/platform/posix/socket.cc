@@ -37,6 +37,8 @@ int wait_event(socket_t s, short events, int timeout_ms) {
 
 }  // namespace
 
+int socket_startup() { return 0; }
+
 socket_t tcp_socket() {
   int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   return s < 0 ? kInvalidSocket : s;

@@ -1,0 +1,397 @@
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+#include <aclapi.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "test_sys.h"
+
+namespace testsys {
+
+int process_id() { return static_cast<int>(::GetCurrentProcessId()); }
+
+double thread_cpu_ms() {
+  FILETIME created, exited, kernel, user;
+  if (!::GetThreadTimes(::GetCurrentThread(), &created, &exited, &kernel, &user)) return 0;
+  const auto ticks = [](const FILETIME& ft) {
+    return static_cast<double>((static_cast<unsigned long long>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime);
+  };
+  return (ticks(kernel) + ticks(user)) / 1e4;  // 100 ns ticks
+}
+
+namespace {
+
+// One instance of the pipe: waiting for a client, then reading from it.
+struct Instance {
+  HANDLE pipe = INVALID_HANDLE_VALUE;
+  HANDLE event = nullptr;
+  OVERLAPPED ov{};
+  bool connected = false;
+  bool connected_at_once = false;  // a client came before ConnectNamedPipe
+  char buf[4096];
+  ~Instance() {
+    // A call still pending completes (cancelled) into ov before ov goes:
+    // cancelled, or else ended by closing the handle.
+    if (pipe != INVALID_HANDLE_VALUE) {
+      const bool pending = ::WaitForSingleObject(event, 0) != WAIT_OBJECT_0;
+      ::CancelIoEx(pipe, nullptr);
+      const bool done = !pending || ::WaitForSingleObject(event, 1000) == WAIT_OBJECT_0;
+      ::CloseHandle(pipe);
+      if (!done) ::WaitForSingleObject(event, 1000);
+    }
+    if (event != nullptr) ::CloseHandle(event);
+  }
+};
+
+}  // namespace
+
+// Two instances always wait for the next clients, so that a writer that
+// reopens the pipe never finds it busy, even before this thread has run
+// again; each connected instance is read until its client goes away.
+struct PipeServer::State {
+  std::string path;
+  HANDLE stop = nullptr;
+  std::thread thread;
+  std::vector<std::unique_ptr<Instance>> instances;
+  std::function<void(const char*, std::size_t)> on_data;
+
+  std::unique_ptr<Instance> listen() {
+    auto in = std::make_unique<Instance>();
+    const std::wstring name(path.begin(), path.end());
+    in->pipe = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED,
+                                  PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
+                                  PIPE_UNLIMITED_INSTANCES, 4096, 4096, 0, nullptr);
+    in->event = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    if (in->pipe == INVALID_HANDLE_VALUE || in->event == nullptr) throw std::runtime_error("CreateNamedPipe failed");
+    in->ov.hEvent = in->event;
+    if (::ConnectNamedPipe(in->pipe, &in->ov) || ::GetLastError() == ERROR_PIPE_CONNECTED) {
+      in->connected_at_once = true;
+      ::SetEvent(in->event);
+    } else if (::GetLastError() != ERROR_IO_PENDING) {
+      throw std::runtime_error("ConnectNamedPipe failed");
+    }
+    return in;
+  }
+
+  // Starts the next read; false when the client is gone.
+  static bool read(Instance& in) {
+    in.ov = OVERLAPPED{};
+    in.ov.hEvent = in.event;
+    ::ResetEvent(in.event);
+    if (::ReadFile(in.pipe, in.buf, sizeof in.buf, nullptr, &in.ov)) return true;
+    return ::GetLastError() == ERROR_IO_PENDING;
+  }
+
+  void serve() {
+    for (;;) {
+      std::vector<HANDLE> waits{stop};
+      for (const auto& in : instances) waits.push_back(in->event);
+      const DWORD r = ::WaitForMultipleObjects(static_cast<DWORD>(waits.size()), waits.data(), FALSE, INFINITE);
+      if (r == WAIT_OBJECT_0 || r == WAIT_FAILED || r >= WAIT_OBJECT_0 + waits.size()) return;
+      const std::size_t i = r - WAIT_OBJECT_0 - 1;
+      Instance& in = *instances[i];
+      DWORD n = 0;
+      const BOOL ok = in.connected_at_once || ::GetOverlappedResult(in.pipe, &in.ov, &n, FALSE);
+      in.connected_at_once = false;
+      if (!in.connected) {
+        // A client came: a fresh instance takes over the waiting.
+        in.connected = ok != 0;
+        instances.push_back(listen());
+        if (!in.connected || !read(in)) instances.erase(instances.begin() + static_cast<long>(i));
+        continue;
+      }
+      if (ok && n > 0) on_data(in.buf, n);
+      if (!ok || !read(in)) instances.erase(instances.begin() + static_cast<long>(i));
+    }
+  }
+};
+
+PipeServer::PipeServer(const std::string& /*dir*/, std::function<void(const char*, std::size_t)> on_data)
+    : state_(std::make_unique<State>()) {
+  static std::atomic<unsigned> counter{0};
+  State& s = *state_;
+  s.path = "\\\\.\\pipe\\vexo-test-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++counter);
+  s.on_data = std::move(on_data);
+  s.stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (s.stop == nullptr) throw std::runtime_error("CreateEvent failed");
+  s.instances.push_back(s.listen());
+  s.instances.push_back(s.listen());
+  s.thread = std::thread([&s] { s.serve(); });
+}
+
+PipeServer::~PipeServer() {
+  State& s = *state_;
+  ::SetEvent(s.stop);
+  if (s.thread.joinable()) s.thread.join();
+  s.instances.clear();
+  ::CloseHandle(s.stop);
+}
+
+const std::string& PipeServer::path() const { return state_->path; }
+
+namespace {
+
+SOCKET to_socket(platform::socket_t s) { return static_cast<SOCKET>(static_cast<std::intptr_t>(s)); }
+
+platform::socket_t connect_to(const sockaddr* addr, int len) {
+  if (platform::socket_startup() != 0) return platform::kInvalidSocket;
+  SOCKET s = ::WSASocketW(addr->sa_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);
+  if (s == INVALID_SOCKET) return platform::kInvalidSocket;
+  if (::connect(s, addr, len) != 0) {
+    ::closesocket(s);
+    return platform::kInvalidSocket;
+  }
+  return static_cast<platform::socket_t>(s);
+}
+
+}  // namespace
+
+platform::socket_t connect_loopback(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<u_short>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return connect_to(reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+}
+
+platform::socket_t connect_loopback6(int port) {
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_port = htons(static_cast<u_short>(port));
+  addr.sin6_addr = in6addr_loopback;
+  return connect_to(reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+}
+
+platform::socket_t bind_port(int port, bool reuse) {
+  if (platform::socket_startup() != 0) return platform::kInvalidSocket;
+  SOCKET s = ::WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);
+  if (s == INVALID_SOCKET) return platform::kInvalidSocket;
+  BOOL one = TRUE;
+  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one), sizeof one);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<u_short>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return static_cast<platform::socket_t>(s);
+  ::closesocket(s);
+  return platform::kInvalidSocket;
+}
+
+void shutdown_send(platform::socket_t s) { ::shutdown(to_socket(s), SD_SEND); }
+
+int local_port(platform::socket_t s) {
+  sockaddr_storage a{};
+  int len = sizeof a;
+  if (::getsockname(to_socket(s), reinterpret_cast<sockaddr*>(&a), &len) != 0) return 0;
+  return a.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&a)->sin6_port)
+                                 : ntohs(reinterpret_cast<sockaddr_in*>(&a)->sin_port);
+}
+
+namespace {
+
+// 100 ns ticks between 1601-01-01 and 1970-01-01.
+constexpr long long kEpochTicks = 116444736000000000LL;
+
+long long ns_of(const FILETIME& ft) {
+  ULARGE_INTEGER v;
+  v.LowPart = ft.dwLowDateTime;
+  v.HighPart = ft.dwHighDateTime;
+  return (static_cast<long long>(v.QuadPart) - kEpochTicks) * 100;
+}
+
+FILETIME filetime_of(long long ns) {
+  ULARGE_INTEGER v;
+  v.QuadPart = static_cast<ULONGLONG>(ns / 100 + kEpochTicks);
+  return FILETIME{v.LowPart, v.HighPart};
+}
+
+HANDLE open_for(const std::string& path, DWORD access) {
+  return ::CreateFileA(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+}
+
+}  // namespace
+
+bool file_times(const std::string& path, FileTimes* out) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!::GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) return false;
+  out->access_ns = ns_of(data.ftLastAccessTime);
+  out->modify_ns = ns_of(data.ftLastWriteTime);
+  return true;
+}
+
+bool set_file_times(const std::string& path, const FileTimes& t) {
+  HANDLE h = open_for(path, FILE_WRITE_ATTRIBUTES);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  const FILETIME access = filetime_of(t.access_ns), modify = filetime_of(t.modify_ns);
+  const BOOL ok = ::SetFileTime(h, nullptr, &access, &modify);
+  ::CloseHandle(h);
+  return ok != 0;
+}
+
+bool set_access_time(const std::string& path, long long seconds) {
+  HANDLE h = open_for(path, FILE_WRITE_ATTRIBUTES);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  const FILETIME access = filetime_of(seconds * 1000000000LL);
+  const BOOL ok = ::SetFileTime(h, nullptr, &access, nullptr);
+  ::CloseHandle(h);
+  return ok != 0;
+}
+
+bool owner_only(const std::string& path) {
+  PSID owner = nullptr;
+  PACL dacl = nullptr;
+  PSECURITY_DESCRIPTOR sd = nullptr;
+  if (::GetNamedSecurityInfoA(path.c_str(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                              &owner, nullptr, &dacl, nullptr, &sd) != ERROR_SUCCESS) {
+    return false;
+  }
+  bool only = dacl != nullptr;
+  for (DWORD i = 0; only && i < dacl->AceCount; ++i) {
+    ACCESS_ALLOWED_ACE* ace = nullptr;
+    if (!::GetAce(dacl, i, reinterpret_cast<void**>(&ace))) {
+      only = false;
+    } else if (ace->Header.AceType == ACCESS_ALLOWED_ACE_TYPE && ace->Mask != 0) {
+      PSID sid = &ace->SidStart;
+      only = ::EqualSid(sid, owner) || ::IsWellKnownSid(sid, WinLocalSystemSid) ||
+             ::IsWellKnownSid(sid, WinBuiltinAdministratorsSid);
+    }
+  }
+  ::LocalFree(sd);
+  return only;
+}
+
+bool file_identity(const std::string& path, platform::FileIdentity* out) {
+  HANDLE h = open_for(path, 0);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  BY_HANDLE_FILE_INFORMATION info{};
+  const BOOL ok = ::GetFileInformationByHandle(h, &info);
+  ::CloseHandle(h);
+  out->volume_serial = info.dwVolumeSerialNumber;
+  out->index_high = info.nFileIndexHigh;
+  out->index_low = info.nFileIndexLow;
+  return ok != 0;
+}
+
+const int kErrorExists = ERROR_FILE_EXISTS;
+const int kErrorNoFile = ERROR_FILE_NOT_FOUND;
+const int kErrorAddressInUse = WSAEADDRINUSE;
+const int kErrorNoFolder = ERROR_PATH_NOT_FOUND;
+
+void ignore_broken_pipe() {}
+
+const bool kTimeWaitBlocksBind = false;
+const bool kPosixFileModes = false;
+const char kSystemLockDir[] = "";
+
+void set_env(const char* name, const char* value) {
+  // The C runtime's copy for getenv, the system's for child processes.
+  ::_putenv_s(name, value != nullptr ? value : "");
+  ::SetEnvironmentVariableA(name, value);
+}
+
+namespace {
+
+// One argument quoted as CommandLineToArgvW and the C runtime read it back.
+std::string quote_argument(const std::string& arg) {
+  if (!arg.empty() && arg.find_first_of(" \t\"") == std::string::npos) return arg;
+  std::string out = "\"";
+  std::size_t backslashes = 0;
+  for (char c : arg) {
+    if (c == '\\') {
+      ++backslashes;
+      continue;
+    }
+    out.append(c == '"' ? backslashes * 2 + 1 : backslashes, '\\');
+    backslashes = 0;
+    out += c;
+  }
+  out.append(backslashes * 2, '\\');
+  return out + "\"";
+}
+
+}  // namespace
+
+struct Process::State {
+  HANDLE process = nullptr;
+  HANDLE in_write = nullptr;  // the write end of the child's standard input
+  int code = -1;
+};
+
+Process::Process(const std::vector<std::string>& argv, const std::string& out_file)
+    : state_(std::make_unique<State>()) {
+  std::string line;
+  for (const auto& a : argv) line += (line.empty() ? "" : " ") + quote_argument(a);
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  HANDLE in_read = nullptr;
+  if (!::CreatePipe(&in_read, &state_->in_write, &inherit, 0)) return;
+  ::SetHandleInformation(state_->in_write, HANDLE_FLAG_INHERIT, 0);
+  HANDLE out = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  HANDLE err = ::GetStdHandle(STD_ERROR_HANDLE);
+  HANDLE file = INVALID_HANDLE_VALUE;
+  if (!out_file.empty()) {
+    file = ::CreateFileA(out_file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                         &inherit, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    out = err = file;
+  }
+  STARTUPINFOA si{};
+  si.cb = sizeof si;
+  si.dwFlags = STARTF_USESTDHANDLES;
+  si.hStdInput = in_read;
+  si.hStdOutput = out;
+  si.hStdError = err;
+  PROCESS_INFORMATION pi{};
+  if (::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
+    ::CloseHandle(pi.hThread);
+    state_->process = pi.hProcess;
+  }
+  ::CloseHandle(in_read);
+  if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
+}
+
+Process::~Process() {
+  if (state_->process != nullptr) kill();
+  if (state_->in_write != nullptr) ::CloseHandle(state_->in_write);
+}
+
+bool Process::started() const { return state_->process != nullptr; }
+
+int Process::wait() {
+  if (state_->process == nullptr) return state_->code;
+  ::WaitForSingleObject(state_->process, INFINITE);
+  DWORD code = 0;
+  state_->code = ::GetExitCodeProcess(state_->process, &code) ? static_cast<int>(code) : -1;
+  ::CloseHandle(state_->process);
+  state_->process = nullptr;
+  return state_->code;
+}
+
+int Process::stop() {
+  DWORD written = 0;
+  if (state_->process != nullptr) ::WriteFile(state_->in_write, "q\n", 2, &written, nullptr);
+  return wait();
+}
+
+int Process::kill() {
+  // 137, as a shell reports a SIGKILL.
+  if (state_->process != nullptr) ::TerminateProcess(state_->process, 137);
+  return wait();
+}
+
+std::vector<std::string> helper_case(const std::string& test_name) {
+  return {platform::program_path(), "--gtest_filter=" + test_name, "--gtest_also_run_disabled_tests"};
+}
+
+void end_helper(int code) {
+  std::fflush(nullptr);
+  ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(code));
+  std::_Exit(code);
+}
+
+}  // namespace testsys
