@@ -22,6 +22,7 @@
 #include "platform/pages.h"
 #include "platform/platform.h"
 #include "platform/socket_extra.h"
+#include "platform/test_seams.h"
 
 namespace {
 
@@ -99,9 +100,9 @@ TEST(Win32Files, AtomicReplacementKeepsBytesAndCleansUp) {
     int rc;
   } faults[] = {{platform::WriteFault::kOpen, -1}, {platform::WriteFault::kWrite, -2}};
   for (const auto& f : faults) {
-    platform::set_write_fault_for_test(f.fault);
+    test_seams::update([&](test_seams::Seams& s) { s.write_fault = f.fault; });
     EXPECT_EQ(platform::write_file_atomic(path, "lost", 4), f.rc);
-    platform::set_write_fault_for_test(platform::WriteFault::kNone);
+    test_seams::update([](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kNone; });
     ASSERT_EQ(platform::read_file(path, &got), 0);
     EXPECT_EQ(got, "second\n") << "fault " << static_cast<int>(f.fault);
   }
@@ -303,11 +304,11 @@ TEST(Win32Netif, AdaptersHaveAddressesInIndexOrder) {
   platform::Adapter fake;
   fake.address[5] = 1;
   fake.name = "test";
-  platform::set_adapters_for_test(std::vector<platform::Adapter>{fake});
+  test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{fake}; });
   ASSERT_EQ(platform::list_adapters(&adapters), 0);
   ASSERT_EQ(adapters.size(), 1u);
   EXPECT_EQ(adapters[0].name, "test");
-  platform::set_adapters_for_test(std::nullopt);
+  test_seams::update([](test_seams::Seams& s) { s.adapters = std::nullopt; });
 }
 
 // ---------------------------------------------------------------- sockets
@@ -469,7 +470,7 @@ HANDLE start_holder(const std::string& dir, const std::string& name, const std::
 }
 
 int hold_lock(const std::string& dir, const char* name, const char* acquired, const char* release) {
-  platform::set_lock_dir_for_test(dir);
+  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir; });
   HANDLE acquired_event = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, acquired);
   HANDLE release_event = ::OpenEventA(SYNCHRONIZE, FALSE, release);
   platform::NamedLock* lock = platform::named_lock_open(name);
@@ -483,7 +484,7 @@ int hold_lock(const std::string& dir, const char* name, const char* acquired, co
 
 TEST(Win32Lock, NamedLockAcrossThreadsAndProcesses) {
   TempDir dir;
-  platform::set_lock_dir_for_test(dir.path());
+  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir.path(); });
   const char* kName = "Global\\QDX_WIN_010";
   platform::NamedLock* a = platform::named_lock_open(kName);
   platform::NamedLock* b = platform::named_lock_open(kName);
@@ -523,7 +524,7 @@ TEST(Win32Lock, NamedLockAcrossThreadsAndProcesses) {
   platform::named_lock_close(a);
   platform::named_lock_close(b);
   EXPECT_EQ(platform::named_lock_open(""), nullptr);
-  platform::set_lock_dir_for_test("");
+  test_seams::set({});
 }
 
 TEST(Win32Lock, LocalLock) {
