@@ -58,5 +58,7 @@ add_test(NAME LibraryExportsOnlyThePublicFunctions
 #                        FIFO; mmap/mlock probes of the secret pages): to run
 #                        here once those cases move to a program of their own.
 #   listener_memory_test reads /proc/self/statm.
+#   seams_test           the lock folder at rest is a POSIX path (/run/vexo or
+#                        /tmp); Windows has named semaphores instead.
 #   fuzz replays, LayeringCheck, browser tests: checks of the sources and of
 #                        Linux programs, run by the Linux stages.
