@@ -437,7 +437,8 @@ cmd_test() {
   set_wine "$BUILD/wine"
   if [ -z "$WINE" ]; then
     echo "== $ARCH: tests NOT run: this machine has no Wine for $ARCH (wine32 could not be installed); only the exports check runs"
-    (cd "$BUILD" && ctest --output-on-failure -R '^LibraryExportsOnlyThePublicFunctions$')
+    # Directly, not through CTest: listing the test programs would need Wine.
+    "$REPO/tests/exports_test.sh" "$BUILD/Vexo.dll" && echo "== $ARCH: exports check passed"
     return
   fi
   trap 'stop_wine; on_exit' EXIT
