@@ -118,8 +118,14 @@ TEST_F(KeystoreTest, GeneratedKeyReadsBackTwiceUnderDerivedPassword) {
   for (const char* f : {"keystore/enc_private_key", "keystore/key.hash", "keystore/pdHash.hash",
                         "last_acces_time_file", "cert/public/DevPubKey"}) {
     EXPECT_TRUE(testsys::owner_only(f)) << f;
+    if (testsys::kPosixFileModes) {
+      EXPECT_EQ(testutil::mode_of(f), 0600) << f;
+    }
   }
   EXPECT_TRUE(testsys::owner_only(work_.file("appdata/korvane/QDX.WIN.002")));
+  if (testsys::kPosixFileModes) {
+    EXPECT_EQ(testutil::mode_of(work_.file("appdata/korvane/QDX.WIN.002")), 0700);
+  }
 
   const Sha256Digest digest = sha256(testutil::read_file(platform::program_path()));
   std::array<std::uint8_t, 32> service{};
@@ -407,6 +413,9 @@ TEST(FileIdentityTest, CreateNewAndOpenExisting) {
   platform::FileIdentity created, opened;
   ASSERT_EQ(platform::file_identity("node.txt", true, &created), 0);
   EXPECT_TRUE(testsys::owner_only("node.txt"));
+  if (testsys::kPosixFileModes) {
+    EXPECT_EQ(testutil::mode_of("node.txt"), 0600);
+  }
   // The volume serial is the file system's id on POSIX, which survives a
   // reboot; st_dev may not (LVM, btrfs).
   platform::FileIdentity system;

@@ -70,6 +70,12 @@ int count_of(const std::string& text, const std::string& needle) {
   return n;
 }
 
+int mode_of(const std::string& path) {
+  std::error_code ec;
+  const fs::file_status st = fs::symlink_status(path, ec);
+  return ec || !fs::exists(st) ? -1 : static_cast<int>(st.permissions() & fs::perms::mask);
+}
+
 std::string data_file(const std::string& name) { return read_file(std::string(VEXO_SOURCE_DIR) + "/tests/data/" + name); }
 
 bool wait_until(const std::function<bool()>& done, int timeout_ms) {

@@ -49,9 +49,11 @@ int count_of(const std::string& text, const std::string& needle);
 // A file of the source tree's tests/data.
 std::string data_file(const std::string& name);
 
-// POSIX only (test_util_posix.cc; the Windows list leaves out their tests):
-// The permission bits of path (lstat), or -1.
+// The permission bits of path (not following a symbolic link), or -1; on
+// Windows only the read-only bit shows (0666 or 0444).
 int mode_of(const std::string& path);
+
+// POSIX only (test_util_posix.cc; the Windows list leaves out their tests):
 // Runs fn in a child process that plays another user of the machine: as root
 // the child drops to nobody (uid and gid 65534), otherwise it stays this user.
 // True when fn returned true.

@@ -35,11 +35,6 @@ std::string shared_folder(const WorkDir& dir, const std::string& name) {
   return path;
 }
 
-int mode_of(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
-}
-
 namespace {
 
 // Forks argv with the extra environment, its output into a pipe. The pid, and
