@@ -54,11 +54,8 @@ std::string duration_text(long long ms) {
 
 std::string package_path() {
   std::error_code ec;
-  std::string path = std::filesystem::current_path(ec).string();
-  if (ec) path = ".";
-  path += '/';
-  path += kPackage;
-  return path;
+  const std::filesystem::path cwd = std::filesystem::current_path(ec);
+  return (ec ? std::filesystem::path(".") : cwd).generic_string() + "/" + kPackage;
 }
 
 // Prints the download's progress while Software_Update blocks: the resume
