@@ -142,9 +142,9 @@ PkeyPtr key_from_pem(std::string_view pem, bool cert) {
 
 int main(int argc, char** argv) {
   const int n = argc > 1 ? std::max(3, std::atoi(argv[1])) : 20;
-  const std::string work = (std::filesystem::temp_directory_path() /
-                            ("vexo_capture_bench_" + std::to_string(testsys::process_id())))
-                               .string();
+  const std::string work =
+      (std::filesystem::temp_directory_path() / ("vexo_capture_bench_" + std::to_string(testsys::process_id())))
+          .string();
   std::filesystem::remove_all(work);
   if (!std::filesystem::create_directory(work)) die("no working folder");
   std::filesystem::current_path(work);
@@ -170,7 +170,9 @@ int main(int argc, char** argv) {
     a.ethernet = true;
     a.name = a.description = "eth0";
     // The beeps and pauses are for the user; the measurement leaves them out.
-    test_seams::set({.lock_dir = work + "/locks", .adapters = std::vector<platform::Adapter>{a}, .beep_ms = 0u,
+    test_seams::set({.lock_dir = work + "/locks",
+                     .adapters = std::vector<platform::Adapter>{a},
+                     .beep_ms = 0u,
                      .recapture_pause_ms = 0u});
     std::string cert;
     if (init_semaphore() != 0 || GenerateKeyPair(&cert) != 0) die("keystore set-up");
@@ -195,8 +197,8 @@ int main(int argc, char** argv) {
       r.fCount = fcount;
       r.fType = ftype;
       r.format = format;
-      r.positions = fcount == 1 ? std::vector<std::string>{"LEFT_INDEX"}
-                                : std::vector<std::string>{"LEFT_INDEX", "RIGHT_INDEX"};
+      r.positions =
+          fcount == 1 ? std::vector<std::string>{"LEFT_INDEX"} : std::vector<std::string>{"LEFT_INDEX", "RIGHT_INDEX"};
       if (fingers != nullptr) {
         std::string ts = "2016-01-21T12:34:56";
         if (FP_Cap(fingers, r, ts) != 0) die("FP_Cap");
@@ -282,16 +284,18 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 2; ++i) {
       auto pick = [i](const Timing& t) { return i == 0 ? t.wall : t.cpu; };
       std::printf(" %s:\n", i == 0 ? "wall" : "cpu ");
-      std::printf("  1 finger, minutiae, XML      : %8.2f   floor (1 sign + wrap + GCM)  %7.2f"
-                  "                     ratio %6.2f (aim <= 5)\n",
-                  pick(cap_a), pick(floor_a), pick(cap_a) / pick(floor_a));
-      std::printf("  2 fingers, FMR+FIR, protobuf : %8.2f   floor (4 signs + wrap + GCM) %7.2f + openjpeg %7.2f"
-                  "   ratio %6.2f (aim <= 1.5)\n",
-                  pick(cap_b), pick(floor_b), pick(jpeg_b), pick(cap_b) / (pick(floor_b) + pick(jpeg_b)));
+      std::printf(
+          "  1 finger, minutiae, XML      : %8.2f   floor (1 sign + wrap + GCM)  %7.2f"
+          "                     ratio %6.2f (aim <= 5)\n",
+          pick(cap_a), pick(floor_a), pick(cap_a) / pick(floor_a));
+      std::printf(
+          "  2 fingers, FMR+FIR, protobuf : %8.2f   floor (4 signs + wrap + GCM) %7.2f + openjpeg %7.2f"
+          "   ratio %6.2f (aim <= 1.5)\n",
+          pick(cap_b), pick(floor_b), pick(jpeg_b), pick(cap_b) / (pick(floor_b) + pick(jpeg_b)));
       std::printf("  per record: keystore read %.2f (service digest alone %.2f); per finger: simulator %.2f\n",
                   pick(key_read), pick(self_hash), pick(sim_finger));
-      std::printf("  acquisition alone (FP_Cap, 1 finger, minutiae): %.2f; session key step: %.2f\n",
-                  pick(acquire_a), pick(session_key));
+      std::printf("  acquisition alone (FP_Cap, 1 finger, minutiae): %.2f; session key step: %.2f\n", pick(acquire_a),
+                  pick(session_key));
       // The same ratios without the per-record keystore reads and the simulator.
       const double own_a = pick(cap_a) - pick(key_read) - pick(sim_finger);
       const double own_b = pick(cap_b) - 4 * pick(key_read) - 2 * pick(sim_finger);

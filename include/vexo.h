@@ -49,7 +49,7 @@ extern "C" {
  * same effective user that other users can neither read nor write. A host
  * that keeps the FIFO elsewhere sets XDG_RUNTIME_DIR to that folder (a folder
  * only its user can write) before this call. */
-VEXO_EXPORT int VEXO_CALL Initialize_process(const char *scanner_details) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Initialize_process(const char* scanner_details) VEXO_NOEXCEPT;
 
 /* Binds the first free port of 11100..11120 on 127.0.0.1 and starts serving.
  * Returns 0; -2 server socket not created; -3 TLS context not created;
@@ -58,7 +58,7 @@ VEXO_EXPORT int VEXO_CALL Start_RDservice(void) VEXO_NOEXCEPT;
 
 /* Copies the last-status line into status (at least VEXO_STATUS_LEN bytes).
  * Always returns 0; the line is empty until the first report. */
-VEXO_EXPORT int VEXO_CALL Get_Last_RDservice_Status(char *status) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Get_Last_RDservice_Status(char* status) VEXO_NOEXCEPT;
 
 /* The host reports that the scanner was plugged in. Returns 0 for the same
  * scanner as before, -10 for another scanner (call Init), -1 when no scanner
@@ -122,17 +122,17 @@ VEXO_EXPORT int VEXO_CALL detach_device(void) VEXO_NOEXCEPT;
  * and the follow-ups it named made it busy; otherwise the status is the one
  * each operation sets. TIME_STAMP_SYNC and DEVICE_NOT_REGISTERED always set
  * theirs. */
-VEXO_EXPORT int VEXO_CALL Init(char *next_action) VEXO_NOEXCEPT;
-VEXO_EXPORT int VEXO_CALL Key_Rotation(char *next_action, const char *operation) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Init(char* next_action) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Key_Rotation(char* next_action, const char* operation) VEXO_NOEXCEPT;
 VEXO_EXPORT int VEXO_CALL Software_Update(void) VEXO_NOEXCEPT;
-VEXO_EXPORT int VEXO_CALL uidai_cert_update(char *next_action) VEXO_NOEXCEPT;
-VEXO_EXPORT int VEXO_CALL uidai_cert_force_update(char *next_action) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL uidai_cert_update(char* next_action) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL uidai_cert_force_update(char* next_action) VEXO_NOEXCEPT;
 
 /* Writes IS_SSL_ENABLE ("0" or "1") into config.ini and reseals it. 0 or -1. */
-VEXO_EXPORT int VEXO_CALL Https_Set_Api(const char *value) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Https_Set_Api(const char* value) VEXO_NOEXCEPT;
 
 /* Writes proxy.ini from "URL|USER|PASSWORD". 0 or -1. */
-VEXO_EXPORT int VEXO_CALL Set_Proxy_Api(const char *proxy) VEXO_NOEXCEPT;
+VEXO_EXPORT int VEXO_CALL Set_Proxy_Api(const char* proxy) VEXO_NOEXCEPT;
 
 /* Deletes proxy.ini if there is one. Always 0. */
 VEXO_EXPORT int VEXO_CALL Remove_Proxy_Api(void) VEXO_NOEXCEPT;

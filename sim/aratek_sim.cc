@@ -98,8 +98,7 @@ SIM_EXPORT int ARAFPSCAN_GetDeviceDescription(int index, char* description) {
     if (!present(c) || index != 0) return SIM_ERR_NO_DEVICE;
     if (int r = scripted(c, "description")) return r;
     const std::string serial = c.text("serial", SIM_DEFAULT_SERIAL);
-    const std::string text =
-        c.text("description", (serial + " A600 optical fingerprint scanner (simulated)").c_str());
+    const std::string text = c.text("description", (serial + " A600 optical fingerprint scanner (simulated)").c_str());
     const std::size_t n = std::min<std::size_t>(text.size(), ARAFPSCAN_DESCRIPTION_LEN - 1);
     std::memcpy(description, text.data(), n);
     description[n] = '\0';
@@ -107,8 +106,7 @@ SIM_EXPORT int ARAFPSCAN_GetDeviceDescription(int index, char* description) {
   });
 }
 
-SIM_EXPORT int ARAFPSCAN_GetImageInfo(ARAFPSCAN_HANDLE handle, int* width, int* height,
-                                      int* resolution) {
+SIM_EXPORT int ARAFPSCAN_GetImageInfo(ARAFPSCAN_HANDLE handle, int* width, int* height, int* resolution) {
   return guarded(__func__, [&](simctl::ControlCall& c) REQUIRES(simctl::g_sim_mutex) {
     if (width == nullptr || height == nullptr || resolution == nullptr) return SIM_ERR_BAD_PARAM;
     if (!valid_handle(handle)) return SIM_ERR_BAD_HANDLE;

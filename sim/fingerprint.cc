@@ -93,8 +93,8 @@ void render_fingerprint(int width, int height, std::uint32_t seed, unsigned char
   }
 }
 
-std::size_t build_minutiae_record(int width, int height, int ppi, int quality, int count,
-                                  std::uint32_t seed, unsigned char* out) {
+std::size_t build_minutiae_record(int width, int height, int ppi, int quality, int count, std::uint32_t seed,
+                                  unsigned char* out) {
   count = std::clamp(count, 0, kMaxMinutiae);
   const std::size_t len = fmr_length(count);
   std::memset(out, 0, len);
@@ -132,8 +132,8 @@ std::size_t build_minutiae_record(int width, int height, int ppi, int quality, i
     const unsigned type = (rng.next() & 1) != 0 ? 1u : 2u;  // ridge ending or bifurcation
     put16(m, (type << 14) | (static_cast<unsigned>(x) & 0x3FFF));
     put16(m + 2, static_cast<unsigned>(y) & 0x3FFF);
-    m[4] = static_cast<unsigned char>(rng.next() & 0xFF);        // angle, 360/256 degree steps
-    m[5] = static_cast<unsigned char>(40 + rng.next() % 61);     // minutia quality 40..100
+    m[4] = static_cast<unsigned char>(rng.next() & 0xFF);     // angle, 360/256 degree steps
+    m[5] = static_cast<unsigned char>(40 + rng.next() % 61);  // minutia quality 40..100
   }
   // The last two bytes, the extended data length, stay 0.
   return len;

@@ -23,8 +23,8 @@ void render_fingerprint(int width, int height, std::uint32_t seed, unsigned char
 // the finger area, for an image of width x height at ppi pixels per inch with
 // the given quality (0..100). Returns its length. REQUIRES: out holds
 // fmr_length(count) bytes.
-std::size_t build_minutiae_record(int width, int height, int ppi, int quality, int count,
-                                  std::uint32_t seed, unsigned char* out);
+std::size_t build_minutiae_record(int width, int height, int ppi, int quality, int count, std::uint32_t seed,
+                                  unsigned char* out);
 
 // Length field of a record that starts with "FMR\0"; 0 when it does not.
 std::size_t record_length(const unsigned char* record);

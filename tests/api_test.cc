@@ -56,9 +56,9 @@ std::string info_head(std::size_t len, const char* origin) {
   std::string head = "HTTP/1.1 200 OK\r\n";
   if (origin) head += std::string("Access-Control-Allow-Origin:") + origin + "\r\n";
   return head + "CACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
-         "/rd/info\r\nContent-Length: " + std::to_string(len) + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+         "/rd/info\r\nContent-Length: " + std::to_string(len) +
+         "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
 }
-
 
 std::string attr(xmlNode* n, const char* name) {
   xmlChar* v = xmlGetProp(n, reinterpret_cast<const xmlChar*>(name));
@@ -134,8 +134,8 @@ TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
     int code;
     const char* info;
     const char* fcount;
-    const char* pipe;     // expected status-pipe message
-    const char* status;   // expected end of the last-status line, "" for none
+    const char* pipe;    // expected status-pipe message
+    const char* status;  // expected end of the last-status line, "" for none
   };
   const auto used = [] { set_rd_status_used(); };
   const auto notready = [] { set_rd_status_notready(); };
@@ -162,8 +162,8 @@ TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
       {"pidVer", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" pidVer=\"1.0\"/></PidOptions>", nullptr, 150,
        "Invalid value for pidVer", "1", "5000|Request xml, parameter invalid\n",
        " | api | capture | Request xml, parameter invalid"},
-      {"image of three", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"3\" fType=\"1\"/></PidOptions>", nullptr,
-       120, "Invalid value for fCount", "3", "5000|Request xml, parameter invalid\n",
+      {"image of three", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"3\" fType=\"1\"/></PidOptions>", nullptr, 120,
+       "Invalid value for fCount", "3", "5000|Request xml, parameter invalid\n",
        " | api | capture | Request xml, parameter invalid"},
       {"no finger", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>",
        "http://example.com", -1, "Command Not Sent to Device", "0", "5000|Allowed auth methods failed\n",

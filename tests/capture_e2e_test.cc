@@ -106,10 +106,8 @@ class CaptureEndToEnd : public ::testing::Test {
     const testutil::Run init = testutil::init_workdir(dir_.path());
     ASSERT_EQ(init.rc, 0) << init.out;
     refdll_ = dir_.file("RefDll");
-    sim::write_control(refdll_, {{"serial", "A600-E2E-7"},
-                                 {"capture_wait_ms", "0"},
-                                 {"minutiae_count", "33"},
-                                 {"quality", "77"}});
+    sim::write_control(
+        refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}, {"minutiae_count", "33"}, {"quality", "77"}});
     fs::create_directories("locks");
     test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
     platform::Adapter eth;
@@ -118,10 +116,16 @@ class CaptureEndToEnd : public ::testing::Test {
     eth.ethernet = true;
     eth.index = 2;
     test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
-    test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 1u; s.recapture_pause_ms = 20u; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.beep_ms = 1u;
+      s.recapture_pause_ms = 20u;
+    });
     const int first = testutil::reserve_ports(8);
     ASSERT_NE(first, 0);
-    test_seams::update([&](test_seams::Seams& s) { s.first_port = first; s.last_port = first + 7; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.first_port = first;
+      s.last_port = first + 7;
+    });
 
     uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
@@ -149,8 +153,9 @@ class CaptureEndToEnd : public ::testing::Test {
 
   // Sends a CAPTURE request and returns the answer split into head and body.
   std::pair<std::string, std::string> capture(const std::string& pid_options) {
-    std::string request = "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
-                          std::to_string(pid_options.size()) + "\r\n\r\n" + pid_options;
+    std::string request =
+        "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " + std::to_string(pid_options.size()) +
+        "\r\n\r\n" + pid_options;
     std::string answer = testutil::http_exchange(port_, request);
     std::size_t split = answer.find("\r\n\r\n");
     EXPECT_NE(split, std::string::npos) << answer;
@@ -283,8 +288,10 @@ TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
   } order[] = {
       {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
       {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
+      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR,
+       IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
+      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR,
+       IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
   };
   std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
   for (std::size_t i = 0; i < 4; ++i) {
@@ -301,7 +308,9 @@ TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
     }
     // Finger image record: the 46-byte header, then JPEG 2000 of the sensor's size.
     ASSERT_GT(record.size(), 46u);
-    EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 8)), std::string("FIR\0" "010\0", 8));
+    EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 8)), std::string("FIR\0"
+                                                                              "010\0",
+                                                                              8));
     const std::uint64_t total = (std::uint64_t{record[8]} << 40) | (std::uint64_t{record[9]} << 32) |
                                 (std::uint64_t{record[10]} << 24) | (std::uint64_t{record[11]} << 16) |
                                 (std::uint64_t{record[12]} << 8) | record[13];
@@ -343,10 +352,17 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
       {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, one_finger, "999", "Internal error"},
       {"service used", {}, [] { set_rd_status_used(); }, one_finger, "710", "Being used by another application"},
       {"service not ready", {}, [] { set_rd_status_notready(); }, one_finger, "720", "Device not ready"},
-      {"production checksum differs", {}, [] { set_uidai_prod_checksum(std::string(64, '0')); }, one_finger, "240",
+      {"production checksum differs",
+       {},
+       [] { set_uidai_prod_checksum(std::string(64, '0')); },
+       one_finger,
+       "240",
        "UIDAI Certificate is INVALID"},
-      {"no finger asked for", {}, [] {},
-       "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>", "-1",
+      {"no finger asked for",
+       {},
+       [] {},
+       "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>",
+       "-1",
        "Command Not Sent to Device"},
   };
   for (const Case& c : cases) {
@@ -455,8 +471,7 @@ TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
     SCOPED_TRACE(c.serial);
     set_device_serial(c.serial);
     rd_config_update([&](RdConfig& r) { r.dc = c.dc; });
-    std::string answer =
-        testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    std::string answer = testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
     std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
     EXPECT_NE(body.find(std::string("dc=\"") + c.dc_attr + "\""), std::string::npos) << body;
     EXPECT_NE(body.find(std::string("value=\"") + c.serial_attr + "\""), std::string::npos) << body;
@@ -521,8 +536,12 @@ class ManagementEndToEnd : public CaptureEndToEnd {
     s.status = get_rd_status();
     return s;
   }
-  Step init() { return run([](char* b) { return Init(b); }); }
-  Step rotate() { return run([](char* b) { return Key_Rotation(b, "KEY_ROTATION"); }); }
+  Step init() {
+    return run([](char* b) { return Init(b); });
+  }
+  Step rotate() {
+    return run([](char* b) { return Key_Rotation(b, "KEY_ROTATION"); });
+  }
 
   void register_device() {
     ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
@@ -571,10 +590,10 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
          ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
        },
        0, "KEY_ROTATION", "\"USED\""},
-      {"rotated", [](ManagementEndToEnd* t) { ASSERT_EQ(t->rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY",
+      {"rotated", [](ManagementEndToEnd* t) { ASSERT_EQ(t->rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY", "\"READY\""},
+      {"rotation pending, nothing queued",
+       [](ManagementEndToEnd*) { rd_config_update([](RdConfig& c) { c.dc_missing = 1; }); }, 0, "KEY_ROTATION",
        "\"READY\""},
-      {"rotation pending, nothing queued", [](ManagementEndToEnd*) { rd_config_update([](RdConfig& c) { c.dc_missing = 1; }); },
-       0, "KEY_ROTATION", "\"READY\""},
       {"rotation pending, update queued",
        [](ManagementEndToEnd*) {
          rd_config_update([](RdConfig& c) { c.dc_missing = 1; });
@@ -670,7 +689,6 @@ TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
   PidData third = parse_pid_data(body3);
   EXPECT_EQ(third.resp["errCode"], "0") << body3;
   EXPECT_EQ(third.device["dc"], rd_config_copy().dc);
-
 }
 
 TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
@@ -703,8 +721,8 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   } implausible[] = {
       {"1024-bit key", testcrypto::make_cert_pem(small.get(), "Test UIDAI", "20240101000000Z", "20310101000000Z")},
       {"expired", testcrypto::make_cert_pem(other.get(), "Test UIDAI", "20200101000000Z", "20210101000000Z")},
-      {"not UIDAI", testcrypto::make_cert_pem(other.get(), "Test UIDAI", "20240101000000Z", "20310101000000Z", 2,
-                                              "Someone Else")},
+      {"not UIDAI",
+       testcrypto::make_cert_pem(other.get(), "Test UIDAI", "20240101000000Z", "20310101000000Z", 2, "Someone Else")},
   };
   for (const auto& c : implausible) {
     SCOPED_TRACE(c.name);
@@ -762,8 +780,9 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
   const std::string dc = rd_config_copy().dc;
   X509Ptr registered = signed_mc();
   ASSERT_TRUE(registered);
-  const char* const kIdentity[] = {"config.ini", "bin_crc.txt", "cert/public/signed_mc.cer", "cert/public/DevPubKey",
-                                   "keystore/key.hash", "App_Vexo"};
+  const char* const kIdentity[] = {
+      "config.ini",        "bin_crc.txt", "cert/public/signed_mc.cer", "cert/public/DevPubKey",
+      "keystore/key.hash", "App_Vexo"};
   std::vector<std::string> before;
   for (const char* f : kIdentity) before.push_back(testutil::read_file(f));
 
@@ -824,7 +843,8 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
     EXPECT_NE(s.rc, 0);
     EXPECT_EQ(s.action, "KEY_ROTATION_RETRY");
     EXPECT_EQ(s.status, "\"READY\"");
-    for (std::size_t i = 0; i < before.size(); ++i) EXPECT_EQ(testutil::read_file(kIdentity[i]), before[i]) << kIdentity[i];
+    for (std::size_t i = 0; i < before.size(); ++i)
+      EXPECT_EQ(testutil::read_file(kIdentity[i]), before[i]) << kIdentity[i];
     EXPECT_EQ(rd_config_copy().dc, dc);
     auto [head, body] = capture(one_finger_);
     PidData pd = parse_pid_data(body);
@@ -856,7 +876,9 @@ TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
     const char* name;
     long long hours_later;
     const char* status;
-  } rows[] = {{"at once", 0, "\"READY\""}, {"71 h later", 71, "\"READY\""}, {"73 h later", 73, "\"USED\""},
+  } rows[] = {{"at once", 0, "\"READY\""},
+              {"71 h later", 71, "\"READY\""},
+              {"73 h later", 73, "\"USED\""},
               {"no signed certificate", 0, "\"USED\""}};
   for (const auto& r : rows) {
     SCOPED_TRACE(r.name);

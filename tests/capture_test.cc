@@ -44,7 +44,6 @@ namespace {
 const char kTs[] = "2016-01-21T12:34:56";
 const char kDc[] = "TESTDC-0001";
 
-
 // The simulator libraries stay loaded for the life of the process, so one copy
 // of them per process, removed when the program ends.
 class SimFolder : public ::testing::Environment {
@@ -52,8 +51,8 @@ class SimFolder : public ::testing::Environment {
   static std::string refdll() {
     static std::string dir = [] {
       // A folder of the process's own below the system's temporary folder.
-      const auto path = std::filesystem::temp_directory_path() /
-                        ("vexo_capture_sim_" + std::to_string(testsys::process_id()));
+      const auto path =
+          std::filesystem::temp_directory_path() / ("vexo_capture_sim_" + std::to_string(testsys::process_id()));
       std::filesystem::create_directories(path);
       base() = path.string();
       return sim::install_refdll(base());
@@ -146,7 +145,10 @@ class CaptureTest : public ::testing::Test {
     int g = aratek_sdk().GlobalInit();
     ASSERT_TRUE(g == 0 || g == ARAFPSCAN_ERROR_ALREADY_INIT) << g;
     // No beeps or pauses unless a case asks for them.
-    test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 0u; s.recapture_pause_ms = 0u; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.beep_ms = 0u;
+      s.recapture_pause_ms = 0u;
+    });
     // The capture runs under the scanner lock, as a request holds it.
     ASSERT_EQ(Lock_Semaphore(), 0);
   }
@@ -198,8 +200,8 @@ class CaptureTest : public ::testing::Test {
 TEST_F(CaptureTest, WaitRule) {
   struct Case {
     int given, timeout, seconds;
-  } cases[] = {{0, 0, 20}, {0, 5000, 20}, {1, 10000, 10}, {1, 999, 0}, {1, 1999, 1},
-               {1, 60000, 60}, {1, 0, 0}, {1, -5, 0}, {1, -5000, 0}};
+  } cases[] = {{0, 0, 20},     {0, 5000, 20}, {1, 10000, 10}, {1, 999, 0},  {1, 1999, 1},
+               {1, 60000, 60}, {1, 0, 0},     {1, -5, 0},     {1, -5000, 0}};
   for (const Case& c : cases) {
     PidOptionsRequest r;
     r.timeout_given = c.given;
@@ -208,7 +210,10 @@ TEST_F(CaptureTest, WaitRule) {
   }
 
   // Through a capture: the wait is logged and the request's time-out is used up.
-  test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 0u; s.recapture_pause_ms = 0u; });
+  test_seams::update([&](test_seams::Seams& s) {
+    s.beep_ms = 0u;
+    s.recapture_pause_ms = 0u;
+  });
   script({});
   PidOptionsRequest r = make_request(1, 0, {"UNKNOWN"});
   r.timeout_given = 1;
@@ -225,8 +230,10 @@ TEST_F(CaptureTest, DisplayNamesOfPositions) {
   struct Case {
     const char* position;
     const char* shown;
-  } cases[] = {{"LEFT_INDEX", "Left Index"}, {"RIGHT_LITTLE", "Right Little"},
-               {"LEFT_THUMB", "Left Thumb"}, {"RIGHT_MIDDLE", "Right Middle"}};
+  } cases[] = {{"LEFT_INDEX", "Left Index"},
+               {"RIGHT_LITTLE", "Right Little"},
+               {"LEFT_THUMB", "Left Thumb"},
+               {"RIGHT_MIDDLE", "Right Middle"}};
   for (const Case& c : cases) EXPECT_EQ(position_display_name(c.position), c.shown);
 
   // The prompts on the pipe, and "Remove Finger" only between two fingers.
@@ -243,8 +250,7 @@ TEST_F(CaptureTest, DisplayNamesOfPositions) {
   std::string before;
   for (const Prompts& p : runs) {
     script({});
-    PidOptionsRequest r = make_request(p.positions.empty() ? 1 : static_cast<int>(p.positions.size()),
-                                       0, p.positions);
+    PidOptionsRequest r = make_request(p.positions.empty() ? 1 : static_cast<int>(p.positions.size()), 0, p.positions);
     std::vector<CapturedFinger> fingers;
     ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
     std::string all = pipe_text(p.expected);
@@ -264,11 +270,21 @@ TEST_F(CaptureTest, FailuresGiveTheirCodesAndCloseTheDevice) {
     bool opened;
   } cases[] = {
       {{{"capture_results", "-113"}}, 700, "Image capture got timed out", "5000|Capture Timeout\n", true},
-      {{{"capture_results", "-5"}}, 730, "capturing Raw data is failed with error code -5", "5000|Capture Failed\n", true},
-      {{{"open_result", "-1"}}, -1, "opening fp device failed",
-       "5000|Aratek fingerprint scanner:|opening fp device failed\n", false},
-      {{{"present", "0"}}, -1, "opening fp device failed",
-       "5000|Aratek fingerprint scanner:|opening fp device failed\n", false},
+      {{{"capture_results", "-5"}},
+       730,
+       "capturing Raw data is failed with error code -5",
+       "5000|Capture Failed\n",
+       true},
+      {{{"open_result", "-1"}},
+       -1,
+       "opening fp device failed",
+       "5000|Aratek fingerprint scanner:|opening fp device failed\n",
+       false},
+      {{{"present", "0"}},
+       -1,
+       "opening fp device failed",
+       "5000|Aratek fingerprint scanner:|opening fp device failed\n",
+       false},
       {{{"image_info_result", "-9"}}, -1, "Getting Image info is failed", "5000|Getting Image info failed\n", true},
       {{{"led_results", "-7"}}, -1, "Turn_On_Green light failed", "", true},
       {{{"led_results", "0,-7"}}, -1, "Turn_Off_Green light failed", "", true},
@@ -295,8 +311,9 @@ TEST_F(CaptureTest, FailuresGiveTheirCodesAndCloseTheDevice) {
       EXPECT_EQ(trace.find("ARAFPSCAN_CloseDevice"), std::string::npos) << trace;
     }
   }
-  EXPECT_NE(testutil::last_status().find(" | pidblock_A600 | FP_Cap | Aratek fingerprint scanner: opening fp device failed"),
-            std::string::npos);
+  EXPECT_NE(
+      testutil::last_status().find(" | pidblock_A600 | FP_Cap | Aratek fingerprint scanner: opening fp device failed"),
+      std::string::npos);
 }
 
 TEST_F(CaptureTest, LowNfiqIsCapturedAgainUpToThreeTimes) {
@@ -313,7 +330,10 @@ TEST_F(CaptureTest, LowNfiqIsCapturedAgainUpToThreeTimes) {
 
   // Three NFIQ 4 images: -1 after two pauses.
   const unsigned kPause = 150;
-  test_seams::update([&](test_seams::Seams& s) { s.beep_ms = 0u; s.recapture_pause_ms = kPause; });
+  test_seams::update([&](test_seams::Seams& s) {
+    s.beep_ms = 0u;
+    s.recapture_pause_ms = kPause;
+  });
   script({{"nfiq_scores", "4,5,4,2"}});
   const std::uint64_t start = platform::monotonic_ms();
   EXPECT_EQ(FP_Cap(&fingers, r, kTs), -1);
@@ -339,8 +359,11 @@ TEST_F(CaptureTest, RecordsCarryTheScannerValuesAndTheirOwnSignatures) {
   } cases[] = {{0, {false}}, {1, {true}}, {2, {false, true}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.ftype);
-    script({{"minutiae_count", "25"}, {"quality", "64"}, {"image_width", "300"},
-            {"image_height", "400"}, {"resolution", "1000"}});
+    script({{"minutiae_count", "25"},
+            {"quality", "64"},
+            {"image_width", "300"},
+            {"image_height", "400"},
+            {"resolution", "1000"}});
     PidOptionsRequest r = make_request(2, c.ftype, {"LEFT_INDEX", "RIGHT_THUMB"});
     std::vector<CapturedFinger> fingers;
     ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
@@ -373,12 +396,31 @@ TEST_F(CaptureTest, RecordsCarryTheScannerValuesAndTheirOwnSignatures) {
           int size;
           unsigned value;
         } fields[] = {
-            {8, 6, static_cast<unsigned>(b.size())}, {14, 2, 0}, {16, 2, 30}, {18, 1, 1}, {19, 1, 1},
-            {20, 2, 1000}, {22, 2, 1000}, {24, 2, 1000}, {26, 2, 1000}, {28, 1, 8}, {29, 1, 4},
-            {30, 2, 0}, {32, 4, static_cast<unsigned>(14 + image_len)}, {36, 1, 0}, {37, 1, 1},
-            {38, 1, 1}, {39, 1, 64}, {40, 1, 0}, {41, 2, 300}, {43, 2, 400}, {45, 1, 0},
+            {8, 6, static_cast<unsigned>(b.size())},
+            {14, 2, 0},
+            {16, 2, 30},
+            {18, 1, 1},
+            {19, 1, 1},
+            {20, 2, 1000},
+            {22, 2, 1000},
+            {24, 2, 1000},
+            {26, 2, 1000},
+            {28, 1, 8},
+            {29, 1, 4},
+            {30, 2, 0},
+            {32, 4, static_cast<unsigned>(14 + image_len)},
+            {36, 1, 0},
+            {37, 1, 1},
+            {38, 1, 1},
+            {39, 1, 64},
+            {40, 1, 0},
+            {41, 2, 300},
+            {43, 2, 400},
+            {45, 1, 0},
         };
-        EXPECT_EQ(std::string(b.begin(), b.begin() + 8), std::string("FIR\0" "010\0", 8));
+        EXPECT_EQ(std::string(b.begin(), b.begin() + 8), std::string("FIR\0"
+                                                                     "010\0",
+                                                                     8));
         for (const Field& fl : fields) EXPECT_EQ(be(b, fl.off, fl.size), fl.value) << "offset " << fl.off;
         jp2test::DecodedImage img;
         ASSERT_TRUE(jp2test::decode_jp2(b.data() + kFirHeaderSize, image_len, &img));
@@ -443,7 +485,8 @@ TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
     EXPECT_EQ(out.ci, "20340309");
 
     std::string ts;
-    std::optional<std::vector<std::uint8_t>> opened = testcrypto::open_pid(uidai.key.get(), out.skey, out.data, out.hmac, &ts);
+    std::optional<std::vector<std::uint8_t>> opened =
+        testcrypto::open_pid(uidai.key.get(), out.skey, out.data, out.hmac, &ts);
     ASSERT_TRUE(opened.has_value());
     const std::vector<std::uint8_t>& plain = *opened;
 
@@ -466,12 +509,15 @@ TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
       otp = pid->pv ? pid->pv->otp : "";
       for (std::size_t i = 0; i < pid->bios->n_bio; ++i) {
         const auto* b = pid->bios->bio[i];
-        bios.push_back({b->type == 0 ? "FMR" : "FIR", b->posh == 3 ? "LEFT_INDEX" : b->posh == 12 ? "RIGHT_THUMB" : "?",
+        bios.push_back({b->type == 0 ? "FMR" : "FIR",
+                        b->posh == 3    ? "LEFT_INDEX"
+                        : b->posh == 12 ? "RIGHT_THUMB"
+                                        : "?",
                         std::vector<std::uint8_t>(b->content.data, b->content.data + b->content.len), b->bs});
       }
     } else {
-      DocPtr doc(
-          xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr, nullptr, 0));
+      DocPtr doc(xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr,
+                               nullptr, 0));
       ASSERT_TRUE(doc);
       auto prop = [](xmlNode* n, const char* a) {
         xmlChar* v = xmlGetProp(n, BAD_CAST a);
@@ -502,7 +548,8 @@ TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
     EXPECT_EQ(pid_dih, dih);
     EXPECT_EQ(otp, "654321");
     ASSERT_EQ(bios.size(), 4u);
-    const char* order[4][2] = {{"FMR", "LEFT_INDEX"}, {"FIR", "LEFT_INDEX"}, {"FMR", "RIGHT_THUMB"}, {"FIR", "RIGHT_THUMB"}};
+    const char* order[4][2] = {
+        {"FMR", "LEFT_INDEX"}, {"FIR", "LEFT_INDEX"}, {"FMR", "RIGHT_THUMB"}, {"FIR", "RIGHT_THUMB"}};
     for (std::size_t i = 0; i < 4; ++i) {
       SCOPED_TRACE(i);
       EXPECT_EQ(bios[i].type, order[i][0]);
@@ -544,9 +591,9 @@ TEST_F(CaptureTest, DriverFailuresGiveTheirCodes) {
     EXPECT_TRUE(pipe_->wait_for(c.pipe)) << pipe_->received();
     EXPECT_NE(calls().find("ARAFPSCAN_OpenDevice"), std::string::npos);
     if (c.wrong_checksum) {
-      EXPECT_NE(testutil::last_status().find(
-                    " | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
-                std::string::npos)
+      EXPECT_NE(
+          testutil::last_status().find(" | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
+          std::string::npos)
           << testutil::last_status();
       set_uidai_prod_checksum("");
     }

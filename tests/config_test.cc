@@ -44,9 +44,14 @@ using Keys = std::vector<std::pair<std::string, std::string>>;
 Keys full_keys() {
   std::string domain;
   EXPECT_EQ(encrypt_domain_name(kBase, &domain), 0);
-  return {{"IS_SSL_ENABLE", "1"}, {"Verbose", "1"},        {"RD_VER", "1.0.4"},
-          {"DEV_PUB_KEY_VALIDITY", "1440"}, {"dc", "3f2a-77"}, {"DOMAIN_NAME", domain},
-          {"PROD_REGISTER_URL", "https://prod.example.test/register"}, {"OFFLINE_GRACE_HOURS", "5"}};
+  return {{"IS_SSL_ENABLE", "1"},
+          {"Verbose", "1"},
+          {"RD_VER", "1.0.4"},
+          {"DEV_PUB_KEY_VALIDITY", "1440"},
+          {"dc", "3f2a-77"},
+          {"DOMAIN_NAME", domain},
+          {"PROD_REGISTER_URL", "https://prod.example.test/register"},
+          {"OFFLINE_GRACE_HOURS", "5"}};
 }
 
 void write_sealed_config(const Keys& keys) {
@@ -72,7 +77,10 @@ class ConfigTest : public ::testing::Test {
     rd_config_update([&](RdConfig& r) { r = RdConfig(); });
     rd_set_verbose(0);
     test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
-    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 200; s.handheld_lock_ms = 200; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.scanner_lock_ms = 200;
+      s.handheld_lock_ms = 200;
+    });
     semaphore_reset_for_test();
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     ASSERT_EQ(init_semaphore(), 0);
@@ -462,8 +470,7 @@ TEST_F(ConfigTest, HttpsSetApiReseals) {
 
   std::remove("config.ini");
   EXPECT_EQ(Https_Set_Api("1"), -1);
-  EXPECT_NE(testutil::last_status().find(" | Error at writing ssl enable to config file "),
-            std::string::npos);
+  EXPECT_NE(testutil::last_status().find(" | Error at writing ssl enable to config file "), std::string::npos);
   EXPECT_TRUE(pipe.wait_for("10000|Writing ssl value to config file failed\n"));
   EXPECT_EQ(Https_Set_Api(nullptr), -1);
 }
@@ -515,8 +522,7 @@ TEST_F(ConfigTest, ProxyRoundTrip) {
     EXPECT_EQ(r.proxy_username, c.user);
     EXPECT_EQ(r.proxy_password, c.password);
   }
-  EXPECT_NE(testutil::last_status().find(" | Error at writing proxy_url to proxy file "),
-            std::string::npos)
+  EXPECT_NE(testutil::last_status().find(" | Error at writing proxy_url to proxy file "), std::string::npos)
       << testutil::last_status();
   EXPECT_TRUE(pipe.wait_for("10000|Write proxy_url to config file failed\n"));
   EXPECT_NE(log().find(" - Encryption failed\n"), std::string::npos);

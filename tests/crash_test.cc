@@ -79,8 +79,9 @@ class CrashTest : public ::testing::Test {
   // Kills a child at each crash point of work in turn, until the work runs to
   // its end; after each kill, check must succeed in a fresh child. The
   // number of points tried.
-  int kill_at_every_point(const std::function<int()>& prepare, const std::function<int()>& work,
-                          const std::function<int()>& check, const std::function<void()>& before_each = [] {}) {
+  int kill_at_every_point(
+      const std::function<int()>& prepare, const std::function<int()>& work, const std::function<int()>& check,
+      const std::function<void()>& before_each = [] {}) {
     int point = 1;
     for (; point < 400; ++point) {
       before_each();
@@ -117,8 +118,7 @@ TEST_F(CrashTest, ConfigProxyUidaiAndSerialRewrites) {
   } rows[] = {
       {"Https_Set_Api", start, [] { return Https_Set_Api("0"); }, start, 8},
       {"Set_Proxy_Api", start, [] { return Set_Proxy_Api("http://127.0.0.1:3128|user|secret"); }, start, 4},
-      {"UIDAI certificate", start,
-       [&] { return uidai_install_cert("./", UidaiCert::kProd, pem, hex); },
+      {"UIDAI certificate", start, [&] { return uidai_install_cert("./", UidaiCert::kProd, pem, hex); },
        [&] {
          if (start() != 0) return 1;
          const std::string in_force = uidai_cert_in_force(UidaiCert::kProd);
@@ -209,9 +209,7 @@ TEST_F(CrashTest, DownloadResumeRecord) {
   ASSERT_GT(server.port(), 0);
   const std::string url = server.base() + "/files/packages/pkg.zip";
   auto download = [&] { return download_manager(url, md5, "./DownloadSW/Installer.zip"); };
-  auto check = [&] {
-    return download() == 0 && testutil::read_file("DownloadSW/Installer.zip") == package ? 0 : 1;
-  };
+  auto check = [&] { return download() == 0 && testutil::read_file("DownloadSW/Installer.zip") == package ? 0 : 1; };
   const int points = kill_at_every_point([] { return 0; }, download, check);
   EXPECT_GE(points, 12);  // three records of four points each at least
 }

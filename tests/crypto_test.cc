@@ -145,8 +145,8 @@ TEST_F(CryptoTest, BuiltInCertificatesWrapTheKeyAndGiveTheirExpiry) {
     bool prod_newer;
     const char* ci;
   } cases[] = {
-      {"S", true, "20250825"}, {"PP", true, "20250929"}, {"P", true, "20250923"},
-      {"P", false, "20221021"}, {"", true, "20250923"}, {"X", false, "20221021"},
+      {"S", true, "20250825"},  {"PP", true, "20250929"}, {"P", true, "20250923"},
+      {"P", false, "20221021"}, {"", true, "20250923"},   {"X", false, "20221021"},
   };
   const Bytes key(32, 0x5a);
   for (const Case& c : cases) {
@@ -385,8 +385,8 @@ TEST_F(CryptoTest, DataAndHmacOpenWithTheSessionKey) {
 
     Bytes hmac = decode(hmac_text);
     ASSERT_EQ(hmac.size(), 48u);
-    std::optional<Bytes> digest =
-        gcm_open(Bytes(key, key + 32), iv, aad, Bytes(hmac.begin(), hmac.begin() + 32), Bytes(hmac.begin() + 32, hmac.end()));
+    std::optional<Bytes> digest = gcm_open(Bytes(key, key + 32), iv, aad, Bytes(hmac.begin(), hmac.begin() + 32),
+                                           Bytes(hmac.begin() + 32, hmac.end()));
     ASSERT_TRUE(digest.has_value());
     Sha256Digest expected = sha256(pid);
     EXPECT_EQ(*digest, Bytes(expected.begin(), expected.end()));
@@ -441,12 +441,24 @@ TEST_F(CryptoTest, DihHashesTheSixIdentityValues) {
 
   std::vector<std::pair<const char*, Identity>> changes;
   Identity v;
-  v = base; v.dpId = "QDY"; changes.push_back({"dpId", v});
-  v = base; v.rdsId = "QDX.WIN.001"; changes.push_back({"rdsId", v});
-  v = base; v.rdsVer = "1.0.1"; changes.push_back({"rdsVer", v});
-  v = base; v.dc = "dc-uuie"; changes.push_back({"dc", v});
-  v = base; v.mi = "A400"; changes.push_back({"mi", v});
-  v = base; v.srno = "S124"; changes.push_back({"srno", v});
+  v = base;
+  v.dpId = "QDY";
+  changes.push_back({"dpId", v});
+  v = base;
+  v.rdsId = "QDX.WIN.001";
+  changes.push_back({"rdsId", v});
+  v = base;
+  v.rdsVer = "1.0.1";
+  changes.push_back({"rdsVer", v});
+  v = base;
+  v.dc = "dc-uuie";
+  changes.push_back({"dc", v});
+  v = base;
+  v.mi = "A400";
+  changes.push_back({"mi", v});
+  v = base;
+  v.srno = "S124";
+  changes.push_back({"srno", v});
   for (const auto& [field, values] : changes) {
     apply(values);
     std::string other;

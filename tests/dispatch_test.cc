@@ -118,7 +118,8 @@ TEST_F(DispatchTest, GrantsPrivateNetworkOnlyToPreflightsThatAsk) {
   const std::string grant = "Access-Control-Allow-Private-Network: true\r\n", body = discovery_body("READY");
   auto options = [](const std::string& extra) {
     return "OPTIONS /rd/capture HTTP/1.1\r\nOrigin: https://portal.example\r\nAccess-Control-Request-Method: "
-           "CAPTURE\r\n" + extra + "\r\n";
+           "CAPTURE\r\n" +
+           extra + "\r\n";
   };
   const struct {
     const char* name;
@@ -138,7 +139,8 @@ TEST_F(DispatchTest, GrantsPrivateNetworkOnlyToPreflightsThatAsk) {
        "OPTIONS / HTTP/1.1\r\nOrigin: https://portal.example\r\nContent-Length: 46\r\n\r\n"
        "Access-Control-Request-Private-Network: true\r\n",
        std::string(kOkOptions) + "\r\n"},
-      {"no Origin: the 405 stays as it is", "OPTIONS / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\n\r\n",
+      {"no Origin: the 405 stays as it is",
+       "OPTIONS / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\n\r\n",
        std::string("HTTP/1.1 405 \r\nContent-Length: 0") + kCors + "\r\n"},
       {"Origin: without a line feed after it",
        "OPTIONS / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\nContent-Length: 8\r\n\r\nOrigin:x",
@@ -158,9 +160,10 @@ TEST_F(DispatchTest, GrantsPrivateNetworkOnlyToPreflightsThatAsk) {
 TEST_F(DispatchTest, LongOriginsNeverCutTheHeader) {
   const std::string long_path = "/" + std::string(250, 'p');
   for (std::size_t length : {840u, 1000u, 1023u, 1500u}) {
-    for (const std::string& start : {std::string("RDSERVICE / HTTP/1.1\r\n"), "RDSERVICE " + long_path + " HTTP/1.0\r\n",
-                                     "DEVICEINFO " + long_path + " HTTP/1.1\r\n", std::string("OPTIONS / HTTP/1.1\r\n"),
-                                     std::string("CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 4\r\n")}) {
+    for (const std::string& start :
+         {std::string("RDSERVICE / HTTP/1.1\r\n"), "RDSERVICE " + long_path + " HTTP/1.0\r\n",
+          "DEVICEINFO " + long_path + " HTTP/1.1\r\n", std::string("OPTIONS / HTTP/1.1\r\n"),
+          std::string("CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 4\r\n")}) {
       SCOPED_TRACE(start + " origin of " + std::to_string(length));
       const std::string body = start[0] == 'C' ? "<a/>" : "";
       const std::string answer = http_exchange(port_, start + "Origin:" + std::string(length, 'o') + "\r\n\r\n" + body);
@@ -210,7 +213,8 @@ TEST_F(DispatchTest, OriginListDecidesWhoIsServed) {
       EXPECT_EQ(ask("CAPTURE /rd/capture HTTP/1.1\r\n", "\r\n<a/>"),  // no Content-Length: errCode 100
                 ok_header(p, "/rd/capture", 114, echo) + kBadPidOptions);
       EXPECT_EQ(ask("POSTAUTH /postauth HTTP/1.1\r\n"), error_header(400, p, "/postauth", echo));
-      EXPECT_EQ(ask("OPTIONS /rd/capture HTTP/1.1\r\n").rfind(*row.origin ? "HTTP/1.1 200 OK" : "HTTP/1.1 405 ", 0), 0u);
+      EXPECT_EQ(ask("OPTIONS /rd/capture HTTP/1.1\r\n").rfind(*row.origin ? "HTTP/1.1 200 OK" : "HTTP/1.1 405 ", 0),
+                0u);
     }
   }
   EXPECT_TRUE(wait_log("server", "process_incoming_message",

@@ -42,7 +42,6 @@ class Host : public testutil::Child {
   }
 };
 
-
 // The DER certificate in der_file is signed by the PEM CA in ca_file.
 bool issued_by(const std::string& der_file, const std::string& ca_file) {
   const std::string der = testutil::read_file(der_file);
@@ -66,7 +65,8 @@ class HostMgmt : public ::testing::Test {
     server_ = std::make_unique<mgmttest::Server>(true);
     ASSERT_GT(server_->port(), 0) << server_->log();
     device_ = dir_.file("device");
-    ASSERT_EQ(testutil::init_workdir(device_, "Aratek_A600", {"--mgmt-ca", kMgmtData + "/ca.crt"}, server_->base()).rc, 0);
+    ASSERT_EQ(testutil::init_workdir(device_, "Aratek_A600", {"--mgmt-ca", kMgmtData + "/ca.crt"}, server_->base()).rc,
+              0);
     fs::create_directories(device_ + "/appdata");
     set_serial(kSerial);
   }
@@ -102,7 +102,8 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     ASSERT_TRUE(host.wait_for("mgmt: Key_Rotation -> 0, next action NO_ACTION_NECESSARY\n")) << host.output();
     ASSERT_TRUE(host.wait_for("mgmt: next Init in 21600 s\n")) << host.output();
     // Once after the first successful Init of the run, which tells the front end.
-    EXPECT_EQ(testutil::count_of(host.output(), "mgmt: uidai_cert_force_update -> 0, next action NO_ACTION_NECESSARY\n"), 1);
+    EXPECT_EQ(
+        testutil::count_of(host.output(), "mgmt: uidai_cert_force_update -> 0, next action NO_ACTION_NECESSARY\n"), 1);
     EXPECT_TRUE(host.wait_for("pipe: 5000|RD Service Started\n")) << host.output();
     EXPECT_TRUE(issued_by(device_ + "/cert/public/signed_mc.cer", kMgmtData + "/ca.crt"));
     const int port = service_port();
@@ -113,9 +114,9 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     const std::string info = testutil::http_exchange(port, "DEVICEINFO /rd/info HTTP/1.1\r\n\r\n");
     const std::string der = testutil::read_file(device_ + "/cert/public/signed_mc.cer");
     std::string mc;
-    ASSERT_EQ(0, Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()),
-                                                            der.size()),
-                              &mc));
+    ASSERT_EQ(0,
+              Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()),
+                           &mc));
     EXPECT_NE(info.find("mc=\"" + mc + "\""), std::string::npos) << info;
 
     // Another scanner, not registered: Init at once, although the poll is six hours.

@@ -83,7 +83,10 @@ TEST(HostPlan, ScheduleNeitherLoopsNorStalls) {
       {"a certificate update that keeps failing", failing("UIDAI_CERT_UPDATE", ""),
        "Init@0 uidai_cert_force_update@0 uidai_cert_update@0 Init@30 uidai_cert_update@30 Init@90 "
        "uidai_cert_update@90 Init@210 "},
-      {"no server", [](Call) { return Answer{-18, "INIT_RETRY"}; },
+      {"no server",
+       [](Call) {
+         return Answer{-18, "INIT_RETRY"};
+       },
        "Init@0 Init@30 Init@90 Init@210 Init@450 Init@930 Init@1890 Init@3810 "},
   };
   for (const Row& r : rows) {

@@ -74,7 +74,10 @@ class StartupTest : public ::testing::Test {
     test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
     first_port_ = testutil::reserve_ports(8);
     ASSERT_NE(first_port_, 0);
-    test_seams::update([&](test_seams::Seams& s) { s.first_port = first_port_; s.last_port = first_port_ + 7; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.first_port = first_port_;
+      s.last_port = first_port_ + 7;
+    });
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     fs::create_directories(dir_.file("appdata"));
   }
@@ -101,8 +104,8 @@ TEST_F(StartupTest, NothingOnStandardOutputUnlessDebugging) {
     const std::string config = read_file("config.ini");
     const std::size_t at = config.find("Verbose");
     ASSERT_NE(at, std::string::npos) << config;
-    std::string edited = config.substr(0, at) + "Verbose = " + std::to_string(verbose) +
-                         config.substr(config.find('\n', at));
+    std::string edited =
+        config.substr(0, at) + "Verbose = " + std::to_string(verbose) + config.substr(config.find('\n', at));
     testutil::write_file("config.ini", edited);
     ASSERT_EQ(run(vexoctl() + " seal config.ini > /dev/null"), 0);
     testing::internal::CaptureStdout();
@@ -135,7 +138,8 @@ TEST_F(StartupTest, FirstCallSucceedsAndSecondSkipsOneTimeSteps) {
   fs::create_directories("cert/public");
   testutil::write_file("cert/public/signed_mc.cer", "certificate");
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
-  EXPECT_NE(testutil::last_status().find(" | init | Initialize_process | Initialize_process Success "), std::string::npos)
+  EXPECT_NE(testutil::last_status().find(" | init | Initialize_process | Initialize_process Success "),
+            std::string::npos)
       << testutil::last_status();
   EXPECT_EQ(read_file("Serial_number"), "SERIAL-A");
   EXPECT_EQ(get_device_serial(), "SERIAL-A");
@@ -210,9 +214,9 @@ TEST_F(StartupTest, EveryFileTheLibraryMakesIsClosedToOthers) {
     EXPECT_EQ(st.st_mode & 0777, S_ISDIR(st.st_mode) ? 0700u : 0600u) << e.path();
     checked.insert(fs::relative(e.path(), dir_.path()).string());
   }
-  for (const char* made : {"rd.log", "rd1.log", "Vexo_Error.log", "Serial_number", "proxy.ini", "config.ini",
-                           "bin_crc.txt", "keystore/pdHash.hash", "cert/public/DevPubKey",
-                           "appdata/korvane/QDX.WIN.002/Vexo_002_Node.txt"}) {
+  for (const char* made :
+       {"rd.log", "rd1.log", "Vexo_Error.log", "Serial_number", "proxy.ini", "config.ini", "bin_crc.txt",
+        "keystore/pdHash.hash", "cert/public/DevPubKey", "appdata/korvane/QDX.WIN.002/Vexo_002_Node.txt"}) {
     EXPECT_EQ(checked.count(made), 1u) << made;
   }
 }
@@ -260,22 +264,32 @@ const FailureCase kFailureCases[] = {
     {"NoServerCertificate", [](const std::string&) { fs::remove("cert/server.crt"); }, "Aratek_A600", -16,
      " | init | IsFilePresent | File Not Found : cert/server.crt"},
     {"UnknownScanner", [](const std::string&) {}, "NIKON_X1", -3, ""},
-    {"NoDevice", [](const std::string& refdll) { sim::write_control(refdll, {{"present", "0"}}); }, "Aratek_A600",
-     -10, " | init | Initialize_process | fingerprint device not attached, err_code: -3 "},
+    {"NoDevice",
+     [](const std::string& refdll) {
+       sim::write_control(refdll, {{"present", "0"}});
+     },
+     "Aratek_A600", -10, " | init | Initialize_process | fingerprint device not attached, err_code: -3 "},
     {"VendorLibraryMissing", [](const std::string& refdll) { fs::remove(refdll + "/libAraTrustFinger.so"); },
      "Aratek_A600", kDllLoadingFailed, ""},
     {"GlobalInitFails",
-     [](const std::string& refdll) { sim::write_control(refdll, {{"global_init_result", "-7"}}); }, "Aratek_A600",
-     -1, " | init | Initialize_process | Aratek fingerprint scanner: Global init failed "},
-    {"HandEditedConfig",
-     [](const std::string&) { testutil::write_file("config.ini", read_file("config.ini") + "\n"); }, "Aratek_A600",
-     -5, " | init | Initialize_process | Config file reading failed"},
+     [](const std::string& refdll) {
+       sim::write_control(refdll, {{"global_init_result", "-7"}});
+     },
+     "Aratek_A600", -1, " | init | Initialize_process | Aratek fingerprint scanner: Global init failed "},
+    {"HandEditedConfig", [](const std::string&) { testutil::write_file("config.ini", read_file("config.ini") + "\n"); },
+     "Aratek_A600", -5, " | init | Initialize_process | Config file reading failed"},
     {"ProxyWithoutUrl",
      [](const std::string&) { testutil::write_file("proxy.ini", "[config]\nusername = u\npassword = \n"); },
      "Aratek_A600", -13, ""},
-    {"SerialNotOpened", [](const std::string&) { test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kOpen; }); },
+    {"SerialNotOpened",
+     [](const std::string&) {
+       test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kOpen; });
+     },
      "Aratek_A600", -8, ""},
-    {"SerialNotWritten", [](const std::string&) { test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kWrite; }); },
+    {"SerialNotWritten",
+     [](const std::string&) {
+       test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kWrite; });
+     },
      "Aratek_A600", -7, ""},
 };
 
@@ -300,7 +314,7 @@ TEST_P(StartupFailureTest, ReturnsItsCode) {
   }
   if (c.expected == -7 || c.expected == -8) {
     EXPECT_NE(read_file("rd.log").find(c.expected == -7 ? ") - writing to serial_number file is failed\n"
-                                                         : ") - opening Serial_number file failed\n"),
+                                                        : ") - opening Serial_number file failed\n"),
               std::string::npos);
     EXPECT_FALSE(fs::exists("Serial_number"));
   }
@@ -419,8 +433,9 @@ TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
   set_rd_status_notready();
   sim::write_control(refdll_, {{"present", "0"}});
   // The notifications so far arrive first, so that only this attach's follow.
-  ASSERT_TRUE(pipe_.wait_for("5000|Fingerprint device disconnected\n5000|Fingerprint device connected\n"
-                             "5000|Fingerprint device connected\n"));
+  ASSERT_TRUE(
+      pipe_.wait_for("5000|Fingerprint device disconnected\n5000|Fingerprint device connected\n"
+                     "5000|Fingerprint device connected\n"));
   const std::size_t before = pipe_.received().size();
   EXPECT_EQ(attach_device(), -1);
   EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");

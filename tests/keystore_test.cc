@@ -57,7 +57,6 @@ const Mac kMacA = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 const Mac kMacB = {0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
 const Mac kMacC = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f};
 
-
 std::unique_ptr<X509, X509Free> parse_cert(const std::string& pem) {
   std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   return std::unique_ptr<X509, X509Free>(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
@@ -86,7 +85,9 @@ class KeystoreTest : public ::testing::Test {
     semaphore_reset_for_test();
     ASSERT_EQ(init_semaphore(), 0);
     rd_identity_update([&](RdIdentity& r) { r.appdata = work_.file("appdata"); });
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)}; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)};
+    });
   }
 
   void TearDown() override {
@@ -115,8 +116,8 @@ TEST_F(KeystoreTest, GeneratedKeyReadsBackTwiceUnderDerivedPassword) {
   std::string cert;
   ASSERT_EQ(GenerateKeyPair(&cert), 0);
   EXPECT_EQ(testutil::read_file("cert/public/DevPubKey"), cert);
-  for (const char* f : {"keystore/enc_private_key", "keystore/key.hash", "keystore/pdHash.hash",
-                        "last_acces_time_file", "cert/public/DevPubKey"}) {
+  for (const char* f : {"keystore/enc_private_key", "keystore/key.hash", "keystore/pdHash.hash", "last_acces_time_file",
+                        "cert/public/DevPubKey"}) {
     EXPECT_TRUE(testsys::owner_only(f)) << f;
     if (testsys::kPosixFileModes) {
       EXPECT_EQ(testutil::mode_of(f), 0600) << f;
@@ -181,8 +182,11 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
   };
   const std::vector<Case> cases = {
       {"untouched", [](KeystoreTest*) {}, 0, {}, false, nullptr},
-      {"access-time file deleted", [](KeystoreTest*) { std::remove("last_acces_time_file"); }, -1,
-       {"keystore access time file not exist", "Key rotation function failed"}, true,
+      {"access-time file deleted",
+       [](KeystoreTest*) { std::remove("last_acces_time_file"); },
+       -1,
+       {"keystore access time file not exist", "Key rotation function failed"},
+       true,
        "10000|File Not Found : ./last_acces_time_file\n"},
       {"access time changed",
        [](KeystoreTest*) {
@@ -190,26 +194,40 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
          ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
          ASSERT_TRUE(testsys::set_access_time("keystore/enc_private_key", times.access_ns / 1000000000LL - 3600));
        },
-       -1, {"key tamper detected", "Key rotation function failed"}, true, nullptr},
+       -1,
+       {"key tamper detected", "Key rotation function failed"},
+       true,
+       nullptr},
       {"recorded adapter gone",
        [](KeystoreTest*) {
-         test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacC), make_adapter(5, kMacB)}; });
+         test_seams::update([&](test_seams::Seams& s) {
+           s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacC), make_adapter(5, kMacB)};
+         });
        },
-       -1, {"PD didn't match", "Key rotation function failed"}, true, nullptr},
+       -1,
+       {"PD didn't match", "Key rotation function failed"},
+       true,
+       nullptr},
       {"recorded adapter now listed last",
        [](KeystoreTest*) {
          test_seams::update([&](test_seams::Seams& s) {
-           s.adapters = std::vector<platform::Adapter>{make_adapter(1, kMacC), make_adapter(2, kMacB), make_adapter(3, kMacA)};
+           s.adapters =
+               std::vector<platform::Adapter>{make_adapter(1, kMacC), make_adapter(2, kMacB), make_adapter(3, kMacA)};
          });
        },
-       0, {}, false, nullptr},
+       0,
+       {},
+       false,
+       nullptr},
       {"key.hash edited",
        [](KeystoreTest*) {
          std::string h = testutil::read_file("keystore/key.hash");
          h[7] = static_cast<char>(h[7] ^ 0x40);
          testutil::write_file("keystore/key.hash", h);
        },
-       -1, {"validation failed, Private key might be tampered", "Key rotation function failed"}, true,
+       -1,
+       {"validation failed, Private key might be tampered", "Key rotation function failed"},
+       true,
        "10000|validation failed, Private key might|be tampered\n"},
       {"node file recreated",
        [](KeystoreTest* t) {
@@ -219,20 +237,43 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
          std::filesystem::rename(t->node_file() + ".new", t->node_file(), ec);
          ASSERT_FALSE(ec) << ec.message();
        },
-       -1, {"Decryption of private key is failed|validation failed, Private key might be tampered",
-            "Key rotation function failed"},
-       true, nullptr},
-      {"node file deleted", [](KeystoreTest* t) { std::remove(t->node_file().c_str()); }, -1,
-       {"Opening Vexo_Node.txt Failed", "Getting Dynamic key Failed", "Key rotation function failed"}, true, nullptr},
-      {"key file deleted", [](KeystoreTest*) { std::remove("keystore/enc_private_key"); }, -1,
-       {"Error at to reading private key file", "Failed to get Password"}, false,
+       -1,
+       {"Decryption of private key is failed|validation failed, Private key might be tampered",
+        "Key rotation function failed"},
+       true,
+       nullptr},
+      {"node file deleted",
+       [](KeystoreTest* t) { std::remove(t->node_file().c_str()); },
+       -1,
+       {"Opening Vexo_Node.txt Failed", "Getting Dynamic key Failed", "Key rotation function failed"},
+       true,
+       nullptr},
+      {"key file deleted",
+       [](KeystoreTest*) { std::remove("keystore/enc_private_key"); },
+       -1,
+       {"Error at to reading private key file", "Failed to get Password"},
+       false,
        "10000|File Not Found : ./keystore/enc_private_key\n"},
-      {"pdHash deleted", [](KeystoreTest*) { std::remove("keystore/pdHash.hash"); }, -1,
-       {"Error at to open pd_file application"}, false, nullptr},
-      {"key.hash deleted", [](KeystoreTest*) { std::remove("keystore/key.hash"); }, -1,
-       {"Failed to open private key validation info"}, false, "10000|File not found ./keystore/key.hash\n"},
-      {"no adapters", [](KeystoreTest*) { test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{}; }); }, -1,
-       {"iCount is <= 0", "Unable to get MAC ID"}, false, nullptr},
+      {"pdHash deleted",
+       [](KeystoreTest*) { std::remove("keystore/pdHash.hash"); },
+       -1,
+       {"Error at to open pd_file application"},
+       false,
+       nullptr},
+      {"key.hash deleted",
+       [](KeystoreTest*) { std::remove("keystore/key.hash"); },
+       -1,
+       {"Failed to open private key validation info"},
+       false,
+       "10000|File not found ./keystore/key.hash\n"},
+      {"no adapters",
+       [](KeystoreTest*) {
+         test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{}; });
+       },
+       -1,
+       {"iCount is <= 0", "Unable to get MAC ID"},
+       false,
+       nullptr},
   };
   // Key generation is slow, so a case starts from a copy of one keystore; only
   // a changed node file (which cannot be copied back) needs a new keystore.
@@ -248,7 +289,9 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
                                   static_cast<long long>(kStamp) * 1000000000LL};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)}; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.adapters = std::vector<platform::Adapter>{make_adapter(2, kMacA), make_adapter(3, kMacB)};
+    });
     platform::FileIdentity node;
     if (saved.empty() || !testsys::file_identity(node_file(), &node) || node.index_low != saved_node.index_low ||
         node.index_high != saved_node.index_high) {
@@ -305,7 +348,11 @@ TEST_F(KeystoreTest, UnknownRdsIdFailsWithoutRotation) {
       {"QDX.WIN.003", "/korvane/QDX.WIN.003/Vexo_003_Node.txt"},
       {"QDX.WIN.007", "/korvane/QDX.WIN.007/Vexo_007_Node.txt"},
       {"QDX.WIN.009", "/korvane/QDX.WIN.009/Vexo_009_Node.txt"},
-      {"QDX.WIN.004", ""}, {"QDX.WIN.008", ""}, {"qdx.win.002", ""}, {"QDX.WIN.0021", ""}, {"", ""},
+      {"QDX.WIN.004", ""},
+      {"QDX.WIN.008", ""},
+      {"qdx.win.002", ""},
+      {"QDX.WIN.0021", ""},
+      {"", ""},
   };
   for (const Row& r : rows) {
     EXPECT_EQ(keystore_node_file(r.rds_id), *r.node ? work_.file("appdata") + r.node : "") << r.rds_id;
@@ -341,16 +388,20 @@ TEST_F(KeystoreTest, CertificateFieldsReadBack) {
   EXPECT_EQ(X509_get_version(cert.get()), 2);
   EXPECT_EQ(ASN1_INTEGER_get(X509_get0_serialNumber(cert.get())), 0);
   const X509_NAME* subject = X509_get_subject_name(cert.get());
-  const int subject_nids[] = {NID_countryName, NID_commonName, NID_organizationalUnitName, NID_organizationName,
-                              NID_localityName, NID_stateOrProvinceName, NID_pkcs9_emailAddress};
+  const int subject_nids[] = {NID_countryName,       NID_commonName,   NID_organizationalUnitName,
+                              NID_organizationName,  NID_localityName, NID_stateOrProvinceName,
+                              NID_pkcs9_emailAddress};
   ASSERT_EQ(X509_NAME_entry_count(subject), 7);
   for (int i = 0; i < 7; ++i) {
     EXPECT_EQ(OBJ_obj2nid(X509_NAME_ENTRY_get_object(X509_NAME_get_entry(subject, i))), subject_nids[i]) << i;
   }
   EXPECT_EQ(X509_NAME_cmp(subject, X509_get_issuer_name(cert.get())), 0);
 
-  const int exts[][2] = {{NID_basic_constraints, 1}, {NID_key_usage, 1}, {NID_subject_key_identifier, 0},
-                         {NID_netscape_cert_type, 0}, {NID_netscape_comment, 0}};  // nid, critical
+  const int exts[][2] = {{NID_basic_constraints, 1},
+                         {NID_key_usage, 1},
+                         {NID_subject_key_identifier, 0},
+                         {NID_netscape_cert_type, 0},
+                         {NID_netscape_comment, 0}};  // nid, critical
   ASSERT_EQ(X509_get_ext_count(cert.get()), 5);
   for (int i = 0; i < 5; ++i) {
     X509_EXTENSION* e = X509_get_ext(cert.get(), i);

@@ -91,9 +91,9 @@ TEST_F(ListenerTest, ServicesShareTheRangeOnBothLoopbacksAndRestartAtOnce) {
   EXPECT_EQ(second, first + 1);
   EXPECT_EQ(http_exchange(first, {kDiscovery}, 0, true), discovery_answer(first));
   EXPECT_EQ(http_exchange(second, {kDiscovery}, 0, true), discovery_answer(second));
-  EXPECT_TRUE(log_has("server", "prepare_http_socket",
-                      "....................Server Listening On [::1] And Port " + std::to_string(second) +
-                          "..................."));
+  EXPECT_TRUE(log_has(
+      "server", "prepare_http_socket",
+      "....................Server Listening On [::1] And Port " + std::to_string(second) + "..................."));
   // Without a half-close the child closes first.
   const int s = connect_to(first);
   ASSERT_EQ(platform::send_socket(s, kDiscovery.data(), kDiscovery.size()), static_cast<long>(kDiscovery.size()));
@@ -149,25 +149,36 @@ TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
     std::string answer;
     std::vector<std::string> logged;
   } rows[] = {
-      {"no Content-Length", {"RDSERVICE / HTTP/1.1\r\nHost: a\r\n\r\n"}, ok,
+      {"no Content-Length",
+       {"RDSERVICE / HTTP/1.1\r\nHost: a\r\n\r\n"},
+       ok,
        {"Request Header Received", "Current Request will have only Header(No Body)"}},
-      {"Content-Length not a number", {"RDSERVICE / HTTP/1.1\r\nContent-Length: abc\r\n\r\n"}, ok,
+      {"Content-Length not a number",
+       {"RDSERVICE / HTTP/1.1\r\nContent-Length: abc\r\n\r\n"},
+       ok,
        {" content_length is: 0", "Current Request will have only Header(No Body)"}},
       {"header in single bytes", {"R", "D", "SERVICE / HTTP/1.1\r\n", "\r", "\n"}, ok, {"Request Header Received"}},
-      {"body in three pieces", {"RDSERVICE / HTTP/1.1\r\nContent-Length: 30\r\n\r\n" + digits, digits, digits}, ok,
+      {"body in three pieces",
+       {"RDSERVICE / HTTP/1.1\r\nContent-Length: 30\r\n\r\n" + digits, digits, digits},
+       ok,
        {"Going to get request body", "Received :10  Expected size: 30", "Received :10  Expected size: 20"}},
       {"request filling the area exactly", {fit}, ok, {" content_length is: 2001"}},
       {"body one byte past the area", {over}, too_large, {"Request too large for the receive area"}},
-      {"huge Content-Length", {"RDSERVICE / HTTP/1.1\r\nContent-Length: 99999999999999\r\n\r\n"}, too_large,
+      {"huge Content-Length",
+       {"RDSERVICE / HTTP/1.1\r\nContent-Length: 99999999999999\r\n\r\n"},
+       too_large,
        {" content_length is: 2147483647", "Request too large for the receive area"}},
-      {"header without its blank line", {"RDSERVICE / HTTP/1.1\r\nX-Pad: " + std::string(2100, 'z')}, too_large,
+      {"header without its blank line",
+       {"RDSERVICE / HTTP/1.1\r\nX-Pad: " + std::string(2100, 'z')},
+       too_large,
        {"Request too large for the receive area"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::size_t offset = log_text().size();
     EXPECT_EQ(http_exchange(port, row.pieces, 100), row.answer);
-    for (const std::string& line : row.logged) EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", line, offset)) << line;
+    for (const std::string& line : row.logged)
+      EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", line, offset)) << line;
   }
   // The pieces were joined into one request; its body is never logged.
   EXPECT_TRUE(log_has("server", "process_incoming_message", "Request is: RDSERVICE /, body of 30 bytes, origin: none"));
@@ -209,10 +220,13 @@ TEST_F(ListenerTest, ClientsThatCloseStallOrTrickleAreDropped) {
       (void)platform::send_socket(s, row.first.data(), row.first.size());
       testsys::shutdown_send(s);
     } else {
-      const long acted_ms = feed_until_server_acts(s, [&](int i) {
-        if (i == 0) (void)platform::send_socket(s, row.first.data(), row.first.size());
-        if (i > 0 && row.trickle) (void)platform::send_socket(s, "a", 1);
-      }, 100, 5000);
+      const long acted_ms = feed_until_server_acts(
+          s,
+          [&](int i) {
+            if (i == 0) (void)platform::send_socket(s, row.first.data(), row.first.size());
+            if (i > 0 && row.trickle) (void)platform::send_socket(s, "a", 1);
+          },
+          100, 5000);
       EXPECT_GE(acted_ms, kLimitMs - 100);
       EXPECT_LE(acted_ms, kLimitMs + 1000);
     }
@@ -235,9 +249,9 @@ TEST_F(ListenerTest, RefusedRequestsRotateTheLog) {
   while (platform::file_size("rd.log") / 1024 <= 4) RD_INFO("filler up to the limit");
   EXPECT_EQ(http_exchange(port, "RDSERVICE / HTTP/1.1\r\nContent-Length: 99999\r\n\r\n"), error_header(413, port, ""));
   const std::string old = read_file("rd1.log");
-  EXPECT_NE(old.find(") - ..................RD Log Reached  5KB of size..............................\n",
-                     old.size() - 100),
-            std::string::npos);
+  EXPECT_NE(
+      old.find(") - ..................RD Log Reached  5KB of size..............................\n", old.size() - 100),
+      std::string::npos);
   EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", "Request too large for the receive area"));
 }
 
@@ -268,7 +282,8 @@ TEST_F(ListenerTest, PausesBetweenAccepts) {
   ASSERT_NE(port, 0);
   const auto start = Clock::now();
   std::vector<std::future<std::string>> answers;
-  for (int i = 0; i < 3; ++i) answers.push_back(std::async(std::launch::async, [port] { return http_exchange(port, kDiscovery); }));
+  for (int i = 0; i < 3; ++i)
+    answers.push_back(std::async(std::launch::async, [port] { return http_exchange(port, kDiscovery); }));
   for (auto& a : answers) EXPECT_EQ(a.get(), discovery_answer(port));
   EXPECT_GE(Clock::now() - start, milliseconds(200));
 }

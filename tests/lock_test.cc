@@ -26,7 +26,10 @@ class LockTest : public ::testing::Test {
  protected:
   void SetUp() override {
     test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
-    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = kShortMs; s.handheld_lock_ms = kShortMs; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.scanner_lock_ms = kShortMs;
+      s.handheld_lock_ms = kShortMs;
+    });
     semaphore_reset_for_test();
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
   }
@@ -118,14 +121,22 @@ TEST(LockNames, ScannerTable) {
     const char* scanner;
     const char* lock;
   } cases[] = {
-      {"UAREU", "Global\\QDX_WIN_001"},     {"FUTRONIC", "Global\\QDX_WIN_002"},
-      {"GEMALTO", "Global\\QDX_WIN_004"},   {"MANTRA", "Global\\QDX_WIN_005"},
-      {"MORPHO", "Global\\QDX_WIN_006"},    {"SECUGEN", "Global\\QDX_WIN_007"},
-      {"TX9", "Global\\QDX_WIN_008"},       {"Tavio_TX9", "Global\\QDX_WIN_009"},
-      {"Aratek_A600", "Global\\QDX_WIN_010"}, {"Aratek_A400", "Global\\QDX_WIN_011"},
-      {"aratek_a600", nullptr},             {"Aratek_A600 ", nullptr},
-      {"Aratek", nullptr},                  {"", nullptr},
-      {"TX", nullptr},                      {"Tavio_TX9|COM3|x", nullptr},
+      {"UAREU", "Global\\QDX_WIN_001"},
+      {"FUTRONIC", "Global\\QDX_WIN_002"},
+      {"GEMALTO", "Global\\QDX_WIN_004"},
+      {"MANTRA", "Global\\QDX_WIN_005"},
+      {"MORPHO", "Global\\QDX_WIN_006"},
+      {"SECUGEN", "Global\\QDX_WIN_007"},
+      {"TX9", "Global\\QDX_WIN_008"},
+      {"Tavio_TX9", "Global\\QDX_WIN_009"},
+      {"Aratek_A600", "Global\\QDX_WIN_010"},
+      {"Aratek_A400", "Global\\QDX_WIN_011"},
+      {"aratek_a600", nullptr},
+      {"Aratek_A600 ", nullptr},
+      {"Aratek", nullptr},
+      {"", nullptr},
+      {"TX", nullptr},
+      {"Tavio_TX9|COM3|x", nullptr},
   };
   for (const auto& c : cases) {
     const char* got = semaphore_name_for_scanner(c.scanner);
@@ -205,7 +216,10 @@ TEST_F(LockTest, ThreadsExcludeEachOtherAndAnyThreadReleases) {
   EXPECT_EQ(released, 0);
   // A waiter is woken by a release from another thread before its time-out.
   ASSERT_EQ(Lock_Semaphore(), 0);
-  test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 5000; s.handheld_lock_ms = kShortMs; });
+  test_seams::update([&](test_seams::Seams& s) {
+    s.scanner_lock_ms = 5000;
+    s.handheld_lock_ms = kShortMs;
+  });
   std::uint64_t start = platform::monotonic_ms();
   std::thread waiter([&] { second = Lock_Semaphore(); });
   platform::sleep_ms(100);

@@ -47,8 +47,9 @@ TEST_F(LogTest, LinesCarryIstTimeLevelFileFunctionAndLine) {
   const unsigned error_line = __LINE__ + 1;
   RD_ERROR("Listen error");
   std::string expected = "1970-01-01 05:30:00 INFO   (log_test:TestBody:" + std::to_string(info_line) +
-                         ") - socket is bound on port: 11100\n" + "1970-01-01 05:30:00 ERROR  (log_test:TestBody:" +
-                         std::to_string(error_line) + ") - Listen error\n";
+                         ") - socket is bound on port: 11100\n" +
+                         "1970-01-01 05:30:00 ERROR  (log_test:TestBody:" + std::to_string(error_line) +
+                         ") - Listen error\n";
   EXPECT_EQ(read_file("rd.log"), expected);
 }
 
@@ -193,8 +194,8 @@ TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
     platform::set_status_pipe_path(path);
     EXPECT_EQ(create_Pipe(), row.error == 0 ? 0 : -1);
     if (row.error != 0) {
-      EXPECT_TRUE(testutil::last_status().ends_with(" | rd_log | create_Pipe | Create pipe failed, error_code = " +
-                                                    std::to_string(row.error) + "\n "))
+      EXPECT_TRUE(testutil::last_status().ends_with(
+          " | rd_log | create_Pipe | Create pipe failed, error_code = " + std::to_string(row.error) + "\n "))
           << testutil::last_status();
     }
     if (reader >= 0) ::close(reader);
@@ -208,7 +209,8 @@ TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
   const struct {
     const char* runtime;  // nullptr: unset
     std::string path;
-  } paths[] = {{nullptr, fallback}, {"", fallback}, {"run", fallback}, {"/run/user/4242", "/run/user/4242/qdx.win.002"}};
+  } paths[] = {
+      {nullptr, fallback}, {"", fallback}, {"run", fallback}, {"/run/user/4242", "/run/user/4242/qdx.win.002"}};
   for (const auto& p : paths) {
     if (p.runtime == nullptr) {
       unsetenv("XDG_RUNTIME_DIR");

@@ -154,10 +154,12 @@ TEST_F(DownloadTest, FreshDownloadFetchesExactRanges) {
               std::string::npos);
     EXPECT_NE(log.find(") - Checksum matched.Download successful\n"), std::string::npos);
     EXPECT_NE(testutil::last_status().find(" | download_manager | get_package_size | Software download is in "
-                                           "progress : Size of .exe file is " + size_text + " bytes "),
+                                           "progress : Size of .exe file is " +
+                                           size_text + " bytes "),
               std::string::npos)
         << testutil::last_status();
-    const std::string pipe_text = "10000|Software download is in progress:|Size of .exe file is " + size_text + " byte\n";
+    const std::string pipe_text =
+        "10000|Software download is in progress:|Size of .exe file is " + size_text + " byte\n";
     EXPECT_TRUE(pipe_.wait_for(pipe_text, 5000, pipe_before.size())) << pipe_.received();
   }
 }
@@ -180,7 +182,7 @@ TEST_F(DownloadTest, ResumeRecordDecidesWhereToStart) {
   const char* kUnusable = "Previous download record unusable. starting fresh download...";
   struct Case {
     const char* name;
-    std::string record;     // empty: no dm.conf
+    std::string record;  // empty: no dm.conf
     bool has_package;
     std::string package;
     Strings ranges;
@@ -189,16 +191,32 @@ TEST_F(DownloadTest, ResumeRecordDecidesWhereToStart) {
       {"no record", "", true, junk, all, ""},
       {"changed checksum", rec(other_md5, "250000|0:2|In progress|"), true, data.substr(0, 102401), all, kChanged},
       {"changed size", rec(md5, "300000|0:2|In progress|"), true, data.substr(0, 102401), all, kChanged},
-      {"checksum in capitals", rec(upper_md5, "250000|0:2|In progress|"), true, data.substr(0, 102401),
-       {all[1], all[2]}, "Resuming previous download"},
-      {"completed", rec(md5, "250000|2:2|Completed|"), true, data,
-       all, "Previous download was successful. again fresh  download"},
-      {"after chunk 0", rec(md5, "250000|0:2|In progress|"), true, data.substr(0, 102401), {all[1], all[2]},
+      {"checksum in capitals",
+       rec(upper_md5, "250000|0:2|In progress|"),
+       true,
+       data.substr(0, 102401),
+       {all[1], all[2]},
        "Resuming previous download"},
-      {"chunk 1 appended, record not written", rec(md5, "250000|0:2|In progress|"), true, data.substr(0, 204802),
-       {all[1], all[2]}, "Package cut back from 204802 to 102401 bytes"},
-      {"part of chunk 2 appended", rec(md5, "250000|1:2|In progress|"), true, data.substr(0, 204802) + junk,
-       {all[2]}, "Package cut back from 211802 to 204802 bytes"},
+      {"completed", rec(md5, "250000|2:2|Completed|"), true, data, all,
+       "Previous download was successful. again fresh  download"},
+      {"after chunk 0",
+       rec(md5, "250000|0:2|In progress|"),
+       true,
+       data.substr(0, 102401),
+       {all[1], all[2]},
+       "Resuming previous download"},
+      {"chunk 1 appended, record not written",
+       rec(md5, "250000|0:2|In progress|"),
+       true,
+       data.substr(0, 204802),
+       {all[1], all[2]},
+       "Package cut back from 204802 to 102401 bytes"},
+      {"part of chunk 2 appended",
+       rec(md5, "250000|1:2|In progress|"),
+       true,
+       data.substr(0, 204802) + junk,
+       {all[2]},
+       "Package cut back from 211802 to 204802 bytes"},
       {"package shorter than the record", rec(md5, "250000|1:2|In progress|"), true, data.substr(0, 1000), all,
        "Package holds 1000 bytes, fewer than the 204802 of the record. starting fresh download..."},
       {"no package", rec(md5, "250000|1:2|In progress|"), false, "", all,
@@ -255,13 +273,13 @@ TEST_F(DownloadTest, ChecksumMismatchLeavesCompletedAndStartsAfresh) {
     const std::string log = log_since(log_before);
     EXPECT_NE(log.find("ERROR  (download_manager:download_manager:"), std::string::npos);
     EXPECT_NE(log.find(") - Downloaded file checksum is invalid. Download Failed.\n"), std::string::npos);
-    EXPECT_EQ(log.find("Previous download was successful. again fresh  download") != std::string::npos,
-              attempt == 1);
+    EXPECT_EQ(log.find("Previous download was successful. again fresh  download") != std::string::npos, attempt == 1);
     EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + wrong + "|250000|2:2|Completed|");
     const std::string status = testutil::last_status();
     EXPECT_EQ(status.substr(status.find(" | ")),
               " | download_manager | download_manager | Downloaded file checksum is invalid. Download Failed.");
-    EXPECT_TRUE(pipe_.wait_for("10000|Downloaded file checksum is invalid|Download Failed.\n", 5000, pipe_before.size()));
+    EXPECT_TRUE(
+        pipe_.wait_for("10000|Downloaded file checksum is invalid|Download Failed.\n", 5000, pipe_before.size()));
   }
 
   std::size_t log_before = log_size();
@@ -331,7 +349,8 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
   };
   // HEAD answered with the size, every range with what ranges() makes.
   auto sized = [&](std::function<Reply()> ranges) {
-    return [=](const CannedRequest& r) { return r.method == "HEAD" ? head_ok("Content-Length: 250000\r\n") : ranges(); };
+    return
+        [=](const CannedRequest& r) { return r.method == "HEAD" ? head_ok("Content-Length: 250000\r\n") : ranges(); };
   };
   Reply trickle("HTTP/1.1 206 Partial Content\r\nContent-Length: 102401\r\n\r\n");
   trickle.filler = 102401;
@@ -343,13 +362,16 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
     bool size_fails;  // the size request itself fails
   } cases[] = {
       {"header flood",
-       [&](const CannedRequest&) { return head_ok("X-Pad: " + std::string(5000, 'p') + "\r\nContent-Length: 250000\r\n"); },
+       [&](const CannedRequest&) {
+         return head_ok("X-Pad: " + std::string(5000, 'p') + "\r\nContent-Length: 250000\r\n");
+       },
        "Curl write_callback buffer insufficient", true},
       {"no Content-Length", [&](const CannedRequest&) { return head_ok(""); },
        "No usable Content-Length in the package headers", true},
       {"Content-Length not a number", [&](const CannedRequest&) { return head_ok("Content-Length: 25e4\r\n"); },
        "No usable Content-Length in the package headers", true},
-      {"Content-Length past the limit", [&](const CannedRequest&) { return head_ok("Content-Length: 99999999999\r\n"); },
+      {"Content-Length past the limit",
+       [&](const CannedRequest&) { return head_ok("Content-Length: 99999999999\r\n"); },
        "No usable Content-Length in the package headers", true},
       {"not found", [](const CannedRequest&) { return Reply(http_reply("404 Not Found", "", "not found")); },
        "Package request answered with HTTP status 404", true},
@@ -380,8 +402,10 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
     if (c.size_fails) {
       EXPECT_NE(log.find(") - Error at get_package_size\n"), std::string::npos);
       const std::string status = testutil::last_status();
-      EXPECT_EQ(status.substr(status.find(" | ")), " | download_manager | get_package_size | Get download file size failed ");
-      EXPECT_TRUE(pipe_.wait_for("10000|Get download file size failed\n", 5000, pipe_before.size())) << pipe_.received();
+      EXPECT_EQ(status.substr(status.find(" | ")),
+                " | download_manager | get_package_size | Get download file size failed ");
+      EXPECT_TRUE(pipe_.wait_for("10000|Get download file size failed\n", 5000, pipe_before.size()))
+          << pipe_.received();
     } else {
       EXPECT_EQ(std::filesystem::file_size(kDownloadTarget), 0u);  // emptied, nothing appended
     }
@@ -400,7 +424,8 @@ TEST(DownloadFormat, ContentLengthAndRecordText) {
       {"HTTP/1.1 200 OK\r\nContent-Length: 250000\r\n\r\n", 250000},
       {"HTTP/2 200\r\ncontent-length: 7\r\n\r\n", 7},
       {"HTTP/1.1 200 Connection established\r\nContent-Length: 0\r\n\r\nHTTP/1.1 200 OK\r\n"
-       "Content-Length: 5\r\n\r\n", 5},
+       "Content-Length: 5\r\n\r\n",
+       5},
       {"HTTP/1.1 200 OK\r\nContent-Length:\t2147483647 \r\n\r\n", 2147483647L},
       {"HTTP/1.1 200 OK\r\nContent-Length: 2147483648\r\n\r\n", -1},
       {"HTTP/1.1 200 OK\r\nContent-Length: 12abc\r\n\r\n", -1},

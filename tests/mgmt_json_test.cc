@@ -43,8 +43,8 @@ TEST(MgmtJson, FrameMembersInOrderAndHmacBindsSerialAndTs) {
     ASSERT_NE(root, nullptr) << out;
     EXPECT_EQ(keys(root), c.top);
     json_object* dev = json_object_object_get(root, "device");
-    EXPECT_EQ(keys(dev), (std::vector<std::string>{"rdVer", "rdId", "clId", "clVer", "hostType", "hostId",
-                                                   "slNo", "make", "model", "dpId"}));
+    EXPECT_EQ(keys(dev), (std::vector<std::string>{"rdVer", "rdId", "clId", "clVer", "hostType", "hostId", "slNo",
+                                                   "make", "model", "dpId"}));
     EXPECT_STREQ(json_object_get_string(json_object_object_get(dev, "hostId")), "0a1b2c3d4e5f");
     EXPECT_STREQ(json_object_get_string(json_object_object_get(root, "ts")), ts.c_str());
     if (c.pkey) {
@@ -76,7 +76,7 @@ TEST(MgmtJson, TimeDiffTable) {
       {"2024-05-01T10:00:00", "2024-05-03T10:00:00", -1, 0},
       {"2024-05-01T99:00:00", "2024-05-02T00:00:00", -1, 0},  // no time of day
       {"2024-05-01T10:60:00", "2024-05-01T10:00:00", -1, 0},
-      {"2024-05-01T23:59:60", "2024-05-02T00:00:00", 0, 0},    // leap second
+      {"2024-05-01T23:59:60", "2024-05-02T00:00:00", 0, 0},  // leap second
       {"garbage", "2024-05-01T10:00:00", -1, 0},
       {"", "", -1, 0},
   };
@@ -89,11 +89,11 @@ TEST(MgmtJson, TimeDiffTable) {
   }
 }
 
-
 // A response around the given members; "device" echoes ident() unless given.
-std::string resp(const std::string& status, const std::string& extra,
-                 const std::string& device = R"("device":{"hostId":"0a1b2c3d4e5f","slNo":"QDX1234567","model":"A600","dc":"DC9"})",
-                 const std::string& ts = "2024-05-01T10:00:00") {
+std::string resp(
+    const std::string& status, const std::string& extra,
+    const std::string& device = R"("device":{"hostId":"0a1b2c3d4e5f","slNo":"QDX1234567","model":"A600","dc":"DC9"})",
+    const std::string& ts = "2024-05-01T10:00:00") {
   return "{\"respStatus\":" + status + ",\"respCode\":\"ZELM-000\",\"respDesc\":\"ok\"," + device +
          ",\"nextAction\":[\"KEY_ROTATION\",\"SOFTWARE_UPDATE\"],\"ts\":\"" + ts + "\"" + extra + "}";
 }
@@ -114,12 +114,13 @@ TEST(MgmtJson, InitStatusCodesAndTimeRule) {
       {R"({"respStatus":"n","respCode":"ZELM-040","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", 0, "X"},
       {R"({"respStatus":"n","respCode":"ZELM-035","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", 0, "X"},
       {R"({"respStatus":"n","respCode":"ZELM-041","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", 0, "X"},
-      {R"({"respStatus":"n","respCode":"ZELM-016","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", -1, "preset"},
+      {R"({"respStatus":"n","respCode":"ZELM-016","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", -1,
+       "preset"},
       {R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"ts":"2024-05-01T10:04:00"})", 0, "preset"},
       {resp("\"y\"", "", R"("device":{"slNo":"OTHER","hostId":7})"), 0, "SOFTWARE_UPDATE"},  // mismatch not fatal
-      {resp("\"y\"", "", R"("device":{})", "2024-05-01T10:00:00"), 0, "SOFTWARE_UPDATE"},      // 300 s
-      {resp("\"y\"", "", R"("device":{})", "2024-05-01T09:59:59"), 0, "TIME_STAMP_SYNC"},      // 301 s
-      {resp("\"y\"", "", R"("device":{})", "2024-05-03T10:05:00"), 0, "TIME_STAMP_SYNC"},      // days apart
+      {resp("\"y\"", "", R"("device":{})", "2024-05-01T10:00:00"), 0, "SOFTWARE_UPDATE"},    // 300 s
+      {resp("\"y\"", "", R"("device":{})", "2024-05-01T09:59:59"), 0, "TIME_STAMP_SYNC"},    // 301 s
+      {resp("\"y\"", "", R"("device":{})", "2024-05-03T10:05:00"), 0, "TIME_STAMP_SYNC"},    // days apart
       {resp("\"y\"", "", R"("device":{})", "bad"), 0, "TIME_STAMP_SYNC"},
   };
   for (const auto& c : cases) {
@@ -149,7 +150,8 @@ TEST(MgmtJson, ServerErrorReachesLastStatusAndPipe) {
             -1);  // ZELM-040 passes only for init
   char line[512];
   rd_copy_last_status(line, sizeof line);
-  EXPECT_NE(std::string(line).find(" | json_frame_parse | json_parse_update | Error from MS: ZELM-040 x bad  dev 5000 forged "),
+  EXPECT_NE(std::string(line).find(
+                " | json_frame_parse | json_parse_update | Error from MS: ZELM-040 x bad  dev 5000 forged "),
             std::string::npos)
       << line;
   ASSERT_TRUE(reader.wait_for("\n"));
@@ -158,7 +160,8 @@ TEST(MgmtJson, ServerErrorReachesLastStatusAndPipe) {
 }
 
 TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
-  const std::string ok = resp("\"y\"", R"(,"path":"https://x/p.zip","checksum":"abc","sPKey":"S","chkSum":"c","ci":"20250101")");
+  const std::string ok =
+      resp("\"y\"", R"(,"path":"https://x/p.zip","checksum":"abc","sPKey":"S","chkSum":"c","ci":"20250101")");
   std::string a, p, s, dc, sp, ci;
   ASSERT_EQ(json_parse_update(ok, ident(), &a, &p, &s), 0);
   EXPECT_EQ(a + "|" + p + "|" + s, "SOFTWARE_UPDATE|https://x/p.zip|abc");
@@ -177,13 +180,17 @@ TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
       {"path number", resp("\"y\"", R"(,"path":5,"checksum":"abc","sPKey":"S")")},
       {"checksum array", resp("\"y\"", R"(,"path":"p","checksum":["abc"],"sPKey":"S")")},
       {"no device", resp("\"y\"", R"(,"path":"p","checksum":"c","sPKey":"S")", R"("x":1)")},
-      {"nextAction string", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":"A","ts":"t","path":"p","checksum":"c"})"},
-      {"nextAction element number", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":["A",1],"ts":"t","path":"p","checksum":"c"})"},
+      {"nextAction string",
+       R"({"respStatus":"y","respCode":"0","device":{},"nextAction":"A","ts":"t","path":"p","checksum":"c"})"},
+      {"nextAction element number",
+       R"({"respStatus":"y","respCode":"0","device":{},"nextAction":["A",1],"ts":"t","path":"p","checksum":"c"})"},
       {"no nextAction", R"({"respStatus":"y","respCode":"0","device":{},"ts":"t","path":"p","checksum":"c"})"},
       {"no ts", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"path":"p","checksum":"c"})"},
-      {"ts object", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"ts":{},"path":"p","checksum":"c"})"},
+      {"ts object",
+       R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"ts":{},"path":"p","checksum":"c"})"},
       {"no respCode", R"({"respStatus":"y","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
-      {"respStatus true", R"({"respStatus":true,"respCode":"0","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
+      {"respStatus true",
+       R"({"respStatus":true,"respCode":"0","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
       {"top level array", "[1,2]"},
       {"deep nesting", std::string(5000, '[') + std::string(5000, ']')},
       {"truncated", R"({"respStatus":"y")"},
@@ -200,15 +207,23 @@ TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
   const struct {
     std::string dc;
     int rc;
-  } dcs[] = {{"DC9", 0}, {"0f5c-11aa.b_C", 0}, {std::string(64, 'd'), 0}, {std::string(65, 'd'), -1}, {"", -1},
-             {"1234\\ndomain_name = X\\n[zzz]", -1}, {"12 34", -1}, {"12\\u000034", -1}, {"d\\\"c", -1}};
+  } dcs[] = {{"DC9", 0},
+             {"0f5c-11aa.b_C", 0},
+             {std::string(64, 'd'), 0},
+             {std::string(65, 'd'), -1},
+             {"", -1},
+             {"1234\\ndomain_name = X\\n[zzz]", -1},
+             {"12 34", -1},
+             {"12\\u000034", -1},
+             {"d\\\"c", -1}};
   for (const auto& c : dcs) {
     const std::string body = resp("\"y\"", R"(,"sPKey":"S")", R"("device":{"dc":")" + c.dc + "\"}");
     EXPECT_EQ(json_parse_key_rotation(body, ident(), &a, nullptr, &dc, &sp), c.rc) << c.dc;
   }
   // A value longer than the bound is refused whole, wherever it stands.
   const std::string at_bound(kMgmtMaxField, 'p'), over(kMgmtMaxField + 1, 'p');
-  ASSERT_EQ(json_parse_update(resp("\"y\"", ",\"path\":\"" + at_bound + "\",\"checksum\":\"c\""), ident(), &a, &p, &s), 0);
+  ASSERT_EQ(json_parse_update(resp("\"y\"", ",\"path\":\"" + at_bound + "\",\"checksum\":\"c\""), ident(), &a, &p, &s),
+            0);
   EXPECT_EQ(p, at_bound);
   for (const std::string& body : {resp("\"y\"", ",\"path\":\"" + over + "\",\"checksum\":\"c\""),
                                   resp("\"y\"", ",\"path\":\"p\",\"checksum\":\"c\",\"note\":[\"" + over + "\"]"),

@@ -122,12 +122,9 @@ TEST(RdsHash, ResponseDrtIsBoundToItsRequest) {
     int rc;
     int result;
   } rows[] = {
-      {"matching", response_drt, response, 0, 1},
-      {"another request's", for_other, response, 0, 0},
-      {"body changed", response_drt, changed, 0, 0},
-      {"44 characters", drt, response, 0, 0},
-      {"not Base64", "@@@@", response, -1, 0},
-      {"empty", "", response, -1, 0},
+      {"matching", response_drt, response, 0, 1},    {"another request's", for_other, response, 0, 0},
+      {"body changed", response_drt, changed, 0, 0}, {"44 characters", drt, response, 0, 0},
+      {"not Base64", "@@@@", response, -1, 0},       {"empty", "", response, -1, 0},
   };
   for (const auto& r : rows) {
     int result = -1;

@@ -78,8 +78,7 @@ Reply fetch(const std::string& url, const std::string* body, const std::vector<s
   }
   if (range != nullptr) curl_easy_setopt(c.get(), CURLOPT_RANGE, range);
   if (head) curl_easy_setopt(c.get(), CURLOPT_NOBODY, 1L);
-  if (curl_easy_perform(c.get()) == CURLE_OK)
-    curl_easy_getinfo(c.get(), CURLINFO_RESPONSE_CODE, &r.status);
+  if (curl_easy_perform(c.get()) == CURLE_OK) curl_easy_getinfo(c.get(), CURLINFO_RESPONSE_CODE, &r.status);
   return r;
 }
 
@@ -125,10 +124,8 @@ std::string frame(const Frame& f) {
   JsonPtr root(json_object_new_object());
   json_object* device = json_object_new_object();
   const std::pair<const char*, std::string> members[] = {
-      {"rdVer", "1.0.0"},   {"rdId", "QDX.ARA.A600.W"}, {"clId", "QDX.MC"},
-      {"clVer", "1.0.0"},   {"hostType", "Linux"},       {"hostId", kHostId},
-      {"slNo", f.serial},   {"make", "Korvane"},         {"model", kModel},
-      {"dpId", "QDX.ARA"}};
+      {"rdVer", "1.0.0"},  {"rdId", "QDX.ARA.A600.W"}, {"clId", "QDX.MC"},  {"clVer", "1.0.0"}, {"hostType", "Linux"},
+      {"hostId", kHostId}, {"slNo", f.serial},         {"make", "Korvane"}, {"model", kModel},  {"dpId", "QDX.ARA"}};
   for (const auto& [k, v] : members) json_object_object_add(device, k, json_object_new_string(v.c_str()));
   json_object_object_add(root.get(), "device", device);
   json_object_object_add(root.get(), "ts", json_object_new_string(f.ts.c_str()));
@@ -149,8 +146,7 @@ struct Answer {
   std::string device(const char* key) const {
     json_object* d = nullptr;
     json_object* v = nullptr;
-    return json_object_object_get_ex(json.get(), "device", &d) &&
-                   json_object_object_get_ex(d, key, &v)
+    return json_object_object_get_ex(json.get(), "device", &d) && json_object_object_get_ex(d, key, &v)
                ? json_object_get_string(v)
                : "";
   }
@@ -167,8 +163,7 @@ struct Answer {
 };
 
 // Posts body to the endpoint with the given RD_DRT header (none when empty).
-Answer post(const Server& s, const std::string& endpoint, const std::string& body,
-            const std::string& drt) {
+Answer post(const Server& s, const std::string& endpoint, const std::string& body, const std::string& drt) {
   Answer a;
   std::vector<std::string> headers = {"Content-Type: application/json; charset=utf-8"};
   if (!drt.empty()) headers.push_back("RD_DRT: " + drt);
@@ -183,7 +178,6 @@ Answer call(const Server& s, const std::string& endpoint, const Frame& f = Frame
   return post(s, endpoint, body, request_drt(body));
 }
 
-
 // A fresh RSA key and a self-signed certificate for it, as a device makes them.
 std::string self_signed_pem(EVP_PKEY* key, const std::string& cn) {
   X509Ptr cert(X509_new());
@@ -193,8 +187,7 @@ std::string self_signed_pem(EVP_PKEY* key, const std::string& cn) {
   X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
   X509_set_pubkey(cert.get(), key);
   X509_NAME* name = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>(cn.c_str()), -1, -1, 0);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn.c_str()), -1, -1, 0);
   X509_set_issuer_name(cert.get(), name);
   X509_sign(cert.get(), key, EVP_sha256());
   BioPtr bio(BIO_new(BIO_s_mem()));
@@ -207,8 +200,7 @@ std::string self_signed_pem(EVP_PKEY* key, const std::string& cn) {
 std::string b64(const std::string& bytes) {
   std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
   int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                          reinterpret_cast<const unsigned char*>(bytes.data()),
-                          static_cast<int>(bytes.size()));
+                          reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
   out.resize(static_cast<std::size_t>(n));
   return out;
 }
@@ -242,12 +234,10 @@ class MgmtServerTest : public ::testing::Test {
     std::filesystem::create_directories("data/uidai");
     std::filesystem::create_directories("data/packages");
     for (const char* pem : {"prod.pem", "preprod.pem"})
-      testutil::write_file("data/uidai/" + std::string(pem),
-                           testutil::read_file(kMgmtData + "/uidai/" + pem));
+      testutil::write_file("data/uidai/" + std::string(pem), testutil::read_file(kMgmtData + "/uidai/" + pem));
     // 250000 bytes: three download chunks of the device's range size.
     package_.resize(250000);
-    for (std::size_t i = 0; i < package_.size(); ++i)
-      package_[i] = static_cast<char>((i * 7919 + i / 251) & 0xff);
+    for (std::size_t i = 0; i < package_.size(); ++i) package_[i] = static_cast<char>((i * 7919 + i / 251) & 0xff);
     testutil::write_file("data/packages/vexo-1.0.0.zip", "old");
     testutil::write_file("data/packages/vexo-1.0.2.zip", package_);
   }
@@ -270,15 +260,13 @@ class MgmtServerTest : public ::testing::Test {
 TEST_F(MgmtServerTest, CertificateFetchesAndRangedDownloads) {
   Server s(true);
   ASSERT_GT(s.port(), 0) << s.log();
-  for (const auto& [suffix, file] : {std::pair<std::string, std::string>{"PP", "preprod.pem"},
-                                     {"P", "prod.pem"}}) {
+  for (const auto& [suffix, file] : {std::pair<std::string, std::string>{"PP", "preprod.pem"}, {"P", "prod.pem"}}) {
     Reply r = fetch(s.base() + "/rest/getCert/" + suffix, nullptr, {});
     JsonPtr j(json_tokener_parse(r.body.c_str()));
     ASSERT_NE(nullptr, j) << r.body;
     json_object* v = nullptr;
     ASSERT_TRUE(json_object_object_get_ex(j.get(), "chkSum", &v));
-    EXPECT_EQ(digest_hex(EVP_sha256(), testutil::read_file("data/uidai/" + file)),
-              json_object_get_string(v));
+    EXPECT_EQ(digest_hex(EVP_sha256(), testutil::read_file("data/uidai/" + file)), json_object_get_string(v));
     ASSERT_TRUE(json_object_object_get_ex(j.get(), "ci", &v));
     EXPECT_TRUE(std::regex_match(std::string(json_object_get_string(v)), std::regex("20[0-9]{6}")));
     EXPECT_FALSE(json_object_object_get_ex(j.get(), "device", &v));
@@ -313,7 +301,6 @@ TEST_F(MgmtServerTest, CertificateFetchesAndRangedDownloads) {
   EXPECT_EQ(404, fetch(s.base() + "/files/packages/..%2Fregistry.db", nullptr, {}).status);
   EXPECT_EQ(404, fetch(s.base() + "/files/other/x", nullptr, {}).status);
 }
-
 
 TEST_F(MgmtServerTest, RegistryCommandsCheckTheirArguments) {
   EXPECT_EQ(0, run_command({"add-device", "SN1001", "--registry", "registry.db"}));
@@ -352,8 +339,7 @@ TEST_F(MgmtServerTest, RegisterAnswersByRegistryState) {
   EXPECT_TRUE(ts == ist_now() || ts == ist_now(-1) || ts == ist_now(-2)) << ts;
 
   // A registered identity is echoed as registered, not as sent.
-  ASSERT_EQ(0, run_command({"add-device", "SN1001", "--host-id", "ffeeddccbbaa", "--registry",
-                            "registry.db"}));
+  ASSERT_EQ(0, run_command({"add-device", "SN1001", "--host-id", "ffeeddccbbaa", "--registry", "registry.db"}));
   EXPECT_EQ("ffeeddccbbaa", call(s, "/rest/register/").device("hostId"));
 
   std::string log = s.log();
@@ -394,8 +380,7 @@ TEST_F(MgmtServerTest, KeyRotationIssuesCertificateUnderTheCa) {
   ASSERT_EQ(1, X509_STORE_load_file(store.get(), (kMgmtData + "/ca.crt").c_str()));
   std::unique_ptr<X509_STORE_CTX, StoreCtxFree> ctx(X509_STORE_CTX_new());
   X509_STORE_CTX_init(ctx.get(), store.get(), cert.get(), nullptr);
-  EXPECT_EQ(1, X509_verify_cert(ctx.get()))
-      << X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));
+  EXPECT_EQ(1, X509_verify_cert(ctx.get())) << X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));
   EXPECT_EQ(NID_sha256WithRSAEncryption, X509_get_signature_nid(cert.get()));
 
   // With a fresh key the device is left alone; a second rotation gives a new dc.
@@ -444,8 +429,8 @@ TEST_F(MgmtServerTest, QueuedActionsAreAnsweredInOrder) {
   EXPECT_EQ(1, run_command({"queue", "SN9999", "KEY_ROTATION", "--registry", "registry.db"}));
   EXPECT_EQ(2, run_command({"queue", "SN1001", "REBOOT", "--registry", "registry.db"}));
 
-  const std::string expected[] = {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE",
-                                  "NO_ACTION_NECESSARY", "NO_ACTION_NECESSARY"};
+  const std::string expected[] = {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE", "NO_ACTION_NECESSARY",
+                                  "NO_ACTION_NECESSARY"};
   for (const auto& want : expected) EXPECT_EQ(want, call(s, "/rest/register/").actions());
 }
 
@@ -511,8 +496,6 @@ TEST_F(MgmtServerTest, UpdatesPointAtDownloadableFiles) {
   EXPECT_EQ(digest_hex(EVP_sha256(), prod), uidai.str("checksum"));
   EXPECT_EQ(prod, fetch(uidai.str("path"), nullptr, {}).body);
   EXPECT_EQ("NO_ACTION_NECESSARY", call(s, "/rest/updateStatus").actions());
-
 }
-
 
 }  // namespace

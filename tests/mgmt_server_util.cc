@@ -29,16 +29,18 @@ int run_command(const std::vector<std::string>& args, std::string* output) {
 }
 
 Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
-  std::vector<std::string> args = {"serve", "--port", "0", tls ? "--tls" : "--plain",
-                                   "--data", "data", "--registry", "registry.db"};
+  std::vector<std::string> args = {"serve",  "--port", "0",          tls ? "--tls" : "--plain",
+                                   "--data", "data",   "--registry", "registry.db"};
   args.insert(args.end(), extra.begin(), extra.end());
   pid_ = spawn(args, "server.out");
   const std::regex first("listening on (https?)://127\\.0\\.0\\.1:([0-9]+)/\n");
   for (int i = 0; i < 200 && pid_ > 0 && port_ == 0; ++i) {
     std::smatch m;
     std::string out = testutil::read_file("server.out");
-    if (std::regex_search(out, m, first)) port_ = std::stoi(m[2]);
-    else std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (std::regex_search(out, m, first))
+      port_ = std::stoi(m[2]);
+    else
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
 
@@ -113,8 +115,8 @@ CannedServer::CannedServer(Handler handler, const std::string& cert_file, const 
     SSL_CTX_set_alpn_select_cb(tls_.get(), select_alpn, nullptr);
   }
   fd_ = platform::tcp_socket();
-  if (fd_ == platform::kInvalidSocket || platform::bind_loopback(fd_, 0) != 0 ||
-      platform::listen_socket(fd_, 8) != 0 || (port_ = testsys::local_port(fd_)) == 0) {
+  if (fd_ == platform::kInvalidSocket || platform::bind_loopback(fd_, 0) != 0 || platform::listen_socket(fd_, 8) != 0 ||
+      (port_ = testsys::local_port(fd_)) == 0) {
     throw std::runtime_error("canned server not started");
   }
   thread_ = std::thread([this] { serve(); });

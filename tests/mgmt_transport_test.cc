@@ -34,14 +34,14 @@ namespace {
 
 using mgmttest::CannedRequest;
 using mgmttest::CannedServer;
+using mgmttest::closed_port;
 using mgmttest::http_reply;
 using mgmttest::kMgmtData;
 using mgmttest::Reply;
-using mgmttest::closed_port;
 using mgmttest::Server;
 
-const MgmtIdentity kDevice = {"1.0.2", "KORV.LIN.001", "CL01",    "2.1",  "LINUX",
-                              "0a1b2c3d4e5f", "SN1001", "Korvane", "A600", "KORV"};
+const MgmtIdentity kDevice = {"1.0.2",        "KORV.LIN.001", "CL01",    "2.1",  "LINUX",
+                              "0a1b2c3d4e5f", "SN1001",       "Korvane", "A600", "KORV"};
 
 // The response's RD_DRT as the server makes it, over body and the request's RD_DRT.
 std::string signed_for(const std::string& body, const std::string& request_drt) {
@@ -130,16 +130,22 @@ TEST_F(MgmtTransportTest, ResponseChecksAndSizeLimitsOverPlainHttp) {
       std::string drt = signed_for(body, r.header("RD_DRT"));
       std::string name = "RD_DRT";
       switch (c.drt) {
-        case Drt::kValid: break;
-        case Drt::kLowerCaseName: name = "rd_drt"; break;
-        case Drt::kNone: return Reply(http_reply("200 OK", "", body));
+        case Drt::kValid:
+          break;
+        case Drt::kLowerCaseName:
+          name = "rd_drt";
+          break;
+        case Drt::kNone:
+          return Reply(http_reply("200 OK", "", body));
         case Drt::kOtherRequest: {
           std::string other;
           EXPECT_EQ(rds_hmac_sign("{}", 2, 1, &other), 0);
           drt = signed_for(body, other);
           break;
         }
-        case Drt::kShort: drt.resize(44); break;
+        case Drt::kShort:
+          drt.resize(44);
+          break;
       }
       return Reply(http_reply("200 OK", name + ": " + drt + "\r\n", body));
     });
@@ -201,8 +207,8 @@ TEST_F(MgmtTransportTest, PinnedCaFileGuardsEveryHttpsTransfer) {
   } cases[] = {
       {"demonstration CA", install_ca, lower, 0, nullptr, nullptr},
       {"demonstration CA, scheme in capitals", install_ca, upper, 0, nullptr, nullptr},
-      {"no CA file", [] { std::filesystem::remove("cert/server.crt"); }, lower, -15,
-       "File Not found: cert/server.crt ", "10000|File Not found: cert/server.crt\n"},
+      {"no CA file", [] { std::filesystem::remove("cert/server.crt"); }, lower, -15, "File Not found: cert/server.crt ",
+       "10000|File Not found: cert/server.crt\n"},
       {"one changed byte", tamper, lower, -16, "File Tampered: cert/server.crt ",
        "10000|File Tampered: cert/server.crt\n"},
       {"one changed byte, scheme in capitals", tamper, upper, -16, "File Tampered: cert/server.crt ",
@@ -300,8 +306,7 @@ TEST_F(MgmtTransportTest, ServerCertificateMustChainToThePinAndServeTheServer) {
     return issue_cert("127.0.0.1", ext, &issuer);
   };
   const mgmttest::Issued outside = server_cert(other_ca, "critical,digitalSignature", "serverAuth");
-  const mgmttest::Issued device =
-      server_cert(mgmttest::demo_ca(), "critical,digitalSignature,nonRepudiation", nullptr);
+  const mgmttest::Issued device = server_cert(mgmttest::demo_ca(), "critical,digitalSignature,nonRepudiation", nullptr);
   struct Case {
     const char* name;
     std::string cert;
@@ -473,16 +478,15 @@ TEST_F(MgmtTransportTest, GetAndDownloadKeepTheirLimits) {
   EXPECT_NE(log.find("CURLOPT_USERAGENT success"), std::string::npos);
   // Only the downloaded file and its siblings: no temporary file left behind.
   int files = 0;
-  for (const auto& e : std::filesystem::directory_iterator(".")) files += e.path().filename().string().rfind("pkg.zip", 0) == 0;
+  for (const auto& e : std::filesystem::directory_iterator("."))
+    files += e.path().filename().string().rfind("pkg.zip", 0) == 0;
   EXPECT_EQ(files, 1);
 }
 
 // URLs from the server's answers (download paths) reach HTTPS, and HTTP only
 // while the register URL is an http:// one: never another protocol.
 TEST_F(MgmtTransportTest, DownloadUrlsUseOnlyHttpAndHttps) {
-  CannedServer listener([](const CannedRequest&) {
-    return Reply(http_reply("200 OK", "", "from the listener"));
-  });
+  CannedServer listener([](const CannedRequest&) { return Reply(http_reply("200 OK", "", "from the listener")); });
   const std::string secret = "a local file nobody may read";
   testutil::write_file("secret.txt", secret);
   std::string md5;

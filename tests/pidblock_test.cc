@@ -50,14 +50,12 @@ TEST(Jpeg2000Test, CompressedImagesDecodeToTheOriginal) {
   struct Case {
     int w, h;
     float ratio;
-    double max_mae;      // 0: must decode exactly
+    double max_mae;       // 0: must decode exactly
     double max_fraction;  // compressed size / raw size at most
   } cases[] = {
-      {256, 360, 15.0f, 8.0, 1.0 / 12},  // the scanner's image at the capture's ratio
-      {300, 400, 15.0f, 8.0, 1.0 / 12},
-      {17, 9, 15.0f, 40.0, 2.0},         // fewer resolution levels than the default
-      {1, 1, 15.0f, 255.0, 400.0},
-      {64, 48, 1.0f, 0.0, 1.5},          // ratio 1: lossless
+      {256, 360, 15.0f, 8.0, 1.0 / 12},                             // the scanner's image at the capture's ratio
+      {300, 400, 15.0f, 8.0, 1.0 / 12}, {17, 9, 15.0f, 40.0, 2.0},  // fewer resolution levels than the default
+      {1, 1, 15.0f, 255.0, 400.0},      {64, 48, 1.0f, 0.0, 1.5},   // ratio 1: lossless
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " ratio " << c.ratio);
@@ -96,7 +94,7 @@ TEST(Jpeg2000Test, BadImagesAreRefused) {
     const std::uint8_t* raw;
     int w, h;
   } cases[] = {
-      {nullptr, 4, 4}, {raw.data(), 0, 4}, {raw.data(), 4, 0}, {raw.data(), -4, 4},
+      {nullptr, 4, 4},     {raw.data(), 0, 4},     {raw.data(), 4, 0},     {raw.data(), -4, 4},
       {raw.data(), 4, -1}, {raw.data(), 65536, 1}, {raw.data(), 1, 70000},
   };
   for (const Case& c : cases) {
@@ -137,14 +135,12 @@ PidInput full_input(const std::vector<CapturedFinger>& fingers) {
   in.demo_given = 1;
   in.lang = "06";
   in.pi = {1, "E", "90", "Asha Rao", "", "", "F", "1990-07-15", "V", "34", "9999999999", "a@b.in"};
-  in.pa = {1, "P", "C/O X", "12", "Main St", "", "Loc", "Vtc", "Sub", "Dist", "State", "India",
-           "560001", "PO"};
+  in.pa = {1, "P", "C/O X", "12", "Main St", "", "Loc", "Vtc", "Sub", "Dist", "State", "India", "560001", "PO"};
   in.pfa = {1, "P", "80", "12 Main St Loc", "", ""};
   in.dih = "dih-value";
   in.fingers = fingers;
   return in;
 }
-
 
 std::optional<std::string> attr(xmlNode* n, const char* name) {
   if (!xmlHasProp(n, BAD_CAST name)) return std::nullopt;
@@ -166,7 +162,8 @@ std::string name_of(xmlNode* n) { return reinterpret_cast<const char*>(n->name);
 
 std::map<std::string, std::string> attrs(xmlNode* n) {
   std::map<std::string, std::string> m;
-  for (xmlAttr* a = n->properties; a != nullptr; a = a->next) m[reinterpret_cast<const char*>(a->name)] = *attr(n, reinterpret_cast<const char*>(a->name));
+  for (xmlAttr* a = n->properties; a != nullptr; a = a->next)
+    m[reinterpret_cast<const char*>(a->name)] = *attr(n, reinterpret_cast<const char*>(a->name));
   return m;
 }
 
@@ -195,24 +192,38 @@ TEST(PidXmlTest, FullInputParsesBackWithEveryValue) {
   ASSERT_EQ(demo.size(), 3u);
   EXPECT_EQ(name_of(demo[0]), "Pi");
   // Empty values (lname, lmv) are left out.
-  EXPECT_EQ(attrs(demo[0]), (std::map<std::string, std::string>{
-                                {"ms", "E"}, {"mv", "90"}, {"name", "Asha Rao"}, {"gender", "F"},
-                                {"dob", "1990-07-15"}, {"dobt", "V"}, {"age", "34"},
-                                {"phone", "9999999999"}, {"email", "a@b.in"}}));
+  EXPECT_EQ(attrs(demo[0]), (std::map<std::string, std::string>{{"ms", "E"},
+                                                                {"mv", "90"},
+                                                                {"name", "Asha Rao"},
+                                                                {"gender", "F"},
+                                                                {"dob", "1990-07-15"},
+                                                                {"dobt", "V"},
+                                                                {"age", "34"},
+                                                                {"phone", "9999999999"},
+                                                                {"email", "a@b.in"}}));
   EXPECT_EQ(name_of(demo[1]), "Pa");
-  EXPECT_EQ(attrs(demo[1]), (std::map<std::string, std::string>{
-                                {"ms", "P"}, {"co", "C/O X"}, {"house", "12"}, {"street", "Main St"},
-                                {"loc", "Loc"}, {"vtc", "Vtc"}, {"subdist", "Sub"}, {"dist", "Dist"},
-                                {"state", "State"}, {"country", "India"}, {"pc", "560001"}, {"po", "PO"}}));
+  EXPECT_EQ(attrs(demo[1]), (std::map<std::string, std::string>{{"ms", "P"},
+                                                                {"co", "C/O X"},
+                                                                {"house", "12"},
+                                                                {"street", "Main St"},
+                                                                {"loc", "Loc"},
+                                                                {"vtc", "Vtc"},
+                                                                {"subdist", "Sub"},
+                                                                {"dist", "Dist"},
+                                                                {"state", "State"},
+                                                                {"country", "India"},
+                                                                {"pc", "560001"},
+                                                                {"po", "PO"}}));
   EXPECT_EQ(name_of(demo[2]), "Pfa");
-  EXPECT_EQ(attrs(demo[2]), (std::map<std::string, std::string>{
-                                {"ms", "P"}, {"mv", "80"}, {"av", "12 Main St Loc"}}));
+  EXPECT_EQ(attrs(demo[2]), (std::map<std::string, std::string>{{"ms", "P"}, {"mv", "80"}, {"av", "12 Main St Loc"}}));
 
   EXPECT_EQ(attrs(top[1]), (std::map<std::string, std::string>{{"dih", "dih-value"}}));
   std::vector<xmlNode*> bios = elements(top[1]);
   ASSERT_EQ(bios.size(), 4u);
-  const char* expect[4][3] = {{"FMR", "LEFT_INDEX", "bs-0-FMR"}, {"FIR", "LEFT_INDEX", "bs-0-FIR"},
-                              {"FMR", "RIGHT_THUMB", "bs-1-FMR"}, {"FIR", "RIGHT_THUMB", "bs-1-FIR"}};
+  const char* expect[4][3] = {{"FMR", "LEFT_INDEX", "bs-0-FMR"},
+                              {"FIR", "LEFT_INDEX", "bs-0-FIR"},
+                              {"FMR", "RIGHT_THUMB", "bs-1-FMR"},
+                              {"FIR", "RIGHT_THUMB", "bs-1-FIR"}};
   for (int i = 0; i < 4; ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(name_of(bios[i]), "Bio");
@@ -238,7 +249,13 @@ TEST(PidXmlTest, OptionalPartsFollowTheInput) {
       {"full", [](PidInput*) {}, {"Demo", "Bios", "Pv"}, {"Pi", "Pa", "Pfa"}},
       {"no otp", [](PidInput* in) { in->otp_given = 0; }, {"Demo", "Bios"}, {"Pi", "Pa", "Pfa"}},
       {"no demo", [](PidInput* in) { in->demo_given = 0; }, {"Bios", "Pv"}, {}},
-      {"only Pa", [](PidInput* in) { in->pi.given = 0; in->pfa.given = 0; }, {"Demo", "Bios", "Pv"}, {"Pa"}},
+      {"only Pa",
+       [](PidInput* in) {
+         in->pi.given = 0;
+         in->pfa.given = 0;
+       },
+       {"Demo", "Bios", "Pv"},
+       {"Pa"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -372,27 +389,47 @@ TEST(PidProtobufTest, DemographicMappingTable) {
     int (*read)(const In__Gov__Uidai__Authserver__Protobuf__Pid*);
     int expected;
   } cases[] = {
-      {"Pi ms P", [](PidInput* in) { in->pi.ms.assign(1, 'P'); }, [](auto* p) { return p->demo->pi->has_ms ? int(p->demo->pi->ms) : -1; }, 2},
-      {"Pi ms F", [](PidInput* in) { in->pi.ms.assign(1, 'F'); }, [](auto* p) { return p->demo->pi->has_ms ? int(p->demo->pi->ms) : -1; }, -1},
-      {"Pa ms E", [](PidInput* in) { in->pa.ms.assign(1, 'E'); }, [](auto* p) { return p->demo->pa->has_ms ? int(p->demo->pa->ms) : -1; }, 1},
-      {"Pa ms P", [](PidInput* in) { in->pa.ms.assign(1, 'P'); }, [](auto* p) { return p->demo->pa->has_ms ? int(p->demo->pa->ms) : -1; }, -1},
-      {"Pfa ms E", [](PidInput* in) { in->pfa.ms.assign(1, 'E'); }, [](auto* p) { return p->demo->pfa->has_ms ? int(p->demo->pfa->ms) : -1; }, 1},
-      {"Pfa ms S", [](PidInput* in) { in->pfa.ms.assign(1, 'S'); }, [](auto* p) { return p->demo->pfa->has_ms ? int(p->demo->pfa->ms) : -1; }, -1},
-      {"gender M", [](PidInput* in) { in->pi.gender.assign(1, 'M'); }, [](auto* p) { return p->demo->pi->has_gender ? int(p->demo->pi->gender) : -1; }, 2},
-      {"gender T", [](PidInput* in) { in->pi.gender.assign(1, 'T'); }, [](auto* p) { return p->demo->pi->has_gender ? int(p->demo->pi->gender) : -1; }, 3},
-      {"gender X", [](PidInput* in) { in->pi.gender.assign(1, 'X'); }, [](auto* p) { return p->demo->pi->has_gender ? int(p->demo->pi->gender) : -1; }, -1},
-      {"dobt D", [](PidInput* in) { in->pi.dobt.assign(1, 'D'); }, [](auto* p) { return p->demo->pi->has_dobt ? int(p->demo->pi->dobt) : -1; }, 2},
-      {"dobt A", [](PidInput* in) { in->pi.dobt.assign(1, 'A'); }, [](auto* p) { return p->demo->pi->has_dobt ? int(p->demo->pi->dobt) : -1; }, 3},
-      {"dobt empty", [](PidInput* in) { in->pi.dobt.clear(); }, [](auto* p) { return p->demo->pi->has_dobt ? int(p->demo->pi->dobt) : -1; }, -1},
-      {"dob year", [](PidInput* in) { in->pi.dob = "2001-02-03"; }, [](auto* p) { return p->demo->pi->dob ? p->demo->pi->dob->year : -1; }, 2001},
-      {"dob month", [](PidInput* in) { in->pi.dob = "2001-02-03"; }, [](auto* p) { return p->demo->pi->dob->has_month ? p->demo->pi->dob->month : -1; }, 2},
-      {"dob day", [](PidInput* in) { in->pi.dob = "2001-02-03"; }, [](auto* p) { return p->demo->pi->dob->has_day ? p->demo->pi->dob->day : -1; }, 3},
+      {"Pi ms P", [](PidInput* in) { in->pi.ms.assign(1, 'P'); },
+       [](auto* p) { return p->demo->pi->has_ms ? int(p->demo->pi->ms) : -1; }, 2},
+      {"Pi ms F", [](PidInput* in) { in->pi.ms.assign(1, 'F'); },
+       [](auto* p) { return p->demo->pi->has_ms ? int(p->demo->pi->ms) : -1; }, -1},
+      {"Pa ms E", [](PidInput* in) { in->pa.ms.assign(1, 'E'); },
+       [](auto* p) { return p->demo->pa->has_ms ? int(p->demo->pa->ms) : -1; }, 1},
+      {"Pa ms P", [](PidInput* in) { in->pa.ms.assign(1, 'P'); },
+       [](auto* p) { return p->demo->pa->has_ms ? int(p->demo->pa->ms) : -1; }, -1},
+      {"Pfa ms E", [](PidInput* in) { in->pfa.ms.assign(1, 'E'); },
+       [](auto* p) { return p->demo->pfa->has_ms ? int(p->demo->pfa->ms) : -1; }, 1},
+      {"Pfa ms S", [](PidInput* in) { in->pfa.ms.assign(1, 'S'); },
+       [](auto* p) { return p->demo->pfa->has_ms ? int(p->demo->pfa->ms) : -1; }, -1},
+      {"gender M", [](PidInput* in) { in->pi.gender.assign(1, 'M'); },
+       [](auto* p) { return p->demo->pi->has_gender ? int(p->demo->pi->gender) : -1; }, 2},
+      {"gender T", [](PidInput* in) { in->pi.gender.assign(1, 'T'); },
+       [](auto* p) { return p->demo->pi->has_gender ? int(p->demo->pi->gender) : -1; }, 3},
+      {"gender X", [](PidInput* in) { in->pi.gender.assign(1, 'X'); },
+       [](auto* p) { return p->demo->pi->has_gender ? int(p->demo->pi->gender) : -1; }, -1},
+      {"dobt D", [](PidInput* in) { in->pi.dobt.assign(1, 'D'); },
+       [](auto* p) { return p->demo->pi->has_dobt ? int(p->demo->pi->dobt) : -1; }, 2},
+      {"dobt A", [](PidInput* in) { in->pi.dobt.assign(1, 'A'); },
+       [](auto* p) { return p->demo->pi->has_dobt ? int(p->demo->pi->dobt) : -1; }, 3},
+      {"dobt empty", [](PidInput* in) { in->pi.dobt.clear(); },
+       [](auto* p) { return p->demo->pi->has_dobt ? int(p->demo->pi->dobt) : -1; }, -1},
+      {"dob year", [](PidInput* in) { in->pi.dob = "2001-02-03"; },
+       [](auto* p) { return p->demo->pi->dob ? p->demo->pi->dob->year : -1; }, 2001},
+      {"dob month", [](PidInput* in) { in->pi.dob = "2001-02-03"; },
+       [](auto* p) { return p->demo->pi->dob->has_month ? p->demo->pi->dob->month : -1; }, 2},
+      {"dob day", [](PidInput* in) { in->pi.dob = "2001-02-03"; },
+       [](auto* p) { return p->demo->pi->dob->has_day ? p->demo->pi->dob->day : -1; }, 3},
       {"dob empty", [](PidInput* in) { in->pi.dob.clear(); }, [](auto* p) { return p->demo->pi->dob ? 1 : -1; }, -1},
-      {"dob garbage", [](PidInput* in) { in->pi.dob = "abc-de"; }, [](auto* p) { return p->demo->pi->dob ? 1 : -1; }, -1},
-      {"age garbage", [](PidInput* in) { in->pi.age = "3x"; }, [](auto* p) { return p->demo->pi->has_age ? 1 : -1; }, -1},
-      {"lmv", [](PidInput* in) { in->pi.lmv = "75"; }, [](auto* p) { return p->demo->pi->has_lmv ? p->demo->pi->lmv : -1; }, 75},
-      {"lang Tamil", [](PidInput* in) { in->lang = "20"; }, [](auto* p) { return p->demo->has_lang ? int(p->demo->lang) : -1; }, 20},
-      {"lang outside", [](PidInput* in) { in->lang = "03"; }, [](auto* p) { return p->demo->has_lang ? int(p->demo->lang) : -1; }, -1},
+      {"dob garbage", [](PidInput* in) { in->pi.dob = "abc-de"; }, [](auto* p) { return p->demo->pi->dob ? 1 : -1; },
+       -1},
+      {"age garbage", [](PidInput* in) { in->pi.age = "3x"; }, [](auto* p) { return p->demo->pi->has_age ? 1 : -1; },
+       -1},
+      {"lmv", [](PidInput* in) { in->pi.lmv = "75"; },
+       [](auto* p) { return p->demo->pi->has_lmv ? p->demo->pi->lmv : -1; }, 75},
+      {"lang Tamil", [](PidInput* in) { in->lang = "20"; },
+       [](auto* p) { return p->demo->has_lang ? int(p->demo->lang) : -1; }, 20},
+      {"lang outside", [](PidInput* in) { in->lang = "03"; },
+       [](auto* p) { return p->demo->has_lang ? int(p->demo->lang) : -1; }, -1},
       {"no demo", [](PidInput* in) { in->demo_given = 0; }, [](auto* p) { return p->demo ? 1 : -1; }, -1},
       {"no otp", [](PidInput* in) { in->otp_given = 0; }, [](auto* p) { return p->pv ? 1 : -1; }, -1},
       {"posh UNKNOWN", [](PidInput*) {}, [](auto* p) { return int(p->bios->bio[0]->posh); }, 13},

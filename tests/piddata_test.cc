@@ -62,8 +62,9 @@ PidDataResponse device_response() {
 // Checks the DeviceInfo element and its additional_info against r.
 void expect_device_info(xmlNode* info, const PidDataResponse& r) {
   ASSERT_EQ(name_of(info), "DeviceInfo");
-  EXPECT_EQ(attrs_of(info), (Attrs{{"dpId", r.dpId}, {"rdsId", r.rdsId}, {"rdsVer", r.rdsVer}, {"dc", r.dc},
-                                   {"mi", r.mi}, {"mc", r.mc}}));
+  EXPECT_EQ(
+      attrs_of(info),
+      (Attrs{{"dpId", r.dpId}, {"rdsId", r.rdsId}, {"rdsVer", r.rdsVer}, {"dc", r.dc}, {"mi", r.mi}, {"mc", r.mc}}));
   auto extra = children_of(info);
   ASSERT_EQ(extra.size(), 1u);
   EXPECT_EQ(name_of(extra[0]), "additional_info");
@@ -104,9 +105,16 @@ TEST(PidData, SuccessDocumentLayout) {
   auto kids = children_of(root);
   ASSERT_EQ(kids.size(), 5u);
   EXPECT_EQ(name_of(kids[0]), "Resp");
-  EXPECT_EQ(attrs_of(kids[0]), (Attrs{{"errCode", "0"}, {"errInfo", "SUCCESS"}, {"fCount", "2"}, {"fType", "2"},
-                                      {"iCount", "0"}, {"iType", "0"}, {"pCount", "0"}, {"pType", "0"},
-                                      {"nmPoints", "045,038"}, {"qScore", "1234,007"}}));
+  EXPECT_EQ(attrs_of(kids[0]), (Attrs{{"errCode", "0"},
+                                      {"errInfo", "SUCCESS"},
+                                      {"fCount", "2"},
+                                      {"fType", "2"},
+                                      {"iCount", "0"},
+                                      {"iType", "0"},
+                                      {"pCount", "0"},
+                                      {"pType", "0"},
+                                      {"nmPoints", "045,038"},
+                                      {"qScore", "1234,007"}}));
   expect_device_info(kids[1], r);
   EXPECT_EQ(name_of(kids[2]), "Skey");
   EXPECT_EQ(attrs_of(kids[2]), (Attrs{{"ci", "20251231"}}));
@@ -193,7 +201,12 @@ TEST(PidData, EveryErrorCodeAndItsAnswer) {
       {790, "Invalid Command/Request"},
       {999, "Internal error"},
       // Codes outside the table have no text and give an empty errInfo.
-      {-2, nullptr}, {1, nullptr}, {101, nullptr}, {230, nullptr}, {998, nullptr}, {1000, nullptr},
+      {-2, nullptr},
+      {1, nullptr},
+      {101, nullptr},
+      {230, nullptr},
+      {998, nullptr},
+      {1000, nullptr},
   };
   for (const auto& [code, text] : table) {
     SCOPED_TRACE(code);

@@ -43,17 +43,16 @@ class PidOptionsTest : public ::testing::Test {
 struct GateCase {
   const char* name;
   std::string body;
-  int schema;        // 0 valid, 1 any positive result
-  int parse;         // Parse_XML_Request's code
-  int allowed;       // Allowed_methods, or kSkip
-  std::string log;   // text that must appear in the run log ("" for none)
+  int schema;       // 0 valid, 1 any positive result
+  int parse;        // Parse_XML_Request's code
+  int allowed;      // Allowed_methods, or kSkip
+  std::string log;  // text that must appear in the run log ("" for none)
   std::function<void(const PidOptionsRequest&)> check;
 };
 
 TEST_F(PidOptionsTest, EveryGateAndAttributeRule) {
   using R = const PidOptionsRequest&;
-  const std::string base =
-      "fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" posh=\"UNKNOWN\"";
+  const std::string base = "fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" posh=\"UNKNOWN\"";
   const std::vector<GateCase> cases = {
       {"reference request", doc(base), 0, 0, 0, "Final.xml validates",
        [](R r) {

@@ -25,8 +25,8 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string body_of(const std::string& p1_name, const std::string& p1_value, const std::string& p2_name) {
-  return "<PostAuth><CustOpts><Param1 name=\"" + p1_name + "\" value=\"" + p1_value + "\"/><Param2 name=\"" +
-         p2_name + "\" value=\"\"/></CustOpts></PostAuth>";
+  return "<PostAuth><CustOpts><Param1 name=\"" + p1_name + "\" value=\"" + p1_value + "\"/><Param2 name=\"" + p2_name +
+         "\" value=\"\"/></CustOpts></PostAuth>";
 }
 std::string query(const std::string& command) { return body_of("", "", command); }
 std::string print(const std::string& text) { return body_of("PRINTER", text, ""); }
@@ -42,7 +42,9 @@ std::string answer(int port, const std::string& dev_code, const std::string& dev
                            "\"   Description = \"" + rd_text + "\"  RD_Status = \"" + status + "\" />\n</PostAuthResp>";
   return ok_header(port, "/rd/postauth", body.size()) + body;
 }
-std::string success(int port, const std::string& value) { return answer(port, "0", "SUCCESS", value, "0", "SUCCESS", "READY"); }
+std::string success(int port, const std::string& value) {
+  return answer(port, "0", "SUCCESS", value, "0", "SUCCESS", "READY");
+}
 std::string refusal(int port, const std::string& code, const std::string& text, const std::string& status = "READY") {
   return answer(port, "-1", "Command Not Sent to Device", "(null)", code, text, status);
 }
@@ -97,13 +99,14 @@ TEST(PostAuthParse, KeepsTheFourTextsOrRefuses) {
     int rc;
     std::string p1_name, p1_value, p2_name, p2_value, log;
   } rows[] = {
-      {"both params", "<PostAuth><CustOpts><Param1 name=\"PRINTER\" value=\"Rs 10 &amp; &lt;ok&gt;\"/>"
-                      "<Param2 name=\"GET_DEVICEID\" value=\"x\"/></CustOpts></PostAuth>",
+      {"both params",
+       "<PostAuth><CustOpts><Param1 name=\"PRINTER\" value=\"Rs 10 &amp; &lt;ok&gt;\"/>"
+       "<Param2 name=\"GET_DEVICEID\" value=\"x\"/></CustOpts></PostAuth>",
        0, "PRINTER", "Rs 10 & <ok>", "GET_DEVICEID", "x", ""},
       {"only Param2", query("GET_BATTERYSTATUS"), 0, "", "", "GET_BATTERYSTATUS", "", ""},
       {"empty root", "<PostAuth/>", 0, "", "", "", "", ""},
-      {"CustOpts not first", "<PostAuth><X/><CustOpts><Param1 name=\"PRINTER\" value=\"t\"/></CustOpts></PostAuth>",
-       0, "", "", "", "", ""},
+      {"CustOpts not first", "<PostAuth><X/><CustOpts><Param1 name=\"PRINTER\" value=\"t\"/></CustOpts></PostAuth>", 0,
+       "", "", "", "", ""},
       {"long value cut", print(std::string(300, 'x')), 0, "PRINTER", std::string(255, 'x'), "", "", ""},
       {"cut before a split character", print(a254 + "\xC3\xA9"), 0, "PRINTER", a254, "", "", ""},
       {"PidOptions root", "<PidOptions ver=\"1.0\"><Opts fCount=\"1\"/></PidOptions>", 100, "", "", "", "",
@@ -140,25 +143,42 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
       {"firmware", {{"tavio_firmware", "FW 9.9"}}, query("GET_FIRMWAREVERSION"), success(p, "FW 9.9")},
       {"identifiers", {{"tavio_serial", "TX9-777"}}, query("GET_DEVICEID"), success(p, "TX9-777")},
       {"print", {}, print("Rs 10 paid"), success(p, "Printed")},
-      {"device text escaped", {{"tavio_battery", "5 & <6> \"x\""}}, query("GET_BATTERYSTATUS"),
+      {"device text escaped",
+       {{"tavio_battery", "5 & <6> \"x\""}},
+       query("GET_BATTERYSTATUS"),
        success(p, "5 &amp; &lt;6&gt; &quot;x&quot;")},
-      {"device bytes made XML", {{"tavio_battery", "5\t6\x01\xff%"}}, query("GET_BATTERYSTATUS"),
+      {"device bytes made XML",
+       {{"tavio_battery", "5\t6\x01\xff%"}},
+       query("GET_BATTERYSTATUS"),
        success(p, "5&#9;6?%")},
-      {"battery fails", {{"tavio_battery_result", "-5"}}, query("GET_BATTERYSTATUS"),
+      {"battery fails",
+       {{"tavio_battery_result", "-5"}},
+       query("GET_BATTERYSTATUS"),
        refusal(p, "-20", "Getting Battery Status is Failed from the Device ")},
-      {"firmware fails", {{"tavio_firmware_result", "65"}}, query("GET_FIRMWAREVERSION"),
+      {"firmware fails",
+       {{"tavio_firmware_result", "65"}},
+       query("GET_FIRMWAREVERSION"),
        refusal(p, "-30", "Getting Firmware Version is Failed from the Device")},
       // The device check asks for the identifiers first; the command's call fails.
-      {"identifiers fail", {{"tavio_serial_results", "0,-7"}}, query("GET_DEVICEID"),
+      {"identifiers fail",
+       {{"tavio_serial_results", "0,-7"}},
+       query("GET_DEVICEID"),
        refusal(p, "-60", "Getting ID's from Device is failed")},
       {"query name not exact", {}, query("GET_BATTERY"), refusal(p, "-1", "Command Not Sent to Device")},
       {"printer in Param2", {}, body_of("", "", "PRINTER"), refusal(p, "-1", "Command Not Sent to Device")},
       {"no command", {}, "<PostAuth/>", refusal(p, "-1", "Command Not Sent to Device")},
-      {"PidOptions root", {}, "<PidOptions ver=\"1.0\"/>",
+      {"PidOptions root",
+       {},
+       "<PidOptions ver=\"1.0\"/>",
        refusal(p, "100", "Invalid PidOptions input. XML should strictly adhere to spec.")},
       {"not XML", {}, "<PostAuth", refusal(p, "-1", "Command Not Sent to Device")},
-      {"paper out", {{"tavio_print_result", "3"}}, print("x"), refusal(p, "3", "Paper Roll is Finished or Not Present")},
-      {"battery low, cover open", {{"tavio_print_result", "73"}}, print("x"),
+      {"paper out",
+       {{"tavio_print_result", "3"}},
+       print("x"),
+       refusal(p, "3", "Paper Roll is Finished or Not Present")},
+      {"battery low, cover open",
+       {{"tavio_print_result", "73"}},
+       print("x"),
        refusal(p, "73", "Paper Roll Patch is left Opened and Battery of Device is also Low")},
       {"printer status without a text", {{"tavio_print_result", "15"}}, print("x"), refusal(p, "15", "")},
   };
@@ -191,7 +211,8 @@ TEST_F(PostAuthTest, StatusRefusals) {
       {set_rd_status_used, refusal(port_, "710", "Being used by another application", "USED"), "",
        "RD Service is in USED state, please wait for some time"},
       {set_rd_status_notready, refusal(port_, "720", "Device not ready", "NOTREADY"),
-       "OpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n", "RD Service is in NOTREADY state, please wait for some time"},
+       "OpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n",
+       "RD Service is in NOTREADY state, please wait for some time"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.log);
@@ -209,13 +230,15 @@ TEST_F(PostAuthTest, StatusRefusals) {
 TEST_F(PostAuthTest, AbsentDeviceCostsThreeTriesThenRecovers) {
   control({{"tavio_present", "0"}});
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(post(query("GET_BATTERYSTATUS")), refusal(port_, "-10", "Opening COM Port is failed for device", "NOTREADY"));
+  EXPECT_EQ(post(query("GET_BATTERYSTATUS")),
+            refusal(port_, "-10", "Opening COM Port is failed for device", "NOTREADY"));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
   EXPECT_EQ(sim::call_log(g_refdll), "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port -1\n");
   EXPECT_EQ(count_of(log_text(), "OpenCom_port function failed, Trying Again!!\n"), 3);
   EXPECT_TRUE(log_has("postauth", "Get_Response_From_Device", "OpenCom_port function failed"));
   EXPECT_TRUE(pipe_->wait_for("10000|Connection to Bluetooth failed,|please connect the device again\n"));
-  EXPECT_NE(last_status().find(" | postauth | Check_Device_status | Connection to Bluetooth failed, please connect the device again"),
+  EXPECT_NE(last_status().find(
+                " | postauth | Check_Device_status | Connection to Bluetooth failed, please connect the device again"),
             std::string::npos);
   EXPECT_EQ(get_device_detached(), 1);
   EXPECT_EQ(http_exchange(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "NOTREADY"));
@@ -223,7 +246,8 @@ TEST_F(PostAuthTest, AbsentDeviceCostsThreeTriesThenRecovers) {
   // The link opens at the third try: the device is back.
   control({{"tavio_open_failures", "2"}});
   EXPECT_EQ(http_exchange(port_, "RDSERVICE / HTTP/1.1\r\n\r\n"), discovery_answer(port_, "READY"));
-  EXPECT_EQ(sim::call_log(g_refdll), "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n");
+  EXPECT_EQ(sim::call_log(g_refdll),
+            "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n");
   EXPECT_EQ(get_device_detached(), 0);
   control({});
   EXPECT_EQ(post(query("GET_BATTERYSTATUS")), success(port_, "85"));
@@ -277,8 +301,8 @@ TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
                         "host.out");
   testsys::set_env("APPDATA", nullptr);
   ASSERT_TRUE(host.started());
-  ASSERT_TRUE(wait_until([] { return read_file("host.out").find("Start_RDservice returned 0") != std::string::npos; },
-                         20000))
+  ASSERT_TRUE(
+      wait_until([] { return read_file("host.out").find("Start_RDservice returned 0") != std::string::npos; }, 20000))
       << read_file("host.out");
   const int port = logged_port("rd.log");
   EXPECT_NE(read_file("rd.log").find("Port is " + platform::serial_port_path("ttyS5") + "\n"), std::string::npos);

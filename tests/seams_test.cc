@@ -22,13 +22,20 @@ TEST(TestSeams, DefaultRecordLeavesTheRealValues) {
     const char* name;
     long long value, real;
   } rows[] = {
-      {"request and answer wait", recv_wait_ms(), 60000}, {"accept wait", accept_wait_ms(), 15000},
-      {"pause between accepts", accept_pause_ms(), 100},  {"first port", first_service_port(), 11100},
-      {"last port", last_service_port(), 11120},          {"scanner lock wait", lock_timeout_ms(), 20000},
-      {"handheld lock wait", tavio_lock_timeout_ms(), 2000}, {"PostAuth pause", postauth_retry_pause_ms(), 2000},
-      {"prompt beep", t.prompt_beep_ms, 500},             {"accepted beep", t.accepted_beep_ms, 900},
-      {"low-quality beep", t.low_quality_beep_ms, 900},   {"re-capture pause", t.recapture_pause_ms, 1500},
-      {"pause between fingers", t.between_fingers_ms, 5}, {"Management time-out", zelm_timeout_seconds(), 90},
+      {"request and answer wait", recv_wait_ms(), 60000},
+      {"accept wait", accept_wait_ms(), 15000},
+      {"pause between accepts", accept_pause_ms(), 100},
+      {"first port", first_service_port(), 11100},
+      {"last port", last_service_port(), 11120},
+      {"scanner lock wait", lock_timeout_ms(), 20000},
+      {"handheld lock wait", tavio_lock_timeout_ms(), 2000},
+      {"PostAuth pause", postauth_retry_pause_ms(), 2000},
+      {"prompt beep", t.prompt_beep_ms, 500},
+      {"accepted beep", t.accepted_beep_ms, 900},
+      {"low-quality beep", t.low_quality_beep_ms, 900},
+      {"re-capture pause", t.recapture_pause_ms, 1500},
+      {"pause between fingers", t.between_fingers_ms, 5},
+      {"Management time-out", zelm_timeout_seconds(), 90},
       {"download range limit", download_range_seconds(), 60},
   };
   for (const auto& r : rows) EXPECT_EQ(r.value, r.real) << r.name;

@@ -73,14 +73,10 @@ inline std::string read_text(const std::string& path) {
 }  // namespace detail
 
 // Lines "<function> <result>" written with call_log = 1 ("" when none).
-inline std::string call_log(const std::string& refdll_dir) {
-  return detail::read_text(refdll_dir + "/sim_calls.log");
-}
+inline std::string call_log(const std::string& refdll_dir) { return detail::read_text(refdll_dir + "/sim_calls.log"); }
 
 // Texts the simulated handheld device printed, one per line.
-inline std::string printed(const std::string& refdll_dir) {
-  return detail::read_text(refdll_dir + "/sim_printer.txt");
-}
+inline std::string printed(const std::string& refdll_dir) { return detail::read_text(refdll_dir + "/sim_printer.txt"); }
 
 }  // namespace sim
 

@@ -82,7 +82,8 @@ TEST_F(SimTest, SerialNumberIsTheDescriptionsLeadingText) {
     EXPECT_EQ(row.serial, serial);
     const std::string status = testutil::last_status();
     if (row.rc == -3) {
-      EXPECT_NE(std::string::npos, status.find(" | pidblock_A600 | getdeviceserialnumber | Getting serial number failed "))
+      EXPECT_NE(std::string::npos,
+                status.find(" | pidblock_A600 | getdeviceserialnumber | Getting serial number failed "))
           << status;
     } else {
       EXPECT_EQ("", status);
@@ -307,17 +308,33 @@ int run(Call call, std::string* text, int out_len = 64) {
   std::vector<char> out(64, 'Z');
   int rc = 0;
   switch (call) {
-    case Call::kOpen: rc = t.OpenCom_port("/dev/rfcomm0"); break;
-    case Call::kClose: rc = t.ClosePort(); break;
-    case Call::kBattery: rc = t.Get_BatteryStatus(out.data(), out_len); break;
-    case Call::kFirmware: rc = t.Get_FWVersion(out.data(), out_len); break;
-    case Call::kSerial: rc = t.Get_SerialNumber(out.data(), out_len); break;
-    case Call::kPrint: rc = t.Print_Data("Receipt 42", out.data(), out_len); break;
-    case Call::kLogsInit: rc = t.TavioLogs_Init("logs"); break;
-    case Call::kSecurity: rc = t.Initialize_BT_Security("secret"); break;
+    case Call::kOpen:
+      rc = t.OpenCom_port("/dev/rfcomm0");
+      break;
+    case Call::kClose:
+      rc = t.ClosePort();
+      break;
+    case Call::kBattery:
+      rc = t.Get_BatteryStatus(out.data(), out_len);
+      break;
+    case Call::kFirmware:
+      rc = t.Get_FWVersion(out.data(), out_len);
+      break;
+    case Call::kSerial:
+      rc = t.Get_SerialNumber(out.data(), out_len);
+      break;
+    case Call::kPrint:
+      rc = t.Print_Data("Receipt 42", out.data(), out_len);
+      break;
+    case Call::kLogsInit:
+      rc = t.TavioLogs_Init("logs");
+      break;
+    case Call::kSecurity:
+      rc = t.Initialize_BT_Security("secret");
+      break;
   }
-  const bool answers = call != Call::kOpen && call != Call::kClose && call != Call::kLogsInit &&
-                       call != Call::kSecurity;
+  const bool answers =
+      call != Call::kOpen && call != Call::kClose && call != Call::kLogsInit && call != Call::kSecurity;
   *text = answers ? std::string(out.data(), strnlen(out.data(), out.size())) : "";
   return rc;
 }
@@ -330,19 +347,35 @@ TEST_F(SimTest, HandheldAnswersAndFailsAsScripted) {
     std::vector<Step> steps;
   } rows[] = {
       {{},
-       {{C::kLogsInit, 0, ""}, {C::kSecurity, 0, ""}, {C::kBattery, SIM_ERR_NO_DEVICE, ""}, {C::kOpen, 0, ""},
-        {C::kBattery, 0, SIM_DEFAULT_TAVIO_BATTERY}, {C::kFirmware, 0, SIM_DEFAULT_TAVIO_FIRMWARE},
-        {C::kSerial, 0, SIM_DEFAULT_TAVIO_SERIAL}, {C::kPrint, 0, SIM_DEFAULT_TAVIO_PRINT}, {C::kClose, 0, ""},
-        {C::kClose, SIM_ERR_NO_DEVICE, ""}, {C::kSerial, SIM_ERR_NO_DEVICE, ""}}},
+       {{C::kLogsInit, 0, ""},
+        {C::kSecurity, 0, ""},
+        {C::kBattery, SIM_ERR_NO_DEVICE, ""},
+        {C::kOpen, 0, ""},
+        {C::kBattery, 0, SIM_DEFAULT_TAVIO_BATTERY},
+        {C::kFirmware, 0, SIM_DEFAULT_TAVIO_FIRMWARE},
+        {C::kSerial, 0, SIM_DEFAULT_TAVIO_SERIAL},
+        {C::kPrint, 0, SIM_DEFAULT_TAVIO_PRINT},
+        {C::kClose, 0, ""},
+        {C::kClose, SIM_ERR_NO_DEVICE, ""},
+        {C::kSerial, SIM_ERR_NO_DEVICE, ""}}},
       {{{"tavio_open_results", "-1,-1"}}, {{C::kOpen, -1, ""}, {C::kOpen, -1, ""}, {C::kOpen, 0, ""}}},
       {{{"tavio_present", "0"}}, {{C::kClose, 0, ""}, {C::kOpen, -1, ""}, {C::kOpen, -1, ""}}},
       {{{"tavio_battery", "20"}, {"tavio_firmware", "FW 9.9"}, {"tavio_serial", "TX9-777"}, {"tavio_print", "Done"}},
-       {{C::kOpen, 0, ""}, {C::kBattery, 0, "20"}, {C::kFirmware, 0, "FW 9.9"}, {C::kSerial, 0, "TX9-777"},
+       {{C::kOpen, 0, ""},
+        {C::kBattery, 0, "20"},
+        {C::kFirmware, 0, "FW 9.9"},
+        {C::kSerial, 0, "TX9-777"},
         {C::kPrint, 0, "Done"}}},
-      {{{"tavio_battery_result", "65"}, {"tavio_firmware_results", "0,-30"}, {"tavio_serial_result", "-60"},
+      {{{"tavio_battery_result", "65"},
+        {"tavio_firmware_results", "0,-30"},
+        {"tavio_serial_result", "-60"},
         {"tavio_print_result", "3"}},
-       {{C::kBattery, 65, ""}, {C::kFirmware, 0, SIM_DEFAULT_TAVIO_FIRMWARE}, {C::kFirmware, -30, ""},
-        {C::kSerial, -60, ""}, {C::kPrint, 3, ""}, {C::kBattery, 65, ""}}},
+       {{C::kBattery, 65, ""},
+        {C::kFirmware, 0, SIM_DEFAULT_TAVIO_FIRMWARE},
+        {C::kFirmware, -30, ""},
+        {C::kSerial, -60, ""},
+        {C::kPrint, 3, ""},
+        {C::kBattery, 65, ""}}},
       {{{"tavio_logs_init_result", "-8"}, {"bt_security_results", "-4"}, {"tavio_close_result", "-2"}},
        {{C::kLogsInit, -8, ""}, {C::kSecurity, -4, ""}, {C::kSecurity, 0, ""}, {C::kClose, -2, ""}}},
   };

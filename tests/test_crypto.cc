@@ -17,8 +17,8 @@ std::string bio_text(BIO* mem) {
   return std::string(data, static_cast<std::size_t>(len));
 }
 
-std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after,
-                          long serial, const char* o) {
+std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after, long serial,
+                          const char* o) {
   X509Ptr x(X509_new());
   X509_set_version(x.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(x.get()), serial);
@@ -113,7 +113,8 @@ bool rsa_sha256_verify(EVP_PKEY* key, const Bytes& message, const Bytes& sig) {
 std::optional<Bytes> base64_decode(const std::string& text) {
   if (text.size() % 4 != 0) return std::nullopt;
   Bytes out(text.size() / 4 * 3 + 1);
-  int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+  int n =
+      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
   if (n < 0) return std::nullopt;
   std::size_t len = static_cast<std::size_t>(n);
   // EVP_DecodeBlock counts the padding as zero bytes.

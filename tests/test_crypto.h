@@ -27,8 +27,8 @@ struct KeyAndCert {
 // UIDAI certificate the library takes as plausible while it is valid.
 KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* not_after, long serial = 7);
 // The same certificate form over an existing key, with organisation o.
-std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after,
-                          long serial = 1, const char* o = "UIDAI");
+std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after, long serial = 1,
+                          const char* o = "UIDAI");
 // A PEM certificate and its public key, or null.
 X509Ptr cert_of_pem(const std::string& pem);
 PkeyPtr public_key_of_cert(const std::string& pem);

@@ -127,7 +127,9 @@ int local_port(platform::socket_t s) {
 
 namespace {
 long long ns_of(const timespec& t) { return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec; }
-timespec timespec_of(long long ns) { return {static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)}; }
+timespec timespec_of(long long ns) {
+  return {static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)};
+}
 }  // namespace
 
 bool file_times(const std::string& path, FileTimes* out) {

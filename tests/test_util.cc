@@ -76,7 +76,9 @@ int mode_of(const std::string& path) {
   return ec || !fs::exists(st) ? -1 : static_cast<int>(st.permissions() & fs::perms::mask);
 }
 
-std::string data_file(const std::string& name) { return read_file(std::string(VEXO_SOURCE_DIR) + "/tests/data/" + name); }
+std::string data_file(const std::string& name) {
+  return read_file(std::string(VEXO_SOURCE_DIR) + "/tests/data/" + name);
+}
 
 bool wait_until(const std::function<bool()>& done, int timeout_ms) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -167,7 +169,9 @@ std::string http_exchange(int port, const std::vector<std::string>& pieces, int 
   return answer;
 }
 
-std::string http_exchange(int port, const std::string& request) { return http_exchange(port, std::vector<std::string>{request}); }
+std::string http_exchange(int port, const std::string& request) {
+  return http_exchange(port, std::vector<std::string>{request});
+}
 
 long feed_until_server_acts(int s, const std::function<void(int)>& send_next, int pause_ms, int give_up_ms) {
   const auto start = std::chrono::steady_clock::now();
@@ -319,8 +323,9 @@ Attrs attrs(xmlNode* node) {
 
 std::string ok_header(int port, const std::string& path, std::size_t length, const char* origin) {
   const std::string loc = "http://127.0.0.1:" + std::to_string(port) + path;
-  return "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: " + loc + "\r\nContent-Length: " +
-         std::to_string(length) + "\r\nContent-Type: text/xml\r\nConnection: close\r\nAccess-Control-Allow-Origin: " +
+  return "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: " + loc +
+         "\r\nContent-Length: " + std::to_string(length) +
+         "\r\nContent-Type: text/xml\r\nConnection: close\r\nAccess-Control-Allow-Origin: " +
          (origin != nullptr ? std::string(origin) : loc) + "\r\n\r\n";
 }
 

@@ -85,8 +85,9 @@ TEST_F(TlsTest, ServesRequestsOverHttps) {
   EXPECT_TRUE(wait_log("sslCommunication", "sendThruSSL", "Body sent successfully"));
   // A body read through TLS takes the same path as over plain TCP; a request
   // that does not fit is refused over TLS too.
-  EXPECT_EQ(tls_exchange(port, "CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 1025\r\n\r\n<" + std::string(1024, 'a')),
-            ok_header(port, "/rd/capture", 114) + kBadPidOptions);
+  EXPECT_EQ(
+      tls_exchange(port, "CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 1025\r\n\r\n<" + std::string(1024, 'a')),
+      ok_header(port, "/rd/capture", 114) + kBadPidOptions);
   EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", " content_length is: 1025"));
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\nContent-Length: 3000\r\n\r\n" + std::string(3000, 'z')),
             error_header(413, port, ""));
@@ -134,7 +135,8 @@ TEST_F(TlsTest, DropsClientsThatFailTheHandshake) {
   platform::close_socket(s);
   EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept timed out"));
   EXPECT_TRUE(wait_log("server", "process_incoming_message", "makeSSLConnection Failed"));
-  EXPECT_NE(last_status().find(" | server | process_incoming_message | SSL Connection Failed, please check browser settings "),
+  EXPECT_NE(last_status().find(
+                " | server | process_incoming_message | SSL Connection Failed, please check browser settings "),
             std::string::npos);
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n", TLS1_VERSION, TLS1_1_VERSION), "handshake failed");
   EXPECT_TRUE(wait_log("sslCommunication", "printSSLError", "SSL throws:SSL_ERROR_SSL"));
@@ -160,8 +162,8 @@ TEST_F(TlsTest, TrickledHandshakeIsDroppedAtTheRequestLimit) {
   const std::string hello(data, static_cast<std::size_t>(length));
   ASSERT_GT(hello.size(), 100u);
   const int s = connect_to(port);
-  const long acted_ms =
-      feed_until_server_acts(s, [&](int i) { (void)platform::send_socket(s, hello.data() + i, 1); }, 50, 5000);
+  const long acted_ms = feed_until_server_acts(
+      s, [&](int i) { (void)platform::send_socket(s, hello.data() + i, 1); }, 50, 5000);
   EXPECT_GE(acted_ms, kLimitMs - 100);
   EXPECT_LE(acted_ms, kLimitMs + 1000);
   platform::close_socket(s);
@@ -207,12 +209,15 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
     std::unique_ptr<SSL, SslFree> ssl(SSL_new(ctx.get()));
     SSL_set_fd(ssl.get(), s);
     ASSERT_EQ(SSL_connect(ssl.get()), 1);
-    const long acted_ms = feed_until_server_acts(s, [&](int i) {
-      if (i == 0 && row.raw) (void)platform::send_socket(s, row.first.data(), row.first.size());
-      if (i == 0 && !row.raw) SSL_write(ssl.get(), row.first.data(), static_cast<int>(row.first.size()));
-      if (i > 0 && row.then == Then::kRecordPerByte) SSL_write(ssl.get(), "a", 1);
-      if (i > 0 && row.then == Then::kRawBytes) (void)platform::send_socket(s, "a", 1);
-    }, 100, 5000);
+    const long acted_ms = feed_until_server_acts(
+        s,
+        [&](int i) {
+          if (i == 0 && row.raw) (void)platform::send_socket(s, row.first.data(), row.first.size());
+          if (i == 0 && !row.raw) SSL_write(ssl.get(), row.first.data(), static_cast<int>(row.first.size()));
+          if (i > 0 && row.then == Then::kRecordPerByte) SSL_write(ssl.get(), "a", 1);
+          if (i > 0 && row.then == Then::kRawBytes) (void)platform::send_socket(s, "a", 1);
+        },
+        100, 5000);
     char buf[256];
     if (acted_ms >= 0) {
       EXPECT_LE(SSL_read(ssl.get(), buf, sizeof buf), 0) << "an answer came";

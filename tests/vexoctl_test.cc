@@ -44,7 +44,6 @@ ToolRun run_tool(const std::string& exe, std::vector<std::string> args) {
 
 const std::string kTool = std::string(VEXO_BUILD_DIR) + "/vexoctl";
 
-
 std::unique_ptr<X509, X509Free> load_cert(const std::string& path) {
   FILE* f = fopen(path.c_str(), "r");
   if (f == nullptr) return nullptr;
@@ -66,7 +65,6 @@ std::unique_ptr<BIGNUM, BnFree> modulus(const EVP_PKEY* key) {
   EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &n);
   return std::unique_ptr<BIGNUM, BnFree>(n);
 }
-
 
 // Checks what tls-cert lays out in wd: a server pair that belongs together,
 // names localhost, 127.0.0.1 and ::1 (and nothing else), and chains to the
@@ -91,7 +89,7 @@ std::string expect_local_tls(const std::string& wd) {
     const char* name;
     bool ip;
     bool matches;
-  } names[] = {{"localhost", false, true}, {"127.0.0.1", true, true}, {"::1", true, true},
+  } names[] = {{"localhost", false, true},    {"127.0.0.1", true, true},  {"::1", true, true},
                {"example.com", false, false}, {"127.0.0.2", true, false}, {"::2", true, false}};
   for (const auto& n : names) {
     int got = n.ip ? X509_check_ip_asc(cert.get(), n.name, 0) : X509_check_host(cert.get(), n.name, 0, 0, nullptr);
@@ -119,7 +117,10 @@ class VexoctlTest : public ::testing::Test {
  protected:
   void SetUp() override {
     test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
-    test_seams::update([&](test_seams::Seams& s) { s.scanner_lock_ms = 200; s.handheld_lock_ms = 200; });
+    test_seams::update([&](test_seams::Seams& s) {
+      s.scanner_lock_ms = 200;
+      s.handheld_lock_ms = 200;
+    });
     semaphore_reset_for_test();
     rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
     ASSERT_EQ(init_semaphore(), 0);
@@ -140,7 +141,9 @@ class VexoctlTest : public ::testing::Test {
     setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     if (refdll) {
       fs::create_directories(bin + "/RefDll");
-      write_file(bin + "/RefDll/libAraTrustFinger.so", std::string("\x7f" "ELF fake library\0tail", 22));
+      write_file(bin + "/RefDll/libAraTrustFinger.so", std::string("\x7f"
+                                                                   "ELF fake library\0tail",
+                                                                   22));
       write_file(bin + "/RefDll/libTavio.so", "another");
       write_file(bin + "/RefDll/README.txt", "not a library");
     }
@@ -201,19 +204,18 @@ TEST_F(VexoctlTest, DomainValueFromTheToolGivesTheEndpoints) {
   EXPECT_EQ(dec.rc, 0);
   EXPECT_EQ(dec.out, std::string(kUrl) + "\n");
 
-  write_file("config.ini", "[config]\nRD_VER = 1.0.0\nDEV_PUB_KEY_VALIDITY = 1440\ndc = D1\n"
-                           "DOMAIN_NAME = " + value + "\n");
+  write_file("config.ini",
+             "[config]\nRD_VER = 1.0.0\nDEV_PUB_KEY_VALIDITY = 1440\ndc = D1\n"
+             "DOMAIN_NAME = " +
+                 value + "\n");
   ASSERT_EQ(run_tool(kTool, {"seal", dir_.file("config.ini")}).rc, 0);
   ASSERT_EQ(read_config_in(dir_.path()), 0);
   const std::string b = kUrl;
   const RdConfig c = rd_config_copy();
   const std::vector<std::pair<std::string, std::string>> endpoints = {
-      {c.mgmt_url_register, b + "/rest/register/"},
-      {c.mgmt_url_keyrotation, b + "/rest/keyRotation/"},
-      {c.mgmt_url_uidaiupdate, b + "/rest/uidaiUpdate"},
-      {c.mgmt_url_updatestatus, b + "/rest/updateStatus"},
-      {c.mgmt_url_softupdate, b + "/rest/softUpdate/"},
-      {c.mgmt_url_getcert_pp, b + "/rest/getCert/PP"},
+      {c.mgmt_url_register, b + "/rest/register/"},      {c.mgmt_url_keyrotation, b + "/rest/keyRotation/"},
+      {c.mgmt_url_uidaiupdate, b + "/rest/uidaiUpdate"}, {c.mgmt_url_updatestatus, b + "/rest/updateStatus"},
+      {c.mgmt_url_softupdate, b + "/rest/softUpdate/"},  {c.mgmt_url_getcert_pp, b + "/rest/getCert/PP"},
       {c.mgmt_url_getcert_p, b + "/rest/getCert/P"},
   };
   for (const auto& [got, want] : endpoints) EXPECT_EQ(got, want);
@@ -295,8 +297,7 @@ TEST_F(VexoctlTest, InitWorkdirLaysOutAStartableFolder) {
   auto ca = load_cert(wd + "/cert/server.crt");
   ASSERT_NE(ca, nullptr);
   EXPECT_EQ(X509_check_ca(ca.get()), 1);
-  EXPECT_EQ(read_file(wd + "/RefDll/libAraTrustFinger.so"),
-            read_file(dir_.file("bin/RefDll/libAraTrustFinger.so")));
+  EXPECT_EQ(read_file(wd + "/RefDll/libAraTrustFinger.so"), read_file(dir_.file("bin/RefDll/libAraTrustFinger.so")));
   EXPECT_EQ(read_file(wd + "/RefDll/libTavio.so"), "another");
   EXPECT_FALSE(fs::exists(wd + "/RefDll/README.txt"));
   EXPECT_FALSE(fs::exists(wd + "/cert/ssl"));
@@ -325,12 +326,10 @@ TEST_F(VexoctlTest, InitWorkdirWithTlsMakesAMatchingPair) {
   const std::string tool = staged_tool(true);
   const std::string wd = dir_.file("wd");
   // The Management CA given on the command line is used byte for byte.
-  ASSERT_EQ(run_tool(tool, {"init-workdir", dir_.file("first"), "--scanner", "Tavio_TX9",
-                            "--mgmt-url", kUrl}).rc,
-            0);
+  ASSERT_EQ(run_tool(tool, {"init-workdir", dir_.file("first"), "--scanner", "Tavio_TX9", "--mgmt-url", kUrl}).rc, 0);
   const std::string given = read_file(dir_.file("first/cert/server.crt"));
-  ToolRun r = run_tool(tool, {"init-workdir", wd, "--tls", "--scanner", "Aratek_A400", "--mgmt-url",
-                          kUrl, "--mgmt-ca", dir_.file("first/cert/server.crt")});
+  ToolRun r = run_tool(tool, {"init-workdir", wd, "--tls", "--scanner", "Aratek_A400", "--mgmt-url", kUrl, "--mgmt-ca",
+                              dir_.file("first/cert/server.crt")});
   ASSERT_EQ(r.rc, 0) << r.out;
   EXPECT_EQ(read_file(wd + "/cert/server.crt"), given);
 
@@ -340,8 +339,9 @@ TEST_F(VexoctlTest, InitWorkdirWithTlsMakesAMatchingPair) {
 
   // A file that is not a certificate is refused.
   write_file("junk.crt", "hello");
-  EXPECT_EQ(run_tool(tool, {"init-workdir", dir_.file("other"), "--scanner", "Aratek_A600",
-                            "--mgmt-url", kUrl, "--mgmt-ca", dir_.file("junk.crt")}).rc,
+  EXPECT_EQ(run_tool(tool, {"init-workdir", dir_.file("other"), "--scanner", "Aratek_A600", "--mgmt-url", kUrl,
+                            "--mgmt-ca", dir_.file("junk.crt")})
+                .rc,
             1);
 }
 
@@ -426,11 +426,9 @@ TEST_F(VexoctlTest, TrustTlsAddsTheCaToTheUsersNssDatabase) {
 
 TEST_F(VexoctlTest, InitWorkdirWithoutRefDllFails) {
   const std::string tool = staged_tool(false);
-  ToolRun r = run_tool(tool, {"init-workdir", dir_.file("wd"), "--scanner", "Aratek_A600",
-                          "--mgmt-url", kUrl});
+  ToolRun r = run_tool(tool, {"init-workdir", dir_.file("wd"), "--scanner", "Aratek_A600", "--mgmt-url", kUrl});
   EXPECT_EQ(r.rc, 1);
-  EXPECT_NE(r.out.find("no RefDll folder beside vexoctl (" + dir_.file("bin") + "/RefDll)"),
-            std::string::npos)
+  EXPECT_NE(r.out.find("no RefDll folder beside vexoctl (" + dir_.file("bin") + "/RefDll)"), std::string::npos)
       << r.out;
 }
 

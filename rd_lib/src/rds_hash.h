@@ -58,8 +58,8 @@ int rds_hmac_check(const std::string& response_drt, const std::string& request_d
 
 // The receiving side of rds_hmac_protect: *result is 1 when the pair protects
 // data, else 0. 0 when the check ran; -1 when a value could not be decoded.
-int rds_hmac_unprotect(const std::string& hmac, const std::string& skey, int base64, const char* data,
-                       std::size_t len, int* result);
+int rds_hmac_unprotect(const std::string& hmac, const std::string& skey, int base64, const char* data, std::size_t len,
+                       int* result);
 
 // Server side. *result is 1 when drt (Base64) is the RD_DRT of data, else 0.
 // 0 when the check ran; -1 when drt could not be decoded or decrypted.

@@ -6,11 +6,11 @@
 #ifndef VEXO_SIM_CODES_H
 #define VEXO_SIM_CODES_H
 
-#define SIM_ERR_NO_DEVICE (-1)   /* device absent or index other than 0; port not opened */
-#define SIM_ERR_BAD_PARAM (-2)   /* null pointer, bad size, mode or record */
-#define SIM_ERR_BAD_HANDLE (-3)  /* handle not open */
-#define SIM_ERR_NO_IMAGE (-4)    /* feature extraction before any capture */
-#define SIM_ERR_NOT_INIT (-5)    /* require_global_init set and GlobalInit not called */
+#define SIM_ERR_NO_DEVICE (-1)  /* device absent or index other than 0; port not opened */
+#define SIM_ERR_BAD_PARAM (-2)  /* null pointer, bad size, mode or record */
+#define SIM_ERR_BAD_HANDLE (-3) /* handle not open */
+#define SIM_ERR_NO_IMAGE (-4)   /* feature extraction before any capture */
+#define SIM_ERR_NOT_INIT (-5)   /* require_global_init set and GlobalInit not called */
 
 #define SIM_DEFAULT_SERIAL "SIM0000001"
 #define SIM_DEFAULT_WIDTH 256

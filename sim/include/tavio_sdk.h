@@ -11,14 +11,14 @@
 extern "C" {
 #endif
 
-typedef int (*OpenCom_port_t)(const char *port_path);
+typedef int (*OpenCom_port_t)(const char* port_path);
 typedef int (*ClosePort_t)(void);
-typedef int (*Get_BatteryStatus_t)(char *out, int out_len);
-typedef int (*Get_FWVersion_t)(char *out, int out_len);
-typedef int (*Get_SerialNumber_t)(char *out, int out_len);
-typedef int (*Print_Data_t)(const char *text, char *out, int out_len);
-typedef int (*TavioLogs_Init_t)(const char *log_param);
-typedef int (*Initialize_BT_Security_t)(const char *security_param);
+typedef int (*Get_BatteryStatus_t)(char* out, int out_len);
+typedef int (*Get_FWVersion_t)(char* out, int out_len);
+typedef int (*Get_SerialNumber_t)(char* out, int out_len);
+typedef int (*Print_Data_t)(const char* text, char* out, int out_len);
+typedef int (*TavioLogs_Init_t)(const char* log_param);
+typedef int (*Initialize_BT_Security_t)(const char* security_param);
 
 #ifdef __cplusplus
 }

@@ -21,8 +21,8 @@ void print_adapter(const platform::Adapter& a) {
   RD_DEBUG("\tComboIndex: \t%lu\n", static_cast<unsigned long>(a.index));
   RD_DEBUG("\tAdapter Name: \t%s\n", a.name.c_str());
   RD_DEBUG("\tAdapter Desc: \t%s\n", a.description.c_str());
-  RD_DEBUG("\tAdapter Addr: \t%.2X-%.2X-%.2X-%.2X-%.2X-%.2X\n", a.address[0], a.address[1], a.address[2],
-           a.address[3], a.address[4], a.address[5]);
+  RD_DEBUG("\tAdapter Addr: \t%.2X-%.2X-%.2X-%.2X-%.2X-%.2X\n", a.address[0], a.address[1], a.address[2], a.address[3],
+           a.address[4], a.address[5]);
   RD_DEBUG("\tIndex: \t%lu\n", static_cast<unsigned long>(a.index));
   RD_DEBUG("\tType: \t%s\n", a.ethernet ? "Ethernet" : "Other");
 }

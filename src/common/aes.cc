@@ -59,8 +59,7 @@ int aes_decrypt(std::span<const std::uint8_t> key, std::span<const std::uint8_t>
   return to_vector(false, padding, key, in, out);
 }
 
-int aes_decrypt(std::span<const std::uint8_t> key, std::span<const std::uint8_t> in, Secret* out,
-                AesPadding padding) {
+int aes_decrypt(std::span<const std::uint8_t> key, std::span<const std::uint8_t> in, Secret* out, AesPadding padding) {
   out->clear();
   if (!valid(key, in)) return kFailed;
   Secret buf;

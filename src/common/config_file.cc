@@ -140,8 +140,8 @@ static std::string dc_value(const char* dc) {
 
 int write_config_file(const char* dc) {
   if (value_refused("write_config_file", "dc", dc)) return kFailed;
-  return stage_setter_key("write_config_file", "CONFIG:dc", dc_value(dc),
-                          "Error iniparser_set  to write dc value", "Error at to write dc value in ini file");
+  return stage_setter_key("write_config_file", "CONFIG:dc", dc_value(dc), "Error iniparser_set  to write dc value",
+                          "Error at to write dc value in ini file");
 }
 
 int stage_config_file_dc(const char* dc) {

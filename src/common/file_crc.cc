@@ -91,8 +91,7 @@ int add_crc(std::uint8_t kind, const char* data_path, const char* crc_path) {
   }
   {
     // Low byte first: the register as it lies in memory on the original host.
-    const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(crc & 0xFF),
-                                   static_cast<std::uint8_t>(crc >> 8)};
+    const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)};
     const int written = platform::write_file_atomic(crc_path, bytes, 2);
     if (written == -1) {
       RD_ERROR("CRC file open failed");

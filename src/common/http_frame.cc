@@ -28,11 +28,11 @@ struct HeaderForm {
   const char* without_origin;
 };
 
-#define VEXO_CORS_BLOCK                                                                                  \
+#define VEXO_CORS_BLOCK                                                                                      \
   "\r\nAccess-Control-Allow-Origin: *\r\nAccess-Control-Allow-Methods:RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH" \
   "\r\nACCESS-CONTROL-ALLOW-HEADERS:Content-Type\r\nContent-Type: text/xml; charset=utf-8"
 #define VEXO_OPTIONS_GRANT                                                                           \
-  "HTTP/1.1 200 OK\r\nACCESS-CONTROL-ALLOW-HEADERS: Content-Type\r\nACCESS-CONTROL-ALLOW-METHODS: "    \
+  "HTTP/1.1 200 OK\r\nACCESS-CONTROL-ALLOW-HEADERS: Content-Type\r\nACCESS-CONTROL-ALLOW-METHODS: "  \
   "RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH\r\nACCESS-CONTROL-ALLOW-ORIGIN: *\r\nContent-Length: 0\r\n" \
   "Connection: close\r\nContent-Type: text/xml; charset=utf-8\r\n{private_network}\r\n"
 #define VEXO_OPTIONS_NO_LINE_END \
@@ -148,14 +148,13 @@ int frame_rdservice_response(const char* origin, char* header, char* body) {
   return 0;
 }
 
-int frame_http_ok_header(const char* host, int port, const char* path, int body_len, const char* origin,
-                         char* header) {
+int frame_http_ok_header(const char* host, int port, const char* path, int body_len, const char* origin, char* header) {
   AnswerHead head{AnswerKind::kOk, 200, path, body_len, false, host, port};
   return frame_answer_header(head, origin, header);
 }
 
-int frame_http_error_header(int code, const char* host, int port, const char* path, int body_len,
-                            const char* origin, char* header) {
+int frame_http_error_header(int code, const char* host, int port, const char* path, int body_len, const char* origin,
+                            char* header) {
   AnswerHead head{AnswerKind::kError, code, path, body_len, false, host, port};
   return frame_answer_header(head, origin, header);
 }

@@ -36,22 +36,38 @@ const CodeInfo* find_in(const CodeInfo (&table)[N], int value) {
 
 const CodeInfo* find_code(Family family, int value) {
   switch (family) {
-    case Family::kResult: return find_in(kResult, value);
-    case Family::kInit: return find_in(kInit, value);
-    case Family::kStart: return find_in(kStart, value);
-    case Family::kAttach: return find_in(kAttach, value);
-    case Family::kConfig: return find_in(kConfig, value);
-    case Family::kCrc: return find_in(kCrc, value);
-    case Family::kLock: return find_in(kLock, value);
-    case Family::kKeystore: return find_in(kKeystore, value);
-    case Family::kMgmt: return find_in(kMgmt, value);
-    case Family::kTls: return find_in(kTls, value);
-    case Family::kScanner: return find_in(kScanner, value);
-    case Family::kPostAuth: return find_in(kPostAuth, value);
-    case Family::kHttp: return find_in(kHttp, value);
-    case Family::kRd: return find_in(kRd, value);
-    case Family::kTransport: return find_in(kTransport, value);
-    case Family::kDownload: return find_in(kDownload, value);
+    case Family::kResult:
+      return find_in(kResult, value);
+    case Family::kInit:
+      return find_in(kInit, value);
+    case Family::kStart:
+      return find_in(kStart, value);
+    case Family::kAttach:
+      return find_in(kAttach, value);
+    case Family::kConfig:
+      return find_in(kConfig, value);
+    case Family::kCrc:
+      return find_in(kCrc, value);
+    case Family::kLock:
+      return find_in(kLock, value);
+    case Family::kKeystore:
+      return find_in(kKeystore, value);
+    case Family::kMgmt:
+      return find_in(kMgmt, value);
+    case Family::kTls:
+      return find_in(kTls, value);
+    case Family::kScanner:
+      return find_in(kScanner, value);
+    case Family::kPostAuth:
+      return find_in(kPostAuth, value);
+    case Family::kHttp:
+      return find_in(kHttp, value);
+    case Family::kRd:
+      return find_in(kRd, value);
+    case Family::kTransport:
+      return find_in(kTransport, value);
+    case Family::kDownload:
+      return find_in(kDownload, value);
   }
   return nullptr;
 }

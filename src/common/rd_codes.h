@@ -16,6 +16,9 @@
 #ifndef VEXO_COMMON_RD_CODES_H
 #define VEXO_COMMON_RD_CODES_H
 
+// The tables keep their column layout.
+// clang-format off
+
 // Functions whose only results are success and failure (the design's "0 or
 // -1"), and helpers whose caller gives the failure its meaning.
 #define VEXO_RESULT_CODES(X)                                                 \
@@ -257,5 +260,7 @@ const CodeInfo* find_code(Family family, int value);
 const char* code_message(Family family, int value);
 
 }  // namespace rd_codes
+
+// clang-format on
 
 #endif  // VEXO_COMMON_RD_CODES_H

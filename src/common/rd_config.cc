@@ -1,7 +1,6 @@
 #include "common/rd_config.h"
 #include "platform/mutex.h"
 
-
 namespace {
 
 platform::Mutex g_config_mutex;

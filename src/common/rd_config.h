@@ -19,14 +19,14 @@ inline constexpr int kOfflineGraceHoursDefault = 72;
 inline constexpr int kOfflineGraceHoursMax = 8760;
 
 struct RdConfig {
-  std::string ssl_enable_text;   // IS_SSL_ENABLE as written (at most 8 bytes)
-  int ssl_enabled = 0;           // atoi(IS_SSL_ENABLE)
-  int verbose = 0;               // atoi(Verbose)
-  std::string rd_ver;            // RD_VER
+  std::string ssl_enable_text;       // IS_SSL_ENABLE as written (at most 8 bytes)
+  int ssl_enabled = 0;               // atoi(IS_SSL_ENABLE)
+  int verbose = 0;                   // atoi(Verbose)
+  std::string rd_ver;                // RD_VER
   std::string dev_pub_key_validity;  // DEV_PUB_KEY_VALIDITY, minutes as text
-  std::string dc;                // device code
-  int dc_missing = 0;            // dc present but empty
-  std::string prod_register_url; // PROD_REGISTER_URL (optional): production register endpoint
+  std::string dc;                    // device code
+  int dc_missing = 0;                // dc present but empty
+  std::string prod_register_url;     // PROD_REGISTER_URL (optional): production register endpoint
   // OFFLINE_GRACE_HOURS (optional): how long after its last successful Init a
   // registered device keeps working while the Management server fails it.
   int offline_grace_hours = kOfflineGraceHoursDefault;
@@ -37,30 +37,30 @@ struct RdConfig {
   std::string mgmt_url_softupdate;
   std::string mgmt_url_getcert_pp;
   std::string mgmt_url_getcert_p;
-  std::string lock_folder;       // LOCK_FOLDER (optional): folder of the machine-wide lock files
-  std::string allowed_origins;   // ALLOWED_ORIGINS (optional): the only browser origins served
+  std::string lock_folder;      // LOCK_FOLDER (optional): folder of the machine-wide lock files
+  std::string allowed_origins;  // ALLOWED_ORIGINS (optional): the only browser origins served
   std::string proxy_url;
   std::string proxy_username;
   std::string proxy_password;
 };
 
 struct RdIdentity {
-  std::string scanner_name;      // from Initialize_process's argument
-  std::string port_path;         // handheld serial port (platform::serial_port_path)
-  std::string security_param;    // handheld security-library parameter
-  std::string prefix = "./";     // working-folder prefix before keystore/ and cert/public/
-  std::string clId;              // Management client identifier
-  std::string clVer;             // "1.0"
-  std::string host_type;         // "WINDOWS"
-  std::string dpId;              // device provider code
-  std::string rdsId;             // RD service identifier, e.g. "QDX.WIN.002"
-  std::string make;              // vendor name in capitals
-  std::string mi;                // model identifier
-  std::string model;             // same as mi
-  std::string appdata;           // APPDATA folder
-  std::string ssl_cert_path;     // "./cert/ssl/public.crt"
-  std::string ssl_key_path;      // "./cert/ssl/private.key"
-  int device_changed = 0;        // Init must run: new scanner or no device certificate
+  std::string scanner_name;    // from Initialize_process's argument
+  std::string port_path;       // handheld serial port (platform::serial_port_path)
+  std::string security_param;  // handheld security-library parameter
+  std::string prefix = "./";   // working-folder prefix before keystore/ and cert/public/
+  std::string clId;            // Management client identifier
+  std::string clVer;           // "1.0"
+  std::string host_type;       // "WINDOWS"
+  std::string dpId;            // device provider code
+  std::string rdsId;           // RD service identifier, e.g. "QDX.WIN.002"
+  std::string make;            // vendor name in capitals
+  std::string mi;              // model identifier
+  std::string model;           // same as mi
+  std::string appdata;         // APPDATA folder
+  std::string ssl_cert_path;   // "./cert/ssl/public.crt"
+  std::string ssl_key_path;    // "./cert/ssl/private.key"
+  int device_changed = 0;      // Init must run: new scanner or no device certificate
 };
 
 // A consistent copy of the record, taken under its mutex.

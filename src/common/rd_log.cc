@@ -30,8 +30,8 @@ constexpr char kLogPath[] = "./rd.log";
 constexpr char kOldLogPath[] = "./rd1.log";
 
 // Writes one complete line to the open log.
-void emit_line_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt,
-                      va_list args) REQUIRES(g_log_mutex) {
+void emit_line_locked(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, va_list args)
+    REQUIRES(g_log_mutex) {
   if (g_log_stream == nullptr) return;
   log_timestamp();
   std::fprintf(g_log_stream, level == LogLevel::kInfo ? "INFO   (%s:%s:%u) - " : "ERROR  (%s:%s:%u) - ",
@@ -69,9 +69,7 @@ int rotate_if_due_locked() REQUIRES(g_log_mutex) {
 }
 
 // The report of a log that could not be reopened, written without the log mutex.
-void report_rotation_failure() EXCLUDES(g_log_mutex) {
-  write_error_log("zlog_init failed from logfile_size_check\n");
-}
+void report_rotation_failure() EXCLUDES(g_log_mutex) { write_error_log("zlog_init failed from logfile_size_check\n"); }
 
 }  // namespace
 

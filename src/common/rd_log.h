@@ -71,12 +71,11 @@ std::string source_base_name(const char* file);
 std::string log_safe(std::string_view text, std::size_t max);
 
 // One run-log line: "<ts> INFO   (file:func:line) - text\n" under the log mutex.
-void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line,
-                  const char* fmt, ...) VEXO_PRINTF_FORMAT(5, 6);
+void rd_log_write(LogLevel level, const char* file, const char* func, unsigned line, const char* fmt, ...)
+    VEXO_PRINTF_FORMAT(5, 6);
 // Sets the last-status line "<ts> | file | func | text". 0, or -1 when the
 // clock cannot be read (the line is left as it was).
-int rd_set_last_status(const char* file, const char* func, const char* fmt, ...)
-    VEXO_PRINTF_FORMAT(3, 4);
+int rd_set_last_status(const char* file, const char* func, const char* fmt, ...) VEXO_PRINTF_FORMAT(3, 4);
 // Sends "code|text" to the status pipe; the text carries its own "\n".
 // A failed send is reported by write_to_pipe and otherwise ignored.
 void rd_notify(const char* code, const char* fmt, ...) VEXO_PRINTF_FORMAT(2, 3);
@@ -109,19 +108,19 @@ void rd_log_reset_for_test();
 inline constexpr const char* vexo_log_function = nullptr;
 inline constexpr const char* vexo_log_module = nullptr;
 #define RD_LOG_AS(name) [[maybe_unused]] const char* const vexo_log_function = name
-#define RD_LOG_IN(file, name)                                  \
-  [[maybe_unused]] const char* const vexo_log_module = file;   \
+#define RD_LOG_IN(file, name)                                \
+  [[maybe_unused]] const char* const vexo_log_module = file; \
   RD_LOG_AS(name)
 #define VEXO_LOG_FUNC (vexo_log_function != nullptr ? vexo_log_function : __func__)
 #define VEXO_LOG_MODULE (vexo_log_module != nullptr ? vexo_log_module : VEXO_LOG_FILE)
 
 #define RD_INFO(...) rd_log_write(LogLevel::kInfo, VEXO_LOG_MODULE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
 #define RD_ERROR(...) rd_log_write(LogLevel::kError, VEXO_LOG_MODULE, VEXO_LOG_FUNC, __LINE__, __VA_ARGS__)
-#define RD_VERBOSE(...)          \
-  do {                           \
-    if (rd_verbose() != 0) {     \
-      RD_INFO(__VA_ARGS__);      \
-    }                            \
+#define RD_VERBOSE(...)      \
+  do {                       \
+    if (rd_verbose() != 0) { \
+      RD_INFO(__VA_ARGS__);  \
+    }                        \
   } while (0)
 #define RD_DEBUG(...) rd_debug_print(__VA_ARGS__)
 #define RD_STATUS(...) rd_set_last_status(VEXO_LOG_MODULE, VEXO_LOG_FUNC, __VA_ARGS__)

@@ -25,15 +25,13 @@ constexpr int kDiscardPauseMs = 200;
 constexpr std::uint64_t kDiscardLimitMs = 2000;
 constexpr std::size_t kDiscardLimitBytes = 1 << 20;
 
-
 int refuse_too_large(const RequestSource& src) {
   RD_LOG_IN(src.file, src.func);
   RD_ERROR("Request too large for the receive area");
   char scratch[4096];
   std::size_t dropped = 0;
   std::uint64_t end = platform::monotonic_ms() + kDiscardLimitMs;
-  while (dropped < kDiscardLimitBytes && platform::monotonic_ms() < end &&
-         src.ready(src.ctx, kDiscardPauseMs) == 1) {
+  while (dropped < kDiscardLimitBytes && platform::monotonic_ms() < end && src.ready(src.ctx, kDiscardPauseMs) == 1) {
     long n = src.read(src.ctx, scratch, sizeof scratch);
     if (n == kReadAgain) continue;
     if (n <= 0) break;

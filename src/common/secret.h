@@ -31,9 +31,7 @@ class Secret {
 
   // Replaces the contents; the old bytes are cleansed first.
   void assign(std::string_view bytes);
-  void assign(const void* data, std::size_t len) {
-    assign(std::string_view(static_cast<const char*>(data), len));
-  }
+  void assign(const void* data, std::size_t len) { assign(std::string_view(static_cast<const char*>(data), len)); }
   // Appends; if the buffer must grow, the old buffer is cleansed before it is freed.
   void append(std::string_view bytes);
   // Cleanses and empties.

@@ -127,8 +127,8 @@ int recv_thru_tcp_socket(platform::socket_t s, char* buf) {
     RD_ERROR("Timeout to receive data from client");
     return rd_codes::kFailed;
   }
-  RequestSource src{tcp_read_some, tcp_input_ready, &s, VEXO_LOG_FILE, __func__, deadline,
-                    "Timeout to receive data from client"};
+  RequestSource src{
+      tcp_read_some, tcp_input_ready, &s, VEXO_LOG_FILE, __func__, deadline, "Timeout to receive data from client"};
   int len = read_http_request(src, buf);
   if (len >= 0) RD_VERBOSE("Returning from recv_thru_tcp_socket");
   return len;

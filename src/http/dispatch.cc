@@ -157,7 +157,7 @@ bool origin_refused(OriginKind kind, const char* origin) {
 void answer_options(OriginKind kind, const char* raw, char* header) {
   RD_LOG_AS(kDispatchFn);
   AnswerHead head;
-  head.kind = kind == OriginKind::kValue      ? AnswerKind::kOptions
+  head.kind = kind == OriginKind::kValue    ? AnswerKind::kOptions
               : kind == OriginKind::kAbsent ? AnswerKind::kOptionsNoOrigin
                                             : AnswerKind::kOptionsNoLineEnd;
   // Only a pre-flight that asks for it gets the private-network permission;
@@ -212,8 +212,8 @@ void answer_capture(const char* raw, const char* origin, char* area) {
     error_header(result, "/rd/capture", origin, area);
   } else {
     std::memcpy(area, kBadPidOptionsBody, sizeof kBadPidOptionsBody);
-    frame_http_ok_header(kHost, service_port(), "/rd/capture", static_cast<int>(sizeof kBadPidOptionsBody - 1),
-                         origin, area + kRespHeaderOffset);
+    frame_http_ok_header(kHost, service_port(), "/rd/capture", static_cast<int>(sizeof kBadPidOptionsBody - 1), origin,
+                         area + kRespHeaderOffset);
   }
 }
 

@@ -23,7 +23,6 @@ enum class OriginKind { kAbsent, kNoLineEnd, kValue };
 
 // Picks the verb of line and leaves the answer's header and body in the work
 // area (kWorkAreaSize bytes, zero-filled). raw is the NUL-terminated request.
-void dispatch_request(const char* raw, const RequestLine& line, OriginKind origin_kind, const char* origin,
-                      char* area);
+void dispatch_request(const char* raw, const RequestLine& line, OriginKind origin_kind, const char* origin, char* area);
 
 #endif  // VEXO_HTTP_DISPATCH_H

@@ -36,8 +36,7 @@ constexpr int kWinsockAddressInUse = 10048;
 // port), so that the accept loop of either serves both. Never destroyed: a
 // detached worker may still look a socket up while the process exits.
 platform::Mutex g_companions_mu;
-auto& g_companions GUARDED_BY(g_companions_mu) =
-    *new std::vector<std::pair<platform::socket_t, platform::socket_t>>;
+auto& g_companions GUARDED_BY(g_companions_mu) = *new std::vector<std::pair<platform::socket_t, platform::socket_t>>;
 
 void set_companion(platform::socket_t server, platform::socket_t server6) {
   platform::MutexLock lock(&g_companions_mu);

@@ -36,8 +36,8 @@ void* client_connection_handler(void* arg);
 int recv_thru_tcp_socket(platform::socket_t s, char* buf);
 // 0 when header and body were sent within recv_wait_ms(); -1 on a send error
 // or when the client did not take them in time.
-int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len,
-                         const char* body, std::size_t body_len);
+int send_thru_tcp_socket(platform::socket_t s, const char* header, std::size_t header_len, const char* body,
+                         std::size_t body_len);
 // Body of a connection thread: receives, dispatches, answers, closes. 0.
 // Never throws: an exception inside is logged, the socket closed and the
 // work area freed.

@@ -38,12 +38,9 @@ struct Endpoint {
 
 // The trailing slashes differ between entries on purpose: the server's routes.
 constexpr Endpoint kEndpoints[] = {
-    {&RdConfig::mgmt_url_register, "/rest/register/"},
-    {&RdConfig::mgmt_url_keyrotation, "/rest/keyRotation/"},
-    {&RdConfig::mgmt_url_uidaiupdate, "/rest/uidaiUpdate"},
-    {&RdConfig::mgmt_url_updatestatus, "/rest/updateStatus"},
-    {&RdConfig::mgmt_url_softupdate, "/rest/softUpdate/"},
-    {&RdConfig::mgmt_url_getcert_pp, "/rest/getCert/PP"},
+    {&RdConfig::mgmt_url_register, "/rest/register/"},      {&RdConfig::mgmt_url_keyrotation, "/rest/keyRotation/"},
+    {&RdConfig::mgmt_url_uidaiupdate, "/rest/uidaiUpdate"}, {&RdConfig::mgmt_url_updatestatus, "/rest/updateStatus"},
+    {&RdConfig::mgmt_url_softupdate, "/rest/softUpdate/"},  {&RdConfig::mgmt_url_getcert_pp, "/rest/getCert/PP"},
     {&RdConfig::mgmt_url_getcert_p, "/rest/getCert/P"},
 };
 

@@ -27,9 +27,9 @@ constexpr char kProxyPath[] = "./proxy.ini";
 constexpr char kAccessTimeFile[] = "./last_acces_time_file";
 
 // Key of the proxy password; the same constant serves writing and reading.
-constexpr std::array<std::uint8_t, 32> kProxyKey = {
-    0xa4, 0x1d, 0x6e, 0x93, 0x07, 0xcb, 0x58, 0x32, 0xf1, 0x8a, 0x2c, 0x75, 0xbe, 0x49, 0x10, 0xd6,
-    0x63, 0x9f, 0x04, 0xe7, 0x3a, 0x81, 0x5d, 0xc2, 0x1b, 0x76, 0xe9, 0x28, 0x95, 0x4e, 0xb3, 0x6a};
+constexpr std::array<std::uint8_t, 32> kProxyKey = {0xa4, 0x1d, 0x6e, 0x93, 0x07, 0xcb, 0x58, 0x32, 0xf1, 0x8a, 0x2c,
+                                                    0x75, 0xbe, 0x49, 0x10, 0xd6, 0x63, 0x9f, 0x04, 0xe7, 0x3a, 0x81,
+                                                    0x5d, 0xc2, 0x1b, 0x76, 0xe9, 0x28, 0x95, 0x4e, 0xb3, 0x6a};
 
 // Splits "URL|USER|PASSWORD" into three fields; missing ones stay empty and
 // anything after a third separator is ignored.
@@ -66,8 +66,7 @@ int read_proxy_key(dictionary* ini, const char* key, const char* missing, std::s
 int write_config_file_proxy_url(const char* proxy_text) {
   if (proxy_text == nullptr) return kFailed;
   const auto [url, user, password] = split_proxy_text(proxy_text);
-  if (url.size() >= kProxyFieldMax || user.size() >= kProxyFieldMax ||
-      password.size() >= kProxyFieldMax) {
+  if (url.size() >= kProxyFieldMax || user.size() >= kProxyFieldMax || password.size() >= kProxyFieldMax) {
     RD_ERROR("Proxy field is too long");
     return kFailed;
   }
@@ -134,8 +133,7 @@ int read_proxy_file() {
   std::string url, user, password;
   if (read_proxy_key(ini.get(), "config:PROXY_URL", "iniparser_getstring Failed For getting PROXY_URL", &url) != 0 ||
       read_proxy_key(ini.get(), "config:USERNAME", "iniparser_getstring Failed For getting USERNAME", &user) != 0 ||
-      read_proxy_key(ini.get(), "config:PASSWORD", "iniparser_getstring Failed For getting PASSWORD",
-                     &password) != 0) {
+      read_proxy_key(ini.get(), "config:PASSWORD", "iniparser_getstring Failed For getting PASSWORD", &password) != 0) {
     return kFailed;
   }
   Secret plain_password;

@@ -101,8 +101,9 @@ int step_open_log() {
   RD_INFO("\n****************************************************************************************************");
   RD_INFO("zlog initialized successfully");
   if (transfer::pin_is_demonstration()) {
-    RD_INFO("WARNING: the Management CA pin is the demonstration CA (VEXO_DEMO_CA), whose key is public: "
-            "not for production");
+    RD_INFO(
+        "WARNING: the Management CA pin is the demonstration CA (VEXO_DEMO_CA), whose key is public: "
+        "not for production");
   }
   // The library's files are closed to other users, but in a folder they may
   // write they could still replace or plant files under the names it uses.
@@ -161,8 +162,8 @@ int step_host_id() {
     RD_ERROR("Error at Getting HostID");
     return rd_codes::kInitHostId;
   }
-  RD_INFO("Host ID is: %02x%02x%02x%02x%02x%02x", g_host_id[0], g_host_id[1], g_host_id[2], g_host_id[3],
-          g_host_id[4], g_host_id[5]);
+  RD_INFO("Host ID is: %02x%02x%02x%02x%02x%02x", g_host_id[0], g_host_id[1], g_host_id[2], g_host_id[3], g_host_id[4],
+          g_host_id[5]);
   return 0;
 }
 

@@ -13,10 +13,10 @@
 
 // One row of the maker's table: the identifiers a scanner model reports.
 struct ScannerModel {
-  const char* name;    // scanner name as the host passes it
-  const char* rdsId;   // RD service identifier
-  const char* make;    // vendor name in capitals
-  const char* mi;      // model identifier, "QDX.<family>.<model>.W"
+  const char* name;   // scanner name as the host passes it
+  const char* rdsId;  // RD service identifier
+  const char* make;   // vendor name in capitals
+  const char* mi;     // model identifier, "QDX.<family>.<model>.W"
 };
 
 // The files every start-up needs ("bin_crc.txt", "config.ini",

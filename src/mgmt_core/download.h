@@ -102,8 +102,7 @@ long ParseFileLength(const std::string& headers);
 // 1: start afresh (no record, another package, or a completed record);
 // 0: resume, *current and *last set from the record; -1: the record cannot
 // be read or is not a well-formed record (the caller starts afresh).
-int get_previous_download_info(const std::string& url, const std::string& checksum, long size, int* current,
-                               int* last);
+int get_previous_download_info(const std::string& url, const std::string& checksum, long size, int* current, int* last);
 
 // Replaces dm.conf atomically with the record for chunk current of last.
 // 0 or -1.

@@ -131,15 +131,14 @@ size_t collect_chunk(char* piece, size_t size, size_t count, void* user) {
 // option logs its own message.
 bool set_request(const Caller& caller, CURL* c, const std::string& url, const Link& link) {
   const RdConfig& config = link.config;
-  return transfer::set_options(
-             caller, c,
-             {{CURLOPT_VERBOSE, 1L, "Error at curl_easy_setopt CURLOPT_VERBOSE", config.verbose > 1},
-              {CURLOPT_URL, url.c_str(), "Error at curl_easy_setopt CURLOPT_URL"},
-              {CURLOPT_PROXY, config.proxy_url.c_str(), "Error at curl_easy_setopt CURLOPT_PROXY"},
-              {CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(), "Error at curl_easy_setopt CURLOPT_PROXYUSERNAME",
-               !config.proxy_username.empty()},
-              {CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(), "Error at curl_easy_setopt CURLOPT_PROXYPASSWORD",
-               !config.proxy_password.empty()}}) &&
+  return transfer::set_options(caller, c,
+                               {{CURLOPT_VERBOSE, 1L, "Error at curl_easy_setopt CURLOPT_VERBOSE", config.verbose > 1},
+                                {CURLOPT_URL, url.c_str(), "Error at curl_easy_setopt CURLOPT_URL"},
+                                {CURLOPT_PROXY, config.proxy_url.c_str(), "Error at curl_easy_setopt CURLOPT_PROXY"},
+                                {CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(),
+                                 "Error at curl_easy_setopt CURLOPT_PROXYUSERNAME", !config.proxy_username.empty()},
+                                {CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(),
+                                 "Error at curl_easy_setopt CURLOPT_PROXYPASSWORD", !config.proxy_password.empty()}}) &&
          transfer::set_trust(caller, c, link.trust) &&
          transfer::set_options(
              caller, c,
@@ -167,11 +166,12 @@ long get_package_size(const Link& link, const std::string& url) {
   HeaderBuffer headers;
   headers.data[0] = '\0';
   if (!set_request(kSizeCaller, c, url, link) ||
-      !transfer::set_options(kSizeCaller, c,
-                             {{CURLOPT_NOBODY, 1L, "Error at curl_easy_setopt CURLOPT_NOBODY"},
-                              {CURLOPT_HEADER, 1L, "Error at curl_easy_setopt CURLOPT_HEADER"},
-                              {CURLOPT_WRITEFUNCTION, collect_headers, "Error at curl_easy_setopt CURLOPT_WRITEFUNCTION"},
-                              {CURLOPT_WRITEDATA, &headers, "Error at curl_easy_setopt CURLOPT_WRITEDATA"}})) {
+      !transfer::set_options(
+          kSizeCaller, c,
+          {{CURLOPT_NOBODY, 1L, "Error at curl_easy_setopt CURLOPT_NOBODY"},
+           {CURLOPT_HEADER, 1L, "Error at curl_easy_setopt CURLOPT_HEADER"},
+           {CURLOPT_WRITEFUNCTION, collect_headers, "Error at curl_easy_setopt CURLOPT_WRITEFUNCTION"},
+           {CURLOPT_WRITEDATA, &headers, "Error at curl_easy_setopt CURLOPT_WRITEDATA"}})) {
     return failed();
   }
   const CURLcode rc = curl_easy_perform(c);

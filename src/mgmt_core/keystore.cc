@@ -84,8 +84,8 @@ int stage_key_pair(std::string* cert_pem) {
 
   (void)platform::make_dirs(keystore_file_path("keystore"));
   const Sha256Digest key_hash = sha256(pem.view());
-  if (platform::write_file_atomic(staged_path(keystore_file_path(kKeyHash)), key_hash.data(), key_hash.size(),
-                                 0600) != 0) {
+  if (platform::write_file_atomic(staged_path(keystore_file_path(kKeyHash)), key_hash.data(), key_hash.size(), 0600) !=
+      0) {
     RD_ERROR("Error at to create key.hash file");
     return rd_codes::kKeystoreFailed;
   }
@@ -112,8 +112,8 @@ int stage_key_pair(std::string* cert_pem) {
     return rd_codes::kKeystoreFailed;
   }
   // A rename keeps the access time, so the stamp holds once the file is in place.
-  if (platform::write_file_atomic(staged_path(keystore_file_path(kAccessTimeFile)), stamp.data(), stamp.size(),
-                                  0600) != 0) {
+  if (platform::write_file_atomic(staged_path(keystore_file_path(kAccessTimeFile)), stamp.data(), stamp.size(), 0600) !=
+      0) {
     RD_ERROR("Unable to create keystore access time file");
     return rd_codes::kKeystoreFailed;
   }
@@ -228,10 +228,10 @@ int GetDevicePrivateKeyFromFile(Secret* pem) {
 
   // The plain key is only ever written into its owner.
   Secret plain;
-  if (aes_decrypt(password,
-                  std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(encrypted.data()),
-                                                encrypted.size()),
-                  &plain) != 0) {
+  if (aes_decrypt(
+          password,
+          std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(encrypted.data()), encrypted.size()),
+          &plain) != 0) {
     // A node file made after the key (a rotation cut short) opens nothing.
     RD_ERROR("Decryption of private key is failed");
     return forced_key_rotation();

@@ -19,8 +19,8 @@
 
 #include "common/secret.h"
 
-struct x509_st;     // OpenSSL's X509
-struct evp_pkey_st; // OpenSSL's EVP_PKEY
+struct x509_st;      // OpenSSL's X509
+struct evp_pkey_st;  // OpenSSL's EVP_PKEY
 
 // Makes a new key pair and certificate and puts them in place: stage_key_pair,
 // then commit_staged_identity. cert_pem receives the certificate. 0 or -1

@@ -97,8 +97,8 @@ int mkcert(X509** cert_out, EVP_PKEY** pkey_out, int bits, int serial, long minu
   X509_NAME* name = X509_get_subject_name(cert.get());
   for (const auto& entry : kSubject) {
     // A subject entry that cannot be added is left out rather than failing the certificate.
-    (void)X509_NAME_add_entry_by_txt(name, entry[0], MBSTRING_UTF8,
-                                     reinterpret_cast<const unsigned char*>(entry[1]), -1, -1, 0);
+    (void)X509_NAME_add_entry_by_txt(name, entry[0], MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(entry[1]),
+                                     -1, -1, 0);
   }
   if (X509_set_issuer_name(cert.get(), name) != 1) return kKeystoreFailed;
   for (const auto& ext : kExtensions) {
@@ -152,8 +152,7 @@ int RSA_Generate_key(Secret* private_pem, std::string* cert_pem) {
 
   BioPtr bio_cert(BIO_new(BIO_s_mem()));
   std::string cert_text;
-  if (!bio_cert || PEM_write_bio_X509(bio_cert.get(), cert.get()) != 1 ||
-      bio_text(bio_cert.get(), &cert_text) != 0) {
+  if (!bio_cert || PEM_write_bio_X509(bio_cert.get(), cert.get()) != 1 || bio_text(bio_cert.get(), &cert_text) != 0) {
     RD_ERROR("Error at PEM_write_bio_X509 ");
     return kKeystoreFailed;
   }

@@ -167,8 +167,7 @@ struct Operation {
 constexpr Operation kInitOp{"Init", "Init", &RdConfig::mgmt_url_register, "Unable to connect to Management server"};
 constexpr Operation kKeyRotationOp{"Key_Rotation", "Key-Rotation", &RdConfig::mgmt_url_keyrotation, nullptr};
 constexpr Operation kSoftwareUpdateOp{"Software_Update", "Software_Update", &RdConfig::mgmt_url_softupdate, nullptr};
-constexpr Operation kUidaiUpdateOp{"uidai_cert_update", "uidai_cert_update", &RdConfig::mgmt_url_uidaiupdate,
-                                   nullptr};
+constexpr Operation kUidaiUpdateOp{"uidai_cert_update", "uidai_cert_update", &RdConfig::mgmt_url_uidaiupdate, nullptr};
 constexpr Operation kUpdateStatusOp{"uidai_cert_update_status", "uidai_cert_update_status",
                                     &RdConfig::mgmt_url_updatestatus, nullptr};
 
@@ -261,9 +260,9 @@ struct RotationAnswer {
 int send_new_key(const std::string& cert_pem, const char* operation, RotationAnswer* answer) {
   RD_LOG_AS("Key_Rotation");
   std::string pkey;
-  if (Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_pem.data()),
-                                                 cert_pem.size()),
-                   &pkey) != 0) {
+  if (Base64Encode(
+          std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_pem.data()), cert_pem.size()),
+          &pkey) != 0) {
     RD_ERROR("Error at Base64Encode of the device certificate");
     return kMgmtFailed;
   }
@@ -461,8 +460,8 @@ int fetch_uidai_cert(const std::string& path, const std::string& checksum) {
   staging += ".download";
   const int rc = Curl_Download_File(path, kCertFetchConnectSeconds, kCertFetchSeconds, staging, kMaxCertBytes);
   std::string pem;
-  const bool fetched = rc == 0 && platform::file_size(staging) <= kMaxCertBytes &&
-                       platform::read_file(staging, &pem) == 0;
+  const bool fetched =
+      rc == 0 && platform::file_size(staging) <= kMaxCertBytes && platform::read_file(staging, &pem) == 0;
   std::remove(staging.c_str());
   if (!fetched) {
     RD_ERROR("Unable to download UIDAI certificate %s", name.c_str());
@@ -495,13 +494,15 @@ int uidai_cert_update_impl(char* next_action) {
   if (rc == kMgmtOk) {
     set_next_action(next_action, action);
     if (action != "UPDATE_STATUS") {
-      RD_INFO("nextAction is supposed to be updating status to MS regarding UIDAI cert but next Action came as: "
-              "'%.64s' ",
-              action.c_str());
+      RD_INFO(
+          "nextAction is supposed to be updating status to MS regarding UIDAI cert but next Action came as: "
+          "'%.64s' ",
+          action.c_str());
       if (action == "NO_ACTION_NECESSARY") set_ready("uidai_cert_update");
-      RD_STATUS("Error: nextAction is supposed to be updating status to MS regarding UIDAI cert but next Action "
-                "came as: '%.64s'  ",
-                action.c_str());
+      RD_STATUS(
+          "Error: nextAction is supposed to be updating status to MS regarding UIDAI cert but next Action "
+          "came as: '%.64s'  ",
+          action.c_str());
       return kMgmtUnexpectedAction;
     }
     // The certificate is in place before the server hears that it is.
@@ -555,13 +556,13 @@ int uidai_cert_force_update_impl(char* next_action) {
   const std::string prefix = rd_identity_copy().prefix;
   std::string chksum;
   const bool production = !config.prod_register_url.empty() && config.mgmt_url_register == config.prod_register_url;
-  const int rc = production ? fetch_cert_answer(config.mgmt_url_getcert_p, kMgmtProdFetch,
-                                                "Error at production GetDataFromZelm", kMgmtNotParsed,
-                                                "Error at production json response of uidai cert update call", &chksum)
-                            : fetch_cert_answer(config.mgmt_url_getcert_pp, kMgmtStagingFetch,
-                                                "Error at pre-production GetDataFromZelm", kMgmtStagingNotParsed,
-                                                "Error at pre-production json response of uidai cert update call",
-                                                &chksum);
+  const int rc =
+      production
+          ? fetch_cert_answer(config.mgmt_url_getcert_p, kMgmtProdFetch, "Error at production GetDataFromZelm",
+                              kMgmtNotParsed, "Error at production json response of uidai cert update call", &chksum)
+          : fetch_cert_answer(config.mgmt_url_getcert_pp, kMgmtStagingFetch, "Error at pre-production GetDataFromZelm",
+                              kMgmtStagingNotParsed, "Error at pre-production json response of uidai cert update call",
+                              &chksum);
   if (rc != kMgmtOk) {
     keep_status_within_grace("uidai_cert_force_update", kRdUsed, before);
     return rc;

@@ -62,13 +62,13 @@ void pipe_close(int fd);
 // ---------------------------------------------------------------- sockets
 using socket_t = int;
 constexpr socket_t kInvalidSocket = -1;
-socket_t tcp_socket();                          // IPv4 stream socket or kInvalidSocket
+socket_t tcp_socket();                              // IPv4 stream socket or kInvalidSocket
 int bind_loopback(socket_t s, std::uint16_t port);  // 0 or -1 (errno kept)
-int listen_socket(socket_t s, int backlog);     // 0 or -1
+int listen_socket(socket_t s, int backlog);         // 0 or -1
 // Waits until s is readable (or writable). 1 ready, 0 time-out, -1 error.
 int wait_readable(socket_t s, int timeout_ms);
 int wait_writable(socket_t s, int timeout_ms);
-socket_t accept_socket(socket_t s);             // kInvalidSocket on failure
+socket_t accept_socket(socket_t s);  // kInvalidSocket on failure
 // recv/send with the system's semantics; send never raises SIGPIPE.
 long recv_socket(socket_t s, void* buf, std::size_t len);
 long send_socket(socket_t s, const void* buf, std::size_t len);
@@ -118,9 +118,9 @@ std::string shared_library_name(const std::string& dll_name);
 // Joins folder and the platform's name for dll_name: "./RefDll" + "AraTrustFinger.dll"
 // gives "./RefDll/libAraTrustFinger.so".
 std::string library_path(const std::string& folder, const std::string& dll_name);
-void* library_open(const std::string& path);     // nullptr on failure
+void* library_open(const std::string& path);  // nullptr on failure
 void* library_symbol(void* lib, const char* name);
-std::string library_error();                     // the loader's last message
+std::string library_error();  // the loader's last message
 // Path of the file that holds this library's own code (for the service digest).
 std::string own_module_path();
 
@@ -128,7 +128,7 @@ std::string own_module_path();
 struct Adapter {
   std::uint8_t address[6] = {};
   unsigned index = 0;
-  bool ethernet = false;   // ARPHRD_ETHER, else "Other"
+  bool ethernet = false;  // ARPHRD_ETHER, else "Other"
   std::string name;
   std::string description;
 };
@@ -138,9 +138,9 @@ int list_adapters(std::vector<Adapter>* out);
 
 // ---------------------------------------------------------------- file identity
 struct FileIdentity {
-  unsigned long volume_serial = 0;   // f_fsid of the file's file system, folded to 32 bits
-  unsigned long index_high = 0;      // high 32 bits of st_ino
-  unsigned long index_low = 0;       // low 32 bits of st_ino
+  unsigned long volume_serial = 0;  // f_fsid of the file's file system, folded to 32 bits
+  unsigned long index_high = 0;     // high 32 bits of st_ino
+  unsigned long index_low = 0;      // low 32 bits of st_ino
 };
 // create_new: create the file, failing if it exists (owner-only permissions);
 // otherwise open an existing file. 0, or -1 with errno kept.
@@ -169,8 +169,8 @@ enum class Durability { kFlushed, kUnflushed };
 // bits are mode's owner bits only (group and other bits are never granted).
 // 0; -1 the temporary file cannot be created (nothing was written); -2 writing,
 // flushing or renaming failed (the temporary file is removed, path unchanged).
-int write_file_atomic(const std::string& path, const void* data, std::size_t len,
-                      unsigned mode = 0600, Durability durability = Durability::kFlushed);
+int write_file_atomic(const std::string& path, const void* data, std::size_t len, unsigned mode = 0600,
+                      Durability durability = Durability::kFlushed);
 // A crash point: each step of a file replacement (temporary file made,
 // written, flushed, renamed) and each step of a paired change. It does
 // nothing unless a test armed the countdown of test_seams.h, which kills the

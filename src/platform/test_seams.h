@@ -28,18 +28,18 @@ namespace test_seams {
 
 struct Seams {
   // ---------------------------------------------------------------- platform
-  std::optional<std::time_t> now{};                          // platform::now(); -1 an unreadable clock
-  std::string lock_dir{};                                    // wins over the configured lock folder
-  std::optional<std::vector<platform::Adapter>> adapters{};  // instead of the system's list
+  std::optional<std::time_t> now{};                                // platform::now(); -1 an unreadable clock
+  std::string lock_dir{};                                          // wins over the configured lock folder
+  std::optional<std::vector<platform::Adapter>> adapters{};        // instead of the system's list
   platform::WriteFault write_fault = platform::WriteFault::kNone;  // write_file_atomic fails there
   int crash_countdown = 0;  // the process kills itself (SIGKILL) at this crash point from now
   // ---------------------------------------------------------------- local service
-  int first_port = 0;                          // the listener's port range; 0: 11100..11120
+  int first_port = 0;  // the listener's port range; 0: 11100..11120
   int last_port = 0;
-  std::optional<int> recv_wait_ms{};           // a whole request (and an answer) must arrive within
-  std::optional<int> accept_wait_ms{};         // the accept loop's select
-  std::optional<unsigned> accept_pause_ms{};   // after each connection thread starts
-  int dispatch_faults = 0;                     // the next dispatches throw std::bad_alloc
+  std::optional<int> recv_wait_ms{};          // a whole request (and an answer) must arrive within
+  std::optional<int> accept_wait_ms{};        // the accept loop's select
+  std::optional<unsigned> accept_pause_ms{};  // after each connection thread starts
+  int dispatch_faults = 0;                    // the next dispatches throw std::bad_alloc
   // ---------------------------------------------------------------- devices
   std::optional<unsigned> scanner_lock_ms{};     // wait for the scanner lock
   std::optional<unsigned> handheld_lock_ms{};    // wait for the handheld lock

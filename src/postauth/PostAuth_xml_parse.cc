@@ -41,8 +41,7 @@ const xmlNode* element_child(const xmlNode* parent, const char* name) {
 void copy_attribute(const xmlNode* node, const char* attr, char* out) {
   out[0] = '\0';
   if (node == nullptr) return;
-  XmlCharPtr value(
-      xmlGetProp(const_cast<xmlNode*>(node), reinterpret_cast<const xmlChar*>(attr)));
+  XmlCharPtr value(xmlGetProp(const_cast<xmlNode*>(node), reinterpret_cast<const xmlChar*>(attr)));
   if (!value) return;
   const char* text = reinterpret_cast<const char*>(value.get());
   std::size_t n = strnlen(text, kPostAuthFieldSize);

@@ -37,7 +37,6 @@ constexpr char kPostAuthRespFormat[] =
     "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"%d\"  Description = \"%s\"  Response_value = \"%s\" />\n\t<RD "
     "RD_ErrorCode = \"%d\"   Description = \"%s\"  RD_Status = %s />\n</PostAuthResp>";
 
-
 // Whether this process has the device's port open. g_port_mutex is held for
 // a whole open-command-close sequence.
 platform::Mutex g_port_mutex;
@@ -136,8 +135,7 @@ int run_command(const PostAuthFields& fields, char* answer) {
   if (std::strcmp(fields.param1_name, "PRINTER") == 0) {
     // A failed print reports the printer's own status code (3..73: paper,
     // temperature, patch, battery), which the answer describes.
-    int rc = sdk.Print_Data != nullptr ? sdk.Print_Data(fields.param1_value, answer, kDeviceAnswerSize)
-                                       : kRdNotSent;
+    int rc = sdk.Print_Data != nullptr ? sdk.Print_Data(fields.param1_value, answer, kDeviceAnswerSize) : kRdNotSent;
     if (rc != 0) RD_ERROR("Getting Battery_Status Failed");
     return rc;
   }
@@ -146,8 +144,7 @@ int run_command(const PostAuthFields& fields, char* answer) {
 }
 
 // Get_Response_From_Device with the number of tries to open the port.
-int get_response(const PostAuthFields& fields, char* work_area, const char* origin, const char* path,
-                 int open_tries) {
+int get_response(const PostAuthFields& fields, char* work_area, const char* origin, const char* path, int open_tries) {
   platform::MutexLock guard(&g_port_mutex);
   int rc = open_port("Get_Response_From_Device", open_tries);
   if (rc != 0) return rc;
@@ -238,8 +235,7 @@ int PostAuth(char* work_area, const char* origin, const char* path) {
   return static_cast<int>(strnlen(work_area, kRespBodySize));
 }
 
-int Get_Response_From_Device(const PostAuthFields& fields, char* work_area, const char* origin,
-                             const char* path) {
+int Get_Response_From_Device(const PostAuthFields& fields, char* work_area, const char* origin, const char* path) {
   return get_response(fields, work_area, origin, path, kOpenTries);
 }
 

@@ -21,8 +21,7 @@ int PostAuth(char* work_area, const char* origin, const char* path);
 // work area. 0 success; otherwise the code for the answer's RD part: -1
 // unknown command, -10 port not opened, -20 battery, -30 firmware, -60
 // identifiers, or the printer's own status code (3..73) when printing fails.
-int Get_Response_From_Device(const PostAuthFields& fields, char* work_area, const char* origin,
-                             const char* path);
+int Get_Response_From_Device(const PostAuthFields& fields, char* work_area, const char* origin, const char* path);
 
 // Opens the port (same tries) and asks for the identifiers, then closes it.
 // 0 when the device answers; -10 port not opened (reported to the front end,

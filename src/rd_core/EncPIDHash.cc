@@ -23,8 +23,8 @@ constexpr std::size_t kTagLength = 16;
 int capture_timestamp(std::string* ts) { return ist_time_text("%Y-%m-%dT%H:%M:%S", ts); }
 
 int aes_encrypt_GCM_Mode(std::span<const std::uint8_t> plain, std::span<const std::uint8_t> aad,
-                         const std::uint8_t* key, std::span<const std::uint8_t> iv,
-                         std::vector<std::uint8_t>* cipher, std::uint8_t* tag) {
+                         const std::uint8_t* key, std::span<const std::uint8_t> iv, std::vector<std::uint8_t>* cipher,
+                         std::uint8_t* tag) {
   cipher->clear();
   if (key == nullptr || tag == nullptr || iv.size() != kIvLength ||
       plain.size() > static_cast<std::size_t>(INT_MAX - 32) || aad.size() > static_cast<std::size_t>(INT_MAX)) {
@@ -48,8 +48,7 @@ int aes_encrypt_GCM_Mode(std::span<const std::uint8_t> plain, std::span<const st
     return rd_codes::kFailed;
   }
   int len = 0;
-  if (!aad.empty() &&
-      EVP_EncryptUpdate(ctx.get(), nullptr, &len, aad.data(), static_cast<int>(aad.size())) != 1) {
+  if (!aad.empty() && EVP_EncryptUpdate(ctx.get(), nullptr, &len, aad.data(), static_cast<int>(aad.size())) != 1) {
     RD_ERROR("Error at EVP_EncryptUpdate -1");
     return rd_codes::kFailed;
   }

@@ -299,9 +299,9 @@ int GetDeviceInfo(char* work_area, const char* origin) {
     RD_ERROR("device public cert is not present");
     RD_STATUS("device public cert is not present : %s ", path.c_str());
     RD_PIPE("10000", "File Not Found : %s\n", path.c_str());
-  } else if (Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                                                        bytes.size()),
-                          &mc) != 0) {
+  } else if (Base64Encode(
+                 std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()),
+                 &mc) != 0) {
     RD_ERROR("Error at doing Base64Encode");
     mc.clear();
   }

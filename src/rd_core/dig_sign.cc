@@ -22,8 +22,7 @@ int make_keys(std::string_view private_key_pem, PkeyPtr* key) {
     RD_ERROR("bio is null");
     return kFailed;
   }
-  std::unique_ptr<BIO, BioFree> bio(
-      BIO_new_mem_buf(private_key_pem.data(), static_cast<int>(private_key_pem.size())));
+  std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(private_key_pem.data(), static_cast<int>(private_key_pem.size())));
   if (!bio) {
     RD_ERROR("bio is null");
     return kFailed;

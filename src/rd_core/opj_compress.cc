@@ -70,8 +70,7 @@ void ignore_message(const char* /*msg*/, void* /*user*/) {}
 
 }  // namespace
 
-int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, int width,
-                      int height, float ratio) {
+int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, int width, int height, float ratio) {
   if (out == nullptr) return kFailed;
   out->clear();
   if (raw == nullptr || width <= 0 || height <= 0 || width > kMaxSide || height > kMaxSide) {
@@ -133,8 +132,7 @@ int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, i
   std::vector<std::uint8_t> bytes;
   bytes.reserve(pixels / 8 + 1024);
   MemorySink sink{&bytes, 0};
-  std::unique_ptr<opj_stream_t, StreamDeleter> stream(
-      opj_stream_create(OPJ_J2K_STREAM_CHUNK_SIZE, OPJ_FALSE));
+  std::unique_ptr<opj_stream_t, StreamDeleter> stream(opj_stream_create(OPJ_J2K_STREAM_CHUNK_SIZE, OPJ_FALSE));
   if (!stream) {
     RD_ERROR("opj_stream_create failed");
     return kFailed;
@@ -144,8 +142,8 @@ int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, i
   opj_stream_set_skip_function(stream.get(), sink_skip);
   opj_stream_set_seek_function(stream.get(), sink_seek);
 
-  if (!opj_start_compress(codec.get(), image.get(), stream.get()) ||
-      !opj_encode(codec.get(), stream.get()) || !opj_end_compress(codec.get(), stream.get())) {
+  if (!opj_start_compress(codec.get(), image.get(), stream.get()) || !opj_encode(codec.get(), stream.get()) ||
+      !opj_end_compress(codec.get(), stream.get())) {
     RD_ERROR("JPEG 2000 encoding failed");
     return kFailed;
   }

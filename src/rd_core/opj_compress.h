@@ -14,7 +14,6 @@
 // *out as a JP2 file, lossy (9/7 wavelet, one quality layer) at the given
 // compression ratio; a ratio of 1 or less gives a lossless (5/3) image.
 // 0 and *out filled, or -1 (bad arguments or an encoder failure; *out cleared).
-int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, int width,
-                      int height, float ratio);
+int ConvertToJPEG2000(const std::uint8_t* raw, std::vector<std::uint8_t>* out, int width, int height, float ratio);
 
 #endif  // VEXO_RD_CORE_OPJ_COMPRESS_H

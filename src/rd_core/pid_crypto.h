@@ -16,20 +16,20 @@ int GenerateSessionKey(int key_bits, int key_bytes, std::uint8_t* key);
 // Wraps in with the public key of the UIDAI certificate chosen for env
 // (PKCS#1 v1.5). 0, -1, or 240 when the certificate's checksum is wrong.
 // ci receives the certificate's expiry "YYYYMMDD".
-int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t> in,
-                           std::vector<std::uint8_t>* out, std::string* ci);
+int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t> in, std::vector<std::uint8_t>* out,
+                           std::string* ci);
 // New session key, wrapped and Base64-encoded into skey_text. 0, the code of
 // uid_rsa_public_encrypt, or 999.
-int GenerateEncandPlainSessionKey(const std::string& env, std::uint8_t* key /*32*/,
-                                  std::string* skey_text, std::string* ci);
+int GenerateEncandPlainSessionKey(const std::string& env, std::uint8_t* key /*32*/, std::string* skey_text,
+                                  std::string* ci);
 // AES-256-GCM. 0 or -1.
 int aes_encrypt_GCM_Mode(std::span<const std::uint8_t> plain, std::span<const std::uint8_t> aad,
                          const std::uint8_t* key /*32*/, std::span<const std::uint8_t> iv,
                          std::vector<std::uint8_t>* cipher, std::uint8_t* tag /*16*/);
 // data_text = Base64(ts + GCM(pid) + tag), hmac_text = Base64(GCM(SHA-256(pid)) + tag).
 // 0, -1 or 999.
-int GenerateEncPID_EncPIDHash(std::span<const std::uint8_t> pid, const std::uint8_t* key /*32*/,
-                              const std::string& ts, std::string* data_text, std::string* hmac_text);
+int GenerateEncPID_EncPIDHash(std::span<const std::uint8_t> pid, const std::uint8_t* key /*32*/, const std::string& ts,
+                              std::string* data_text, std::string* hmac_text);
 // Turns OpenSSL's text form of a certificate time ("Jun  1 10:00:00 2027 GMT")
 // into ci "20270601". 0, or -1 (ci cleared) when the month name or a number is wrong.
 int cert_time_text_to_ci(const std::string& text, std::string* ci);

@@ -19,15 +19,15 @@ struct PidDataResponse {
   std::int8_t iType = 0;
   std::int8_t pCount = 0;
   std::int8_t pType = 0;
-  int nmPoints[kMaxFingers] = {};   // per captured finger, capture order
+  int nmPoints[kMaxFingers] = {};  // per captured finger, capture order
   int qScore[kMaxFingers] = {};
   std::string dpId, rdsId, rdsVer, dc, mi, mc;
   std::string srno;
-  std::string ci;                   // UIDAI certificate expiry "YYYYMMDD"
-  std::string skey;                 // Base64 wrapped session key
-  std::string hmac;                 // Base64 encrypted hash
-  std::string type = "X";           // "X" or "P"
-  std::string data;                 // Base64 encrypted Pid
+  std::string ci;          // UIDAI certificate expiry "YYYYMMDD"
+  std::string skey;        // Base64 wrapped session key
+  std::string hmac;        // Base64 encrypted hash
+  std::string type = "X";  // "X" or "P"
+  std::string data;        // Base64 encrypted Pid
 };
 
 // The errInfo text of an RD error code, or nullptr for a code not in the table.

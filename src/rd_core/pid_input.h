@@ -11,7 +11,7 @@
 
 // Everything that goes into one Pid block.
 struct PidInput {
-  std::string ts;                         // capture time, "YYYY-mm-ddTHH:MM:SS"
+  std::string ts;  // capture time, "YYYY-mm-ddTHH:MM:SS"
   std::string ver;
   std::string wadh;
   int otp_given = 0;
@@ -27,8 +27,8 @@ struct PidInput {
 };
 
 // Copies ts and the request's ver, wadh, otp and Demo values into an input.
-PidInput make_pid_input(const PidOptionsRequest& request, const std::string& ts,
-                        const std::string& dih, std::span<const CapturedFinger> fingers);
+PidInput make_pid_input(const PidOptionsRequest& request, const std::string& ts, const std::string& dih,
+                        std::span<const CapturedFinger> fingers);
 
 // Serialises the Pid document without indentation (it starts with the XML
 // declaration) into *xml. Attributes are written only when non-empty.

@@ -8,11 +8,11 @@
 #include <vector>
 
 constexpr int kMaxFingers = 10;
-constexpr std::size_t kPositionSize = 24;   // one posh entry, NUL included
+constexpr std::size_t kPositionSize = 24;  // one posh entry, NUL included
 constexpr std::size_t kWadhSize = 60;
 constexpr std::size_t kOtpSize = 112;
 constexpr std::size_t kEnvSize = 40;
-constexpr std::size_t kDemoValueSize = 256; // every Demo attribute value
+constexpr std::size_t kDemoValueSize = 256;  // every Demo attribute value
 
 struct PiGroup {
   int given = 0;
@@ -36,33 +36,33 @@ struct PidOptionsRequest {
   char format = 'X';
   int timeout_given = 0;
   int timeout = 0;
-  std::string ver;                         // the root's ver, "1.0" or "2.0"
-  std::string wadh;                        // < kWadhSize
+  std::string ver;   // the root's ver, "1.0" or "2.0"
+  std::string wadh;  // < kWadhSize
   int otp_given = 0;
-  std::string otp;                         // < kOtpSize
-  std::vector<std::string> positions;      // at most kMaxFingers entries
+  std::string otp;                     // < kOtpSize
+  std::vector<std::string> positions;  // at most kMaxFingers entries
   int demo_given = 0;
-  std::string lang;                        // Demo's lang attribute
+  std::string lang;  // Demo's lang attribute
   PiGroup pi;
   PaGroup pa;
   PfaGroup pfa;
-  std::string env = "P";                   // < kEnvSize
+  std::string env = "P";  // < kEnvSize
 };
 
 // One biometric record of one finger.
 struct BioRecord {
-  bool image = false;                      // false: FMR (minutiae), true: FIR (image)
-  std::vector<std::uint8_t> bytes;         // the raw record
-  std::string base64;                      // its Base64 text
-  std::string bs;                          // its bio-sign
+  bool image = false;               // false: FMR (minutiae), true: FIR (image)
+  std::vector<std::uint8_t> bytes;  // the raw record
+  std::string base64;               // its Base64 text
+  std::string bs;                   // its bio-sign
 };
 
 struct CapturedFinger {
-  std::string position;                    // posh name, "UNKNOWN" when none was given
+  std::string position;  // posh name, "UNKNOWN" when none was given
   int nmPoints = 0;
   int qScore = 0;
   int nfiq = 0;
-  std::vector<BioRecord> records;          // FMR before FIR
+  std::vector<BioRecord> records;  // FMR before FIR
 };
 
 #endif  // VEXO_RD_CORE_PID_REQUEST_H

@@ -29,42 +29,36 @@ bool add_letter_attr(xmlNode* node, const char* name, const std::string& value) 
   return add_attr(node, name, value.substr(0, 1));
 }
 
-xmlNode* add_child(xmlNode* parent, const char* name) {
-  return xmlNewChild(parent, nullptr, BAD_CAST name, nullptr);
-}
+xmlNode* add_child(xmlNode* parent, const char* name) { return xmlNewChild(parent, nullptr, BAD_CAST name, nullptr); }
 
 bool add_pi(xmlNode* demo, const PiGroup& pi) {
   xmlNode* n = add_child(demo, "Pi");
-  return n != nullptr && add_letter_attr(n, "ms", pi.ms) && add_attr(n, "mv", pi.mv) &&
-         add_attr(n, "name", pi.name) && add_attr(n, "lname", pi.lname) &&
-         add_attr(n, "lmv", pi.lmv) && add_letter_attr(n, "gender", pi.gender) &&
-         add_attr(n, "dob", pi.dob) && add_letter_attr(n, "dobt", pi.dobt) &&
-         add_attr(n, "age", pi.age) && add_attr(n, "phone", pi.phone) &&
-         add_attr(n, "email", pi.email);
+  return n != nullptr && add_letter_attr(n, "ms", pi.ms) && add_attr(n, "mv", pi.mv) && add_attr(n, "name", pi.name) &&
+         add_attr(n, "lname", pi.lname) && add_attr(n, "lmv", pi.lmv) && add_letter_attr(n, "gender", pi.gender) &&
+         add_attr(n, "dob", pi.dob) && add_letter_attr(n, "dobt", pi.dobt) && add_attr(n, "age", pi.age) &&
+         add_attr(n, "phone", pi.phone) && add_attr(n, "email", pi.email);
 }
 
 bool add_pa(xmlNode* demo, const PaGroup& pa) {
   xmlNode* n = add_child(demo, "Pa");
   return n != nullptr && add_letter_attr(n, "ms", pa.ms) && add_attr(n, "co", pa.co) &&
-         add_attr(n, "house", pa.house) && add_attr(n, "street", pa.street) &&
-         add_attr(n, "lm", pa.lm) && add_attr(n, "loc", pa.loc) && add_attr(n, "vtc", pa.vtc) &&
-         add_attr(n, "subdist", pa.subdist) && add_attr(n, "dist", pa.dist) &&
-         add_attr(n, "state", pa.state) && add_attr(n, "country", pa.country) &&
+         add_attr(n, "house", pa.house) && add_attr(n, "street", pa.street) && add_attr(n, "lm", pa.lm) &&
+         add_attr(n, "loc", pa.loc) && add_attr(n, "vtc", pa.vtc) && add_attr(n, "subdist", pa.subdist) &&
+         add_attr(n, "dist", pa.dist) && add_attr(n, "state", pa.state) && add_attr(n, "country", pa.country) &&
          add_attr(n, "pc", pa.pc) && add_attr(n, "po", pa.po);
 }
 
 bool add_pfa(xmlNode* demo, const PfaGroup& pfa) {
   xmlNode* n = add_child(demo, "Pfa");
-  return n != nullptr && add_letter_attr(n, "ms", pfa.ms) && add_attr(n, "mv", pfa.mv) &&
-         add_attr(n, "av", pfa.av) && add_attr(n, "lav", pfa.lav) && add_attr(n, "lmv", pfa.lmv);
+  return n != nullptr && add_letter_attr(n, "ms", pfa.ms) && add_attr(n, "mv", pfa.mv) && add_attr(n, "av", pfa.av) &&
+         add_attr(n, "lav", pfa.lav) && add_attr(n, "lmv", pfa.lmv);
 }
 
 bool build_pid(const PidInput& in, xmlDoc* doc) {
   xmlNode* root = xmlNewNode(nullptr, BAD_CAST "Pid");
   if (root == nullptr) return false;
   xmlDocSetRootElement(doc, root);
-  if (!add_attr(root, "ts", in.ts) || !add_attr(root, "ver", in.ver) ||
-      !add_attr(root, "wadh", in.wadh)) {
+  if (!add_attr(root, "ts", in.ts) || !add_attr(root, "ver", in.ver) || !add_attr(root, "wadh", in.wadh)) {
     return false;
   }
   if (in.demo_given) {
@@ -91,7 +85,6 @@ bool build_pid(const PidInput& in, xmlDoc* doc) {
   }
   return true;
 }
-
 
 int generate(PidOptionsRequest& request, EncPidBlock* out) {
   RD_LOG_AS("GenerateEncPIDBlock");
@@ -171,8 +164,8 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
 
 }  // namespace
 
-PidInput make_pid_input(const PidOptionsRequest& request, const std::string& ts,
-                        const std::string& dih, std::span<const CapturedFinger> fingers) {
+PidInput make_pid_input(const PidOptionsRequest& request, const std::string& ts, const std::string& dih,
+                        std::span<const CapturedFinger> fingers) {
   PidInput in;
   in.ts = ts;
   in.ver = request.ver;

@@ -9,11 +9,11 @@
 #include "rd_core/pid_request.h"
 
 struct EncPidBlock {
-  std::string data;               // Base64: ts + GCM(Pid) + tag
-  std::string hmac;               // Base64: GCM(SHA-256(Pid)) + tag
-  std::string skey;               // Base64: RSA-wrapped session key
-  std::string ci;                 // UIDAI certificate expiry, "YYYYMMDD"
-  std::vector<int> nmPoints;      // per captured finger, capture order
+  std::string data;           // Base64: ts + GCM(Pid) + tag
+  std::string hmac;           // Base64: GCM(SHA-256(Pid)) + tag
+  std::string skey;           // Base64: RSA-wrapped session key
+  std::string ci;             // UIDAI certificate expiry, "YYYYMMDD"
+  std::vector<int> nmPoints;  // per captured finger, capture order
   std::vector<int> qScore;
 };
 

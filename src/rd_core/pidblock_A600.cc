@@ -18,7 +18,6 @@ using rd_codes::kRdCaptureFailed;
 using rd_codes::kRdTimeout;
 using rd_codes::kScannerFailed;
 
-
 namespace {
 
 constexpr int kDefaultWaitSeconds = 20;
@@ -83,9 +82,8 @@ int finish_record(BioRecord* record, const std::string& ts) {
 
 // Waits for one finger image of acceptable quality into raw, with up to three
 // attempts. 0 and *nfiq; 700, 730 or -1.
-int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wait_s,
-                           const std::string& position, int width, int height,
-                           std::vector<std::uint8_t>* raw, int* nfiq) {
+int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wait_s, const std::string& position,
+                           int width, int height, std::vector<std::uint8_t>* raw, int* nfiq) {
   // Every report of the acquisition names FP_Cap, whichever helper makes it.
   RD_LOG_AS("FP_Cap");
   const CaptureTiming timing = capture_timing();
@@ -139,15 +137,13 @@ int capture_accepted_image(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, int wa
 }
 
 // Minutiae record of the last image. 0 or -1.
-int make_minutiae_record(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, BioRecord* record,
-                         int* nm_points) {
+int make_minutiae_record(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, BioRecord* record, int* nm_points) {
   // Every report of the acquisition names FP_Cap, whichever helper makes it.
   RD_LOG_AS("FP_Cap");
   std::vector<std::uint8_t> feature(kFeatureBufferSize, 0);
   int length = 0;
-  if (sdk.ExtractISOFeature(handle, 0, feature.data()) != 0 ||
-      sdk.GetISOFeatureLength(feature.data(), &length) != 0 || length <= 0 ||
-      static_cast<std::size_t>(length) > feature.size() ||
+  if (sdk.ExtractISOFeature(handle, 0, feature.data()) != 0 || sdk.GetISOFeatureLength(feature.data(), &length) != 0 ||
+      length <= 0 || static_cast<std::size_t>(length) > feature.size() ||
       static_cast<std::size_t>(length) <= kMinutiaeCountOffset) {
     RD_ERROR("Extracting ISO Features failed");
     return kScannerFailed;
@@ -160,8 +156,8 @@ int make_minutiae_record(const AratekSdk& sdk, ARAFPSCAN_HANDLE handle, BioRecor
 }
 
 // Finger image record: the 46-byte header and the JPEG 2000 image. 0 or -1.
-int make_image_record(const std::vector<std::uint8_t>& raw, int width, int height, int resolution,
-                      int quality, BioRecord* record) {
+int make_image_record(const std::vector<std::uint8_t>& raw, int width, int height, int resolution, int quality,
+                      BioRecord* record) {
   // Every report of the acquisition names FP_Cap, whichever helper makes it.
   RD_LOG_AS("FP_Cap");
   std::vector<std::uint8_t> jp2;
@@ -176,8 +172,7 @@ int make_image_record(const std::vector<std::uint8_t>& raw, int width, int heigh
   return 0;
 }
 
-int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request,
-                    const std::string& ts) {
+int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& request, const std::string& ts) {
   // Every report of the acquisition names FP_Cap, whichever helper makes it.
   RD_LOG_AS("FP_Cap");
   int wait_s = capture_wait_seconds(request);
@@ -195,9 +190,8 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
     return kScannerFailed;
   }
   int width = 0, height = 0, resolution = 0;
-  if (sdk.GetImageInfo(device.get(), &width, &height, &resolution) != 0 || width <= 0 ||
-      height <= 0 || width > kMaxSide || height > kMaxSide || resolution <= 0 ||
-      resolution > 0xffff) {
+  if (sdk.GetImageInfo(device.get(), &width, &height, &resolution) != 0 || width <= 0 || height <= 0 ||
+      width > kMaxSide || height > kMaxSide || resolution <= 0 || resolution > 0xffff) {
     RD_ERROR("Getting Image info is failed");
     RD_PIPE("5000", "Getting Image info failed\n");
     return kScannerFailed;
@@ -213,11 +207,8 @@ int capture_fingers(std::vector<CapturedFinger>* fingers, PidOptionsRequest& req
     // Without a posh entry the finger is prompted and reported as UNKNOWN.
     const std::size_t k = static_cast<std::size_t>(i);
     CapturedFinger finger;
-    finger.position = k < request.positions.size() && !request.positions[k].empty()
-                          ? request.positions[k]
-                          : "UNKNOWN";
-    int rc = capture_accepted_image(sdk, device.get(), wait_s, finger.position, width, height,
-                                    &raw, &finger.nfiq);
+    finger.position = k < request.positions.size() && !request.positions[k].empty() ? request.positions[k] : "UNKNOWN";
+    int rc = capture_accepted_image(sdk, device.get(), wait_s, finger.position, width, height, &raw, &finger.nfiq);
     if (rc != 0) return rc;
 
     if (sdk.ImgQuality(width, height, raw.data(), &finger.qScore) != 0) {
@@ -270,25 +261,24 @@ std::string position_display_name(const std::string& position) {
   return shown;
 }
 
-std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int height, int resolution,
-                                     int quality) {
+std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int height, int resolution, int quality) {
   std::vector<std::uint8_t> h(kFirHeaderSize, 0);
-  h[0] = 'F', h[1] = 'I', h[2] = 'R';                    // "FIR\0"
-  h[4] = '0', h[5] = '1', h[6] = '0';                    // "010\0"
-  put_be(&h, 8, kFirHeaderSize + image_len, 6);          // record length
-  put_be(&h, 14, 0, 2);                                  // capture device id
-  put_be(&h, 16, 30, 2);                                 // acquisition level
-  h[18] = 1;                                             // number of fingers
-  h[19] = 1;                                             // scale: pixels per inch
+  h[0] = 'F', h[1] = 'I', h[2] = 'R';            // "FIR\0"
+  h[4] = '0', h[5] = '1', h[6] = '0';            // "010\0"
+  put_be(&h, 8, kFirHeaderSize + image_len, 6);  // record length
+  put_be(&h, 14, 0, 2);                          // capture device id
+  put_be(&h, 16, 30, 2);                         // acquisition level
+  h[18] = 1;                                     // number of fingers
+  h[19] = 1;                                     // scale: pixels per inch
   for (std::size_t off = 20; off <= 26; off += 2) put_be(&h, off, static_cast<std::uint16_t>(resolution), 2);
-  h[28] = 8;                                             // pixel depth
-  h[29] = 4;                                             // JPEG 2000
-  put_be(&h, 32, 14 + image_len, 4);                     // finger data block length
-  h[36] = 0;  // finger position: deliberately 0, whatever posh named
-  h[37] = 1;                                             // view count
-  h[38] = 1;                                             // view number
+  h[28] = 8;                          // pixel depth
+  h[29] = 4;                          // JPEG 2000
+  put_be(&h, 32, 14 + image_len, 4);  // finger data block length
+  h[36] = 0;                          // finger position: deliberately 0, whatever posh named
+  h[37] = 1;                          // view count
+  h[38] = 1;                          // view number
   h[39] = static_cast<std::uint8_t>(std::clamp(quality, 0, 255));
-  h[40] = 0;                                             // impression type
+  h[40] = 0;  // impression type
   put_be(&h, 41, static_cast<std::uint16_t>(width), 2);
   put_be(&h, 43, static_cast<std::uint16_t>(height), 2);
   return h;

@@ -36,8 +36,7 @@ std::string position_display_name(const std::string& position);
 
 // The 46-byte finger image record header (big-endian numbers) for a JPEG 2000
 // image of image_len bytes. The finger position byte is always 0.
-std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int height,
-                                     int resolution, int quality);
+std::vector<std::uint8_t> fir_header(std::size_t image_len, int width, int height, int resolution, int quality);
 
 // Pauses and beep lengths of a capture, in milliseconds. Tests shorten the
 // beeps and the re-capture pause (test_seams.h).

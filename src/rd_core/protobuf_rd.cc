@@ -27,9 +27,8 @@ using PbPosition = In__Gov__Uidai__Authserver__Protobuf__Position;
 
 // Position names in the order of their enum values 1..13.
 constexpr std::array<std::string_view, 13> kPositions = {
-    "LEFT_IRIS",   "RIGHT_IRIS",   "LEFT_INDEX",   "LEFT_LITTLE", "LEFT_MIDDLE",
-    "LEFT_RING",   "LEFT_THUMB",   "RIGHT_INDEX",  "RIGHT_LITTLE", "RIGHT_MIDDLE",
-    "RIGHT_RING",  "RIGHT_THUMB",  "UNKNOWN"};
+    "LEFT_IRIS",   "RIGHT_IRIS",   "LEFT_INDEX",   "LEFT_LITTLE", "LEFT_MIDDLE", "LEFT_RING", "LEFT_THUMB",
+    "RIGHT_INDEX", "RIGHT_LITTLE", "RIGHT_MIDDLE", "RIGHT_RING",  "RIGHT_THUMB", "UNKNOWN"};
 
 PbPosition position_value(const std::string& name) {
   for (std::size_t i = 0; i < kPositions.size(); ++i) {

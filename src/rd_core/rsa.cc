@@ -135,9 +135,8 @@ int choose_uidai_cert(const std::string& env, std::string* pem) {
 int wrap_with_cert(const std::string& pem, std::span<const std::uint8_t> in, std::vector<std::uint8_t>* out,
                    std::string* ci) {
   RD_LOG_AS("uid_rsa_public_encrypt");
-  BioPtr bio(pem.size() <= static_cast<std::size_t>(INT_MAX)
-                 ? BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))
-                 : nullptr);
+  BioPtr bio(pem.size() <= static_cast<std::size_t>(INT_MAX) ? BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))
+                                                             : nullptr);
   std::unique_ptr<X509, X509Free> cert(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
   if (!cert) {
     RD_ERROR("Error at PEM_read_X509");
@@ -176,8 +175,8 @@ int wrap_with_cert(const std::string& pem, std::span<const std::uint8_t> in, std
 
 }  // namespace
 
-int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t> in,
-                           std::vector<std::uint8_t>* out, std::string* ci) {
+int uid_rsa_public_encrypt(const std::string& env, std::span<const std::uint8_t> in, std::vector<std::uint8_t>* out,
+                           std::string* ci) {
   out->clear();
   ci->clear();
   if (in.empty()) {

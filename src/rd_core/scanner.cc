@@ -105,7 +105,8 @@ int load_handheld(const char* folder) REQUIRES(g_load_mutex) {
   if (!ok) return kScannerFailed;
   void* security = open_library(folder, kHandheldSecurityLib);
   if (security == nullptr) return kScannerFailed;
-  if (!resolve(security, kHandheldSecurityLib, "Initialize_BT_Security", &sdk.Initialize_BT_Security)) return kScannerFailed;
+  if (!resolve(security, kHandheldSecurityLib, "Initialize_BT_Security", &sdk.Initialize_BT_Security))
+    return kScannerFailed;
   set_tavio_sdk(sdk);
   return 0;
 }

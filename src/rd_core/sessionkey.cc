@@ -23,8 +23,7 @@ int GenerateSessionKey(int key_bits, int key_bytes, std::uint8_t* key) {
   return 0;
 }
 
-int GenerateEncandPlainSessionKey(const std::string& env, std::uint8_t* key, std::string* skey_text,
-                                  std::string* ci) {
+int GenerateEncandPlainSessionKey(const std::string& env, std::uint8_t* key, std::string* skey_text, std::string* ci) {
   skey_text->clear();
   int rc = GenerateSessionKey(256, 32, key);
   if (rc != 0) {

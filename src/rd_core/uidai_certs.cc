@@ -78,7 +78,8 @@ bool names_uidai(const X509_NAME* subject) {
   for (int at = -1; (at = X509_NAME_get_index_by_NID(subject, NID_organizationName, at)) >= 0;) {
     unsigned char* utf8 = nullptr;
     const int len = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at)));
-    const bool uidai = len >= 0 && std::string_view(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(len)) == "UIDAI";
+    const bool uidai =
+        len >= 0 && std::string_view(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(len)) == "UIDAI";
     OPENSSL_free(utf8);
     if (uidai) return true;
   }
@@ -153,23 +154,30 @@ int uidai_install_cert(const std::string& prefix, UidaiCert which, const std::st
   return uidai_store_checksum(prefix, which, hex);
 }
 
-
 const char* uidai_cert_file_name(UidaiCert which) {
   switch (which) {
-    case UidaiCert::kStage: return "stage.pem";
-    case UidaiCert::kPreProd: return "preprod.pem";
-    case UidaiCert::kProd: return "prod.pem";
-    case UidaiCert::kProdOld: return "prod_old.pem";
+    case UidaiCert::kStage:
+      return "stage.pem";
+    case UidaiCert::kPreProd:
+      return "preprod.pem";
+    case UidaiCert::kProd:
+      return "prod.pem";
+    case UidaiCert::kProdOld:
+      return "prod_old.pem";
   }
   return "prod.pem";
 }
 
 std::string_view uidai_builtin_cert(UidaiCert which) {
   switch (which) {
-    case UidaiCert::kStage: return as_text(kUidaiPem_stage, kUidaiPemLen_stage);
-    case UidaiCert::kPreProd: return as_text(kUidaiPem_preprod, kUidaiPemLen_preprod);
-    case UidaiCert::kProd: return as_text(kUidaiPem_prod, kUidaiPemLen_prod);
-    case UidaiCert::kProdOld: return as_text(kUidaiPem_prod_old, kUidaiPemLen_prod_old);
+    case UidaiCert::kStage:
+      return as_text(kUidaiPem_stage, kUidaiPemLen_stage);
+    case UidaiCert::kPreProd:
+      return as_text(kUidaiPem_preprod, kUidaiPemLen_preprod);
+    case UidaiCert::kProd:
+      return as_text(kUidaiPem_prod, kUidaiPemLen_prod);
+    case UidaiCert::kProdOld:
+      return as_text(kUidaiPem_prod_old, kUidaiPemLen_prod_old);
   }
   return {};
 }
@@ -207,4 +215,3 @@ std::string uidai_expected_checksum(UidaiCert which, const std::string& cert_pem
   const std::string stored = uidai_stored_checksum(which);
   return stored.empty() ? sha256_hex(cert_pem) : stored;
 }
-

@@ -20,7 +20,6 @@
 #include "platform/mutex.h"
 #include "platform/platform.h"
 
-
 namespace {
 
 constexpr const char* kScratchFile = "Final.xml";
@@ -32,8 +31,8 @@ constexpr std::size_t kMaxPositionLength = kPositionSize - 1;
 constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
 constexpr const char* kPositionNames[] = {
-    "LEFT_INDEX",  "LEFT_LITTLE",  "LEFT_MIDDLE",  "LEFT_RING",  "LEFT_THUMB", "RIGHT_INDEX",
-    "RIGHT_LITTLE", "RIGHT_MIDDLE", "RIGHT_RING", "RIGHT_THUMB", "UNKNOWN",
+    "LEFT_INDEX",   "LEFT_LITTLE",  "LEFT_MIDDLE", "LEFT_RING",   "LEFT_THUMB", "RIGHT_INDEX",
+    "RIGHT_LITTLE", "RIGHT_MIDDLE", "RIGHT_RING",  "RIGHT_THUMB", "UNKNOWN",
 };
 
 // Guards the scratch file: two validations never write or read it at once.
@@ -68,8 +67,7 @@ int to_int(const std::string& text) {
 
 // Copies value into *field when it fits a field of capacity bytes (NUL
 // included); a longer value is refused rather than cut.
-bool copy_bounded(const std::string& value, std::size_t capacity, const char* what,
-                  std::string* field) {
+bool copy_bounded(const std::string& value, std::size_t capacity, const char* what, std::string* field) {
   RD_LOG_AS("Parse_XML_Request");
   if (value.size() >= capacity) {
     RD_ERROR("Invalid pidoption input : %s value is too long", what);
@@ -93,20 +91,19 @@ struct DemoField {
 };
 
 constexpr DemoField<PiGroup> kPiFields[] = {
-    {"ms", &PiGroup::ms},         {"mv", &PiGroup::mv},   {"name", &PiGroup::name},
-    {"lname", &PiGroup::lname},   {"lmv", &PiGroup::lmv}, {"gender", &PiGroup::gender},
-    {"dob", &PiGroup::dob},       {"dobt", &PiGroup::dobt}, {"age", &PiGroup::age},
-    {"phone", &PiGroup::phone},   {"email", &PiGroup::email},
+    {"ms", &PiGroup::ms},   {"mv", &PiGroup::mv},         {"name", &PiGroup::name},   {"lname", &PiGroup::lname},
+    {"lmv", &PiGroup::lmv}, {"gender", &PiGroup::gender}, {"dob", &PiGroup::dob},     {"dobt", &PiGroup::dobt},
+    {"age", &PiGroup::age}, {"phone", &PiGroup::phone},   {"email", &PiGroup::email},
 };
 constexpr DemoField<PaGroup> kPaFields[] = {
-    {"ms", &PaGroup::ms},           {"co", &PaGroup::co},       {"house", &PaGroup::house},
-    {"street", &PaGroup::street},   {"lm", &PaGroup::lm},       {"loc", &PaGroup::loc},
-    {"vtc", &PaGroup::vtc},         {"subdist", &PaGroup::subdist}, {"dist", &PaGroup::dist},
-    {"state", &PaGroup::state},     {"country", &PaGroup::country}, {"pc", &PaGroup::pc},
+    {"ms", &PaGroup::ms},         {"co", &PaGroup::co},           {"house", &PaGroup::house},
+    {"street", &PaGroup::street}, {"lm", &PaGroup::lm},           {"loc", &PaGroup::loc},
+    {"vtc", &PaGroup::vtc},       {"subdist", &PaGroup::subdist}, {"dist", &PaGroup::dist},
+    {"state", &PaGroup::state},   {"country", &PaGroup::country}, {"pc", &PaGroup::pc},
     {"po", &PaGroup::po},
 };
 constexpr DemoField<PfaGroup> kPfaFields[] = {
-    {"ms", &PfaGroup::ms}, {"mv", &PfaGroup::mv}, {"av", &PfaGroup::av},
+    {"ms", &PfaGroup::ms},   {"mv", &PfaGroup::mv},   {"av", &PfaGroup::av},
     {"lav", &PfaGroup::lav}, {"lmv", &PfaGroup::lmv},
 };
 
@@ -124,8 +121,7 @@ bool is_ascii(const std::string& value) {
 
 // Sets the group's flag and copies the attributes it knows. 0 or 100.
 template <typename Group, std::size_t N>
-int read_demo_group(xmlDoc* doc, const xmlNode* node, const DemoField<Group> (&fields)[N],
-                    Group* group) {
+int read_demo_group(xmlDoc* doc, const xmlNode* node, const DemoField<Group> (&fields)[N], Group* group) {
   RD_LOG_AS("Parse_XML_Request");
   group->given = 1;
   for (const xmlAttr* a = node->properties; a != nullptr; a = a->next) {
@@ -149,15 +145,13 @@ int read_demo_group(xmlDoc* doc, const xmlNode* node, const DemoField<Group> (&f
 
 int read_demo(xmlDoc* doc, const xmlNode* demo, PidOptionsRequest* request) {
   for (const xmlAttr* a = demo->properties; a != nullptr; a = a->next) {
-    if (name_is(a->name, "lang") &&
-        !copy_bounded(attribute_value(doc, a), kDemoValueSize, "lang", &request->lang)) {
+    if (name_is(a->name, "lang") && !copy_bounded(attribute_value(doc, a), kDemoValueSize, "lang", &request->lang)) {
       return rd_codes::kRdBadPidOptions;
     }
   }
   if (xmlFirstElementChild(const_cast<xmlNode*>(demo)) == nullptr) return 0;
   request->demo_given = 1;
-  for (xmlNode* c = xmlFirstElementChild(const_cast<xmlNode*>(demo)); c != nullptr;
-       c = xmlNextElementSibling(c)) {
+  for (xmlNode* c = xmlFirstElementChild(const_cast<xmlNode*>(demo)); c != nullptr; c = xmlNextElementSibling(c)) {
     int rc = 0;
     if (name_is(c->name, "Pi")) {
       rc = read_demo_group(doc, c, kPiFields, &request->pi);
@@ -298,7 +292,8 @@ int split_positions(const char* raw, std::vector<std::string>* positions) {
     }
     const char* end = std::strchr(p, ',');
     std::size_t len = end ? static_cast<std::size_t>(end - p) : std::strlen(p);
-    if (len > kMaxPositionLength || positions->size() == static_cast<std::size_t>(kMaxFingers)) return rd_codes::kFailed;
+    if (len > kMaxPositionLength || positions->size() == static_cast<std::size_t>(kMaxFingers))
+      return rd_codes::kFailed;
     std::string entry;
     for (std::size_t i = 0; i < len; ++i) {
       if (!std::isspace(static_cast<unsigned char>(p[i]))) entry.push_back(p[i]);

@@ -23,10 +23,10 @@ struct ScannerLockName {
 
 // 003 belongs to no scanner; the numbering keeps the gap.
 constexpr ScannerLockName kLockNames[] = {
-    {"UAREU", "Global\\QDX_WIN_001"},     {"FUTRONIC", "Global\\QDX_WIN_002"},
-    {"GEMALTO", "Global\\QDX_WIN_004"},   {"MANTRA", "Global\\QDX_WIN_005"},
-    {"MORPHO", "Global\\QDX_WIN_006"},    {"SECUGEN", "Global\\QDX_WIN_007"},
-    {"TX9", "Global\\QDX_WIN_008"},       {"Tavio_TX9", "Global\\QDX_WIN_009"},
+    {"UAREU", "Global\\QDX_WIN_001"},       {"FUTRONIC", "Global\\QDX_WIN_002"},
+    {"GEMALTO", "Global\\QDX_WIN_004"},     {"MANTRA", "Global\\QDX_WIN_005"},
+    {"MORPHO", "Global\\QDX_WIN_006"},      {"SECUGEN", "Global\\QDX_WIN_007"},
+    {"TX9", "Global\\QDX_WIN_008"},         {"Tavio_TX9", "Global\\QDX_WIN_009"},
     {"Aratek_A600", "Global\\QDX_WIN_010"}, {"Aratek_A400", "Global\\QDX_WIN_011"},
 };
 

@@ -49,7 +49,6 @@ std::string last_error_text() {
   return text;
 }
 
-
 // Drains OpenSSL's error queue into the log, one line per entry.
 void log_error_queue(const char* func) {
   // Helpers log under the name of the function they serve.
@@ -85,9 +84,7 @@ int socket_bio_read(BIO* b, char* data, int len) {
   return static_cast<int>(n);
 }
 
-int socket_bio_puts(BIO* b, const char* text) {
-  return socket_bio_write(b, text, static_cast<int>(std::strlen(text)));
-}
+int socket_bio_puts(BIO* b, const char* text) { return socket_bio_write(b, text, static_cast<int>(std::strlen(text))); }
 
 long socket_bio_ctrl(BIO* b, int cmd, long /*num*/, void* ptr) {
   switch (cmd) {
@@ -103,8 +100,7 @@ long socket_bio_ctrl(BIO* b, int cmd, long /*num*/, void* ptr) {
 
 const BIO_METHOD* socket_bio_method() {
   static BIO_METHOD* method = [] {
-    BIO_METHOD* m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR,
-                                 "vexo socket");
+    BIO_METHOD* m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR, "vexo socket");
     if (m != nullptr) {
       BIO_meth_set_write(m, socket_bio_write);
       BIO_meth_set_read(m, socket_bio_read);
@@ -441,8 +437,7 @@ int recvFromSSLWithTC(SSL* ssl, char* buf, int* len, std::uint64_t deadline) {
   return 0;
 }
 
-int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char* body,
-                std::size_t body_len) {
+int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char* body, std::size_t body_len) {
   // The whole answer goes out within one request limit.
   const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
   if (platform::set_nonblocking(SSL_get_fd(ssl), true) != 0) {
@@ -477,16 +472,36 @@ int closeSSLConnection(SSL* ssl) {
 
 void printSSLError(SSL* ssl, int ret) {
   switch (SSL_get_error(ssl, ret)) {
-    case SSL_ERROR_NONE: RD_ERROR("SSL throws:SSL_ERROR_NONE"); break;
-    case SSL_ERROR_SSL: RD_ERROR("SSL throws:SSL_ERROR_SSL"); break;
-    case SSL_ERROR_WANT_READ: RD_ERROR("SSL throws:SSL_ERROR_WANT_READ"); break;
-    case SSL_ERROR_WANT_WRITE: RD_ERROR("SSL throws:SSL_ERROR_WANT_WRITE"); break;
-    case SSL_ERROR_WANT_X509_LOOKUP: RD_ERROR("SSL throws:SSL_ERROR_WANT_X509_LOOKUP"); break;
-    case SSL_ERROR_SYSCALL: RD_ERROR("SSL throws:SSL_ERROR_SYSCALL"); break;
-    case SSL_ERROR_ZERO_RETURN: RD_ERROR("SSL throws:SSL_ERROR_ZERO_RETURN"); break;
-    case SSL_ERROR_WANT_CONNECT: RD_ERROR("SSL throws:SSL_ERROR_WANT_CONNECT"); break;
-    case SSL_ERROR_WANT_ACCEPT: RD_ERROR("SSL throws:SSL_ERROR_WANT_ACCEPT"); break;
-    default: RD_ERROR("SSL throws:SSL error not defined"); break;
+    case SSL_ERROR_NONE:
+      RD_ERROR("SSL throws:SSL_ERROR_NONE");
+      break;
+    case SSL_ERROR_SSL:
+      RD_ERROR("SSL throws:SSL_ERROR_SSL");
+      break;
+    case SSL_ERROR_WANT_READ:
+      RD_ERROR("SSL throws:SSL_ERROR_WANT_READ");
+      break;
+    case SSL_ERROR_WANT_WRITE:
+      RD_ERROR("SSL throws:SSL_ERROR_WANT_WRITE");
+      break;
+    case SSL_ERROR_WANT_X509_LOOKUP:
+      RD_ERROR("SSL throws:SSL_ERROR_WANT_X509_LOOKUP");
+      break;
+    case SSL_ERROR_SYSCALL:
+      RD_ERROR("SSL throws:SSL_ERROR_SYSCALL");
+      break;
+    case SSL_ERROR_ZERO_RETURN:
+      RD_ERROR("SSL throws:SSL_ERROR_ZERO_RETURN");
+      break;
+    case SSL_ERROR_WANT_CONNECT:
+      RD_ERROR("SSL throws:SSL_ERROR_WANT_CONNECT");
+      break;
+    case SSL_ERROR_WANT_ACCEPT:
+      RD_ERROR("SSL throws:SSL_ERROR_WANT_ACCEPT");
+      break;
+    default:
+      RD_ERROR("SSL throws:SSL error not defined");
+      break;
   }
   log_error_queue(__func__);
 }

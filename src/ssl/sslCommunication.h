@@ -55,8 +55,7 @@ int recvFromSSLWithTC(SSL* ssl, char* buf, int* len, std::uint64_t deadline);
 int recvFromSSL(SSL* ssl, char* buf);
 // Writes header, then body (none when body_len is 0), all of it within
 // recv_wait_ms(): a client that stops reading is given up. 0, or -2.
-int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char* body,
-                std::size_t body_len);
+int sendThruSSL(SSL* ssl, const char* header, std::size_t header_len, const char* body, std::size_t body_len);
 // Sends close_notify, closes the socket and frees ssl. 0; -3 when ssl is null.
 int closeSSLConnection(SSL* ssl);
 // Logs the error class of ret (an SSL_* call's result on ssl) and drains

@@ -63,16 +63,15 @@ size_t sink(char* piece, size_t size, size_t count, void* user) {
 // The options every exchange with the server starts with: the debug level,
 // the URL and the proxy, tunnelled, with its credentials when it has them.
 bool set_endpoint(const Caller& caller, CURL* c, const RdConfig& config, const std::string& url) {
-  return transfer::set_options(
-      caller, c,
-      {{CURLOPT_VERBOSE, 1L, "Error in Curl CURLOPT_VERBOSE", config.verbose > 1},
-       {CURLOPT_URL, url.c_str(), "Error in Curl CURLOPT_URL"},
-       {CURLOPT_PROXY, config.proxy_url.c_str(), "Error in Curl CURLOPT_PROXY"},
-       {CURLOPT_HTTPPROXYTUNNEL, 1L, "Error in Curl CURLOPT_HTTPPROXYTUNNEL"},
-       {CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(), "Error in Curl CURLOPT_PROXYUSERNAME",
-        !config.proxy_username.empty()},
-       {CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(), "Error in Curl CURLOPT_PROXYPASSWORD",
-        !config.proxy_password.empty()}});
+  return transfer::set_options(caller, c,
+                               {{CURLOPT_VERBOSE, 1L, "Error in Curl CURLOPT_VERBOSE", config.verbose > 1},
+                                {CURLOPT_URL, url.c_str(), "Error in Curl CURLOPT_URL"},
+                                {CURLOPT_PROXY, config.proxy_url.c_str(), "Error in Curl CURLOPT_PROXY"},
+                                {CURLOPT_HTTPPROXYTUNNEL, 1L, "Error in Curl CURLOPT_HTTPPROXYTUNNEL"},
+                                {CURLOPT_PROXYUSERNAME, config.proxy_username.c_str(),
+                                 "Error in Curl CURLOPT_PROXYUSERNAME", !config.proxy_username.empty()},
+                                {CURLOPT_PROXYPASSWORD, config.proxy_password.c_str(),
+                                 "Error in Curl CURLOPT_PROXYPASSWORD", !config.proxy_password.empty()}});
 }
 
 // Reports a failed POST transfer and maps libcurl's result to ours.
@@ -111,7 +110,9 @@ int transfer_failure(CURLcode rc, const std::string& url, const char* error_text
 
 }  // namespace
 
-long zelm_timeout_seconds() { return test_seams::get(&test_seams::Seams::mgmt_timeout_s).value_or(kZelmTimeoutSeconds); }
+long zelm_timeout_seconds() {
+  return test_seams::get(&test_seams::Seams::mgmt_timeout_s).value_or(kZelmTimeoutSeconds);
+}
 
 int sendData2Zelm(const std::string& url, const std::string& request, std::string* response) {
   response->clear();
@@ -144,13 +145,12 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   char error_text[CURL_ERROR_SIZE] = {};
   CURL* c = curl.get();
   if (!set_endpoint(kPost, c, config, url) ||
-      !transfer::set_options(
-          kPost, c,
-          {{CURLOPT_POST, 1L, "Error in Curl CURLOPT_POST"},
-           {CURLOPT_POSTFIELDS, request.c_str(), "Error in Curl CURLOPT_POSTFIELDS"},
-           {CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "Error in Curl CURLOPT_POSTFIELDSIZE"},
-           {CURLOPT_HTTPHEADER, header_list.get(), "Error in Curl CURLOPT_HTTPHEADER"},
-           {CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER"}})) {
+      !transfer::set_options(kPost, c,
+                             {{CURLOPT_POST, 1L, "Error in Curl CURLOPT_POST"},
+                              {CURLOPT_POSTFIELDS, request.c_str(), "Error in Curl CURLOPT_POSTFIELDS"},
+                              {CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "Error in Curl CURLOPT_POSTFIELDSIZE"},
+                              {CURLOPT_HTTPHEADER, header_list.get(), "Error in Curl CURLOPT_HTTPHEADER"},
+                              {CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER"}})) {
     return rd_codes::kTransportFailed;
   }
 
@@ -158,13 +158,12 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   if (const int pin = transfer::prepare_trust(kPost, url, &trust); pin != 0) return pin;
   RD_INFO("%s", trust.tls ? "Communication is Happening through HTTPs" : "Communication is Happening through HTTP");
   if (!transfer::set_trust(kPost, c, trust) ||
-      !transfer::set_options(
-          kPost, c,
-          {{CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION"},
-           {CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option"},
-           {CURLOPT_HEADERFUNCTION, collect, "Error in Curl CURLOPT_HEADERFUNCTION"},
-           {CURLOPT_HEADERDATA, &headers, "Error in Curl CURLOPT_HEADERDATA"},
-           {CURLOPT_WRITEDATA, &body, "Error in Curl CURLOPT_WRITEDATA"}})) {
+      !transfer::set_options(kPost, c,
+                             {{CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION"},
+                              {CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option"},
+                              {CURLOPT_HEADERFUNCTION, collect, "Error in Curl CURLOPT_HEADERFUNCTION"},
+                              {CURLOPT_HEADERDATA, &headers, "Error in Curl CURLOPT_HEADERDATA"},
+                              {CURLOPT_WRITEDATA, &body, "Error in Curl CURLOPT_WRITEDATA"}})) {
     return rd_codes::kTransportFailed;
   }
 

@@ -12,10 +12,10 @@
 #include <string>
 
 // Limits of one exchange with the Management server.
-inline constexpr std::size_t kZelmMaxBody = 29999;    // POST response body
-inline constexpr std::size_t kZelmMaxHeaders = 4095;  // POST response headers
-inline constexpr std::size_t kZelmMaxGetBody = 4095;  // GET response body
-inline constexpr long kZelmTimeoutSeconds = 90;       // whole transfer, POST and GET
+inline constexpr std::size_t kZelmMaxBody = 29999;      // POST response body
+inline constexpr std::size_t kZelmMaxHeaders = 4095;    // POST response headers
+inline constexpr std::size_t kZelmMaxGetBody = 4095;    // GET response body
+inline constexpr long kZelmTimeoutSeconds = 90;         // whole transfer, POST and GET
 inline constexpr long kZelmConnectTimeoutSeconds = 60;  // GET connect
 
 // POSTs the JSON request with its RD_DRT header and checks the response's

@@ -9,8 +9,8 @@
 
 namespace {
 
-const MgmtIdentity kSelf{"1.0.4", "QDX.WIN.002", "CL01", "1.0", "LINUX", "0a1b2c3d4e5f",
-                         "SN0001", "KORVANE", "A600", "KORVANE.QDX"};
+const MgmtIdentity kSelf{"1.0.4",        "QDX.WIN.002", "CL01",    "1.0",  "LINUX",
+                         "0a1b2c3d4e5f", "SN0001",      "KORVANE", "A600", "KORVANE.QDX"};
 
 void check_field(const std::string& s) {
   if (s.size() > kMgmtMaxField) fuzz_fail("copied value longer than kMgmtMaxField");

@@ -32,8 +32,8 @@ class TempDir {
   TempDir() {
     char base[MAX_PATH];
     ::GetTempPathA(sizeof base, base);
-    path_ = std::string(base) + "vexo-win32-" + std::to_string(::GetCurrentProcessId()) + "-" +
-            std::to_string(counter_++);
+    path_ =
+        std::string(base) + "vexo-win32-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(counter_++);
     ::CreateDirectoryA(path_.c_str(), nullptr);
   }
   ~TempDir() { remove_tree(path_); }
@@ -417,8 +417,8 @@ TEST(Win32Socket, Ipv6LoopbackOnly) {
 
 TEST(Win32Pipe, WritesReachTheServerAndFailuresCarryTheCode) {
   const std::string name = "\\\\.\\pipe\\vexo-test-" + std::to_string(::GetCurrentProcessId());
-  HANDLE server = ::CreateNamedPipeA(name.c_str(), PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE | PIPE_WAIT, 1, 4096, 4096, 0,
-                                     nullptr);
+  HANDLE server =
+      ::CreateNamedPipeA(name.c_str(), PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE | PIPE_WAIT, 1, 4096, 4096, 0, nullptr);
   ASSERT_NE(server, INVALID_HANDLE_VALUE);
   int err = 0;
   int fd = platform::pipe_open(name, &err);

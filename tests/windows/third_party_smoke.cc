@@ -165,7 +165,8 @@ TEST(ThirdParty, XmlParseAndSchema) {
     if (doc == nullptr) continue;
     EXPECT_STREQ(reinterpret_cast<const char*>(xmlDocGetRootElement(doc)->name), "PidOptions");
     xmlSchemaValidCtxtPtr vctx = xmlSchemaNewValidCtxt(schema);
-    xmlSchemaSetValidStructuredErrors(vctx, [](void*, xmlErrorPtr) {}, nullptr);
+    xmlSchemaSetValidStructuredErrors(
+        vctx, [](void*, xmlErrorPtr) {}, nullptr);
     EXPECT_EQ(xmlSchemaValidateDoc(vctx, doc) == 0, c.valid) << c.doc;
     xmlSchemaFreeValidCtxt(vctx);
     xmlFreeDoc(doc);

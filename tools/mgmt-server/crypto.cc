@@ -25,9 +25,7 @@ std::string openssl_error(const char* what) {
   return std::string(what) + (code != 0 ? std::string(": ") + buf : std::string());
 }
 
-BioPtr mem_bio(const std::string& data) {
-  return BioPtr(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
-}
+BioPtr mem_bio(const std::string& data) { return BioPtr(BIO_new_mem_buf(data.data(), static_cast<int>(data.size()))); }
 
 bool add_ext(X509* cert, X509* issuer, int nid, const char* value) {
   X509V3_CTX ctx;
@@ -39,8 +37,7 @@ bool add_ext(X509* cert, X509* issuer, int nid, const char* value) {
 
 }  // namespace
 
-int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca,
-            std::string* error) {
+int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca, std::string* error) {
   BioPtr cb(BIO_new_file(cert_path.c_str(), "r"));
   BioPtr kb(BIO_new_file(key_path.c_str(), "r"));
   if (!cb || !kb) {
@@ -60,8 +57,8 @@ int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca,
   return 0;
 }
 
-int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& serial,
-                      std::time_t now, std::string* der, std::string* error) {
+int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& serial, std::time_t now,
+                      std::string* der, std::string* error) {
   der->clear();
   PkeyPtr pub;
   {
@@ -92,19 +89,16 @@ int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& s
   std::unique_ptr<BIGNUM, BnFree> sn(BN_new());
   bool ok = subject && cert && sn &&
             X509_NAME_add_entry_by_txt(subject.get(), "CN", MBSTRING_UTF8,
-                                       reinterpret_cast<const unsigned char*>(serial.c_str()), -1, -1,
-                                       0) == 1 &&
+                                       reinterpret_cast<const unsigned char*>(serial.c_str()), -1, -1, 0) == 1 &&
             BN_rand(sn.get(), 63, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) == 1 &&
             BN_to_ASN1_INTEGER(sn.get(), X509_get_serialNumber(cert.get())) != nullptr &&
             X509_set_version(cert.get(), 2) == 1 &&
             X509_time_adj_ex(X509_getm_notBefore(cert.get()), 0, -3600, &now) != nullptr &&
             X509_time_adj_ex(X509_getm_notAfter(cert.get()), 365, 0, &now) != nullptr &&
-            X509_set_pubkey(cert.get(), pub.get()) == 1 &&
-            X509_set_subject_name(cert.get(), subject.get()) == 1 &&
+            X509_set_pubkey(cert.get(), pub.get()) == 1 && X509_set_subject_name(cert.get(), subject.get()) == 1 &&
             X509_set_issuer_name(cert.get(), X509_get_subject_name(ca.cert.get())) == 1 &&
             add_ext(cert.get(), ca.cert.get(), NID_basic_constraints, "critical,CA:FALSE") &&
-            add_ext(cert.get(), ca.cert.get(), NID_key_usage,
-                    "critical,digitalSignature,nonRepudiation") &&
+            add_ext(cert.get(), ca.cert.get(), NID_key_usage, "critical,digitalSignature,nonRepudiation") &&
             add_ext(cert.get(), ca.cert.get(), NID_ext_key_usage, "clientAuth") &&
             add_ext(cert.get(), ca.cert.get(), NID_subject_key_identifier, "hash") &&
             add_ext(cert.get(), ca.cert.get(), NID_authority_key_identifier, "keyid:always") &&
@@ -141,8 +135,7 @@ std::string hex_digest(const char* md_name, const std::string& data) {
   const EVP_MD* md = EVP_get_digestbyname(md_name);
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
-  if (md == nullptr || EVP_Digest(data.data(), data.size(), digest, &len, md, nullptr) != 1)
-    return std::string();
+  if (md == nullptr || EVP_Digest(data.data(), data.size(), digest, &len, md, nullptr) != 1) return std::string();
   std::string hex;
   char two[3];
   for (unsigned int i = 0; i < len; ++i) {
@@ -158,10 +151,8 @@ std::string new_uuid() {
   b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);
   b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);
   char text[37];
-  std::snprintf(text, sizeof text,
-                "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0],
-                b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
-                b[14], b[15]);
+  std::snprintf(text, sizeof text, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0], b[1],
+                b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
   return text;
 }
 

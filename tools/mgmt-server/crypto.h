@@ -26,8 +26,8 @@ int load_ca(const std::string& cert_path, const std::string& key_path, Ca* ca, s
 // extended key usage clientAuth alone. SHA-256, signed by the CA, valid from
 // an hour before now for a year, a random 63-bit serial number. Writes the
 // DER. 0, or -1 with *error set.
-int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& serial,
-                      std::time_t now, std::string* der, std::string* error);
+int issue_device_cert(const Ca& ca, const std::string& pem, const std::string& serial, std::time_t now,
+                      std::string* der, std::string* error);
 
 // The library's Base64 (common/Base64.h) over strings of bytes.
 std::string base64_encode(const std::string& bytes);

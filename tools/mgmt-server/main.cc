@@ -25,9 +25,8 @@ struct Command {
 };
 
 // The actions a queue may hold: the next actions a device acts on.
-const std::set<std::string> kActions = {"KEY_ROTATION",   "UIDAI_CERT_UPDATE",
-                                        "SOFTWARE_UPDATE", "TIME_STAMP_SYNC",
-                                        "NO_ACTION_NECESSARY", "UPDATE_STATUS",
+const std::set<std::string> kActions = {"KEY_ROTATION",         "UIDAI_CERT_UPDATE",   "SOFTWARE_UPDATE",
+                                        "TIME_STAMP_SYNC",      "NO_ACTION_NECESSARY", "UPDATE_STATUS",
                                         "DEVICE_NOT_REGISTERED"};
 
 bool to_int64(const std::string& text, long long min, long long max, long long* out) {
@@ -42,9 +41,8 @@ bool to_int64(const std::string& text, long long min, long long max, long long* 
 
 // Splits "--name value" options from positional arguments. Flags listed in
 // flags take no value. Returns false on an unknown option or a missing value.
-bool parse_options(const Args& args, const std::set<std::string>& with_value,
-                   const std::set<std::string>& flags, std::vector<std::pair<std::string, std::string>>* opts,
-                   Args* positional) {
+bool parse_options(const Args& args, const std::set<std::string>& with_value, const std::set<std::string>& flags,
+                   std::vector<std::pair<std::string, std::string>>* opts, Args* positional) {
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     if (a.rfind("--", 0) != 0) {
@@ -64,8 +62,7 @@ bool parse_options(const Args& args, const std::set<std::string>& with_value,
 int open_registry(const std::string& path, mgmt::Registry* registry) {
   std::string error;
   if (registry->open(path, &error) != 0) {
-    std::fprintf(stderr, "vexo-mgmt-server: cannot open registry %s: %s\n", path.c_str(),
-                 error.c_str());
+    std::fprintf(stderr, "vexo-mgmt-server: cannot open registry %s: %s\n", path.c_str(), error.c_str());
     return -1;
   }
   return 0;
@@ -82,8 +79,8 @@ int cmd_serve(const Args& args) {
   std::vector<std::pair<std::string, std::string>> opts;
   Args pos;
   if (!parse_options(args,
-                     {"--port", "--host", "--data", "--registry", "--clock-offset",
-                      "--key-max-age", "--cert", "--key", "--ca-cert", "--ca-key"},
+                     {"--port", "--host", "--data", "--registry", "--clock-offset", "--key-max-age", "--cert", "--key",
+                      "--ca-cert", "--ca-key"},
                      {"--tls", "--plain"}, &opts, &pos) ||
       !pos.empty())
     return 2;
@@ -124,8 +121,8 @@ int cmd_serve(const Args& args) {
 int cmd_add_device(const Args& args) {
   std::vector<std::pair<std::string, std::string>> opts;
   Args pos;
-  if (!parse_options(args, {"--model", "--host-id", "--registry"}, {}, &opts, &pos) ||
-      pos.size() != 1 || pos[0].empty())
+  if (!parse_options(args, {"--model", "--host-id", "--registry"}, {}, &opts, &pos) || pos.size() != 1 ||
+      pos[0].empty())
     return 2;
   std::string model, host_id, path = "registry.db";
   for (const auto& [name, value] : opts) {
@@ -156,8 +153,7 @@ int cmd_queue(const Args& args) {
   if (open_registry(path, &registry) != 0) return 1;
   int rc = registry.enqueue(pos[0], pos[1]);
   if (rc != 0) {
-    std::fprintf(stderr, "vexo-mgmt-server: %s\n",
-                 rc == -2 ? "unknown serial number" : "cannot queue the action");
+    std::fprintf(stderr, "vexo-mgmt-server: %s\n", rc == -2 ? "unknown serial number" : "cannot queue the action");
     return 1;
   }
   std::printf("queued %s for %s\n", pos[1].c_str(), pos[0].c_str());
@@ -182,10 +178,9 @@ int cmd_list(const Args& args) {
     }
     std::string queue;
     for (const auto& a : d.queue) queue += (queue.empty() ? "" : ",") + a;
-    std::printf("%s model=%s hostId=%s dc=%s rotated=%s cert=%zu bytes queue=%s\n",
-                d.serial.c_str(), d.model.empty() ? "-" : d.model.c_str(),
-                d.host_id.empty() ? "-" : d.host_id.c_str(), d.dc.empty() ? "-" : d.dc.c_str(),
-                when, d.cert_der.size(), queue.empty() ? "-" : queue.c_str());
+    std::printf("%s model=%s hostId=%s dc=%s rotated=%s cert=%zu bytes queue=%s\n", d.serial.c_str(),
+                d.model.empty() ? "-" : d.model.c_str(), d.host_id.empty() ? "-" : d.host_id.c_str(),
+                d.dc.empty() ? "-" : d.dc.c_str(), when, d.cert_der.size(), queue.empty() ? "-" : queue.c_str());
   }
   return 0;
 }

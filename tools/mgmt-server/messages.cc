@@ -18,8 +18,7 @@ constexpr std::size_t kMaxKey = 16384;  // pKey: a PEM certificate, Base64
 // 1 copied, 0 absent or not a string, -1 too long.
 int get_string(json_object* obj, const char* key, std::size_t max, std::string* out) {
   json_object* v = nullptr;
-  if (!json_object_object_get_ex(obj, key, &v) || !json_object_is_type(v, json_type_string))
-    return 0;
+  if (!json_object_object_get_ex(obj, key, &v) || !json_object_is_type(v, json_type_string)) return 0;
   std::size_t len = static_cast<std::size_t>(json_object_get_string_len(v));
   if (len > max) return -1;
   out->assign(json_object_get_string(v), len);
@@ -27,8 +26,7 @@ int get_string(json_object* obj, const char* key, std::size_t max, std::string* 
 }
 
 void add_string(json_object* obj, const char* key, const std::string& value) {
-  json_object_object_add(obj, key,
-                         json_object_new_string_len(value.data(), static_cast<int>(value.size())));
+  json_object_object_add(obj, key, json_object_new_string_len(value.data(), static_cast<int>(value.size())));
 }
 
 }  // namespace
@@ -43,8 +41,7 @@ int parse_request(const std::string& body, Request* out, std::string* why) {
   JsonPtr root(json_tokener_parse_ex(tok.get(), body.data(), static_cast<int>(body.size())));
   bool whole = root != nullptr && json_tokener_get_error(tok.get()) == json_tokener_success;
   // Blanks after the object are fine; any other trailing byte is not.
-  for (std::size_t i = whole ? json_tokener_get_parse_end(tok.get()) : 0; whole && i < body.size();
-       ++i)
+  for (std::size_t i = whole ? json_tokener_get_parse_end(tok.get()) : 0; whole && i < body.size(); ++i)
     whole = body[i] == ' ' || body[i] == '\n' || body[i] == '\r' || body[i] == '\t';
   if (!whole) {
     *why = "the body is not one JSON text";
@@ -55,8 +52,7 @@ int parse_request(const std::string& body, Request* out, std::string* why) {
     return -1;
   }
   json_object* device = nullptr;
-  if (!json_object_object_get_ex(root.get(), "device", &device) ||
-      !json_object_is_type(device, json_type_object)) {
+  if (!json_object_object_get_ex(root.get(), "device", &device) || !json_object_is_type(device, json_type_object)) {
     *why = "no device object";
     return -1;
   }

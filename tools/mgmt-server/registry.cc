@@ -29,22 +29,20 @@ Stmt prepare(sqlite3* db, const char* sql) {
 }
 
 bool bind_text(sqlite3_stmt* s, int i, const std::string& v) {
-  return sqlite3_bind_text(s, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT) ==
-         SQLITE_OK;
+  return sqlite3_bind_text(s, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT) == SQLITE_OK;
 }
 
 std::string column_text(sqlite3_stmt* s, int i) {
   const unsigned char* p = sqlite3_column_text(s, i);
-  return p == nullptr ? std::string()
-                      : std::string(reinterpret_cast<const char*>(p),
-                                    static_cast<std::size_t>(sqlite3_column_bytes(s, i)));
+  return p == nullptr
+             ? std::string()
+             : std::string(reinterpret_cast<const char*>(p), static_cast<std::size_t>(sqlite3_column_bytes(s, i)));
 }
 
 std::string column_blob(sqlite3_stmt* s, int i) {
   const void* p = sqlite3_column_blob(s, i);
   return p == nullptr ? std::string()
-                      : std::string(static_cast<const char*>(p),
-                                    static_cast<std::size_t>(sqlite3_column_bytes(s, i)));
+                      : std::string(static_cast<const char*>(p), static_cast<std::size_t>(sqlite3_column_bytes(s, i)));
 }
 
 }  // namespace
@@ -74,16 +72,14 @@ int Registry::open(const std::string& path, std::string* error) {
   return 0;
 }
 
-int Registry::add_device(const std::string& serial, const std::string& model,
-                         const std::string& host_id) {
+int Registry::add_device(const std::string& serial, const std::string& model, const std::string& host_id) {
   std::lock_guard<std::mutex> lock(mutex_);
   Stmt s = prepare(db_.get(),
                    "INSERT INTO devices(serial, model, host_id) VALUES(?1, ?2, ?3) "
                    "ON CONFLICT(serial) DO UPDATE SET "
                    " model = CASE WHEN ?2 = '' THEN model ELSE ?2 END,"
                    " host_id = CASE WHEN ?3 = '' THEN host_id ELSE ?3 END;");
-  if (!s || !bind_text(s.get(), 1, serial) || !bind_text(s.get(), 2, model) ||
-      !bind_text(s.get(), 3, host_id))
+  if (!s || !bind_text(s.get(), 1, serial) || !bind_text(s.get(), 2, model) || !bind_text(s.get(), 3, host_id))
     return -1;
   return sqlite3_step(s.get()) == SQLITE_DONE ? 0 : -1;
 }
@@ -110,16 +106,14 @@ int Registry::find(const std::string& serial, Device* out) {
   return rc == SQLITE_DONE ? 1 : -1;
 }
 
-int Registry::learn_identity(const std::string& serial, const std::string& host_id,
-                             const std::string& model) {
+int Registry::learn_identity(const std::string& serial, const std::string& host_id, const std::string& model) {
   std::lock_guard<std::mutex> lock(mutex_);
   Stmt s = prepare(db_.get(),
                    "UPDATE devices SET"
                    " host_id = CASE WHEN host_id = '' THEN ?2 ELSE host_id END,"
                    " model = CASE WHEN model = '' THEN ?3 ELSE model END "
                    "WHERE serial = ?1;");
-  if (!s || !bind_text(s.get(), 1, serial) || !bind_text(s.get(), 2, host_id) ||
-      !bind_text(s.get(), 3, model))
+  if (!s || !bind_text(s.get(), 1, serial) || !bind_text(s.get(), 2, host_id) || !bind_text(s.get(), 3, model))
     return -1;
   return sqlite3_step(s.get()) == SQLITE_DONE ? 0 : -1;
 }
@@ -151,14 +145,13 @@ int Registry::pop(const std::string& serial, std::string* action) {
   return rc == SQLITE_DONE ? 0 : -1;
 }
 
-int Registry::store_rotation(const std::string& serial, const std::string& dc,
-                             const std::string& cert_der, std::int64_t when) {
+int Registry::store_rotation(const std::string& serial, const std::string& dc, const std::string& cert_der,
+                             std::int64_t when) {
   std::lock_guard<std::mutex> lock(mutex_);
-  Stmt s = prepare(db_.get(),
-                   "UPDATE devices SET dc = ?2, cert = ?3, rotated_at = ?4 WHERE serial = ?1;");
+  Stmt s = prepare(db_.get(), "UPDATE devices SET dc = ?2, cert = ?3, rotated_at = ?4 WHERE serial = ?1;");
   if (!s || !bind_text(s.get(), 1, serial) || !bind_text(s.get(), 2, dc) ||
-      sqlite3_bind_blob(s.get(), 3, cert_der.data(), static_cast<int>(cert_der.size()),
-                        SQLITE_TRANSIENT) != SQLITE_OK ||
+      sqlite3_bind_blob(s.get(), 3, cert_der.data(), static_cast<int>(cert_der.size()), SQLITE_TRANSIENT) !=
+          SQLITE_OK ||
       sqlite3_bind_int64(s.get(), 4, when) != SQLITE_OK)
     return -1;
   if (sqlite3_step(s.get()) != SQLITE_DONE) return -1;

@@ -17,11 +17,11 @@ namespace mgmt {
 
 struct Device {
   std::string serial;
-  std::string host_id;    // empty until set by add-device or the first register
-  std::string model;      // likewise
-  std::string dc;         // device code of the last key rotation; empty before it
-  std::string cert_der;   // the certificate issued at the last key rotation
-  std::int64_t rotated_at = 0;  // server time (Unix seconds) of the last key rotation
+  std::string host_id;             // empty until set by add-device or the first register
+  std::string model;               // likewise
+  std::string dc;                  // device code of the last key rotation; empty before it
+  std::string cert_der;            // the certificate issued at the last key rotation
+  std::int64_t rotated_at = 0;     // server time (Unix seconds) of the last key rotation
   std::vector<std::string> queue;  // pending next actions, head first
 };
 
@@ -44,15 +44,13 @@ class Registry {
   // Loads a device with its queue. 1 found, 0 unknown, -1 failure.
   int find(const std::string& serial, Device* out);
   // Fills host id and model where they are still empty. 0 or -1.
-  int learn_identity(const std::string& serial, const std::string& host_id,
-                     const std::string& model);
+  int learn_identity(const std::string& serial, const std::string& host_id, const std::string& model);
   // Appends an action to the device's queue. 0, -1 failure, -2 unknown serial.
   int enqueue(const std::string& serial, const std::string& action);
   // Removes and returns the head of the queue. 1 popped, 0 empty, -1 failure.
   int pop(const std::string& serial, std::string* action);
   // Stores the result of a key rotation. 0 or -1.
-  int store_rotation(const std::string& serial, const std::string& dc, const std::string& cert_der,
-                     std::int64_t when);
+  int store_rotation(const std::string& serial, const std::string& dc, const std::string& cert_der, std::int64_t when);
   // Every device, ordered by serial. 0 or -1.
   int list(std::vector<Device>* out);
 

@@ -31,11 +31,16 @@ enum class Op { kRegister, kKeyRotation, kSoftUpdate, kUidaiUpdate, kUpdateStatu
 
 const char* op_name(Op op) {
   switch (op) {
-    case Op::kRegister: return "register";
-    case Op::kKeyRotation: return "keyRotation";
-    case Op::kSoftUpdate: return "softUpdate";
-    case Op::kUidaiUpdate: return "uidaiUpdate";
-    case Op::kUpdateStatus: return "updateStatus";
+    case Op::kRegister:
+      return "register";
+    case Op::kKeyRotation:
+      return "keyRotation";
+    case Op::kSoftUpdate:
+      return "softUpdate";
+    case Op::kUidaiUpdate:
+      return "uidaiUpdate";
+    case Op::kUpdateStatus:
+      return "updateStatus";
   }
   return "?";
 }
@@ -46,8 +51,7 @@ std::mutex g_log_mutex;
 void log_request(const std::string& method, const std::string& path, const std::string& serial,
                  const std::string& result) {
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  std::printf("%s %s %s %s\n", method.c_str(), path.c_str(), serial.empty() ? "-" : serial.c_str(),
-              result.c_str());
+  std::printf("%s %s %s %s\n", method.c_str(), path.c_str(), serial.empty() ? "-" : serial.c_str(), result.c_str());
   std::fflush(stdout);
 }
 
@@ -67,8 +71,8 @@ int read_file(const fs::path& path, std::string* out) {
 bool plain_name(const std::string& name) {
   if (name.empty() || name.size() > 128 || name[0] == '.') return false;
   return std::all_of(name.begin(), name.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           c == '.' || c == '_' || c == '-';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+           c == '-';
   });
 }
 
@@ -77,8 +81,8 @@ std::string host_for_urls(const httplib::Request& req, const std::string& fallba
   std::string host = req.get_header_value("Host");
   if (host.empty() || host.size() > 255) return fallback;
   for (char c : host) {
-    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-              c == '.' || c == '-' || c == ':' || c == '[' || c == ']';
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '-' ||
+              c == ':' || c == '[' || c == ']';
     if (!ok) return fallback;
   }
   return host;
@@ -132,17 +136,14 @@ void answer_range(const httplib::Request& req, httplib::Response& res, const fs:
     return;
   }
   res.status = 206;
-  res.set_header("Content-Range",
-                 "bytes " + std::to_string(first) + "-" + std::to_string(last) + total);
+  res.set_header("Content-Range", "bytes " + std::to_string(first) + "-" + std::to_string(last) + total);
   res.set_content(read(first, last - first + 1), "application/octet-stream");
 }
 
 class Service {
  public:
-  Service(const ServeOptions& opts, Registry* registry, Ca* ca, std::string scheme,
-          std::string bound_host)
-      : opts_(opts), registry_(registry), ca_(ca), scheme_(std::move(scheme)),
-        bound_host_(std::move(bound_host)) {}
+  Service(const ServeOptions& opts, Registry* registry, Ca* ca, std::string scheme, std::string bound_host)
+      : opts_(opts), registry_(registry), ca_(ca), scheme_(std::move(scheme)), bound_host_(std::move(bound_host)) {}
 
   void post(Op op, const httplib::Request& req, httplib::Response& res) const;
   void get_cert(bool production, const httplib::Request& req, httplib::Response& res) const;
@@ -153,8 +154,7 @@ class Service {
   std::string ist_now() const;
   std::string next_action(const Device& d, std::time_t now) const;
   std::string file_url(const httplib::Request& req, const std::string& rel) const;
-  void answer(const httplib::Request& req, httplib::Response& res, const Response& r,
-              const std::string& serial) const;
+  void answer(const httplib::Request& req, httplib::Response& res, const Response& r, const std::string& serial) const;
   // The package the softUpdate endpoint offers: the last name in packages/.
   std::string current_package() const;
 
@@ -226,8 +226,7 @@ void Service::post(Op op, const httplib::Request& req, httplib::Response& res) c
   std::string why;
   bool parsed = parse_request(req.body, &in, &why) == 0;
   if (!req.has_header("RD_DRT") || !request_drt_ok(req.get_header_value("RD_DRT"), req.body))
-    return refuse(kCodeBadDrt, "RD_DRT header missing or not matching the request",
-                  in.serial);
+    return refuse(kCodeBadDrt, "RD_DRT header missing or not matching the request", in.serial);
   if (!parsed) return refuse(kCodeMalformed, "Malformed request: " + why, in.serial);
   if (!hmac_pair_ok(in.skey, in.hmac, in.serial + "@" + in.ts))
     return refuse(kCodeBadHmac, "sKey/hmac do not verify", in.serial);
@@ -238,8 +237,7 @@ void Service::post(Op op, const httplib::Request& req, httplib::Response& res) c
   if (found == 0) return refuse(kCodeNotRegistered, "Device not registered", in.serial);
   if ((dev.host_id.empty() && !in.host_id.empty()) || (dev.model.empty() && !in.model.empty())) {
     // A device added without host id or model is bound to the first values it sends.
-    if (registry_->learn_identity(in.serial, in.host_id, in.model) != 0 ||
-        registry_->find(in.serial, &dev) != 1)
+    if (registry_->learn_identity(in.serial, in.host_id, in.model) != 0 || registry_->find(in.serial, &dev) != 1)
       return refuse(kCodeInternal, "Registry failure", in.serial);
   }
   r.host_id = dev.host_id;
@@ -293,8 +291,7 @@ void Service::post(Op op, const httplib::Request& req, httplib::Response& res) c
   answer(req, res, r, in.serial);
 }
 
-void Service::get_cert(bool production, const httplib::Request& req,
-                       httplib::Response& res) const {
+void Service::get_cert(bool production, const httplib::Request& req, httplib::Response& res) const {
   const std::string name = production ? "prod.pem" : "preprod.pem";
   Response r;
   r.ts = ist_now();
@@ -344,8 +341,7 @@ int serve(const ServeOptions& opts) {
   Registry registry;
   std::string error;
   if (registry.open(opts.registry, &error) != 0) {
-    std::fprintf(stderr, "vexo-mgmt-server: cannot open registry %s: %s\n", opts.registry.c_str(),
-                 error.c_str());
+    std::fprintf(stderr, "vexo-mgmt-server: cannot open registry %s: %s\n", opts.registry.c_str(), error.c_str());
     return 1;
   }
   Ca ca;
@@ -359,8 +355,7 @@ int serve(const ServeOptions& opts) {
   else
     server = std::make_unique<httplib::Server>();
   if (!server->is_valid()) {
-    std::fprintf(stderr, "vexo-mgmt-server: cannot load %s and %s\n", opts.cert.c_str(),
-                 opts.key.c_str());
+    std::fprintf(stderr, "vexo-mgmt-server: cannot load %s and %s\n", opts.cert.c_str(), opts.key.c_str());
     return 1;
   }
   // Bounded requests: small bodies and short waits. A connection serves up to
@@ -388,40 +383,30 @@ int serve(const ServeOptions& opts) {
     port = -1;
   }
   if (port <= 0) {
-    std::fprintf(stderr, "vexo-mgmt-server: cannot bind %s port %d\n", opts.host.c_str(),
-                 opts.port);
+    std::fprintf(stderr, "vexo-mgmt-server: cannot bind %s port %d\n", opts.host.c_str(), opts.port);
     return 1;
   }
   const std::string scheme = opts.tls ? "https" : "http";
   const bool v6 = opts.host.find(':') != std::string::npos;
-  const std::string bound =
-      (v6 ? "[" + opts.host + "]" : opts.host) + ":" + std::to_string(port);
+  const std::string bound = (v6 ? "[" + opts.host + "]" : opts.host) + ":" + std::to_string(port);
   Service service(opts, &registry, &ca, scheme, bound);
 
   const std::string pre = "(.*)/rest/";
   auto post = [&](const char* suffix, Op op) {
-    server->Post(pre + suffix, guarded([&service, op](const httplib::Request& q,
-                                                      httplib::Response& s) {
-      service.post(op, q, s);
-    }));
+    server->Post(pre + suffix,
+                 guarded([&service, op](const httplib::Request& q, httplib::Response& s) { service.post(op, q, s); }));
   };
   post("register/?", Op::kRegister);
   post("keyRotation/?", Op::kKeyRotation);
   post("softUpdate/?", Op::kSoftUpdate);
   post("uidaiUpdate/?", Op::kUidaiUpdate);
   post("updateStatus/?", Op::kUpdateStatus);
-  server->Get(pre + "getCert/PP", guarded([&service](const httplib::Request& q,
-                                                     httplib::Response& s) {
-    service.get_cert(false, q, s);
-  }));
-  server->Get(pre + "getCert/P", guarded([&service](const httplib::Request& q,
-                                                    httplib::Response& s) {
-    service.get_cert(true, q, s);
-  }));
+  server->Get(pre + "getCert/PP",
+              guarded([&service](const httplib::Request& q, httplib::Response& s) { service.get_cert(false, q, s); }));
+  server->Get(pre + "getCert/P",
+              guarded([&service](const httplib::Request& q, httplib::Response& s) { service.get_cert(true, q, s); }));
   server->Get("(.*)/files/(uidai|packages)/([^/]+)",
-              guarded([&service](const httplib::Request& q, httplib::Response& s) {
-                service.get_file(q, s);
-              }));
+              guarded([&service](const httplib::Request& q, httplib::Response& s) { service.get_file(q, s); }));
   // JSON answers are logged by their handler; downloads and refusals by
   // cpp-httplib itself are logged here.
   server->set_logger([](const httplib::Request& q, const httplib::Response& s) {

@@ -10,12 +10,12 @@ namespace mgmt {
 
 struct ServeOptions {
   std::string host = "127.0.0.1";
-  int port = 8443;                  // 0: any free port
+  int port = 8443;  // 0: any free port
   bool tls = true;
-  std::string data_dir;             // uidai/*.pem and packages/*
-  std::string registry;             // SQLite file
-  std::int64_t clock_offset = 0;    // seconds added to the server's clock
-  std::int64_t key_max_age = 86400; // seconds before a device key is due again
+  std::string data_dir;              // uidai/*.pem and packages/*
+  std::string registry;              // SQLite file
+  std::int64_t clock_offset = 0;     // seconds added to the server's clock
+  std::int64_t key_max_age = 86400;  // seconds before a device key is due again
   std::string cert, key, ca_cert, ca_key;
 };
 

@@ -138,7 +138,8 @@ bool StatusPipe::start(const std::string& folder, std::string* error) {
     return fail("something other than a FIFO of this user, closed to others, is in its place");
   }
   // The library looks for the FIFO in the user's runtime folder.
-  if (setenv("XDG_RUNTIME_DIR", dir.c_str(), 1) != 0) return fail(std::string("cannot set XDG_RUNTIME_DIR: ") + std::strerror(errno));
+  if (setenv("XDG_RUNTIME_DIR", dir.c_str(), 1) != 0)
+    return fail(std::string("cannot set XDG_RUNTIME_DIR: ") + std::strerror(errno));
   s->reader = std::thread([s] {
     char buf[4096];
     while (!s->stop.load()) {

@@ -190,9 +190,9 @@ bool StatusPipe::start(const std::string& folder, std::string* error) {
   // The first instance of the name, so that no other program owns it; the
   // default security lets only this user, the administrators and the system
   // write to it. Remote clients are refused.
-  state_->pipe = ::CreateNamedPipeA(state_->path.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
-                                    PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1,
-                                    4096, 4096, 0, nullptr);
+  state_->pipe = ::CreateNamedPipeA(
+      state_->path.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+      PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, 4096, 4096, 0, nullptr);
   if (state_->pipe == INVALID_HANDLE_VALUE) {
     *error = "cannot create " + state_->path + " (is another host running?): " + error_text(::GetLastError());
     return false;

@@ -196,7 +196,8 @@ class Runner {
 
 }  // namespace
 
-MgmtLoop::MgmtLoop(const MgmtExports& exports, const MgmtOptions& options) : shared_(std::make_shared<MgmtLoopState>()) {
+MgmtLoop::MgmtLoop(const MgmtExports& exports, const MgmtOptions& options)
+    : shared_(std::make_shared<MgmtLoopState>()) {
   // Detached: a Management call may outlast the host's wish to stop, and the
   // loop keeps its shared state alive itself.
   std::thread([runner = Runner(exports, options, shared_)]() mutable { runner.run(); }).detach();

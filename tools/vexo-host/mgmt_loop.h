@@ -26,7 +26,7 @@ struct MgmtExports {
 
 struct MgmtOptions {
   long long poll_ms = 21600LL * 1000;  // Init again after this long
-  long long retry_base_ms = 0;          // first retry pause; 0 takes kRetryBaseMs
+  long long retry_base_ms = 0;         // first retry pause; 0 takes kRetryBaseMs
 };
 
 // The loop's wake-up flags, shared by the loop's thread and its owner.

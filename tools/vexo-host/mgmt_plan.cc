@@ -143,8 +143,7 @@ bool download_percent(std::string_view record, int* percent) {
   const std::size_t colon = chunks.find(':');
   long long size = 0, current = 0, last = 0;
   if (colon == std::string_view::npos || !to_number(fields[2], &size) ||
-      !to_number(chunks.substr(0, colon), &current) || !to_number(chunks.substr(colon + 1), &last) ||
-      current > last) {
+      !to_number(chunks.substr(0, colon), &current) || !to_number(chunks.substr(colon + 1), &last) || current > last) {
     return false;
   }
   *percent = last == 0 ? 100 : static_cast<int>(current * 100 / last);

@@ -88,10 +88,9 @@ int cmd_uidai_cert(const Args& all) {
   const struct {
     const char* env;
     UidaiCert which;
-  } kEnvs[] = {{"S", UidaiCert::kStage}, {"PP", UidaiCert::kPreProd}, {"P", UidaiCert::kProd},
-               {"P_OLD", UidaiCert::kProdOld}};
-  const auto* env = std::find_if(std::begin(kEnvs), std::end(kEnvs),
-                                 [&](const auto& e) { return args[1] == e.env; });
+  } kEnvs[] = {
+      {"S", UidaiCert::kStage}, {"PP", UidaiCert::kPreProd}, {"P", UidaiCert::kProd}, {"P_OLD", UidaiCert::kProdOld}};
+  const auto* env = std::find_if(std::begin(kEnvs), std::end(kEnvs), [&](const auto& e) { return args[1] == e.env; });
   if (env == std::end(kEnvs)) return 2;
   std::string pem;
   if (platform::read_file(args[2], &pem) != 0 || pem.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
@@ -115,15 +114,12 @@ int cmd_uidai_cert(const Args& all) {
 }
 
 const Command kCommands[] = {
-    {"domain-encrypt", "domain-encrypt URL",
-     "print the DOMAIN_NAME value for a Management base URL", cmd_domain_encrypt},
-    {"domain-decrypt", "domain-decrypt VALUE", "print the URL held in a DOMAIN_NAME value",
-     cmd_domain_decrypt},
+    {"domain-encrypt", "domain-encrypt URL", "print the DOMAIN_NAME value for a Management base URL",
+     cmd_domain_encrypt},
+    {"domain-decrypt", "domain-decrypt VALUE", "print the URL held in a DOMAIN_NAME value", cmd_domain_decrypt},
     {"seal", "seal FILE", "write bin_crc.txt beside FILE", cmd_seal},
-    {"verify", "verify FILE", "check FILE against the bin_crc.txt beside it (exit 0 or 1)",
-     cmd_verify},
-    {"init-workdir",
-     "init-workdir DIR --scanner NAME --mgmt-url URL [--tls] [--mgmt-ca FILE]",
+    {"verify", "verify FILE", "check FILE against the bin_crc.txt beside it (exit 0 or 1)", cmd_verify},
+    {"init-workdir", "init-workdir DIR --scanner NAME --mgmt-url URL [--tls] [--mgmt-ca FILE]",
      "lay out a working folder: sealed config.ini, cert/server.crt, RefDll/, Final.xsd, a "
      "demonstration keystore with cert/public/signed_mc.cer, and with --tls "
      "what tls-cert makes",

@@ -40,8 +40,8 @@ bool trust_for_servers_only(PCCERT_CONTEXT ctx) {
   DWORD size = 0;
   if (!::CryptEncodeObject(X509_ASN_ENCODING, X509_ENHANCED_KEY_USAGE, &usage, nullptr, &size)) return false;
   std::string encoded(size, '\0');
-  if (!::CryptEncodeObject(X509_ASN_ENCODING, X509_ENHANCED_KEY_USAGE, &usage,
-                           reinterpret_cast<BYTE*>(encoded.data()), &size)) {
+  if (!::CryptEncodeObject(X509_ASN_ENCODING, X509_ENHANCED_KEY_USAGE, &usage, reinterpret_cast<BYTE*>(encoded.data()),
+                           &size)) {
     return false;
   }
   CRYPT_DATA_BLOB blob{size, reinterpret_cast<BYTE*>(encoded.data())};

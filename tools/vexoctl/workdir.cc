@@ -26,7 +26,7 @@ struct Options {
   std::string dir;
   std::string scanner;
   std::string mgmt_url;
-  std::string mgmt_ca;   // copied to cert/server.crt when given
+  std::string mgmt_ca;  // copied to cert/server.crt when given
   bool tls = false;
 };
 
@@ -78,13 +78,18 @@ std::string library_file_name() { return platform::shared_library_name("Vexo.dll
 int lay_config(const Options& o) {
   std::string domain;
   if (encrypt_domain_name(o.mgmt_url, &domain) != 0) return fail("cannot encrypt the Management URL");
-  const std::string text = "[config]\n"
-                           "RD_VER = 1.0.0\n"
-                           "DEV_PUB_KEY_VALIDITY = 1440\n"
-                           "dc = \n"
-                           "DOMAIN_NAME = " + domain + "\n"
-                           "IS_SSL_ENABLE = " + (o.tls ? "1" : "0") + "\n"
-                           "Verbose = 0\n";
+  const std::string text =
+      "[config]\n"
+      "RD_VER = 1.0.0\n"
+      "DEV_PUB_KEY_VALIDITY = 1440\n"
+      "dc = \n"
+      "DOMAIN_NAME = " +
+      domain +
+      "\n"
+      "IS_SSL_ENABLE = " +
+      (o.tls ? "1" : "0") +
+      "\n"
+      "Verbose = 0\n";
   const std::string config = o.dir + "/config.ini";
   if (write_text(config, text) != 0) return 1;
   const std::string crc = o.dir + "/bin_crc.txt";
@@ -98,8 +103,7 @@ int lay_config(const Options& o) {
 int lay_mgmt_ca(const Options& o) {
   std::string pem;
   if (!o.mgmt_ca.empty()) {
-    if (platform::read_file(o.mgmt_ca, &pem) != 0 || pem.find("-----BEGIN CERTIFICATE-----") ==
-                                                          std::string::npos) {
+    if (platform::read_file(o.mgmt_ca, &pem) != 0 || pem.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
       return fail("cannot read a PEM certificate from " + o.mgmt_ca);
     }
   } else {

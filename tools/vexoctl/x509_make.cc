@@ -27,8 +27,7 @@ bool add_ext(X509* issuer, X509* cert, int nid, const std::string& value) {
   X509V3_CTX ctx;
   X509V3_set_ctx_nodb(&ctx);
   X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
-  std::unique_ptr<X509_EXTENSION, ExtFree> ext(
-      X509V3_EXT_conf_nid(nullptr, &ctx, nid, value.c_str()));
+  std::unique_ptr<X509_EXTENSION, ExtFree> ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value.c_str()));
   return ext != nullptr && X509_add_ext(cert, ext.get(), -1) == 1;
 }
 
@@ -47,8 +46,8 @@ std::unique_ptr<X509, X509Free> read_cert(const std::string& pem) {
 
 std::unique_ptr<EVP_PKEY, PkeyFree> read_key(const std::string& pem) {
   std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  return std::unique_ptr<EVP_PKEY, PkeyFree>(
-      bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  return std::unique_ptr<EVP_PKEY, PkeyFree>(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
+                                                 : nullptr);
 }
 
 // Makes the key and certificate of req, signed by issuer_cert/issuer_key, or
@@ -74,8 +73,7 @@ int make_cert(const CertRequest& req, X509* issuer_cert, EVP_PKEY* issuer_key, s
   X509_NAME* name = X509_get_subject_name(cert.get());
   ok = ok &&
        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                                  reinterpret_cast<const unsigned char*>(req.common_name.c_str()),
-                                  -1, -1, 0) == 1 &&
+                                  reinterpret_cast<const unsigned char*>(req.common_name.c_str()), -1, -1, 0) == 1 &&
        X509_set_issuer_name(cert.get(), issuer_cert ? X509_get_subject_name(issuer_cert) : name) == 1;
   X509* issuer = issuer_cert ? issuer_cert : cert.get();
   ok = ok && add_ext(issuer, cert.get(), NID_subject_key_identifier, "hash");
@@ -119,13 +117,12 @@ int make_cert(const CertRequest& req, X509* issuer_cert, EVP_PKEY* issuer_key, s
 
 }  // namespace
 
-int make_self_signed(const CertRequest& req, std::string* cert_pem, std::string* key_pem,
-                     std::string* error) {
+int make_self_signed(const CertRequest& req, std::string* cert_pem, std::string* key_pem, std::string* error) {
   return make_cert(req, nullptr, nullptr, cert_pem, key_pem, error);
 }
 
-int make_signed(const CertRequest& req, const Issuer& issuer, std::string* cert_pem,
-                std::string* key_pem, std::string* error) {
+int make_signed(const CertRequest& req, const Issuer& issuer, std::string* cert_pem, std::string* key_pem,
+                std::string* error) {
   cert_pem->clear();
   key_pem->clear();
   auto cert = read_cert(issuer.cert_pem);

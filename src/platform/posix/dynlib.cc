@@ -7,8 +7,7 @@ namespace platform {
 
 std::string shared_library_name(const std::string& dll_name) {
   const std::string ext = ".dll";
-  if (dll_name.size() > ext.size() &&
-      dll_name.compare(dll_name.size() - ext.size(), ext.size(), ext) == 0) {
+  if (dll_name.size() > ext.size() && dll_name.compare(dll_name.size() - ext.size(), ext.size(), ext) == 0) {
     return "lib" + dll_name.substr(0, dll_name.size() - ext.size()) + ".so";
   }
   return dll_name;

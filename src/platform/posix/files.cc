@@ -102,8 +102,8 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
     left -= static_cast<std::size_t>(n);
     crash_point();
   }
-  if (::fchmod(fd.get(), owner_only(mode)) != 0 ||
-      (durability == Durability::kFlushed && ::fsync(fd.get()) != 0) || ::close(fd.release()) != 0) {
+  if (::fchmod(fd.get(), owner_only(mode)) != 0 || (durability == Durability::kFlushed && ::fsync(fd.get()) != 0) ||
+      ::close(fd.release()) != 0) {
     return fail();
   }
   crash_point();
@@ -112,8 +112,7 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
   return 0;
 }
 
-int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
-                             unsigned mode) {
+int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write, unsigned mode) {
   std::string tmp = path + ".tmpXXXXXX";
   int fd = ::mkstemp(tmp.data());
   if (fd < 0) return -1;

@@ -36,7 +36,7 @@ struct LockState {
   bool held GUARDED_BY(mutex) = false;    // acquired and not yet released
   bool taking GUARDED_BY(mutex) = false;  // a thread has the local half and polls the file lock
   int fd = -1;
-  pid_t owner_pid = 0;   // the process that opened fd; a forked child reopens
+  pid_t owner_pid = 0;  // the process that opened fd; a forked child reopens
   ~LockState() {
     if (fd >= 0) ::close(fd);
   }
@@ -104,7 +104,6 @@ struct LocalLock {
   CondVar cv;
   bool held GUARDED_BY(mutex) = false;
 };
-
 
 NamedLock* named_lock_open(const char* name) {
   if (name == nullptr || *name == '\0') {

@@ -43,8 +43,7 @@ int list_system_adapters(std::vector<Adapter>* out) {
     a.description = a.name;
     found.push_back(std::move(a));
   }
-  std::stable_sort(found.begin(), found.end(),
-                   [](const Adapter& x, const Adapter& y) { return x.index < y.index; });
+  std::stable_sort(found.begin(), found.end(), [](const Adapter& x, const Adapter& y) { return x.index < y.index; });
   *out = std::move(found);
   return 0;
 }

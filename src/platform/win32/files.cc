@@ -55,8 +55,8 @@ win32::UniqueKernelHandle create_temporary(const std::string& path, unsigned mod
   }
   for (int attempt = 0; attempt < 100; ++attempt) {
     *tmp = win32::widen(temporary_name(path));
-    HANDLE h = ::CreateFileW(tmp->c_str(), GENERIC_READ | GENERIC_WRITE, 0, sa, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
-                             nullptr);
+    HANDLE h =
+        ::CreateFileW(tmp->c_str(), GENERIC_READ | GENERIC_WRITE, 0, sa, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (h != INVALID_HANDLE_VALUE) return win32::UniqueKernelHandle(h);
     if (::GetLastError() != ERROR_FILE_EXISTS) break;
   }
@@ -166,8 +166,7 @@ int write_file_atomic(const std::string& path, const void* data, std::size_t len
   return 0;
 }
 
-int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write,
-                             unsigned mode) {
+int write_file_atomic_stream(const std::string& path, const std::function<bool(std::FILE*)>& write, unsigned mode) {
   std::wstring tmp;
   win32::UniqueKernelHandle file = create_temporary(path, mode, &tmp);
   if (!file) return -1;
@@ -221,11 +220,12 @@ bool folder_writable_by_others(const std::string& path) {
   const std::wstring wide = win32::widen(path);
   PACL dacl = nullptr;
   PSECURITY_DESCRIPTOR sd = nullptr;
-  if (wide.empty() || ::GetNamedSecurityInfoW(wide.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
-                                               nullptr, &dacl, nullptr, &sd) != ERROR_SUCCESS) {
+  if (wide.empty() || ::GetNamedSecurityInfoW(wide.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                                              &dacl, nullptr, &sd) != ERROR_SUCCESS) {
     return false;
   }
-  constexpr ACCESS_MASK kWrite = FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY | FILE_DELETE_CHILD | GENERIC_WRITE | GENERIC_ALL;
+  constexpr ACCESS_MASK kWrite =
+      FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY | FILE_DELETE_CHILD | GENERIC_WRITE | GENERIC_ALL;
   bool open = dacl == nullptr;  // no access list: everyone may do everything
   for (DWORD i = 0; !open && i < dacl->AceCount; ++i) {
     void* ace = nullptr;

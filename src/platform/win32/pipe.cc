@@ -23,8 +23,7 @@ int pipe_open(const std::string& path, int* err) {
   };
   HANDLE h = open();
   // Every instance busy: the front end is about to offer the next one.
-  if (h == INVALID_HANDLE_VALUE && ::GetLastError() == ERROR_PIPE_BUSY &&
-      ::WaitNamedPipeW(wide.c_str(), kBusyWaitMs)) {
+  if (h == INVALID_HANDLE_VALUE && ::GetLastError() == ERROR_PIPE_BUSY && ::WaitNamedPipeW(wide.c_str(), kBusyWaitMs)) {
     h = open();
   }
   if (h == INVALID_HANDLE_VALUE) {

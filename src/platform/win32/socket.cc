@@ -71,8 +71,7 @@ int wait_event(socket_t s, bool write, int timeout_ms) {
   FD_SET(to_socket(s), &wanted);
   FD_SET(to_socket(s), &failed);
   timeval tv = to_timeval(timeout_ms);
-  int n = ::select(0, write ? nullptr : &wanted, write ? &wanted : nullptr, &failed,
-                   timeout_ms < 0 ? nullptr : &tv);
+  int n = ::select(0, write ? nullptr : &wanted, write ? &wanted : nullptr, &failed, timeout_ms < 0 ? nullptr : &tv);
   if (n == SOCKET_ERROR) return -1;
   return n > 0 ? 1 : 0;
 }
@@ -134,8 +133,7 @@ socket_t tcp6_socket() {
   socket_t s = stream_socket(AF_INET6);
   if (s == kInvalidSocket) return s;
   DWORD one = 1;
-  if (::setsockopt(to_socket(s), IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char*>(&one), sizeof one) !=
-      0) {
+  if (::setsockopt(to_socket(s), IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char*>(&one), sizeof one) != 0) {
     const int saved = ::WSAGetLastError();
     ::closesocket(to_socket(s));
     ::WSASetLastError(saved);

@@ -18,8 +18,7 @@ std::wstring widen(const std::string& text) {
 
 std::string narrow(const std::wstring& text) {
   if (text.empty()) return std::string();
-  int n = ::WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
-                                nullptr);
+  int n = ::WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
   if (n <= 0) return std::string();
   std::string out(static_cast<std::size_t>(n), '\0');
   ::WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
@@ -59,8 +58,7 @@ OwnerOnlySecurity::OwnerOnlySecurity(bool folder) {
   if (user.empty()) return;
   // "P": the parent folder's permissions are not inherited.
   const std::string flags = folder ? "OICI" : "";
-  const std::string sddl = "D:P(A;" + flags + ";FA;;;" + user + ")(A;" + flags + ";FA;;;SY)(A;" + flags +
-                           ";FA;;;BA)";
+  const std::string sddl = "D:P(A;" + flags + ";FA;;;" + user + ")(A;" + flags + ";FA;;;SY)(A;" + flags + ";FA;;;BA)";
   if (!descriptor_from_sddl(sddl, &descriptor_)) {
     descriptor_ = nullptr;
     return;

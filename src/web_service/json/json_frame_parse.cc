@@ -44,8 +44,7 @@ std::string mgmt_timestamp() {
   return buf;
 }
 
-int json_frame_with(const MgmtIdentity& id, const std::string& ts, const std::string* pkey,
-                    std::string* out) {
+int json_frame_with(const MgmtIdentity& id, const std::string& ts, const std::string* pkey, std::string* out) {
   std::string input = id.slNo + "@" + ts;
   RD_VERBOSE("hmac_input is %.200s", input.c_str());
   std::string hmac, skey;
@@ -109,8 +108,8 @@ int Time_Diff_in_Sec(std::string_view s, std::string_view c, int* diff) {
 MgmtIdentity mgmt_identity() {
   RdConfig cfg = rd_config_copy();
   RdIdentity idn = rd_identity_copy();
-  MgmtIdentity id{cfg.rd_ver, idn.rdsId, idn.clId,  idn.clVer, idn.host_type, "",
-                  get_device_serial(), idn.make, idn.model, idn.dpId};
+  MgmtIdentity id{cfg.rd_ver, idn.rdsId,           idn.clId, idn.clVer, idn.host_type,
+                  "",         get_device_serial(), idn.make, idn.model, idn.dpId};
   std::array<std::uint8_t, 6> mac{};
   if (GetMAC(&mac) == 0) {
     char hex[13];
@@ -163,9 +162,7 @@ bool values_fit(json_object* o) {
       return true;
     case json_type_object: {
       bool fit = true;
-      json_object_object_foreach(o, key, value) {
-        fit = fit && std::strlen(key) <= kMgmtMaxField && values_fit(value);
-      }
+      json_object_object_foreach(o, key, value) { fit = fit && std::strlen(key) <= kMgmtMaxField && values_fit(value); }
       return fit;
     }
     default:
@@ -254,7 +251,8 @@ class AnswerReader {
     RD_LOG_AS(function_);
     std::string status, code, desc;
     if (!str_of(member(root_.get(), "respStatus"), &status)) {
-      RD_ERROR(kind_ == Kind::kInit ? "init resp respStatus is null" : "Error at respStatus json_object_get_string is null");
+      RD_ERROR(kind_ == Kind::kInit ? "init resp respStatus is null"
+                                    : "Error at respStatus json_object_get_string is null");
       return kFailed;
     }
     if (!str_of(member(root_.get(), "respCode"), &code)) {
@@ -332,7 +330,9 @@ class AnswerReader {
   }
 
   int read_ts() {
-    return field(false, "ts", &ts_, "Error at ts json_object_object_get", "Error at ts json_object_get_string") ? 0 : kFailed;
+    return field(false, "ts", &ts_, "Error at ts json_object_object_get", "Error at ts json_object_get_string")
+               ? 0
+               : kFailed;
   }
 
   const char* function_;
@@ -343,9 +343,8 @@ class AnswerReader {
 };
 
 // The answer of an update: path and checksum after the common steps.
-int read_path_checksum(const char* function, const char* parse_error, std::string_view body,
-                       const MgmtIdentity& self, std::string* next_action, std::string* path,
-                       std::string* checksum) {
+int read_path_checksum(const char* function, const char* parse_error, std::string_view body, const MgmtIdentity& self,
+                       std::string* next_action, std::string* path, std::string* checksum) {
   AnswerReader r(function, Kind::kOther, &self);
   if (!r.parse(body, parse_error) || r.head(next_action) != 0) return kFailed;
   return r.field(false, "path", path, "Error at path json_object_get_string is null",
@@ -377,8 +376,8 @@ int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string
   return 0;
 }
 
-int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std::string* next_action,
-                            void* /*unused*/, std::string* dc, std::string* spkey) {
+int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std::string* next_action, void* /*unused*/,
+                            std::string* dc, std::string* spkey) {
   AnswerReader r("json_parse_key_rotation", Kind::kKeyRotation, &self);
   if (!r.parse(body, "Error at key rotation parse json_tokener_parse") || r.head(next_action) != 0 ||
       !r.field(true, "dc", dc, "Error at dc json_object_object_get", "Error at dc json_object_get_string is null")) {
@@ -395,20 +394,19 @@ int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std
              : kFailed;
 }
 
-int json_parse_update(std::string_view body, const MgmtIdentity& self, std::string* next_action,
-                      std::string* path, std::string* checksum) {
+int json_parse_update(std::string_view body, const MgmtIdentity& self, std::string* next_action, std::string* path,
+                      std::string* checksum) {
   return read_path_checksum("json_parse_update", "Error at json_tokener_parse", body, self, next_action, path,
                             checksum);
 }
 
-int json_parse_uidai_cert_update(std::string_view body, const MgmtIdentity& self,
-                                 std::string* next_action, std::string* path, std::string* checksum) {
+int json_parse_uidai_cert_update(std::string_view body, const MgmtIdentity& self, std::string* next_action,
+                                 std::string* path, std::string* checksum) {
   return read_path_checksum("json_parse_uidai_cert_update", "Error at json_tokener_parse for Resp_buff", body, self,
                             next_action, path, checksum);
 }
 
-int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentity& self,
-                                        std::string* next_action) {
+int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentity& self, std::string* next_action) {
   AnswerReader r("json_parse_uidai_cert_update_status", Kind::kOther, &self);
   return r.parse(body, "Error at json_tokener_parse") && r.head(next_action) == 0 ? 0 : kFailed;
 }

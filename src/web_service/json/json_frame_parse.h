@@ -16,8 +16,7 @@ struct MgmtIdentity {
 std::string mgmt_timestamp();
 // Builds a request for id at ts; pkey (key rotation only) goes between ts and
 // sKey when non-null. 0, or -1 when the protection step fails.
-int json_frame_with(const MgmtIdentity& id, const std::string& ts, const std::string* pkey,
-                    std::string* out);
+int json_frame_with(const MgmtIdentity& id, const std::string& ts, const std::string* pkey, std::string* out);
 // The identity of this device: configuration, identity record, stored serial
 // and the first adapter address as 12 lower-case hex digits.
 MgmtIdentity mgmt_identity();
@@ -42,14 +41,13 @@ inline constexpr std::size_t kMgmtMaxField = 4096;
 // caller's value for an empty array. A refusal's respCode and respDesc reach
 // the last-status line and the pipe with CR, LF and '|' as blanks.
 int json_parse_init(std::string_view body, const MgmtIdentity& self, std::string* next_action);
-int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std::string* next_action,
-                            void* unused, std::string* dc, std::string* spkey);
-int json_parse_update(std::string_view body, const MgmtIdentity& self, std::string* next_action,
-                      std::string* path, std::string* checksum);
-int json_parse_uidai_cert_update(std::string_view body, const MgmtIdentity& self,
-                                 std::string* next_action, std::string* path, std::string* checksum);
-int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentity& self,
-                                        std::string* next_action);
+int json_parse_key_rotation(std::string_view body, const MgmtIdentity& self, std::string* next_action, void* unused,
+                            std::string* dc, std::string* spkey);
+int json_parse_update(std::string_view body, const MgmtIdentity& self, std::string* next_action, std::string* path,
+                      std::string* checksum);
+int json_parse_uidai_cert_update(std::string_view body, const MgmtIdentity& self, std::string* next_action,
+                                 std::string* path, std::string* checksum);
+int json_parse_uidai_cert_update_status(std::string_view body, const MgmtIdentity& self, std::string* next_action);
 int json_parse_uidai_cert_force_update(std::string_view body, std::string* next_action, std::string* path,
                                        std::string* chksum, std::string* ci);
 
