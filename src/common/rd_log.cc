@@ -146,7 +146,7 @@ int log_timestamp() {
 void write_error_log(const char* text) {
   const FilePtr f(platform::open_file("Vexo_Error.log", "ab"));
   if (f == nullptr) {
-    platform::alert_box("Error in opening the Vexo_Error.log file", "Error");
+    platform::alert_box("Error in opening the Vexo_Error.log file", "Error", rd_verbose() >= 2);
     return;
   }
   std::fprintf(f.get(), "%s", text);

@@ -223,9 +223,10 @@ std::string appdata_dir();
 // nothing to start). 0, or the start-up's own error code.
 int socket_startup();
 // Shows text to the user when no log can take it: a message box with the
-// caption (no owner window, OK only) on Windows; "CAPTION: TEXT" on standard
-// error on POSIX.
-void alert_box(const char* text, const char* caption);
+// caption (no owner window, OK only) on Windows; on POSIX, which has no
+// dialog, "CAPTION: TEXT" on standard error only when console is true (the
+// library passes its verbose setting).
+void alert_box(const char* text, const char* caption, bool console);
 // Path of the running program's file ("" when unknown).
 std::string program_path();
 // The path of the serial port called name: "/dev/NAME" on POSIX, the

@@ -8,7 +8,10 @@
 
 namespace platform {
 
-void alert_box(const char* text, const char* caption) { std::fprintf(stderr, "%s: %s\n", caption, text); }
+// No dialog here: standard error, and only when the caller's verbose setting allows it.
+void alert_box(const char* text, const char* caption, bool console) {
+  if (console) std::fprintf(stderr, "%s: %s\n", caption, text);
+}
 
 std::string program_path() {
   char path[PATH_MAX];

@@ -10,7 +10,7 @@ int forbid_core_dumps() {
   return 0;
 }
 
-void alert_box(const char* text, const char* caption) { ::MessageBoxA(nullptr, text, caption, MB_OK); }
+void alert_box(const char* text, const char* caption, bool /*console*/) { ::MessageBoxA(nullptr, text, caption, MB_OK); }
 
 std::string program_path() {
   std::wstring path(MAX_PATH, L'\0');
