@@ -2,6 +2,8 @@
 #include "platform/shared.h"
 #include "platform/win32/win32_util.h"
 
+#include <vector>
+
 namespace platform {
 
 namespace sys {
@@ -11,6 +13,33 @@ std::string default_status_pipe_path() { return "\\\\.\\pipe\\qdx.win.002"; }
 namespace {
 // How long an open waits for a pipe whose instances are all busy.
 constexpr DWORD kBusyWaitMs = 2000;
+
+// The user SID of a process's token, or an empty buffer.
+std::vector<BYTE> user_of(HANDLE process) {
+  HANDLE raw = nullptr;
+  if (!::OpenProcessToken(process, TOKEN_QUERY, &raw)) return {};
+  win32::UniqueKernelHandle token(raw);
+  DWORD size = 0;
+  ::GetTokenInformation(token.get(), TokenUser, nullptr, 0, &size);
+  std::vector<BYTE> info(size);
+  if (size == 0 || !::GetTokenInformation(token.get(), TokenUser, info.data(), size, &size)) return {};
+  return info;
+}
+
+// True when the process serving the pipe runs as this process's user: a
+// process of another user that took the pipe's name first would otherwise
+// read every status message.
+bool served_by_this_user(HANDLE pipe) {
+  ULONG pid = 0;
+  if (!::GetNamedPipeServerProcessId(pipe, &pid)) return false;
+  win32::UniqueKernelHandle server(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+  if (!server) return false;
+  const std::vector<BYTE> theirs = user_of(server.get());
+  const std::vector<BYTE> ours = user_of(::GetCurrentProcess());
+  if (theirs.empty() || ours.empty()) return false;
+  return ::EqualSid(reinterpret_cast<const TOKEN_USER*>(theirs.data())->User.Sid,
+                    reinterpret_cast<const TOKEN_USER*>(ours.data())->User.Sid) != FALSE;
+}
 }  // namespace
 
 int pipe_open(const std::string& path, int* err) {
@@ -34,6 +63,11 @@ int pipe_open(const std::string& path, int* err) {
   if (::GetFileType(h) != FILE_TYPE_PIPE) {
     ::CloseHandle(h);
     *err = ERROR_FILE_NOT_FOUND;
+    return -1;
+  }
+  if (!served_by_this_user(h)) {
+    ::CloseHandle(h);
+    *err = ERROR_ACCESS_DENIED;
     return -1;
   }
   return win32::handle_to_int(h);
