@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 
-#include "common/adapters.h"
 #include "common/aes.h"
 #include "common/hash.h"
 #include "common/rd_config.h"
@@ -231,6 +230,9 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
             std::string::npos);
 }
 
+// The node file's place for each known RDS id, below APPDATA as start-up read
+// it or else the platform's folder; an unknown id has none and its keystore
+// neither opens nor rotates.
 TEST_F(KeystoreTest, UnknownRdsIdFailsWithoutRotation) {
   for (const std::string n : {"001", "002", "003", "007", "009"}) {
     EXPECT_EQ(keystore_node_file("QDX.WIN." + n),
@@ -239,6 +241,11 @@ TEST_F(KeystoreTest, UnknownRdsIdFailsWithoutRotation) {
   for (const char* refused : {"QDX.WIN.004", "QDX.WIN.008", "qdx.win.002", "QDX.WIN.0021", ""}) {
     EXPECT_EQ(keystore_node_file(refused), "") << refused;
   }
+  rd_identity_update([&](RdIdentity& r) { r.appdata = "/srv/appdata"; });
+  EXPECT_EQ(keystore_node_base(), "/srv/appdata");
+  EXPECT_EQ(keystore_node_file("QDX.WIN.001"), "/srv/appdata/korvane/QDX.WIN.001/Vexo_001_Node.txt");
+  rd_identity_update([](RdIdentity& r) { r.appdata.clear(); });
+  EXPECT_EQ(keystore_node_base(), platform::appdata_dir());
 
   std::string cert = "stale";
   rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.005"; });
@@ -304,26 +311,6 @@ TEST_F(KeystoreTest, CertificateFieldsReadBack) {
     PkeyPtr k(key);
     EXPECT_EQ(lifetime(c.get()), std::pair(v[1], v[2])) << v[0];
   }
-}
-
-TEST_F(KeystoreTest, AdaptersAndNodeBase) {
-  std::vector<Mac> ids;
-  ASSERT_EQ(GetAdapterID(&ids), 0);
-  EXPECT_EQ(ids, (std::vector<Mac>{kMacA, kMacB}));
-  Mac mac{};
-  ASSERT_EQ(GetMAC(&mac), 0);
-  EXPECT_EQ(mac, kMacA);
-  set_adapters({});
-  EXPECT_EQ(GetAdapterID(&ids), 0);
-  EXPECT_TRUE(ids.empty());
-  EXPECT_EQ(GetMAC(&mac), -1);
-
-  // Without the seam the base is APPDATA as start-up read it, else the platform's folder.
-  rd_identity_update([&](RdIdentity& r) { r.appdata = "/srv/appdata"; });
-  EXPECT_EQ(keystore_node_base(), "/srv/appdata");
-  EXPECT_EQ(keystore_node_file("QDX.WIN.001"), "/srv/appdata/korvane/QDX.WIN.001/Vexo_001_Node.txt");
-  rd_identity_update([](RdIdentity& r) { r.appdata.clear(); });
-  EXPECT_EQ(keystore_node_base(), platform::appdata_dir());
 }
 
 TEST(FileIdentityTest, CreateNewAndOpenExisting) {
