@@ -1,7 +1,6 @@
 // The TLS transport with real OpenSSL on both ends: certificates made here,
 // a real client, and clients that refuse, stall or trickle the handshake.
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 
 #include <chrono>
@@ -18,11 +17,6 @@ using namespace testutil;
 
 namespace {
 
-void write_key(const std::string& path, EVP_PKEY* key) {
-  BioPtr out(BIO_new_file(path.c_str(), "w"));
-  ASSERT_EQ(PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr), 1);
-}
-
 class TlsTest : public LibraryTest {
  protected:
   void SetUp() override {
@@ -30,7 +24,7 @@ class TlsTest : public LibraryTest {
     ASSERT_EQ(platform::make_dirs("cert/ssl"), 0);
     testcrypto::KeyAndCert pair = testcrypto::make_self_signed("localhost", "20240101000000Z", "20400101000000Z");
     write_file(settings_.cert_file, pair.cert_pem);
-    write_key(settings_.key_file, pair.key.get());
+    write_file(settings_.key_file, testcrypto::private_key_pem(pair.key.get(), true));
   }
   // Builds the context and starts the listener with TLS on.
   int start_tls_server() {
@@ -86,7 +80,8 @@ TEST_F(TlsTest, ServesRequestsOverHttps) {
 }
 
 TEST_F(TlsTest, RefusesCertificateAndKeyThatDoNotBelongTogether) {
-  write_key("other.key", testcrypto::make_self_signed("x", "20240101000000Z", "20400101000000Z").key.get());
+  write_file("other.key", testcrypto::private_key_pem(
+                              testcrypto::make_self_signed("x", "20240101000000Z", "20400101000000Z").key.get(), true));
   write_file("garbage.crt", "-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n");
   write_file("garbage.key", "no key here");
   const struct {
