@@ -96,11 +96,8 @@ PkeyPtr private_key_of_pem(const std::string& pem) {
 
 std::string private_key_pem(EVP_PKEY* key, bool pkcs8) {
   BioPtr mem(BIO_new(BIO_s_mem()));
-  if (pkcs8) {
-    PEM_write_bio_PrivateKey(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  } else {
-    PEM_write_bio_PrivateKey_traditional(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  }
+  (pkcs8 ? PEM_write_bio_PrivateKey : PEM_write_bio_PrivateKey_traditional)(mem.get(), key, nullptr, nullptr, 0,
+                                                                            nullptr, nullptr);
   return bio_text(mem.get());
 }
 
