@@ -282,7 +282,8 @@ TEST_F(KeystoreTest, CertificateFieldsReadBack) {
   std::string expected = testutil::data_file("keystore_device_cert.txt");
   expected.replace(expected.find("{ski}"), 5, ski.get());
   char* data = nullptr;
-  EXPECT_EQ(std::string(data, static_cast<std::size_t>(BIO_get_mem_data(text.get(), &data))), expected);
+  const long length = BIO_get_mem_data(text.get(), &data);
+  EXPECT_EQ(std::string(data, static_cast<std::size_t>(length)), expected);
   EVP_PKEY* pub = X509_get0_pubkey(cert.get());
   ASSERT_NE(pub, nullptr);
   EXPECT_EQ(X509_verify(cert.get(), pub), 1);
