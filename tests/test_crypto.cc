@@ -1,21 +1,58 @@
 #include "test_crypto.h"
 
 #include <gtest/gtest.h>
-
-#include "common/rd_config.h"
-#include "common/hash.h"
-
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/sha.h>
 
+#include "common/hash.h"
+#include "common/rd_config.h"
+
 namespace testcrypto {
+namespace {
 
 std::string bio_text(BIO* mem) {
   char* data = nullptr;
-  long len = BIO_get_mem_data(mem, &data);
+  const long len = BIO_get_mem_data(mem, &data);
   return std::string(data, static_cast<std::size_t>(len));
 }
+
+BioPtr bio_of(const std::string& text) { return BioPtr(BIO_new_mem_buf(text.data(), static_cast<int>(text.size()))); }
+
+// Standard Base64 (one line, "=" padding); nullopt for text that is not.
+std::optional<Bytes> base64_decode(const std::string& text) {
+  if (text.size() % 4 != 0) return std::nullopt;
+  Bytes out(text.size() / 4 * 3 + 1);
+  const int n =
+      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+  if (n < 0) return std::nullopt;
+  // EVP_DecodeBlock counts the padding as zero bytes.
+  const std::size_t pad = text.size() - std::min(text.size(), text.find_last_not_of('=') + 1);
+  out.resize(static_cast<std::size_t>(n) - pad);
+  return out;
+}
+
+// AES-256-GCM decryption of sealed (ciphertext, then a 16-byte tag) with the
+// IV and additional data a Pid takes from its time stamp: its last 12 and 16
+// characters. nullopt when the tag does not match.
+std::optional<Bytes> gcm_open(const Bytes& key, const std::string& ts, const std::uint8_t* sealed, std::size_t n) {
+  std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
+  const auto* stamp = reinterpret_cast<const unsigned char*>(ts.data());
+  Bytes out(n), tag(sealed + n - 16, sealed + n);
+  int aad_len = 0, n1 = 0, n2 = 0;
+  if (!ctx || key.size() != 32 || ts.size() != 19 || n < 16 ||
+      EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), stamp + 7) != 1 ||
+      EVP_DecryptUpdate(ctx.get(), nullptr, &aad_len, stamp + 3, 16) != 1 ||
+      (n > 16 && EVP_DecryptUpdate(ctx.get(), out.data(), &n1, sealed, static_cast<int>(n - 16)) != 1) ||
+      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, tag.data()) != 1 ||
+      EVP_DecryptFinal_ex(ctx.get(), out.data() + n1, &n2) != 1) {
+    return std::nullopt;
+  }
+  out.resize(static_cast<std::size_t>(n1 + n2));
+  return out;
+}
+
+}  // namespace
 
 std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after, long serial,
                           const char* o) {
@@ -43,7 +80,7 @@ KeyAndCert make_self_signed(const char* cn, const char* not_before, const char* 
 }
 
 X509Ptr cert_of_pem(const std::string& pem) {
-  BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  BioPtr bio = bio_of(pem);
   return X509Ptr(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
 }
 
@@ -52,13 +89,15 @@ PkeyPtr public_key_of_cert(const std::string& pem) {
   return PkeyPtr(x ? X509_get_pubkey(x.get()) : nullptr);
 }
 
+PkeyPtr private_key_of_pem(const std::string& pem) {
+  BioPtr bio = bio_of(pem);
+  return PkeyPtr(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+}
+
 std::string private_key_pem(EVP_PKEY* key, bool pkcs8) {
   BioPtr mem(BIO_new(BIO_s_mem()));
-  if (pkcs8) {
-    PEM_write_bio_PrivateKey(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  } else {
-    PEM_write_bio_PrivateKey_traditional(mem.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  }
+  (pkcs8 ? PEM_write_bio_PrivateKey : PEM_write_bio_PrivateKey_traditional)(mem.get(), key, nullptr, nullptr, 0,
+                                                                            nullptr, nullptr);
   return bio_text(mem.get());
 }
 
@@ -76,51 +115,11 @@ std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
   return out;
 }
 
-std::optional<Bytes> gcm_open(const Bytes& key, std::string_view iv, std::string_view aad, const Bytes& cipher,
-                              const Bytes& tag) {
-  std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
-  Bytes out(cipher.size() + 16);
-  Bytes t = tag;
-  int aad_len = 0, n1 = 0, n2 = 0;
-  if (!ctx || key.size() != 32 || t.size() != 16 ||
-      EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) != 1 ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()), nullptr) != 1 ||
-      EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key.data(), reinterpret_cast<const unsigned char*>(iv.data())) !=
-          1 ||
-      EVP_DecryptUpdate(ctx.get(), nullptr, &aad_len, reinterpret_cast<const unsigned char*>(aad.data()),
-                        static_cast<int>(aad.size())) != 1 ||
-      (!cipher.empty() &&
-       EVP_DecryptUpdate(ctx.get(), out.data(), &n1, cipher.data(), static_cast<int>(cipher.size())) != 1) ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, t.data()) != 1 ||
-      EVP_DecryptFinal_ex(ctx.get(), out.data() + n1, &n2) != 1) {
-    return std::nullopt;
-  }
-  out.resize(static_cast<std::size_t>(n1 + n2));
-  return out;
-}
-
 bool rsa_sha256_verify(EVP_PKEY* key, std::string_view message, const Bytes& sig) {
   std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
   return ctx && EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
          EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), reinterpret_cast<const unsigned char*>(message.data()),
                           message.size()) == 1;
-}
-
-bool rsa_sha256_verify(EVP_PKEY* key, const Bytes& message, const Bytes& sig) {
-  return rsa_sha256_verify(key, std::string_view(reinterpret_cast<const char*>(message.data()), message.size()), sig);
-}
-
-std::optional<Bytes> base64_decode(const std::string& text) {
-  if (text.size() % 4 != 0) return std::nullopt;
-  Bytes out(text.size() / 4 * 3 + 1);
-  int n =
-      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-  if (n < 0) return std::nullopt;
-  std::size_t len = static_cast<std::size_t>(n);
-  // EVP_DecodeBlock counts the padding as zero bytes.
-  for (auto it = text.rbegin(); it != text.rend() && *it == '='; ++it) --len;
-  out.resize(len);
-  return out;
 }
 
 std::optional<Bytes> open_pid(EVP_PKEY* uidai_key, const std::string& skey, const std::string& data,
@@ -132,17 +131,14 @@ std::optional<Bytes> open_pid(EVP_PKEY* uidai_key, const std::string& skey, cons
     return std::nullopt;
   }
   auto key = rsa_unwrap(uidai_key, *wrapped);
-  if (!key || key->size() != 32) return std::nullopt;
+  if (!key) return std::nullopt;
   *ts = std::string(sealed->begin(), sealed->begin() + 19);
-  const std::string iv = ts->substr(19 - 12), aad = ts->substr(19 - 16);
-  auto plain = gcm_open(*key, iv, aad, Bytes(sealed->begin() + 19, sealed->end() - 16),
-                        Bytes(sealed->end() - 16, sealed->end()));
-  auto digest = gcm_open(*key, iv, aad, Bytes(sealed_hash->begin(), sealed_hash->begin() + 32),
-                         Bytes(sealed_hash->begin() + 32, sealed_hash->end()));
-  if (!plain || !digest) return std::nullopt;
+  auto plain = gcm_open(*key, *ts, sealed->data() + 19, sealed->size() - 19);
+  auto digest = gcm_open(*key, *ts, sealed_hash->data(), sealed_hash->size());
   unsigned char want[32];
-  SHA256(plain->data(), plain->size(), want);
-  if (*digest != Bytes(want, want + 32)) return std::nullopt;
+  if (!plain || !digest || !SHA256(plain->data(), plain->size(), want) || *digest != Bytes(want, want + 32)) {
+    return std::nullopt;
+  }
   return plain;
 }
 

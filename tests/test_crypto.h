@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "rd_core/uidai_certs.h"
 #include "common/openssl_ptr.h"
+#include "rd_core/uidai_certs.h"
 
 namespace testcrypto {
 
@@ -32,23 +32,15 @@ std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before,
 // A PEM certificate and its public key, or null.
 X509Ptr cert_of_pem(const std::string& pem);
 PkeyPtr public_key_of_cert(const std::string& pem);
+// A PEM private key, or null.
+PkeyPtr private_key_of_pem(const std::string& pem);
 // The key as PEM: PKCS#8, or the traditional RSA form.
 std::string private_key_pem(EVP_PKEY* key, bool pkcs8);
-// The whole contents of a memory BIO.
-std::string bio_text(BIO* mem);
 
 // RSA PKCS#1 v1.5 decryption; nullopt on failure.
 std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped);
-// AES-256-GCM decryption with the given IV and additional data; nullopt when
-// the tag does not match.
-std::optional<Bytes> gcm_open(const Bytes& key, std::string_view iv, std::string_view aad, const Bytes& cipher,
-                              const Bytes& tag);
 // RSA signature over SHA-256 of message.
 bool rsa_sha256_verify(EVP_PKEY* key, std::string_view message, const Bytes& sig);
-bool rsa_sha256_verify(EVP_PKEY* key, const Bytes& message, const Bytes& sig);
-
-// Standard Base64 (one line, "=" padding); nullopt for text that is not.
-std::optional<Bytes> base64_decode(const std::string& text);
 
 // Opens an encrypted Pid: Skey unwrapped with the UIDAI key, Data opened with
 // AES-256-GCM (IV and AAD from the time stamp in its first 19 bytes), and Hmac

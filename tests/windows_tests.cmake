@@ -29,6 +29,7 @@ vexo_add_test(capture_test capture_test.cc LOCKS scanner_lock)
 vexo_add_test(capture_e2e_test capture_e2e_test.cc LOCKS ports
               THREADS CaptureEndToEnd ManagementEndToEnd)
 vexo_add_test(mgmt_protect_test mgmt_protect_test.cc)
+vexo_add_test(crypto_test crypto_test.cc)
 vexo_add_test(mgmt_json_test mgmt_json_test.cc)
 
 add_executable(host_plan_test host_plan_test.cc ${CMAKE_SOURCE_DIR}/tools/vexo-host/mgmt_plan.cc)
@@ -52,11 +53,10 @@ add_test(NAME LibraryExportsOnlyThePublicFunctions
 #   mgmt_download_test   kills a forked downloader between two chunks.
 #   mgmt_server_test     tests the reference server itself, a Linux program.
 #   mgmt_transport_test  its CA-folder cases fork into a private mount namespace.
-#   log_test, crypto_test
-#                        each holds POSIX-only cases among system-neutral ones
+#   log_test             holds POSIX-only cases among system-neutral ones
 #                        (the status FIFO's owner and modes, another user's
-#                        FIFO; mmap/mlock probes of the secret pages): to run
-#                        here once those cases move to a program of their own.
+#                        FIFO): to run here once those cases move to a
+#                        program of their own.
 #   listener_memory_test reads /proc/self/statm.
 #   seams_test           the lock folder at rest is a POSIX path (/run/vexo or
 #                        /tmp); Windows has named semaphores instead.
