@@ -38,12 +38,6 @@ testing::AssertionResult has(const std::string& text, const std::string& needle)
   return testing::AssertionFailure() << "\"" << needle << "\" not in:\n" << text;
 }
 
-// Lines in config.ini's [config] section (at its end) and seals it again.
-void add_settings(const std::string& lines) {
-  testutil::write_file("config.ini", read_file("config.ini") + lines);
-  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
-}
-
 // The library fixture in a working folder laid out by vexoctl, with the
 // simulated scanner SERIAL-A in RefDll; nothing started yet.
 class StartupTest : public testutil::LibraryTest {
@@ -193,7 +187,8 @@ TEST_F(StartupTest, EveryFileTheLibraryMakesIsClosedToOthers) {
 TEST_F(StartupTest, ClosesTheProcessAndPlacesTheLocksAsConfigured) {
   const std::string locks = dir_.file("mylocks");
   fs::create_directories(locks);
-  add_settings("LOCK_FOLDER = " + locks + "\n");
+  testutil::write_file("config.ini", read_file("config.ini") + "LOCK_FOLDER = " + locks + "\n");
+  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
   seams([](testutil::Seams& s) { s.lock_dir = ""; });
   const std::string lock = locks + "/Global_QDX_WIN_010.lock";
   ASSERT_EQ(symlink(dir_.file("config.ini").c_str(), lock.c_str()), 0);
