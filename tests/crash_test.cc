@@ -10,25 +10,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <string>
 
 #include "common/config_dict.h"
 #include "common/openssl_ptr.h"
-#include "init/config.h"
 #include "common/rd_config.h"
 #include "mgmt_core/download.h"
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_server_util.h"
-#include "platform/platform.h"
 #include "rd_core/uidai_certs.h"
 #include "semaphore/device_lock.h"
 #include "sim_control.h"
 #include "test_util.h"
-#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace fs = std::filesystem;
@@ -57,24 +52,15 @@ int in_child(const std::function<int()>& fn) {
 bool killed(int status) { return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL; }
 bool succeeded(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 
-void point_at(const std::string& base) {
-  rd_config_update([&base](RdConfig& c) {
-    c.mgmt_url_register = base + "/rest/register/";
-    c.mgmt_url_keyrotation = base + "/rest/keyRotation/";
-    c.proxy_url.clear();
-  });
-}
-
-class CrashTest : public ::testing::Test {
+// The library fixture in a working folder laid out by vexoctl (with TLS) and
+// the simulated scanner kSerial.
+class CrashTest : public testutil::LibraryTest {
  protected:
   void SetUp() override {
-    setenv("APPDATA", dir_.file("appdata").c_str(), 1);
+    LibraryTest::SetUp();
     ASSERT_EQ(testutil::init_workdir(dir_.path(), kScanner, {"--tls"}).rc, 0);
     sim::write_control(dir_.file("RefDll"), {{"serial", kSerial}, {"capture_wait_ms", "0"}});
-    fs::create_directories("locks");
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
   }
-  void TearDown() override { unsetenv("APPDATA"); }
 
   // Kills a child at each crash point of work in turn, until the work runs to
   // its end; after each kill, check must succeed in a fresh child. The
@@ -99,9 +85,6 @@ class CrashTest : public ::testing::Test {
     }
     return point;
   }
-
-  testutil::WorkDir dir_;
-  testutil::PipeReader pipe_{dir_.path()};
 };
 
 int start() { return Initialize_process(kScanner); }
@@ -154,7 +137,10 @@ TEST_F(CrashTest, KeystoreAndKeyRotation) {
   const std::string base = server.base();
   auto prepare = [&] {
     if (start() != 0) return -1;
-    point_at(base);
+    rd_config_update([&base](RdConfig& c) {
+      c.mgmt_url_register = base + "/rest/register/";
+      c.mgmt_url_keyrotation = base + "/rest/keyRotation/";
+    });
     return 0;
   };
   auto rotate = [] {

@@ -1,97 +1,60 @@
 // Start-up, plug events and the host program, on real working folders laid
 // out by vexoctl, with the simulated scanner.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <set>
 #include <regex>
-#include <thread>
+#include <set>
 
-#include "common/work_area.h"
-#include "init/init.h"
-#include "mgmt_core/keystore.h"
+#include "common/file_crc.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "platform/platform.h"
+#include "common/work_area.h"
+#include "init/init.h"
+#include "mgmt_core/keystore.h"
+#include "mgmt_server_util.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
 #include "test_util.h"
-#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using testutil::count_of;
+using testutil::last_status;
 using testutil::read_file;
 
-using testutil::count_of;
-
-// Runs a command and returns its exit status.
-int run(const std::string& command) {
-  int rc = std::system(command.c_str());
-  return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+// Whether text holds needle; a failure shows both.
+testing::AssertionResult has(const std::string& text, const std::string& needle) {
+  if (text.find(needle) != std::string::npos) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << "\"" << needle << "\" not in:\n" << text;
 }
 
-std::string vexoctl() { return std::string(VEXO_BUILD_DIR) + "/vexoctl"; }
-
-// A working folder laid out by vexoctl, with a status FIFO, a private lock
-// folder, a fixed network adapter and APPDATA inside it.
-class StartupTest : public ::testing::Test {
+// The library fixture in a working folder laid out by vexoctl, with the
+// simulated scanner SERIAL-A in RefDll; nothing started yet.
+class StartupTest : public testutil::LibraryTest {
  protected:
-  void SetUp() override { layout(false); }
-
-  void layout(bool tls) {
+  void SetUp() override {
+    LibraryTest::SetUp();
+    layout();
+  }
+  void layout(const std::vector<std::string>& extra = {}) {
     init_reset_for_test();
     semaphore_reset_for_test();
-    rd_log_reset_for_test();
-    set_rd_status_ready();
-    set_device_detached(0);
     set_device_serial("");
-    std::string cmd = vexoctl() + " init-workdir " + dir_.path() +
-                      " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm" + (tls ? " --tls" : "") +
-                      " > /dev/null";
-    ASSERT_EQ(run(cmd), 0);
-    refdll_ = dir_.file("RefDll");
+    ASSERT_EQ(testutil::init_workdir(dir_.path(), "Aratek_A600", extra).rc, 0);
     sim::write_control(refdll_, {{"serial", "SERIAL-A"}, {"capture_wait_ms", "0"}});
-    fs::create_directories(dir_.file("locks"));
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
-    platform::Adapter eth;
-    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
-    std::copy(mac, mac + 6, eth.address);
-    eth.index = 2;
-    eth.ethernet = true;
-    eth.name = "eth0";
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
-    first_port_ = testutil::reserve_ports(8);
-    ASSERT_NE(first_port_, 0);
-    test_seams::update([&](test_seams::Seams& s) {
-      s.first_port = first_port_;
-      s.last_port = first_port_ + 7;
-    });
-    setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     fs::create_directories(dir_.file("appdata"));
   }
-
-  void TearDown() override {
-    zlog_fini();
-    test_seams::set({});
-    unsetenv("APPDATA");
-  }
-
-  testutil::WorkDir dir_;
-  int first_port_ = 0;  // the service's range: first_port_ .. first_port_ + 7
-  testutil::PipeReader pipe_{dir_.path()};
-  std::string refdll_;
+  const std::string refdll_ = dir_.file("RefDll");
 };
 
 // The library says nothing on standard output or standard error at Verbose 0
@@ -100,14 +63,10 @@ class StartupTest : public ::testing::Test {
 TEST_F(StartupTest, NothingOnStandardOutputUnlessDebugging) {
   for (int verbose : {0, 1, 2}) {
     SCOPED_TRACE(verbose);
-    layout(false);
-    const std::string config = read_file("config.ini");
-    const std::size_t at = config.find("Verbose");
-    ASSERT_NE(at, std::string::npos) << config;
-    std::string edited =
-        config.substr(0, at) + "Verbose = " + std::to_string(verbose) + config.substr(config.find('\n', at));
-    testutil::write_file("config.ini", edited);
-    ASSERT_EQ(run(vexoctl() + " seal config.ini > /dev/null"), 0);
+    layout();
+    testutil::write_file("config.ini", std::regex_replace(read_file("config.ini"), std::regex("Verbose = \\d"),
+                                                          "Verbose = " + std::to_string(verbose)));
+    ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int rc = Initialize_process("Aratek_A600");
@@ -117,73 +76,74 @@ TEST_F(StartupTest, NothingOnStandardOutputUnlessDebugging) {
     const int read_rc = GetDevicePrivateKeyFromFile(&key_pem);
     EXPECT_EQ(Set_Proxy_Api("http://proxy:3128|bob|s3cret"), 0);
     const std::string out = testing::internal::GetCapturedStdout();
-    const std::string err = testing::internal::GetCapturedStderr();
-    ASSERT_EQ(rc, 0) << testutil::last_status();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    ASSERT_EQ(rc, 0) << last_status();
     ASSERT_EQ(key_rc, 0);
     ASSERT_EQ(read_rc, 0);
-    EXPECT_EQ(err, "");
     if (verbose < 2) {
       EXPECT_EQ(out, "");
     } else {
-      EXPECT_NE(out.find("URL is: https://mgmt.test/Zelm"), std::string::npos) << out;
+      EXPECT_TRUE(has(out, "URL is: https://mgmt.test/Zelm"));
     }
     EXPECT_EQ(out.find("PRIVATE KEY"), std::string::npos);
     EXPECT_EQ(out.find("s3cret"), std::string::npos);
-    init_reset_for_test();
-    semaphore_reset_for_test();
   }
 }
 
-TEST_F(StartupTest, FirstCallSucceedsAndSecondSkipsOneTimeSteps) {
+// A first call that fails resumes at the failed step once repaired; later
+// calls skip the one-time steps, and the device-changed flag follows the
+// scanner's serial and the device certificate.
+TEST_F(StartupTest, CallsResumeSkipOneTimeStepsAndTrackTheScanner) {
+  const std::string good = read_file("config.ini");
+  testutil::write_file("config.ini", good + "; edited by hand\n");
+  ASSERT_EQ(Initialize_process("Aratek_A600"), -5);
+  testutil::write_file("config.ini", good);
   fs::create_directories("cert/public");
   testutil::write_file("cert/public/signed_mc.cer", "certificate");
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
-  EXPECT_NE(testutil::last_status().find(" | init | Initialize_process | Initialize_process Success "),
-            std::string::npos)
-      << testutil::last_status();
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << last_status();
+  EXPECT_TRUE(has(last_status(), " | init | Initialize_process | Initialize_process Success "));
   EXPECT_EQ(read_file("Serial_number"), "SERIAL-A");
   EXPECT_EQ(get_device_serial(), "SERIAL-A");
-  EXPECT_EQ(rd_identity_copy().rdsId, "QDX.WIN.002");
-  EXPECT_EQ(rd_identity_copy().mi, "QDX.ARA.A600.W");
-  EXPECT_EQ(rd_identity_copy().dpId, "KORVANE.QDX");
-  EXPECT_EQ(rd_identity_copy().clId.size(), 5u);
+  const RdIdentity id = rd_identity_copy();
+  EXPECT_EQ(id.rdsId + " " + id.mi + " " + id.dpId, "QDX.WIN.002 QDX.ARA.A600.W KORVANE.QDX");
+  EXPECT_EQ(id.clId.size(), 5u);
   EXPECT_EQ(rd_log_size_limit_kb(), 2048);
-  EXPECT_EQ(rd_identity_copy().device_changed, 1);  // no Serial_number before
-
+  EXPECT_EQ(id.device_changed, 1);  // no Serial_number before
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
   EXPECT_EQ(rd_identity_copy().device_changed, 0);  // same scanner, device certificate present
-  std::string log = read_file("rd.log");
-  struct {
-    const char* text;
-    int count;
-  } expected[] = {
+  const std::pair<const char*, int> expected[] = {
       {") - zlog initialized successfully\n", 1},
       {") - Pipe created successfully\n", 1},
       {") - DLL Loading SUCCESS\n", 1},
       {") - init_semaphore success\n", 1},
+      {") - Config file reading failed\n", 1},
       {") - Config file reading is successful\n", 1},
-      {") - IsFilePresent function success\n", 2},
+      {") - IsFilePresent function success\n", 3},
       {") - fingerprint is attached, serial number is SERIAL-A\n", 2},
       {") - Serial_number file is not there\n", 1},
       {") - old_serial_number is: SERIAL-A\n", 1},
       {") - old_serial_number and serial_number are same\n", 1},
       {") - Returning from Initialize_process\n", 2},
   };
-  for (const auto& e : expected) EXPECT_EQ(count_of(log, e.text), e.count) << e.text;
-}
+  for (const auto& [text, count] : expected) EXPECT_EQ(count_of(read_file("rd.log"), text), count) << text;
 
-// Adds lines to config.ini's [config] section (at its end) and seals it again.
-void add_settings(const std::string& lines) {
-  testutil::write_file("config.ini", read_file("config.ini") + lines);
-  ASSERT_EQ(run(vexoctl() + " seal config.ini > /dev/null"), 0);
+  sim::write_control(refdll_, {{"serial", "SERIAL-B"}});
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+  EXPECT_EQ(rd_identity_copy().device_changed, 1);
+  EXPECT_EQ(read_file("Serial_number"), "SERIAL-B");
+  EXPECT_TRUE(has(read_file("rd.log"), ") - old_serial_number and serial_number are different\n"));
+  fs::remove("cert/public/signed_mc.cer");
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
+  EXPECT_EQ(rd_identity_copy().device_changed, 1);  // no device certificate: Init must run
+  EXPECT_TRUE(has(read_file("rd.log"), ") - device public key not present\n"));
 }
 
 // Every file and folder the library makes, whichever way, is closed to other
 // users. The fixture's files are opened to all first, so that a file the
 // library replaced shows as well as a new one.
 TEST_F(StartupTest, EveryFileTheLibraryMakesIsClosedToOthers) {
+  zlog_fini();
   fs::remove("rd.log");
-  fs::remove("Vexo_Error.log");
   std::map<std::string, ino_t> before;  // what was there, and which file it was
   for (const auto& e : fs::recursive_directory_iterator(dir_.path())) {
     struct stat st {};
@@ -193,7 +153,7 @@ TEST_F(StartupTest, EveryFileTheLibraryMakesIsClosedToOthers) {
     }
     before[e.path().string()] = st.st_ino;
   }
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << last_status();
   std::string cert_pem;
   ASSERT_EQ(GenerateKeyPair(&cert_pem), 0);
   ASSERT_EQ(Set_Proxy_Api("http://proxy:3128|bob|s3cret"), 0);
@@ -227,70 +187,74 @@ TEST_F(StartupTest, EveryFileTheLibraryMakesIsClosedToOthers) {
 TEST_F(StartupTest, ClosesTheProcessAndPlacesTheLocksAsConfigured) {
   const std::string locks = dir_.file("mylocks");
   fs::create_directories(locks);
-  add_settings("LOCK_FOLDER = " + locks + "\n");
-  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = ""; });
+  testutil::write_file("config.ini", read_file("config.ini") + "LOCK_FOLDER = " + locks + "\n");
+  ASSERT_EQ(add_crc(1, "./config.ini", "bin_crc.txt"), 0);
+  seams([](testutil::Seams& s) { s.lock_dir = ""; });
   const std::string lock = locks + "/Global_QDX_WIN_010.lock";
   ASSERT_EQ(symlink(dir_.file("config.ini").c_str(), lock.c_str()), 0);
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
   EXPECT_EQ(prctl(PR_GET_DUMPABLE), 1);
-
   EXPECT_EQ(Initialize_process("Aratek_A600"), -3);
-  EXPECT_NE(testutil::last_status().find("Lock file " + lock + " cannot be used (errno " + std::to_string(ELOOP) + ")"),
-            std::string::npos)
-      << testutil::last_status();
+  EXPECT_TRUE(has(last_status(), "Lock file " + lock + " cannot be used (errno " + std::to_string(ELOOP) + ")"));
   EXPECT_EQ(prctl(PR_GET_DUMPABLE), 0);
   EXPECT_EQ(count_of(read_file("rd.log"), "Warning: other users can write to the working folder " + dir_.path()), 1);
   ASSERT_EQ(unlink(lock.c_str()), 0);
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
+  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << last_status();
   EXPECT_TRUE(fs::is_regular_file(lock));
   chmod(dir_.path().c_str(), 0700);
 }
 
 struct FailureCase {
   const char* name;
-  void (*damage)(const std::string& refdll);
-  const char* scanner;
   int expected;
-  const char* status;  // expected part of the last-status line
+  const char* status = "";                        // expected part of the last-status line after its time stamp
+  const char* logged = "";                        // expected log line
+  const char* remove = "";                        // a file removed first
+  sim::Keys control = {};                         // the simulated scanner's settings
+  const char *append_to = "", *append_text = "";  // a file edited first
+  platform::WriteFault fault = platform::WriteFault::kNone;  // writes that fail
+  const char* scanner = "Aratek_A600";
 };
 
-// The status column is the last-status line after its time stamp: the file
-// and function that report must be the design's (the host shows this line).
+// The status column names the file and function that report (the host shows
+// this line).
 const FailureCase kFailureCases[] = {
-    {"NoSealFile", [](const std::string&) { fs::remove("bin_crc.txt"); }, "Aratek_A600", -16,
-     " | init | IsFilePresent | File Not Found : bin_crc.txt"},
-    {"NoConfig", [](const std::string&) { fs::remove("config.ini"); }, "Aratek_A600", -16,
-     " | init | IsFilePresent | File Not Found : config.ini"},
-    {"NoServerCertificate", [](const std::string&) { fs::remove("cert/server.crt"); }, "Aratek_A600", -16,
-     " | init | IsFilePresent | File Not Found : cert/server.crt"},
-    {"UnknownScanner", [](const std::string&) {}, "NIKON_X1", -3, ""},
+    {"NoSealFile", -16, " | init | IsFilePresent | File Not Found : bin_crc.txt", "", "bin_crc.txt"},
+    {"NoConfig", -16, " | init | IsFilePresent | File Not Found : config.ini", "", "config.ini"},
+    {"NoServerCertificate", -16, " | init | IsFilePresent | File Not Found : cert/server.crt", "", "cert/server.crt"},
+    {"UnknownScanner", -3, "", ") - FP sensor is not valid sensor\n", "", {}, "", "", {}, "NIKON_X1"},
     {"NoDevice",
-     [](const std::string& refdll) {
-       sim::write_control(refdll, {{"present", "0"}});
-     },
-     "Aratek_A600", -10, " | init | Initialize_process | fingerprint device not attached, err_code: -3 "},
-    {"VendorLibraryMissing", [](const std::string& refdll) { fs::remove(refdll + "/libAraTrustFinger.so"); },
-     "Aratek_A600", kDllLoadingFailed, ""},
+     -10,
+     " | init | Initialize_process | fingerprint device not attached, err_code: -3 ",
+     "",
+     "",
+     {{"present", "0"}}},
+    {"VendorLibraryMissing", kDllLoadingFailed, "", "", "RefDll/libAraTrustFinger.so"},
     {"GlobalInitFails",
-     [](const std::string& refdll) {
-       sim::write_control(refdll, {{"global_init_result", "-7"}});
-     },
-     "Aratek_A600", -1, " | init | Initialize_process | Aratek fingerprint scanner: Global init failed "},
-    {"HandEditedConfig", [](const std::string&) { testutil::write_file("config.ini", read_file("config.ini") + "\n"); },
-     "Aratek_A600", -5, " | init | Initialize_process | Config file reading failed"},
-    {"ProxyWithoutUrl",
-     [](const std::string&) { testutil::write_file("proxy.ini", "[config]\nusername = u\npassword = \n"); },
-     "Aratek_A600", -13, ""},
-    {"SerialNotOpened",
-     [](const std::string&) {
-       test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kOpen; });
-     },
-     "Aratek_A600", -8, ""},
+     -1,
+     " | init | Initialize_process | Aratek fingerprint scanner: Global init failed ",
+     "",
+     "",
+     {{"global_init_result", "-7"}}},
+    {"HandEditedConfig",
+     -5,
+     " | init | Initialize_process | Config file reading failed",
+     "",
+     "",
+     {},
+     "config.ini",
+     "\n"},
+    {"ProxyWithoutUrl", -13, "", "", "", {}, "proxy.ini", "[config]\nusername = u\npassword = \n"},
+    {"SerialNotOpened", -8, "", ") - opening Serial_number file failed\n", "", {}, "", "", platform::WriteFault::kOpen},
     {"SerialNotWritten",
-     [](const std::string&) {
-       test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kWrite; });
-     },
-     "Aratek_A600", -7, ""},
+     -7,
+     "",
+     ") - writing to serial_number file is failed\n",
+     "",
+     {},
+     "",
+     "",
+     platform::WriteFault::kWrite},
 };
 
 void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
@@ -300,25 +264,20 @@ class StartupFailureTest : public StartupTest, public ::testing::WithParamInterf
 
 TEST_P(StartupFailureTest, ReturnsItsCode) {
   const FailureCase& c = GetParam();
-  c.damage(refdll_);
+  fs::remove(c.remove);
+  if (!c.control.empty()) sim::write_control(refdll_, c.control);
+  if (*c.append_to) testutil::write_file(c.append_to, read_file(c.append_to) + c.append_text);
+  seams([&](testutil::Seams& s) { s.write_fault = c.fault; });
   EXPECT_EQ(Initialize_process(c.scanner), c.expected);
-  if (*c.status) {
-    EXPECT_NE(testutil::last_status().find(c.status), std::string::npos) << testutil::last_status();
-  }
-  if (c.expected == -3) {
-    EXPECT_NE(read_file("rd.log").find(") - FP sensor is not valid sensor\n"), std::string::npos);
-  }
+  EXPECT_TRUE(has(last_status(), c.status));
+  EXPECT_TRUE(has(read_file("rd.log"), c.logged));
   if (c.expected == -16) {
     const std::string text = std::string(c.status).substr(std::string(c.status).find("File Not Found"));
-    EXPECT_TRUE(pipe_.wait_for("10000|" + text + "\n"));
+    EXPECT_TRUE(pipe_->wait_for("10000|" + text + "\n"));
   }
-  if (c.expected == -7 || c.expected == -8) {
-    EXPECT_NE(read_file("rd.log").find(c.expected == -7 ? ") - writing to serial_number file is failed\n"
-                                                        : ") - opening Serial_number file failed\n"),
-              std::string::npos);
+  if (c.fault != platform::WriteFault::kNone) {
     EXPECT_FALSE(fs::exists("Serial_number"));
   }
-  test_seams::update([&](test_seams::Seams& s) { s.write_fault = platform::WriteFault::kNone; });
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureCases),
@@ -327,204 +286,112 @@ INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureC
 TEST_F(StartupTest, NoStatusPipeFailsWithMinusOne) {
   platform::set_status_pipe_path(dir_.file("absent_fifo"));
   EXPECT_EQ(Initialize_process("Aratek_A600"), -1);
-  EXPECT_NE(testutil::last_status().find("Create pipe failed, error_code = 2"), std::string::npos);
+  EXPECT_TRUE(has(last_status(), "Create pipe failed, error_code = 2"));
 }
 
-TEST_F(StartupTest, ResumesAtTheFailedStepAfterRepair) {
-  const std::string good = read_file("config.ini");
-  testutil::write_file("config.ini", good + "; edited by hand\n");
-  ASSERT_EQ(Initialize_process("Aratek_A600"), -5);
-  testutil::write_file("config.ini", good);
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
-  std::string log = read_file("rd.log");
-  EXPECT_EQ(count_of(log, ") - zlog initialized successfully\n"), 1);
-  EXPECT_EQ(count_of(log, ") - DLL Loading SUCCESS\n"), 1);
-  EXPECT_EQ(count_of(log, ") - Config file reading failed\n"), 1);
-  EXPECT_EQ(count_of(log, ") - Config file reading is successful\n"), 1);
-}
-
-TEST_F(StartupTest, ChangedScannerSetsTheDeviceChangedFlag) {
-  fs::create_directories("cert/public");
-  testutil::write_file("cert/public/signed_mc.cer", "certificate");
-  testutil::write_file("Serial_number", "SERIAL-A");
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  EXPECT_EQ(rd_identity_copy().device_changed, 0);
-  sim::write_control(refdll_, {{"serial", "SERIAL-B"}});
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  EXPECT_EQ(rd_identity_copy().device_changed, 1);
-  EXPECT_EQ(read_file("Serial_number"), "SERIAL-B");
-  EXPECT_NE(read_file("rd.log").find(") - old_serial_number and serial_number are different\n"), std::string::npos);
-  fs::remove("cert/public/signed_mc.cer");
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  EXPECT_EQ(rd_identity_copy().device_changed, 1);  // no device certificate: Init must run
-  EXPECT_NE(read_file("rd.log").find(") - device public key not present\n"), std::string::npos);
-}
-
-TEST_F(StartupTest, TlsFilesAreCheckedOnlyWithTlsOn) {
-  // TLS off: a missing cert/ssl folder is no error.
-  fs::remove_all("cert/ssl");
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-
-  struct Case {
+// The TLS files are checked only with TLS on; a key that does not belong to
+// the certificate fails when the service starts.
+TEST_F(StartupTest, TlsFilesAndContext) {
+  const struct {
     const char* name;
+    bool tls;
     const char* damage;  // the file to remove, or to replace by a folder
     bool folder;
     int expected;
+    const char* missing;  // status and pipe text for a file that cannot be read
   } cases[] = {
-      {"key missing", "cert/ssl/private.key", false, -16},
-      {"certificate missing", "cert/ssl/public.crt", false, -16},
-      {"certificate unreadable", "cert/ssl/public.crt", true, -14},
-      {"key unreadable", "cert/ssl/private.key", true, -15},
+      {"no TLS folder with TLS off", false, "cert/ssl", false, 0, ""},
+      {"key missing", true, "cert/ssl/private.key", false, -16, ""},
+      {"certificate missing", true, "cert/ssl/public.crt", false, -16, ""},
+      {"certificate unreadable", true, "cert/ssl/public.crt", true, -14, "./cert/ssl/public.crt"},
+      {"key unreadable", true, "cert/ssl/private.key", true, -15, "./cert/ssl/private.key"},
+      {"key of another pair", true, "", false, 0, ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    testutil::WorkDir fresh;
-    testutil::PipeReader pipe(fresh.path());
-    ASSERT_EQ(run(vexoctl() + " init-workdir " + fresh.path() +
-                  " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm --tls > /dev/null"),
-              0);
-    init_reset_for_test();
-    semaphore_reset_for_test();
-    rd_log_reset_for_test();
-    fs::remove(c.damage);
+    fs::remove_all("cert");
+    layout(c.tls ? std::vector<std::string>{"--tls"} : std::vector<std::string>{});
+    fs::remove_all(c.damage);
     if (c.folder) fs::create_directory(c.damage);
-    EXPECT_EQ(Initialize_process("Aratek_A600"), c.expected);
-    if (c.expected != -16) {
-      EXPECT_NE(testutil::last_status().find(std::string("./") + c.damage + " file is not exist in the path"),
-                std::string::npos)
-          << testutil::last_status();
-      EXPECT_TRUE(pipe.wait_for(std::string("10000|./") + c.damage + " file not found\n"));
+    if (c.tls && !*c.damage) {
+      testutil::write_file("cert/ssl/private.key", read_file(mgmttest::kMgmtData + "/ca.key"));
     }
-    zlog_fini();
+    EXPECT_EQ(Initialize_process("Aratek_A600"), c.expected) << last_status();
+    if (*c.missing) {
+      EXPECT_TRUE(has(last_status(), std::string(c.missing) + " file is not exist in the path"));
+      EXPECT_TRUE(pipe_->wait_for(std::string("10000|") + c.missing + " file not found\n"));
+    }
   }
+  EXPECT_EQ(Start_RDservice(), -3);
+  EXPECT_TRUE(has(last_status(), " | init | Start_RDservice |  SSL server init failed"));
+  EXPECT_TRUE(pipe_->wait_for("5000|SSL server init failed\n"));
 }
 
 TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
-  ASSERT_EQ(Start_RDservice(), 0) << testutil::last_status();
-  EXPECT_NE(testutil::last_status().find("RD service started successfully"), std::string::npos);
+  ASSERT_EQ(Start_RDservice(), 0) << last_status();
+  EXPECT_TRUE(has(last_status(), "RD service started successfully"));
   const int port = service_port();
   ASSERT_EQ(port, first_port_);
   const std::string request = "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
-  std::string answer = testutil::http_exchange(port, request);
-  EXPECT_NE(answer.find("<RDService status=\"READY\" info=\"Korvane RD service(QDX.ARA.A600.W) is running\">"),
-            std::string::npos)
-      << answer;
-
+  EXPECT_TRUE(has(testutil::http_exchange(port, request),
+                  "<RDService status=\"READY\" info=\"Korvane RD service(QDX.ARA.A600.W) is running\">"));
   // Pulled out: NOTREADY, with the detach notification.
   EXPECT_EQ(detach_device(), 0);
   EXPECT_EQ(get_device_detached(), 1);
-  EXPECT_NE(testutil::last_status().find(" | detach_device | Fingerprint device not attached "), std::string::npos);
-  answer = testutil::http_exchange(port, request);
-  EXPECT_NE(answer.find("status=\"NOTREADY\""), std::string::npos);
-
+  EXPECT_TRUE(has(last_status(), " | detach_device | Fingerprint device not attached "));
+  EXPECT_TRUE(has(testutil::http_exchange(port, request), "status=\"NOTREADY\""));
   // The same scanner again: 0 and READY.
   EXPECT_EQ(attach_device(), 0);
   EXPECT_EQ(get_device_detached(), 0);
   EXPECT_STREQ(get_rd_status(), "\"READY\"");
-
   // Another scanner: -10, READY, and the new serial is stored.
   sim::write_control(refdll_, {{"serial", "SERIAL-B"}});
   EXPECT_EQ(attach_device(), -10);
   EXPECT_EQ(get_device_serial(), "SERIAL-B");
   EXPECT_STREQ(get_rd_status(), "\"READY\"");
-
   // No scanner answers: -1, the status stays, both notifications in order.
   set_rd_status_notready();
   sim::write_control(refdll_, {{"present", "0"}});
   // The notifications so far arrive first, so that only this attach's follow.
-  ASSERT_TRUE(
-      pipe_.wait_for("5000|Fingerprint device disconnected\n5000|Fingerprint device connected\n"
-                     "5000|Fingerprint device connected\n"));
-  const std::size_t before = pipe_.received().size();
+  ASSERT_TRUE(pipe_->wait_for(
+      "5000|Fingerprint device disconnected\n5000|Fingerprint device connected\n5000|Fingerprint device connected\n"));
+  const std::size_t before = pipe_->received().size();
   EXPECT_EQ(attach_device(), -1);
   EXPECT_STREQ(get_rd_status(), "\"NOTREADY\"");
-  EXPECT_NE(testutil::last_status().find(" | attach_device | fingerprint device not attached "), std::string::npos);
-  ASSERT_TRUE(pipe_.wait_for("5000|Fingerprint device connected\n5000|Fingerprint device disconnected\n"));
-  EXPECT_EQ(pipe_.received().substr(before),
-            "5000|Fingerprint device connected\n5000|Fingerprint device disconnected\n");
-}
-
-TEST_F(StartupTest, TlsContextFailureReportsSslServerInitFailed) {
-  testutil::WorkDir fresh;
-  testutil::PipeReader pipe(fresh.path());
-  ASSERT_EQ(run(vexoctl() + " init-workdir " + fresh.path() +
-                " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm --tls > /dev/null"),
-            0);
-  // A key of another pair: the modulus check fails before any context is made.
-  ASSERT_EQ(run("openssl genrsa -out cert/ssl/private.key 2048 2>/dev/null"), 0);
-  init_reset_for_test();
-  semaphore_reset_for_test();
-  rd_log_reset_for_test();
-  ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << testutil::last_status();
-  EXPECT_EQ(Start_RDservice(), -3);
-  EXPECT_NE(testutil::last_status().find(" | init | Start_RDservice |  SSL server init failed"), std::string::npos)
-      << testutil::last_status();
-  EXPECT_TRUE(pipe.wait_for("5000|SSL server init failed\n"));
+  EXPECT_TRUE(has(last_status(), " | attach_device | fingerprint device not attached "));
+  const std::string both = "5000|Fingerprint device connected\n5000|Fingerprint device disconnected\n";
+  ASSERT_TRUE(pipe_->wait_for(both, 5000, before));
+  EXPECT_EQ(pipe_->received().substr(before), both);
 }
 
 // The host program in a folder made by vexoctl: serves discovery on a real
 // socket, reports plug events from signals and exits 0 on SIGTERM.
 TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
   testutil::WorkDir dir;
-  ASSERT_EQ(run(vexoctl() + " init-workdir " + dir.path() +
-                " --scanner Aratek_A600 --mgmt-url https://mgmt.test/Zelm > /dev/null"),
-            0);
+  ASSERT_EQ(testutil::init_workdir(dir.path()).rc, 0);
   fs::create_directories(dir.file("appdata"));
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    close(out[0]);
-    setenv("APPDATA", dir.file("appdata").c_str(), 1);
-    mkdir(dir.file("run").c_str(), 0700);
-    setenv("XDG_RUNTIME_DIR", dir.file("run").c_str(), 1);
-    std::string host = std::string(VEXO_BUILD_DIR) + "/vexo-host";
-    execl(host.c_str(), host.c_str(), "--workdir", dir.path().c_str(), "--no-mgmt", "Aratek_A600", nullptr);
-    _exit(127);
-  }
-  close(out[1]);
+  ASSERT_EQ(mkdir(dir.file("run").c_str(), 0700), 0);
+  testutil::Child host({testutil::program("vexo-host"), "--workdir", dir.path(), "--no-mgmt", "Aratek_A600"},
+                       {"APPDATA=" + dir.file("appdata"), "XDG_RUNTIME_DIR=" + dir.file("run")});
   const std::string fifo = dir.file("run/qdx.win.002");  // in the child's XDG_RUNTIME_DIR
-  auto read_until = [&](const std::string& needle, std::string* got) {
-    char buf[4096];
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (got->find(needle) == std::string::npos && std::chrono::steady_clock::now() < end) {
-      ssize_t n = read(out[0], buf, sizeof buf);
-      if (n <= 0) break;
-      got->append(buf, static_cast<std::size_t>(n));
-    }
-    return got->find(needle) != std::string::npos;
-  };
-  std::string output;
-  ASSERT_TRUE(read_until("Start_RDservice returned 0", &output)) << output;
+  ASSERT_TRUE(host.wait_for("Start_RDservice returned 0")) << host.output();
   EXPECT_EQ(testutil::mode_of(fifo), 0600);
   EXPECT_TRUE(fs::is_fifo(fifo));
-  std::smatch m;
-  std::string log = read_file(dir.file("rd.log"));
-  ASSERT_TRUE(std::regex_search(log, m, std::regex(R"(Server Listening On 127\.0\.0\.1 And Port (\d+))")));
-  const int port = std::stoi(m[1]);
-  std::string answer = testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n");
+  const int port = testutil::logged_port(dir.file("rd.log"));
+  const std::string discovery = "RDSERVICE / HTTP/1.1\r\n\r\n";
+  const std::string answer = testutil::http_exchange(port, discovery);
   EXPECT_EQ(answer.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << answer;
-  EXPECT_NE(answer.find("status=\"READY\""), std::string::npos);
-
-  kill(pid, SIGUSR2);
-  ASSERT_TRUE(read_until("detach_device returned 0", &output)) << output;
-  EXPECT_NE(testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n").find("status=\"NOTREADY\""),
-            std::string::npos);
-  kill(pid, SIGUSR1);
-  ASSERT_TRUE(read_until("attach_device returned 0", &output)) << output;
+  EXPECT_TRUE(has(answer, "status=\"READY\""));
+  host.signal(SIGUSR2);
+  ASSERT_TRUE(host.wait_for("detach_device returned 0")) << host.output();
+  EXPECT_TRUE(has(testutil::http_exchange(port, discovery), "status=\"NOTREADY\""));
+  host.signal(SIGUSR1);
+  ASSERT_TRUE(host.wait_for("attach_device returned 0")) << host.output();
   // The pipe reader prints on a thread of its own, so its line may come later.
-  EXPECT_TRUE(read_until("pipe: 5000|Fingerprint device connected", &output)) << output;
-
-  kill(pid, SIGTERM);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_TRUE(host.wait_for("pipe: 5000|Fingerprint device connected")) << host.output();
+  EXPECT_EQ(host.stop(), 0);
   EXPECT_FALSE(fs::exists(fifo));  // the host removes the FIFO it made
-  close(out[0]);
 }
 
 // A FIFO path another user took first (a link, a file, a FIFO of theirs that
@@ -550,9 +417,8 @@ TEST(HostProcessTest, RefusesAFifoPathTakenByAnother) {
     const int mode = testutil::mode_of(path);
     const testutil::Run host =
         testutil::run({testutil::program("vexo-host"), "--status-pipe-dir", folder, "--no-mgmt", "Aratek_A600"});
-    const std::string& text = host.out;
-    EXPECT_EQ(host.rc, 1) << text;
-    EXPECT_EQ(text.rfind("vexo-host: status FIFO " + path + ": ", 0), 0u) << text;
+    EXPECT_EQ(host.rc, 1) << host.out;
+    EXPECT_EQ(host.out.rfind("vexo-host: status FIFO " + path + ": ", 0), 0u) << host.out;
     EXPECT_EQ(testutil::mode_of(path), mode);
   }
 }

@@ -1,10 +1,10 @@
 // Resident memory of the process hosting the listener while many connections
 // wait for their requests. A program of its own, so that the allocator
 // settings below apply to it alone.
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 
 #include "common/rd_log.h"
 #include "test_util.h"
@@ -32,12 +32,9 @@ namespace {
 
 // Resident memory of this process in bytes, 0 when unreadable.
 std::size_t resident_bytes() {
-  std::FILE* f = std::fopen("/proc/self/statm", "r");
-  if (f == nullptr) return 0;
-  unsigned long size = 0, resident = 0;
-  const int n = std::fscanf(f, "%lu %lu", &size, &resident);
-  std::fclose(f);
-  return n == 2 ? resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) : 0;
+  std::size_t size = 0, resident = 0;
+  std::ifstream("/proc/self/statm") >> size >> resident;
+  return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 
 using ListenerMemoryTest = LibraryTest;

@@ -1,44 +1,28 @@
 // Scanner and handheld locks: across real processes (fork), across threads,
 // and through their start-up from the configured scanner name.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <string>
 #include <thread>
 
 #include "common/rd_config.h"
 #include "common/rd_log.h"
-#include "platform/platform.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
-#include "platform/test_seams.h"
 
 namespace {
 
-constexpr unsigned kShortMs = 300;
+using testutil::last_status;
 
-class LockTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.path(); });
-    test_seams::update([&](test_seams::Seams& s) {
-      s.scanner_lock_ms = kShortMs;
-      s.handheld_lock_ms = kShortMs;
-    });
-    semaphore_reset_for_test();
-    rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
-  }
-  void TearDown() override {
-    semaphore_reset_for_test();
-    zlog_fini();
-  }
-  testutil::WorkDir dir_;
-};
+// The library fixture: locks in its folder "locks", 300 ms lock waits, an
+// Aratek_A600 configured.
+using LockTest = testutil::LibraryTest;
+constexpr unsigned kShortMs = 300;
 
 // Runs fn in a child process that opens the lock afresh; returns its exit code.
 template <typename Fn>
@@ -53,18 +37,22 @@ int in_child(Fn fn) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+void use_scanner(const char* name) {
+  semaphore_reset_for_test();
+  rd_identity_update([&](RdIdentity& r) { r.scanner_name = name; });
+}
+
 // Another user plants things at the lock path before the service starts:
 // nothing is followed, nothing of theirs changes mode, and a name taken by
 // anything but a plain file stops start-up, naming the path. A plain file
 // with one link is a lock of another user's service and is shared as it is.
 TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
-  struct Row {
+  const struct {
     const char* name;
     bool (*plant)(const std::string& lock, const std::string& other);
     int expected;
     bool lock_is_victim;  // the mode to watch is the lock path's own, not the other file's
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"link to a private file",
        [](auto& l, auto& o) { return creat(o.c_str(), 0600) >= 0 && !symlink(o.c_str(), l.c_str()); }, -1, false},
       {"link to nothing", [](auto& l, auto& o) { return !symlink(o.c_str(), l.c_str()); }, -1, false},
@@ -76,23 +64,21 @@ TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
       {"plain file 0666", [](auto& l, auto&) { return creat(l.c_str(), 0666) >= 0; }, 0, true},
   };
   int n = 0;
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string folder = testutil::shared_folder(dir_, "s" + std::to_string(n++));
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = folder; });
+    seams([&](testutil::Seams& s) { s.lock_dir = folder; });
     semaphore_reset_for_test();
-    const std::string lock = folder + "/Global_QDX_WIN_010.lock";
-    const std::string other = folder + "/other";
+    const std::string lock = folder + "/Global_QDX_WIN_010.lock", other = folder + "/other";
     ASSERT_TRUE(testutil::as_other_user([&] { return row.plant(lock, other); }));
     const std::string watched = row.lock_is_victim ? lock : other;
     const int mode = testutil::mode_of(watched);
     EXPECT_EQ(init_semaphore(), row.expected);
     EXPECT_EQ(testutil::mode_of(watched), mode);
     if (row.expected != 0) {
-      const std::string status = testutil::last_status();
-      EXPECT_NE(status.find(" | semaphore_syc | init_semaphore | Lock file " + lock + " cannot be used"),
+      EXPECT_NE(last_status().find(" | semaphore_syc | init_semaphore | Lock file " + lock + " cannot be used"),
                 std::string::npos)
-          << status;
+          << last_status();
     } else {
       EXPECT_EQ(Lock_Semaphore(), 0);
       EXPECT_EQ(Unlock_Semaphore(), 0);
@@ -100,27 +86,22 @@ TEST_F(LockTest, NamesPlantedByAnotherUserAreNeverFollowedOrChanged) {
   }
   // A file made here is shared with every user, whatever the umask.
   const std::string folder = testutil::shared_folder(dir_, "fresh");
-  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = folder; });
+  seams([&](testutil::Seams& s) { s.lock_dir = folder; });
   semaphore_reset_for_test();
   ASSERT_EQ(init_semaphore(), 0);
   EXPECT_EQ(testutil::mode_of(folder + "/Global_QDX_WIN_010.lock"), 0666);
   // The handheld lock's name is refused the same way.
   const std::string tavio = folder + "/Global_QDX_WIN_009_Tavio.lock";
   ASSERT_TRUE(testutil::as_other_user([&] { return !symlink((folder + "/x").c_str(), tavio.c_str()); }));
-  semaphore_reset_for_test();
-  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Tavio_TX9"; });
+  use_scanner("Tavio_TX9");
   EXPECT_EQ(init_semaphore(), -1);
-  EXPECT_NE(testutil::last_status().find(" | semaphore_Tavio | init_semaphore_Tavio | Lock file " + tavio),
-            std::string::npos)
-      << testutil::last_status();
+  EXPECT_NE(last_status().find(" | semaphore_Tavio | init_semaphore_Tavio | Lock file " + tavio), std::string::npos)
+      << last_status();
   EXPECT_FALSE(std::filesystem::exists(folder + "/x"));
 }
 
 TEST(LockNames, ScannerTable) {
-  const struct {
-    const char* scanner;
-    const char* lock;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"UAREU", "Global\\QDX_WIN_001"},
       {"FUTRONIC", "Global\\QDX_WIN_002"},
       {"GEMALTO", "Global\\QDX_WIN_004"},
@@ -138,21 +119,16 @@ TEST(LockNames, ScannerTable) {
       {"TX", nullptr},
       {"Tavio_TX9|COM3|x", nullptr},
   };
-  for (const auto& c : cases) {
-    const char* got = semaphore_name_for_scanner(c.scanner);
-    if (c.lock == nullptr) {
-      EXPECT_EQ(got, nullptr) << c.scanner;
-    } else {
-      ASSERT_NE(got, nullptr) << c.scanner;
-      EXPECT_STREQ(got, c.lock) << c.scanner;
-    }
+  for (const auto& [scanner, lock] : cases) {
+    const char* got = semaphore_name_for_scanner(scanner);
+    EXPECT_EQ(std::string(got ? got : "(none)"), std::string(lock ? lock : "(none)")) << scanner;
   }
   EXPECT_EQ(semaphore_name_for_scanner(nullptr), nullptr);
 }
 
 TEST_F(LockTest, SecondProcessTimesOutWhileFirstHolds) {
   ASSERT_EQ(init_semaphore(), 0);
-  EXPECT_TRUE(platform::file_exists(dir_.file("Global_QDX_WIN_010.lock")));
+  EXPECT_TRUE(platform::file_exists(dir_.file("locks/Global_QDX_WIN_010.lock")));
   ASSERT_EQ(Lock_Semaphore(), 0);
   int waited = in_child([] {
     std::uint64_t start = platform::monotonic_ms();
@@ -174,8 +150,7 @@ TEST_F(LockTest, SecondProcessTimesOutWhileFirstHolds) {
   // Another scanner model has a lock of its own.
   ASSERT_EQ(Lock_Semaphore(), 0);
   EXPECT_EQ(in_child([] {
-              semaphore_reset_for_test();
-              rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A400"; });
+              use_scanner("Aratek_A400");
               return init_semaphore() == 0 && Lock_Semaphore() == 0 ? 0 : 1;
             }),
             0);
@@ -186,8 +161,8 @@ TEST_F(LockTest, KilledHolderDoesNotKeepTheLock) {
   ASSERT_EQ(init_semaphore(), 0);
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
-  pid_t pid = fork();
-  if (pid == 0) {
+  testutil::Reaper child{fork()};
+  if (child.pid == 0) {
     semaphore_reset_for_test();
     char ok = (init_semaphore() == 0 && Lock_Semaphore() == 0) ? 'y' : 'n';
     (void)!write(ready[1], &ok, 1);
@@ -199,8 +174,7 @@ TEST_F(LockTest, KilledHolderDoesNotKeepTheLock) {
   close(ready[0]);
   ASSERT_EQ(ok, 'y');
   EXPECT_EQ(Lock_Semaphore(), -2);
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
+  child.reap();
   EXPECT_EQ(Lock_Semaphore(), 0);
   EXPECT_EQ(Unlock_Semaphore(), 0);
 }
@@ -216,10 +190,7 @@ TEST_F(LockTest, ThreadsExcludeEachOtherAndAnyThreadReleases) {
   EXPECT_EQ(released, 0);
   // A waiter is woken by a release from another thread before its time-out.
   ASSERT_EQ(Lock_Semaphore(), 0);
-  test_seams::update([&](test_seams::Seams& s) {
-    s.scanner_lock_ms = 5000;
-    s.handheld_lock_ms = kShortMs;
-  });
+  seams([](testutil::Seams& s) { s.scanner_lock_ms = 5000; });
   std::uint64_t start = platform::monotonic_ms();
   std::thread waiter([&] { second = Lock_Semaphore(); });
   platform::sleep_ms(100);
@@ -230,36 +201,32 @@ TEST_F(LockTest, ThreadsExcludeEachOtherAndAnyThreadReleases) {
   EXPECT_EQ(Unlock_Semaphore(), 0);
 }
 
-TEST_F(LockTest, ReleasingAFreeLockFails) {
-  ASSERT_EQ(zlog_init("rd.log"), 0);
+// Without a lock to use: no lock before start-up, none for an unknown
+// scanner, no handheld lock for other scanners, no release of a free lock.
+TEST_F(LockTest, FailuresWithoutAHeldLock) {
+  EXPECT_EQ(Lock_Semaphore(), -1);  // nothing created yet
+  use_scanner("Aratek_A900");
+  EXPECT_EQ(init_semaphore(), -1);
+  EXPECT_EQ(Lock_Semaphore(), -1);
+  use_scanner("Aratek_A600");
   ASSERT_EQ(init_semaphore(), 0);
+  EXPECT_EQ(Lock_Semaphore_Tavio(), -2);
   EXPECT_EQ(Unlock_Semaphore(), -1);
   ASSERT_EQ(Lock_Semaphore(), 0);
   EXPECT_EQ(Unlock_Semaphore(), 0);
   EXPECT_EQ(Unlock_Semaphore(), -1);
-  zlog_fini();
-  EXPECT_NE(testutil::read_file("rd.log").find("error at sem_release"), std::string::npos);
-}
-
-TEST_F(LockTest, UnknownScannerAndMissingHandle) {
-  ASSERT_EQ(zlog_init("rd.log"), 0);
-  EXPECT_EQ(Lock_Semaphore(), -1);  // nothing created yet
-  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A900"; });
-  EXPECT_EQ(init_semaphore(), -1);
-  EXPECT_EQ(Lock_Semaphore(), -1);
-  zlog_fini();
-  std::string log = testutil::read_file("rd.log");
-  EXPECT_NE(log.find("ERROR  ("), std::string::npos) << log;
-  EXPECT_NE(log.find(" - FP sensor is not valid sensor\n"), std::string::npos) << log;
-  EXPECT_NE(log.find(" - openSemaphore error\n"), std::string::npos) << log;
+  const std::string log = testutil::log_text();
+  for (const char* line :
+       {"ERROR  (", " - FP sensor is not valid sensor\n", " - openSemaphore error\n", "error at sem_release"}) {
+    EXPECT_NE(log.find(line), std::string::npos) << line << " not in:\n" << log;
+  }
 }
 
 TEST_F(LockTest, TavioScannerCreatesBothLocks) {
-  ASSERT_EQ(zlog_init("rd.log"), 0);
   EXPECT_EQ(Lock_Semaphore_Tavio(), -2);  // not created yet
-  rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Tavio_TX9"; });
+  use_scanner("Tavio_TX9");
   ASSERT_EQ(init_semaphore(), 0);
-  EXPECT_TRUE(platform::file_exists(dir_.file("Global_QDX_WIN_009.lock")));
+  EXPECT_TRUE(platform::file_exists(dir_.file("locks/Global_QDX_WIN_009.lock")));
   EXPECT_EQ(Unlock_Semaphore_Tavio(), -1);
   ASSERT_EQ(Lock_Semaphore_Tavio(), 0);
   std::uint64_t start = platform::monotonic_ms();
@@ -273,15 +240,9 @@ TEST_F(LockTest, TavioScannerCreatesBothLocks) {
   EXPECT_EQ(Lock_Semaphore(), 0);
   EXPECT_EQ(Unlock_Semaphore(), 0);
   EXPECT_EQ(Unlock_Semaphore_Tavio(), 0);
-  zlog_fini();
-  std::string log = testutil::read_file("rd.log");
+  const std::string log = testutil::log_text();
   EXPECT_NE(log.find(" - sem_timedwait Tavio timeout\n"), std::string::npos) << log;
   EXPECT_NE(log.find(" - error at sem_release for Tavio Semaphore\n"), std::string::npos) << log;
-}
-
-TEST_F(LockTest, OtherScannersDoNotCreateTheHandheldLock) {
-  ASSERT_EQ(init_semaphore(), 0);
-  EXPECT_EQ(Lock_Semaphore_Tavio(), -2);
 }
 
 }  // namespace

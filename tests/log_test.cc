@@ -1,114 +1,85 @@
 // Run log, last-status line, rotation and status pipe.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <mutex>
+#include <regex>
 #include <set>
 #include <sstream>
-#include <regex>
 #include <thread>
 
 #include "common/rd_log.h"
-#include "common/rd_status.h"
-#include "platform/platform.h"
 #include "test_util.h"
-#include "platform/test_seams.h"
 #include "vexo.h"
 
 namespace {
 
+using testutil::last_status;
 using testutil::read_file;
+using LogTest = testutil::LibraryTest;
 
-class LogTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    rd_log_reset_for_test();
-    rd_set_verbose(0);
-    ASSERT_EQ(zlog_init("rd.log"), 0);
-  }
-  void TearDown() override {
-    zlog_fini();
-    test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
-    rd_log_reset_for_test();
-  }
-  testutil::WorkDir dir_;
-};
-
-TEST_F(LogTest, LinesCarryIstTimeLevelFileFunctionAndLine) {
-  test_seams::update([&](test_seams::Seams& s) { s.now = 0; });  // 1970-01-01 00:00:00 UTC
-  const unsigned info_line = __LINE__ + 1;
-  RD_INFO("socket is bound on port: %hd", static_cast<short>(11100));
-  const unsigned error_line = __LINE__ + 1;
-  RD_ERROR("Listen error");
-  std::string expected = "1970-01-01 05:30:00 INFO   (log_test:TestBody:" + std::to_string(info_line) +
-                         ") - socket is bound on port: 11100\n" +
-                         "1970-01-01 05:30:00 ERROR  (log_test:TestBody:" + std::to_string(error_line) +
-                         ") - Listen error\n";
-  EXPECT_EQ(read_file("rd.log"), expected);
-}
-
-TEST_F(LogTest, VerboseLinesOnlyWithTheFlag) {
-  RD_VERBOSE("hidden");
-  RD_INFO("shown");
-  rd_set_verbose(1);
-  RD_VERBOSE("traced");
-  std::string log = read_file("rd.log");
-  EXPECT_EQ(log.find("hidden"), std::string::npos);
-  EXPECT_NE(log.find("- shown\n"), std::string::npos);
-  EXPECT_NE(log.find("- traced\n"), std::string::npos);
-}
-
-TEST_F(LogTest, UnreadableClockWritesNoTimestampAndKeepsLastStatus) {
+// Log lines carry the IST time, the level, file, function and line; verbose
+// lines appear only with the flag. The last-status line starts empty, and a
+// clock that cannot be read leaves it as it was and the time off log lines.
+// The error log takes its text unchanged.
+TEST_F(LogTest, LinesStatusAndClock) {
+  zlog_fini();
+  std::remove("rd.log");
+  ASSERT_EQ(zlog_init("rd.log"), 0);
+  rd_log_reset_for_test();
   char buf[VEXO_STATUS_LEN];
   std::memset(buf, 'x', sizeof buf);
   EXPECT_EQ(Get_Last_RDservice_Status(buf), 0);
-  EXPECT_STREQ(buf, "");  // nothing reported yet
-
-  test_seams::update([&](test_seams::Seams& s) { s.now = 0; });
+  EXPECT_STREQ(buf, "");                         // nothing reported yet
+  seams([](testutil::Seams& s) { s.now = 0; });  // 1970-01-01 00:00:00 UTC
+  const int line = __LINE__ + 1;
+  RD_INFO("socket is bound on port: %hd", static_cast<short>(11100));
+  RD_ERROR("Listen error");
+  RD_VERBOSE("hidden");
+  rd_set_verbose(1);
+  RD_VERBOSE("traced");
   EXPECT_EQ(RD_STATUS("Listen error "), 0);
-  EXPECT_EQ(testutil::last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
-
-  test_seams::update([&](test_seams::Seams& s) { s.now = static_cast<std::time_t>(-1); });
+  EXPECT_EQ(last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
+  seams([](testutil::Seams& s) { s.now = static_cast<std::time_t>(-1); });
   EXPECT_EQ(RD_STATUS("other"), -1);
-  EXPECT_EQ(testutil::last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
+  EXPECT_EQ(last_status(), "1970-01-01 05:30:00 | log_test | TestBody | Listen error ");
   RD_INFO("no clock");
-  EXPECT_EQ(read_file("rd.log"), "INFO   (log_test:TestBody:" + std::to_string(__LINE__ - 1) + ") - no clock\n");
+  const auto site = [&](int offset) { return "(log_test:TestBody:" + std::to_string(line + offset) + ") - "; };
+  EXPECT_EQ(read_file("rd.log"), "1970-01-01 05:30:00 INFO   " + site(0) + "socket is bound on port: 11100\n" +
+                                     "1970-01-01 05:30:00 ERROR  " + site(1) + "Listen error\n" +
+                                     "1970-01-01 05:30:00 INFO   " + site(4) + "traced\n" + "INFO   " + site(10) +
+                                     "no clock\n");
+  write_error_log("zlog_init failed\n");
+  write_error_log("second\n");
+  EXPECT_EQ(read_file("Vexo_Error.log"), "zlog_init failed\nsecond\n");
 }
 
 TEST_F(LogTest, RotatesOnlyAboveTheLimit) {
-  struct Case {
-    long bytes;
-    bool rotated;
-  } cases[] = {{2097152, false}, {2098175, false}, {2098176, true}, {3000000, true}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.bytes);
+  const std::pair<long, bool> cases[] = {{2097152, false}, {2098175, false}, {2098176, true}, {3000000, true}};
+  for (const auto& [bytes, rotated] : cases) {
+    SCOPED_TRACE(bytes);
     zlog_fini();
     std::remove("rd1.log");
     testutil::write_file("rd.log", "");
-    ASSERT_EQ(truncate("rd.log", c.bytes), 0);
+    ASSERT_EQ(truncate("rd.log", bytes), 0);
     ASSERT_EQ(zlog_init("rd.log"), 0);
     EXPECT_EQ(logfile_size_check(), 0);
-    EXPECT_EQ(platform::file_exists("rd1.log"), c.rotated);
+    EXPECT_EQ(platform::file_exists("rd1.log"), rotated);
     RD_INFO("after check");
-    if (c.rotated) {
-      std::string old = read_file("rd1.log");
-      std::string tail = old.substr(old.rfind('\n', old.size() - 2) + 1);
-      EXPECT_NE(tail.find("INFO   (rd_log:logfile_size_check:"), std::string::npos) << tail;
-      EXPECT_NE(tail.find(") - ..................RD Log Reached  " + std::to_string(c.bytes / 1024) +
-                          "KB of size..............................\n"),
-                std::string::npos)
-          << tail;
-      std::string fresh = read_file("rd.log");
-      EXPECT_EQ(fresh.find("after check"), fresh.find(") - ") + 4);
-    } else {
-      EXPECT_GT(platform::file_size("rd.log"), c.bytes);  // the same file grew
+    if (!rotated) {
+      EXPECT_GT(platform::file_size("rd.log"), bytes);  // the same file grew
+      continue;
     }
+    const std::string old = read_file("rd1.log");
+    const std::string tail = old.substr(old.find_last_of(std::string("\n\0", 2), old.size() - 2) + 1);
+    EXPECT_TRUE(std::regex_match(tail, std::regex(R"(.* INFO   \(rd_log:logfile_size_check:\d+\) - )"
+                                                  R"(\.{18}RD Log Reached  )" +
+                                                  std::to_string(bytes / 1024) + R"(KB of size\.{30}\n)")))
+        << tail;
+    const std::string fresh = read_file("rd.log");
+    EXPECT_EQ(fresh.find("after check"), fresh.find(") - ") + 4);
   }
 }
 
@@ -131,26 +102,27 @@ TEST_F(LogTest, NoLineLostWhenManyThreadsRotate) {
   EXPECT_NE(old.find("RD Log Reached  501KB of size"), std::string::npos);
   std::regex line_re(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d (INFO   |ERROR  )\([a-z_]+:[^:]+:\d+\) - .*$)");
   std::istringstream in(old + read_file("rd.log"));
-  std::string line;
   std::set<std::string> seen;
-  while (std::getline(in, line)) {
+  for (std::string line; std::getline(in, line);) {
     ASSERT_TRUE(std::regex_match(line, line_re)) << line;
-    auto pos = line.find("thread ");
-    if (pos != std::string::npos) seen.insert(line.substr(pos));
+    if (auto pos = line.find("thread "); pos != std::string::npos) seen.insert(line.substr(pos));
   }
   EXPECT_EQ(seen.size(), static_cast<std::size_t>(kThreads * kLines));
 }
 
+// Messages arrive byte for byte; once the reader is gone a write fails
+// (EPIPE, not a signal that would end the process).
 TEST_F(LogTest, StatusPipeMessagesArriveByteForByte) {
-  testutil::PipeReader reader(dir_.path());
-  ASSERT_EQ(create_Pipe(), 0);
   RD_PIPE("5000", "Listen error\n");
   RD_PIPE("10000", "File Not Found : %s\n", "config.ini");
   RD_PIPE("5000", "RD Service is in USED state,|please wait for some time\n");
-  ASSERT_TRUE(reader.wait_for("wait for some time\n"));
-  EXPECT_EQ(reader.received(),
+  ASSERT_TRUE(pipe_->wait_for("wait for some time\n"));
+  EXPECT_EQ(pipe_->received(),
             "5000|Listen error\n10000|File Not Found : config.ini\n"
             "5000|RD Service is in USED state,|please wait for some time\n");
+  pipe_.reset();
+  EXPECT_EQ(write_to_pipe("x\n", 2), -1);
+  EXPECT_NE(last_status().find("Write to pipe failed, error_code = "), std::string::npos) << last_status();
 }
 
 // The status pipe is opened only when it is a FIFO of this user that others
@@ -159,13 +131,12 @@ TEST_F(LogTest, StatusPipeMessagesArriveByteForByte) {
 // error number, as the host shows it.
 TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
   const std::string folder = testutil::shared_folder(dir_, "run");
-  struct Row {
+  const struct {
     const char* name;
     bool (*plant)(const std::string& path);
     bool other_user;  // planted by another user
     int error;        // 0: opened
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"private FIFO", [](const std::string& p) { return !mkfifo(p.c_str(), 0600); }, false, 0},
       {"nothing there", [](const std::string&) { return true; }, false, ENOENT},
       {"plain file", [](const std::string& p) { return creat(p.c_str(), 0600) >= 0; }, false, ENOENT},
@@ -179,7 +150,7 @@ TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
       {"another user's FIFO", [](const std::string& p) { return !mkfifo(p.c_str(), 0600); }, true, EPERM},
   };
   int n = 0;
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     if (row.other_user && !testutil::other_user_available()) {
       std::printf("skipped \"%s\": only root can play another user here\n", row.name);
@@ -190,13 +161,13 @@ TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
     ASSERT_TRUE(row.other_user ? testutil::as_other_user(plant) : plant());
     // A reader, so that a FIFO opens at all (as the front end would hold it).
     const std::string opened = testutil::mode_of(path + ".real") >= 0 ? path + ".real" : path;
-    int reader = ::open(opened.c_str(), O_RDONLY | O_NONBLOCK);
+    const int reader = ::open(opened.c_str(), O_RDONLY | O_NONBLOCK);
     platform::set_status_pipe_path(path);
     EXPECT_EQ(create_Pipe(), row.error == 0 ? 0 : -1);
     if (row.error != 0) {
-      EXPECT_TRUE(testutil::last_status().ends_with(
+      EXPECT_TRUE(last_status().ends_with(
           " | rd_log | create_Pipe | Create pipe failed, error_code = " + std::to_string(row.error) + "\n "))
-          << testutil::last_status();
+          << last_status();
     }
     if (reader >= 0) ::close(reader);
     rd_log_reset_for_test();
@@ -206,18 +177,11 @@ TEST_F(LogTest, PipeMustBeAPrivateFifoOfThisUser) {
   // absolute XDG_RUNTIME_DIR only.
   platform::set_status_pipe_path("");
   const std::string fallback = "/run/user/" + std::to_string(geteuid()) + "/qdx.win.002";
-  const struct {
-    const char* runtime;  // nullptr: unset
-    std::string path;
-  } paths[] = {
+  const std::pair<const char*, std::string> paths[] = {
       {nullptr, fallback}, {"", fallback}, {"run", fallback}, {"/run/user/4242", "/run/user/4242/qdx.win.002"}};
-  for (const auto& p : paths) {
-    if (p.runtime == nullptr) {
-      unsetenv("XDG_RUNTIME_DIR");
-    } else {
-      setenv("XDG_RUNTIME_DIR", p.runtime, 1);
-    }
-    EXPECT_EQ(platform::status_pipe_path(), p.path) << (p.runtime ? p.runtime : "(unset)");
+  for (const auto& [runtime, expected] : paths) {
+    testsys::set_env("XDG_RUNTIME_DIR", runtime);
+    EXPECT_EQ(platform::status_pipe_path(), expected) << (runtime ? runtime : "(unset)");
   }
 }
 
@@ -234,29 +198,9 @@ TEST_F(LogTest, FullPipeFailsInsteadOfBlocking) {
   while (sent < 1000 && write_to_pipe(message.data(), message.size()) == 0) ++sent;
   EXPECT_GT(sent, 0);
   EXPECT_LT(sent, 1000);
-  EXPECT_TRUE(testutil::last_status().ends_with("Write to pipe failed, error_code = " + std::to_string(EAGAIN) + "\n "))
-      << testutil::last_status();
+  EXPECT_TRUE(last_status().ends_with("Write to pipe failed, error_code = " + std::to_string(EAGAIN) + "\n "))
+      << last_status();
   ::close(idle_reader);
-}
-
-TEST_F(LogTest, ReaderGoneGivesEpipeNotSignal) {
-  {
-    testutil::PipeReader reader(dir_.path());
-    ASSERT_EQ(create_Pipe(), 0);
-    RD_PIPE("5000", "first\n");
-    ASSERT_TRUE(reader.wait_for("first\n"));
-    // Keep the library's end open while the reader closes: reopen it after
-    // the reader object resets it.
-  }
-  // The reader is gone and the pipe handle was reset: a write fails cleanly.
-  EXPECT_EQ(write_to_pipe("x\n", 2), -1);
-  EXPECT_NE(testutil::last_status().find("Write to pipe failed, error_code = "), std::string::npos);
-}
-
-TEST_F(LogTest, ErrorLogAppendsUnchanged) {
-  write_error_log("zlog_init failed\n");
-  write_error_log("second\n");
-  EXPECT_EQ(read_file("Vexo_Error.log"), "zlog_init failed\nsecond\n");
 }
 
 }  // namespace
