@@ -65,6 +65,20 @@ Bytes b64(const std::string& text) {
 
 std::string as_text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
+// text with each {name} of values replaced by its value; other braces stay.
+std::string fill(const std::string& text, const std::map<std::string, std::string>& values) {
+  std::string out;
+  std::size_t at = 0;
+  for (std::size_t open = text.find('{'); open != std::string::npos; open = text.find('{', open + 1)) {
+    const std::size_t close = text.find('}', open);
+    const auto value = values.find(text.substr(open + 1, close - open - 1));
+    if (close == std::string::npos || value == values.end()) continue;
+    out += text.substr(at, open - at) + value->second;
+    at = close + 1;
+  }
+  return out + text.substr(at);
+}
+
 // The device certificate's public key verifies bs over SHA-256(record) + ts + dc.
 bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts, const std::string& dc,
                const std::string& bs) {
@@ -198,7 +212,7 @@ class CaptureEndToEnd : public ::testing::Test {
 TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
   auto [head, body] = capture(
       "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
-      "posh=\"LEFT_INDEX\" env=\"P\" wadh=\"\"/></PidOptions>");
+      "posh=\"LEFT_INDEX\" env=\"P\" otp=\"654321\" wadh=\"wadh-text\"/></PidOptions>");
   EXPECT_EQ(head, capture_head(body.size()));
   PidData p = parse_pid_data(body);
   EXPECT_EQ(p.resp["errCode"], "0");
@@ -226,6 +240,8 @@ TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
   xmlNode* root = testutil::root(pid);
   EXPECT_EQ(testutil::attrs(root)["ts"], ts);
   EXPECT_EQ(testutil::attrs(root)["ver"], "1.0");
+  EXPECT_EQ(testutil::attrs(root)["wadh"], "wadh-text");
+  EXPECT_EQ(testutil::attrs(child(root, "Pv"))["otp"], "654321");
   xmlNode* bios = child(root, "Bios");
   EXPECT_EQ(testutil::attrs(bios)["dih"], expected_dih());
   xmlNode* bio = child(bios, "Bio");
@@ -262,14 +278,16 @@ TEST_F(CaptureEndToEnd, LogKeepsNothingOfTheRequestBody) {
 }
 
 TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
+  sim::write_control(refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}, {"minutiae_count", "33"},
+                               {"quality_values", "70,55"}});
   auto [head, body] = capture(
-      "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" "
-      "posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>");
+      "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" otp=\"654321\" "
+      "wadh=\"wadh-text\" posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>");
   EXPECT_EQ(head, capture_head(body.size()));
   PidData p = parse_pid_data(body);
   ASSERT_EQ(p.resp["errCode"], "0") << body;
   EXPECT_EQ(p.resp["nmPoints"], "033,033");
-  EXPECT_EQ(p.resp["qScore"], "077,077");
+  EXPECT_EQ(p.resp["qScore"], "070,055");
   EXPECT_EQ(p.data_attrs["type"], "P");
 
   std::string ts;
@@ -279,60 +297,34 @@ TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
   ASSERT_TRUE(pid);
   EXPECT_STREQ(pid->ts, ts.c_str());
   EXPECT_STREQ(pid->ver, "2.0");
+  EXPECT_STREQ(pid->wadh, "wadh-text");
+  ASSERT_NE(pid->pv, nullptr);
+  EXPECT_STREQ(pid->pv->otp, "654321");
   ASSERT_NE(pid->bios, nullptr);
   EXPECT_STREQ(pid->bios->dih, expected_dih().c_str());
   ASSERT_EQ(pid->bios->n_bio, 4u);
-  const struct {
-    In__Gov__Uidai__Authserver__Protobuf__BioType type;
-    In__Gov__Uidai__Authserver__Protobuf__Position posh;
-  } order[] = {
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR,
-       IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR,
-       IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
-  };
+  // FMR, FIR of LEFT_INDEX (3), then of RIGHT_THUMB (12).
+  const int order[4][2] = {{0, 3}, {1, 3}, {0, 12}, {1, 12}};
   std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
   for (std::size_t i = 0; i < 4; ++i) {
     SCOPED_TRACE(i);
     const auto* bio = pid->bios->bio[i];
-    EXPECT_EQ(bio->type, order[i].type);
-    EXPECT_EQ(bio->posh, order[i].posh);
+    EXPECT_EQ(int(bio->type), order[i][0]);
+    EXPECT_EQ(int(bio->posh), order[i][1]);
     Bytes record(bio->content.data, bio->content.data + bio->content.len);
     EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio->bs));
-    if (bio->type == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR) {
-      ASSERT_GT(record.size(), 28u);
+    ASSERT_GT(record.size(), 46u);
+    EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 3)), order[i][0] == 0 ? "FMR" : "FIR");
+    if (order[i][0] == 0) {
       EXPECT_EQ(record[27], 33);
       continue;
     }
-    // Finger image record: the 46-byte header, then JPEG 2000 of the sensor's size.
-    ASSERT_GT(record.size(), 46u);
-    EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 8)), std::string("FIR\0"
-                                                                              "010\0",
-                                                                              8));
-    const std::uint64_t total = (std::uint64_t{record[8]} << 40) | (std::uint64_t{record[9]} << 32) |
-                                (std::uint64_t{record[10]} << 24) | (std::uint64_t{record[11]} << 16) |
-                                (std::uint64_t{record[12]} << 8) | record[13];
-    EXPECT_EQ(total, record.size());
-    EXPECT_EQ(record[29], 4);   // JPEG 2000
-    EXPECT_EQ(record[36], 0);   // position byte stays 0
-    EXPECT_EQ(record[39], 77);  // quality
+    // The finger image: JPEG 2000 of the sensor's size after the 46-byte header.
     jp2test::DecodedImage image;
     ASSERT_TRUE(jp2test::decode_jp2(record.data() + 46, record.size() - 46, &image));
     EXPECT_EQ(image.width, 256);
     EXPECT_EQ(image.height, 360);
   }
-  // The user is asked for each finger and told to lift the first one only.
-  ASSERT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
-  const std::string messages = pipe_.received();
-  const std::size_t first = messages.find("|Put Left Index Finger\n");
-  const std::size_t remove = messages.find("10000|Remove Finger\n");
-  const std::size_t second = messages.find("|Put Right Thumb Finger\n");
-  EXPECT_NE(first, std::string::npos) << messages;
-  EXPECT_LT(first, remove);
-  EXPECT_LT(remove, second);
-  EXPECT_EQ(messages.find("Remove Finger", remove + 10), std::string::npos) << messages;
 }
 
 TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
@@ -345,9 +337,13 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
     std::string request;
     const char* code;
     const char* info;
+    const char* pipe = "";  // the message the user sees, "" for none checked
   } cases[] = {
-      {"time-out", {{"capture_results", "-113"}}, [] {}, one_finger, "700", "Capture timed out"},
-      {"capture failure", {{"capture_results", "-5"}}, [] {}, one_finger, "730", "Capture Failed"},
+      {"time-out", {{"capture_results", "-113"}}, [] {}, one_finger, "700", "Capture timed out",
+       "5000|Capture Timeout\n"},
+      {"capture failure", {{"capture_results", "-5"}}, [] {}, one_finger, "730", "Capture Failed",
+       "5000|Capture Failed\n"},
+      {"no scanner", {{"present", "0"}}, [] {}, one_finger, "999", "Internal error", "5000|Internal Error\n"},
       {"re-capture after NFIQ 4", {{"nfiq_scores", "4,3"}}, [] {}, one_finger, "0", "SUCCESS"},
       {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, one_finger, "999", "Internal error"},
       {"service used", {}, [] { set_rd_status_used(); }, one_finger, "710", "Being used by another application"},
@@ -357,30 +353,40 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
        [] { set_uidai_prod_checksum(std::string(64, '0')); },
        one_finger,
        "240",
-       "UIDAI Certificate is INVALID"},
+       "UIDAI Certificate is INVALID",
+       "10000|Error at Generate encrypted and|plain sessionKey\n"},
       {"no finger asked for",
        {},
        [] {},
        "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>",
        "-1",
        "Command Not Sent to Device"},
+      {"no device key", {}, [] { fs::remove("keystore/enc_private_key"); }, one_finger, "999", "Internal error",
+       "5000|Internal Error\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_rd_status_ready();
     set_uidai_prod_cert_newer(true);
+    set_uidai_prod_checksum("");
     sim::Keys keys = c.control;
     keys.push_back({"capture_wait_ms", "0"});
     keys.push_back({"serial", "A600-E2E-7"});
     sim::write_control(refdll_, keys);
     c.before();
+    const std::size_t piped = pipe_.received().size();
     auto [head, body] = capture(c.request);
+    EXPECT_TRUE(pipe_.wait_for(c.pipe, 5000, piped)) << pipe_.received().substr(piped);
     EXPECT_EQ(head, capture_head(body.size()));
     PidData p = parse_pid_data(body);
     EXPECT_EQ(p.resp["errCode"], c.code) << body;
     EXPECT_EQ(p.resp["errInfo"], c.info);
     EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
     EXPECT_EQ(p.srno, "A600-E2E-7");
+    if (std::string(c.code) == "240") {
+      EXPECT_NE(testutil::last_status().find(" | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
+                std::string::npos);
+    }
     if (std::string(c.code) != "0") {
       EXPECT_EQ(p.skey, "");
       EXPECT_EQ(p.hmac, "");
@@ -388,36 +394,27 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
     }
   }
   EXPECT_NE(pipe_.received().find("3000|Low Quality Image\n"), std::string::npos);
+  const std::string log = testutil::read_file("rd.log");
+  EXPECT_NE(log.find("Error at FP Capture\n"), std::string::npos);
+  EXPECT_NE(log.find("Error at GenerateEncandPlainSessionKey \n"), std::string::npos);
   set_rd_status_ready();
 }
 
 TEST_F(CaptureEndToEnd, DeviceInfoWithAndWithoutOrigin) {
-  std::string cert_file = testutil::read_file("cert/public/signed_mc.cer");
+  const std::string cert = testutil::read_file("cert/public/signed_mc.cer");
   std::string mc;
-  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_file.data()), cert_file.size()),
-               &mc);
-  const std::string body = "<DeviceInfo dpId=\"" + rd_identity_copy().dpId +
-                           "\" rdsId=\"QDX.WIN.002\" rdsVer=\"1.0.0\" dc=\"\" mi=\"QDX.ARA.A600.W\" mc=\"" + mc +
-                           "\"><additional_info><Param name=\"srno\" value=\"A600-E2E-7\"/></additional_info>"
-                           "</DeviceInfo>\n";
+  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert.data()), cert.size()), &mc);
   const std::string port = std::to_string(port_);
-  const std::string len = std::to_string(body.size());
-  struct {
-    const char* origin_header;
-    std::string head;
-  } cases[] = {
-      {"", "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
-               "/rd/info\r\nContent-Length: " + len + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n"},
-      {"Origin: http://localhost:8080\r\n",
-       "HTTP/1.1 200 OK\r\nAccess-Control-Allow-Origin: http://localhost:8080\r\nCACHE-CONTROL: no-cache\r\n"
-       "LOCATION: http://127.0.0.1:" +
-           port + "/rd/info\r\nContent-Length: " + len + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.origin_header);
-    std::string answer = testutil::http_exchange(
-        port_, std::string("DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n") + c.origin_header + "\r\n");
-    EXPECT_EQ(answer, c.head + body);
+  const std::string answer = testutil::data_file("capture_device_info.txt");
+  for (const char* origin : {"", "http://localhost:8080"}) {
+    SCOPED_TRACE(origin);
+    const std::string allow = *origin ? std::string("Access-Control-Allow-Origin: ") + origin + "\r\n" : "";
+    std::string expected = fill(answer, {{"allow", allow}, {"port", port}, {"dpId", rd_identity_copy().dpId}, {"mc", mc}});
+    const std::string body = expected.substr(expected.find("\r\n\r\n") + 4);
+    expected = fill(expected, {{"length", std::to_string(body.size())}});
+    const std::string asked = *origin ? std::string("Origin: ") + origin + "\r\n" : "";
+    EXPECT_EQ(testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n" + asked + "\r\n"),
+              expected);
   }
 }
 
@@ -433,8 +430,9 @@ TEST_F(CaptureEndToEnd, ServiceIsUsedWhileACaptureRuns) {
     return at == std::string::npos ? answer : answer.substr(at + 8, answer.find('"', at + 8) - at - 8);
   };
   ASSERT_EQ(discovery_status(), "READY");
+  std::size_t piped = pipe_.received().size();
   auto first = std::async(std::launch::async, [&] { return capture(one_finger); });
-  platform::sleep_ms(500);
+  ASSERT_TRUE(pipe_.wait_for("10000|Put Finger\n", 5000, piped));
   EXPECT_EQ(discovery_status(), "USED");
   const std::uint64_t start = platform::monotonic_ms();
   auto [head, body] = capture(one_finger);
@@ -444,8 +442,9 @@ TEST_F(CaptureEndToEnd, ServiceIsUsedWhileACaptureRuns) {
   EXPECT_EQ(discovery_status(), "READY");
 
   // A detach during a capture is not undone when the capture ends.
+  piped = pipe_.received().size();
   auto third = std::async(std::launch::async, [&] { return capture(one_finger); });
-  platform::sleep_ms(500);
+  ASSERT_TRUE(pipe_.wait_for("10000|Put Finger\n", 5000, piped));
   ASSERT_EQ(detach_device(), 0);
   third.get();
   EXPECT_EQ(discovery_status(), "NOTREADY");
