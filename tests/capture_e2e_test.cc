@@ -113,6 +113,47 @@ PidData parse_pid_data(const std::string& body) {
   return p;
 }
 
+// A plain Pid block, read from either form.
+struct Plain {
+  struct Bio {
+    std::string type, posh;
+    Bytes record;
+    std::string bs;
+  };
+  std::string ts, ver, wadh, otp, dih;
+  std::vector<Bio> bios;
+};
+
+Plain read_plain(const Bytes& plain, bool protobuf) {
+  Plain out;
+  if (protobuf) {
+    std::unique_ptr<PidMessage, PidFree> pid(
+        in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
+    if (!pid || !pid->bios) return out;
+    auto text = [](const char* t) { return std::string(t ? t : "(none)"); };
+    out = {text(pid->ts), text(pid->ver), text(pid->wadh), text(pid->pv ? pid->pv->otp : nullptr), text(pid->bios->dih), {}};
+    for (std::size_t i = 0; i < pid->bios->n_bio; ++i) {
+      const auto* b = pid->bios->bio[i];
+      const char* posh = b->posh == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX    ? "LEFT_INDEX"
+                         : b->posh == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB ? "RIGHT_THUMB"
+                                                                                                  : "?";
+      out.bios.push_back({b->type == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR ? "FMR" : "FIR", posh,
+                          Bytes(b->content.data, b->content.data + b->content.len), text(b->bs)});
+    }
+    return out;
+  }
+  Xml doc = testutil::parse_xml(as_text(plain));
+  xmlNode* root = testutil::root(doc);
+  testutil::Attrs top = testutil::attrs(root);
+  out = {top["ts"], top["ver"], top["wadh"], testutil::attrs(child(root, "Pv"))["otp"],
+         testutil::attrs(child(root, "Bios"))["dih"], {}};
+  for (xmlNode* b : root ? testutil::children(child(root, "Bios")) : std::vector<xmlNode*>{}) {
+    testutil::Attrs a = testutil::attrs(b);
+    out.bios.push_back({a["type"], a["posh"], b64(content(b)), a["bs"]});
+  }
+  return out;
+}
+
 class CaptureEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -189,6 +230,15 @@ class CaptureEndToEnd : public ::testing::Test {
     EXPECT_TRUE(plain.has_value()) << "Skey, Data and Hmac do not open";
     return plain.value_or(Bytes{});
   }
+  Plain open_plain(const PidData& p, bool protobuf, std::string* ts) { return read_plain(open_pid(p, ts), protobuf); }
+
+  // The device certificate as DeviceInfo carries it.
+  static std::string mc() {
+    const std::string der = testutil::read_file("cert/public/signed_mc.cer");
+    std::string out;
+    Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), &out);
+    return out;
+  }
 
   std::string expected_dih() {
     const RdIdentity id = rd_identity_copy();
@@ -209,54 +259,73 @@ class CaptureEndToEnd : public ::testing::Test {
   int port_ = 0;
 };
 
-TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
-  auto [head, body] = capture(
-      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
-      "posh=\"LEFT_INDEX\" env=\"P\" otp=\"654321\" wadh=\"wadh-text\"/></PidOptions>");
-  EXPECT_EQ(head, capture_head(body.size()));
-  PidData p = parse_pid_data(body);
-  EXPECT_EQ(p.resp["errCode"], "0");
-  EXPECT_EQ(p.resp["errInfo"], "SUCCESS");
-  EXPECT_EQ(p.resp["fCount"], "1");
-  EXPECT_EQ(p.resp["fType"], "0");
-  EXPECT_EQ(p.resp["nmPoints"], "033");
-  EXPECT_EQ(p.resp["qScore"], "077");
-  EXPECT_EQ(p.device["dpId"], rd_identity_copy().dpId);
-  EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
-  EXPECT_EQ(p.device["mi"], "QDX.ARA.A600.W");
-  std::string mc;
-  std::string cert_file = testutil::read_file("cert/public/signed_mc.cer");
-  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_file.data()), cert_file.size()),
-               &mc);
-  EXPECT_EQ(p.device["mc"], mc);
-  EXPECT_EQ(p.srno, "A600-E2E-7");
-  EXPECT_EQ(p.skey_attrs["ci"], "20310309");
-  EXPECT_EQ(p.data_attrs["type"], "X");
+// Both forms of the Pid block: the answer byte for byte around its Skey, Hmac
+// and Data, which open with the UIDAI key; every record in capture order,
+// signed by the device key over its own bytes, the ts and the dc.
+TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
+  struct Row {
+    const char* name;
+    sim::Keys control;
+    std::string options;
+    std::map<std::string, std::string> resp;  // the answer's values that differ per row
+    std::vector<std::pair<std::string, std::string>> bios;
+  } rows[] = {
+      {"one finger, minutiae, XML",
+       {{"quality", "77"}},
+       "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
+       "posh=\"LEFT_INDEX\" env=\"P\" otp=\"654321\" wadh=\"wadh-text\"/></PidOptions>",
+       {{"fCount", "1"}, {"fType", "0"}, {"nmPoints", "033"}, {"qScore", "077"}, {"type", "X"}, {"ver", "1.0"}},
+       {{"FMR", "LEFT_INDEX"}}},
+      {"two fingers, minutiae and image, protobuf",
+       {{"quality_values", "70,55"}},
+       "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" otp=\"654321\" "
+       "wadh=\"wadh-text\" posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>",
+       {{"fCount", "2"}, {"fType", "2"}, {"nmPoints", "033,033"}, {"qScore", "070,055"}, {"type", "P"}, {"ver", "2.0"}},
+       {{"FMR", "LEFT_INDEX"}, {"FIR", "LEFT_INDEX"}, {"FMR", "RIGHT_THUMB"}, {"FIR", "RIGHT_THUMB"}}},
+  };
+  const PkeyPtr device_key(X509_get_pubkey(device_cert_.get()));
+  const std::string dc = rd_config_copy().dc;
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    sim::Keys control = r.control;
+    control.insert(control.end(), {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}, {"minutiae_count", "33"}});
+    sim::write_control(refdll_, control);
+    const std::size_t piped = pipe_.received().size();
+    auto [head, body] = capture(r.options);
+    EXPECT_EQ(head, capture_head(body.size()));
+    PidData p = parse_pid_data(body);
+    std::map<std::string, std::string> values = r.resp;
+    values.insert({{"dpId", rd_identity_copy().dpId}, {"mc", mc()}, {"skey", p.skey}, {"hmac", p.hmac}, {"data", p.data}});
+    EXPECT_EQ(body, fill(testutil::data_file("capture_pid_data.xml"), values));
+    EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n", 5000, piped));
 
-  std::string ts;
-  Bytes plain = open_pid(p, &ts);
-  Xml pid = testutil::parse_xml(as_text(plain));
-  ASSERT_TRUE(pid) << as_text(plain);
-  xmlNode* root = testutil::root(pid);
-  EXPECT_EQ(testutil::attrs(root)["ts"], ts);
-  EXPECT_EQ(testutil::attrs(root)["ver"], "1.0");
-  EXPECT_EQ(testutil::attrs(root)["wadh"], "wadh-text");
-  EXPECT_EQ(testutil::attrs(child(root, "Pv"))["otp"], "654321");
-  xmlNode* bios = child(root, "Bios");
-  EXPECT_EQ(testutil::attrs(bios)["dih"], expected_dih());
-  xmlNode* bio = child(bios, "Bio");
-  ASSERT_NE(bio, nullptr);
-  auto bio_attrs = testutil::attrs(bio);
-  EXPECT_EQ(bio_attrs["type"], "FMR");
-  EXPECT_EQ(bio_attrs["posh"], "LEFT_INDEX");
-  Bytes record = b64(content(bio));
-  ASSERT_GT(record.size(), 28u);
-  EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 4)), std::string("FMR\0", 4));
-  EXPECT_EQ(record[27], 33);
-  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
-  EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio_attrs["bs"]));
-  EXPECT_FALSE(verify_bs(device_key.get(), record, "2000-01-01T00:00:00", rd_config_copy().dc, bio_attrs["bs"]));
-  EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
+    std::string ts;
+    const Plain pid = open_plain(p, values["type"] == "P", &ts);
+    EXPECT_EQ(pid.ts, ts);
+    EXPECT_EQ(pid.ver, values["ver"]);
+    EXPECT_EQ(pid.wadh, "wadh-text");
+    EXPECT_EQ(pid.otp, "654321");
+    EXPECT_EQ(pid.dih, expected_dih());
+    ASSERT_EQ(pid.bios.size(), r.bios.size());
+    for (std::size_t i = 0; i < r.bios.size(); ++i) {
+      SCOPED_TRACE(i);
+      const Plain::Bio& bio = pid.bios[i];
+      EXPECT_EQ(std::make_pair(bio.type, bio.posh), r.bios[i]);
+      EXPECT_TRUE(verify_bs(device_key.get(), bio.record, ts, dc, bio.bs));
+      EXPECT_FALSE(verify_bs(device_key.get(), bio.record, "2000-01-01T00:00:00", dc, bio.bs));
+      ASSERT_GT(bio.record.size(), 46u);
+      EXPECT_EQ(as_text(Bytes(bio.record.begin(), bio.record.begin() + 4)), bio.type + '\0');
+      if (bio.type == "FMR") {
+        EXPECT_EQ(bio.record[27], 33);  // minutiae count
+        continue;
+      }
+      // The finger image: JPEG 2000 of the sensor's size after the 46-byte header.
+      jp2test::DecodedImage image;
+      ASSERT_TRUE(jp2test::decode_jp2(bio.record.data() + 46, bio.record.size() - 46, &image));
+      EXPECT_EQ(image.width, 256);
+      EXPECT_EQ(image.height, 360);
+    }
+  }
 }
 
 // The run log says what was asked, never what was sent: no otp, no name,
@@ -275,56 +344,6 @@ TEST_F(CaptureEndToEnd, LogKeepsNothingOfTheRequestBody) {
   EXPECT_NE(log.find(") - Request is: CAPTURE /rd/capture, body of " + std::to_string(options.size()) +
                      " bytes, origin: none\n"),
             std::string::npos);
-}
-
-TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
-  sim::write_control(refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}, {"minutiae_count", "33"},
-                               {"quality_values", "70,55"}});
-  auto [head, body] = capture(
-      "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" otp=\"654321\" "
-      "wadh=\"wadh-text\" posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>");
-  EXPECT_EQ(head, capture_head(body.size()));
-  PidData p = parse_pid_data(body);
-  ASSERT_EQ(p.resp["errCode"], "0") << body;
-  EXPECT_EQ(p.resp["nmPoints"], "033,033");
-  EXPECT_EQ(p.resp["qScore"], "070,055");
-  EXPECT_EQ(p.data_attrs["type"], "P");
-
-  std::string ts;
-  Bytes plain = open_pid(p, &ts);
-  std::unique_ptr<PidMessage, PidFree> pid(
-      in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
-  ASSERT_TRUE(pid);
-  EXPECT_STREQ(pid->ts, ts.c_str());
-  EXPECT_STREQ(pid->ver, "2.0");
-  EXPECT_STREQ(pid->wadh, "wadh-text");
-  ASSERT_NE(pid->pv, nullptr);
-  EXPECT_STREQ(pid->pv->otp, "654321");
-  ASSERT_NE(pid->bios, nullptr);
-  EXPECT_STREQ(pid->bios->dih, expected_dih().c_str());
-  ASSERT_EQ(pid->bios->n_bio, 4u);
-  // FMR, FIR of LEFT_INDEX (3), then of RIGHT_THUMB (12).
-  const int order[4][2] = {{0, 3}, {1, 3}, {0, 12}, {1, 12}};
-  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
-  for (std::size_t i = 0; i < 4; ++i) {
-    SCOPED_TRACE(i);
-    const auto* bio = pid->bios->bio[i];
-    EXPECT_EQ(int(bio->type), order[i][0]);
-    EXPECT_EQ(int(bio->posh), order[i][1]);
-    Bytes record(bio->content.data, bio->content.data + bio->content.len);
-    EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio->bs));
-    ASSERT_GT(record.size(), 46u);
-    EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 3)), order[i][0] == 0 ? "FMR" : "FIR");
-    if (order[i][0] == 0) {
-      EXPECT_EQ(record[27], 33);
-      continue;
-    }
-    // The finger image: JPEG 2000 of the sensor's size after the 46-byte header.
-    jp2test::DecodedImage image;
-    ASSERT_TRUE(jp2test::decode_jp2(record.data() + 46, record.size() - 46, &image));
-    EXPECT_EQ(image.width, 256);
-    EXPECT_EQ(image.height, 360);
-  }
 }
 
 TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
@@ -401,15 +420,12 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
 }
 
 TEST_F(CaptureEndToEnd, DeviceInfoWithAndWithoutOrigin) {
-  const std::string cert = testutil::read_file("cert/public/signed_mc.cer");
-  std::string mc;
-  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert.data()), cert.size()), &mc);
   const std::string port = std::to_string(port_);
   const std::string answer = testutil::data_file("capture_device_info.txt");
   for (const char* origin : {"", "http://localhost:8080"}) {
     SCOPED_TRACE(origin);
     const std::string allow = *origin ? std::string("Access-Control-Allow-Origin: ") + origin + "\r\n" : "";
-    std::string expected = fill(answer, {{"allow", allow}, {"port", port}, {"dpId", rd_identity_copy().dpId}, {"mc", mc}});
+    std::string expected = fill(answer, {{"allow", allow}, {"port", port}, {"dpId", rd_identity_copy().dpId}, {"mc", mc()}});
     const std::string body = expected.substr(expected.find("\r\n\r\n") + 4);
     expected = fill(expected, {{"length", std::to_string(body.size())}});
     const std::string asked = *origin ? std::string("Origin: ") + origin + "\r\n" : "";
@@ -525,6 +541,10 @@ class ManagementEndToEnd : public CaptureEndToEnd {
     int rc;
     std::string action;
     std::string status;
+    bool operator==(const Step&) const = default;
+    friend std::ostream& operator<<(std::ostream& o, const Step& s) {
+      return o << s.rc << " " << s.action << " " << s.status;
+    }
   };
   template <typename F>
   Step run(F&& op) {
@@ -542,10 +562,17 @@ class ManagementEndToEnd : public CaptureEndToEnd {
     return run([](char* b) { return Key_Rotation(b, "KEY_ROTATION"); });
   }
 
-  void register_device() {
+  // Puts the device in the server's registry, or queues action for it.
+  static void add_device() {
     ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
-    Step s = rotate();
-    ASSERT_EQ(s.rc, 0) << testutil::last_status();
+  }
+  static void queue(const char* action) {
+    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, action, "--registry", "registry.db"}), 0);
+  }
+
+  void register_device() {
+    add_device();
+    ASSERT_EQ(rotate().rc, 0) << testutil::last_status();
   }
 
   // The first Bio of a successful answer verifies under cert's key, over dc.
@@ -576,43 +603,27 @@ class ManagementEndToEnd : public CaptureEndToEnd {
 };
 
 TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
+  auto dc_missing = [] { rd_config_update([](RdConfig& c) { c.dc_missing = 1; }); };
   struct Row {
     const char* name;
-    std::function<void(ManagementEndToEnd*)> before;
+    std::function<void()> before;
     int rc;
     const char* action;
     const char* status;
   } rows[] = {
-      {"unknown serial", [](ManagementEndToEnd*) {}, -6, "DEVICE_NOT_REGISTERED", "\"NOTREADY\""},
-      {"registered, no dc",
-       [](ManagementEndToEnd*) {
-         ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
-       },
-       0, "KEY_ROTATION", "\"USED\""},
-      {"rotated", [](ManagementEndToEnd* t) { ASSERT_EQ(t->rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY", "\"READY\""},
-      {"rotation pending, nothing queued",
-       [](ManagementEndToEnd*) { rd_config_update([](RdConfig& c) { c.dc_missing = 1; }); }, 0, "KEY_ROTATION",
-       "\"READY\""},
-      {"rotation pending, update queued",
-       [](ManagementEndToEnd*) {
-         rd_config_update([](RdConfig& c) { c.dc_missing = 1; });
-         ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "SOFTWARE_UPDATE", "--registry", "registry.db"}), 0);
-       },
-       0, "SOFTWARE_UPDATE", "\"USED\""},
-      {"certificate queued",
-       [](ManagementEndToEnd*) {
-         ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
-       },
-       0, "UIDAI_CERT_UPDATE", "\"USED\""},
+      {"unknown serial", [] {}, -6, "DEVICE_NOT_REGISTERED", "\"NOTREADY\""},
+      {"registered, no dc", add_device, 0, "KEY_ROTATION", "\"USED\""},
+      {"rotated", [this] { ASSERT_EQ(rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY", "\"READY\""},
+      {"rotation pending, nothing queued", dc_missing, 0, "KEY_ROTATION", "\"READY\""},
+      {"rotation pending, update queued", [&] { dc_missing(), queue("SOFTWARE_UPDATE"); }, 0, "SOFTWARE_UPDATE",
+       "\"USED\""},
+      {"certificate queued", [] { queue("UIDAI_CERT_UPDATE"); }, 0, "UIDAI_CERT_UPDATE", "\"USED\""},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
     set_rd_status_ready();
-    r.before(this);
-    Step s = init();
-    EXPECT_EQ(s.rc, r.rc) << testutil::last_status();
-    EXPECT_EQ(s.action, r.action);
-    EXPECT_EQ(s.status, r.status);
+    r.before();
+    EXPECT_EQ(init(), (Step{r.rc, r.action, r.status})) << testutil::last_status();
   }
   EXPECT_EQ(rd_config_copy().dc_missing, 0);  // cleared by the queued update
   EXPECT_TRUE(pipe_.wait_for("10000|Device is not registered with|management server\n"));
@@ -621,10 +632,7 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
   mgmttest::Server ahead(true, {"--clock-offset", "600"});
   ASSERT_GT(ahead.port(), 0);
   point_at(ahead.base());
-  Step s = init();
-  EXPECT_EQ(s.rc, -5);
-  EXPECT_EQ(s.action, "TIME_STAMP_SYNC");
-  EXPECT_EQ(s.status, "\"NOTREADY\"");
+  EXPECT_EQ(init(), (Step{-5, "TIME_STAMP_SYNC", "\"NOTREADY\""}));
   EXPECT_NE(testutil::last_status().find(" | mgmt_api | Init | Time stamp miss match "), std::string::npos);
   EXPECT_TRUE(pipe_.wait_for("10000|System time not sync with server\n"));
 
@@ -636,12 +644,9 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
 }
 
 TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
-  ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
+  add_device();
   const std::string old_dc = rd_config_copy().dc;
-  Step s = rotate();
-  ASSERT_EQ(s.rc, 0) << testutil::last_status();
-  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
-  EXPECT_EQ(s.status, "\"READY\"");
+  ASSERT_EQ(rotate(), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""})) << testutil::last_status();
 
   // dc written, sealed and held; the certificate issued by the CA for the new key.
   const std::string dc = rd_config_copy().dc;
@@ -654,25 +659,18 @@ TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
   EXPECT_EQ(rd_config_copy().dc, dc);
   point_at(server_->base());  // the file names the demonstration URL
   EXPECT_TRUE(fs::exists("App_Vexo"));
-  const std::string der = testutil::read_file("cert/public/signed_mc.cer");
   X509Ptr issued = signed_mc();
   ASSERT_TRUE(issued);
-  const std::string ca_pem = testutil::read_file(mgmttest::kMgmtData + "/ca.crt");
-  BIO* bio = BIO_new_mem_buf(ca_pem.data(), static_cast<int>(ca_pem.size()));
-  X509Ptr ca(PEM_read_bio_X509(bio, nullptr, nullptr, nullptr));
-  BIO_free(bio);
+  X509Ptr ca = testcrypto::cert_of_pem(testutil::read_file(mgmttest::kMgmtData + "/ca.crt"));
   ASSERT_TRUE(ca);
-  std::unique_ptr<EVP_PKEY, PkeyFree> ca_key(X509_get_pubkey(ca.get()));
-  EXPECT_EQ(X509_verify(issued.get(), ca_key.get()), 1);
+  EXPECT_EQ(X509_verify(issued.get(), PkeyPtr(X509_get_pubkey(ca.get())).get()), 1);
 
   // A capture: bs verifies under the issued certificate; dc and mc are the new ones.
   auto [head, body] = capture(one_finger_);
   PidData pd = parse_pid_data(body);
   ASSERT_EQ(pd.resp["errCode"], "0") << body;
   EXPECT_EQ(pd.device["dc"], dc);
-  std::string mc;
-  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), &mc);
-  EXPECT_EQ(pd.device["mc"], mc);
+  EXPECT_EQ(pd.device["mc"], mc());
   EXPECT_TRUE(signed_under(pd, issued.get(), dc));
   EXPECT_FALSE(signed_under(pd, device_cert_.get(), dc));
 
@@ -694,13 +692,9 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   register_device();
   // Nothing installed: the built-in certificate is in force.
   fs::remove_all("cert/uidai");
-  ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
-  Step s = init();
-  ASSERT_EQ(s.action, "UIDAI_CERT_UPDATE");
-  s = run([](char* b) { return uidai_cert_update(b); });
-  EXPECT_EQ(s.rc, 0) << testutil::last_status();
-  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
-  EXPECT_EQ(s.status, "\"READY\"");
+  queue("UIDAI_CERT_UPDATE");
+  ASSERT_EQ(init().action, "UIDAI_CERT_UPDATE");
+  EXPECT_EQ(run(uidai_cert_update), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""})) << testutil::last_status();
   EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
   auto [head, body] = capture(one_finger_);
@@ -726,9 +720,9 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   for (const auto& c : implausible) {
     SCOPED_TRACE(c.name);
     testutil::write_file("data/uidai/prod.pem", c.pem);
-    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
+    queue("UIDAI_CERT_UPDATE");
     ASSERT_EQ(init().action, "UIDAI_CERT_UPDATE");
-    s = run([](char* b) { return uidai_cert_update(b); });
+    const Step s = run(uidai_cert_update);
     EXPECT_EQ(s.rc, -7);
     EXPECT_EQ(s.action, "UIDAI_CERT_UPDATE_RETRY");
     EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
@@ -741,17 +735,14 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   testutil::write_file("data/uidai/prod.pem", uidai_.cert_pem);
 
   // The forced update, staging branch: the pre-production checksum is stored.
-  s = run([](char* b) { return uidai_cert_force_update(b); });
-  EXPECT_EQ(s.rc, 0);
-  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
-  EXPECT_EQ(s.status, "\"READY\"");
+  EXPECT_EQ(run(uidai_cert_force_update), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""}));
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kPreProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
   EXPECT_TRUE(pipe_.wait_for("5000|RD Service Started\n"));
 
   // Production branch: a checksum matching neither built-in certificate
   // starts a software update and is stored as the production one.
   rd_config_update([](RdConfig& c) { c.prod_register_url = c.mgmt_url_register; });
-  s = run([](char* b) { return uidai_cert_force_update(b); });
+  const Step s = run(uidai_cert_force_update);
   EXPECT_EQ(s.rc, 0);
   EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
@@ -833,15 +824,12 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.name);
-    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "KEY_ROTATION", "--registry", "registry.db"}), 0);
-    Step asked = init();
-    ASSERT_EQ(asked.action, "KEY_ROTATION");
-    EXPECT_EQ(asked.status, "\"USED\"");
+    queue("KEY_ROTATION");
+    ASSERT_EQ(init(), (Step{0, "KEY_ROTATION", "\"USED\""}));
     rd_config_update([&](RdConfig& c) { c.mgmt_url_keyrotation = r.url; });
-    Step s = rotate();
+    const Step s = rotate();
     EXPECT_NE(s.rc, 0);
-    EXPECT_EQ(s.action, "KEY_ROTATION_RETRY");
-    EXPECT_EQ(s.status, "\"READY\"");
+    EXPECT_EQ(s, (Step{s.rc, "KEY_ROTATION_RETRY", "\"READY\""}));
     for (std::size_t i = 0; i < before.size(); ++i)
       EXPECT_EQ(testutil::read_file(kIdentity[i]), before[i]) << kIdentity[i];
     EXPECT_EQ(rd_config_copy().dc, dc);
@@ -884,10 +872,7 @@ TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
     if (std::string(r.name) == "no signed certificate") fs::remove("cert/public/signed_mc.cer");
     set_rd_status_ready();
     test_seams::update([&](test_seams::Seams& s) { s.now = now + r.hours_later * 3600; });
-    Step s = init();
-    EXPECT_EQ(s.rc, -18);
-    EXPECT_EQ(s.action, "INIT_RETRY");
-    EXPECT_EQ(s.status, r.status);
+    EXPECT_EQ(init(), (Step{-18, "INIT_RETRY", r.status}));
   }
   test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
   set_rd_status_ready();
