@@ -82,7 +82,7 @@ bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts,
 // One parsed PidData answer.
 struct PidData {
   Xml doc;
-  std::map<std::string, std::string> resp, device, skey_attrs, data_attrs;
+  std::map<std::string, std::string> resp, device;
   std::string srno, skey, hmac, data;
 };
 
@@ -96,10 +96,8 @@ PidData parse_pid_data(const std::string& body) {
   xmlNode* info = child(root, "DeviceInfo");
   p.device = testutil::attrs(info);
   p.srno = testutil::attrs(child(child(info, "additional_info"), "Param"))["value"];
-  p.skey_attrs = testutil::attrs(child(root, "Skey"));
   p.skey = content(child(root, "Skey"));
   p.hmac = content(child(root, "Hmac"));
-  p.data_attrs = testutil::attrs(child(root, "Data"));
   p.data = content(child(root, "Data"));
   return p;
 }
