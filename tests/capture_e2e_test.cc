@@ -120,7 +120,9 @@ Plain read_plain(const Bytes& plain, bool protobuf) {
         in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
     if (!pid || !pid->bios) return out;
     auto text = [](const char* t) { return std::string(t ? t : "(none)"); };
-    out = {text(pid->ts), text(pid->ver), text(pid->wadh), text(pid->pv ? pid->pv->otp : nullptr), text(pid->bios->dih), {}};
+    out = {text(pid->ts),        text(pid->ver),
+           text(pid->wadh),      text(pid->pv ? pid->pv->otp : nullptr),
+           text(pid->bios->dih), {}};
     for (std::size_t i = 0; i < pid->bios->n_bio; ++i) {
       const auto* b = pid->bios->bio[i];
       const char* posh = b->posh == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX    ? "LEFT_INDEX"
@@ -134,8 +136,12 @@ Plain read_plain(const Bytes& plain, bool protobuf) {
   Xml doc = testutil::parse_xml(as_text(plain));
   xmlNode* root = testutil::root(doc);
   testutil::Attrs top = testutil::attrs(root);
-  out = {top["ts"], top["ver"], top["wadh"], testutil::attrs(child(root, "Pv"))["otp"],
-         testutil::attrs(child(root, "Bios"))["dih"], {}};
+  out = {top["ts"],
+         top["ver"],
+         top["wadh"],
+         testutil::attrs(child(root, "Pv"))["otp"],
+         testutil::attrs(child(root, "Bios"))["dih"],
+         {}};
   for (xmlNode* b : root ? testutil::children(child(root, "Bios")) : std::vector<xmlNode*>{}) {
     testutil::Attrs a = testutil::attrs(b);
     out.bios.push_back({a["type"], a["posh"], b64(content(b)), a["bs"]});
@@ -278,7 +284,8 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
     EXPECT_EQ(head, capture_head(body.size()));
     PidData p = parse_pid_data(body);
     std::map<std::string, std::string> values = r.resp;
-    values.insert({{"dpId", rd_identity_copy().dpId}, {"mc", mc()}, {"skey", p.skey}, {"hmac", p.hmac}, {"data", p.data}});
+    values.insert(
+        {{"dpId", rd_identity_copy().dpId}, {"mc", mc()}, {"skey", p.skey}, {"hmac", p.hmac}, {"data", p.data}});
     EXPECT_EQ(body, fill(testutil::data_file("capture_pid_data.xml"), values));
     EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n", 5000, piped));
 
@@ -330,40 +337,36 @@ TEST_F(CaptureEndToEnd, LogKeepsNothingOfTheRequestBody) {
 }
 
 TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
-  const std::string one_finger =
-      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
+  const std::string no_finger = "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>";
   struct Case {
     const char* name;
     sim::Keys control;
     std::function<void()> before;
-    std::string request;
     const char* code;
     const char* info;
     const char* pipe = "";  // the message the user sees, "" for none checked
+    std::string request =
+        "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
   } cases[] = {
-      {"time-out", {{"capture_results", "-113"}}, [] {}, one_finger, "700", "Capture timed out",
-       "5000|Capture Timeout\n"},
-      {"capture failure", {{"capture_results", "-5"}}, [] {}, one_finger, "730", "Capture Failed",
-       "5000|Capture Failed\n"},
-      {"no scanner", {{"present", "0"}}, [] {}, one_finger, "999", "Internal error", "5000|Internal Error\n"},
-      {"re-capture after NFIQ 4", {{"nfiq_scores", "4,3"}}, [] {}, one_finger, "0", "SUCCESS"},
-      {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, one_finger, "999", "Internal error"},
-      {"service used", {}, [] { set_rd_status_used(); }, one_finger, "710", "Being used by another application"},
-      {"service not ready", {}, [] { set_rd_status_notready(); }, one_finger, "720", "Device not ready"},
+      {"time-out", {{"capture_results", "-113"}}, [] {}, "700", "Capture timed out", "5000|Capture Timeout\n"},
+      {"capture failure", {{"capture_results", "-5"}}, [] {}, "730", "Capture Failed", "5000|Capture Failed\n"},
+      {"no scanner", {{"present", "0"}}, [] {}, "999", "Internal error", "5000|Internal Error\n"},
+      {"re-capture after NFIQ 4", {{"nfiq_scores", "4,3"}}, [] {}, "0", "SUCCESS"},
+      {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, "999", "Internal error"},
+      {"service used", {}, [] { set_rd_status_used(); }, "710", "Being used by another application"},
+      {"service not ready", {}, [] { set_rd_status_notready(); }, "720", "Device not ready"},
       {"production checksum differs",
        {},
        [] { set_uidai_prod_checksum(std::string(64, '0')); },
-       one_finger,
        "240",
        "UIDAI Certificate is INVALID",
        "10000|Error at Generate encrypted and|plain sessionKey\n"},
-      {"no finger asked for",
+      {"no finger asked for", {}, [] {}, "-1", "Command Not Sent to Device", "", no_finger},
+      {"no device key",
        {},
-       [] {},
-       "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>",
-       "-1",
-       "Command Not Sent to Device"},
-      {"no device key", {}, [] { fs::remove("keystore/enc_private_key"); }, one_finger, "999", "Internal error",
+       [] { fs::remove("keystore/enc_private_key"); },
+       "999",
+       "Internal error",
        "5000|Internal Error\n"},
   };
   for (const Case& c : cases) {
@@ -386,8 +389,9 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
     EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
     EXPECT_EQ(p.srno, "A600-E2E-7");
     if (std::string(c.code) == "240") {
-      EXPECT_NE(testutil::last_status().find(" | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
-                std::string::npos);
+      EXPECT_NE(
+          testutil::last_status().find(" | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
+          std::string::npos);
     }
     if (std::string(c.code) != "0") {
       EXPECT_EQ(p.skey, "");
@@ -459,13 +463,12 @@ TEST_F(CaptureEndToEnd, DeviceInfoAnswers) {
     set_device_serial(c.serial);
     rd_config_update([&](RdConfig& r) { r.dc = c.dc; });
     const std::string allow = *c.origin ? std::string("Access-Control-Allow-Origin: ") + c.origin + "\r\n" : "";
-    std::string expected = fill(testutil::data_file("capture_device_info.txt"),
-                                {{"allow", allow},
-                                 {"port", std::to_string(port_)},
-                                 {"dpId", rd_identity_copy().dpId},
-                                 {"dc", c.dc_attr},
-                                 {"mc", mc()},
-                                 {"srno", c.serial_attr}});
+    std::string expected = fill(testutil::data_file("capture_device_info.txt"), {{"allow", allow},
+                                                                                 {"port", std::to_string(port_)},
+                                                                                 {"dpId", rd_identity_copy().dpId},
+                                                                                 {"dc", c.dc_attr},
+                                                                                 {"mc", mc()},
+                                                                                 {"srno", c.serial_attr}});
     expected = fill(expected, {{"length", std::to_string(expected.size() - expected.find("\r\n\r\n") - 4)}});
     const std::string asked = *c.origin ? std::string("Origin: ") + c.origin + "\r\n" : "";
     EXPECT_EQ(testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n" + asked + "\r\n"),

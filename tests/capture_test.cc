@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -70,10 +71,11 @@ bool verify_bs(EVP_PKEY* key, const BioRecord& record, const std::string& ts) {
   return testcrypto::rsa_sha256_verify(key, msg, sig);
 }
 
-unsigned be(const std::vector<std::uint8_t>& b, std::size_t off, int n) {
-  unsigned long long v = 0;
-  for (int i = 0; i < n; ++i) v = (v << 8) | b[off + static_cast<std::size_t>(i)];
-  return static_cast<unsigned>(v);
+// value as n big-endian bytes, in hex.
+std::string hex_be(std::uint64_t value, int n) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%0*llx", 2 * n, static_cast<unsigned long long>(value));
+  return text;
 }
 
 PidOptionsRequest make_request(int fcount, int ftype, std::vector<std::string> positions) {
@@ -328,17 +330,13 @@ TEST_F(CaptureTest, RecordsCarryTheScannerValuesAndTheirOwnSignatures) {
         const std::vector<std::uint8_t>& b = rec.bytes;
         ASSERT_GT(b.size(), kFirHeaderSize);
         const std::size_t image_len = b.size() - kFirHeaderSize;
-        struct Field {
-          std::size_t off;
-          int size;
-          unsigned value;
-        } fields[] = {{8, 6, static_cast<unsigned>(b.size())},
-                      {14, 2, 0}, {16, 2, 30}, {18, 1, 1}, {19, 1, 1}, {20, 2, 1000}, {22, 2, 1000}, {24, 2, 1000},
-                      {26, 2, 1000}, {28, 1, 8}, {29, 1, 4}, {30, 2, 0},
-                      {32, 4, static_cast<unsigned>(14 + image_len)},
-                      {36, 1, 0}, {37, 1, 1}, {38, 1, 1}, {39, 1, 64}, {40, 1, 0}, {41, 2, 300}, {43, 2, 400}, {45, 1, 0}        };
-        EXPECT_EQ(std::string(b.begin(), b.begin() + 8), std::string("FIR\0" "010\0", 8));
-        for (const Field& fl : fields) EXPECT_EQ(be(b, fl.off, fl.size), fl.value) << "offset " << fl.off;
+        // The 46-byte header: "FIR", "010", the record's length, device 0,
+        // acquisition level 30, one finger, in ppi: 1000 four times, 8 bits,
+        // JPEG 2000 (4); then the view: its length, position 0, view 1 of 1,
+        // quality 64, impression 0, 300 x 400.
+        const std::string header = "4649520030313000" + hex_be(b.size(), 6) + "0000001e010103e803e803e803e80804" +
+                                   "0000" + hex_be(14 + image_len, 4) + "00010140" + "00012c019000";
+        EXPECT_EQ(hex_lower(std::span(b.data(), kFirHeaderSize)), header);
         jp2test::DecodedImage img;
         ASSERT_TRUE(jp2test::decode_jp2(b.data() + kFirHeaderSize, image_len, &img));
         EXPECT_EQ(img.width, 300);

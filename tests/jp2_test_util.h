@@ -29,9 +29,9 @@ struct DecodedImage {
 // a copy of them in a file of this process below the system's temporary folder.
 inline bool decode_jp2(const std::uint8_t* data, std::size_t size, DecodedImage* out) {
   static std::atomic<int> serial{0};
-  const std::filesystem::path path = std::filesystem::temp_directory_path() /
-                                     ("vexo_jp2_" + std::to_string(testsys::process_id()) + "_" +
-                                      std::to_string(serial++) + ".jp2");
+  const std::filesystem::path path =
+      std::filesystem::temp_directory_path() /
+      ("vexo_jp2_" + std::to_string(testsys::process_id()) + "_" + std::to_string(serial++) + ".jp2");
   std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   opj_stream_t* stream = opj_stream_create_default_file_stream(path.string().c_str(), OPJ_TRUE);
   opj_codec_t* codec = opj_create_decompress(OPJ_CODEC_JP2);
