@@ -412,22 +412,22 @@ TEST_F(CaptureEndToEnd, ServiceIsUsedWhileACaptureRuns) {
   const std::string one_finger =
       "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
   sim::write_control(refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "1500"}});
-  auto discovery_status = [this] {
-    std::string answer = testutil::http_exchange(port_, "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
-    std::size_t at = answer.find("status=\"");
-    return at == std::string::npos ? answer : answer.substr(at + 8, answer.find('"', at + 8) - at - 8);
+  auto discovery_status = [this](const char* status) {
+    const std::string body = testutil::discovery_body(status, "QDX.ARA.A600.W");
+    EXPECT_EQ(testutil::http_exchange(port_, "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"),
+              testutil::ok_header(port_, "/", body.size()) + body);
   };
-  ASSERT_EQ(discovery_status(), "READY");
+  discovery_status("READY");
   std::size_t piped = pipe_.received().size();
   auto first = std::async(std::launch::async, [&] { return capture(one_finger); });
   ASSERT_TRUE(pipe_.wait_for("10000|Put Finger\n", 5000, piped));
-  EXPECT_EQ(discovery_status(), "USED");
+  discovery_status("USED");
   const std::uint64_t start = platform::monotonic_ms();
   auto [head, body] = capture(one_finger);
   EXPECT_LT(platform::monotonic_ms() - start, 1000u) << "the second capture waited for the first";
   EXPECT_EQ(parse_pid_data(body).resp["errCode"], "710") << body;
   EXPECT_EQ(parse_pid_data(first.get().second).resp["errCode"], "0");
-  EXPECT_EQ(discovery_status(), "READY");
+  discovery_status("READY");
 
   // A detach during a capture is not undone when the capture ends.
   piped = pipe_.received().size();
@@ -435,7 +435,7 @@ TEST_F(CaptureEndToEnd, ServiceIsUsedWhileACaptureRuns) {
   ASSERT_TRUE(pipe_.wait_for("10000|Put Finger\n", 5000, piped));
   ASSERT_EQ(detach_device(), 0);
   third.get();
-  EXPECT_EQ(discovery_status(), "NOTREADY");
+  discovery_status("NOTREADY");
   set_rd_status_ready();
 }
 
