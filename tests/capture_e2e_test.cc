@@ -3,14 +3,9 @@
 // Every answer is opened here independently with OpenSSL, libxml2, protobuf-c
 // and openjpeg.
 #include <gtest/gtest.h>
-#include <libxml/parser.h>
-#include <libxml/tree.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
 #include <openssl/x509.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <map>
@@ -19,12 +14,11 @@
 
 #include "auth.pb-c.h"
 #include "common/work_area.h"
-#include "init/init.h"
 #include "common/rd_config.h"
-#include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "init/config.h"
 #include "common/file_crc.h"
+#include "init/init.h"
 #include "jp2_test_util.h"
 #include "mgmt_core/mgmt_api.h"
 #include "mgmt_server_util.h"
@@ -33,16 +27,13 @@
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
-#include "rd_core/pidblock_A600.h"
 #include "rd_core/uidai_certs.h"
-#include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
 #include "test_crypto.h"
 #include "test_sys.h"
 #include "test_util.h"
 #include "platform/test_seams.h"
 #include "vexo.h"
-#include "common/xml_ptr.h"
 
 namespace {
 
@@ -65,6 +56,20 @@ Bytes b64(const std::string& text) {
 
 std::string as_text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
+// text with each {name} of values replaced by its value; other braces stay.
+std::string fill(const std::string& text, const std::map<std::string, std::string>& values) {
+  std::string out;
+  std::size_t at = 0;
+  for (std::size_t open = text.find('{'); open != std::string::npos; open = text.find('{', open + 1)) {
+    const std::size_t close = text.find('}', open);
+    const auto value = values.find(text.substr(open + 1, close - open - 1));
+    if (close == std::string::npos || value == values.end()) continue;
+    out += text.substr(at, open - at) + value->second;
+    at = close + 1;
+  }
+  return out + text.substr(at);
+}
+
 // The device certificate's public key verifies bs over SHA-256(record) + ts + dc.
 bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts, const std::string& dc,
                const std::string& bs) {
@@ -77,7 +82,7 @@ bool verify_bs(EVP_PKEY* device_key, const Bytes& record, const std::string& ts,
 // One parsed PidData answer.
 struct PidData {
   Xml doc;
-  std::map<std::string, std::string> resp, device, skey_attrs, data_attrs;
+  std::map<std::string, std::string> resp, device;
   std::string srno, skey, hmac, data;
 };
 
@@ -91,12 +96,57 @@ PidData parse_pid_data(const std::string& body) {
   xmlNode* info = child(root, "DeviceInfo");
   p.device = testutil::attrs(info);
   p.srno = testutil::attrs(child(child(info, "additional_info"), "Param"))["value"];
-  p.skey_attrs = testutil::attrs(child(root, "Skey"));
   p.skey = content(child(root, "Skey"));
   p.hmac = content(child(root, "Hmac"));
-  p.data_attrs = testutil::attrs(child(root, "Data"));
   p.data = content(child(root, "Data"));
   return p;
+}
+
+// A plain Pid block, read from either form.
+struct Plain {
+  struct Bio {
+    std::string type, posh;
+    Bytes record;
+    std::string bs;
+  };
+  std::string ts, ver, wadh, otp, dih;
+  std::vector<Bio> bios;
+};
+
+Plain read_plain(const Bytes& plain, bool protobuf) {
+  Plain out;
+  if (protobuf) {
+    std::unique_ptr<PidMessage, PidFree> pid(
+        in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
+    if (!pid || !pid->bios) return out;
+    auto text = [](const char* t) { return std::string(t ? t : "(none)"); };
+    out = {text(pid->ts),        text(pid->ver),
+           text(pid->wadh),      text(pid->pv ? pid->pv->otp : nullptr),
+           text(pid->bios->dih), {}};
+    for (std::size_t i = 0; i < pid->bios->n_bio; ++i) {
+      const auto* b = pid->bios->bio[i];
+      const char* posh = b->posh == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX    ? "LEFT_INDEX"
+                         : b->posh == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB ? "RIGHT_THUMB"
+                                                                                                  : "?";
+      out.bios.push_back({b->type == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR ? "FMR" : "FIR", posh,
+                          Bytes(b->content.data, b->content.data + b->content.len), text(b->bs)});
+    }
+    return out;
+  }
+  Xml doc = testutil::parse_xml(as_text(plain));
+  xmlNode* root = testutil::root(doc);
+  testutil::Attrs top = testutil::attrs(root);
+  out = {top["ts"],
+         top["ver"],
+         top["wadh"],
+         testutil::attrs(child(root, "Pv"))["otp"],
+         testutil::attrs(child(root, "Bios"))["dih"],
+         {}};
+  for (xmlNode* b : root ? testutil::children(child(root, "Bios")) : std::vector<xmlNode*>{}) {
+    testutil::Attrs a = testutil::attrs(b);
+    out.bios.push_back({a["type"], a["posh"], b64(content(b)), a["bs"]});
+  }
+  return out;
 }
 
 class CaptureEndToEnd : public ::testing::Test {
@@ -109,23 +159,19 @@ class CaptureEndToEnd : public ::testing::Test {
     sim::write_control(
         refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}, {"minutiae_count", "33"}, {"quality", "77"}});
     fs::create_directories("locks");
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir_.file("locks"); });
     platform::Adapter eth;
     eth.address[0] = 0x02;
     eth.address[5] = 0x07;
     eth.ethernet = true;
     eth.index = 2;
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{eth}; });
-    test_seams::update([&](test_seams::Seams& s) {
-      s.beep_ms = 1u;
-      s.recapture_pause_ms = 20u;
-    });
     const int first = testutil::reserve_ports(8);
     ASSERT_NE(first, 0);
-    test_seams::update([&](test_seams::Seams& s) {
-      s.first_port = first;
-      s.last_port = first + 7;
-    });
+    test_seams::set({.lock_dir = dir_.file("locks"),
+                     .adapters = std::vector<platform::Adapter>{eth},
+                     .first_port = first,
+                     .last_port = first + 7,
+                     .beep_ms = 1u,
+                     .recapture_pause_ms = 20u});
 
     uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
@@ -137,9 +183,7 @@ class CaptureEndToEnd : public ::testing::Test {
     // The keystore is bound to the program that reads it: make it for this one.
     std::string cert_pem;
     ASSERT_EQ(GenerateKeyPair(&cert_pem), 0);
-    BIO* bio = BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size()));
-    device_cert_.reset(PEM_read_bio_X509(bio, nullptr, nullptr, nullptr));
-    BIO_free(bio);
+    device_cert_ = testcrypto::cert_of_pem(cert_pem);
     ASSERT_TRUE(device_cert_);
     testutil::write_file("cert/public/signed_mc.cer", cert_pem);
     ASSERT_EQ(Start_RDservice(), 0) << testutil::last_status();
@@ -175,6 +219,15 @@ class CaptureEndToEnd : public ::testing::Test {
     EXPECT_TRUE(plain.has_value()) << "Skey, Data and Hmac do not open";
     return plain.value_or(Bytes{});
   }
+  Plain open_plain(const PidData& p, bool protobuf, std::string* ts) { return read_plain(open_pid(p, ts), protobuf); }
+
+  // The device certificate as DeviceInfo carries it.
+  static std::string mc() {
+    const std::string der = testutil::read_file("cert/public/signed_mc.cer");
+    std::string out;
+    Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), &out);
+    return out;
+  }
 
   std::string expected_dih() {
     const RdIdentity id = rd_identity_copy();
@@ -195,52 +248,74 @@ class CaptureEndToEnd : public ::testing::Test {
   int port_ = 0;
 };
 
-TEST_F(CaptureEndToEnd, OneFingerMinutiaeAsXml) {
-  auto [head, body] = capture(
-      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
-      "posh=\"LEFT_INDEX\" env=\"P\" wadh=\"\"/></PidOptions>");
-  EXPECT_EQ(head, capture_head(body.size()));
-  PidData p = parse_pid_data(body);
-  EXPECT_EQ(p.resp["errCode"], "0");
-  EXPECT_EQ(p.resp["errInfo"], "SUCCESS");
-  EXPECT_EQ(p.resp["fCount"], "1");
-  EXPECT_EQ(p.resp["fType"], "0");
-  EXPECT_EQ(p.resp["nmPoints"], "033");
-  EXPECT_EQ(p.resp["qScore"], "077");
-  EXPECT_EQ(p.device["dpId"], rd_identity_copy().dpId);
-  EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
-  EXPECT_EQ(p.device["mi"], "QDX.ARA.A600.W");
-  std::string mc;
-  std::string cert_file = testutil::read_file("cert/public/signed_mc.cer");
-  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_file.data()), cert_file.size()),
-               &mc);
-  EXPECT_EQ(p.device["mc"], mc);
-  EXPECT_EQ(p.srno, "A600-E2E-7");
-  EXPECT_EQ(p.skey_attrs["ci"], "20310309");
-  EXPECT_EQ(p.data_attrs["type"], "X");
+// Both forms of the Pid block: the answer byte for byte around its Skey, Hmac
+// and Data, which open with the UIDAI key; every record in capture order,
+// signed by the device key over its own bytes, the ts and the dc.
+TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
+  struct Row {
+    const char* name;
+    sim::Keys control;
+    std::string options;
+    std::map<std::string, std::string> resp;  // the answer's values that differ per row
+    std::vector<std::pair<std::string, std::string>> bios;
+  } rows[] = {
+      {"one finger, minutiae, XML",
+       {{"quality", "77"}},
+       "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
+       "posh=\"LEFT_INDEX\" env=\"P\" otp=\"654321\" wadh=\"wadh-text\"/></PidOptions>",
+       {{"fCount", "1"}, {"fType", "0"}, {"nmPoints", "033"}, {"qScore", "077"}, {"type", "X"}, {"ver", "1.0"}},
+       {{"FMR", "LEFT_INDEX"}}},
+      {"two fingers, minutiae and image, protobuf",
+       {{"quality_values", "70,55"}},
+       "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" otp=\"654321\" "
+       "wadh=\"wadh-text\" posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>",
+       {{"fCount", "2"}, {"fType", "2"}, {"nmPoints", "033,033"}, {"qScore", "070,055"}, {"type", "P"}, {"ver", "2.0"}},
+       {{"FMR", "LEFT_INDEX"}, {"FIR", "LEFT_INDEX"}, {"FMR", "RIGHT_THUMB"}, {"FIR", "RIGHT_THUMB"}}},
+  };
+  const PkeyPtr device_key(X509_get_pubkey(device_cert_.get()));
+  const std::string dc = rd_config_copy().dc;
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    sim::Keys control = r.control;
+    control.insert(control.end(), {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}, {"minutiae_count", "33"}});
+    sim::write_control(refdll_, control);
+    const std::size_t piped = pipe_.received().size();
+    auto [head, body] = capture(r.options);
+    EXPECT_EQ(head, capture_head(body.size()));
+    PidData p = parse_pid_data(body);
+    std::map<std::string, std::string> values = r.resp;
+    values.insert(
+        {{"dpId", rd_identity_copy().dpId}, {"mc", mc()}, {"skey", p.skey}, {"hmac", p.hmac}, {"data", p.data}});
+    EXPECT_EQ(body, fill(testutil::data_file("capture_pid_data.xml"), values));
+    EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n", 5000, piped));
 
-  std::string ts;
-  Bytes plain = open_pid(p, &ts);
-  Xml pid = testutil::parse_xml(as_text(plain));
-  ASSERT_TRUE(pid) << as_text(plain);
-  xmlNode* root = testutil::root(pid);
-  EXPECT_EQ(testutil::attrs(root)["ts"], ts);
-  EXPECT_EQ(testutil::attrs(root)["ver"], "1.0");
-  xmlNode* bios = child(root, "Bios");
-  EXPECT_EQ(testutil::attrs(bios)["dih"], expected_dih());
-  xmlNode* bio = child(bios, "Bio");
-  ASSERT_NE(bio, nullptr);
-  auto bio_attrs = testutil::attrs(bio);
-  EXPECT_EQ(bio_attrs["type"], "FMR");
-  EXPECT_EQ(bio_attrs["posh"], "LEFT_INDEX");
-  Bytes record = b64(content(bio));
-  ASSERT_GT(record.size(), 28u);
-  EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 4)), std::string("FMR\0", 4));
-  EXPECT_EQ(record[27], 33);
-  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
-  EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio_attrs["bs"]));
-  EXPECT_FALSE(verify_bs(device_key.get(), record, "2000-01-01T00:00:00", rd_config_copy().dc, bio_attrs["bs"]));
-  EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
+    std::string ts;
+    const Plain pid = open_plain(p, values["type"] == "P", &ts);
+    EXPECT_EQ(pid.ts, ts);
+    EXPECT_EQ(pid.ver, values["ver"]);
+    EXPECT_EQ(pid.wadh, "wadh-text");
+    EXPECT_EQ(pid.otp, "654321");
+    EXPECT_EQ(pid.dih, expected_dih());
+    ASSERT_EQ(pid.bios.size(), r.bios.size());
+    for (std::size_t i = 0; i < r.bios.size(); ++i) {
+      SCOPED_TRACE(i);
+      const Plain::Bio& bio = pid.bios[i];
+      EXPECT_EQ(std::make_pair(bio.type, bio.posh), r.bios[i]);
+      EXPECT_TRUE(verify_bs(device_key.get(), bio.record, ts, dc, bio.bs));
+      EXPECT_FALSE(verify_bs(device_key.get(), bio.record, "2000-01-01T00:00:00", dc, bio.bs));
+      ASSERT_GT(bio.record.size(), 46u);
+      EXPECT_EQ(as_text(Bytes(bio.record.begin(), bio.record.begin() + 4)), bio.type + '\0');
+      if (bio.type == "FMR") {
+        EXPECT_EQ(bio.record[27], 33);  // minutiae count
+        continue;
+      }
+      // The finger image: JPEG 2000 of the sensor's size after the 46-byte header.
+      jp2test::DecodedImage image;
+      ASSERT_TRUE(jp2test::decode_jp2(bio.record.data() + 46, bio.record.size() - 46, &image));
+      EXPECT_EQ(image.width, 256);
+      EXPECT_EQ(image.height, 360);
+    }
+  }
 }
 
 // The run log says what was asked, never what was sent: no otp, no name,
@@ -261,126 +336,63 @@ TEST_F(CaptureEndToEnd, LogKeepsNothingOfTheRequestBody) {
             std::string::npos);
 }
 
-TEST_F(CaptureEndToEnd, TwoFingersMinutiaeAndImageAsProtobuf) {
-  auto [head, body] = capture(
-      "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" "
-      "posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>");
-  EXPECT_EQ(head, capture_head(body.size()));
-  PidData p = parse_pid_data(body);
-  ASSERT_EQ(p.resp["errCode"], "0") << body;
-  EXPECT_EQ(p.resp["nmPoints"], "033,033");
-  EXPECT_EQ(p.resp["qScore"], "077,077");
-  EXPECT_EQ(p.data_attrs["type"], "P");
-
-  std::string ts;
-  Bytes plain = open_pid(p, &ts);
-  std::unique_ptr<PidMessage, PidFree> pid(
-      in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
-  ASSERT_TRUE(pid);
-  EXPECT_STREQ(pid->ts, ts.c_str());
-  EXPECT_STREQ(pid->ver, "2.0");
-  ASSERT_NE(pid->bios, nullptr);
-  EXPECT_STREQ(pid->bios->dih, expected_dih().c_str());
-  ASSERT_EQ(pid->bios->n_bio, 4u);
-  const struct {
-    In__Gov__Uidai__Authserver__Protobuf__BioType type;
-    In__Gov__Uidai__Authserver__Protobuf__Position posh;
-  } order[] = {
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR, IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__LEFT_INDEX},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR,
-       IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
-      {IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FIR,
-       IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__POSITION__RIGHT_THUMB},
-  };
-  std::unique_ptr<EVP_PKEY, PkeyFree> device_key(X509_get_pubkey(device_cert_.get()));
-  for (std::size_t i = 0; i < 4; ++i) {
-    SCOPED_TRACE(i);
-    const auto* bio = pid->bios->bio[i];
-    EXPECT_EQ(bio->type, order[i].type);
-    EXPECT_EQ(bio->posh, order[i].posh);
-    Bytes record(bio->content.data, bio->content.data + bio->content.len);
-    EXPECT_TRUE(verify_bs(device_key.get(), record, ts, rd_config_copy().dc, bio->bs));
-    if (bio->type == IN__GOV__UIDAI__AUTHSERVER__PROTOBUF__BIO_TYPE__FMR) {
-      ASSERT_GT(record.size(), 28u);
-      EXPECT_EQ(record[27], 33);
-      continue;
-    }
-    // Finger image record: the 46-byte header, then JPEG 2000 of the sensor's size.
-    ASSERT_GT(record.size(), 46u);
-    EXPECT_EQ(as_text(Bytes(record.begin(), record.begin() + 8)), std::string("FIR\0"
-                                                                              "010\0",
-                                                                              8));
-    const std::uint64_t total = (std::uint64_t{record[8]} << 40) | (std::uint64_t{record[9]} << 32) |
-                                (std::uint64_t{record[10]} << 24) | (std::uint64_t{record[11]} << 16) |
-                                (std::uint64_t{record[12]} << 8) | record[13];
-    EXPECT_EQ(total, record.size());
-    EXPECT_EQ(record[29], 4);   // JPEG 2000
-    EXPECT_EQ(record[36], 0);   // position byte stays 0
-    EXPECT_EQ(record[39], 77);  // quality
-    jp2test::DecodedImage image;
-    ASSERT_TRUE(jp2test::decode_jp2(record.data() + 46, record.size() - 46, &image));
-    EXPECT_EQ(image.width, 256);
-    EXPECT_EQ(image.height, 360);
-  }
-  // The user is asked for each finger and told to lift the first one only.
-  ASSERT_TRUE(pipe_.wait_for("5000|Capture Success\n"));
-  const std::string messages = pipe_.received();
-  const std::size_t first = messages.find("|Put Left Index Finger\n");
-  const std::size_t remove = messages.find("10000|Remove Finger\n");
-  const std::size_t second = messages.find("|Put Right Thumb Finger\n");
-  EXPECT_NE(first, std::string::npos) << messages;
-  EXPECT_LT(first, remove);
-  EXPECT_LT(remove, second);
-  EXPECT_EQ(messages.find("Remove Finger", remove + 10), std::string::npos) << messages;
-}
-
 TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
-  const std::string one_finger =
-      "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
+  const std::string no_finger = "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>";
   struct Case {
     const char* name;
     sim::Keys control;
     std::function<void()> before;
-    std::string request;
     const char* code;
     const char* info;
+    const char* pipe = "";  // the message the user sees, "" for none checked
+    std::string request =
+        "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
   } cases[] = {
-      {"time-out", {{"capture_results", "-113"}}, [] {}, one_finger, "700", "Capture timed out"},
-      {"capture failure", {{"capture_results", "-5"}}, [] {}, one_finger, "730", "Capture Failed"},
-      {"re-capture after NFIQ 4", {{"nfiq_scores", "4,3"}}, [] {}, one_finger, "0", "SUCCESS"},
-      {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, one_finger, "999", "Internal error"},
-      {"service used", {}, [] { set_rd_status_used(); }, one_finger, "710", "Being used by another application"},
-      {"service not ready", {}, [] { set_rd_status_notready(); }, one_finger, "720", "Device not ready"},
+      {"time-out", {{"capture_results", "-113"}}, [] {}, "700", "Capture timed out", "5000|Capture Timeout\n"},
+      {"capture failure", {{"capture_results", "-5"}}, [] {}, "730", "Capture Failed", "5000|Capture Failed\n"},
+      {"no scanner", {{"present", "0"}}, [] {}, "999", "Internal error", "5000|Internal Error\n"},
+      {"re-capture after NFIQ 4", {{"nfiq_scores", "4,3"}}, [] {}, "0", "SUCCESS"},
+      {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, "999", "Internal error"},
+      {"service used", {}, [] { set_rd_status_used(); }, "710", "Being used by another application"},
+      {"service not ready", {}, [] { set_rd_status_notready(); }, "720", "Device not ready"},
       {"production checksum differs",
        {},
        [] { set_uidai_prod_checksum(std::string(64, '0')); },
-       one_finger,
        "240",
-       "UIDAI Certificate is INVALID"},
-      {"no finger asked for",
+       "UIDAI Certificate is INVALID",
+       "10000|Error at Generate encrypted and|plain sessionKey\n"},
+      {"no finger asked for", {}, [] {}, "-1", "Command Not Sent to Device", "", no_finger},
+      {"no device key",
        {},
-       [] {},
-       "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>",
-       "-1",
-       "Command Not Sent to Device"},
+       [] { fs::remove("keystore/enc_private_key"); },
+       "999",
+       "Internal error",
+       "5000|Internal Error\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_rd_status_ready();
     set_uidai_prod_cert_newer(true);
+    set_uidai_prod_checksum("");
     sim::Keys keys = c.control;
     keys.push_back({"capture_wait_ms", "0"});
     keys.push_back({"serial", "A600-E2E-7"});
     sim::write_control(refdll_, keys);
     c.before();
+    const std::size_t piped = pipe_.received().size();
     auto [head, body] = capture(c.request);
+    EXPECT_TRUE(pipe_.wait_for(c.pipe, 5000, piped)) << pipe_.received().substr(piped);
     EXPECT_EQ(head, capture_head(body.size()));
     PidData p = parse_pid_data(body);
     EXPECT_EQ(p.resp["errCode"], c.code) << body;
     EXPECT_EQ(p.resp["errInfo"], c.info);
     EXPECT_EQ(p.device["rdsId"], "QDX.WIN.002");
     EXPECT_EQ(p.srno, "A600-E2E-7");
+    if (std::string(c.code) == "240") {
+      EXPECT_NE(
+          testutil::last_status().find(" | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
+          std::string::npos);
+    }
     if (std::string(c.code) != "0") {
       EXPECT_EQ(p.skey, "");
       EXPECT_EQ(p.hmac, "");
@@ -388,37 +400,10 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
     }
   }
   EXPECT_NE(pipe_.received().find("3000|Low Quality Image\n"), std::string::npos);
+  const std::string log = testutil::read_file("rd.log");
+  EXPECT_NE(log.find("Error at FP Capture\n"), std::string::npos);
+  EXPECT_NE(log.find("Error at GenerateEncandPlainSessionKey \n"), std::string::npos);
   set_rd_status_ready();
-}
-
-TEST_F(CaptureEndToEnd, DeviceInfoWithAndWithoutOrigin) {
-  std::string cert_file = testutil::read_file("cert/public/signed_mc.cer");
-  std::string mc;
-  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(cert_file.data()), cert_file.size()),
-               &mc);
-  const std::string body = "<DeviceInfo dpId=\"" + rd_identity_copy().dpId +
-                           "\" rdsId=\"QDX.WIN.002\" rdsVer=\"1.0.0\" dc=\"\" mi=\"QDX.ARA.A600.W\" mc=\"" + mc +
-                           "\"><additional_info><Param name=\"srno\" value=\"A600-E2E-7\"/></additional_info>"
-                           "</DeviceInfo>\n";
-  const std::string port = std::to_string(port_);
-  const std::string len = std::to_string(body.size());
-  struct {
-    const char* origin_header;
-    std::string head;
-  } cases[] = {
-      {"", "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
-               "/rd/info\r\nContent-Length: " + len + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n"},
-      {"Origin: http://localhost:8080\r\n",
-       "HTTP/1.1 200 OK\r\nAccess-Control-Allow-Origin: http://localhost:8080\r\nCACHE-CONTROL: no-cache\r\n"
-       "LOCATION: http://127.0.0.1:" +
-           port + "/rd/info\r\nContent-Length: " + len + "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.origin_header);
-    std::string answer = testutil::http_exchange(
-        port_, std::string("DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n") + c.origin_header + "\r\n");
-    EXPECT_EQ(answer, c.head + body);
-  }
 }
 
 // While a capture runs the service is USED: discovery says so, and a second
@@ -427,58 +412,67 @@ TEST_F(CaptureEndToEnd, ServiceIsUsedWhileACaptureRuns) {
   const std::string one_finger =
       "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
   sim::write_control(refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "1500"}});
-  auto discovery_status = [this] {
-    std::string answer = testutil::http_exchange(port_, "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
-    std::size_t at = answer.find("status=\"");
-    return at == std::string::npos ? answer : answer.substr(at + 8, answer.find('"', at + 8) - at - 8);
+  auto discovery_status = [this](const char* status) {
+    const std::string body = testutil::discovery_body(status, "QDX.ARA.A600.W");
+    EXPECT_EQ(testutil::http_exchange(port_, "RDSERVICE / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"),
+              testutil::ok_header(port_, "/", body.size()) + body);
   };
-  ASSERT_EQ(discovery_status(), "READY");
+  discovery_status("READY");
+  std::size_t piped = pipe_.received().size();
   auto first = std::async(std::launch::async, [&] { return capture(one_finger); });
-  platform::sleep_ms(500);
-  EXPECT_EQ(discovery_status(), "USED");
+  ASSERT_TRUE(pipe_.wait_for("10000|Put Finger\n", 5000, piped));
+  discovery_status("USED");
   const std::uint64_t start = platform::monotonic_ms();
   auto [head, body] = capture(one_finger);
   EXPECT_LT(platform::monotonic_ms() - start, 1000u) << "the second capture waited for the first";
   EXPECT_EQ(parse_pid_data(body).resp["errCode"], "710") << body;
   EXPECT_EQ(parse_pid_data(first.get().second).resp["errCode"], "0");
-  EXPECT_EQ(discovery_status(), "READY");
+  discovery_status("READY");
 
   // A detach during a capture is not undone when the capture ends.
+  piped = pipe_.received().size();
   auto third = std::async(std::launch::async, [&] { return capture(one_finger); });
-  platform::sleep_ms(500);
+  ASSERT_TRUE(pipe_.wait_for("10000|Put Finger\n", 5000, piped));
   ASSERT_EQ(detach_device(), 0);
   third.get();
-  EXPECT_EQ(discovery_status(), "NOTREADY");
+  discovery_status("NOTREADY");
   set_rd_status_ready();
 }
 
-// Values that come from outside (the scanner's serial, the server's device
-// code) are escaped in DeviceInfo; plain ones stay byte for byte.
-TEST_F(CaptureEndToEnd, DeviceInfoEscapesOutsideValues) {
+// DeviceInfo byte for byte, with and without an origin. Values that come from
+// outside (the scanner's serial, the server's device code) are escaped; plain
+// ones stay as they are.
+TEST_F(CaptureEndToEnd, DeviceInfoAnswers) {
   struct {
+    const char* origin;
     const char* serial;
     const char* dc;
     const char* serial_attr;
     const char* dc_attr;
   } cases[] = {
-      {"A600-E2E-7", "0f5c-11aa", "A600-E2E-7", "0f5c-11aa"},
-      {"A6\"00&<x>", "d\"c&1", "A6&quot;00&amp;&lt;x&gt;", "d&quot;c&amp;1"},
+      {"", "A600-E2E-7", "", "A600-E2E-7", ""},
+      {"http://localhost:8080", "A600-E2E-7", "", "A600-E2E-7", ""},
+      {"", "A600-E2E-7", "0f5c-11aa", "A600-E2E-7", "0f5c-11aa"},
+      {"", "A6\"00&<x>", "d\"c&1", "A6&quot;00&amp;&lt;x&gt;", "d&quot;c&amp;1"},
       // Control characters that XML cannot carry are dropped, bytes that are
       // not UTF-8 become '?', and white-space controls are kept as references.
-      {"A6\x01\xff\t00", "d\tc\r\n1", "A6?&#9;00", "d&#9;c&#13;&#10;1"},
+      {"", "A6\x01\xff\t00", "d\tc\r\n1", "A6?&#9;00", "d&#9;c&#13;&#10;1"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.serial);
+    SCOPED_TRACE(testing::Message() << c.serial << " " << c.origin);
     set_device_serial(c.serial);
     rd_config_update([&](RdConfig& r) { r.dc = c.dc; });
-    std::string answer = testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
-    std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
-    EXPECT_NE(body.find(std::string("dc=\"") + c.dc_attr + "\""), std::string::npos) << body;
-    EXPECT_NE(body.find(std::string("value=\"") + c.serial_attr + "\""), std::string::npos) << body;
-    EXPECT_EQ(body.find('\n'), body.size() - 1) << "one line";
-    Xml doc = testutil::parse_xml(body);
-    ASSERT_TRUE(doc) << body;
-    EXPECT_EQ(testutil::attrs(testutil::root(doc))["dc"], c.dc);
+    const std::string allow = *c.origin ? std::string("Access-Control-Allow-Origin: ") + c.origin + "\r\n" : "";
+    std::string expected = fill(testutil::data_file("capture_device_info.txt"), {{"allow", allow},
+                                                                                 {"port", std::to_string(port_)},
+                                                                                 {"dpId", rd_identity_copy().dpId},
+                                                                                 {"dc", c.dc_attr},
+                                                                                 {"mc", mc()},
+                                                                                 {"srno", c.serial_attr}});
+    expected = fill(expected, {{"length", std::to_string(expected.size() - expected.find("\r\n\r\n") - 4)}});
+    const std::string asked = *c.origin ? std::string("Origin: ") + c.origin + "\r\n" : "";
+    EXPECT_EQ(testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n" + asked + "\r\n"),
+              expected);
   }
   rd_config_update([](RdConfig& r) { r.dc.clear(); });
 }
@@ -526,6 +520,10 @@ class ManagementEndToEnd : public CaptureEndToEnd {
     int rc;
     std::string action;
     std::string status;
+    bool operator==(const Step&) const = default;
+    friend std::ostream& operator<<(std::ostream& o, const Step& s) {
+      return o << s.rc << " " << s.action << " " << s.status;
+    }
   };
   template <typename F>
   Step run(F&& op) {
@@ -543,10 +541,17 @@ class ManagementEndToEnd : public CaptureEndToEnd {
     return run([](char* b) { return Key_Rotation(b, "KEY_ROTATION"); });
   }
 
-  void register_device() {
+  // Puts the device in the server's registry, or queues action for it.
+  static void add_device() {
     ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
-    Step s = rotate();
-    ASSERT_EQ(s.rc, 0) << testutil::last_status();
+  }
+  static void queue(const char* action) {
+    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, action, "--registry", "registry.db"}), 0);
+  }
+
+  void register_device() {
+    add_device();
+    ASSERT_EQ(rotate().rc, 0) << testutil::last_status();
   }
 
   // The first Bio of a successful answer verifies under cert's key, over dc.
@@ -577,43 +582,27 @@ class ManagementEndToEnd : public CaptureEndToEnd {
 };
 
 TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
+  auto dc_missing = [] { rd_config_update([](RdConfig& c) { c.dc_missing = 1; }); };
   struct Row {
     const char* name;
-    std::function<void(ManagementEndToEnd*)> before;
+    std::function<void()> before;
     int rc;
     const char* action;
     const char* status;
   } rows[] = {
-      {"unknown serial", [](ManagementEndToEnd*) {}, -6, "DEVICE_NOT_REGISTERED", "\"NOTREADY\""},
-      {"registered, no dc",
-       [](ManagementEndToEnd*) {
-         ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
-       },
-       0, "KEY_ROTATION", "\"USED\""},
-      {"rotated", [](ManagementEndToEnd* t) { ASSERT_EQ(t->rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY", "\"READY\""},
-      {"rotation pending, nothing queued",
-       [](ManagementEndToEnd*) { rd_config_update([](RdConfig& c) { c.dc_missing = 1; }); }, 0, "KEY_ROTATION",
-       "\"READY\""},
-      {"rotation pending, update queued",
-       [](ManagementEndToEnd*) {
-         rd_config_update([](RdConfig& c) { c.dc_missing = 1; });
-         ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "SOFTWARE_UPDATE", "--registry", "registry.db"}), 0);
-       },
-       0, "SOFTWARE_UPDATE", "\"USED\""},
-      {"certificate queued",
-       [](ManagementEndToEnd*) {
-         ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
-       },
-       0, "UIDAI_CERT_UPDATE", "\"USED\""},
+      {"unknown serial", [] {}, -6, "DEVICE_NOT_REGISTERED", "\"NOTREADY\""},
+      {"registered, no dc", add_device, 0, "KEY_ROTATION", "\"USED\""},
+      {"rotated", [this] { ASSERT_EQ(rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY", "\"READY\""},
+      {"rotation pending, nothing queued", dc_missing, 0, "KEY_ROTATION", "\"READY\""},
+      {"rotation pending, update queued", [&] { dc_missing(), queue("SOFTWARE_UPDATE"); }, 0, "SOFTWARE_UPDATE",
+       "\"USED\""},
+      {"certificate queued", [] { queue("UIDAI_CERT_UPDATE"); }, 0, "UIDAI_CERT_UPDATE", "\"USED\""},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
     set_rd_status_ready();
-    r.before(this);
-    Step s = init();
-    EXPECT_EQ(s.rc, r.rc) << testutil::last_status();
-    EXPECT_EQ(s.action, r.action);
-    EXPECT_EQ(s.status, r.status);
+    r.before();
+    EXPECT_EQ(init(), (Step{r.rc, r.action, r.status})) << testutil::last_status();
   }
   EXPECT_EQ(rd_config_copy().dc_missing, 0);  // cleared by the queued update
   EXPECT_TRUE(pipe_.wait_for("10000|Device is not registered with|management server\n"));
@@ -622,10 +611,7 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
   mgmttest::Server ahead(true, {"--clock-offset", "600"});
   ASSERT_GT(ahead.port(), 0);
   point_at(ahead.base());
-  Step s = init();
-  EXPECT_EQ(s.rc, -5);
-  EXPECT_EQ(s.action, "TIME_STAMP_SYNC");
-  EXPECT_EQ(s.status, "\"NOTREADY\"");
+  EXPECT_EQ(init(), (Step{-5, "TIME_STAMP_SYNC", "\"NOTREADY\""}));
   EXPECT_NE(testutil::last_status().find(" | mgmt_api | Init | Time stamp miss match "), std::string::npos);
   EXPECT_TRUE(pipe_.wait_for("10000|System time not sync with server\n"));
 
@@ -637,12 +623,9 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
 }
 
 TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
-  ASSERT_EQ(mgmttest::run_command({"add-device", kSerial, "--registry", "registry.db"}), 0);
+  add_device();
   const std::string old_dc = rd_config_copy().dc;
-  Step s = rotate();
-  ASSERT_EQ(s.rc, 0) << testutil::last_status();
-  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
-  EXPECT_EQ(s.status, "\"READY\"");
+  ASSERT_EQ(rotate(), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""})) << testutil::last_status();
 
   // dc written, sealed and held; the certificate issued by the CA for the new key.
   const std::string dc = rd_config_copy().dc;
@@ -655,25 +638,18 @@ TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
   EXPECT_EQ(rd_config_copy().dc, dc);
   point_at(server_->base());  // the file names the demonstration URL
   EXPECT_TRUE(fs::exists("App_Vexo"));
-  const std::string der = testutil::read_file("cert/public/signed_mc.cer");
   X509Ptr issued = signed_mc();
   ASSERT_TRUE(issued);
-  const std::string ca_pem = testutil::read_file(mgmttest::kMgmtData + "/ca.crt");
-  BIO* bio = BIO_new_mem_buf(ca_pem.data(), static_cast<int>(ca_pem.size()));
-  X509Ptr ca(PEM_read_bio_X509(bio, nullptr, nullptr, nullptr));
-  BIO_free(bio);
+  X509Ptr ca = testcrypto::cert_of_pem(testutil::read_file(mgmttest::kMgmtData + "/ca.crt"));
   ASSERT_TRUE(ca);
-  std::unique_ptr<EVP_PKEY, PkeyFree> ca_key(X509_get_pubkey(ca.get()));
-  EXPECT_EQ(X509_verify(issued.get(), ca_key.get()), 1);
+  EXPECT_EQ(X509_verify(issued.get(), PkeyPtr(X509_get_pubkey(ca.get())).get()), 1);
 
   // A capture: bs verifies under the issued certificate; dc and mc are the new ones.
   auto [head, body] = capture(one_finger_);
   PidData pd = parse_pid_data(body);
   ASSERT_EQ(pd.resp["errCode"], "0") << body;
   EXPECT_EQ(pd.device["dc"], dc);
-  std::string mc;
-  Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), &mc);
-  EXPECT_EQ(pd.device["mc"], mc);
+  EXPECT_EQ(pd.device["mc"], mc());
   EXPECT_TRUE(signed_under(pd, issued.get(), dc));
   EXPECT_FALSE(signed_under(pd, device_cert_.get(), dc));
 
@@ -695,13 +671,9 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   register_device();
   // Nothing installed: the built-in certificate is in force.
   fs::remove_all("cert/uidai");
-  ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
-  Step s = init();
-  ASSERT_EQ(s.action, "UIDAI_CERT_UPDATE");
-  s = run([](char* b) { return uidai_cert_update(b); });
-  EXPECT_EQ(s.rc, 0) << testutil::last_status();
-  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
-  EXPECT_EQ(s.status, "\"READY\"");
+  queue("UIDAI_CERT_UPDATE");
+  ASSERT_EQ(init().action, "UIDAI_CERT_UPDATE");
+  EXPECT_EQ(run(uidai_cert_update), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""})) << testutil::last_status();
   EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
   auto [head, body] = capture(one_finger_);
@@ -727,9 +699,9 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   for (const auto& c : implausible) {
     SCOPED_TRACE(c.name);
     testutil::write_file("data/uidai/prod.pem", c.pem);
-    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}), 0);
+    queue("UIDAI_CERT_UPDATE");
     ASSERT_EQ(init().action, "UIDAI_CERT_UPDATE");
-    s = run([](char* b) { return uidai_cert_update(b); });
+    const Step s = run(uidai_cert_update);
     EXPECT_EQ(s.rc, -7);
     EXPECT_EQ(s.action, "UIDAI_CERT_UPDATE_RETRY");
     EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
@@ -742,17 +714,14 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   testutil::write_file("data/uidai/prod.pem", uidai_.cert_pem);
 
   // The forced update, staging branch: the pre-production checksum is stored.
-  s = run([](char* b) { return uidai_cert_force_update(b); });
-  EXPECT_EQ(s.rc, 0);
-  EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
-  EXPECT_EQ(s.status, "\"READY\"");
+  EXPECT_EQ(run(uidai_cert_force_update), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""}));
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kPreProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
   EXPECT_TRUE(pipe_.wait_for("5000|RD Service Started\n"));
 
   // Production branch: a checksum matching neither built-in certificate
   // starts a software update and is stored as the production one.
   rd_config_update([](RdConfig& c) { c.prod_register_url = c.mgmt_url_register; });
-  s = run([](char* b) { return uidai_cert_force_update(b); });
+  const Step s = run(uidai_cert_force_update);
   EXPECT_EQ(s.rc, 0);
   EXPECT_EQ(s.action, "NO_ACTION_NECESSARY");
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
@@ -834,15 +803,12 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.name);
-    ASSERT_EQ(mgmttest::run_command({"queue", kSerial, "KEY_ROTATION", "--registry", "registry.db"}), 0);
-    Step asked = init();
-    ASSERT_EQ(asked.action, "KEY_ROTATION");
-    EXPECT_EQ(asked.status, "\"USED\"");
+    queue("KEY_ROTATION");
+    ASSERT_EQ(init(), (Step{0, "KEY_ROTATION", "\"USED\""}));
     rd_config_update([&](RdConfig& c) { c.mgmt_url_keyrotation = r.url; });
-    Step s = rotate();
+    const Step s = rotate();
     EXPECT_NE(s.rc, 0);
-    EXPECT_EQ(s.action, "KEY_ROTATION_RETRY");
-    EXPECT_EQ(s.status, "\"READY\"");
+    EXPECT_EQ(s, (Step{s.rc, "KEY_ROTATION_RETRY", "\"READY\""}));
     for (std::size_t i = 0; i < before.size(); ++i)
       EXPECT_EQ(testutil::read_file(kIdentity[i]), before[i]) << kIdentity[i];
     EXPECT_EQ(rd_config_copy().dc, dc);
@@ -885,10 +851,7 @@ TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
     if (std::string(r.name) == "no signed certificate") fs::remove("cert/public/signed_mc.cer");
     set_rd_status_ready();
     test_seams::update([&](test_seams::Seams& s) { s.now = now + r.hours_later * 3600; });
-    Step s = init();
-    EXPECT_EQ(s.rc, -18);
-    EXPECT_EQ(s.action, "INIT_RETRY");
-    EXPECT_EQ(s.status, r.status);
+    EXPECT_EQ(init(), (Step{-18, "INIT_RETRY", r.status}));
   }
   test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
   set_rd_status_ready();

@@ -1,43 +1,31 @@
 // Fingerprint acquisition and the whole capture driver through the simulated
 // scanner (scripted by its control file), the real keystore, the status pipe,
 // and OpenSSL, openjpeg, libxml2 and protobuf-c to read back what was made.
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
+#include <gtest/gtest.h>
 
-#include <libxml/parser.h>
-#include <libxml/tree.h>
-
-#include <cstdlib>
+#include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "auth.pb-c.h"
+#include "common/Base64.h"
+#include "common/hash.h"
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "jp2_test_util.h"
-#include "common/Base64.h"
-#include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
-#include "rd_core/pid_crypto.h"
-#include "rd_core/pidblock.h"
+#include "platform/test_seams.h"
 #include "rd_core/pidblock_A600.h"
 #include "rd_core/scanner.h"
-#include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
 #include "sim_control.h"
-#include "test_sys.h"
 #include "test_crypto.h"
+#include "test_sys.h"
 #include "test_util.h"
-#include "common/xml_ptr.h"
-#include "platform/test_seams.h"
 
 namespace {
 
@@ -72,8 +60,6 @@ class SimFolder : public ::testing::Environment {
 };
 const auto* const g_sim_env = ::testing::AddGlobalTestEnvironment(new SimFolder);
 
-PkeyPtr public_key_of(const std::string& cert_pem) { return testcrypto::public_key_of_cert(cert_pem); }
-
 // bs must be the device key's RSA-SHA256 signature over SHA-256(record) + ts + dc.
 bool verify_bs(EVP_PKEY* key, const BioRecord& record, const std::string& ts) {
   std::vector<std::uint8_t> sig;
@@ -85,10 +71,11 @@ bool verify_bs(EVP_PKEY* key, const BioRecord& record, const std::string& ts) {
   return testcrypto::rsa_sha256_verify(key, msg, sig);
 }
 
-unsigned be(const std::vector<std::uint8_t>& b, std::size_t off, int n) {
-  unsigned long long v = 0;
-  for (int i = 0; i < n; ++i) v = (v << 8) | b[off + static_cast<std::size_t>(i)];
-  return static_cast<unsigned>(v);
+// value as n big-endian bytes, in hex.
+std::string hex_be(std::uint64_t value, int n) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%0*llx", 2 * n, static_cast<unsigned long long>(value));
+  return text;
 }
 
 PidOptionsRequest make_request(int fcount, int ftype, std::vector<std::string> positions) {
@@ -103,68 +90,41 @@ PidOptionsRequest make_request(int fcount, int ftype, std::vector<std::string> p
 
 using testutil::count_of;
 
-class CaptureTest : public ::testing::Test {
+// The library fixture, plus a device key, the simulated scanner loaded and
+// the scanner lock held, as a request holds it during a capture.
+class CaptureTest : public testutil::LibraryTest {
  protected:
   void SetUp() override {
-    pipe_ = std::make_unique<testutil::PipeReader>(work_.path());
-    ASSERT_EQ(create_Pipe(), 0);
-    ASSERT_EQ(zlog_init("rd.log"), 0);
-    rd_set_verbose(0);
-    rd_identity_update([&](RdIdentity& id) {
-      id.scanner_name = "Aratek_A600";
-      id.rdsId = "QDX.WIN.002";
-      id.prefix = "./";
-      id.appdata.clear();
-      id.dpId = "TESTDP";
-      id.mi = "QDX.TST.A600.W";
+    LibraryTest::SetUp();
+    rd_config_update([&](RdConfig& r) {
+      r.dev_pub_key_validity = "1440";
+      r.dc = kDc;
+      r.rd_ver = "1.0.0";
     });
-    rd_config_update([&](RdConfig& r) { r.dev_pub_key_validity = "1440"; });
-    rd_config_update([&](RdConfig& r) { r.dc = kDc; });
-    rd_config_update([&](RdConfig& r) { r.rd_ver = "1.0.0"; });
     set_device_serial("SIM0000001");
-    set_uidai_prod_cert_newer(true);
-
-    std::filesystem::create_directory(work_.file("locks"));
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = work_.file("locks"); });
-    semaphore_reset_for_test();
     ASSERT_EQ(init_semaphore(), 0);
-    rd_identity_update([&](RdIdentity& id) { id.appdata = work_.file("appdata"); });
-    platform::Adapter a;
-    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x01};
-    std::copy(std::begin(mac), std::end(mac), a.address);
-    a.index = 2;
-    a.ethernet = true;
-    a.name = a.description = "eth0";
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{a}; });
-    ASSERT_EQ(GenerateKeyPair(&device_cert_), 0) << log();
-    device_key_ = public_key_of(device_cert_);
+    std::string device_cert;
+    ASSERT_EQ(GenerateKeyPair(&device_cert), 0) << log();
+    device_key_ = testcrypto::public_key_of_cert(device_cert);
     ASSERT_TRUE(device_key_);
-
     refdll_ = SimFolder::refdll();
     ASSERT_EQ(dll_loading(refdll_.c_str()), 0);
     int g = aratek_sdk().GlobalInit();
     ASSERT_TRUE(g == 0 || g == ARAFPSCAN_ERROR_ALREADY_INIT) << g;
     // No beeps or pauses unless a case asks for them.
-    test_seams::update([&](test_seams::Seams& s) {
+    seams([](testutil::Seams& s) {
       s.beep_ms = 0u;
       s.recapture_pause_ms = 0u;
     });
-    // The capture runs under the scanner lock, as a request holds it.
     ASSERT_EQ(Lock_Semaphore(), 0);
   }
 
   void TearDown() override {
     Unlock_Semaphore();
-    test_seams::set({});
     sim::remove_control(refdll_);
     std::error_code ec;
     std::filesystem::remove(refdll_ + "/sim_calls.log", ec);
-    semaphore_reset_for_test();
-    test_seams::update([&](test_seams::Seams& s) { s.lock_dir = "/tmp"; });
-    test_seams::update([&](test_seams::Seams& s) { s.adapters = std::nullopt; });
-    set_uidai_prod_cert_newer(true);
-    zlog_fini();
-    pipe_.reset();
+    LibraryTest::TearDown();
   }
 
   // Scripts the scanner: no wait per capture, plus the given keys.
@@ -177,22 +137,17 @@ class CaptureTest : public ::testing::Test {
   }
   std::string calls() { return sim::call_log(refdll_); }
   std::string log() { return testutil::read_file("rd.log"); }
-  // Pipe messages so far, after a short wait for the reader thread.
+  // Pipe messages so far, once the last one expected has arrived.
   std::string pipe_text(const std::string& last) {
-    pipe_->wait_for(last, 2000);
+    pipe_->wait_for(last);
     return pipe_->received();
   }
-
-  // How often needle has arrived on the pipe, waiting up to 2 s for n of them.
+  // How often needle has arrived on the pipe, waiting for n of them.
   int pipe_count(const std::string& needle, int n) {
-    int seen = 0;
-    for (int i = 0; i < 200 && (seen = count_of(pipe_->received(), needle)) < n; ++i) platform::sleep_ms(10);
-    return seen;
+    testutil::wait_until([&] { return count_of(pipe_->received(), needle) >= n; }, 5000);
+    return count_of(pipe_->received(), needle);
   }
 
-  testutil::WorkDir work_;
-  std::unique_ptr<testutil::PipeReader> pipe_;
-  std::string device_cert_;
   PkeyPtr device_key_;
   std::string refdll_;
 };
@@ -210,10 +165,6 @@ TEST_F(CaptureTest, WaitRule) {
   }
 
   // Through a capture: the wait is logged and the request's time-out is used up.
-  test_seams::update([&](test_seams::Seams& s) {
-    s.beep_ms = 0u;
-    s.recapture_pause_ms = 0u;
-  });
   script({});
   PidOptionsRequest r = make_request(1, 0, {"UNKNOWN"});
   r.timeout_given = 1;
@@ -226,16 +177,7 @@ TEST_F(CaptureTest, WaitRule) {
   EXPECT_NE(log().find("Timeout value is 20\n"), std::string::npos);
 }
 
-TEST_F(CaptureTest, DisplayNamesOfPositions) {
-  struct Case {
-    const char* position;
-    const char* shown;
-  } cases[] = {{"LEFT_INDEX", "Left Index"},
-               {"RIGHT_LITTLE", "Right Little"},
-               {"LEFT_THUMB", "Left Thumb"},
-               {"RIGHT_MIDDLE", "Right Middle"}};
-  for (const Case& c : cases) EXPECT_EQ(position_display_name(c.position), c.shown);
-
+TEST_F(CaptureTest, PromptsNameEachFinger) {
   // The prompts on the pipe, and "Remove Finger" only between two fingers.
   struct Prompts {
     std::vector<std::string> positions;
@@ -330,10 +272,7 @@ TEST_F(CaptureTest, LowNfiqIsCapturedAgainUpToThreeTimes) {
 
   // Three NFIQ 4 images: -1 after two pauses.
   const unsigned kPause = 150;
-  test_seams::update([&](test_seams::Seams& s) {
-    s.beep_ms = 0u;
-    s.recapture_pause_ms = kPause;
-  });
+  seams([&](testutil::Seams& s) { s.recapture_pause_ms = kPause; });
   script({{"nfiq_scores", "4,5,4,2"}});
   const std::uint64_t start = platform::monotonic_ms();
   EXPECT_EQ(FP_Cap(&fingers, r, kTs), -1);
@@ -391,37 +330,13 @@ TEST_F(CaptureTest, RecordsCarryTheScannerValuesAndTheirOwnSignatures) {
         const std::vector<std::uint8_t>& b = rec.bytes;
         ASSERT_GT(b.size(), kFirHeaderSize);
         const std::size_t image_len = b.size() - kFirHeaderSize;
-        struct Field {
-          std::size_t off;
-          int size;
-          unsigned value;
-        } fields[] = {
-            {8, 6, static_cast<unsigned>(b.size())},
-            {14, 2, 0},
-            {16, 2, 30},
-            {18, 1, 1},
-            {19, 1, 1},
-            {20, 2, 1000},
-            {22, 2, 1000},
-            {24, 2, 1000},
-            {26, 2, 1000},
-            {28, 1, 8},
-            {29, 1, 4},
-            {30, 2, 0},
-            {32, 4, static_cast<unsigned>(14 + image_len)},
-            {36, 1, 0},
-            {37, 1, 1},
-            {38, 1, 1},
-            {39, 1, 64},
-            {40, 1, 0},
-            {41, 2, 300},
-            {43, 2, 400},
-            {45, 1, 0},
-        };
-        EXPECT_EQ(std::string(b.begin(), b.begin() + 8), std::string("FIR\0"
-                                                                     "010\0",
-                                                                     8));
-        for (const Field& fl : fields) EXPECT_EQ(be(b, fl.off, fl.size), fl.value) << "offset " << fl.off;
+        // The 46-byte header: "FIR", "010", the record's length, device 0,
+        // acquisition level 30, one finger, in ppi: 1000 four times, 8 bits,
+        // JPEG 2000 (4); then the view: its length, position 0, view 1 of 1,
+        // quality 64, impression 0, 300 x 400.
+        const std::string header = "4649520030313000" + hex_be(b.size(), 6) + "0000001e010103e803e803e803e80804" +
+                                   "0000" + hex_be(14 + image_len, 4) + "00010140" + "00012c019000";
+        EXPECT_EQ(hex_lower(std::span(b.data(), kFirHeaderSize)), header);
         jp2test::DecodedImage img;
         ASSERT_TRUE(jp2test::decode_jp2(b.data() + kFirHeaderSize, image_len, &img));
         EXPECT_EQ(img.width, 300);
@@ -453,153 +368,6 @@ TEST_F(CaptureTest, NoFingersAndUnreadableKey) {
   EXPECT_TRUE(fingers.empty());
   EXPECT_NE(log().find("Error at to generate bio-sign\n"), std::string::npos);
   EXPECT_NE(calls().find("ARAFPSCAN_CloseDevice 0"), std::string::npos);
-}
-
-// ------------------------------------------------------------------ capture driver
-
-struct PidFree {
-  void operator()(In__Gov__Uidai__Authserver__Protobuf__Pid* p) const {
-    in__gov__uidai__authserver__protobuf__pid__free_unpacked(p, nullptr);
-  }
-};
-
-TEST_F(CaptureTest, EncryptedPidBlockOpensWithTheUidaiKey) {
-  testcrypto::KeyAndCert uidai = testcrypto::make_self_signed("Test UIDAI", "20200101000000Z", "20340309120000Z");
-  std::filesystem::create_directories("cert/uidai");
-  testcrypto::install_uidai_cert(UidaiCert::kProd, uidai.cert_pem);
-  std::string dih;
-  ASSERT_EQ(Generate_dih(&dih), 0);
-
-  for (char format : {'P', 'X'}) {
-    SCOPED_TRACE(format);
-    script({{"minutiae_count", "31"}, {"quality_values", "70,55"}});
-    PidOptionsRequest r = make_request(2, 2, {"LEFT_INDEX", "RIGHT_THUMB"});
-    r.format = format;
-    r.otp_given = 1;
-    r.otp = "654321";
-    r.wadh = "wadh-text";
-    EncPidBlock out;
-    ASSERT_EQ(GenerateEncPIDBlock(r, &out), 0);
-    EXPECT_EQ(out.nmPoints, (std::vector<int>{31, 31}));
-    EXPECT_EQ(out.qScore, (std::vector<int>{70, 55}));
-    EXPECT_EQ(out.ci, "20340309");
-
-    std::string ts;
-    std::optional<std::vector<std::uint8_t>> opened =
-        testcrypto::open_pid(uidai.key.get(), out.skey, out.data, out.hmac, &ts);
-    ASSERT_TRUE(opened.has_value());
-    const std::vector<std::uint8_t>& plain = *opened;
-
-    // The plain block: records in capture order, each signed with this ts.
-    struct Bio {
-      std::string type, posh;
-      std::vector<std::uint8_t> content;
-      std::string bs;
-    };
-    std::vector<Bio> bios;
-    std::string pid_ts, pid_dih, otp;
-    if (format == 'P') {
-      std::unique_ptr<In__Gov__Uidai__Authserver__Protobuf__Pid, PidFree> pid(
-          in__gov__uidai__authserver__protobuf__pid__unpack(nullptr, plain.size(), plain.data()));
-      ASSERT_TRUE(pid);
-      pid_ts = pid->ts;
-      EXPECT_STREQ(pid->ver, "2.0");
-      EXPECT_STREQ(pid->wadh, "wadh-text");
-      pid_dih = pid->bios->dih;
-      otp = pid->pv ? pid->pv->otp : "";
-      for (std::size_t i = 0; i < pid->bios->n_bio; ++i) {
-        const auto* b = pid->bios->bio[i];
-        bios.push_back({b->type == 0 ? "FMR" : "FIR",
-                        b->posh == 3    ? "LEFT_INDEX"
-                        : b->posh == 12 ? "RIGHT_THUMB"
-                                        : "?",
-                        std::vector<std::uint8_t>(b->content.data, b->content.data + b->content.len), b->bs});
-      }
-    } else {
-      DocPtr doc(xmlReadMemory(reinterpret_cast<const char*>(plain.data()), static_cast<int>(plain.size()), nullptr,
-                               nullptr, 0));
-      ASSERT_TRUE(doc);
-      auto prop = [](xmlNode* n, const char* a) {
-        xmlChar* v = xmlGetProp(n, BAD_CAST a);
-        std::string s = v ? reinterpret_cast<const char*>(v) : "";
-        xmlFree(v);
-        return s;
-      };
-      xmlNode* root = xmlDocGetRootElement(doc.get());
-      pid_ts = prop(root, "ts");
-      EXPECT_EQ(prop(root, "ver"), "2.0");
-      EXPECT_EQ(prop(root, "wadh"), "wadh-text");
-      for (xmlNode* n = root->children; n; n = n->next) {
-        if (n->type != XML_ELEMENT_NODE) continue;
-        if (xmlStrEqual(n->name, BAD_CAST "Pv")) otp = prop(n, "otp");
-        if (!xmlStrEqual(n->name, BAD_CAST "Bios")) continue;
-        pid_dih = prop(n, "dih");
-        for (xmlNode* b = n->children; b; b = b->next) {
-          if (b->type != XML_ELEMENT_NODE) continue;
-          xmlChar* content = xmlNodeGetContent(b);
-          std::vector<std::uint8_t> bytes;
-          EXPECT_EQ(Base64Decode(reinterpret_cast<const char*>(content), &bytes), 0);
-          xmlFree(content);
-          bios.push_back({prop(b, "type"), prop(b, "posh"), bytes, prop(b, "bs")});
-        }
-      }
-    }
-    EXPECT_EQ(pid_ts, ts);
-    EXPECT_EQ(pid_dih, dih);
-    EXPECT_EQ(otp, "654321");
-    ASSERT_EQ(bios.size(), 4u);
-    const char* order[4][2] = {
-        {"FMR", "LEFT_INDEX"}, {"FIR", "LEFT_INDEX"}, {"FMR", "RIGHT_THUMB"}, {"FIR", "RIGHT_THUMB"}};
-    for (std::size_t i = 0; i < 4; ++i) {
-      SCOPED_TRACE(i);
-      EXPECT_EQ(bios[i].type, order[i][0]);
-      EXPECT_EQ(bios[i].posh, order[i][1]);
-      BioRecord rec;
-      rec.bytes = bios[i].content;
-      rec.bs = bios[i].bs;
-      EXPECT_TRUE(verify_bs(device_key_.get(), rec, ts));
-      EXPECT_EQ(std::string(rec.bytes.begin(), rec.bytes.begin() + 3), i % 2 ? "FIR" : "FMR");
-    }
-  }
-}
-
-TEST_F(CaptureTest, DriverFailuresGiveTheirCodes) {
-  struct Case {
-    const char* name;
-    sim::Keys keys;
-    bool drop_key;
-    bool wrong_checksum;
-    int rc;
-    const char* pipe;
-  } cases[] = {
-      {"timeout", {{"capture_results", "-113"}}, false, false, 700, "5000|Capture Timeout\n"},
-      {"capture error", {{"capture_results", "-6"}}, false, false, 730, "5000|Capture Failed\n"},
-      {"no device", {{"present", "0"}}, false, false, 999, "5000|Internal Error\n"},
-      {"certificate", {}, false, true, 240, "10000|Error at Generate encrypted and|plain sessionKey\n"},
-      {"no key", {}, true, false, 999, "5000|Internal Error\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.drop_key) std::filesystem::remove("keystore/enc_private_key");
-    if (c.wrong_checksum) set_uidai_prod_checksum(std::string(64, '0'));
-    script(c.keys);
-    PidOptionsRequest r = make_request(1, 0, {"LEFT_INDEX"});
-    EncPidBlock out;
-    out.data = "stale";
-    EXPECT_EQ(GenerateEncPIDBlock(r, &out), c.rc);
-    EXPECT_TRUE(out.data.empty() && out.hmac.empty() && out.skey.empty() && out.nmPoints.empty());
-    EXPECT_TRUE(pipe_->wait_for(c.pipe)) << pipe_->received();
-    EXPECT_NE(calls().find("ARAFPSCAN_OpenDevice"), std::string::npos);
-    if (c.wrong_checksum) {
-      EXPECT_NE(
-          testutil::last_status().find(" | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
-          std::string::npos)
-          << testutil::last_status();
-      set_uidai_prod_checksum("");
-    }
-  }
-  EXPECT_NE(log().find("Error at FP Capture\n"), std::string::npos);
-  EXPECT_NE(log().find("Error at GenerateEncandPlainSessionKey \n"), std::string::npos);
 }
 
 }  // namespace

@@ -1,14 +1,19 @@
-// Decodes a JP2 file from memory with openjpeg, for tests that check what the
-// library compressed. Header-only.
+// Decodes a JP2 file with openjpeg, for tests that check what the library
+// compressed. Header-only.
 #ifndef VEXO_TESTS_JP2_TEST_UTIL_H
 #define VEXO_TESTS_JP2_TEST_UTIL_H
 
 #include <openjpeg.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
-#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
 #include <vector>
+
+#include "test_sys.h"
 
 namespace jp2test {
 
@@ -20,47 +25,20 @@ struct DecodedImage {
   std::vector<std::uint8_t> pixels;  // first component, row by row
 };
 
-namespace detail {
-struct Source {
-  const std::uint8_t* data;
-  std::size_t size;
-  std::size_t pos;
-};
-inline OPJ_SIZE_T read(void* buf, OPJ_SIZE_T n, void* user) {
-  auto* s = static_cast<Source*>(user);
-  if (s->pos >= s->size) return static_cast<OPJ_SIZE_T>(-1);
-  OPJ_SIZE_T k = std::min<OPJ_SIZE_T>(n, s->size - s->pos);
-  std::memcpy(buf, s->data + s->pos, k);
-  s->pos += k;
-  return k;
-}
-inline OPJ_OFF_T skip(OPJ_OFF_T n, void* user) {
-  auto* s = static_cast<Source*>(user);
-  s->pos = std::min<std::size_t>(s->size, static_cast<std::size_t>(static_cast<OPJ_OFF_T>(s->pos) + n));
-  return n;
-}
-inline OPJ_BOOL seek(OPJ_OFF_T pos, void* user) {
-  auto* s = static_cast<Source*>(user);
-  if (pos < 0 || static_cast<std::size_t>(pos) > s->size) return OPJ_FALSE;
-  s->pos = static_cast<std::size_t>(pos);
-  return OPJ_TRUE;
-}
-}  // namespace detail
-
-// true and *out filled when bytes hold a decodable JP2 file.
+// true and *out filled when bytes hold a decodable JP2 file. openjpeg reads
+// a copy of them in a file of this process below the system's temporary folder.
 inline bool decode_jp2(const std::uint8_t* data, std::size_t size, DecodedImage* out) {
-  detail::Source src{data, size, 0};
-  opj_stream_t* stream = opj_stream_create(OPJ_J2K_STREAM_CHUNK_SIZE, OPJ_TRUE);
-  opj_stream_set_user_data(stream, &src, nullptr);
-  opj_stream_set_user_data_length(stream, size);
-  opj_stream_set_read_function(stream, detail::read);
-  opj_stream_set_skip_function(stream, detail::skip);
-  opj_stream_set_seek_function(stream, detail::seek);
+  static std::atomic<int> serial{0};
+  const std::filesystem::path path =
+      std::filesystem::temp_directory_path() /
+      ("vexo_jp2_" + std::to_string(testsys::process_id()) + "_" + std::to_string(serial++) + ".jp2");
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  opj_stream_t* stream = opj_stream_create_default_file_stream(path.string().c_str(), OPJ_TRUE);
   opj_codec_t* codec = opj_create_decompress(OPJ_CODEC_JP2);
   opj_dparameters_t params;
   opj_set_default_decoder_parameters(&params);
   opj_image_t* image = nullptr;
-  bool ok = opj_setup_decoder(codec, &params) && opj_read_header(stream, codec, &image) &&
+  bool ok = stream != nullptr && opj_setup_decoder(codec, &params) && opj_read_header(stream, codec, &image) &&
             opj_decode(codec, stream, image) && opj_end_decompress(codec, stream);
   if (ok) {
     out->width = static_cast<int>(image->x1 - image->x0);
@@ -75,7 +53,9 @@ inline bool decode_jp2(const std::uint8_t* data, std::size_t size, DecodedImage*
   }
   if (image != nullptr) opj_image_destroy(image);
   opj_destroy_codec(codec);
-  opj_stream_destroy(stream);
+  if (stream != nullptr) opj_stream_destroy(stream);
+  std::error_code ec;
+  std::filesystem::remove(path, ec);
   return ok;
 }
 
