@@ -1,24 +1,24 @@
 #!/usr/bin/python3
-"""The integrators' test page (web/) in headless Chromium against a real
-vexo-host, with the page served from another origin.
+# The integrators' test page (web/) in headless Chromium against a real
+# vexo-host, with the page served from another origin.
+#
+#   rd_browser_test.py --build DIR --source DIR CASE
+#
+# CASE is one of
+#   http    page on http://127.0.0.1:P discovers the service over HTTP (beside a
+#           hostile fake service whose texts must stay text), reads DeviceInfo,
+#           captures with errCode 0 and decodes the answer;
+#   https   page on https://localhost:P, service with IS_SSL_ENABLE=1; Chromium
+#           trusts the local CA only through the NSS database of a temporary HOME
+#           that vexoctl trust-tls filled (no flag that ignores certificate errors);
+#   preflight  the page as a public site (address-space override) reaching the
+#           local service over HTTPS: the browser's pre-flight as the service
+#           received it and the answer as the browser saw it.
+#
+# Exit codes: 0 passed, 1 failed, 77 skipped (Chromium, chromedriver or
+# python3-selenium not installed). A screenshot of the page goes to
+# DIR/web-screenshots/CASE.png.
 
-  rd_browser_test.py --build DIR --source DIR CASE
-
-CASE is one of
-  http    page on http://127.0.0.1:P discovers the service over HTTP (beside a
-          hostile fake service whose texts must stay text), reads DeviceInfo,
-          captures with errCode 0 and decodes the answer;
-  https   page on https://localhost:P, service with IS_SSL_ENABLE=1; Chromium
-          trusts the local CA only through the NSS database of a temporary HOME
-          that vexoctl trust-tls filled (no flag that ignores certificate errors);
-  preflight  the page as a public site (address-space override) reaching the
-          local service over HTTPS: the browser's pre-flight as the service
-          received it and the answer as the browser saw it.
-
-Exit codes: 0 passed, 1 failed, 77 skipped (Chromium, chromedriver or
-python3-selenium not installed). A screenshot of the page goes to
-DIR/web-screenshots/CASE.png.
-"""
 import argparse
 import functools
 import http.server
@@ -58,9 +58,9 @@ def log(message):
 
 # ------------------------------------------------------------ page servers
 
+# Serves web/ and records every request line, so the test can show that the
+# page sends nothing back to its own origin but GETs of its files.
 class PageHandler(http.server.SimpleHTTPRequestHandler):
-    """Serves web/ and records every request line, so the test can show that
-    the page sends nothing back to its own origin but GETs of its files."""
 
     requests = []
 
@@ -95,8 +95,8 @@ def serve_page(web_dir, tls_pair=None):
     return server, server.server_address[1]
 
 
+# Another RD service on the machine whose texts carry markup.
 class FakeRdHandler(http.server.BaseHTTPRequestHandler):
-    """Another RD service on the machine whose texts carry markup."""
 
     def log_message(self, fmt, *args):
         pass
@@ -141,9 +141,9 @@ def serve_fake_rd(first_port, last_port):
 
 # ----------------------------------------------------------- the service
 
+# vexoctl lays out a working folder; vexo-host runs the service in it, without
+# a Management server (a failed Init would leave the service USED).
 class Service:
-    """vexoctl lays out a working folder; vexo-host runs the service in it,
-    without a Management server (a failed Init would leave the service USED)."""
 
     def __init__(self, build, tmp, tls, scanner="Aratek_A600"):
         self.build = build
@@ -182,9 +182,9 @@ class Service:
         with open(os.path.join(self.workdir, "rd.log"), errors="replace") as f:
             return f.read()
 
+    # The requests as the service logged them: "VERB PATH" of each "Request
+    # is:" line (the service never logs a body).
     def requests(self):
-        """The requests as the service logged them: "VERB PATH" of each
-        "Request is:" line (the service never logs a body)."""
         return re.findall(r"\) - Request is: (\S+ \S*), body of \d+ bytes", self.rd_log())
 
     def stop(self):
@@ -372,10 +372,10 @@ def case_https(args, tmp):
         service.stop()
 
 
+# Pre-flights to service_base that got an answer, as the browser's network
+# stack reported them: [(request headers, security state of the page, answer
+# headers)], header names in lower case.
 def preflights_seen(driver, service_base):
-    """Pre-flights to service_base that got an answer, as the browser's
-    network stack reported them: [(request headers, security state of the
-    page, answer headers)], header names in lower case."""
     preflights, extra, answers = set(), {}, {}
     for entry in driver.get_log("performance"):
         m = json.loads(entry["message"])["message"]
