@@ -53,10 +53,7 @@ std::string expect_local_tls(const std::string& wd) {
   auto key = load_key(wd + "/cert/ssl/private.key");
   auto ca = load_cert(wd + "/cert/ssl/ca/ca.crt");
   auto ca_key = load_key(wd + "/cert/ssl/ca/ca.key");
-  EXPECT_NE(cert, nullptr);
-  EXPECT_NE(key, nullptr);
-  EXPECT_NE(ca, nullptr);
-  EXPECT_NE(ca_key, nullptr);
+  EXPECT_TRUE(cert && key && ca && ca_key) << "a certificate or key of " << wd << " is missing";
   if (!cert || !key || !ca || !ca_key) return "";
   EXPECT_EQ(X509_check_private_key(cert.get(), key.get()), 1);
   EXPECT_EQ(X509_check_private_key(ca.get(), ca_key.get()), 1);
@@ -148,11 +145,7 @@ TEST_F(VexoctlTest, CommandsHaveHelpAndRejectBadUsage) {
     std::vector<std::string> args;
     int rc;
   } bad[] = {
-      {{}, 2},
-      {{"frobnicate"}, 2},
-      {{"domain-encrypt"}, 2},
-      {{"domain-encrypt", "a", "b"}, 2},
-      {{"seal"}, 2},
+      {{}, 2}, {{"frobnicate"}, 2}, {{"domain-encrypt"}, 2}, {{"domain-encrypt", "a", "b"}, 2}, {{"seal"}, 2},
       {{"init-workdir", "wd", "--scanner", "Aratek_A600"}, 2},
       {{"init-workdir", "wd", "--mgmt-url", kUrl}, 2},
       {{"init-workdir", "wd", "--scanner", "Aratek_A600", "--mgmt-url", kUrl, "--bogus"}, 2},
@@ -170,17 +163,13 @@ TEST_F(VexoctlTest, CommandsHaveHelpAndRejectBadUsage) {
 TEST_F(VexoctlTest, DomainValueFromTheToolGivesTheEndpoints) {
   ToolRun enc = run_tool(kTool, {"domain-encrypt", kUrl});
   ASSERT_EQ(enc.rc, 0) << enc.out;
-  ASSERT_FALSE(enc.out.empty());
-  ASSERT_EQ(enc.out.back(), '\n');
+  ASSERT_TRUE(enc.out.ends_with("\n")) << enc.out;
   const std::string value = enc.out.substr(0, enc.out.size() - 1);
   ToolRun dec = run_tool(kTool, {"domain-decrypt", value});
   EXPECT_EQ(dec.rc, 0);
   EXPECT_EQ(dec.out, std::string(kUrl) + "\n");
 
-  write_file("config.ini",
-             "[config]\nRD_VER = 1.0.0\nDEV_PUB_KEY_VALIDITY = 1440\ndc = D1\n"
-             "DOMAIN_NAME = " +
-                 value + "\n");
+  write_file("config.ini", "[config]\nRD_VER = 1.0.0\nDEV_PUB_KEY_VALIDITY = 1440\ndc = D1\nDOMAIN_NAME = " + value);
   ASSERT_EQ(run_tool(kTool, {"seal", dir_.file("config.ini")}).rc, 0);
   ASSERT_EQ(read_config_in(dir_.path()), 0);
   // The library derives every endpoint from it (each one is checked in config_test).
@@ -199,14 +188,10 @@ TEST_F(VexoctlTest, UidaiCertInstallsACertificateTheLibraryUses) {
     std::vector<std::string> args;
     int rc;
   } runs[] = {
-      {{"uidai-cert", "wd", "P"}, 2},
-      {{"uidai-cert", "wd", "PROD", "new.pem"}, 2},
-      {{"uidai-cert", "wd", "P", "junk.pem"}, 1},
-      {{"uidai-cert", "wd", "P", "absent.pem"}, 1},
-      {{"uidai-cert", "wd", "P", "ca.pem"}, 1},
-      {{"uidai-cert", "wd", "S", "ca.pem", "--force"}, 0},
-      {{"uidai-cert", "wd", "PP", "new.pem"}, 0},
-      {{"uidai-cert", "wd", "P_OLD", "new.pem"}, 0},
+      {{"uidai-cert", "wd", "P"}, 2},           {{"uidai-cert", "wd", "PROD", "new.pem"}, 2},
+      {{"uidai-cert", "wd", "P", "junk.pem"}, 1}, {{"uidai-cert", "wd", "P", "absent.pem"}, 1},
+      {{"uidai-cert", "wd", "P", "ca.pem"}, 1},   {{"uidai-cert", "wd", "S", "ca.pem", "--force"}, 0},
+      {{"uidai-cert", "wd", "PP", "new.pem"}, 0}, {{"uidai-cert", "wd", "P_OLD", "new.pem"}, 0},
   };
   for (const auto& r : runs) {
     ToolRun run = run_tool(kTool, r.args);
