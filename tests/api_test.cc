@@ -23,7 +23,7 @@ namespace {
 using testutil::Attrs;
 
 constexpr char kCertRaw[] = "0\x82\x01\x0a signed device certificate \xff\x00 tail";
-const std::string kCertBytes(kCertRaw, sizeof kCertRaw - 1);  // binary, with a NUL inside
+const std::string kCertBytes(kCertRaw, sizeof kCertRaw - 1);                     // binary, with a NUL inside
 const std::string kMc = "MIIBCiBzaWduZWQgZGV2aWNlIGNlcnRpZmljYXRlIP8AIHRhaWw=";  // its Base64
 const char* kCertPath = "./cert/public/signed_mc.cer";
 constexpr const char* kValidBody =
@@ -86,8 +86,12 @@ class ApiTest : public testutil::LibraryTest {
     EXPECT_EQ(resp["errCode"] + "|" + resp["errInfo"] + "|" + resp["fCount"],
               std::to_string(code) + "|" + info + "|" + fcount);
     xmlNode* dev = testutil::child(root, "DeviceInfo");
-    EXPECT_EQ(testutil::attrs(dev), (Attrs{{"dpId", "KORVANE.AR"}, {"rdsId", "QDX.WIN.002"}, {"rdsVer", "1.0.2"},
-                                           {"dc", "4f3c1a2b-dc"}, {"mi", "A600"}, {"mc", mc}}));
+    EXPECT_EQ(testutil::attrs(dev), (Attrs{{"dpId", "KORVANE.AR"},
+                                           {"rdsId", "QDX.WIN.002"},
+                                           {"rdsVer", "1.0.2"},
+                                           {"dc", "4f3c1a2b-dc"},
+                                           {"mi", "A600"},
+                                           {"mc", mc}}));
     EXPECT_EQ(testutil::attrs(testutil::child(testutil::child(dev, "additional_info"), "Param")),
               (Attrs{{"name", "srno"}, {"value", "SN0042"}}));
     EXPECT_EQ(testutil::content(root), "");

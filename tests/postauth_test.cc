@@ -139,6 +139,7 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
     sim::Keys keys;
     std::string body, answer;
   } rows[] = {
+      // clang-format off
       {"battery", {}, query("GET_BATTERYSTATUS"), success(p, "85")},
       {"firmware", {{"tavio_firmware", "FW 9.9"}}, query("GET_FIRMWAREVERSION"), success(p, "FW 9.9")},
       {"identifiers", {{"tavio_serial", "TX9-777"}}, query("GET_DEVICEID"), success(p, "TX9-777")},
@@ -166,6 +167,7 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
        refusal(p, "73", "Paper Roll Patch is left Opened and Battery of Device is also Low")},
       {"printer status without a text", {{"tavio_print_result", "15"}}, print("x"), refusal(p, "15", "")},
   };
+  // clang-format on
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     control(row.keys);

@@ -2,7 +2,9 @@
  * so the loader must check every name, not just the first ones. The loader
  * refuses such a library before it calls anything, so every entry point is a
  * stub whatever its real signature. */
+// clang-format off
 #define STUB(name) SIM_VISIBLE int name(void) { return 0; }
+// clang-format on
 
 #ifdef INCOMPLETE_SCANNER
 STUB(ARAFPSCAN_GlobalInit)

@@ -309,6 +309,7 @@ int run(const std::string& call, std::string* text, int out_len = 64) {
 TEST_F(SimTest, HandheldAnswersAndFailsAsScripted) {
   load("Tavio_TX9");
   const int none = SIM_ERR_NO_DEVICE;
+  // clang-format off
   struct Row {
     sim::Keys keys;
     std::vector<Step> steps;
@@ -330,6 +331,7 @@ TEST_F(SimTest, HandheldAnswersAndFailsAsScripted) {
       {{{"tavio_logs_init_result", "-8"}, {"bt_security_results", "-4"}, {"tavio_close_result", "-2"}},
        {{"logs", -8, ""}, {"security", -4, ""}, {"security", 0, ""}, {"close", -2, ""}}},
   };
+  // clang-format on
   for (std::size_t r = 0; r < std::size(rows); ++r) {
     control(rows[r].keys);
     for (std::size_t i = 0; i < rows[r].steps.size(); ++i) {
@@ -346,21 +348,6 @@ TEST_F(SimTest, HandheldAnswersAndFailsAsScripted) {
   EXPECT_EQ(0, run("firmware", &text, 3));
   EXPECT_EQ("TX", text);
   EXPECT_EQ(SIM_ERR_BAD_PARAM, run("firmware", &text, 0));
-}
-
-TEST_F(SimTest, CallLogRecordsEveryCallWhenAsked) {
-  load();
-  control({{"call_log", "1"}, {"capture_wait_ms", "0"}, {"capture_results", "-113"}});
-  {
-    OpenScanner dev;
-    ASSERT_EQ(0, dev.rc);
-    int rc = 0;
-    capture(dev.handle, &rc);
-  }
-  EXPECT_EQ(
-      "ARAFPSCAN_OpenDevice 0\nARAFPSCAN_GetImageInfo 0\nARAFPSCAN_CaptureRawData -113\n"
-      "ARAFPSCAN_CloseDevice 0\n",
-      sim::call_log(refdll_));
 }
 
 TEST_F(SimTest, GlobalInitTwiceAnswersAlreadyInitialised) {
