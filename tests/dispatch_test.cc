@@ -1,6 +1,7 @@
 // Request dispatch through the real listener: every verb and edge case checked
 // on the exact bytes the client receives.
 #include <cstdlib>
+#include <sstream>
 
 #include "common/rd_config.h"
 #include "common/work_area.h"
@@ -11,20 +12,55 @@ using namespace testutil;
 
 namespace {
 
-const char kCors[] =
-    "\r\nAccess-Control-Allow-Origin: *\r\nAccess-Control-Allow-Methods:RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH\r\n"
-    "ACCESS-CONTROL-ALLOW-HEADERS:Content-Type\r\nContent-Type: text/xml; charset=utf-8";
-const char kOkOptions[] =
-    "HTTP/1.1 200 OK\r\nACCESS-CONTROL-ALLOW-HEADERS: Content-Type\r\nACCESS-CONTROL-ALLOW-METHODS: "
-    "RDSERVICE,DEVICEINFO,CAPTURE,POSTAUTH\r\nACCESS-CONTROL-ALLOW-ORIGIN: *\r\nContent-Length: 0\r\nConnection: "
-    "close\r\nContent-Type: text/xml; charset=utf-8\r\n";
 const char kBadPidOptions[] =
     "<PidData>\n<Resp errCode=\"100\" errInfo=\"Invalid input Pid-Options, XML should strictly adhere to spec\"\n"
     "<PidData />\n";
-const char kPostAuth[] = "POSTAUTH /rd/postauth HTTP/1.1\r\nContent-Length: 11\r\n\r\n<PostAuth/>";
 
 std::string capture_request(const std::string& path, const std::string& version, const std::string& body) {
   return "CAPTURE " + path + " " + version + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// A text of a data file: \r \n \t \\ and \xHH stand for those bytes, {PORT}
+// for the listener's port and {N*c} for the character c N times.
+std::string unescape(const std::string& in, int port) {
+  std::string out;
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    if (in[i] == '\\') {
+      const char c = in[++i];
+      if (c == 'x') {
+        out += static_cast<char>(std::stoi(in.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+      } else {
+        out += c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c;
+      }
+    } else if (in.compare(i, 6, "{PORT}") == 0) {
+      out += std::to_string(port);
+      i += 5;
+    } else if (in[i] == '{') {
+      const std::size_t star = in.find('*', i);
+      out.append(std::stoul(in.substr(i + 1, star - i - 1)), in[star + 1]);
+      i = star + 2;
+    } else {
+      out += in[i];
+    }
+  }
+  return out;
+}
+
+// The exchanges of a data file: "== name" starts one, "> " gives its request
+// and "< " the answer the client must receive, byte for byte.
+struct Exchange {
+  std::string name, request, answer;
+};
+std::vector<Exchange> exchanges(const std::string& file, int port) {
+  std::vector<Exchange> rows;
+  std::istringstream in(data_file(file));
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with("== ")) rows.push_back({line.substr(3), "", ""});
+    if (line.starts_with("> ")) rows.back().request = unescape(line.substr(2), port);
+    if (line.starts_with("< ")) rows.back().answer = unescape(line.substr(2), port);
+  }
+  return rows;
 }
 
 class DispatchTest : public LibraryTest {
@@ -37,75 +73,22 @@ class DispatchTest : public LibraryTest {
   int port_ = 0;
 };
 
+// OPTIONS, RDSERVICE, CAPTURE, DEVICEINFO and POSTAUTH with wrong paths,
+// versions, bodies and lengths; POSTAUTH without the handheld library (another
+// scanner) finds no port to open.
 TEST_F(DispatchTest, AnswersEveryVerbByteForByte) {
-  const int p = port_;
-  const std::string body = discovery_body("READY"), origin = "http://localhost:3000";
-  const std::string bad_capture = ok_header(p, "/rd/capture", 114) + kBadPidOptions;
-  // Without the handheld library (another scanner) there is no port to open.
-  const std::string no_port =
-      "<PostAuthResp>\n\t<Device Dev_ErrorCode = \"-1\"  Description = \"Command Not Sent to Device\"  Response_value = "
-      "\"(null)\" />\n\t<RD RD_ErrorCode = \"-10\"   Description = \"Opening COM Port is failed for device\"  "
-      "RD_Status = \"READY\" />\n</PostAuthResp>";
-  const struct {
-    const char* name;
-    std::string request, answer;
-  } rows[] = {
-      {"OPTIONS without Origin", "OPTIONS /rd/capture HTTP/1.1\r\n\r\n",
-       std::string("HTTP/1.1 405 \r\nContent-Length: 0") + kCors + "\r\n"},
-      {"OPTIONS with Origin", "OPTIONS /rd/capture HTTP/1.1\r\nOrigin: " + origin + "\r\n\r\n",
-       std::string(kOkOptions) + "\r\n"},
-      {"OPTIONS with Origin: but no line feed after it", "OPTIONS / HTTP/1.1\r\nContent-Length: 8\r\n\r\nOrigin:x",
-       std::string("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close") + kCors + "\r\n\r\n"},
-      {"RDSERVICE, any path", "RDSERVICE /whatever HTTP/1.1\r\n\r\n", ok_header(p, "/", body.size()) + body},
-      {"RDSERVICE with Origin: two blanks before the value", "RDSERVICE / HTTP/1.1\r\nOrigin: " + origin + "\r\n\r\n",
-       ok_header(p, "/", body.size(), (" " + origin).c_str()) + body},
-      {"RDSERVICE with Origin: null echoes \" null\"", "RDSERVICE / HTTP/1.1\r\nOrigin: null\r\n\r\n",
-       ok_header(p, "/", body.size(), " null") + body},
-      {"RDSERVICE with Origin:null uses the no-origin form", "RDSERVICE / HTTP/1.1\r\nOrigin:null\r\n\r\n",
-       ok_header(p, "/", body.size()) + body},
-      {"RDSERVICE over HTTP/1.0 with Origin", "RDSERVICE /x HTTP/1.0\r\nOrigin: " + origin + "\r\n\r\n",
-       error_header(505, p, "/x", (" " + origin).c_str())},
-      {"RDSERVICE: the version comes from the request line only", "RDSERVICE /x\r\nHTTP/1.1 y\r\n\r\n",
-       error_header(505, p, "/x")},
-      {"CAPTURE with /rd/Capture", capture_request("/rd/Capture", "HTTP/1.1", "<PidOptions/>"),
-       error_header(400, p, "/rd/capture")},
-      {"CAPTURE over HTTP/1.0", capture_request("/rd/capture", "HTTP/1.0", "<PidOptions/>"),
-       error_header(505, p, "/rd/capture")},
-      {"CAPTURE with a 1025-byte body", capture_request("/rd/capture", "HTTP/1.1", "<" + std::string(1024, 'a')),
-       bad_capture},
-      {"CAPTURE without a body", "CAPTURE /rd/capture HTTP/1.1\r\n\r\n", bad_capture},
-      {"CAPTURE without a version", "CAPTURE /rd/capture\r\nContent-Length: 4\r\n\r\n<a/>", bad_capture},
-      {"CAPTURE path longer than its field", capture_request("/" + std::string(60, 'x'), "HTTP/1.1", "<a/>"),
-       error_header(400, p, "/rd/capture")},
-      {"CAPTURE without Content-Length", "CAPTURE /rd/capture HTTP/1.1\r\nHost: a\r\n\r\n<a/>", bad_capture},
-      {"CAPTURE whose body is not Content-Length long",
-       "CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 3\r\nX: <\r\n\r\n<a/>", bad_capture},
-      {"capture in lower case", "capture /rd/capture HTTP/1.1\r\nContent-Length: 4\r\n\r\n<a/>",
-       error_header(405, p, "")},
-      {"GET with a long path is still an unknown verb", "GET /" + std::string(400, 'g') + " HTTP/1.1\r\n\r\n",
-       error_header(405, p, "")},
-      {"DEVICEINFO for /info", "DEVICEINFO /info HTTP/1.1\r\n\r\n", error_header(400, p, "/info")},
-      {"DEVICEINFO over HTTP/1.0", "DEVICEINFO /rd/info HTTP/1.0\r\n\r\n", error_header(505, p, "/rd/info")},
-      {"DEVICEINFO, wrong path and version", "DEVICEINFO /info HTTP/1.0\r\n\r\n", error_header(505, p, "/info")},
-      {"POSTAUTH for /postauth", "POSTAUTH /postauth HTTP/1.1\r\n\r\n", error_header(400, p, "/postauth")},
-      {"POSTAUTH over HTTP/1.0", "POSTAUTH /rd/postauth HTTP/1.0\r\n\r\n", error_header(505, p, "/rd/postauth")},
-      {"POSTAUTH without a body", "POSTAUTH /rd/postauth HTTP/1.1\r\n\r\n", error_header(422, p, "/rd/postauth")},
-      {"POSTAUTH without a handheld device", kPostAuth, ok_header(p, "/rd/postauth", no_port.size()) + no_port},
-      {"verb too long", std::string(20, 'V') + " / HTTP/1.1\r\n\r\n", error_header(400, p, "")},
-      {"RDSERVICE path too long", "RDSERVICE /" + std::string(300, 'q') + " HTTP/1.1\r\n\r\n",
-       error_header(400, p, "")},
-      {"RDSERVICE version too long", "RDSERVICE / HTTP/1.1xxxxxxxxxxxxxxx\r\n\r\n", error_header(400, p, "")},
-  };
-  for (const auto& row : rows) {
+  const std::vector<Exchange> rows = exchanges("dispatch_verbs.txt", port_);
+  ASSERT_EQ(rows.size(), 29u);
+  for (const Exchange& row : rows) {
     SCOPED_TRACE(row.name);
-    EXPECT_EQ(http_exchange(p, row.request), row.answer);
+    EXPECT_EQ(http_exchange(port_, row.request), row.answer);
   }
   // Lines logged by the design's functions, not by helpers; a refused capture
   // is reported to the front end.
   EXPECT_TRUE(wait_log("server", "process_incoming_message", "PATH VALIDATION FAILED"));
   EXPECT_TRUE(wait_log("server", "Get_PostAuthBody", "Post Auth request doesn't have Body"));
   EXPECT_TRUE(wait_log("server", "process_incoming_message",
-                       "Origin value is: " + origin + " AND length of origin is:" + std::to_string(origin.size() + 1)));
+                       "Origin value is: http://localhost:3000 AND length of origin is:22"));
   EXPECT_TRUE(pipe_->wait_for("10000|Error at Parsing the capture request\n"));
   EXPECT_NE(last_status().find(" | server | process_incoming_message | Error at Parsing the capture request "),
             std::string::npos);
@@ -115,40 +98,9 @@ TEST_F(DispatchTest, AnswersEveryVerbByteForByte) {
 // Access-Control-Request-Private-Network; only an OPTIONS answer of 200 to
 // such a header line grants it, and every other answer keeps its bytes.
 TEST_F(DispatchTest, GrantsPrivateNetworkOnlyToPreflightsThatAsk) {
-  const std::string grant = "Access-Control-Allow-Private-Network: true\r\n", body = discovery_body("READY");
-  auto options = [](const std::string& extra) {
-    return "OPTIONS /rd/capture HTTP/1.1\r\nOrigin: https://portal.example\r\nAccess-Control-Request-Method: "
-           "CAPTURE\r\n" +
-           extra + "\r\n";
-  };
-  const struct {
-    const char* name;
-    std::string request, answer;
-  } rows[] = {
-      {"asks", options("Access-Control-Request-Private-Network: true\r\n"), kOkOptions + grant + "\r\n"},
-      {"asks in lower case, no blank", options("access-control-request-private-network:true\r\n"),
-       kOkOptions + grant + "\r\n"},
-      {"asks with a trailing blank", options("Access-Control-Request-Private-Network: true \r\n"),
-       kOkOptions + grant + "\r\n"},
-      {"does not ask", options(""), std::string(kOkOptions) + "\r\n"},
-      {"value false", options("Access-Control-Request-Private-Network: false\r\n"), std::string(kOkOptions) + "\r\n"},
-      {"value True", options("Access-Control-Request-Private-Network: True\r\n"), std::string(kOkOptions) + "\r\n"},
-      {"another header's name ends so", options("X-Access-Control-Request-Private-Network: true\r\n"),
-       std::string(kOkOptions) + "\r\n"},
-      {"only in the body, after the blank line",
-       "OPTIONS / HTTP/1.1\r\nOrigin: https://portal.example\r\nContent-Length: 46\r\n\r\n"
-       "Access-Control-Request-Private-Network: true\r\n",
-       std::string(kOkOptions) + "\r\n"},
-      {"no Origin: the 405 stays as it is",
-       "OPTIONS / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\n\r\n",
-       std::string("HTTP/1.1 405 \r\nContent-Length: 0") + kCors + "\r\n"},
-      {"Origin: without a line feed after it",
-       "OPTIONS / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\nContent-Length: 8\r\n\r\nOrigin:x",
-       std::string("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close") + kCors + "\r\n" + grant + "\r\n"},
-      {"not an OPTIONS request", "RDSERVICE / HTTP/1.1\r\nAccess-Control-Request-Private-Network: true\r\n\r\n",
-       ok_header(port_, "/", body.size()) + body},
-  };
-  for (const auto& row : rows) {
+  const std::vector<Exchange> rows = exchanges("dispatch_private_network.txt", port_);
+  ASSERT_EQ(rows.size(), 11u);
+  for (const Exchange& row : rows) {
     SCOPED_TRACE(row.name);
     EXPECT_EQ(http_exchange(port_, row.request), row.answer);
   }

@@ -97,23 +97,23 @@ TEST(PostAuthParse, KeepsTheFourTextsOrRefuses) {
     const char* name;
     std::string body;
     int rc;
-    std::string p1_name, p1_value, p2_name, p2_value, log;
+    std::string fields, log;  // the four texts, joined with "|"
   } rows[] = {
       {"both params",
        "<PostAuth><CustOpts><Param1 name=\"PRINTER\" value=\"Rs 10 &amp; &lt;ok&gt;\"/>"
        "<Param2 name=\"GET_DEVICEID\" value=\"x\"/></CustOpts></PostAuth>",
-       0, "PRINTER", "Rs 10 & <ok>", "GET_DEVICEID", "x", ""},
-      {"only Param2", query("GET_BATTERYSTATUS"), 0, "", "", "GET_BATTERYSTATUS", "", ""},
-      {"empty root", "<PostAuth/>", 0, "", "", "", "", ""},
+       0, "PRINTER|Rs 10 & <ok>|GET_DEVICEID|x", ""},
+      {"only Param2", query("GET_BATTERYSTATUS"), 0, "||GET_BATTERYSTATUS|", ""},
+      {"empty root", "<PostAuth/>", 0, "|||", ""},
       {"CustOpts not first", "<PostAuth><X/><CustOpts><Param1 name=\"PRINTER\" value=\"t\"/></CustOpts></PostAuth>", 0,
-       "", "", "", "", ""},
-      {"long value cut", print(std::string(300, 'x')), 0, "PRINTER", std::string(255, 'x'), "", "", ""},
-      {"cut before a split character", print(a254 + "\xC3\xA9"), 0, "PRINTER", a254, "", "", ""},
-      {"PidOptions root", "<PidOptions ver=\"1.0\"><Opts fCount=\"1\"/></PidOptions>", 100, "", "", "", "",
+       "|||", ""},
+      {"long value cut", print(std::string(300, 'x')), 0, "PRINTER|" + std::string(255, 'x') + "||", ""},
+      {"cut before a split character", print(a254 + "\xC3\xA9"), 0, "PRINTER|" + a254 + "||", ""},
+      {"PidOptions root", "<PidOptions ver=\"1.0\"><Opts fCount=\"1\"/></PidOptions>", 100, "|||",
        "Invalid pidoption input : PidOptions"},
-      {"not XML", "<PostAuth><CustOpts>", -1, "", "", "", "", "Failed at xmlParseMemory"},
-      {"text", "GET_BATTERYSTATUS", -1, "", "", "", "", "Failed at xmlParseMemory"},
-      {"empty", "", -1, "", "", "", "", "Failed at xmlParseMemory"},
+      {"not XML", "<PostAuth><CustOpts>", -1, "|||", "Failed at xmlParseMemory"},
+      {"text", "GET_BATTERYSTATUS", -1, "|||", "Failed at xmlParseMemory"},
+      {"empty", "", -1, "|||", "Failed at xmlParseMemory"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -122,7 +122,7 @@ TEST(PostAuthParse, KeepsTheFourTextsOrRefuses) {
     for (char* field : {f.param1_name, f.param1_value, f.param2_name, f.param2_value}) std::strcpy(field, "stale");
     EXPECT_EQ(PostAuth_Request_XML_Parse(row.body.c_str(), &f), row.rc);
     EXPECT_EQ(std::string(f.param1_name) + "|" + f.param1_value + "|" + f.param2_name + "|" + f.param2_value,
-              row.p1_name + "|" + row.p1_value + "|" + row.p2_name + "|" + row.p2_value);
+              row.fields);
     if (!row.log.empty()) {
       EXPECT_TRUE(log_has("PostAuth_xml_parse", "PostAuth_Request_XML_Parse", row.log, offset));
     }
@@ -139,49 +139,35 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
     sim::Keys keys;
     std::string body, answer;
   } rows[] = {
+      // clang-format off
       {"battery", {}, query("GET_BATTERYSTATUS"), success(p, "85")},
       {"firmware", {{"tavio_firmware", "FW 9.9"}}, query("GET_FIRMWAREVERSION"), success(p, "FW 9.9")},
       {"identifiers", {{"tavio_serial", "TX9-777"}}, query("GET_DEVICEID"), success(p, "TX9-777")},
       {"print", {}, print("Rs 10 paid"), success(p, "Printed")},
-      {"device text escaped",
-       {{"tavio_battery", "5 & <6> \"x\""}},
-       query("GET_BATTERYSTATUS"),
+      {"device text escaped", {{"tavio_battery", "5 & <6> \"x\""}}, query("GET_BATTERYSTATUS"),
        success(p, "5 &amp; &lt;6&gt; &quot;x&quot;")},
-      {"device bytes made XML",
-       {{"tavio_battery", "5\t6\x01\xff%"}},
-       query("GET_BATTERYSTATUS"),
+      {"device bytes made XML", {{"tavio_battery", "5\t6\x01\xff%"}}, query("GET_BATTERYSTATUS"),
        success(p, "5&#9;6?%")},
-      {"battery fails",
-       {{"tavio_battery_result", "-5"}},
-       query("GET_BATTERYSTATUS"),
+      {"battery fails", {{"tavio_battery_result", "-5"}}, query("GET_BATTERYSTATUS"),
        refusal(p, "-20", "Getting Battery Status is Failed from the Device ")},
-      {"firmware fails",
-       {{"tavio_firmware_result", "65"}},
-       query("GET_FIRMWAREVERSION"),
+      {"firmware fails", {{"tavio_firmware_result", "65"}}, query("GET_FIRMWAREVERSION"),
        refusal(p, "-30", "Getting Firmware Version is Failed from the Device")},
       // The device check asks for the identifiers first; the command's call fails.
-      {"identifiers fail",
-       {{"tavio_serial_results", "0,-7"}},
-       query("GET_DEVICEID"),
+      {"identifiers fail", {{"tavio_serial_results", "0,-7"}}, query("GET_DEVICEID"),
        refusal(p, "-60", "Getting ID's from Device is failed")},
       {"query name not exact", {}, query("GET_BATTERY"), refusal(p, "-1", "Command Not Sent to Device")},
       {"printer in Param2", {}, body_of("", "", "PRINTER"), refusal(p, "-1", "Command Not Sent to Device")},
       {"no command", {}, "<PostAuth/>", refusal(p, "-1", "Command Not Sent to Device")},
-      {"PidOptions root",
-       {},
-       "<PidOptions ver=\"1.0\"/>",
+      {"PidOptions root", {}, "<PidOptions ver=\"1.0\"/>",
        refusal(p, "100", "Invalid PidOptions input. XML should strictly adhere to spec.")},
       {"not XML", {}, "<PostAuth", refusal(p, "-1", "Command Not Sent to Device")},
-      {"paper out",
-       {{"tavio_print_result", "3"}},
-       print("x"),
+      {"paper out", {{"tavio_print_result", "3"}}, print("x"),
        refusal(p, "3", "Paper Roll is Finished or Not Present")},
-      {"battery low, cover open",
-       {{"tavio_print_result", "73"}},
-       print("x"),
+      {"battery low, cover open", {{"tavio_print_result", "73"}}, print("x"),
        refusal(p, "73", "Paper Roll Patch is left Opened and Battery of Device is also Low")},
       {"printer status without a text", {{"tavio_print_result", "15"}}, print("x"), refusal(p, "15", "")},
   };
+  // clang-format on
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     control(row.keys);

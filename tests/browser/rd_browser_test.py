@@ -1,32 +1,33 @@
 #!/usr/bin/python3
-"""The integrators' test page (web/) in headless Chromium against a real
-vexo-host, with the page served from another origin.
+# The integrators' test page (web/) in headless Chromium against a real
+# vexo-host, with the page served from another origin.
+#
+#   rd_browser_test.py --build DIR --source DIR CASE
+#
+# CASE is one of
+#   http    page on http://127.0.0.1:P discovers the service over HTTP (beside a
+#           hostile fake service whose texts must stay text), reads DeviceInfo,
+#           captures with errCode 0 and decodes the answer;
+#   https   page on https://localhost:P, service with IS_SSL_ENABLE=1; Chromium
+#           trusts the local CA only through the NSS database of a temporary HOME
+#           that vexoctl trust-tls filled (no flag that ignores certificate errors);
+#   preflight  the page as a public site (address-space override) reaching the
+#           local service over HTTPS: the browser's pre-flight as the service
+#           received it and the answer as the browser saw it.
+#
+# Exit codes: 0 passed, 1 failed, 77 skipped (Chromium, chromedriver or
+# python3-selenium not installed). A screenshot of the page goes to
+# DIR/web-screenshots/CASE.png.
 
-  rd_browser_test.py --build DIR --source DIR CASE
-
-CASE is one of
-  http    page on http://127.0.0.1:P discovers the service over HTTP (beside a
-          hostile fake service whose texts must stay text), reads DeviceInfo,
-          captures with errCode 0 and decodes the answer;
-  https   page on https://localhost:P, service with IS_SSL_ENABLE=1; Chromium
-          trusts the local CA only through the NSS database of a temporary HOME
-          that vexoctl trust-tls filled (no flag that ignores certificate errors);
-  preflight  the page as a public site (address-space override) reaching the
-          local service over HTTPS: the browser's pre-flight as the service
-          received it and the answer as the browser saw it.
-
-Exit codes: 0 passed, 1 failed, 77 skipped (Chromium, chromedriver or
-python3-selenium not installed). A screenshot of the page goes to
-DIR/web-screenshots/CASE.png.
-"""
 import argparse
+import contextlib
 import functools
+import html
 import http.server
 import json
 import os
 import re
 import shutil
-import socket
 import ssl
 import subprocess
 import sys
@@ -41,6 +42,11 @@ SCAN_TIMEOUT_MS = 1500
 # The fake service's hostile texts: inserted as HTML they would run script.
 HOSTILE_INFO = 'Fake <img src=x onerror="window.__vexo_pwned=1"> & <b>bold</b>'
 HOSTILE_ERRINFO = '<script>window.__vexo_pwned=2</script>Scanner "busy"'
+
+
+# What the case started (services, servers, browsers), stopped in reverse order
+# when it ends, whether it passed or not.
+CLEANUP = contextlib.ExitStack()
 
 
 class Failure(Exception):
@@ -58,9 +64,9 @@ def log(message):
 
 # ------------------------------------------------------------ page servers
 
+# Serves web/ and records every request line, so the test can show that the
+# page sends nothing back to its own origin but GETs of its files.
 class PageHandler(http.server.SimpleHTTPRequestHandler):
-    """Serves web/ and records every request line, so the test can show that
-    the page sends nothing back to its own origin but GETs of its files."""
 
     requests = []
 
@@ -92,11 +98,12 @@ def serve_page(web_dir, tls_pair=None):
         context.load_cert_chain(*tls_pair)
         server.socket = context.wrap_socket(server.socket, server_side=True)
     threading.Thread(target=server.serve_forever, daemon=True).start()
-    return server, server.server_address[1]
+    CLEANUP.callback(server.shutdown)
+    return server.server_address[1]
 
 
+# Another RD service on the machine whose texts carry markup.
 class FakeRdHandler(http.server.BaseHTTPRequestHandler):
-    """Another RD service on the machine whose texts carry markup."""
 
     def log_message(self, fmt, *args):
         pass
@@ -117,14 +124,12 @@ class FakeRdHandler(http.server.BaseHTTPRequestHandler):
                               ("Access-Control-Allow-Headers", "Content-Type")])
 
     def do_RDSERVICE(self):
-        info = HOSTILE_INFO.replace("&", "&amp;").replace("<", "&lt;").replace('"', "&quot;")
         self.answer(200, '<RDService status="READY" info="%s">\n'
-                         '\t<Interface id="CAPTURE" path="/rd/capture" />\n</RDService>\n' % info)
+                         '\t<Interface id="CAPTURE" path="/rd/capture" />\n</RDService>\n' % html.escape(HOSTILE_INFO))
 
     def do_CAPTURE(self):
-        length = int(self.headers.get("Content-Length", "0"))
-        self.rfile.read(length)
-        err = HOSTILE_ERRINFO.replace("&", "&amp;").replace("<", "&lt;").replace('"', "&quot;")
+        self.rfile.read(int(self.headers.get("Content-Length", "0")))
+        err = html.escape(HOSTILE_ERRINFO)
         self.answer(200, '<PidData><Resp errCode="700" errInfo="%s" fCount="0"/></PidData>' % err)
 
 
@@ -135,15 +140,16 @@ def serve_fake_rd(first_port, last_port):
         except OSError:
             continue
         threading.Thread(target=server.serve_forever, daemon=True).start()
-        return server, port
+        CLEANUP.callback(server.shutdown)
+        return port
     raise Failure("no free port for the fake service")
 
 
 # ----------------------------------------------------------- the service
 
+# vexoctl lays out a working folder; vexo-host runs the service in it, without
+# a Management server (a failed Init would leave the service USED).
 class Service:
-    """vexoctl lays out a working folder; vexo-host runs the service in it,
-    without a Management server (a failed Init would leave the service USED)."""
 
     def __init__(self, build, tmp, tls, scanner="Aratek_A600"):
         self.build = build
@@ -158,6 +164,7 @@ class Service:
         self.vexoctl(args)
         self.host = subprocess.Popen([os.path.join(build, "vexo-host"), "--workdir", self.workdir, "--no-mgmt", scanner],
                                      env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        CLEANUP.callback(self.stop)
         self.output = []
         threading.Thread(target=self._read, daemon=True).start()
         deadline = time.time() + 20
@@ -182,9 +189,9 @@ class Service:
         with open(os.path.join(self.workdir, "rd.log"), errors="replace") as f:
             return f.read()
 
+    # The requests as the service logged them: "VERB PATH" of each "Request
+    # is:" line (the service never logs a body).
     def requests(self):
-        """The requests as the service logged them: "VERB PATH" of each
-        "Request is:" line (the service never logs a body)."""
         return re.findall(r"\) - Request is: (\S+ \S*), body of \d+ bytes", self.rd_log())
 
     def stop(self):
@@ -218,7 +225,9 @@ def start_browser(tmp, home, extra_args=()):
     # keeps the user's own database out of the test.
     env = dict(os.environ, HOME=home)
     service = DriverService(CHROMEDRIVER, env=env, log_path=os.path.join(tmp, "chromedriver.log"))
-    return webdriver.Chrome(service=service, options=options)
+    driver = webdriver.Chrome(service=service, options=options)
+    CLEANUP.callback(driver.quit)
+    return driver
 
 
 def wait_text(driver, element_id, pattern, timeout=20):
@@ -302,30 +311,24 @@ def check_page_origin_saw_gets_only():
 
 def case_http(args, tmp):
     service = Service(args.build, tmp, tls=False)
-    fake, fake_port = serve_fake_rd(service.port + 1, 11120)
-    page, page_port = serve_page(os.path.join(args.source, "web"))
+    fake_port = serve_fake_rd(service.port + 1, 11120)
+    page_port = serve_page(os.path.join(args.source, "web"))
     driver = start_browser(tmp, service.env["HOME"])
-    try:
-        scan(driver, "http://127.0.0.1:%d" % page_port, "http://127.0.0.1:%d" % service.port)
-        # The fake service's markup is shown as text and never runs.
-        fake_rows = driver.find_elements("css selector", 'tr[data-base="http://127.0.0.1:%d"]' % fake_port)
-        check(fake_rows, "the fake service was not found")
-        check(fake_rows[0].find_elements("tag name", "td")[3].text == HOSTILE_INFO, "info not shown as text")
-        check(not driver.find_elements("css selector", "#services img, #services b"), "markup was inserted")
-        device_info_and_capture(driver, service, os.path.join(args.shots, "http.png"))
+    scan(driver, "http://127.0.0.1:%d" % page_port, "http://127.0.0.1:%d" % service.port)
+    # The fake service's markup is shown as text and never runs.
+    fake_rows = driver.find_elements("css selector", 'tr[data-base="http://127.0.0.1:%d"]' % fake_port)
+    check(fake_rows, "the fake service was not found")
+    check(fake_rows[0].find_elements("tag name", "td")[3].text == HOSTILE_INFO, "info not shown as text")
+    check(not driver.find_elements("css selector", "#services img, #services b"), "markup was inserted")
+    device_info_and_capture(driver, service, os.path.join(args.shots, "http.png"))
 
-        fake_rows[0].find_element("css selector", "input[type=radio]").click()
-        driver.find_element("id", "capture").click()
-        wait_text(driver, "answer-status", r"CAPTURE answered.*errCode 700")
-        check(field(driver, "errInfo") == HOSTILE_ERRINFO, "errInfo %r" % field(driver, "errInfo"))
-        check(not driver.find_elements("css selector", "#decoded script"), "markup was inserted")
-        check(driver.execute_script("return window.__vexo_pwned === undefined"), "a service's text ran as script")
-        check_page_origin_saw_gets_only()
-    finally:
-        driver.quit()
-        page.shutdown()
-        fake.shutdown()
-        service.stop()
+    fake_rows[0].find_element("css selector", "input[type=radio]").click()
+    driver.find_element("id", "capture").click()
+    wait_text(driver, "answer-status", r"CAPTURE answered.*errCode 700")
+    check(field(driver, "errInfo") == HOSTILE_ERRINFO, "errInfo %r" % field(driver, "errInfo"))
+    check(not driver.find_elements("css selector", "#decoded script"), "markup was inserted")
+    check(driver.execute_script("return window.__vexo_pwned === undefined"), "a service's text ran as script")
+    check_page_origin_saw_gets_only()
 
 
 def https_setup(args, tmp, extra_browser_args_for_port=None):
@@ -335,47 +338,39 @@ def https_setup(args, tmp, extra_browser_args_for_port=None):
     ssl_dir = os.path.join(service.workdir, "cert", "ssl")
     out = service.vexoctl([os.path.join(args.build, "vexoctl"), "trust-tls", service.workdir])
     log(out.strip())
-    page, page_port = serve_page(os.path.join(args.source, "web"),
-                                 (os.path.join(ssl_dir, "public.crt"), os.path.join(ssl_dir, "private.key")))
+    page_port = serve_page(os.path.join(args.source, "web"),
+                           (os.path.join(ssl_dir, "public.crt"), os.path.join(ssl_dir, "private.key")))
     extra = extra_browser_args_for_port(page_port) if extra_browser_args_for_port else []
     driver = start_browser(tmp, service.env["HOME"], extra)
-    return service, page, page_port, driver
+    return service, page_port, driver
 
 
 def case_https(args, tmp):
-    service, page, page_port, driver = https_setup(args, tmp)
-    try:
-        page_url = "https://localhost:%d" % page_port
-        driver.get(page_url + "/index.html")
-        check(driver.execute_script("return window.isSecureContext && location.protocol") == "https:",
-              "the page did not load over trusted HTTPS")
-        scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
-        check(not driver.find_elements("css selector", 'tr[data-base="http://127.0.0.1:%d"]' % service.port),
-              "an HTTPS service was listed as HTTP")
-        device_info_and_capture(driver, service, os.path.join(args.shots, "https.png"))
-        check_page_origin_saw_gets_only()
+    service, page_port, driver = https_setup(args, tmp)
+    page_url = "https://localhost:%d" % page_port
+    driver.get(page_url + "/index.html")
+    check(driver.execute_script("return window.isSecureContext && location.protocol") == "https:",
+          "the page did not load over trusted HTTPS")
+    scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
+    check(not driver.find_elements("css selector", 'tr[data-base="http://127.0.0.1:%d"]' % service.port),
+          "an HTTPS service was listed as HTTP")
+    device_info_and_capture(driver, service, os.path.join(args.shots, "https.png"))
+    check_page_origin_saw_gets_only()
 
-        # The same page for a browser whose NSS database lacks the local CA:
-        # it refuses the certificate, so the trust above came from that entry.
-        untrusting_home = os.path.join(tmp, "untrusting-home")
-        os.makedirs(untrusting_home)
-        os.makedirs(os.path.join(tmp, "untrusting"))
-        other = start_browser(os.path.join(tmp, "untrusting"), untrusting_home)
-        try:
-            other.get(page_url + "/index.html")
-            check(not other.find_elements("id", "scan"), "an untrusting browser showed the page")
-        finally:
-            other.quit()
-    finally:
-        driver.quit()
-        page.shutdown()
-        service.stop()
+    # The same page for a browser whose NSS database lacks the local CA:
+    # it refuses the certificate, so the trust above came from that entry.
+    untrusting_home = os.path.join(tmp, "untrusting-home")
+    os.makedirs(untrusting_home)
+    os.makedirs(os.path.join(tmp, "untrusting"))
+    other = start_browser(os.path.join(tmp, "untrusting"), untrusting_home)
+    other.get(page_url + "/index.html")
+    check(not other.find_elements("id", "scan"), "an untrusting browser showed the page")
 
 
+# Pre-flights to service_base that got an answer, as the browser's network
+# stack reported them: [(request headers, security state of the page, answer
+# headers)], header names in lower case.
 def preflights_seen(driver, service_base):
-    """Pre-flights to service_base that got an answer, as the browser's
-    network stack reported them: [(request headers, security state of the
-    page, answer headers)], header names in lower case."""
     preflights, extra, answers = set(), {}, {}
     for entry in driver.get_log("performance"):
         m = json.loads(entry["message"])["message"]
@@ -395,44 +390,38 @@ def preflights_seen(driver, service_base):
 def case_preflight(args, tmp):
     # The page's own address counts as public, so its calls to the loopback
     # service are private-network requests that the browser checks first.
-    service, page, page_port, driver = https_setup(
+    service, page_port, driver = https_setup(
         args, tmp, lambda port: ["--ip-address-space-overrides=127.0.0.1:%d=public" % port])
-    try:
-        page_url = "https://localhost:%d" % page_port
-        driver.execute_cdp_cmd("Network.enable", {})
-        # Newer Chromium asks the user before a public page may reach local
-        # addresses; the test gives that permission as a user would.
-        for permission in ("local-network-access", "loopback-network", "local-network"):
-            try:
-                driver.execute_cdp_cmd("Browser.setPermission", {"origin": page_url, "permission": {"name": permission},
-                                                                 "setting": "granted"})
-            except Exception as e:  # an older Chromium does not know the name
-                log("permission %s not known: %s" % (permission, str(e).splitlines()[0]))
-        scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
-        driver.save_screenshot(os.path.join(args.shots, "preflight.png"))
-        seen = preflights_seen(driver, "https://127.0.0.1:%d/" % service.port)
-        check(seen, "the browser saw no answered pre-flight to the service")
-        options = [r for r in service.requests() if r.startswith("OPTIONS ")]
-        check(options, "the service received no OPTIONS")
-        for request, security, answer in seen:
-            log("pre-flight from a %s page: %s -> %s" % (security.get("initiatorIPAddressSpace"),
-                json.dumps(request, sort_keys=True), json.dumps(answer, sort_keys=True)))
-            check(security.get("initiatorIPAddressSpace") == "Public", "the page did not count as public")
-            check(request.get("access-control-request-method") == "RDSERVICE", "request %s" % request)
-            check(answer.get("access-control-allow-origin") == "*", "answer %s" % answer)
-            check("RDSERVICE" in answer.get("access-control-allow-methods", ""), "answer %s" % answer)
-            if request.get("access-control-request-private-network") == "true":
-                check(answer.get("access-control-allow-private-network") == "true",
-                      "private network asked for but not granted: %s" % answer)
-            else:
-                check("access-control-allow-private-network" not in answer, "granted unasked: %s" % answer)
-        asked = [r for r, _, _ in seen if r.get("access-control-request-private-network") == "true"]
-        log("pre-flights asking for the private network: %d of %d (%s)" % (
-            len(asked), len(seen), driver.capabilities.get("browserVersion")))
-    finally:
-        driver.quit()
-        page.shutdown()
-        service.stop()
+    page_url = "https://localhost:%d" % page_port
+    driver.execute_cdp_cmd("Network.enable", {})
+    # Newer Chromium asks the user before a public page may reach local
+    # addresses; the test gives that permission as a user would.
+    for permission in ("local-network-access", "loopback-network", "local-network"):
+        try:
+            driver.execute_cdp_cmd("Browser.setPermission", {"origin": page_url, "permission": {"name": permission},
+                                                             "setting": "granted"})
+        except Exception as e:  # an older Chromium does not know the name
+            log("permission %s not known: %s" % (permission, str(e).splitlines()[0]))
+    scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
+    driver.save_screenshot(os.path.join(args.shots, "preflight.png"))
+    seen = preflights_seen(driver, "https://127.0.0.1:%d/" % service.port)
+    check(seen, "the browser saw no answered pre-flight to the service")
+    check(any(r.startswith("OPTIONS ") for r in service.requests()), "the service received no OPTIONS")
+    for request, security, answer in seen:
+        log("pre-flight from a %s page: %s -> %s" % (security.get("initiatorIPAddressSpace"),
+            json.dumps(request, sort_keys=True), json.dumps(answer, sort_keys=True)))
+        check(security.get("initiatorIPAddressSpace") == "Public", "the page did not count as public")
+        check(request.get("access-control-request-method") == "RDSERVICE", "request %s" % request)
+        check(answer.get("access-control-allow-origin") == "*", "answer %s" % answer)
+        check("RDSERVICE" in answer.get("access-control-allow-methods", ""), "answer %s" % answer)
+        if request.get("access-control-request-private-network") == "true":
+            check(answer.get("access-control-allow-private-network") == "true",
+                  "private network asked for but not granted: %s" % answer)
+        else:
+            check("access-control-allow-private-network" not in answer, "granted unasked: %s" % answer)
+    asked = [r for r, _, _ in seen if r.get("access-control-request-private-network") == "true"]
+    log("pre-flights asking for the private network: %d of %d (%s)" % (
+        len(asked), len(seen), driver.capabilities.get("browserVersion")))
 
 
 def main():
@@ -460,6 +449,7 @@ def main():
         print("FAILED: %s" % e)
         return 1
     finally:
+        CLEANUP.close()
         shutil.rmtree(tmp, ignore_errors=True)
     print("PASSED %s in %.1f s" % (args.case, time.time() - started))
     return 0
