@@ -98,8 +98,8 @@ std::string b64(const std::string& bytes) {
 // A request as the device frames it: device, ts, [pKey], sKey, hmac.
 std::string frame(const std::string& serial = "SN1001", const std::string& ts = ist_now(),
                   const std::string* pkey = nullptr) {
-  const MgmtIdentity id = {"1.0.0", "QDX.ARA.A600.W", "QDX.MC", "1.0.0", "Linux",
-                           kHostId, serial,           "Korvane", kModel, "QDX.ARA"};
+  const MgmtIdentity id = {"1.0.0", "QDX.ARA.A600.W", "QDX.MC",  "1.0.0", "Linux",
+                           kHostId, serial,           "Korvane", kModel,  "QDX.ARA"};
   std::string out;
   EXPECT_EQ(json_frame_with(id, ts, pkey, &out), 0);
   return out;
@@ -334,8 +334,8 @@ TEST_F(MgmtServerTest, QueuedActionsAreAnsweredInOrder) {
   register_and_rotate(s);
   for (const char* action : {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE"})
     ASSERT_EQ(0, run_command({"queue", "SN1001", action, "--registry", "registry.db"}));
-  for (const char* want : {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE", "NO_ACTION_NECESSARY",
-                           "NO_ACTION_NECESSARY"}) {
+  for (const char* want :
+       {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE", "NO_ACTION_NECESSARY", "NO_ACTION_NECESSARY"}) {
     EXPECT_EQ("[\"" + std::string(want) + "\"]", call(s, "/rest/register/").at("/nextAction"));
   }
 }

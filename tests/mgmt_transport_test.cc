@@ -94,9 +94,9 @@ TEST_F(MgmtTransportTest, ResponseChecksAndSizeLimitsOverPlainHttp) {
   struct Case {
     const char* name;
     std::size_t body_size;
-    const char* header;      // the RD_DRT header's name; null: none
-    bool of_other_request;   // signed over another request's RD_DRT
-    std::size_t cut;         // the RD_DRT cut to this many characters (0: whole)
+    const char* header;     // the RD_DRT header's name; null: none
+    bool of_other_request;  // signed over another request's RD_DRT
+    std::size_t cut;        // the RD_DRT cut to this many characters (0: whole)
     int expected;
     const char* status;  // expected last-status text after " | sendData2Zelm | "
     const char* pipe;
