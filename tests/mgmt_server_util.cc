@@ -120,26 +120,6 @@ std::string CannedServer::url(const std::string& path) const {
   return (tls_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_) + path;
 }
 
-int CannedServer::connections() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return connections_;
-}
-
-std::vector<CannedRequest> CannedServer::requests() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return requests_;
-}
-
-std::string CannedServer::offered_alpn() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return alpn_;
-}
-
-std::size_t CannedServer::sent() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return sent_;
-}
-
 void CannedServer::serve() {
   while (wait_readable(fd_, stop_)) {
     const platform::socket_t c = platform::accept_socket(fd_);
