@@ -8,6 +8,7 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include <cctype>
 #include <ctime>
 #include <filesystem>
 #include <regex>
@@ -104,8 +105,10 @@ std::string frame(const std::string& serial = "SN1001", const std::string& ts = 
   return out;
 }
 
-// text with the character at position at changed.
+// text with its first letter or digit from position at on changed (never an
+// escape of the JSON text or a line break of a PEM one).
 std::string flipped(std::string text, std::size_t at) {
+  while (!std::isalnum(static_cast<unsigned char>(text.at(at)))) ++at;
   text[at] = text[at] == 'A' ? 'B' : 'A';
   return text;
 }
