@@ -3,7 +3,6 @@
 // certificate issued by the demonstration CA), a changed scanner makes the
 // host ask again at once, and queued actions are followed at the next poll.
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
 #include <openssl/x509.h>
 
 #include <csignal>
@@ -15,8 +14,8 @@
 #include "common/Base64.h"
 #include "mgmt_server_util.h"
 #include "sim_control.h"
+#include "test_crypto.h"
 #include "test_util.h"
-#include "common/openssl_ptr.h"
 
 namespace {
 
@@ -27,7 +26,7 @@ using mgmttest::run_command;
 const std::string kSerial = "A600-HOST-1";
 
 // vexo-host for the scanner of workdir, its output collected; retries after
-// 200 ms (the real pauses: HostHelp below).
+// 200 ms (the real pauses: host_plan_test).
 class Host : public testutil::Child {
  public:
   Host(const std::string& workdir, std::vector<std::string> options)
@@ -47,14 +46,8 @@ bool issued_by(const std::string& der_file, const std::string& ca_file) {
   const std::string der = testutil::read_file(der_file);
   const auto* p = reinterpret_cast<const unsigned char*>(der.data());
   X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
-  FILE* f = std::fopen(ca_file.c_str(), "r");
-  if (f == nullptr || !cert) {
-    if (f != nullptr) std::fclose(f);
-    return false;
-  }
-  X509Ptr ca(PEM_read_X509(f, nullptr, nullptr, nullptr));
-  std::fclose(f);
-  return ca && X509_verify(cert.get(), X509_get0_pubkey(ca.get())) == 1;
+  X509Ptr ca = testcrypto::cert_of_pem(testutil::read_file(ca_file));
+  return cert && ca && X509_verify(cert.get(), X509_get0_pubkey(ca.get())) == 1;
 }
 
 class HostMgmt : public ::testing::Test {
@@ -177,15 +170,6 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
   EXPECT_TRUE(waiting.wait_for("mgmt: Init -> 0, next action SOFTWARE_UPDATE\n")) << waiting.output();
   EXPECT_TRUE(waiting.wait_for("mgmt: Software_Update -> ")) << waiting.output();
   EXPECT_EQ(waiting.stop(), 0);
-}
-
-// The real pauses and poll period, as the program states them.
-TEST(HostHelp, StatesTheRealPollAndRetryValues) {
-  const testutil::Run help = testutil::run({testutil::program("vexo-host"), "--help"});
-  EXPECT_EQ(help.rc, 0);
-  const std::string& text = help.out;
-  EXPECT_NE(text.find("every --mgmt-poll seconds (default 21600)"), std::string::npos) << text;
-  EXPECT_NE(text.find("retried after 30 s, doubling up to 3600 s"), std::string::npos) << text;
 }
 
 }  // namespace

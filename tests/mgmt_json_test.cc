@@ -81,10 +81,11 @@ TEST(MgmtJson, TimeDiffTable) {
       {"", "", -1, 0},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.server) + " " + c.client);
     int diff = 0;
-    EXPECT_EQ(Time_Diff_in_Sec(c.server, c.client, &diff), c.rc) << c.server << " " << c.client;
+    EXPECT_EQ(Time_Diff_in_Sec(c.server, c.client, &diff), c.rc);
     if (c.rc == 0) {
-      EXPECT_EQ(diff, c.diff) << c.server << " " << c.client;
+      EXPECT_EQ(diff, c.diff);
     }
   }
 }
@@ -99,11 +100,11 @@ std::string resp(
 }
 
 TEST(MgmtJson, InitStatusCodesAndTimeRule) {
-  test_seams::update([&](test_seams::Seams& s) { s.now = 1714538100; });  // 2024-05-01T10:05:00 IST
   struct Case {
     std::string body;
     int rc;
     std::string action;
+    long now = 1714538100;  // 2024-05-01T10:05:00 IST
   } cases[] = {
       {resp("\"y\"", ""), 0, "SOFTWARE_UPDATE"},
       {resp("\"Y\"", ""), 0, "SOFTWARE_UPDATE"},
@@ -122,19 +123,17 @@ TEST(MgmtJson, InitStatusCodesAndTimeRule) {
       {resp("\"y\"", "", R"("device":{})", "2024-05-01T09:59:59"), 0, "TIME_STAMP_SYNC"},    // 301 s
       {resp("\"y\"", "", R"("device":{})", "2024-05-03T10:05:00"), 0, "TIME_STAMP_SYNC"},    // days apart
       {resp("\"y\"", "", R"("device":{})", "bad"), 0, "TIME_STAMP_SYNC"},
+      // Across midnight (now 2024-05-15T00:02:00 IST), and across a month's end (2024-06-01T00:01:00).
+      {resp("\"y\"", "", R"("device":{})", "2024-05-14T23:59:00"), 0, "SOFTWARE_UPDATE", 1715711520},
+      {resp("\"y\"", "", R"("device":{})", "2024-05-31T23:59:00"), 0, "TIME_STAMP_SYNC", 1717180260},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.body);
+    test_seams::update([&](test_seams::Seams& s) { s.now = c.now; });
     std::string action = "preset";
-    EXPECT_EQ(json_parse_init(c.body, ident(), &action), c.rc) << c.body;
-    EXPECT_EQ(action, c.action) << c.body;
+    EXPECT_EQ(json_parse_init(c.body, ident(), &action), c.rc);
+    EXPECT_EQ(action, c.action);
   }
-  test_seams::update([&](test_seams::Seams& s) { s.now = 1715711520; });  // 2024-05-15T00:02:00 IST
-  std::string action;
-  EXPECT_EQ(json_parse_init(resp("\"y\"", "", R"("device":{})", "2024-05-14T23:59:00"), ident(), &action), 0);
-  EXPECT_EQ(action, "SOFTWARE_UPDATE");
-  test_seams::update([&](test_seams::Seams& s) { s.now = 1717180260; });  // 2024-06-01T00:01:00 IST
-  EXPECT_EQ(json_parse_init(resp("\"y\"", "", R"("device":{})", "2024-05-31T23:59:00"), ident(), &action), 0);
-  EXPECT_EQ(action, "TIME_STAMP_SYNC");
   test_seams::update([&](test_seams::Seams& s) { s.now = std::nullopt; });
 }
 
@@ -148,12 +147,9 @@ TEST(MgmtJson, ServerErrorReachesLastStatusAndPipe) {
   EXPECT_EQ(json_parse_update(R"({"respStatus":"n","respCode":"ZELM-040|x","respDesc":"bad\r\ndev|5000|forged"})",
                               ident(), &action, &path, &sum),
             -1);  // ZELM-040 passes only for init
-  char line[512];
-  rd_copy_last_status(line, sizeof line);
-  EXPECT_NE(std::string(line).find(
-                " | json_frame_parse | json_parse_update | Error from MS: ZELM-040 x bad  dev 5000 forged "),
-            std::string::npos)
-      << line;
+  const std::string line = testutil::last_status();
+  EXPECT_EQ(line.substr(line.find(" | ")),
+            " | json_frame_parse | json_parse_update | Error from MS: ZELM-040 x bad  dev 5000 forged ");
   ASSERT_TRUE(reader.wait_for("\n"));
   EXPECT_EQ(reader.received(), "10000|Error from MS: ZELM-040 x|bad  dev 5000 forged\n");
   rd_log_reset_for_test();
@@ -172,6 +168,8 @@ TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
   ASSERT_EQ(json_parse_uidai_cert_force_update(ok, &a, &p, &s, &ci), 0);
   EXPECT_EQ(s + "|" + ci, "c|20250101");
 
+  // A whole answer with the given members after respStatus, respCode and device.
+  auto bare = [](const std::string& rest) { return R"({"respStatus":"y","respCode":"0","device":{},)" + rest; };
   struct Case {
     const char* what;
     std::string body;
@@ -180,14 +178,11 @@ TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
       {"path number", resp("\"y\"", R"(,"path":5,"checksum":"abc","sPKey":"S")")},
       {"checksum array", resp("\"y\"", R"(,"path":"p","checksum":["abc"],"sPKey":"S")")},
       {"no device", resp("\"y\"", R"(,"path":"p","checksum":"c","sPKey":"S")", R"("x":1)")},
-      {"nextAction string",
-       R"({"respStatus":"y","respCode":"0","device":{},"nextAction":"A","ts":"t","path":"p","checksum":"c"})"},
-      {"nextAction element number",
-       R"({"respStatus":"y","respCode":"0","device":{},"nextAction":["A",1],"ts":"t","path":"p","checksum":"c"})"},
-      {"no nextAction", R"({"respStatus":"y","respCode":"0","device":{},"ts":"t","path":"p","checksum":"c"})"},
-      {"no ts", R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"path":"p","checksum":"c"})"},
-      {"ts object",
-       R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"ts":{},"path":"p","checksum":"c"})"},
+      {"nextAction string", bare(R"("nextAction":"A","ts":"t","path":"p","checksum":"c"})")},
+      {"nextAction element number", bare(R"("nextAction":["A",1],"ts":"t","path":"p","checksum":"c"})")},
+      {"no nextAction", bare(R"("ts":"t","path":"p","checksum":"c"})")},
+      {"no ts", bare(R"("nextAction":[],"path":"p","checksum":"c"})")},
+      {"ts object", bare(R"("nextAction":[],"ts":{},"path":"p","checksum":"c"})")},
       {"no respCode", R"({"respStatus":"y","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
       {"respStatus true",
        R"({"respStatus":true,"respCode":"0","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
@@ -199,9 +194,7 @@ TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
       {"over 29999 bytes", resp("\"y\"", ",\"path\":\"" + std::string(30000, 'p') + "\",\"checksum\":\"c\"")},
       {"empty", ""},
   };
-  for (const auto& c : bad) {
-    EXPECT_EQ(json_parse_update(c.body, ident(), &a, &p, &s), -1) << c.what;
-  }
+  for (const auto& c : bad) EXPECT_EQ(json_parse_update(c.body, ident(), &a, &p, &s), -1) << c.what;
   // Key rotation: sPKey and a plain dc inside device are required.
   EXPECT_EQ(json_parse_key_rotation(resp("\"y\"", ""), ident(), &a, nullptr, &dc, &sp), -1);
   const struct {

@@ -1,37 +1,29 @@
 // The reference Management server as a real child process on a free port:
-// requests built by hand with json-c and the shared protection code, sent
-// with libcurl over HTTP and over TLS checked against the demonstration CA.
+// requests framed and protected by the library's own code, sent with libcurl
+// over HTTP and over TLS checked against the demonstration CA.
 #include <curl/curl.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <openssl/bn.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
+#include <json-c/json_pointer.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstring>
+#include <cctype>
 #include <ctime>
 #include <filesystem>
-#include <memory>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "common/Base64.h"
+#include "common/hash.h"
 #include "mgmt_server_util.h"
 #include "rds_hash.h"
+#include "test_crypto.h"
 #include "test_util.h"
-#include "web_service/transfer.h"
+#include "web_service/json/json_frame_parse.h"
 #include "web_service/json/json_ptr.h"
-#include "common/openssl_ptr.h"
+#include "web_service/transfer.h"
 
 namespace {
 
@@ -47,8 +39,8 @@ struct Reply {
   std::string body;
   std::string header(const std::string& name) const {
     std::smatch m;
-    std::regex re("(^|\n)" + name + ": ([^\r\n]*)", std::regex::icase);
-    return std::regex_search(headers, m, re) ? std::string(m[2]) : std::string();
+    return std::regex_search(headers, m, std::regex("(^|\n)" + name + ": ([^\r\n]*)", std::regex::icase)) ? m.str(2)
+                                                                                                          : "";
   }
 };
 
@@ -57,9 +49,9 @@ size_t collect(char* data, size_t size, size_t n, void* out) {
   return size * n;
 }
 
-// One request with libcurl: a POST when body is given, else a GET (or HEAD).
-Reply fetch(const std::string& url, const std::string* body, const std::vector<std::string>& headers,
-            const char* range = nullptr, bool head = false) {
+// One request with libcurl: a POST when body is given, else a GET.
+Reply fetch(const std::string& url, const std::string* body, const std::vector<std::string>& headers = {},
+            const char* range = nullptr) {
   Reply r;
   transfer::Easy c = transfer::new_easy();
   transfer::Slist list;
@@ -77,7 +69,6 @@ Reply fetch(const std::string& url, const std::string* body, const std::vector<s
     curl_easy_setopt(c.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body->size()));
   }
   if (range != nullptr) curl_easy_setopt(c.get(), CURLOPT_RANGE, range);
-  if (head) curl_easy_setopt(c.get(), CURLOPT_NOBODY, 1L);
   if (curl_easy_perform(c.get()) == CURLE_OK) curl_easy_getinfo(c.get(), CURLINFO_RESPONSE_CODE, &r.status);
   return r;
 }
@@ -91,74 +82,52 @@ std::string ist_now(long offset = 0) {
   return text;
 }
 
-// The Base64 RD_DRT of a request body, from the shared protection code.
+// The Base64 RD_DRT of a request body.
 std::string request_drt(const std::string& body) {
   std::string drt;
   EXPECT_EQ(rds_hmac_sign(body.data(), body.size(), 1, &drt), 0);
   return drt;
 }
 
-// 1 when the response RD_DRT binds body to the request's RD_DRT, 0 when not.
-int response_verifies(const Reply& r, const std::string& req_drt) {
-  int ok = -1;
-  if (rds_hmac_check(r.header("RD_DRT"), req_drt, 1, r.body.data(), r.body.size(), &ok) != 0) return -1;
-  return ok;
+std::string b64(const std::string& bytes) {
+  std::string out;
+  EXPECT_EQ(Base64Encode({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()}, &out), 0);
+  return out;
 }
 
-struct Frame {
-  std::string serial = "SN1001";
-  std::string ts = ist_now();
-  std::string pkey;  // key rotation only
-  // Alterations of the protected values, each a position to flip (-1: none).
-  int flip_hmac = -1, flip_skey = -1;
-};
-
 // A request as the device frames it: device, ts, [pKey], sKey, hmac.
-std::string frame(const Frame& f) {
-  const std::string input = f.serial + "@" + f.ts;
-  std::string h, s;
-  EXPECT_EQ(rds_hmac_protect(input.data(), input.size(), 1, &h, &s), 0);
-  if (f.flip_hmac >= 0) h[f.flip_hmac] = h[f.flip_hmac] == 'A' ? 'B' : 'A';
-  if (f.flip_skey >= 0) s[f.flip_skey] = s[f.flip_skey] == 'A' ? 'B' : 'A';
+std::string frame(const std::string& serial = "SN1001", const std::string& ts = ist_now(),
+                  const std::string* pkey = nullptr) {
+  const MgmtIdentity id = {"1.0.0", "QDX.ARA.A600.W", "QDX.MC",  "1.0.0", "Linux",
+                           kHostId, serial,           "Korvane", kModel,  "QDX.ARA"};
+  std::string out;
+  EXPECT_EQ(json_frame_with(id, ts, pkey, &out), 0);
+  return out;
+}
 
-  JsonPtr root(json_object_new_object());
-  json_object* device = json_object_new_object();
-  const std::pair<const char*, std::string> members[] = {
-      {"rdVer", "1.0.0"},  {"rdId", "QDX.ARA.A600.W"}, {"clId", "QDX.MC"},  {"clVer", "1.0.0"}, {"hostType", "Linux"},
-      {"hostId", kHostId}, {"slNo", f.serial},         {"make", "Korvane"}, {"model", kModel},  {"dpId", "QDX.ARA"}};
-  for (const auto& [k, v] : members) json_object_object_add(device, k, json_object_new_string(v.c_str()));
-  json_object_object_add(root.get(), "device", device);
-  json_object_object_add(root.get(), "ts", json_object_new_string(f.ts.c_str()));
-  if (!f.pkey.empty()) json_object_object_add(root.get(), "pKey", json_object_new_string(f.pkey.c_str()));
-  json_object_object_add(root.get(), "sKey", json_object_new_string(s.c_str()));
-  json_object_object_add(root.get(), "hmac", json_object_new_string(h.c_str()));
-  return json_object_to_json_string(root.get());
+// text with its first letter or digit from position at on changed (never an
+// escape of the JSON text or a line break of a PEM one).
+std::string flipped(std::string text, std::size_t at) {
+  while (!std::isalnum(static_cast<unsigned char>(text.at(at)))) ++at;
+  text[at] = text[at] == 'A' ? 'B' : 'A';
+  return text;
+}
+
+// Where the string value of member key starts in a JSON text.
+std::size_t value_of(const std::string& text, const std::string& key) {
+  return text.find('"', text.find("\"" + key + "\"") + key.size() + 2) + 1;
 }
 
 struct Answer {
   Reply reply;
   JsonPtr json;
-  int drt_ok = -1;
-  std::string str(const char* key) const {
+  int drt_ok = -1;  // 1 when the answer's RD_DRT binds its body to the request
+  // The value at a JSON pointer: a string as it is, anything else as plain JSON.
+  std::string at(const char* pointer) const {
     json_object* v = nullptr;
-    return json_object_object_get_ex(json.get(), key, &v) ? json_object_get_string(v) : "";
-  }
-  std::string device(const char* key) const {
-    json_object* d = nullptr;
-    json_object* v = nullptr;
-    return json_object_object_get_ex(json.get(), "device", &d) && json_object_object_get_ex(d, key, &v)
-               ? json_object_get_string(v)
-               : "";
-  }
-  std::string actions() const {
-    json_object* a = nullptr;
-    std::string all;
-    if (!json_object_object_get_ex(json.get(), "nextAction", &a)) return "(none)";
-    for (size_t i = 0; i < json_object_array_length(a); ++i) {
-      if (i > 0) all += ',';
-      all += json_object_get_string(json_object_array_get_idx(a, i));
-    }
-    return all;
+    if (json_pointer_get(json.get(), pointer, &v) != 0) return "(none)";
+    return json_object_is_type(v, json_type_string) ? json_object_get_string(v)
+                                                    : json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN);
   }
 };
 
@@ -169,63 +138,14 @@ Answer post(const Server& s, const std::string& endpoint, const std::string& bod
   if (!drt.empty()) headers.push_back("RD_DRT: " + drt);
   a.reply = fetch(s.base() + endpoint, &body, headers);
   a.json.reset(json_tokener_parse(a.reply.body.c_str()));
-  a.drt_ok = response_verifies(a.reply, request_drt(body));
+  EXPECT_EQ(rds_hmac_check(a.reply.header("RD_DRT"), request_drt(body), 1, a.reply.body.data(), a.reply.body.size(),
+                           &a.drt_ok),
+            0);
   return a;
 }
 
-Answer call(const Server& s, const std::string& endpoint, const Frame& f = Frame()) {
-  std::string body = frame(f);
+Answer call(const Server& s, const std::string& endpoint, const std::string& body = frame()) {
   return post(s, endpoint, body, request_drt(body));
-}
-
-// A fresh RSA key and a self-signed certificate for it, as a device makes them.
-std::string self_signed_pem(EVP_PKEY* key, const std::string& cn) {
-  X509Ptr cert(X509_new());
-  X509_set_version(cert.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 7);
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
-  X509_set_pubkey(cert.get(), key);
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn.c_str()), -1, -1, 0);
-  X509_set_issuer_name(cert.get(), name);
-  X509_sign(cert.get(), key, EVP_sha256());
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(bio.get(), cert.get());
-  char* data = nullptr;
-  long len = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<std::size_t>(len));
-}
-
-std::string b64(const std::string& bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                          reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-  out.resize(static_cast<std::size_t>(n));
-  return out;
-}
-
-std::string unb64(const std::string& text) {
-  BioPtr bio(BIO_new(BIO_f_base64()));
-  BIO_set_flags(bio.get(), BIO_FLAGS_BASE64_NO_NL);
-  BIO_push(bio.get(), BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-  std::string out(text.size(), '\0');
-  int n = BIO_read(bio.get(), out.data(), static_cast<int>(out.size()));
-  out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-  return out;
-}
-
-std::string digest_hex(const EVP_MD* md, const std::string& data) {
-  unsigned char d[EVP_MAX_MD_SIZE];
-  unsigned int n = 0;
-  EVP_Digest(data.data(), data.size(), d, &n, md, nullptr);
-  std::string hex;
-  char two[3];
-  for (unsigned int i = 0; i < n; ++i) {
-    std::snprintf(two, sizeof two, "%02x", d[i]);
-    hex += two;
-  }
-  return hex;
 }
 
 class MgmtServerTest : public ::testing::Test {
@@ -243,14 +163,10 @@ class MgmtServerTest : public ::testing::Test {
   }
 
   // Adds the device and gives it a fresh key, so its answers come from its queue.
-  void register_and_rotate(const Server& s, const std::string& serial) {
-    ASSERT_EQ(0, run_command({"add-device", serial, "--model", kModel, "--registry", "registry.db"}));
-    PkeyPtr key(EVP_RSA_gen(2048));
-    Frame f;
-    f.serial = serial;
-    f.pkey = b64(self_signed_pem(key.get(), serial));
-    Answer a = call(s, "/rest/keyRotation/", f);
-    ASSERT_EQ("y", a.str("respStatus")) << a.reply.body;
+  static void register_and_rotate(const Server& s) {
+    ASSERT_EQ(0, run_command({"add-device", "SN1001", "--model", kModel, "--registry", "registry.db"}));
+    const std::string pkey = b64(mgmttest::issue_cert("SN1001", {}, nullptr).cert_pem);
+    ASSERT_EQ("y", call(s, "/rest/keyRotation/", frame("SN1001", ist_now(), &pkey)).at("/respStatus"));
   }
 
   testutil::WorkDir dir_;
@@ -261,15 +177,12 @@ TEST_F(MgmtServerTest, CertificateFetchesAndRangedDownloads) {
   Server s(true);
   ASSERT_GT(s.port(), 0) << s.log();
   for (const auto& [suffix, file] : {std::pair<std::string, std::string>{"PP", "preprod.pem"}, {"P", "prod.pem"}}) {
-    Reply r = fetch(s.base() + "/rest/getCert/" + suffix, nullptr, {});
-    JsonPtr j(json_tokener_parse(r.body.c_str()));
-    ASSERT_NE(nullptr, j) << r.body;
-    json_object* v = nullptr;
-    ASSERT_TRUE(json_object_object_get_ex(j.get(), "chkSum", &v));
-    EXPECT_EQ(digest_hex(EVP_sha256(), testutil::read_file("data/uidai/" + file)), json_object_get_string(v));
-    ASSERT_TRUE(json_object_object_get_ex(j.get(), "ci", &v));
-    EXPECT_TRUE(std::regex_match(std::string(json_object_get_string(v)), std::regex("20[0-9]{6}")));
-    EXPECT_FALSE(json_object_object_get_ex(j.get(), "device", &v));
+    Answer a;
+    a.reply = fetch(s.base() + "/rest/getCert/" + suffix, nullptr);
+    a.json.reset(json_tokener_parse(a.reply.body.c_str()));
+    EXPECT_EQ(hex_lower(sha256(testutil::read_file("data/uidai/" + file))), a.at("/chkSum")) << a.reply.body;
+    EXPECT_TRUE(std::regex_match(a.at("/ci"), std::regex("20[0-9]{6}"))) << a.reply.body;
+    EXPECT_EQ("(none)", a.at("/device"));
   }
 
   // The device's chunked ranges; the last one ends at the size itself.
@@ -287,19 +200,17 @@ TEST_F(MgmtServerTest, CertificateFetchesAndRangedDownloads) {
   };
   const std::string url = s.base() + "/files/packages/vexo-1.0.2.zip";
   for (const auto& r : ranges) {
+    SCOPED_TRACE(r.range ? r.range : "whole");
     Reply got = fetch(url, nullptr, {}, r.range);
-    const char* what = r.range ? r.range : "whole";
-    EXPECT_EQ(r.status, got.status) << what;
-    EXPECT_EQ(r.content_range, got.header("Content-Range")) << what;
+    EXPECT_EQ(r.status, got.status);
+    EXPECT_EQ(r.content_range, got.header("Content-Range"));
     if (r.status == 416) continue;
-    EXPECT_EQ(std::to_string(r.length), got.header("Content-Length")) << what;
-    EXPECT_TRUE(got.body == package_.substr(r.from, r.length)) << what;
+    EXPECT_EQ(std::to_string(r.length), got.header("Content-Length"));
+    EXPECT_TRUE(got.body == package_.substr(r.from, r.length));
   }
-  Reply head = fetch(url, nullptr, {}, nullptr, true);
-  EXPECT_EQ(200, head.status);
-  EXPECT_EQ("250000", head.header("Content-Length"));
-  EXPECT_EQ(404, fetch(s.base() + "/files/packages/..%2Fregistry.db", nullptr, {}).status);
-  EXPECT_EQ(404, fetch(s.base() + "/files/other/x", nullptr, {}).status);
+  // HEAD, which the download's size request uses: DownloadTest.FreshDownloadFetchesExactRanges.
+  EXPECT_EQ(404, fetch(s.base() + "/files/packages/..%2Fregistry.db", nullptr).status);
+  EXPECT_EQ(404, fetch(s.base() + "/files/other/x", nullptr).status);
 }
 
 TEST_F(MgmtServerTest, RegistryCommandsCheckTheirArguments) {
@@ -321,26 +232,26 @@ TEST_F(MgmtServerTest, RegisterAnswersByRegistryState) {
 
   Answer unknown = call(s, "/rest/register/");
   EXPECT_EQ(200, unknown.reply.status);
-  EXPECT_EQ("n", unknown.str("respStatus"));
-  EXPECT_EQ("ZELM-015", unknown.str("respCode"));
+  EXPECT_EQ("n", unknown.at("/respStatus"));
+  EXPECT_EQ("ZELM-015", unknown.at("/respCode"));
   EXPECT_EQ(1, unknown.drt_ok);
 
   ASSERT_EQ(0, run_command({"add-device", "SN1001", "--registry", "registry.db"}));
   Answer known = call(s, "/rest/register/");
-  EXPECT_EQ("y", known.str("respStatus")) << known.reply.body;
-  EXPECT_EQ("KEY_ROTATION", known.actions());
+  EXPECT_EQ("y", known.at("/respStatus")) << known.reply.body;
+  EXPECT_EQ("[\"KEY_ROTATION\"]", known.at("/nextAction"));
   EXPECT_EQ(1, known.drt_ok);
   // Host id and model were left out by add-device: learnt from the request.
-  EXPECT_EQ(kHostId, known.device("hostId"));
-  EXPECT_EQ("SN1001", known.device("slNo"));
-  EXPECT_EQ(kModel, known.device("model"));
+  EXPECT_EQ(kHostId, known.at("/device/hostId"));
+  EXPECT_EQ("SN1001", known.at("/device/slNo"));
+  EXPECT_EQ(kModel, known.at("/device/model"));
   // The server's clock in IST; a second or two may pass.
-  std::string ts = known.str("ts");
+  const std::string ts = known.at("/ts");
   EXPECT_TRUE(ts == ist_now() || ts == ist_now(-1) || ts == ist_now(-2)) << ts;
 
   // A registered identity is echoed as registered, not as sent.
   ASSERT_EQ(0, run_command({"add-device", "SN1001", "--host-id", "ffeeddccbbaa", "--registry", "registry.db"}));
-  EXPECT_EQ("ffeeddccbbaa", call(s, "/rest/register/").device("hostId"));
+  EXPECT_EQ("ffeeddccbbaa", call(s, "/rest/register/").at("/device/hostId"));
 
   std::string log = s.log();
   EXPECT_NE(std::string::npos, log.find("POST /Zelm/rest/register/ SN1001 n ZELM-015\n")) << log;
@@ -354,24 +265,25 @@ TEST_F(MgmtServerTest, KeyRotationIssuesCertificateUnderTheCa) {
 
   // The device asks for a subject that would make its certificate pass for
   // the server's; the server names the serial number instead.
-  PkeyPtr key(EVP_RSA_gen(2048));
-  Frame f;
-  f.pkey = b64(self_signed_pem(key.get(), "127.0.0.1"));
-  Answer a = call(s, "/rest/keyRotation/", f);
-  ASSERT_EQ("y", a.str("respStatus")) << a.reply.body;
+  const mgmttest::Issued own = mgmttest::issue_cert("127.0.0.1", {}, nullptr);
+  const std::string pkey = b64(own.cert_pem);
+  const std::string rotation = frame("SN1001", ist_now(), &pkey);
+  Answer a = call(s, "/rest/keyRotation/", rotation);
+  ASSERT_EQ("y", a.at("/respStatus")) << a.reply.body;
   EXPECT_EQ(1, a.drt_ok);
-  EXPECT_EQ("NO_ACTION_NECESSARY", a.actions());
-  const std::string dc = a.device("dc");
+  EXPECT_EQ("[\"NO_ACTION_NECESSARY\"]", a.at("/nextAction"));
+  const std::string dc = a.at("/device/dc");
   EXPECT_TRUE(std::regex_match(dc, std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}")))
       << dc;
 
   // sPKey: Base64 DER of a certificate for the device's key, issued by the CA.
-  std::string der = unb64(a.str("sPKey"));
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
-  X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+  const auto der = testcrypto::base64_decode(a.at("/sPKey"));
+  ASSERT_TRUE(der.has_value());
+  const unsigned char* p = der->data();
+  X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(der->size())));
   ASSERT_NE(nullptr, cert);
   PkeyPtr cert_key(X509_get_pubkey(cert.get()));
-  EXPECT_EQ(1, EVP_PKEY_eq(cert_key.get(), key.get()));
+  EXPECT_EQ(1, EVP_PKEY_eq(cert_key.get(), own.key.get()));
   char subject[256];
   EXPECT_STREQ("/CN=SN1001", X509_NAME_oneline(X509_get_subject_name(cert.get()), subject, sizeof subject));
   EXPECT_EQ(X509_get_extension_flags(cert.get()) & EXFLAG_XKUSAGE, static_cast<uint32_t>(EXFLAG_XKUSAGE));
@@ -384,118 +296,99 @@ TEST_F(MgmtServerTest, KeyRotationIssuesCertificateUnderTheCa) {
   EXPECT_EQ(NID_sha256WithRSAEncryption, X509_get_signature_nid(cert.get()));
 
   // With a fresh key the device is left alone; a second rotation gives a new dc.
-  EXPECT_EQ("NO_ACTION_NECESSARY", call(s, "/rest/register/").actions());
-  Answer again = call(s, "/rest/keyRotation/", f);
-  EXPECT_NE(dc, again.device("dc"));
+  EXPECT_EQ("[\"NO_ACTION_NECESSARY\"]", call(s, "/rest/register/").at("/nextAction"));
+  const std::string again = call(s, "/rest/keyRotation/", rotation).at("/device/dc");
+  EXPECT_NE(dc, again);
   std::string listing;
   ASSERT_EQ(0, run_command({"list", "--registry", "registry.db"}, &listing));
-  EXPECT_NE(std::string::npos, listing.find("dc=" + again.device("dc"))) << listing;
+  EXPECT_NE(std::string::npos, listing.find("dc=" + again)) << listing;
 
   // A pKey that is no certificate, or whose self-signature fails, is refused.
-  std::string pem = self_signed_pem(key.get(), "SN1001");
-  pem[pem.size() / 2] = pem[pem.size() / 2] == 'A' ? 'B' : 'A';
-  for (const std::string& bad : {b64("not a key"), std::string("@@@@"), b64(pem), std::string()}) {
-    Frame g;
-    g.pkey = bad;
-    Answer r = call(s, "/rest/keyRotation/", g);
-    EXPECT_EQ("ZELM-004", r.str("respCode")) << bad;
+  const std::string broken = b64(flipped(own.cert_pem, own.cert_pem.size() / 2));
+  for (const std::string& bad : {b64("not a key"), std::string("@@@@"), broken, std::string()}) {
+    EXPECT_EQ("ZELM-004", call(s, "/rest/keyRotation/", frame("SN1001", ist_now(), &bad)).at("/respCode")) << bad;
   }
 }
 
-TEST_F(MgmtServerTest, KeyOlderThanMaxAgeIsRotatedAgain) {
+// Queued actions come one per answer, in order, then none; a key older than
+// the maximum age brings KEY_ROTATION back.
+TEST_F(MgmtServerTest, QueuedActionsInOrderThenKeyAge) {
   {
     Server s(false);
-    register_and_rotate(s, "SN1001");
-    EXPECT_EQ("NO_ACTION_NECESSARY", call(s, "/rest/register/").actions());
+    register_and_rotate(s);
+    for (const char* action : {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE"})
+      ASSERT_EQ(0, run_command({"queue", "SN1001", action, "--registry", "registry.db"}));
+    for (const char* want :
+         {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE", "NO_ACTION_NECESSARY", "NO_ACTION_NECESSARY"}) {
+      EXPECT_EQ("[\"" + std::string(want) + "\"]", call(s, "/rest/register/").at("/nextAction"));
+    }
   }
   // The same registry a day and a bit later (the clock offset moves the
   // server's clock): the default maximum age of 86400 s has passed.
   Server later(false, {"--clock-offset", "86460"});
-  Frame f;
-  f.ts = ist_now(86460);
-  Answer a = call(later, "/rest/register/", f);
-  EXPECT_EQ("KEY_ROTATION", a.actions());
-  std::string ts = a.str("ts");
+  const std::string body = frame("SN1001", ist_now(86460));
+  Answer a = call(later, "/rest/register/", body);
+  EXPECT_EQ("[\"KEY_ROTATION\"]", a.at("/nextAction"));
+  const std::string ts = a.at("/ts");
   EXPECT_TRUE(ts == ist_now(86460) || ts == ist_now(86459) || ts == ist_now(86458)) << ts;
   Server strict(false, {"--clock-offset", "86460", "--key-max-age", "100000"});
-  EXPECT_EQ("NO_ACTION_NECESSARY", call(strict, "/rest/register/", f).actions());
-}
-
-TEST_F(MgmtServerTest, QueuedActionsAreAnsweredInOrder) {
-  Server s(false);
-  register_and_rotate(s, "SN1001");
-  for (const char* action : {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE"})
-    ASSERT_EQ(0, run_command({"queue", "SN1001", action, "--registry", "registry.db"}));
-  EXPECT_EQ(1, run_command({"queue", "SN9999", "KEY_ROTATION", "--registry", "registry.db"}));
-  EXPECT_EQ(2, run_command({"queue", "SN1001", "REBOOT", "--registry", "registry.db"}));
-
-  const std::string expected[] = {"SOFTWARE_UPDATE", "UIDAI_CERT_UPDATE", "SOFTWARE_UPDATE", "NO_ACTION_NECESSARY",
-                                  "NO_ACTION_NECESSARY"};
-  for (const auto& want : expected) EXPECT_EQ(want, call(s, "/rest/register/").actions());
+  EXPECT_EQ("[\"NO_ACTION_NECESSARY\"]", call(strict, "/rest/register/", body).at("/nextAction"));
 }
 
 TEST_F(MgmtServerTest, AlteredRequestsAreRefused) {
   Server s(false);
-  register_and_rotate(s, "SN1001");
-
-  const std::string good = frame(Frame());
-  std::string other_ts = good;
-  other_ts.replace(other_ts.find("\"ts\": \"") + 7, 4, "1999");
-  Frame bad_hmac, bad_skey;
-  bad_hmac.flip_hmac = 10;
-  bad_skey.flip_skey = 3;
-  std::string drt = request_drt(good);
-  std::string bad_drt = drt;
-  bad_drt[5] = bad_drt[5] == 'A' ? 'B' : 'A';
-  const std::string not_json = "{\"device\": ";
-  const std::string no_serial = "{\"ts\": \"x\", \"sKey\": \"x\", \"hmac\": \"x\"}";
-
+  register_and_rotate(s);
+  const std::string good = frame();
+  const std::string drt = request_drt(good);
   struct Case {
     const char* what;
     std::string body;
-    std::string drt;
+    std::string drt;  // "": the body's own; "-": none
     const char* code;
   } cases[] = {
       {"correct", good, drt, "ZELM-000"},
-      {"hmac altered", frame(bad_hmac), "", "ZELM-003"},
-      {"sKey altered", frame(bad_skey), "", "ZELM-003"},
-      {"ts altered after protecting", other_ts, "", "ZELM-003"},
-      {"RD_DRT altered", good, bad_drt, "ZELM-002"},
+      {"hmac altered", flipped(good, value_of(good, "hmac") + 10), "", "ZELM-003"},
+      {"sKey altered", flipped(good, value_of(good, "sKey") + 3), "", "ZELM-003"},
+      {"ts altered after protecting", std::string(good).replace(value_of(good, "ts"), 4, "1999"), "", "ZELM-003"},
+      {"RD_DRT altered", good, flipped(drt, 5), "ZELM-002"},
       {"RD_DRT missing", good, "-", "ZELM-002"},
-      {"RD_DRT of another body", good, request_drt(frame(Frame())), "ZELM-002"},
-      {"not JSON", not_json, "", "ZELM-001"},
-      {"no device", no_serial, "", "ZELM-001"},
+      {"RD_DRT of another body", good, request_drt(frame()), "ZELM-002"},
+      {"not JSON", "{\"device\": ", "", "ZELM-001"},
+      {"no device", "{\"ts\": \"x\", \"sKey\": \"x\", \"hmac\": \"x\"}", "", "ZELM-001"},
   };
   for (auto& c : cases) {
+    SCOPED_TRACE(c.what);
     if (c.drt.empty()) c.drt = request_drt(c.body);
     Answer a = post(s, "/rest/register/", c.body, c.drt == "-" ? "" : c.drt);
-    EXPECT_EQ(c.code, a.str("respCode")) << c.what << ": " << a.reply.body;
-    EXPECT_EQ(std::string(c.code) == "ZELM-000" ? "y" : "n", a.str("respStatus")) << c.what;
+    EXPECT_EQ(c.code, a.at("/respCode")) << a.reply.body;
+    EXPECT_EQ(std::string(c.code) == "ZELM-000" ? "y" : "n", a.at("/respStatus"));
     // Refusals are protected too, bound to the body that was received.
-    EXPECT_EQ(1, a.drt_ok) << c.what;
+    EXPECT_EQ(1, a.drt_ok);
   }
   // An over-long body is cut off before it is read.
   std::string huge(100000, ' ');
-  EXPECT_EQ(413, fetch(s.base() + "/rest/register/", &huge, {}).status);
+  EXPECT_EQ(413, fetch(s.base() + "/rest/register/", &huge).status);
   // The server is still there.
-  EXPECT_EQ("y", call(s, "/rest/register/").str("respStatus"));
+  EXPECT_EQ("y", call(s, "/rest/register/").at("/respStatus"));
 }
 
 TEST_F(MgmtServerTest, UpdatesPointAtDownloadableFiles) {
   Server s(true);
-  register_and_rotate(s, "SN1001");
+  register_and_rotate(s);
 
   Answer soft = call(s, "/rest/softUpdate/");
-  ASSERT_EQ("y", soft.str("respStatus")) << soft.reply.body;
-  EXPECT_EQ(s.base() + "/files/packages/vexo-1.0.2.zip", soft.str("path"));
-  EXPECT_EQ(digest_hex(EVP_md5(), package_), soft.str("checksum"));
+  ASSERT_EQ("y", soft.at("/respStatus")) << soft.reply.body;
+  EXPECT_EQ(s.base() + "/files/packages/vexo-1.0.2.zip", soft.at("/path"));
+  std::string md5;
+  ASSERT_EQ(MD5_Generate("data/packages/vexo-1.0.2.zip", &md5), 0);
+  EXPECT_EQ(md5, soft.at("/checksum"));
 
   const std::string prod = testutil::read_file("data/uidai/prod.pem");
   Answer uidai = call(s, "/rest/uidaiUpdate");
-  EXPECT_EQ("UPDATE_STATUS", uidai.actions());
-  EXPECT_EQ(digest_hex(EVP_sha256(), prod), uidai.str("checksum"));
-  EXPECT_EQ(prod, fetch(uidai.str("path"), nullptr, {}).body);
-  EXPECT_EQ("NO_ACTION_NECESSARY", call(s, "/rest/updateStatus").actions());
+  EXPECT_EQ("[\"UPDATE_STATUS\"]", uidai.at("/nextAction"));
+  EXPECT_EQ(hex_lower(sha256(prod)), uidai.at("/checksum"));
+  EXPECT_EQ(prod, fetch(uidai.at("/path"), nullptr).body);
+  EXPECT_EQ("[\"NO_ACTION_NECESSARY\"]", call(s, "/rest/updateStatus").at("/nextAction"));
 }
 
 }  // namespace

@@ -4,13 +4,11 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
-#include <chrono>
 #include <regex>
 #include <stdexcept>
-#include <stdexcept>
-#include <thread>
 
 #include "platform/platform.h"
+#include "test_crypto.h"
 #include "test_sys.h"
 #include "test_util.h"
 
@@ -34,14 +32,12 @@ Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
   args.insert(args.end(), extra.begin(), extra.end());
   pid_ = spawn(args, "server.out");
   const std::regex first("listening on (https?)://127\\.0\\.0\\.1:([0-9]+)/\n");
-  for (int i = 0; i < 200 && pid_ > 0 && port_ == 0; ++i) {
+  testutil::wait_until([&] {
     std::smatch m;
-    std::string out = testutil::read_file("server.out");
-    if (std::regex_search(out, m, first))
-      port_ = std::stoi(m[2]);
-    else
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+    const std::string out = testutil::read_file("server.out");
+    if (pid_ > 0 && std::regex_search(out, m, first)) port_ = std::stoi(m[2]);
+    return pid_ <= 0 || port_ > 0;
+  });
 }
 
 Server::~Server() {
@@ -49,18 +45,10 @@ Server::~Server() {
 }
 
 std::string Server::base() const {
-  std::string url(tls_ ? "https" : "http");
-  url += "://127.0.0.1:";
-  url += std::to_string(port_);
-  url += "/Zelm";
-  return url;
+  return (tls_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_) + "/Zelm";
 }
 
 std::string Server::log() const { return testutil::read_file("server.out"); }
-
-}  // namespace mgmttest
-
-namespace mgmttest {
 
 namespace {
 
@@ -130,26 +118,6 @@ CannedServer::~CannedServer() {
 
 std::string CannedServer::url(const std::string& path) const {
   return (tls_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_) + path;
-}
-
-int CannedServer::connections() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return connections_;
-}
-
-std::vector<CannedRequest> CannedServer::requests() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return requests_;
-}
-
-std::string CannedServer::offered_alpn() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return alpn_;
-}
-
-std::size_t CannedServer::sent() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return sent_;
 }
 
 void CannedServer::serve() {
@@ -251,11 +219,7 @@ Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>
   Issued out;
   out.key.reset(EVP_EC_gen("P-256"));
   X509Ptr cert(X509_new());
-  X509Ptr issuer_cert;
-  if (issuer != nullptr) {
-    BioPtr in(BIO_new_mem_buf(issuer->cert_pem.data(), static_cast<int>(issuer->cert_pem.size())));
-    issuer_cert.reset(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
-  }
+  X509Ptr issuer_cert = issuer != nullptr ? testcrypto::cert_of_pem(issuer->cert_pem) : nullptr;
   X509* signer = issuer_cert ? issuer_cert.get() : cert.get();
   X509_NAME* name = X509_get_subject_name(cert.get());
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn), -1, -1, 0);
@@ -276,14 +240,9 @@ Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>
     throw std::runtime_error("certificate not signed");
   }
   BioPtr cert_out(BIO_new(BIO_s_mem()));
-  BioPtr key_out(BIO_new(BIO_s_mem()));
   PEM_write_bio_X509(cert_out.get(), cert.get());
-  PEM_write_bio_PrivateKey(key_out.get(), out.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-  for (auto [bio, text] : {std::pair{cert_out.get(), &out.cert_pem}, std::pair{key_out.get(), &out.key_pem}}) {
-    char* data = nullptr;
-    const long size = BIO_get_mem_data(bio, &data);
-    text->assign(data, static_cast<std::size_t>(size));
-  }
+  out.cert_pem = testcrypto::bio_text(cert_out.get());
+  out.key_pem = testcrypto::private_key_pem(out.key.get(), true);
   return out;
 }
 

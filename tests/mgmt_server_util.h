@@ -14,7 +14,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "common/openssl_ptr.h"
@@ -92,14 +91,19 @@ class CannedServer {
   CannedServer& operator=(const CannedServer&) = delete;
   // "http(s)://127.0.0.1:PORT" followed by path.
   std::string url(const std::string& path) const;
-  int connections();
-  std::vector<CannedRequest> requests();
+  int connections() { return locked(connections_); }
+  std::vector<CannedRequest> requests() { return locked(requests_); }
   // The ALPN protocols the last TLS client offered, comma-separated.
-  std::string offered_alpn();
+  std::string offered_alpn() { return locked(alpn_); }
   // Bytes sent on the last connection.
-  std::size_t sent();
+  std::size_t sent() { return locked(sent_); }
 
  private:
+  template <typename T>
+  T locked(const T& field) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return field;
+  }
   void serve();
   void answer(platform::socket_t fd, SSL* ssl);
 

@@ -5,11 +5,9 @@
 // stops it.
 #include <windows.h>
 
-#include <chrono>
 #include <map>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 #include "mgmt_server_util.h"
 #include "test_util.h"
@@ -18,8 +16,8 @@ namespace mgmttest {
 
 namespace {
 
-constexpr auto kStartLimit = std::chrono::seconds(30);
-constexpr auto kStopLimit = std::chrono::seconds(30);
+constexpr int kStartLimitMs = 30000;
+constexpr int kStopLimitMs = 30000;
 
 std::mutex g_mutex;
 std::map<pid_t, std::string> g_out_files;  // pid -> its output file
@@ -57,14 +55,15 @@ bool run_linux(const std::string& command) {
 }
 
 // Waits until path holds a whole number; nullopt after limit.
-std::optional<long> wait_number(const std::string& path, std::chrono::seconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < end) {
-    const std::string text = testutil::read_file(path);
-    if (!text.empty() && text.back() == '\n') return std::stol(text);
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return std::nullopt;
+std::optional<long> wait_number(const std::string& path, int limit_ms) {
+  std::string text;
+  const bool done = testutil::wait_until(
+      [&] {
+        text = testutil::read_file(path);
+        return !text.empty() && text.back() == '\n';
+      },
+      limit_ms);
+  return done ? std::optional<long>(std::stol(text)) : std::nullopt;
 }
 
 }  // namespace
@@ -85,7 +84,7 @@ pid_t spawn(const std::vector<std::string>& args, const std::string& out_file) {
                              "wait $!\necho $? > " + out + ".exit.tmp && mv " + out + ".exit.tmp " + out + ".exit\n";
   testutil::write_file(out_file + ".sh", script);
   if (!run_linux("/bin/sh " + dir + "/" + out_file + ".sh")) return -1;
-  const auto pid = wait_number(out_file + ".pid", kStartLimit);
+  const auto pid = wait_number(out_file + ".pid", kStartLimitMs);
   if (!pid) return -1;
   std::lock_guard<std::mutex> lock(g_mutex);
   g_out_files[static_cast<pid_t>(*pid)] = out_file;
@@ -102,7 +101,7 @@ int wait_exit(pid_t pid) {
     g_out_files.erase(it);
   }
   // A registry command runs for well under a second; a hung one fails the test.
-  const auto code = wait_number(out_file + ".exit", kStopLimit);
+  const auto code = wait_number(out_file + ".exit", kStopLimitMs);
   return code ? static_cast<int>(*code) : -1;
 }
 
