@@ -6,8 +6,6 @@
 #   deps ARCH    build the eight third-party libraries as static libraries
 #                into the cache (a no-op when the cache is complete)
 #   prefix ARCH  print the cache folder of a complete deps build (exit 1 if none)
-#   smoke ARCH   build tests/windows/ against the cache into
-#                build-win-smoke-ARCH/ and run it under Wine
 #   build ARCH   build the products and test programs into build-win-ARCH/
 #                (and the Linux reference server they talk to, in
 #                build-win-native/)
@@ -39,7 +37,7 @@ die() { printf 'windows.sh: %s\n' "$*" >&2; exit 1; }
 note() { printf 'windows.sh: %s\n' "$*" >&2; }
 
 usage() {
-  sed -n '5,17p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+  sed -n '5,15p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
   exit 2
 }
 
@@ -389,31 +387,6 @@ start_wine() {
 
 stop_wine() { env "${WINE_ENV[@]}" wineserver -k 2>/dev/null || true; }
 
-cmd_smoke() {
-  set_arch "${1:-}"
-  local prefix build
-  cmd_deps "$ARCH" >/dev/null
-  prefix=$PREFIX
-  build=$REPO/build-win-smoke-$ARCH
-  cmake -S "$REPO/tests/windows" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" \
-    -DVEXO_WIN_DEPS="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
-  cmake --build "$build" -j"$JOBS"
-  echo "== DLLs imported by the $ARCH programs"
-  local exe
-  for exe in "$build"/*.exe; do
-    printf '%s: %s\n' "$(basename "$exe")" \
-      "$(objdump -p "$exe" | awk '/DLL Name:/ {print $3}' | sort -f | tr '\n' ' ')"
-  done
-  set_wine "$build/wine"
-  if [ -z "$WINE" ]; then
-    echo "== $ARCH: not run: this machine has no 32-bit Wine (wine32 could not be installed)"
-    return 0
-  fi
-  trap 'stop_wine; on_exit' EXIT
-  start_wine
-  (cd "$build" && ctest --output-on-failure)
-}
-
 cmd_build() {
   set_arch "${1:-}"
   local prefix native
@@ -454,7 +427,6 @@ cmd_test() {
 case ${1:-} in
   deps)   shift; cmd_deps "$@" ;;
   prefix) shift; cmd_prefix "$@" ;;
-  smoke)  shift; cmd_smoke "$@" ;;
   build)  shift; cmd_build "$@" ;;
   test)   shift; cmd_test "$@" ;;
   *) usage ;;

@@ -77,8 +77,6 @@ bool file_identity(const std::string& path, platform::FileIdentity* out);
 extern const int kErrorExists;
 extern const int kErrorNoFile;
 extern const int kErrorNoFolder;
-// ... and for a port another socket is bound to.
-extern const int kErrorAddressInUse;
 
 // Whether a port whose connections linger in TIME_WAIT refuses a new bind
 // without SO_REUSEADDR (POSIX) or not (Windows).

@@ -1,10 +1,7 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
@@ -72,60 +69,6 @@ PipeServer::~PipeServer() {
 const std::string& PipeServer::path() const { return state_->path; }
 
 namespace {
-
-platform::socket_t connect_to(const sockaddr* addr, socklen_t len) {
-  int s = ::socket(addr->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (s < 0) return platform::kInvalidSocket;
-  if (::connect(s, addr, len) != 0) {
-    ::close(s);
-    return platform::kInvalidSocket;
-  }
-  return s;
-}
-
-}  // namespace
-
-platform::socket_t connect_loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return connect_to(reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
-}
-
-platform::socket_t connect_loopback6(int port) {
-  sockaddr_in6 addr{};
-  addr.sin6_family = AF_INET6;
-  addr.sin6_port = htons(static_cast<uint16_t>(port));
-  addr.sin6_addr = in6addr_loopback;
-  return connect_to(reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
-}
-
-platform::socket_t bind_port(int port, bool reuse) {
-  int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (s < 0) return platform::kInvalidSocket;
-  int one = 1;
-  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return s;
-  ::close(s);
-  return platform::kInvalidSocket;
-}
-
-void shutdown_send(platform::socket_t s) { ::shutdown(s, SHUT_WR); }
-
-int local_port(platform::socket_t s) {
-  sockaddr_storage a{};
-  socklen_t len = sizeof a;
-  if (::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) != 0) return 0;
-  return a.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&a)->sin6_port)
-                                 : ntohs(reinterpret_cast<sockaddr_in*>(&a)->sin_port);
-}
-
-namespace {
 long long ns_of(const timespec& t) { return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec; }
 timespec timespec_of(long long ns) {
   return {static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)};
@@ -142,11 +85,6 @@ bool file_times(const std::string& path, FileTimes* out) {
 
 bool set_file_times(const std::string& path, const FileTimes& t) {
   const timespec times[2] = {timespec_of(t.access_ns), timespec_of(t.modify_ns)};
-  return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
-}
-
-bool set_access_time(const std::string& path, long long seconds) {
-  const timespec times[2] = {{static_cast<time_t>(seconds), 0}, {0, UTIME_OMIT}};
   return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
 }
 
@@ -169,7 +107,6 @@ bool file_identity(const std::string& path, platform::FileIdentity* out) {
 
 const int kErrorExists = EEXIST;
 const int kErrorNoFile = ENOENT;
-const int kErrorAddressInUse = EADDRINUSE;
 const int kErrorNoFolder = ENOENT;
 
 void ignore_broken_pipe() { ::signal(SIGPIPE, SIG_IGN); }
@@ -238,10 +175,6 @@ int Process::stop() {
 int Process::kill() {
   if (state_->pid > 0) ::kill(state_->pid, SIGKILL);
   return wait();
-}
-
-std::vector<std::string> helper_case(const std::string& test_name) {
-  return {platform::program_path(), "--gtest_filter=" + test_name, "--gtest_also_run_disabled_tests"};
 }
 
 void end_helper(int code) { ::_exit(code); }

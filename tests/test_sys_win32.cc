@@ -137,64 +137,6 @@ const std::string& PipeServer::path() const { return state_->path; }
 
 namespace {
 
-SOCKET to_socket(platform::socket_t s) { return static_cast<SOCKET>(static_cast<std::intptr_t>(s)); }
-
-platform::socket_t connect_to(const sockaddr* addr, int len) {
-  if (platform::socket_startup() != 0) return platform::kInvalidSocket;
-  SOCKET s = ::WSASocketW(addr->sa_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);
-  if (s == INVALID_SOCKET) return platform::kInvalidSocket;
-  if (::connect(s, addr, len) != 0) {
-    ::closesocket(s);
-    return platform::kInvalidSocket;
-  }
-  return static_cast<platform::socket_t>(s);
-}
-
-}  // namespace
-
-platform::socket_t connect_loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<u_short>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return connect_to(reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
-}
-
-platform::socket_t connect_loopback6(int port) {
-  sockaddr_in6 addr{};
-  addr.sin6_family = AF_INET6;
-  addr.sin6_port = htons(static_cast<u_short>(port));
-  addr.sin6_addr = in6addr_loopback;
-  return connect_to(reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
-}
-
-platform::socket_t bind_port(int port, bool reuse) {
-  if (platform::socket_startup() != 0) return platform::kInvalidSocket;
-  SOCKET s = ::WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);
-  if (s == INVALID_SOCKET) return platform::kInvalidSocket;
-  BOOL one = TRUE;
-  if (reuse) ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one), sizeof one);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<u_short>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return static_cast<platform::socket_t>(s);
-  ::closesocket(s);
-  return platform::kInvalidSocket;
-}
-
-void shutdown_send(platform::socket_t s) { ::shutdown(to_socket(s), SD_SEND); }
-
-int local_port(platform::socket_t s) {
-  sockaddr_storage a{};
-  int len = sizeof a;
-  if (::getsockname(to_socket(s), reinterpret_cast<sockaddr*>(&a), &len) != 0) return 0;
-  return a.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&a)->sin6_port)
-                                 : ntohs(reinterpret_cast<sockaddr_in*>(&a)->sin_port);
-}
-
-namespace {
-
 // 100 ns ticks between 1601-01-01 and 1970-01-01.
 constexpr long long kEpochTicks = 116444736000000000LL;
 
@@ -231,15 +173,6 @@ bool set_file_times(const std::string& path, const FileTimes& t) {
   if (h == INVALID_HANDLE_VALUE) return false;
   const FILETIME access = filetime_of(t.access_ns), modify = filetime_of(t.modify_ns);
   const BOOL ok = ::SetFileTime(h, nullptr, &access, &modify);
-  ::CloseHandle(h);
-  return ok != 0;
-}
-
-bool set_access_time(const std::string& path, long long seconds) {
-  HANDLE h = open_for(path, FILE_WRITE_ATTRIBUTES);
-  if (h == INVALID_HANDLE_VALUE) return false;
-  const FILETIME access = filetime_of(seconds * 1000000000LL);
-  const BOOL ok = ::SetFileTime(h, nullptr, &access, nullptr);
   ::CloseHandle(h);
   return ok != 0;
 }
@@ -281,7 +214,6 @@ bool file_identity(const std::string& path, platform::FileIdentity* out) {
 
 const int kErrorExists = ERROR_FILE_EXISTS;
 const int kErrorNoFile = ERROR_FILE_NOT_FOUND;
-const int kErrorAddressInUse = WSAEADDRINUSE;
 const int kErrorNoFolder = ERROR_PATH_NOT_FOUND;
 
 void ignore_broken_pipe() {}
@@ -382,10 +314,6 @@ int Process::kill() {
   // 137, as a shell reports a SIGKILL.
   if (state_->process != nullptr) ::TerminateProcess(state_->process, 137);
   return wait();
-}
-
-std::vector<std::string> helper_case(const std::string& test_name) {
-  return {platform::program_path(), "--gtest_filter=" + test_name, "--gtest_also_run_disabled_tests"};
 }
 
 void end_helper(int code) {

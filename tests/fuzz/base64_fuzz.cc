@@ -7,11 +7,6 @@
 #include "fuzz_env.h"
 #include "common/Base64.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text = fuzz_text(data, size, 1 << 16);
   std::vector<std::uint8_t> a;

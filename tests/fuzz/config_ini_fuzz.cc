@@ -12,12 +12,10 @@
 #include "common/rd_log.h"
 #include "semaphore/semaphore_syc.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
-  // The scanner lock lives in the scratch folder (fuzz_enter_scratch_folder).
+void fuzz_setup() {
+  // The scanner lock lives in the scratch folder (LLVMFuzzerInitialize).
   rd_identity_update([](RdIdentity& id) { id.scanner_name = "Aratek_A600"; });
   if (init_semaphore() != 0) fuzz_fail("init_semaphore");
-  return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

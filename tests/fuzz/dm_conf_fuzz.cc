@@ -5,11 +5,6 @@
 #include "fuzz_env.h"
 #include "mgmt_core/download.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size > 16384) return 0;
   fuzz_write_file("dm.conf", data, size);

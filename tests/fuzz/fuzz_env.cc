@@ -29,8 +29,9 @@ void fuzz_fail(const char* what) {
   std::abort();
 }
 
-void fuzz_enter_scratch_folder() {
-  if (!g_scratch.empty()) return;
+__attribute__((weak)) void fuzz_setup() {}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
   const char* tmp = std::getenv("TMPDIR");
   std::string templ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp");
   templ += "/vexo-fuzz-XXXXXX";
@@ -40,9 +41,7 @@ void fuzz_enter_scratch_folder() {
   // Locks and the status pipe are machine-wide by default: keep them private
   // so that fuzzing never waits on, or disturbs, a service or a test.
   test_seams::update([](test_seams::Seams& s) { s.lock_dir = g_scratch; });
-  std::string pipe = g_scratch;
-  pipe += "/no-pipe";
-  platform::set_status_pipe_path(pipe);
+  platform::set_status_pipe_path(g_scratch + "/no-pipe");
   // Debug prints of a fuzzed Verbose value would flood the fuzzer's output.
   int devnull = open("/dev/null", O_WRONLY);
   if (devnull >= 0) {
@@ -52,6 +51,8 @@ void fuzz_enter_scratch_folder() {
   // The log lines are formatted (their arguments are read) but kept nowhere.
   zlog_init("/dev/null");
   rd_set_verbose(1);
+  fuzz_setup();
+  return 0;
 }
 
 void fuzz_tidy() {

@@ -8,10 +8,13 @@
 #include <cstdint>
 #include <string>
 
-// Makes a fresh folder under $TMPDIR (or /tmp), enters it, points the machine-
-// wide locks and the status pipe into it, sends standard output and the run
-// log (verbose lines included) to /dev/null and removes the folder at exit. Aborts when the folder cannot be made.
-void fuzz_enter_scratch_folder();
+// Every target's LLVMFuzzerInitialize (fuzz_env.cc): makes a fresh folder
+// under $TMPDIR (or /tmp), enters it, points the machine-wide locks and the
+// status pipe into it, sends standard output and the run log (verbose lines
+// included) to /dev/null and removes the folder at exit; aborts when the
+// folder cannot be made. Then it calls fuzz_setup, which a target defines
+// when it needs more set-up (a weak empty one stands in otherwise).
+void fuzz_setup();
 
 // The input as a NUL-terminated text cut to at most max_len bytes; bytes
 // after an embedded NUL stay in the string but a C reader stops there.

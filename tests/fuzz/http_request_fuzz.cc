@@ -27,11 +27,7 @@ void drain(int fd) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
-  set_rd_status_notready();
-  return 0;
-}
+void fuzz_setup() { set_rd_status_notready(); }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // The socket buffer takes the whole input before the server starts reading.

@@ -18,10 +18,8 @@ void check_field(const std::string& s) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
+void fuzz_setup() {
   test_seams::update([](test_seams::Seams& s) { s.now = 1714537800; });  // 2024-05-01T10:00:00 IST
-  return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

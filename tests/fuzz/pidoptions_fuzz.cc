@@ -11,13 +11,11 @@
 #include "common/work_area.h"
 #include "rd_core/xml_parse.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
+void fuzz_setup() {
   std::error_code ec;
   std::filesystem::copy_file(VEXO_SOURCE_DIR "/data/Final.xsd", "Final.xsd",
                              std::filesystem::copy_options::overwrite_existing, ec);
   if (ec) fuzz_fail("cannot copy Final.xsd");
-  return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -7,11 +7,6 @@
 #include "common/work_area.h"
 #include "postauth/PostAuth_xml_parse.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string body = fuzz_text(data, size, kReqBodySize - 1);
   PostAuthFields fields;

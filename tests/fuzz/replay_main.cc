@@ -8,47 +8,36 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-namespace {
-
-// Reads the whole file; false when it cannot be opened.
-bool read_all(const std::filesystem::path& path, std::vector<std::uint8_t>* out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return true;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
+  namespace fs = std::filesystem;
   // Absolute paths first: the target changes the current folder at start.
-  std::vector<std::filesystem::path> files;
+  std::vector<fs::path> files;
   for (int i = 1; i < argc; ++i) {
-    std::filesystem::path p = std::filesystem::absolute(argv[i]);
-    if (std::filesystem::is_directory(p)) {
-      std::vector<std::filesystem::path> in_dir;
-      for (const auto& e : std::filesystem::directory_iterator(p)) {
-        if (e.is_regular_file()) in_dir.push_back(e.path());
+    const fs::path p = fs::absolute(argv[i]);
+    std::vector<fs::path> found;
+    if (fs::is_directory(p)) {
+      for (const auto& e : fs::directory_iterator(p)) {
+        if (e.is_regular_file()) found.push_back(e.path());
       }
-      std::sort(in_dir.begin(), in_dir.end());
-      files.insert(files.end(), in_dir.begin(), in_dir.end());
-    } else if (std::filesystem::exists(p)) {
-      files.push_back(p);
+    } else if (fs::exists(p)) {
+      found.push_back(p);
     }
+    std::sort(found.begin(), found.end());
+    files.insert(files.end(), found.begin(), found.end());
   }
   LLVMFuzzerInitialize(&argc, &argv);
   for (const auto& f : files) {
-    std::vector<std::uint8_t> data;
-    if (!read_all(f, &data)) {
+    std::ifstream in(f, std::ios::binary);
+    if (!in) {
       std::fprintf(stderr, "cannot read %s\n", f.c_str());
       return 1;
     }
+    const std::vector<std::uint8_t> data{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     std::fprintf(stderr, "replaying %s (%zu bytes)\n", f.c_str(), data.size());
     LLVMFuzzerTestOneInput(data.data(), data.size());
   }

@@ -8,11 +8,6 @@
 #include "fuzz_env.h"
 #include "web_service/auth_format.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // Copies, so that a read past the headers or the body is caught.
   std::string_view all(reinterpret_cast<const char*>(data), size);

@@ -7,11 +7,6 @@
 #include "fuzz_env.h"
 #include "web_service/json/json_frame_parse.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_enter_scratch_folder();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // Stamps are copied out so that a read past either one is caught.
   std::string_view all(reinterpret_cast<const char*>(data), size);

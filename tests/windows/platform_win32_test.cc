@@ -1,12 +1,14 @@
 // src/platform/win32/ against the real system: sockets over the loopback, a
 // named pipe server, named semaphores held by a child process, files in a
-// folder of the test's own.
+// folder of the test's own; and the options the Windows build gives OpenSSL
+// and libcurl.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <windows.h>
-#include <aclapi.h>
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +17,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,70 +27,44 @@
 #include "platform/platform.h"
 #include "platform/socket_extra.h"
 #include "platform/test_seams.h"
+#include "test_util.h"
 
 namespace {
 
-// A folder of this test run's own below the system's temporary folder.
-class TempDir {
- public:
-  TempDir() {
-    char base[MAX_PATH];
-    ::GetTempPathA(sizeof base, base);
-    path_ =
-        std::string(base) + "vexo-win32-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(counter_++);
-    ::CreateDirectoryA(path_.c_str(), nullptr);
-  }
-  ~TempDir() { remove_tree(path_); }
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "\\" + name; }
-
- private:
-  static void remove_tree(const std::string& dir) {
-    WIN32_FIND_DATAA found;
-    HANDLE h = ::FindFirstFileA((dir + "\\*").c_str(), &found);
-    if (h != INVALID_HANDLE_VALUE) {
-      do {
-        const std::string name = found.cFileName;
-        if (name == "." || name == "..") continue;
-        const std::string full = dir + "\\" + name;
-        if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-          remove_tree(full);
-        } else {
-          ::DeleteFileA(full.c_str());
-        }
-      } while (::FindNextFileA(h, &found));
-      ::FindClose(h);
-    }
-    ::RemoveDirectoryA(dir.c_str());
-  }
-  static inline int counter_ = 0;
-  std::string path_;
-};
+using testutil::WorkDir;
+using testutil::write_file;
 
 std::vector<std::string> list_dir(const std::string& dir) {
   std::vector<std::string> names;
-  WIN32_FIND_DATAA found;
-  HANDLE h = ::FindFirstFileA((dir + "\\*").c_str(), &found);
-  if (h == INVALID_HANDLE_VALUE) return names;
-  do {
-    const std::string name = found.cFileName;
-    if (name != "." && name != "..") names.push_back(name);
-  } while (::FindNextFileA(h, &found));
-  ::FindClose(h);
+  for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
 }
 
-void put_file(const std::string& path, const std::string& data) {
-  HANDLE h = ::CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-  ASSERT_NE(h, INVALID_HANDLE_VALUE) << path;
-  DWORD n = 0;
-  ::WriteFile(h, data.data(), static_cast<DWORD>(data.size()), &n, nullptr);
-  ::CloseHandle(h);
+// The folders compiled into libcrypto must be ones only administrators can
+// write, never a Unix path that becomes C:\usr\local\ssl; libcurl speaks
+// HTTP and HTTPS alone, through OpenSSL.
+TEST(Win32Build, OpenSslFoldersAndCurlProtocols) {
+  const std::string pf = sizeof(void*) == 8 ? "C:/Program Files" : "C:/Program Files (x86)";
+  const struct {
+    int what;
+    std::string text;
+  } cases[] = {
+      {OPENSSL_DIR, "OPENSSLDIR: \"" + pf + "/Common Files/SSL\""},
+      {OPENSSL_ENGINES_DIR, "ENGINESDIR: \"" + pf + "/OpenSSL/lib/engines-3\""},
+      {OPENSSL_MODULES_DIR, "MODULESDIR: \"" + pf + "/OpenSSL/lib/ossl-modules\""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(OpenSSL_version(c.what), c.text) << "OpenSSL_version(" << c.what << ")";
+  const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+  EXPECT_EQ(std::string(info->ssl_version).rfind("OpenSSL/", 0), 0u) << info->ssl_version;
+  std::set<std::string> protocols;
+  for (const char* const* p = info->protocols; *p; ++p) protocols.insert(*p);
+  EXPECT_EQ(protocols, (std::set<std::string>{"http", "https"}));
+  EXPECT_EQ(info->features & CURL_VERSION_LIBZ, 0);
 }
 
 TEST(Win32Files, AtomicReplacementKeepsBytesAndCleansUp) {
-  TempDir dir;
+  WorkDir dir;
   const std::string path = dir.file("config.ini");
   std::string got;
   ASSERT_EQ(platform::write_file_atomic(path, "one", 3), 0);
@@ -118,7 +96,7 @@ TEST(Win32Files, AtomicReplacementKeepsBytesAndCleansUp) {
 }
 
 TEST(Win32Files, StaleTemporariesAreRemovedOthersStay) {
-  TempDir dir;
+  WorkDir dir;
   const struct {
     const char* name;
     bool removed;
@@ -126,22 +104,22 @@ TEST(Win32Files, StaleTemporariesAreRemovedOthersStay) {
       {"config.ini.tmpAb12Cd", true}, {"dm.conf.tmpzzzzzz", true}, {"config.ini", false},
       {"config.ini.tmpAb1", false},   {".tmpAb12Cd", false},       {"config.ini.tmpAb12Cde", false},
   };
-  for (const auto& c : cases) put_file(dir.file(c.name), "x");
-  ::CreateDirectoryA(dir.file("folder.tmpAb12Cd").c_str(), nullptr);
+  for (const auto& c : cases) write_file(dir.file(c.name), "x");
+  std::filesystem::create_directory(dir.file("folder.tmpAb12Cd"));
   platform::remove_stale_temporaries(dir.path());
   for (const auto& c : cases) EXPECT_EQ(platform::file_exists(dir.file(c.name)), !c.removed) << c.name;
   EXPECT_TRUE(platform::file_exists(dir.file("folder.tmpAb12Cd")));
 }
 
 TEST(Win32Files, FoldersTimesAndOwnerOnlyPermissions) {
-  TempDir dir;
+  WorkDir dir;
   const struct {
     std::string path;
     int rc;
   } cases[] = {
-      {dir.file("a\\b\\c"), 0},
+      {dir.path() + "\\a\\b\\c", 0},
       {dir.path() + "/d/e", 0},
-      {dir.file("a\\b"), 0},
+      {dir.path() + "\\a\\b", 0},
       {"", -1},
   };
   for (const auto& c : cases) {
@@ -150,29 +128,11 @@ TEST(Win32Files, FoldersTimesAndOwnerOnlyPermissions) {
       EXPECT_TRUE(platform::file_exists(c.path)) << c.path;
     }
   }
-  put_file(dir.file("plain"), "x");
+  write_file(dir.file("plain"), "x");
   EXPECT_EQ(platform::make_dirs(dir.file("plain")), -1);
-
   // A new folder grants access to the user, SYSTEM and the administrators
   // alone, whatever its parent allows.
-  PSID user = nullptr;
-  PACL dacl = nullptr;
-  PSECURITY_DESCRIPTOR sd = nullptr;
-  ASSERT_EQ(::GetNamedSecurityInfoA(dir.file("a").c_str(), SE_FILE_OBJECT,
-                                    OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &user, nullptr, &dacl,
-                                    nullptr, &sd),
-            ERROR_SUCCESS);
-  ASSERT_NE(dacl, nullptr);
-  for (DWORD i = 0; i < dacl->AceCount; ++i) {
-    ACCESS_ALLOWED_ACE* ace = nullptr;
-    ASSERT_TRUE(::GetAce(dacl, i, reinterpret_cast<void**>(&ace)));
-    if (ace->Header.AceType != ACCESS_ALLOWED_ACE_TYPE || ace->Mask == 0) continue;
-    PSID sid = &ace->SidStart;
-    EXPECT_TRUE(::EqualSid(sid, user) || ::IsWellKnownSid(sid, WinLocalSystemSid) ||
-                ::IsWellKnownSid(sid, WinBuiltinAdministratorsSid))
-        << "entry " << i << " grants " << std::hex << ace->Mask << " to another account";
-  }
-  ::LocalFree(sd);
+  EXPECT_TRUE(testsys::owner_only(dir.file("a")));
 
   const long long now_ns = static_cast<long long>(std::time(nullptr)) * 1000000000LL;
   const long long day_ns = 86400LL * 1000000000LL;
@@ -185,26 +145,9 @@ TEST(Win32Files, FoldersTimesAndOwnerOnlyPermissions) {
   EXPECT_FALSE(platform::file_readable(dir.file("missing")));
 }
 
-TEST(Win32Files, FileIdentity) {
-  TempDir dir;
-  platform::FileIdentity created, opened, other;
-  ASSERT_EQ(platform::file_identity(dir.file("node.txt"), true, &created), 0);
-  EXPECT_EQ(platform::file_identity(dir.file("node.txt"), true, &other), -1);
-  EXPECT_EQ(platform::last_error(), ERROR_FILE_EXISTS);
-  ASSERT_EQ(platform::file_identity(dir.file("node.txt"), false, &opened), 0);
-  EXPECT_EQ(opened.volume_serial, created.volume_serial);
-  EXPECT_EQ(opened.index_high, created.index_high);
-  EXPECT_EQ(opened.index_low, created.index_low);
-  ASSERT_EQ(platform::file_identity(dir.file("other.txt"), true, &other), 0);
-  EXPECT_EQ(other.volume_serial, created.volume_serial);
-  EXPECT_TRUE(other.index_high != created.index_high || other.index_low != created.index_low);
-  EXPECT_EQ(platform::file_identity(dir.file("missing.txt"), false, &other), -1);
-  EXPECT_EQ(other.index_low, 0u);
-}
-
 TEST(Win32Environment, AppData) {
-  char saved[MAX_PATH] = "";
-  const bool had = ::GetEnvironmentVariableA("APPDATA", saved, sizeof saved) > 0;
+  const char* saved = std::getenv("APPDATA");
+  const std::string had = saved != nullptr ? saved : "";
   const std::string long_value(600, 'x');
   const struct {
     const char* value;
@@ -215,10 +158,10 @@ TEST(Win32Environment, AppData) {
       {nullptr, ""},
   };
   for (const auto& c : cases) {
-    ::SetEnvironmentVariableA("APPDATA", c.value);
+    testsys::set_env("APPDATA", c.value);
     EXPECT_EQ(platform::appdata_dir(), c.expected);
   }
-  ::SetEnvironmentVariableA("APPDATA", had ? saved : nullptr);
+  testsys::set_env("APPDATA", saved != nullptr ? had.c_str() : nullptr);
 }
 
 TEST(Win32Random, BytesDiffer) {
@@ -313,25 +256,8 @@ TEST(Win32Netif, AdaptersHaveAddressesInIndexOrder) {
 
 // ---------------------------------------------------------------- sockets
 
-std::uint16_t bound_port(platform::socket_t s) {
-  sockaddr_in addr{};
-  int len = sizeof addr;
-  ::getsockname(static_cast<SOCKET>(s), reinterpret_cast<sockaddr*>(&addr), &len);
-  return ntohs(addr.sin_port);
-}
-
-SOCKET connect_to(std::uint16_t port) {
-  SOCKET c = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(c, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    ::closesocket(c);
-    return INVALID_SOCKET;
-  }
-  return c;
-}
+// A client connection made with the system's own calls.
+SOCKET client_of(int port) { return static_cast<SOCKET>(testsys::connect_loopback(port)); }
 
 TEST(Win32Socket, ListenAcceptExchangeAndHangUp) {
   platform::socket_t server = platform::tcp_socket();
@@ -339,17 +265,17 @@ TEST(Win32Socket, ListenAcceptExchangeAndHangUp) {
   ASSERT_EQ(platform::set_reuse_address(server), 0);
   ASSERT_EQ(platform::bind_loopback(server, 0), 0);
   ASSERT_EQ(platform::listen_socket(server, 5), 0);
-  const std::uint16_t port = bound_port(server);
+  const int port = testsys::local_port(server);
 
   // A port that a socket listens on stays refused to a second one.
   platform::socket_t thief = platform::tcp_socket();
   ASSERT_EQ(platform::set_reuse_address(thief), 0);
-  EXPECT_EQ(platform::bind_loopback(thief, port), -1);
+  EXPECT_EQ(platform::bind_loopback(thief, static_cast<std::uint16_t>(port)), -1);
   EXPECT_EQ(platform::last_error(), WSAEADDRINUSE);
   platform::close_socket(thief);
 
   EXPECT_EQ(platform::wait_readable(server, 0), 0);
-  SOCKET client = connect_to(port);
+  SOCKET client = client_of(port);
   ASSERT_NE(client, INVALID_SOCKET);
   EXPECT_EQ(platform::wait_readable(server, 10000), 1);
   platform::socket_t conn = platform::accept_socket(server);
@@ -374,7 +300,7 @@ TEST(Win32Socket, ListenAcceptExchangeAndHangUp) {
   // nothing to read yet waits for the byte sent after it started instead of
   // failing with WSAEWOULDBLOCK.
   ASSERT_EQ(platform::set_nonblocking(server, true), 0);
-  client = connect_to(port);
+  client = client_of(port);
   ASSERT_NE(client, INVALID_SOCKET);
   ASSERT_EQ(platform::wait_readable(server, 10000), 1);
   conn = platform::accept_socket(server);
@@ -399,20 +325,6 @@ TEST(Win32Socket, ListenAcceptExchangeAndHangUp) {
   EXPECT_EQ(platform::wait_readable(platform::kInvalidSocket, 0), -1);
 }
 
-TEST(Win32Socket, Ipv6LoopbackOnly) {
-  platform::socket_t s = platform::tcp6_socket();
-  if (s == platform::kInvalidSocket && platform::last_error() == WSAEAFNOSUPPORT) {
-    GTEST_SKIP() << "no IPv6 on this machine";
-  }
-  ASSERT_NE(s, platform::kInvalidSocket);
-  DWORD v6only = 0;
-  int len = sizeof v6only;
-  ::getsockopt(static_cast<SOCKET>(s), IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<char*>(&v6only), &len);
-  EXPECT_EQ(v6only, 1u);
-  EXPECT_EQ(platform::bind_loopback6(s, 0), 0);
-  platform::close_socket(s);
-}
-
 // ---------------------------------------------------------------- status pipe
 
 TEST(Win32Pipe, WritesReachTheServerAndFailuresCarryTheCode) {
@@ -434,56 +346,38 @@ TEST(Win32Pipe, WritesReachTheServerAndFailuresCarryTheCode) {
   EXPECT_TRUE(err == ERROR_NO_DATA || err == ERROR_BROKEN_PIPE || err == ERROR_PIPE_NOT_CONNECTED) << err;
   platform::pipe_close(fd);
 
-  TempDir dir;
-  put_file(dir.file("plain"), "x");
-  const struct {
-    std::string path;
-    int err;
-  } cases[] = {
-      {name, ERROR_FILE_NOT_FOUND},  // the server is gone
-      {"\\\\.\\pipe\\vexo-test-never-made", ERROR_FILE_NOT_FOUND},
-      {dir.file("plain"), ERROR_FILE_NOT_FOUND},
-  };
-  for (const auto& c : cases) {
+  WorkDir dir;
+  write_file(dir.file("plain"), "x");
+  for (const std::string& path : {name, std::string("\\\\.\\pipe\\vexo-test-never-made"), dir.file("plain")}) {
     err = 0;
-    EXPECT_EQ(platform::pipe_open(c.path, &err), -1) << c.path;
-    EXPECT_EQ(err, c.err) << c.path;
+    EXPECT_EQ(platform::pipe_open(path, &err), -1) << path;
+    EXPECT_EQ(err, ERROR_FILE_NOT_FOUND) << path;  // the first: the server is gone
   }
   EXPECT_EQ(platform::status_pipe_path(), "\\\\.\\pipe\\qdx.win.002");
 }
 
 // ---------------------------------------------------------------- locks
 
-std::string g_self;
-
-// Runs this program as a lock holder: it takes name, signals "acquired",
-// waits for "release", releases and ends with 0.
-HANDLE start_holder(const std::string& dir, const std::string& name, const std::string& acquired,
-                    const std::string& release) {
-  std::string cmd = "\"" + g_self + "\" --hold-lock \"" + dir + "\" " + name + " " + acquired + " " + release;
-  STARTUPINFOA si{};
-  si.cb = sizeof si;
-  PROCESS_INFORMATION pi{};
-  if (!::CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return nullptr;
-  ::CloseHandle(pi.hThread);
-  return pi.hProcess;
+// The events that the lock holder below and its test share.
+std::string holder_event(const char* what) {
+  return std::string("vexo-test-") + what + "-" + std::getenv("VEXO_HOLDER_TAG");
 }
 
-int hold_lock(const std::string& dir, const char* name, const char* acquired, const char* release) {
-  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir; });
-  HANDLE acquired_event = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, acquired);
-  HANDLE release_event = ::OpenEventA(SYNCHRONIZE, FALSE, release);
-  platform::NamedLock* lock = platform::named_lock_open(name);
-  if (!acquired_event || !release_event || !lock || platform::named_lock_acquire(lock, 20000) != 0) return 2;
-  ::SetEvent(acquired_event);
-  if (::WaitForSingleObject(release_event, 60000) != WAIT_OBJECT_0) return 3;
-  if (platform::named_lock_release(lock) != 0) return 4;
-  platform::named_lock_close(lock);
-  return 0;
+// Run as a child process by the next test: takes the lock in the test's lock
+// folder, signals "acquired", waits for "release", releases and ends with 0.
+TEST(DISABLED_Win32LockHelper, HoldLock) {
+  test_seams::update([&](test_seams::Seams& s) { s.lock_dir = std::getenv("VEXO_HOLDER_DIR"); });
+  HANDLE acquired = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, holder_event("acquired").c_str());
+  HANDLE release = ::OpenEventA(SYNCHRONIZE, FALSE, holder_event("release").c_str());
+  platform::NamedLock* lock = platform::named_lock_open("Global\\QDX_WIN_010");
+  if (!acquired || !release || !lock || platform::named_lock_acquire(lock, 20000) != 0) testsys::end_helper(2);
+  ::SetEvent(acquired);
+  if (::WaitForSingleObject(release, 60000) != WAIT_OBJECT_0) testsys::end_helper(3);
+  testsys::end_helper(platform::named_lock_release(lock) != 0 ? 4 : 0);
 }
 
 TEST(Win32Lock, NamedLockAcrossThreadsAndProcesses) {
-  TempDir dir;
+  WorkDir dir;
   test_seams::update([&](test_seams::Seams& s) { s.lock_dir = dir.path(); });
   const char* kName = "Global\\QDX_WIN_010";
   platform::NamedLock* a = platform::named_lock_open(kName);
@@ -500,27 +394,22 @@ TEST(Win32Lock, NamedLockAcrossThreadsAndProcesses) {
 
   // Held by a child process: a time-out here, and a release from here must
   // not free the child's hold.
-  const std::string tag = std::to_string(::GetCurrentProcessId());
-  const std::string acquired = "vexo-test-acquired-" + tag, release = "vexo-test-release-" + tag;
-  HANDLE acquired_event = ::CreateEventA(nullptr, TRUE, FALSE, acquired.c_str());
-  HANDLE release_event = ::CreateEventA(nullptr, TRUE, FALSE, release.c_str());
-  HANDLE child = start_holder(dir.path(), kName, acquired, release);
-  ASSERT_NE(child, nullptr);
-  HANDLE waits[] = {acquired_event, child};
-  ASSERT_EQ(::WaitForMultipleObjects(2, waits, FALSE, 60000), WAIT_OBJECT_0) << "the holder ended early";
+  testsys::set_env("VEXO_HOLDER_TAG", std::to_string(testsys::process_id()).c_str());
+  testsys::set_env("VEXO_HOLDER_DIR", dir.path().c_str());
+  HANDLE acquired = ::CreateEventA(nullptr, TRUE, FALSE, holder_event("acquired").c_str());
+  HANDLE release = ::CreateEventA(nullptr, TRUE, FALSE, holder_event("release").c_str());
+  testsys::Process child(testsys::helper_case("DISABLED_Win32LockHelper.HoldLock"));
+  ASSERT_TRUE(child.started());
+  ASSERT_EQ(::WaitForSingleObject(acquired, 60000), WAIT_OBJECT_0) << "the holder did not take the lock";
   EXPECT_EQ(platform::named_lock_acquire(a, 100), 1);
   EXPECT_EQ(platform::named_lock_release(a), -1);
   EXPECT_EQ(platform::named_lock_acquire(b, 100), 1);
-  ::SetEvent(release_event);
+  ::SetEvent(release);
   EXPECT_EQ(platform::named_lock_acquire(a, 20000), 0);
   EXPECT_EQ(platform::named_lock_release(a), 0);
-  ASSERT_EQ(::WaitForSingleObject(child, 60000), WAIT_OBJECT_0);
-  DWORD code = 99;
-  ::GetExitCodeProcess(child, &code);
-  EXPECT_EQ(code, 0u);
-  ::CloseHandle(child);
-  ::CloseHandle(acquired_event);
-  ::CloseHandle(release_event);
+  EXPECT_EQ(child.wait(), 0);
+  ::CloseHandle(acquired);
+  ::CloseHandle(release);
   platform::named_lock_close(a);
   platform::named_lock_close(b);
   EXPECT_EQ(platform::named_lock_open(""), nullptr);
@@ -542,12 +431,3 @@ TEST(Win32Lock, LocalLock) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  if (argc == 6 && std::strcmp(argv[1], "--hold-lock") == 0) return hold_lock(argv[2], argv[3], argv[4], argv[5]);
-  char self[MAX_PATH];
-  ::GetModuleFileNameA(nullptr, self, sizeof self);
-  g_self = self;
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}
