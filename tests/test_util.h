@@ -152,6 +152,13 @@ class Child {
   std::thread reader_;
 };
 
+// Kills (SIGKILL) and reaps a forked child on every way out of a test.
+struct Reaper {
+  int pid = -1;
+  ~Reaper() { reap(); }
+  void reap();
+};
+
 // The port a service logged in the run log at path ("Server Listening On
 // 127.0.0.1 And Port N"), the latest one; 0 when none.
 int logged_port(const std::string& log_path);
