@@ -65,15 +65,11 @@ TEST_F(TlsTest, ServesRequestsOverHttps) {
   const std::string body = discovery_body("READY");
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\nOrigin: https://app\r\n\r\n"),
             ok_header(port, "/", body.size(), " https://app") + body);
-  EXPECT_TRUE(wait_log("sslCommunication", "makeSSLConnection", "SSL accept successful"));
-  EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSLWithTC", "Received message successfully"));
-  EXPECT_TRUE(wait_log("sslCommunication", "sendThruSSL", "Body sent successfully"));
   // A body read through TLS takes the same path as over plain TCP; a request
   // that does not fit is refused over TLS too.
   EXPECT_EQ(
       tls_exchange(port, "CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 1025\r\n\r\n<" + std::string(1024, 'a')),
       ok_header(port, "/rd/capture", 114) + data_file("tls_bad_pid_options.xml"));
-  EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", " content_length is: 1025"));
   EXPECT_EQ(tls_exchange(port, "RDSERVICE / HTTP/1.1\r\nContent-Length: 3000\r\n\r\n" + std::string(3000, 'z')),
             error_header(413, port, ""));
   EXPECT_TRUE(wait_log("sslCommunication", "recvFromSSL", "Request too large for the receive area"));
