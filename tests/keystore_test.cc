@@ -41,16 +41,6 @@ void set_adapters(const std::vector<std::pair<unsigned, Mac>>& list) {
   test_seams::update([&](test_seams::Seams& s) { s.adapters = adapters; });
 }
 
-// Reads a file as the keystore's own reads must not see: its access time,
-// which the keystore records as a tamper seal, is put back afterwards.
-std::string read_keeping_access_time(const std::string& path) {
-  testsys::FileTimes times;
-  if (!testsys::file_times(path, &times)) return "";
-  std::string data = read_file(path);
-  testsys::set_file_times(path, times);
-  return data;
-}
-
 std::string bytes(const Sha256Digest& d) { return std::string(d.begin(), d.end()); }
 
 // The access-time stamp as recorded: seconds, low byte first.
@@ -97,7 +87,12 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   ASSERT_EQ(GetPasswordToDecPrivateKey(&derived), 0);
   EXPECT_EQ(derived, password);
 
-  const std::string enc = read_keeping_access_time("keystore/enc_private_key");
+  // Read as the keystore's own reads must not see: its access time, which the
+  // keystore records as a tamper seal, is put back afterwards.
+  testsys::FileTimes times;
+  ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
+  const std::string enc = read_file("keystore/enc_private_key");
+  ASSERT_TRUE(testsys::set_file_times("keystore/enc_private_key", times));
   std::vector<std::uint8_t> plain;
   ASSERT_EQ(aes_decrypt(password, {reinterpret_cast<const std::uint8_t*>(enc.data()), enc.size()}, &plain), 0);
   const std::string pem(plain.begin(), plain.end());
@@ -118,7 +113,6 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   EXPECT_EQ(X509_check_private_key(x509.get(), key.get()), 1);
 
   // The recorded stamp is the key file's access time after the last read.
-  testsys::FileTimes times;
   ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
   EXPECT_EQ(read_file("last_acces_time_file"), stamp(static_cast<std::uint32_t>(times.access_ns / 1000000000LL)));
 
