@@ -149,10 +149,9 @@ TEST_F(CryptoTest, SessionKeyIsWrappedForTheCertificateOfTheEnvironment) {
     const UidaiCert checked = std::string(c.env) == "PP" ? UidaiCert::kPreProd : prod;
     const std::string hash = hex_lower(sha256(std::string_view(uidai_cert_in_force(checked))));
     // The capture's thread runs no update: the host is asked to.
-    const std::string lines[] = {") - cert_checksum is " + wrong + "\n", ") - hash_buf is " + hash + "\n",
-                                 ") - Check-Sum Verification failed\n",
-                                 ") - Going To download New version of RD Service\n",
-                                 ") - Software_Update is left to the host program\n"};
+    const std::string lines[] = {
+        ") - cert_checksum is " + wrong + "\n", ") - hash_buf is " + hash + "\n", ") - Check-Sum Verification failed\n",
+        ") - Going To download New version of RD Service\n", ") - Software_Update is left to the host program\n"};
     for (const std::string& line : lines) EXPECT_TRUE(contains(text, line)) << line;
   }
   // A fresh key for every capture.
@@ -167,8 +166,8 @@ TEST_F(CryptoTest, CertificateTimeTextToCi) {
     const char* ci;
   } cases[] = {
       {"Jun  1 10:00:00 2027 GMT", 0, "20270601"}, {"jun  1 10:00:00 2027 GMT", -1, ""},
-      {"Jun 32 10:00:00 2027 GMT", -1, ""},         {"Jun 1x 10:00:00 2027 GMT", -1, ""},
-      {"Jun  1 10:00:00 20x7 GMT", -1, ""},         {"Jun  1 10:00:00", -1, ""},
+      {"Jun 32 10:00:00 2027 GMT", -1, ""},        {"Jun 1x 10:00:00 2027 GMT", -1, ""},
+      {"Jun  1 10:00:00 20x7 GMT", -1, ""},        {"Jun  1 10:00:00", -1, ""},
   };
   for (const auto& c : cases) {
     std::string ci = "stale";
@@ -248,7 +247,8 @@ TEST_F(CryptoTest, DihHashesTheIdentityAndFollowsTheScanner) {
   const struct {
     const char* srno;
     const char* dih;
-  } cases[] = {{"S123", "2pWslpH9xL8uqIEGXSd+Fe/L5HJwe2aO5i5evA4a6OA="}, {"S124", "UDXSFk9LogUsVGC5pwlMOVsviytFuG8bcgHc0H3bzms="}};
+  } cases[] = {{"S123", "2pWslpH9xL8uqIEGXSd+Fe/L5HJwe2aO5i5evA4a6OA="},
+               {"S124", "UDXSFk9LogUsVGC5pwlMOVsviytFuG8bcgHc0H3bzms="}};
   for (const auto& c : cases) {
     set_device_serial(c.srno);
     std::string dih;
