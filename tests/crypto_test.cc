@@ -93,7 +93,6 @@ TEST_F(CryptoTest, SessionKeyIsWrappedForTheCertificateOfTheEnvironment) {
     const char* verdict;  // logged
   } cases[] = {
       {"built-in, no env", "", true, "", "", kBuiltIn, 0, "20250923", false, nullptr},
-      {"built-in, unknown env", "X", false, "", "", kBuiltIn, 0, "20221021", false, nullptr},
       {"S", "S", true, "", "", kWrongProd, 0, "20300101", false, nullptr},
       {"PP", "PP", true, "", "", kWrongProd, 0, "20300202", false, "Pre-Prod UIDAI Certificate is VAID"},
       {"P", "P", true, "", "", kWrongPreProd, 0, "20300303", false, "Prod UIDAI Certificate is VALID"},

@@ -130,7 +130,8 @@ TEST_F(TlsTest, WholeRequestMustArriveWithinTheLimit) {
   SSL_set_bio(hello_maker.get(), BIO_new(BIO_s_mem()), out);
   ASSERT_EQ(SSL_connect(hello_maker.get()), -1);
   char* data = nullptr;
-  const std::string hello(data, static_cast<std::size_t>(BIO_get_mem_data(out, &data)));
+  const long length = BIO_get_mem_data(out, &data);
+  const std::string hello(data, static_cast<std::size_t>(length));
   ASSERT_GT(hello.size(), 100u);
   const std::string head_with_body = "RDSERVICE / HTTP/1.1\r\nContent-Length: 100\r\n\r\nab";
   const std::string record_head("\x17\x03\x03\x00\x40", 5);  // an application-data record of 64 bytes
