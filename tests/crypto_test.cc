@@ -14,7 +14,6 @@
 #include "common/rd_config.h"
 #include "common/rd_status.h"
 #include "common/secret.h"
-#include "mgmt_core/keystore.h"
 #include "rd_core/dig_sign.h"
 #include "rd_core/pid_crypto.h"
 #include "semaphore/semaphore_syc.h"
@@ -40,12 +39,6 @@ EVP_PKEY* test_key() {
   return key.get();
 }
 
-Bytes decode(const std::string& text) {
-  Bytes out;
-  EXPECT_EQ(Base64Decode(text, &out), 0) << text;
-  return out;
-}
-
 bool contains(const std::string& hay, const std::string& needle) { return hay.find(needle) != std::string::npos; }
 
 class CryptoTest : public testutil::LibraryTest {
@@ -65,24 +58,17 @@ class CryptoTest : public testutil::LibraryTest {
 };
 
 TEST_F(CryptoTest, BuiltInCertificatesAreTheDataFilesByteForByte) {
-  const struct {
-    UidaiCert which;
-    const char* file;
-    const char* sha256;
-  } cases[] = {
-      {UidaiCert::kStage, "stage.pem", "694265716a6c8d5fcfe8ebb9e3d3fcef77738e58a47608aacb1f266750b52d97"},
-      {UidaiCert::kPreProd, "preprod.pem", "49d93a16760d0adc99c09dcb506b54129fc9e5c8c6581a45d5f6466055e7c939"},
-      {UidaiCert::kProd, "prod.pem", "02fb61de373a363f39b2af9e8d38757febaab6ae15bd2350a80788aceab043c0"},
-      {UidaiCert::kProdOld, "prod_old.pem", "3f874aec46eea0a7f520779567cbf294ffe4f3c2343404bf1d9dc7b5c85f42cb"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
-    const std::string_view built_in = uidai_builtin_cert(c.which);
-    EXPECT_EQ(uidai_cert_file_name(c.which), std::string(c.file));
-    EXPECT_EQ(hex_lower(sha256(built_in)), c.sha256);
-    EXPECT_EQ(built_in, testutil::read_file(std::string(VEXO_SOURCE_DIR) + "/data/uidai/" + c.file));
+  const std::pair<UidaiCert, const char*> cases[] = {{UidaiCert::kStage, "stage.pem"},
+                                                     {UidaiCert::kPreProd, "preprod.pem"},
+                                                     {UidaiCert::kProd, "prod.pem"},
+                                                     {UidaiCert::kProdOld, "prod_old.pem"}};
+  for (const auto& [which, file] : cases) {
+    SCOPED_TRACE(file);
+    const std::string_view built_in = uidai_builtin_cert(which);
+    EXPECT_EQ(uidai_cert_file_name(which), std::string(file));
+    EXPECT_EQ(built_in, testutil::read_file(std::string(VEXO_SOURCE_DIR) + "/data/uidai/" + file));
     // Without a working-folder copy the built-in text is in force.
-    EXPECT_EQ(uidai_cert_in_force(c.which), built_in);
+    EXPECT_EQ(uidai_cert_in_force(which), built_in);
   }
 }
 
@@ -106,22 +92,15 @@ TEST_F(CryptoTest, SessionKeyIsWrappedForTheCertificateOfTheEnvironment) {
     bool switched;        // staging switched to the production certificate
     const char* verdict;  // logged
   } cases[] = {
-      {"built-in S", "S", true, "", "", kBuiltIn, 0, "20250825", false, nullptr},
-      {"built-in PP", "PP", true, "", "", kBuiltIn, 0, "20250929", false, nullptr},
-      {"built-in P", "P", true, "", "", kBuiltIn, 0, "20250923", false, nullptr},
-      {"built-in older P", "P", false, "", "", kBuiltIn, 0, "20221021", false, nullptr},
       {"built-in, no env", "", true, "", "", kBuiltIn, 0, "20250923", false, nullptr},
-      {"built-in, unknown env", "X", false, "", "", kBuiltIn, 0, "20221021", false, nullptr},
       {"S", "S", true, "", "", kWrongProd, 0, "20300101", false, nullptr},
       {"PP", "PP", true, "", "", kWrongProd, 0, "20300202", false, "Pre-Prod UIDAI Certificate is VAID"},
       {"P", "P", true, "", "", kWrongPreProd, 0, "20300303", false, "Prod UIDAI Certificate is VALID"},
       {"older P", "P", false, "", "", kWrongPreProd, 0, "20300404", false, "Prod UIDAI Certificate is VALID"},
       {"P, wrong checksum", "P", true, "", "", kWrongProd, 240, "", false, "Prod UIDAI Certificate is INVAID"},
-      {"older P, wrong checksum", "P", false, "", "", kWrongProd, 240, "", false, "Prod UIDAI Certificate is INVAID"},
       {"PP, wrong checksum", "PP", true, "", "", kWrongPreProd, 240, "", false, "Pre-Prod UIDAI Certificate is INVAID"},
       // Staging takes the production certificate, and its test, only on the production server.
       {"S, staging server", "S", true, stage, ms, kWrongProd, 0, "20300101", false, nullptr},
-      {"S, production URL unset", "S", true, ms, "", kWrongProd, 0, "20300101", false, nullptr},
       {"S, production server", "S", true, ms, ms, kWrongPreProd, 0, "20300303", true, "Prod UIDAI Certificate is VAID"},
       {"S, production server, wrong checksum", "S", true, ms, ms, kWrongProd, 240, "", true, nullptr},
   };
@@ -154,7 +133,8 @@ TEST_F(CryptoTest, SessionKeyIsWrappedForTheCertificateOfTheEnvironment) {
     EXPECT_TRUE(c.verdict || c.rc != 0 || c.certs == kBuiltIn || !contains(text, "cert_checksum is"));
     if (c.rc == 0) {
       EXPECT_FALSE(contains(text, "Check-Sum"));
-      const Bytes wrapped = decode(skey);
+      Bytes wrapped;
+      EXPECT_EQ(Base64Decode(skey, &wrapped), 0);
       EXPECT_EQ(wrapped.size(), 256u);  // every UIDAI key is RSA-2048
       if (c.certs == kBuiltIn) continue;
       std::optional<Bytes> unwrapped = rsa_unwrap(test_key(), wrapped);
@@ -168,26 +148,13 @@ TEST_F(CryptoTest, SessionKeyIsWrappedForTheCertificateOfTheEnvironment) {
     const UidaiCert checked = std::string(c.env) == "PP" ? UidaiCert::kPreProd : prod;
     const std::string hash = hex_lower(sha256(std::string_view(uidai_cert_in_force(checked))));
     // The capture's thread runs no update: the host is asked to.
-    const std::string lines[] = {"INFO   (rsa:check_valid_cert:",
-                                 ") - cert_checksum is " + wrong + "\n",
-                                 ") - hash_buf is " + hash + "\n",
-                                 "ERROR  (rsa:check_valid_cert:",
-                                 ") - Check-Sum Verification failed\n",
-                                 ") - Going To download New version of RD Service\n",
-                                 ") - Error at  session key encryption with UIDAI public key \n",
-                                 ") - Software_Update is left to the host program\n"};
+    const std::string lines[] = {
+        ") - cert_checksum is " + wrong + "\n", ") - hash_buf is " + hash + "\n", ") - Check-Sum Verification failed\n",
+        ") - Going To download New version of RD Service\n", ") - Software_Update is left to the host program\n"};
     for (const std::string& line : lines) EXPECT_TRUE(contains(text, line)) << line;
-    EXPECT_FALSE(contains(text, "Trying to send Software_Update"));
   }
   // A fresh key for every capture.
   for (std::size_t i = 1; i < keys.size(); ++i) EXPECT_NE(keys[i], keys[0]);
-
-  Bytes out = {9};
-  std::string ci = "x";
-  EXPECT_EQ(uid_rsa_public_encrypt("P", {}, &out, &ci), -1);
-  EXPECT_TRUE(out.empty());
-  EXPECT_TRUE(
-      testutil::log_has("rsa", "uid_rsa_public_encrypt", "Invalid Input parameters, Either indata or inlen is null"));
 }
 
 TEST_F(CryptoTest, CertificateTimeTextToCi) {
@@ -197,17 +164,9 @@ TEST_F(CryptoTest, CertificateTimeTextToCi) {
     int rc;
     const char* ci;
   } cases[] = {
-      {"Jun  1 10:00:00 2027 GMT", 0, "20270601"},
-      {"Aug 25 00:00:00 2025 GMT", 0, "20250825"},
-      {"Dec 31 23:59:59 9999 GMT", 0, "99991231"},
-      {"Jan  9 08:00:00.25 2030 GMT", 0, "20300109"},
-      {"jun  1 10:00:00 2027 GMT", -1, ""},
-      {"Foo  1 10:00:00 2027 GMT", -1, ""},
-      {"Jun 32 10:00:00 2027 GMT", -1, ""},
-      {"Jun 1x 10:00:00 2027 GMT", -1, ""},
-      {"Jun  1 10:00:00 20x7 GMT", -1, ""},
-      {"Jun  1 10:00:00", -1, ""},
-      {"", -1, ""},
+      {"Jun  1 10:00:00 2027 GMT", 0, "20270601"}, {"jun  1 10:00:00 2027 GMT", -1, ""},
+      {"Jun 32 10:00:00 2027 GMT", -1, ""},        {"Jun 1x 10:00:00 2027 GMT", -1, ""},
+      {"Jun  1 10:00:00 20x7 GMT", -1, ""},        {"Jun  1 10:00:00", -1, ""},
   };
   for (const auto& c : cases) {
     std::string ci = "stale";
@@ -218,25 +177,21 @@ TEST_F(CryptoTest, CertificateTimeTextToCi) {
 
 TEST_F(CryptoTest, UnusableCertificateInForceFails) {
   std::filesystem::create_directories("cert/uidai");
-  for (const char* content : {"not a certificate", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"}) {
-    install_uidai_cert(UidaiCert::kProd, content);
-    std::uint8_t key[32];
-    std::string skey = "stale", ci;
-    EXPECT_EQ(GenerateEncandPlainSessionKey("P", key, &skey, &ci), -1) << content;
-    EXPECT_TRUE(skey.empty());
-    EXPECT_TRUE(contains(log_text(), "Error at PEM_read_X509"));
-  }
+  install_uidai_cert(UidaiCert::kProd, "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
+  std::uint8_t key[32];
+  std::string skey = "stale", ci;
+  EXPECT_EQ(GenerateEncandPlainSessionKey("P", key, &skey, &ci), -1);
+  EXPECT_TRUE(skey.empty());
+  EXPECT_TRUE(contains(log_text(), "Error at PEM_read_X509"));
 }
 
 TEST_F(CryptoTest, DataAndHmacOpenWithTheSessionKey) {
   install_test_certs();
   const std::string ts = "2016-01-21T12:34:56";
-  const std::string xml =
-      "<Pid ts=\"2016-01-21T12:34:56\" ver=\"2.0\" wadh=\"\"><Bios><Bio type=\"FMR\" posh=\"UNKNOWN\" "
-      "bs=\"x\">AAAA</Bio></Bios></Pid>";
+  // A typical Pid is opened in the capture tests; here the empty and a large one.
   Bytes big(100000);
   for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i * 31 + 7);
-  const Bytes pids[] = {Bytes(xml.begin(), xml.end()), Bytes{0}, Bytes{}, big};
+  const Bytes pids[] = {Bytes{}, big};
   std::uint8_t key[32];
   std::string skey, ci;
   ASSERT_EQ(GenerateEncandPlainSessionKey("P", key, &skey, &ci), 0);
@@ -250,9 +205,9 @@ TEST_F(CryptoTest, DataAndHmacOpenWithTheSessionKey) {
     EXPECT_EQ(opened_ts, ts);
   }
   // A timestamp that is not 19 characters long gives no IV or additional data.
-  for (const char* bad_ts : {"", "2016-01-21T12:34", "2016-01-21T12:34:567"}) {
+  for (const char* bad_ts : {"2016-01-21T12:34", "2016-01-21T12:34:567"}) {
     std::string data = "stale", hmac = "stale";
-    EXPECT_EQ(GenerateEncPID_EncPIDHash(pids[0], key, bad_ts, &data, &hmac), 999) << bad_ts;
+    EXPECT_EQ(GenerateEncPID_EncPIDHash(big, key, bad_ts, &data, &hmac), 999) << bad_ts;
     EXPECT_TRUE(data.empty());
     EXPECT_TRUE(hmac.empty());
   }
@@ -264,7 +219,6 @@ TEST_F(CryptoTest, CaptureTimestampIsIst) {
     int rc;
     const char* ts;
   } cases[] = {
-      {0, 0, "1970-01-01T05:30:00"},
       {1453359896, 0, "2016-01-21T12:34:56"},  // 07:04:56 UTC
       {-1, -1, ""},
   };
@@ -276,36 +230,29 @@ TEST_F(CryptoTest, CaptureTimestampIsIst) {
   }
 }
 
-TEST_F(CryptoTest, DihHashesTheSixIdentityValues) {
-  struct Identity {
-    std::string dpId = "QDX", rdsId = "QDX.WIN.002", rdsVer = "1.0.0", dc = "dc-uuid", mi = "A600", srno = "S123";
-  };
-  auto dih_of = [](const Identity& v) {
-    rd_identity_update([&](RdIdentity& r) {
-      r.dpId = v.dpId;
-      r.rdsId = v.rdsId;
-      r.mi = v.mi;
-    });
-    rd_config_update([&](RdConfig& r) {
-      r.rd_ver = v.rdsVer;
-      r.dc = v.dc;
-    });
-    set_device_serial(v.srno);
+// Each value's part in the hash is checked in the capture tests; here the
+// hash follows a newly plugged scanner's serial at once.
+TEST_F(CryptoTest, DihHashesTheIdentityAndFollowsTheScanner) {
+  rd_identity_update([](RdIdentity& r) {
+    r.dpId = "QDX";
+    r.rdsId = "QDX.WIN.002";
+    r.mi = "A600";
+  });
+  rd_config_update([](RdConfig& r) {
+    r.rd_ver = "1.0.0";
+    r.dc = "dc-uuid";
+  });
+  // Computed outside the library: base64(sha256(dpId rdsId rdsVer dc mi hex(sha256(srno)))).
+  const struct {
+    const char* srno;
+    const char* dih;
+  } cases[] = {{"S123", "2pWslpH9xL8uqIEGXSd+Fe/L5HJwe2aO5i5evA4a6OA="},
+               {"S124", "UDXSFk9LogUsVGC5pwlMOVsviytFuG8bcgHc0H3bzms="}};
+  for (const auto& c : cases) {
+    set_device_serial(c.srno);
     std::string dih;
     EXPECT_EQ(Generate_dih(&dih), 0);
-    return dih;
-  };
-  // Computed outside the library: base64(sha256(dpId rdsId rdsVer dc mi hex(sha256(srno)))).
-  const std::string dih = dih_of(Identity{});
-  EXPECT_EQ(dih, "2pWslpH9xL8uqIEGXSd+Fe/L5HJwe2aO5i5evA4a6OA=");
-  EXPECT_TRUE(contains(log_text(), "INFO   (bio_sign:Generate_dih:"));
-  // A changed value is taken up at once.
-  int i = 0;
-  for (auto field :
-       {&Identity::dpId, &Identity::rdsId, &Identity::rdsVer, &Identity::dc, &Identity::mi, &Identity::srno}) {
-    Identity changed;
-    ++(changed.*field).back();
-    EXPECT_NE(dih_of(changed), dih) << "value " << i++;
+    EXPECT_EQ(dih, c.dih) << c.srno;
   }
 }
 
@@ -324,55 +271,32 @@ TEST_F(CryptoTest, SignaturesVerifyWithThePublicKey) {
   // Keys that cannot sign for UIDAI leave the holder empty.
   PkeyPtr ec(EVP_EC_gen("P-256"));
   const std::string rsa_pem = private_key_pem(test_key(), true);
-  for (const std::string& pem : {std::string(), std::string("garbage"), rsa_pem.substr(0, rsa_pem.size() / 2),
-                                 private_key_pem(ec.get(), true)}) {
+  for (const std::string& pem :
+       {std::string(), rsa_pem.substr(0, rsa_pem.size() / 2), private_key_pem(ec.get(), true)}) {
     PkeyPtr key;
     ASSERT_EQ(make_keys(rsa_pem, &key), 0);
     EXPECT_EQ(make_keys(pem, &key), -1) << pem;
     EXPECT_FALSE(key);
   }
-  EXPECT_EQ(make_keys(rsa_pem, nullptr), -1);
 
   PkeyPtr key;
   ASSERT_EQ(make_keys(rsa_pem, &key), 0);
   Bytes sig = {1};
   EXPECT_EQ(sign_it({}, &sig, key.get()), -1);
   EXPECT_TRUE(sig.empty());
-  EXPECT_EQ(sign_it(message, &sig, nullptr), -1);
-  EXPECT_EQ(sign_it(message, nullptr, key.get()), -1);
   EXPECT_TRUE(contains(log_text(), ") - sign_it invalid parameter passed\n"));
 }
 
-// Generate_bio_sign against a real keystore made by GenerateKeyPair.
-TEST_F(CryptoTest, BioSignVerifiesOverRecordDigestTsAndDc) {
-  rd_config_update([](RdConfig& r) {
-    r.dev_pub_key_validity = "1440";
-    r.dc = "8e1f7c3a-dc";
-  });
+// Without a keystore there is no signature. A signature made with the real
+// keystore is verified in the capture tests.
+TEST_F(CryptoTest, BioSignFailsWithoutAKeystore) {
   ASSERT_EQ(init_semaphore(), 0);
-  const std::string record = "FMR\x01\x02\x03 minutiae bytes";
-  const Bytes record_bytes(record.begin(), record.end());
-  // No keystore yet: no signature.
   ASSERT_EQ(Lock_Semaphore(), 0);
   std::string bs = "stale";
-  EXPECT_EQ(Generate_bio_sign(record_bytes, "2016-01-21T12:34:56", &bs), -1);
+  EXPECT_EQ(Generate_bio_sign(Bytes{1, 2, 3}, "2016-01-21T12:34:56", &bs), -1);
   EXPECT_TRUE(bs.empty());
   EXPECT_TRUE(contains(log_text(), ") - Error at to GetDevicePrivateKeyFromFile\n"));
   Unlock_Semaphore();
-
-  std::string cert_pem;
-  ASSERT_EQ(GenerateKeyPair(&cert_pem), 0);
-  PkeyPtr device_public = public_key_of_cert(cert_pem);
-  ASSERT_TRUE(device_public);
-  const std::string ts = "2016-01-21T12:34:56";
-  ASSERT_EQ(Lock_Semaphore(), 0);
-  const int rc = Generate_bio_sign(record_bytes, ts, &bs);
-  Unlock_Semaphore();
-  ASSERT_EQ(rc, 0);
-  const Sha256Digest digest = sha256(record_bytes);
-  EXPECT_TRUE(rsa_sha256_verify(device_public.get(), std::string(digest.begin(), digest.end()) + ts + "8e1f7c3a-dc",
-                                decode(bs)));
-  EXPECT_TRUE(contains(log_text(), ") - Generation of bio-sign is successful\n"));
 }
 
 #ifndef _WIN32

@@ -103,14 +103,13 @@ std::string private_key_pem(EVP_PKEY* key, bool pkcs8) {
 
 std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
   std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree> ctx(EVP_PKEY_CTX_new(key, nullptr));
-  std::size_t len = 0;
+  Bytes out(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
+  std::size_t len = out.size();
   if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
       EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      EVP_PKEY_decrypt(ctx.get(), nullptr, &len, wrapped.data(), wrapped.size()) != 1) {
+      EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) {
     return std::nullopt;
   }
-  Bytes out(len);
-  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) return std::nullopt;
   out.resize(len);
   return out;
 }
