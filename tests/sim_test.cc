@@ -94,28 +94,16 @@ TEST_F(SimTest, SerialNumberIsTheDescriptionsLeadingText) {
 
 TEST_F(SimTest, CaptureResultsAreConsumedInOrderAndRestartWithANewFile) {
   load();
-  struct Row {
-    sim::Keys keys;
-    std::vector<int> results;
-  } rows[] = {
-      {{{"capture_results", "0,-113,-5"}}, {0, ARAFPSCAN_ERROR_TIMEOUT, -5, 0, 0}},
-      {{{"capture_results", "-113"}, {"capture_result", "-7"}}, {-113, -7, -7}},
-      {{{"capture_results", " -113 , x, 0 ,-5"}}, {-113, 0, -5, 0}},
-  };
+  const std::vector<int> results = {0, ARAFPSCAN_ERROR_TIMEOUT, -5, 0, 0};
   OpenScanner dev;
   ASSERT_EQ(0, dev.rc);
-  for (const Row& row : rows) {
-    sim::Keys keys = row.keys;
-    keys.push_back({"capture_wait_ms", "0"});
-    // Twice: the second, identical file must start the list again.
-    for (int round = 0; round < 2; ++round) {
-      control(keys);
-      for (std::size_t i = 0; i < row.results.size(); ++i) {
-        int rc = 1;
-        capture(dev.handle, &rc);
-        EXPECT_EQ(row.results[i], rc) << "call " << i << " round " << round
-                                      << (row.keys.empty() ? "" : " " + row.keys[0].second);
-      }
+  // Twice: the second, identical file must start the list again.
+  for (int round = 0; round < 2; ++round) {
+    control({{"capture_results", "0,-113,-5"}, {"capture_wait_ms", "0"}});
+    for (std::size_t i = 0; i < results.size(); ++i) {
+      int rc = 1;
+      capture(dev.handle, &rc);
+      EXPECT_EQ(results[i], rc) << "call " << i << " round " << round;
     }
   }
   // Unplugged after opening: the capture fails.
@@ -165,7 +153,7 @@ TEST_F(SimTest, MinutiaeRecordIsIsoWithTheScriptedCount) {
   struct Row {
     const char* count;
     int expected;
-  } rows[] = {{nullptr, SIM_DEFAULT_MINUTIAE}, {"0", 0}, {"255", 255}, {"999", 255}, {"-3", 0}};
+  } rows[] = {{nullptr, SIM_DEFAULT_MINUTIAE}, {"999", 255}, {"-3", 0}};
   OpenScanner dev;
   ASSERT_EQ(0, dev.rc);
   std::vector<unsigned char> record(1568, 0xEE);
