@@ -16,19 +16,14 @@ const char kBadPidOptions[] =
     "<PidData>\n<Resp errCode=\"100\" errInfo=\"Invalid input Pid-Options, XML should strictly adhere to spec\"\n"
     "<PidData />\n";
 
-// A text of a data file: \r \n \t \\ and \xHH stand for those bytes, {PORT}
+// A text of a data file: \r \n \t and \\ stand for those bytes, {PORT}
 // for the listener's port and {N*c} for the character c N times.
 std::string unescape(const std::string& in, int port) {
   std::string out;
   for (std::size_t i = 0; i < in.size(); ++i) {
     if (in[i] == '\\') {
       const char c = in[++i];
-      if (c == 'x') {
-        out += static_cast<char>(std::stoi(in.substr(i + 1, 2), nullptr, 16));
-        i += 2;
-      } else {
-        out += c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c;
-      }
+      out += c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c;
     } else if (in.compare(i, 6, "{PORT}") == 0) {
       out += std::to_string(port);
       i += 5;
