@@ -13,7 +13,6 @@
 #include "common/openssl_ptr.h"
 #include "common/rd_config.h"
 #include "init/config.h"
-#include "platform/test_seams.h"
 #include "rd_core/uidai_certs.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_crypto.h"
@@ -79,20 +78,12 @@ std::string expect_local_tls(const std::string& wd) {
   return read_file(wd + "/cert/ssl/ca/ca.crt");
 }
 
-class VexoctlTest : public ::testing::Test {
+class VexoctlTest : public testutil::LibraryTest {
  protected:
   void SetUp() override {
-    test_seams::update([&](test_seams::Seams& s) {
-      s.lock_dir = dir_.path();
-      s.scanner_lock_ms = 200;
-      s.handheld_lock_ms = 200;
-    });
-    semaphore_reset_for_test();
-    rd_identity_update([&](RdIdentity& r) { r.scanner_name = "Aratek_A600"; });
+    LibraryTest::SetUp();
     ASSERT_EQ(init_semaphore(), 0);
-    rd_config_update([&](RdConfig& r) { r = RdConfig(); });
   }
-  void TearDown() override { semaphore_reset_for_test(); }
 
   // A copy of vexoctl in its own folder, with a RefDll folder beside it when
   // refdll is set, so the test controls what the tool finds there.
@@ -104,7 +95,6 @@ class VexoctlTest : public ::testing::Test {
     fs::copy_file(std::string(VEXO_BUILD_DIR) + "/Final.xsd", bin + "/Final.xsd", fs::copy_options::overwrite_existing);
     fs::copy_file(std::string(VEXO_BUILD_DIR) + "/libVexo.so", bin + "/libVexo.so",
                   fs::copy_options::overwrite_existing);
-    setenv("APPDATA", dir_.file("appdata").c_str(), 1);
     if (refdll) {
       fs::create_directories(bin + "/RefDll");
       write_file(bin + "/RefDll/libAraTrustFinger.so", std::string("\177ELF fake library\0tail", 22));
@@ -125,7 +115,6 @@ class VexoctlTest : public ::testing::Test {
     return rc;
   }
 
-  testutil::WorkDir dir_;
 };
 
 TEST_F(VexoctlTest, CommandsHaveHelpAndRejectBadUsage) {
@@ -199,7 +188,6 @@ TEST_F(VexoctlTest, UidaiCertInstallsACertificateTheLibraryUses) {
   // An edited copy is no longer vouched for.
   write_file("wd/cert/uidai/preprod.pem", pem + " ");
   EXPECT_EQ(uidai_cert_in_force(UidaiCert::kPreProd), std::string(uidai_builtin_cert(UidaiCert::kPreProd)));
-  rd_identity_update([](RdIdentity& id) { id.prefix = "./"; });
 }
 
 TEST_F(VexoctlTest, SealAndVerifyMatchTheLibrary) {
