@@ -139,16 +139,12 @@ def serve_fake_rd(first_port, last_port):
 class Service:
 
     def __init__(self, build, tmp, tls, scanner="Aratek_A600"):
-        self.build = build
         self.workdir = os.path.join(tmp, "wd")
         self.env = dict(os.environ, APPDATA=os.path.join(tmp, "appdata"), HOME=os.path.join(tmp, "home"))
-        os.makedirs(self.env["APPDATA"], exist_ok=True)
-        os.makedirs(self.env["HOME"], exist_ok=True)
-        args = [os.path.join(build, "vexoctl"), "init-workdir", self.workdir, "--scanner", scanner,
-                "--mgmt-url", "https://127.0.0.1:9/Zelm"]
-        if tls:
-            args.append("--tls")
-        self.vexoctl(args)
+        for folder in ("APPDATA", "HOME"):
+            os.makedirs(self.env[folder], exist_ok=True)
+        self.vexoctl([os.path.join(build, "vexoctl"), "init-workdir", self.workdir, "--scanner", scanner,
+                      "--mgmt-url", "https://127.0.0.1:9/Zelm"] + (["--tls"] if tls else []))
         self.host = subprocess.Popen([os.path.join(build, "vexo-host"), "--workdir", self.workdir, "--no-mgmt", scanner],
                                      env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         CLEANUP.callback(self.stop)
