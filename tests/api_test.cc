@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -103,15 +102,13 @@ class ApiTest : public testutil::LibraryTest {
 
 TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
   const std::string schema = "Invalid PidOptions input. XML should strictly adhere to spec.";
-  const auto used = [] { set_rd_status_used(); };
-  const auto notready = [] { set_rd_status_notready(); };
-  const auto detached = [] {
+  void (*const detached)() = [] {
     set_rd_status_notready();
     set_device_detached(1);
   };
   const struct {
     const char* name;
-    std::function<void()> setup;
+    void (*setup)();
     std::string body;
     const char* origin;
     int code;
@@ -120,9 +117,9 @@ TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
     std::string pipe;  // the status-pipe message, also in the last-status line when reported
     bool reported;
   } cases[] = {
-      {"used", used, kValidBody, "http://example.com", 710, "Being used by another application", "0",
+      {"used", set_rd_status_used, kValidBody, "http://example.com", 710, "Being used by another application", "0",
        "5000|RD Service is in USED state,|please wait for some time", false},
-      {"not ready", notready, kValidBody, nullptr, 720, "Device not ready", "0",
+      {"not ready", set_rd_status_notready, kValidBody, nullptr, 720, "Device not ready", "0",
        "5000|RD Service is in NOTREADY state,|please wait for some time", false},
       {"detached", detached, kValidBody, nullptr, 720, "Device not ready", "0",
        "5000|Device is not connected,|RD Service is in not ready state", true},

@@ -224,7 +224,6 @@ TEST_F(VexoctlTest, InitWorkdirLaysOutAStartableFolder) {
   EXPECT_EQ(c.mgmt_url_register, std::string(kUrl) + "/rest/register/");
   EXPECT_EQ(std::vector<int>({c.dc_missing, c.ssl_enabled, c.verbose}), std::vector<int>({1, 0, 0}));
   EXPECT_EQ(c.dev_pub_key_validity, "1440");
-  EXPECT_FALSE(c.rd_ver.empty());
 
   auto ca = load_cert(wd + "/cert/server.crt");
   ASSERT_NE(ca, nullptr);
