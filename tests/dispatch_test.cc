@@ -16,23 +16,14 @@ const char kBadPidOptions[] =
     "<PidData>\n<Resp errCode=\"100\" errInfo=\"Invalid input Pid-Options, XML should strictly adhere to spec\"\n"
     "<PidData />\n";
 
-std::string capture_request(const std::string& path, const std::string& version, const std::string& body) {
-  return "CAPTURE " + path + " " + version + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-// A text of a data file: \r \n \t \\ and \xHH stand for those bytes, {PORT}
+// A text of a data file: \r \n \t and \\ stand for those bytes, {PORT}
 // for the listener's port and {N*c} for the character c N times.
 std::string unescape(const std::string& in, int port) {
   std::string out;
   for (std::size_t i = 0; i < in.size(); ++i) {
     if (in[i] == '\\') {
       const char c = in[++i];
-      if (c == 'x') {
-        out += static_cast<char>(std::stoi(in.substr(i + 1, 2), nullptr, 16));
-        i += 2;
-      } else {
-        out += c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c;
-      }
+      out += c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c;
     } else if (in.compare(i, 6, "{PORT}") == 0) {
       out += std::to_string(port);
       i += 5;
@@ -75,13 +66,18 @@ class DispatchTest : public LibraryTest {
 
 // OPTIONS, RDSERVICE, CAPTURE, DEVICEINFO and POSTAUTH with wrong paths,
 // versions, bodies and lengths; POSTAUTH without the handheld library (another
-// scanner) finds no port to open.
-TEST_F(DispatchTest, AnswersEveryVerbByteForByte) {
-  const std::vector<Exchange> rows = exchanges("dispatch_verbs.txt", port_);
-  ASSERT_EQ(rows.size(), 29u);
-  for (const Exchange& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(http_exchange(port_, row.request), row.answer);
+// scanner) finds no port to open. Then pre-flights from a public page to this
+// local service: only an OPTIONS answer of 200 to a request with
+// Access-Control-Request-Private-Network grants it, and every other answer
+// keeps its bytes.
+TEST_F(DispatchTest, AnswersEveryVerbAndPreflightByteForByte) {
+  for (const auto& [file, count] : {std::pair{"dispatch_verbs.txt", 29u}, {"dispatch_private_network.txt", 11u}}) {
+    const std::vector<Exchange> rows = exchanges(file, port_);
+    ASSERT_EQ(rows.size(), count) << file;
+    for (const Exchange& row : rows) {
+      SCOPED_TRACE(row.name);
+      EXPECT_EQ(http_exchange(port_, row.request), row.answer);
+    }
   }
   // Lines logged by the design's functions, not by helpers; a refused capture
   // is reported to the front end.
@@ -92,18 +88,6 @@ TEST_F(DispatchTest, AnswersEveryVerbByteForByte) {
   EXPECT_TRUE(pipe_->wait_for("10000|Error at Parsing the capture request\n"));
   EXPECT_NE(last_status().find(" | server | process_incoming_message | Error at Parsing the capture request "),
             std::string::npos);
-}
-
-// A pre-flight from a public page to this local service asks with
-// Access-Control-Request-Private-Network; only an OPTIONS answer of 200 to
-// such a header line grants it, and every other answer keeps its bytes.
-TEST_F(DispatchTest, GrantsPrivateNetworkOnlyToPreflightsThatAsk) {
-  const std::vector<Exchange> rows = exchanges("dispatch_private_network.txt", port_);
-  ASSERT_EQ(rows.size(), 11u);
-  for (const Exchange& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(http_exchange(port_, row.request), row.answer);
-  }
 }
 
 // However long the origin, every answer that echoes it keeps its header
@@ -178,7 +162,8 @@ TEST_F(DispatchTest, OriginListDecidesWhoIsServed) {
 TEST(ParseCaptureRequest, TakesABodyOfExactly1024Bytes) {
   const std::string body = "<" + std::string(1023, 'c');
   std::vector<char> region(kReqBodySize, '\x7f');
-  EXPECT_EQ(ParseHTTP_ReqCapture(capture_request("/rd/capture", "HTTP/1.1", body).c_str(), region.data()), 0);
+  const std::string request = "CAPTURE /rd/capture HTTP/1.1\r\nContent-Length: 1024\r\n\r\n" + body;
+  EXPECT_EQ(ParseHTTP_ReqCapture(request.c_str(), region.data()), 0);
   EXPECT_EQ(std::string(region.data()), body);
 }
 

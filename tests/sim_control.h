@@ -15,6 +15,7 @@
 
 #include "platform/platform.h"
 #include "test_sys.h"
+#include "test_util.h"
 
 namespace sim {
 
@@ -63,20 +64,11 @@ inline void remove_control(const std::string& refdll_dir) {
   std::filesystem::remove(refdll_dir + "/sim_control.ini", ec);
 }
 
-namespace detail {
-inline std::string read_text(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-}  // namespace detail
-
 // Lines "<function> <result>" written with call_log = 1 ("" when none).
-inline std::string call_log(const std::string& refdll_dir) { return detail::read_text(refdll_dir + "/sim_calls.log"); }
+inline std::string call_log(const std::string& refdll_dir) { return testutil::read_file(refdll_dir + "/sim_calls.log"); }
 
 // Texts the simulated handheld device printed, one per line.
-inline std::string printed(const std::string& refdll_dir) { return detail::read_text(refdll_dir + "/sim_printer.txt"); }
+inline std::string printed(const std::string& refdll_dir) { return testutil::read_file(refdll_dir + "/sim_printer.txt"); }
 
 }  // namespace sim
 

@@ -58,14 +58,11 @@ def check(condition, message):
         raise Failure(message)
 
 
-def log(message):
-    print(message, flush=True)
-
-
 # ------------------------------------------------------------ page servers
 
-# Serves web/ and records every request line, so the test can show that the
-# page sends nothing back to its own origin but GETs of its files.
+# Serves web/ and records every request line (any other verb than GET or
+# HEAD is logged as refused too), so the test can show that the page sends
+# nothing back to its own origin but GETs of its files.
 class PageHandler(http.server.SimpleHTTPRequestHandler):
 
     requests = []
@@ -78,16 +75,6 @@ class PageHandler(http.server.SimpleHTTPRequestHandler):
             super().handle_one_request()
         except (ConnectionError, ssl.SSLError):
             pass
-
-    def __getattr__(self, name):
-        # Any verb other than GET or HEAD is recorded and refused.
-        if name.startswith("do_"):
-            return self.refuse
-        raise AttributeError(name)
-
-    def refuse(self):
-        PageHandler.requests.append(self.requestline)
-        self.send_error(405)
 
 
 def serve_page(web_dir, tls_pair=None):
@@ -152,16 +139,12 @@ def serve_fake_rd(first_port, last_port):
 class Service:
 
     def __init__(self, build, tmp, tls, scanner="Aratek_A600"):
-        self.build = build
         self.workdir = os.path.join(tmp, "wd")
         self.env = dict(os.environ, APPDATA=os.path.join(tmp, "appdata"), HOME=os.path.join(tmp, "home"))
-        os.makedirs(self.env["APPDATA"], exist_ok=True)
-        os.makedirs(self.env["HOME"], exist_ok=True)
-        args = [os.path.join(build, "vexoctl"), "init-workdir", self.workdir, "--scanner", scanner,
-                "--mgmt-url", "https://127.0.0.1:9/Zelm"]
-        if tls:
-            args.append("--tls")
-        self.vexoctl(args)
+        for folder in ("APPDATA", "HOME"):
+            os.makedirs(self.env[folder], exist_ok=True)
+        self.vexoctl([os.path.join(build, "vexoctl"), "init-workdir", self.workdir, "--scanner", scanner,
+                      "--mgmt-url", "https://127.0.0.1:9/Zelm"] + (["--tls"] if tls else []))
         self.host = subprocess.Popen([os.path.join(build, "vexo-host"), "--workdir", self.workdir, "--no-mgmt", scanner],
                                      env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         CLEANUP.callback(self.stop)
@@ -250,7 +233,7 @@ def scan(driver, page_url, service_base):
     driver.get(page_url + "/index.html?scan=1&timeout=%d" % SCAN_TIMEOUT_MS)
     status = wait_text(driver, "scan-status", r"Scan done in [\d.]+ s")
     seconds = float(re.search(r"in ([\d.]+) s", status).group(1))
-    log("scan: %s" % status)
+    print("scan: %s" % status)
     rows = driver.find_elements("css selector", 'tr[data-base="%s"]' % service_base)
     if not rows:
         console = [e.get("message", "") for e in driver.get_log("browser") if "REFUSED" not in e.get("message", "")][:6]
@@ -272,7 +255,7 @@ def device_info_and_capture(driver, service, screenshot):
     check("HTTP 200" in status, status)
     dpid, mi = field(driver, "dpId"), field(driver, "mi")
     check(dpid and mi and field(driver, "rdsId") and field(driver, "dc") is not None, "DeviceInfo not decoded")
-    log("DeviceInfo: dpId=%s mi=%s" % (dpid, mi))
+    print("DeviceInfo: dpId=%s mi=%s" % (dpid, mi))
 
     # One finger, minutiae and image, through the PidOptions editor.
     driver.find_element("css selector", '#opt-fType option[value="2"]').click()
@@ -283,7 +266,7 @@ def device_info_and_capture(driver, service, screenshot):
     check('fCount="1" fType="2"' in pid_options and 'env="P"' in pid_options, pid_options)
     driver.find_element("id", "capture").click()
     status = wait_text(driver, "answer-status", r"CAPTURE answered", timeout=40)
-    log("capture: %s" % status)
+    print("capture: %s" % status)
     check("HTTP 200" in status and "errCode 0 (" in status, status)
     check(field(driver, "errCode") == "0" and field(driver, "fCount") == "1", "Resp not decoded")
     check(re.fullmatch(r"\d+", field(driver, "nmPoints") or ""), "nmPoints %r" % field(driver, "nmPoints"))
@@ -337,7 +320,7 @@ def https_setup(args, tmp, extra_browser_args_for_port=None):
     service = Service(args.build, tmp, tls=True)
     ssl_dir = os.path.join(service.workdir, "cert", "ssl")
     out = service.vexoctl([os.path.join(args.build, "vexoctl"), "trust-tls", service.workdir])
-    log(out.strip())
+    print(out.strip())
     page_port = serve_page(os.path.join(args.source, "web"),
                            (os.path.join(ssl_dir, "public.crt"), os.path.join(ssl_dir, "private.key")))
     extra = extra_browser_args_for_port(page_port) if extra_browser_args_for_port else []
@@ -401,14 +384,14 @@ def case_preflight(args, tmp):
             driver.execute_cdp_cmd("Browser.setPermission", {"origin": page_url, "permission": {"name": permission},
                                                              "setting": "granted"})
         except Exception as e:  # an older Chromium does not know the name
-            log("permission %s not known: %s" % (permission, str(e).splitlines()[0]))
+            print("permission %s not known: %s" % (permission, str(e).splitlines()[0]))
     scan(driver, page_url, "https://127.0.0.1:%d" % service.port)
     driver.save_screenshot(os.path.join(args.shots, "preflight.png"))
     seen = preflights_seen(driver, "https://127.0.0.1:%d/" % service.port)
     check(seen, "the browser saw no answered pre-flight to the service")
     check(any(r.startswith("OPTIONS ") for r in service.requests()), "the service received no OPTIONS")
     for request, security, answer in seen:
-        log("pre-flight from a %s page: %s -> %s" % (security.get("initiatorIPAddressSpace"),
+        print("pre-flight from a %s page: %s -> %s" % (security.get("initiatorIPAddressSpace"),
             json.dumps(request, sort_keys=True), json.dumps(answer, sort_keys=True)))
         check(security.get("initiatorIPAddressSpace") == "Public", "the page did not count as public")
         check(request.get("access-control-request-method") == "RDSERVICE", "request %s" % request)
@@ -420,7 +403,7 @@ def case_preflight(args, tmp):
         else:
             check("access-control-allow-private-network" not in answer, "granted unasked: %s" % answer)
     asked = [r for r, _, _ in seen if r.get("access-control-request-private-network") == "true"]
-    log("pre-flights asking for the private network: %d of %d (%s)" % (
+    print("pre-flights asking for the private network: %d of %d (%s)" % (
         len(asked), len(seen), driver.capabilities.get("browserVersion")))
 
 
@@ -430,6 +413,7 @@ def main():
     parser.add_argument("--source", required=True)
     parser.add_argument("case", choices=["http", "https", "preflight"])
     args = parser.parse_args()
+    sys.stdout.reconfigure(line_buffering=True)
     try:
         import selenium  # noqa: F401
     except ImportError:
