@@ -155,8 +155,7 @@ class CaptureTest : public testutil::LibraryTest {
 TEST_F(CaptureTest, WaitRule) {
   struct Case {
     int given, timeout, seconds;
-  } cases[] = {{0, 0, 20},     {0, 5000, 20}, {1, 10000, 10}, {1, 999, 0},  {1, 1999, 1},
-               {1, 60000, 60}, {1, 0, 0},     {1, -5, 0},     {1, -5000, 0}};
+  } cases[] = {{0, 5000, 20}, {1, 1999, 1}, {1, 0, 0}, {1, -5, 0}};
   for (const Case& c : cases) {
     PidOptionsRequest r;
     r.timeout_given = c.given;
@@ -183,7 +182,6 @@ TEST_F(CaptureTest, PromptsNameEachFinger) {
     std::vector<std::string> positions;
     std::string expected;
   } runs[] = {
-      {{"UNKNOWN"}, "10000|Put Finger\n"},
       {{}, "10000|Put Finger\n"},
       {{"LEFT_INDEX"}, "10000|Put Left Index Finger\n"},
       {{"RIGHT_LITTLE", "LEFT_THUMB"},
@@ -218,11 +216,6 @@ TEST_F(CaptureTest, FailuresGiveTheirCodesAndCloseTheDevice) {
        "5000|Capture Failed\n",
        true},
       {{{"open_result", "-1"}},
-       -1,
-       "opening fp device failed",
-       "5000|Aratek fingerprint scanner:|opening fp device failed\n",
-       false},
-      {{{"present", "0"}},
        -1,
        "opening fp device failed",
        "5000|Aratek fingerprint scanner:|opening fp device failed\n",
