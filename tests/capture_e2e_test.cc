@@ -216,7 +216,6 @@ class CaptureEndToEnd : public ::testing::Test {
     EXPECT_TRUE(plain.has_value()) << "Skey, Data and Hmac do not open";
     return plain.value_or(Bytes{});
   }
-  Plain open_plain(const PidData& p, bool protobuf, std::string* ts) { return read_plain(open_pid(p, ts), protobuf); }
 
   // The device certificate as DeviceInfo carries it.
   static std::string mc() {
@@ -276,7 +275,7 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
     EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n", 5000, piped));
 
     std::string ts;
-    const Plain pid = open_plain(p, values["type"] == "P", &ts);
+    const Plain pid = read_plain(open_pid(p, &ts), values["type"] == "P");
     EXPECT_EQ(pid.ts, ts);
     EXPECT_EQ(pid.ver, values["ver"]);
     EXPECT_EQ(pid.wadh, "wadh-text");

@@ -13,7 +13,6 @@
 #include "common/Base64.h"
 #include "common/hash.h"
 #include "common/rd_config.h"
-#include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "jp2_test_util.h"
 #include "mgmt_core/keystore.h"
