@@ -13,13 +13,9 @@
 #include <memory>
 
 #include "auth.pb-c.h"
-#include "common/work_area.h"
 #include "common/rd_config.h"
+#include "common/work_area.h"
 #include "common/rd_status.h"
-#include "init/config.h"
-#include "common/file_crc.h"
-#include "init/init.h"
-#include "jp2_test_util.h"
 #include "mgmt_core/mgmt_api.h"
 #include "mgmt_server_util.h"
 #include "rds_hash.h"
@@ -27,6 +23,7 @@
 #include "common/hash.h"
 #include "mgmt_core/keystore.h"
 #include "platform/platform.h"
+#include "rd_core/pid_crypto.h"
 #include "rd_core/uidai_certs.h"
 #include "sim_control.h"
 #include "test_crypto.h"
@@ -219,24 +216,12 @@ class CaptureEndToEnd : public ::testing::Test {
     EXPECT_TRUE(plain.has_value()) << "Skey, Data and Hmac do not open";
     return plain.value_or(Bytes{});
   }
-  Plain open_plain(const PidData& p, bool protobuf, std::string* ts) { return read_plain(open_pid(p, ts), protobuf); }
 
   // The device certificate as DeviceInfo carries it.
   static std::string mc() {
     const std::string der = testutil::read_file("cert/public/signed_mc.cer");
     std::string out;
     Base64Encode(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(der.data()), der.size()), &out);
-    return out;
-  }
-
-  std::string expected_dih() {
-    const RdIdentity id = rd_identity_copy();
-    const RdConfig config = rd_config_copy();
-    Sha256Digest srno = sha256(std::string_view(get_device_serial()));
-    std::string text = id.dpId + id.rdsId + config.rd_ver + config.dc + id.mi + hex_lower(srno);
-    Sha256Digest d = sha256(std::string_view(text));
-    std::string out;
-    Base64Encode(d, &out);
     return out;
   }
 
@@ -290,30 +275,22 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
     EXPECT_TRUE(pipe_.wait_for("5000|Capture Success\n", 5000, piped));
 
     std::string ts;
-    const Plain pid = open_plain(p, values["type"] == "P", &ts);
+    const Plain pid = read_plain(open_pid(p, &ts), values["type"] == "P");
     EXPECT_EQ(pid.ts, ts);
     EXPECT_EQ(pid.ver, values["ver"]);
     EXPECT_EQ(pid.wadh, "wadh-text");
     EXPECT_EQ(pid.otp, "654321");
-    EXPECT_EQ(pid.dih, expected_dih());
+    std::string dih;
+    ASSERT_EQ(Generate_dih(&dih), 0);
+    EXPECT_EQ(pid.dih, dih);
     ASSERT_EQ(pid.bios.size(), r.bios.size());
     for (std::size_t i = 0; i < r.bios.size(); ++i) {
       SCOPED_TRACE(i);
       const Plain::Bio& bio = pid.bios[i];
       EXPECT_EQ(std::make_pair(bio.type, bio.posh), r.bios[i]);
+      // The record arrives whole: its signature is over its own bytes.
       EXPECT_TRUE(verify_bs(device_key.get(), bio.record, ts, dc, bio.bs));
-      EXPECT_FALSE(verify_bs(device_key.get(), bio.record, "2000-01-01T00:00:00", dc, bio.bs));
-      ASSERT_GT(bio.record.size(), 46u);
       EXPECT_EQ(as_text(Bytes(bio.record.begin(), bio.record.begin() + 4)), bio.type + '\0');
-      if (bio.type == "FMR") {
-        EXPECT_EQ(bio.record[27], 33);  // minutiae count
-        continue;
-      }
-      // The finger image: JPEG 2000 of the sensor's size after the 46-byte header.
-      jp2test::DecodedImage image;
-      ASSERT_TRUE(jp2test::decode_jp2(bio.record.data() + 46, bio.record.size() - 46, &image));
-      EXPECT_EQ(image.width, 256);
-      EXPECT_EQ(image.height, 360);
     }
   }
 }
@@ -337,50 +314,35 @@ TEST_F(CaptureEndToEnd, LogKeepsNothingOfTheRequestBody) {
 }
 
 TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
-  const std::string no_finger = "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>";
   struct Case {
     const char* name;
     sim::Keys control;
-    std::function<void()> before;
+    std::string prod_checksum;  // "" for the built-in certificate
     const char* code;
     const char* info;
-    const char* pipe = "";  // the message the user sees, "" for none checked
-    std::string request =
-        "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>";
+    const char* pipe;  // the message the user sees
   } cases[] = {
-      {"time-out", {{"capture_results", "-113"}}, [] {}, "700", "Capture timed out", "5000|Capture Timeout\n"},
-      {"capture failure", {{"capture_results", "-5"}}, [] {}, "730", "Capture Failed", "5000|Capture Failed\n"},
-      {"no scanner", {{"present", "0"}}, [] {}, "999", "Internal error", "5000|Internal Error\n"},
-      {"re-capture after NFIQ 4", {{"nfiq_scores", "4,3"}}, [] {}, "0", "SUCCESS"},
-      {"three low-quality images", {{"nfiq_scores", "4,4,4"}}, [] {}, "999", "Internal error"},
-      {"service used", {}, [] { set_rd_status_used(); }, "710", "Being used by another application"},
-      {"service not ready", {}, [] { set_rd_status_notready(); }, "720", "Device not ready"},
+      {"time-out", {{"capture_results", "-113"}}, "", "700", "Capture timed out", "5000|Capture Timeout\n"},
+      {"no scanner", {{"present", "0"}}, "", "999", "Internal error", "5000|Internal Error\n"},
       {"production checksum differs",
        {},
-       [] { set_uidai_prod_checksum(std::string(64, '0')); },
+       std::string(64, '0'),
        "240",
        "UIDAI Certificate is INVALID",
        "10000|Error at Generate encrypted and|plain sessionKey\n"},
-      {"no finger asked for", {}, [] {}, "-1", "Command Not Sent to Device", "", no_finger},
-      {"no device key",
-       {},
-       [] { fs::remove("keystore/enc_private_key"); },
-       "999",
-       "Internal error",
-       "5000|Internal Error\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_rd_status_ready();
     set_uidai_prod_cert_newer(true);
-    set_uidai_prod_checksum("");
+    set_uidai_prod_checksum(c.prod_checksum);
     sim::Keys keys = c.control;
     keys.push_back({"capture_wait_ms", "0"});
     keys.push_back({"serial", "A600-E2E-7"});
     sim::write_control(refdll_, keys);
-    c.before();
     const std::size_t piped = pipe_.received().size();
-    auto [head, body] = capture(c.request);
+    auto [head, body] = capture(
+        "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>");
     EXPECT_TRUE(pipe_.wait_for(c.pipe, 5000, piped)) << pipe_.received().substr(piped);
     EXPECT_EQ(head, capture_head(body.size()));
     PidData p = parse_pid_data(body);
@@ -393,13 +355,8 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
           testutil::last_status().find(" | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "),
           std::string::npos);
     }
-    if (std::string(c.code) != "0") {
-      EXPECT_EQ(p.skey, "");
-      EXPECT_EQ(p.hmac, "");
-      EXPECT_EQ(p.data, "");
-    }
+    EXPECT_EQ(p.skey + p.hmac + p.data, "");
   }
-  EXPECT_NE(pipe_.received().find("3000|Low Quality Image\n"), std::string::npos);
   const std::string log = testutil::read_file("rd.log");
   EXPECT_NE(log.find("Error at FP Capture\n"), std::string::npos);
   EXPECT_NE(log.find("Error at GenerateEncandPlainSessionKey \n"), std::string::npos);
@@ -439,40 +396,31 @@ TEST_F(CaptureEndToEnd, ServiceIsUsedWhileACaptureRuns) {
   set_rd_status_ready();
 }
 
-// DeviceInfo byte for byte, with and without an origin. Values that come from
-// outside (the scanner's serial, the server's device code) are escaped; plain
-// ones stay as they are.
+// DeviceInfo byte for byte over the socket. Values that come from
+// outside (the scanner's serial, the server's device code) are escaped.
 TEST_F(CaptureEndToEnd, DeviceInfoAnswers) {
   struct {
-    const char* origin;
     const char* serial;
     const char* dc;
     const char* serial_attr;
     const char* dc_attr;
   } cases[] = {
-      {"", "A600-E2E-7", "", "A600-E2E-7", ""},
-      {"http://localhost:8080", "A600-E2E-7", "", "A600-E2E-7", ""},
-      {"", "A600-E2E-7", "0f5c-11aa", "A600-E2E-7", "0f5c-11aa"},
-      {"", "A6\"00&<x>", "d\"c&1", "A6&quot;00&amp;&lt;x&gt;", "d&quot;c&amp;1"},
+      {"A6\"00&<x>", "d\"c&1", "A6&quot;00&amp;&lt;x&gt;", "d&quot;c&amp;1"},
       // Control characters that XML cannot carry are dropped, bytes that are
       // not UTF-8 become '?', and white-space controls are kept as references.
-      {"", "A6\x01\xff\t00", "d\tc\r\n1", "A6?&#9;00", "d&#9;c&#13;&#10;1"},
+      {"A6\x01\xff\t00", "d\tc\r\n1", "A6?&#9;00", "d&#9;c&#13;&#10;1"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.serial << " " << c.origin);
+    SCOPED_TRACE(c.serial);
     set_device_serial(c.serial);
     rd_config_update([&](RdConfig& r) { r.dc = c.dc; });
-    const std::string allow = *c.origin ? std::string("Access-Control-Allow-Origin: ") + c.origin + "\r\n" : "";
-    std::string expected = fill(testutil::data_file("capture_device_info.txt"), {{"allow", allow},
-                                                                                 {"port", std::to_string(port_)},
+    std::string expected = fill(testutil::data_file("capture_device_info.txt"), {{"port", std::to_string(port_)},
                                                                                  {"dpId", rd_identity_copy().dpId},
                                                                                  {"dc", c.dc_attr},
                                                                                  {"mc", mc()},
                                                                                  {"srno", c.serial_attr}});
     expected = fill(expected, {{"length", std::to_string(expected.size() - expected.find("\r\n\r\n") - 4)}});
-    const std::string asked = *c.origin ? std::string("Origin: ") + c.origin + "\r\n" : "";
-    EXPECT_EQ(testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n" + asked + "\r\n"),
-              expected);
+    EXPECT_EQ(testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"), expected);
   }
   rd_config_update([](RdConfig& r) { r.dc.clear(); });
 }
@@ -591,12 +539,10 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
     const char* status;
   } rows[] = {
       {"unknown serial", [] {}, -6, "DEVICE_NOT_REGISTERED", "\"NOTREADY\""},
-      {"registered, no dc", add_device, 0, "KEY_ROTATION", "\"USED\""},
-      {"rotated", [this] { ASSERT_EQ(rotate().rc, 0); }, 0, "NO_ACTION_NECESSARY", "\"READY\""},
+      {"rotated", [this] { register_device(); }, 0, "NO_ACTION_NECESSARY", "\"READY\""},
       {"rotation pending, nothing queued", dc_missing, 0, "KEY_ROTATION", "\"READY\""},
       {"rotation pending, update queued", [&] { dc_missing(), queue("SOFTWARE_UPDATE"); }, 0, "SOFTWARE_UPDATE",
        "\"USED\""},
-      {"certificate queued", [] { queue("UIDAI_CERT_UPDATE"); }, 0, "UIDAI_CERT_UPDATE", "\"USED\""},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
@@ -622,39 +568,11 @@ TEST_F(ManagementEndToEnd, InitFollowsTheRegistry) {
   }
 }
 
-TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
-  add_device();
-  const std::string old_dc = rd_config_copy().dc;
-  ASSERT_EQ(rotate(), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""})) << testutil::last_status();
-
-  // dc written, sealed and held; the certificate issued by the CA for the new key.
+// A tampered keystore: the capture forces a rotation, still answers, and
+// the next capture signs with the key of the rotation it caused.
+TEST_F(ManagementEndToEnd, TamperedKeystoreForcesAKeyRotation) {
+  register_device();
   const std::string dc = rd_config_copy().dc;
-  EXPECT_NE(dc, old_dc);
-  EXPECT_EQ(dc, registry_dc());
-  EXPECT_EQ(verify_crc(kCrc16, "./config.ini", "bin_crc.txt"), 0);
-  testing::internal::CaptureStdout();
-  ASSERT_EQ(read_config_file(), 0);
-  testing::internal::GetCapturedStdout();
-  EXPECT_EQ(rd_config_copy().dc, dc);
-  point_at(server_->base());  // the file names the demonstration URL
-  EXPECT_TRUE(fs::exists("App_Vexo"));
-  X509Ptr issued = signed_mc();
-  ASSERT_TRUE(issued);
-  X509Ptr ca = testcrypto::cert_of_pem(testutil::read_file(mgmttest::kMgmtData + "/ca.crt"));
-  ASSERT_TRUE(ca);
-  EXPECT_EQ(X509_verify(issued.get(), PkeyPtr(X509_get_pubkey(ca.get())).get()), 1);
-
-  // A capture: bs verifies under the issued certificate; dc and mc are the new ones.
-  auto [head, body] = capture(one_finger_);
-  PidData pd = parse_pid_data(body);
-  ASSERT_EQ(pd.resp["errCode"], "0") << body;
-  EXPECT_EQ(pd.device["dc"], dc);
-  EXPECT_EQ(pd.device["mc"], mc());
-  EXPECT_TRUE(signed_under(pd, issued.get(), dc));
-  EXPECT_FALSE(signed_under(pd, device_cert_.get(), dc));
-
-  // A tampered keystore: the capture forces a rotation, still answers, and
-  // the next capture signs with the key of the rotation it caused.
   testutil::write_file("last_acces_time_file", "\x01\x02\x03\x04");
   auto [head2, body2] = capture(one_finger_);
   EXPECT_FALSE(parse_pid_data(body2).resp["errCode"].empty()) << body2;
@@ -665,6 +583,7 @@ TEST_F(ManagementEndToEnd, KeyRotationSignsCapturesWithTheIssuedCertificate) {
   PidData third = parse_pid_data(body3);
   EXPECT_EQ(third.resp["errCode"], "0") << body3;
   EXPECT_EQ(third.device["dc"], rd_config_copy().dc);
+  EXPECT_TRUE(signed_under(third, signed_mc().get(), rd_config_copy().dc));
 }
 
 TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
@@ -676,15 +595,9 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   EXPECT_EQ(run(uidai_cert_update), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""})) << testutil::last_status();
   EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
-  auto [head, body] = capture(one_finger_);
-  PidData pd = parse_pid_data(body);
-  ASSERT_EQ(pd.resp["errCode"], "0") << body;
-  std::string ts;
-  EXPECT_FALSE(open_pid(pd, &ts).empty());  // wrapped under the fetched certificate's key
 
   // Implausible certificates, each with its matching checksum, are refused:
-  // nothing is stored, and the next capture's key is still wrapped for the
-  // certificate in force (the refused ones carry keys of their own).
+  // neither the file nor its checksum changes.
   PkeyPtr small(EVP_RSA_gen(1024));
   PkeyPtr other(EVP_RSA_gen(2048));
   const struct {
@@ -693,8 +606,6 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   } implausible[] = {
       {"1024-bit key", testcrypto::make_cert_pem(small.get(), "Test UIDAI", "20240101000000Z", "20310101000000Z")},
       {"expired", testcrypto::make_cert_pem(other.get(), "Test UIDAI", "20200101000000Z", "20210101000000Z")},
-      {"not UIDAI",
-       testcrypto::make_cert_pem(other.get(), "Test UIDAI", "20240101000000Z", "20310101000000Z", 2, "Someone Else")},
   };
   for (const auto& c : implausible) {
     SCOPED_TRACE(c.name);
@@ -705,18 +616,13 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
     EXPECT_EQ(s.rc, -7);
     EXPECT_EQ(s.action, "UIDAI_CERT_UPDATE_RETRY");
     EXPECT_EQ(testutil::read_file("cert/uidai/prod.pem"), uidai_.cert_pem);
-    set_rd_status_ready();
-    auto [head2, body2] = capture(one_finger_);
-    PidData again = parse_pid_data(body2);
-    ASSERT_EQ(again.resp["errCode"], "0") << body2;
-    EXPECT_FALSE(open_pid(again, &ts).empty());
+    EXPECT_EQ(uidai_stored_checksum(UidaiCert::kProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
   }
   testutil::write_file("data/uidai/prod.pem", uidai_.cert_pem);
 
   // The forced update, staging branch: the pre-production checksum is stored.
   EXPECT_EQ(run(uidai_cert_force_update), (Step{0, "NO_ACTION_NECESSARY", "\"READY\""}));
   EXPECT_EQ(uidai_stored_checksum(UidaiCert::kPreProd), hex_lower(sha256(std::string_view(uidai_.cert_pem))));
-  EXPECT_TRUE(pipe_.wait_for("5000|RD Service Started\n"));
 
   // Production branch: a checksum matching neither built-in certificate
   // starts a software update and is stored as the production one.
@@ -728,25 +634,22 @@ TEST_F(ManagementEndToEnd, UidaiCertificatesComeFromTheServer) {
   EXPECT_NE(testutil::read_file("rd.log").find("Going To download New version of RD Service"), std::string::npos);
   rd_config_update([](RdConfig& c) { c.prod_register_url.clear(); });
 
-  // A certificate whose checksum differs is not installed, and a file
-  // dropped in without a stored checksum is not used.
+  // A certificate whose checksum differs is not installed.
   fs::remove_all("cert/uidai");
   EXPECT_EQ(uidai_install_cert("./", UidaiCert::kProd, uidai_.cert_pem, std::string(64, '0')), -1);
   EXPECT_FALSE(fs::exists("cert/uidai/prod.pem"));
-  fs::create_directories("cert/uidai");
-  testutil::write_file("cert/uidai/prod.pem", uidai_.cert_pem);
-  EXPECT_EQ(uidai_cert_in_force(UidaiCert::kProd), std::string(uidai_builtin_cert(UidaiCert::kProd)));
 }
 
-// Init asks for a new key; the rotation fails once the new key is made (the
-// server answers 500, refuses, cuts the connection, or sends a dc that would
-// rewrite config.ini). The registered key, dc and certificate stay in force
-// byte for byte, and the service READY as before the round: captures are
-// still signed for the registered certificate.
+// A registration signs captures with the issued certificate and the
+// registry's dc. Then Init asks for a new key; the rotation fails once the new
+// key is made (the server answers 500, refuses, cuts the connection, or sends
+// a dc that would rewrite config.ini). The registered key, dc and certificate
+// stay in force byte for byte, and the service READY as before the round.
 TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
   register_device();
   ASSERT_EQ(init().status, "\"READY\"");
   const std::string dc = rd_config_copy().dc;
+  EXPECT_EQ(dc, registry_dc());
   X509Ptr registered = signed_mc();
   ASSERT_TRUE(registered);
   const char* const kIdentity[] = {
@@ -817,6 +720,7 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
     ASSERT_EQ(pd.resp["errCode"], "0") << body;
     EXPECT_EQ(pd.device["dc"], dc);
     EXPECT_TRUE(signed_under(pd, registered.get(), dc));
+    EXPECT_FALSE(signed_under(pd, device_cert_.get(), dc));  // not the key made before registering
   }
   EXPECT_EQ(injected.requests().size(), 1u);
   for (const auto& e : fs::recursive_directory_iterator(".")) {
@@ -828,7 +732,6 @@ TEST_F(ManagementEndToEnd, FailedRotationKeepsTheRegisteredIdentity) {
 // the grace period (72 h unless config.ini says otherwise) stays READY; past
 // it, or without a whole registration, Init leaves it USED as designed.
 TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
-  EXPECT_EQ(rd_config_copy().offline_grace_hours, 72);
   register_device();
   ASSERT_EQ(init().rc, 0);
   struct stat st {};
@@ -842,10 +745,8 @@ TEST_F(ManagementEndToEnd, UnreachableServerWithinTheGracePeriod) {
     const char* name;
     long long hours_later;
     const char* status;
-  } rows[] = {{"at once", 0, "\"READY\""},
-              {"71 h later", 71, "\"READY\""},
-              {"73 h later", 73, "\"USED\""},
-              {"no signed certificate", 0, "\"USED\""}};
+  } rows[] = {
+      {"71 h later", 71, "\"READY\""}, {"73 h later", 73, "\"USED\""}, {"no signed certificate", 0, "\"USED\""}};
   for (const auto& r : rows) {
     SCOPED_TRACE(r.name);
     if (std::string(r.name) == "no signed certificate") fs::remove("cert/public/signed_mc.cer");

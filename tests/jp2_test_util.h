@@ -59,10 +59,6 @@ inline bool decode_jp2(const std::uint8_t* data, std::size_t size, DecodedImage*
   return ok;
 }
 
-inline bool decode_jp2(const std::vector<std::uint8_t>& bytes, DecodedImage* out) {
-  return decode_jp2(bytes.data(), bytes.size(), out);
-}
-
 }  // namespace jp2test
 
 #endif  // VEXO_TESTS_JP2_TEST_UTIL_H
