@@ -212,13 +212,11 @@ TEST_F(LockTest, TavioScannerCreatesBothLocks) {
   EXPECT_TRUE(platform::file_exists(dir_.file("locks/Global_QDX_WIN_009.lock")));
   EXPECT_EQ(Unlock_Semaphore_Tavio(), -1);
   ASSERT_EQ(Lock_Semaphore_Tavio(), 0);
-  EXPECT_EQ(Lock_Semaphore_Tavio(), -2);
   // The scanner lock is independent of the handheld lock.
   EXPECT_EQ(Lock_Semaphore(), 0);
   EXPECT_EQ(Unlock_Semaphore(), 0);
   EXPECT_EQ(Unlock_Semaphore_Tavio(), 0);
   const std::string log = testutil::log_text();
-  EXPECT_NE(log.find(" - sem_timedwait Tavio timeout\n"), std::string::npos) << log;
   EXPECT_NE(log.find(" - error at sem_release for Tavio Semaphore\n"), std::string::npos) << log;
 }
 
