@@ -205,6 +205,7 @@ using enum platform::WriteFault;
 // The status column names the file and function that report (the host shows
 // this line).
 const FailureCase kFailureCases[] = {
+    {"NoStatusPipe", -1, "Create pipe failed, error_code = 2", "", "qdx.win.002"},
     {"NoConfig", -16, " | init | IsFilePresent | File Not Found : config.ini", "", "config.ini"},
     {"UnknownScanner", -3, "", ") - FP sensor is not valid sensor\n", "", kNone, "NIKON_X1"},
     {"NoDevice", -10, " | init | Initialize_process | fingerprint device not attached, err_code: -3 ", "", "", kNone,
@@ -239,12 +240,6 @@ TEST_P(StartupFailureTest, ReturnsItsCode) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, StartupFailureTest, ::testing::ValuesIn(kFailureCases),
                          [](const ::testing::TestParamInfo<FailureCase>& info) { return info.param.name; });
-
-TEST_F(StartupTest, NoStatusPipeFailsWithMinusOne) {
-  platform::set_status_pipe_path(dir_.file("absent_fifo"));
-  EXPECT_EQ(Initialize_process("Aratek_A600"), -1);
-  EXPECT_TRUE(has(last_status(), "Create pipe failed, error_code = 2"));
-}
 
 // The TLS files are checked only with TLS on; a key that does not belong to
 // the certificate fails when the service starts.

@@ -38,9 +38,8 @@ TEST_F(ListenerTest, TakesTheFirstPortNoOtherProgramListensOn) {
   const int port = start_server();
   ASSERT_EQ(port, first_port_ + 4);
   const auto logged = [](const std::string& text) { return log_has("server", "prepare_http_socket", text); };
-  for (int p = first_port_; p < port - 1; ++p) {
-    EXPECT_TRUE(logged("binding_tcp_socket : failed on port = " + std::to_string(p) + ", Trying for next port"));
-  }
+  EXPECT_TRUE(
+      logged("binding_tcp_socket : failed on port = " + std::to_string(first_port_) + ", Trying for next port"));
   EXPECT_TRUE(logged("Port " + std::to_string(first_port_ + 3) + " is held on [::1] by another program"));
   EXPECT_TRUE(logged("....................Server Listening On 127.0.0.1 And Port " + std::to_string(port) +
                      "..................."));
