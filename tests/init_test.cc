@@ -99,7 +99,6 @@ TEST_F(StartupTest, CallsResumeSkipOneTimeStepsAndTrackTheScanner) {
   const RdIdentity id = rd_identity_copy();
   EXPECT_EQ(id.rdsId + " " + id.mi + " " + id.dpId, "QDX.WIN.002 QDX.ARA.A600.W KORVANE.QDX");
   EXPECT_EQ(id.clId.size(), 5u);
-  EXPECT_EQ(rd_log_size_limit_kb(), 2048);
   EXPECT_EQ(id.device_changed, 1);  // no Serial_number before
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
   EXPECT_EQ(rd_identity_copy().device_changed, 0);  // same scanner, device certificate present
