@@ -169,21 +169,13 @@ TEST_F(LockTest, ThreadsExcludeEachOtherAndAnyThreadReleases) {
   EXPECT_EQ(Unlock_Semaphore(), 0);
 }
 
-// Without a lock to use: no lock before start-up, none for an unknown
-// scanner, no handheld lock for other scanners, no release of a free lock.
+// Without a lock to use: no lock before start-up, no release of a free lock.
 TEST_F(LockTest, FailuresWithoutAHeldLock) {
   EXPECT_EQ(Lock_Semaphore(), -1);  // nothing created yet
-  use_scanner("Aratek_A900");
-  EXPECT_EQ(init_semaphore(), -1);
-  EXPECT_EQ(Lock_Semaphore(), -1);
-  use_scanner("Aratek_A600");
   ASSERT_EQ(init_semaphore(), 0);
-  EXPECT_EQ(Unlock_Semaphore(), -1);
-  ASSERT_EQ(Lock_Semaphore(), 0);
-  EXPECT_EQ(Unlock_Semaphore(), 0);
-  EXPECT_EQ(Unlock_Semaphore(), -1);
+  EXPECT_EQ(Unlock_Semaphore(), -1);  // nobody holds it
   const std::string log = testutil::log_text();
-  for (const char* line : {" - FP sensor is not valid sensor\n", " - openSemaphore error\n", "error at sem_release"}) {
+  for (const char* line : {" - openSemaphore error\n", " - error at sem_release\n"}) {
     EXPECT_NE(log.find(line), std::string::npos) << line << " not in:\n" << log;
   }
 }
