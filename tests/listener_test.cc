@@ -8,7 +8,6 @@
 
 #include "common/rd_config.h"
 #include "common/rd_log.h"
-#include "common/request_reader.h"
 #include "common/rd_status.h"
 #include "common/work_area.h"
 #include "http/server.h"
@@ -39,15 +38,12 @@ TEST_F(ListenerTest, TakesTheFirstPortNoOtherProgramListensOn) {
   const int port = start_server();
   ASSERT_EQ(port, first_port_ + 4);
   const auto logged = [](const std::string& text) { return log_has("server", "prepare_http_socket", text); };
-  for (int p = first_port_; p < port - 1; ++p) {
-    EXPECT_TRUE(logged("binding_tcp_socket : failed on port = " + std::to_string(p) + ", Trying for next port"));
-  }
+  EXPECT_TRUE(
+      logged("binding_tcp_socket : failed on port = " + std::to_string(first_port_) + ", Trying for next port"));
   EXPECT_TRUE(logged("Port " + std::to_string(first_port_ + 3) + " is held on [::1] by another program"));
-  const std::string text = std::to_string(port);
-  EXPECT_TRUE(logged("socket is bound on port: " + text));
-  EXPECT_TRUE(logged("....................Server Listening On 127.0.0.1 And Port " + text + "..................."));
+  EXPECT_TRUE(logged("....................Server Listening On 127.0.0.1 And Port " + std::to_string(port) +
+                     "..................."));
   EXPECT_EQ(http_exchange(port, kDiscovery), discovery_answer(port));
-  EXPECT_EQ(http_exchange(port, {kDiscovery}, 0, true), discovery_answer(port));
 
   for (int p = port + 1; p <= first_port_ + 7; ++p) held.push_back(hold_port(p));
   platform::socket_t server = platform::kInvalidSocket;
@@ -124,7 +120,8 @@ TEST_F(ListenerTest, ServicesShareTheRangeOnBothLoopbacksAndRestartAtOnce) {
   EXPECT_EQ(connect_to6(first), -1);
 }
 
-// Each row is sent in pieces; the answer and the receive function's log lines.
+// Each row is sent in pieces; the answer, and the line that says why a
+// request was refused.
 TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
   const int port = start_server();
   ASSERT_NE(port, 0);
@@ -134,44 +131,31 @@ TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
   const std::string fit = "RDSERVICE / HTTP/1.1\r\nContent-Length: 2001\r\n\r\n" + std::string(2001, 'x');
   const std::string over = "RDSERVICE / HTTP/1.1\r\nContent-Length: 2002\r\n\r\n" + std::string(2002, 'x');
   ASSERT_EQ(fit.size(), 2047u);
+  const std::string refused = "Request too large for the receive area";
   const struct {
     const char* name;
     std::vector<std::string> pieces;
-    std::string answer;
-    std::vector<std::string> logged;
+    std::string answer, logged;
   } rows[] = {
-      {"no Content-Length",
-       {"RDSERVICE / HTTP/1.1\r\nHost: a\r\n\r\n"},
-       ok,
-       {"Request Header Received", "Current Request will have only Header(No Body)"}},
-      {"Content-Length not a number",
-       {"RDSERVICE / HTTP/1.1\r\nContent-Length: abc\r\n\r\n"},
-       ok,
-       {" content_length is: 0", "Current Request will have only Header(No Body)"}},
-      {"header in single bytes", {"R", "D", "SERVICE / HTTP/1.1\r\n", "\r", "\n"}, ok, {"Request Header Received"}},
+      {"no Content-Length", {"RDSERVICE / HTTP/1.1\r\nHost: a\r\n\r\n"}, ok, ""},
+      {"Content-Length not a number", {"RDSERVICE / HTTP/1.1\r\nContent-Length: abc\r\n\r\n"}, ok, ""},
+      {"header in single bytes", {"R", "D", "SERVICE / HTTP/1.1\r\n", "\r", "\n"}, ok, ""},
       // How many reads the body takes depends on the machine's load; the
       // whole 30 bytes must arrive (the "body of 30 bytes" line below).
-      {"body in three pieces",
-       {"RDSERVICE / HTTP/1.1\r\nContent-Length: 30\r\n\r\n" + digits, digits, digits},
-       ok,
-       {"Going to get request body"}},
-      {"request filling the area exactly", {fit}, ok, {" content_length is: 2001"}},
-      {"body one byte past the area", {over}, too_large, {"Request too large for the receive area"}},
-      {"huge Content-Length",
-       {"RDSERVICE / HTTP/1.1\r\nContent-Length: 99999999999999\r\n\r\n"},
-       too_large,
-       {" content_length is: 2147483647", "Request too large for the receive area"}},
+      {"body in three pieces", {"RDSERVICE / HTTP/1.1\r\nContent-Length: 30\r\n\r\n" + digits, digits, digits}, ok, ""},
+      {"request filling the area exactly", {fit}, ok, ""},
+      {"body one byte past the area", {over}, too_large, refused},
+      {"huge Content-Length", {"RDSERVICE / HTTP/1.1\r\nContent-Length: 99999999999999\r\n\r\n"}, too_large, refused},
       {"header without its blank line",
        {"RDSERVICE / HTTP/1.1\r\nX-Pad: " + std::string(2100, 'z')},
        too_large,
-       {"Request too large for the receive area"}},
+       refused},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::size_t offset = log_text().size();
     EXPECT_EQ(http_exchange(port, row.pieces, 100), row.answer);
-    for (const std::string& line : row.logged)
-      EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", line, offset)) << line;
+    EXPECT_TRUE(row.logged.empty() || wait_log("server", "recv_thru_tcp_socket", row.logged, offset));
   }
   // The pieces were joined into one request; its body is never logged.
   EXPECT_TRUE(log_has("server", "process_incoming_message", "Request is: RDSERVICE /, body of 30 bytes, origin: none"));
@@ -231,21 +215,6 @@ TEST_F(ListenerTest, ClientsThatCloseStallOrTrickleAreDropped) {
   EXPECT_NE(last_status().find(" | server | process_incoming_message | recv failed : Could not received data bytes "),
             std::string::npos);
   EXPECT_EQ(http_exchange(port, {"RDSERVICE / HT", "TP/1.1\r\nHost: a\r\n", "\r\n"}, 200), discovery_answer(port));
-}
-
-// Requests refused before they are read whole still write lines, and every
-// line may rotate the log: a run of 413s cannot grow it past its limit.
-TEST_F(ListenerTest, RefusedRequestsRotateTheLog) {
-  const int port = start_server();
-  ASSERT_NE(port, 0);
-  rd_set_log_size_limit_kb(4);
-  while (platform::file_size("rd.log") / 1024 <= 4) RD_INFO("filler up to the limit");
-  EXPECT_EQ(http_exchange(port, "RDSERVICE / HTTP/1.1\r\nContent-Length: 99999\r\n\r\n"), error_header(413, port, ""));
-  const std::string old = read_file("rd1.log");
-  EXPECT_NE(
-      old.find(") - ..................RD Log Reached  5KB of size..............................\n", old.size() - 100),
-      std::string::npos);
-  EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", "Request too large for the receive area"));
 }
 
 // A client that stops reading cannot hold a connection thread and its work
