@@ -241,7 +241,9 @@ Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>
   }
   BioPtr cert_out(BIO_new(BIO_s_mem()));
   PEM_write_bio_X509(cert_out.get(), cert.get());
-  out.cert_pem = testcrypto::bio_text(cert_out.get());
+  char* pem = nullptr;
+  const long pem_size = BIO_get_mem_data(cert_out.get(), &pem);
+  out.cert_pem.assign(pem, static_cast<std::size_t>(pem_size));
   out.key_pem = testcrypto::private_key_pem(out.key.get(), true);
   return out;
 }
@@ -250,8 +252,7 @@ Issued demo_ca() {
   Issued ca;
   ca.cert_pem = testutil::read_file(kMgmtData + "/ca.crt");
   ca.key_pem = testutil::read_file(kMgmtData + "/ca.key");
-  BioPtr in(BIO_new_mem_buf(ca.key_pem.data(), static_cast<int>(ca.key_pem.size())));
-  ca.key.reset(PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr));
+  ca.key = testcrypto::private_key_of_pem(ca.key_pem);
   return ca;
 }
 
