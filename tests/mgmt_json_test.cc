@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "rds_hash.h"
 #include "common/rd_log.h"
 #include "test_util.h"
 #include "platform/test_seams.h"
@@ -26,7 +25,9 @@ std::vector<std::string> keys(json_object* o) {
   return k;
 }
 
-TEST(MgmtJson, FrameMembersInOrderAndHmacBindsSerialAndTs) {
+// The values and the hmac over serial and ts, as the server checks them:
+// MgmtServerTest.AlteredRequestsAreRefused.
+TEST(MgmtJson, FrameMembersInOrder) {
   const std::string ts = "2024-05-01T13:45:09";
   const std::string pkey = "MIIBIjANBgkq";
   struct Case {
@@ -45,18 +46,6 @@ TEST(MgmtJson, FrameMembersInOrderAndHmacBindsSerialAndTs) {
     json_object* dev = json_object_object_get(root, "device");
     EXPECT_EQ(keys(dev), (std::vector<std::string>{"rdVer", "rdId", "clId", "clVer", "hostType", "hostId", "slNo",
                                                    "make", "model", "dpId"}));
-    EXPECT_STREQ(json_object_get_string(json_object_object_get(dev, "hostId")), "0a1b2c3d4e5f");
-    EXPECT_STREQ(json_object_get_string(json_object_object_get(root, "ts")), ts.c_str());
-    if (c.pkey) {
-      EXPECT_STREQ(json_object_get_string(json_object_object_get(root, "pKey")), pkey.c_str());
-    }
-    int ok = -1;
-    const std::string input = "QDX1234567@" + ts;
-    ASSERT_EQ(rds_hmac_unprotect(json_object_get_string(json_object_object_get(root, "hmac")),
-                                 json_object_get_string(json_object_object_get(root, "sKey")), 1, input.data(),
-                                 input.size(), &ok),
-              0);
-    EXPECT_EQ(ok, 1);
     json_object_put(root);
   }
 }
