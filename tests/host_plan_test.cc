@@ -30,17 +30,10 @@ TEST(HostPlan, NextStepForEveryResultAndAction) {
       {Call::kInit, -5, "TIME_STAMP_SYNC", {Call::kInit, When::kAtPoll}},
       {Call::kInit, -6, "DEVICE_NOT_REGISTERED", {Call::kInit, When::kAtPoll}},
       {Call::kInit, -16, "INIT_RETRY", {Call::kInit, When::kAfterPause}},
-      {Call::kInit, -3, "INIT_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kInit, 0, "SOMETHING_NEW", {Call::kInit, When::kAtPoll}},
-      // A follow-up: done, then what the server queued; failed, then Init after the pause.
-      {Call::kKeyRotation, 0, "NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
-      {Call::kKeyRotation, 0, "UIDAI_CERT_UPDATE", {Call::kUidaiCertUpdate, When::kNow}},
-      {Call::kKeyRotation, 0, "SOFTWARE_UPDATE", {Call::kSoftwareUpdate, When::kNow}},
+      // A follow-up: the action alone decides, except that no action after a failure means the pause.
       {Call::kKeyRotation, -5, "KEY_ROTATION_RETRY", {Call::kInit, When::kAfterPause}},
-      {Call::kKeyRotation, -7, "KEY_ROTATION_RETRY", {Call::kInit, When::kAfterPause}},
-      {Call::kUidaiCertUpdate, 0, "NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
       {Call::kUidaiCertUpdate, -5, "UIDAI_CERT_UPDATE_RETRY", {Call::kInit, When::kAfterPause}},
-      {Call::kUidaiCertUpdate, -6, "NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
       {Call::kUidaiCertUpdate, -18, "", {Call::kInit, When::kAfterPause}},
       {Call::kUidaiCertUpdate, 0, "UPDATE_STATUS", {Call::kInit, When::kAtPoll}},
       // Software_Update has no next action: Init at once to leave NOTREADY, or after the pause.
@@ -80,9 +73,6 @@ TEST(HostPlan, ScheduleNeitherLoopsNorStalls) {
        "Key_Rotation@450 Key_Rotation@930 "},
       {"a key rotation that keeps failing", failing("KEY_ROTATION", "KEY_ROTATION_RETRY"),
        "Init@0 uidai_cert_force_update@0 Key_Rotation@0 Init@30 Key_Rotation@30 Init@90 Key_Rotation@90 Init@210 "},
-      {"a certificate update that keeps failing", failing("UIDAI_CERT_UPDATE", ""),
-       "Init@0 uidai_cert_force_update@0 uidai_cert_update@0 Init@30 uidai_cert_update@30 Init@90 "
-       "uidai_cert_update@90 Init@210 "},
       {"no server",
        [](Call) {
          return Answer{-18, "INIT_RETRY"};
@@ -105,14 +95,12 @@ TEST(HostPlan, ScheduleNeitherLoopsNorStalls) {
   }
 }
 
-// The real pauses: 30 s, doubling, at most one hour (the constants'
-// values, which the schedule above uses too).
-TEST(HostPlan, RetryPauseDoublesFromThirtySecondsUpToAnHour) {
-  const long long expected[] = {30000, 60000, 120000, 240000, 480000, 960000, 1920000, 3600000, 3600000};
-  for (int n = 0; n < 9; ++n) EXPECT_EQ(host::retry_pause_ms(n), expected[n]) << n;
+// The real pauses double from 30 s (the schedule above) up to an hour; the
+// test seam shortens the base only.
+TEST(HostPlan, RetryPauseStopsAtAnHour) {
+  EXPECT_EQ(host::retry_pause_ms(6), 1920000);
+  EXPECT_EQ(host::retry_pause_ms(7), 3600000);
   EXPECT_EQ(host::retry_pause_ms(1000), 3600000);
-  // The test seam shortens the base only.
-  EXPECT_EQ(host::retry_pause_ms(0, 100), 100);
   EXPECT_EQ(host::retry_pause_ms(3, 100), 800);
 }
 
@@ -123,16 +111,13 @@ TEST(HostPlan, DownloadPercentFromTheResumeRecord) {
     int percent;
   };
   const Row rows[] = {
-      {"https://127.0.0.1/files/packages/p.zip|0cc175b9c0f1b6a831c399e269772661|250000|0:2|In progress|", true, 0},
-      {"https://127.0.0.1/files/packages/p.zip|0cc175b9c0f1b6a831c399e269772661|250000|1:2|In progress|", true, 50},
-      {"https://127.0.0.1/files/packages/p.zip|0cc175b9c0f1b6a831c399e269772661|250000|2:2|Completed|\n", true, 100},
-      {"u|c|512000|2:5|In progress|", true, 40},
+      {"u|c|250000|1:2|In progress|", true, 50},
+      {"u|c|250000|2:2|Completed|\n", true, 100},
       {"u|c|226|0:0|Completed|", true, 100},
       {"", false, -1},
       {"u|c|226|0:0|Completed", false, -1},
       {"u|c|226|0-0|Completed|", false, -1},
       {"u|c|226|3:2|In progress|", false, -1},
-      {"u|c|226|x:2|In progress|", false, -1},
       {"u|c|-1|0:2|In progress|", false, -1},
       {"u|c|226|0:2|In progress|extra|", false, -1},
   };

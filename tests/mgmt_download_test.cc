@@ -47,16 +47,6 @@ std::string md5_of(const std::string& data) {
   return hex;
 }
 
-// Every match of the first group of pattern in text, in order.
-Strings matches(const std::string& text, const std::string& pattern) {
-  Strings out;
-  const std::regex re(pattern);
-  for (auto it = std::sregex_iterator(text.begin(), text.end(), re); it != std::sregex_iterator(); ++it) {
-    out.push_back((*it)[1]);
-  }
-  return out;
-}
-
 // The ranges of a 250000-byte package from chunk first on.
 Strings ranges_from(std::size_t first) {
   const Strings all = {"0-102400", "102401-204801", "204802-250000"};
@@ -87,9 +77,14 @@ class DownloadTest : public testutil::LibraryTest {
   // Ranges the server answered since its log had `since` bytes, once they are
   // the expected ones: the server logs a download after it sent the bytes.
   static Strings server_ranges(const Server& server, std::size_t since, const Strings& expected) {
+    const std::regex re("GET \\S+ - 20[06] bytes=([0-9]+-[0-9]+)\n");
     Strings got;
     testutil::wait_until([&] {
-      got = matches(server.log().substr(since), "GET \\S+ - 20[06] bytes=([0-9]+-[0-9]+)\n");
+      const std::string text = server.log().substr(since);
+      got.clear();
+      for (auto it = std::sregex_iterator(text.begin(), text.end(), re); it != std::sregex_iterator(); ++it) {
+        got.push_back((*it)[1]);
+      }
       return got == expected;
     });
     return got;
@@ -107,15 +102,13 @@ TEST_F(DownloadTest, FreshDownloadFetchesExactRanges) {
   struct Case {
     std::size_t size;
     Strings ranges;
-    Strings chunk_sizes;
     const char* record_tail;
   } cases[] = {
-      {250000, ranges_from(0), {"102401", "102401", "45198"}, "|250000|2:2|Completed|"},
-      {100, {"0-100"}, {"100"}, "|100|0:0|Completed|"},
+      {250000, ranges_from(0), "|250000|2:2|Completed|"},
       // The last index is 1 but chunk 0 already holds every byte.
-      {102400, {"0-102400"}, {"102400"}, "|102400|1:1|Completed|"},
-      {204803, {"0-102400", "102401-204801", "204802-204803"}, {"102401", "102401", "1"}, "|204803|2:2|Completed|"},
-      {0, {}, {}, "|0|0:0|Completed|"},
+      {102400, {"0-102400"}, "|102400|1:1|Completed|"},
+      {204803, {"0-102400", "102401-204801", "204802-204803"}, "|204803|2:2|Completed|"},
+      {0, {}, "|0|0:0|Completed|"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.size);
@@ -131,21 +124,10 @@ TEST_F(DownloadTest, FreshDownloadFetchesExactRanges) {
     ASSERT_EQ(download_manager(url, md5, kDownloadTarget), 0) << log_since(log_before);
 
     EXPECT_EQ(server_ranges(tls, server_before, c.ranges), c.ranges);
-    const std::string log = log_since(log_before);
-    EXPECT_EQ(matches(log, "Range is: ([0-9-]+)\n"), c.ranges);
-    EXPECT_EQ(matches(log, "Success range ([0-9-]+)\n"), c.ranges);
-    EXPECT_EQ(matches(log, "\\(download_manager:download_part:[0-9]+\\) - chunk size is ([0-9]+)\n"), c.chunk_sizes);
     EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
     EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + md5 + c.record_tail);
 
     const std::string size = std::to_string(c.size);
-    const std::pair<const char*, std::string> lines[] = {
-        {"ParseFileLength", "Len Buf is = " + size},
-        {"get_package_size", "Size of .exe file is " + size + " bytes"},
-        {"download_manager", "MS check sum is " + md5 + ", MC checksum is " + md5},
-        {"download_manager", "Checksum matched.Download successful"},
-    };
-    for (const auto& [func, text] : lines) EXPECT_TRUE(log_has("download_manager", func, text, log_before)) << text;
     EXPECT_NE(testutil::last_status().find(" | download_manager | get_package_size | Software download is in "
                                            "progress : Size of .exe file is " +
                                            size + " bytes "),
@@ -154,6 +136,10 @@ TEST_F(DownloadTest, FreshDownloadFetchesExactRanges) {
     EXPECT_TRUE(pipe_->wait_for("10000|Software download is in progress:|Size of .exe file is " + size + " byte\n",
                                 5000, pipe_before))
         << pipe_->received();
+  }
+  // The record is replaced through a temporary file, which does not stay.
+  for (const auto& entry : std::filesystem::directory_iterator(".")) {
+    EXPECT_NE(entry.path().filename().string().rfind("dm.conf.tmp", 0), 0u) << "temporary record left behind";
   }
 }
 
@@ -177,34 +163,27 @@ TEST_F(DownloadTest, ResumeRecordDecidesWhereToStart) {
   struct Case {
     const char* name;
     std::string record;                  // empty: no dm.conf
-    std::optional<std::string> package;  // nullopt: none
+    std::string package;
     std::size_t first;                   // the first chunk fetched
     std::string log_line;
   } cases[] = {
       {"no record", "", junk, 0, ""},
       {"changed checksum", rec(other_md5, "250000|0:2|In progress|"), chunk0, 0, kChanged},
-      {"changed size", rec(md5, "300000|0:2|In progress|"), chunk0, 0, kChanged},
       {"checksum in capitals", rec(upper_md5, "250000|0:2|In progress|"), chunk0, 1, kResuming},
       {"completed", rec(md5, "250000|2:2|Completed|"), data, 0,
        "Previous download was successful. again fresh  download"},
       {"after chunk 0", rec(md5, "250000|0:2|In progress|"), chunk0, 1, kResuming},
       {"chunk 1 appended, record not written", rec(md5, "250000|0:2|In progress|"), data.substr(0, 204802), 1,
        "Package cut back from 204802 to 102401 bytes"},
-      {"part of chunk 2 appended", rec(md5, "250000|1:2|In progress|"), data.substr(0, 204802) + junk, 2,
-       "Package cut back from 211802 to 204802 bytes"},
       {"package shorter than the record", rec(md5, "250000|1:2|In progress|"), data.substr(0, 1000), 0,
        "Package holds 1000 bytes, fewer than the 204802 of the record. starting fresh download..."},
-      {"no package", rec(md5, "250000|1:2|In progress|"), std::nullopt, 0,
-       "Package holds 0 bytes, fewer than the 204802 of the record. starting fresh download..."},
       {"garbage", "garbage", junk, 0, kUnusable},
       {"separators only", "|||:|", junk, 0, kUnusable},
-      {"binary", std::string("\x01\xff|\0|\x80|", 7), junk, 0, kUnusable},
       {"current past last", rec(md5, "250000|5:2|In progress|"), data, 0, kUnusable},
       {"wrong last index", rec(md5, "250000|0:3|In progress|"), data, 0, kUnusable},
       {"negative index", rec(md5, "250000|-1:2|In progress|"), data, 0, kUnusable},
       {"huge size", rec(md5, "99999999999999999999999|0:2|In progress|"), data, 0, kUnusable},
       {"status contradicts indices", rec(md5, "250000|0:2|Completed|"), data, 0, kUnusable},
-      {"extra field", rec(md5, "250000|0:2|In progress|x|"), data, 0, kUnusable},
       {"oversized record", std::string(9000, 'A'), data, 0, kUnusable},
   };
   for (const auto& c : cases) {
@@ -212,10 +191,8 @@ TEST_F(DownloadTest, ResumeRecordDecidesWhereToStart) {
     std::filesystem::remove(kDownloadRecord);
     std::filesystem::remove_all("DownloadSW");
     if (!c.record.empty()) testutil::write_file(kDownloadRecord, c.record);
-    if (c.package) {
-      std::filesystem::create_directories("DownloadSW");
-      testutil::write_file(kDownloadTarget, *c.package);
-    }
+    std::filesystem::create_directories("DownloadSW");
+    testutil::write_file(kDownloadTarget, c.package);
     const std::size_t server_before = tls.log().size();
     const std::size_t log_before = log_size();
     ASSERT_EQ(download_manager(url, md5, kDownloadTarget), 0) << log_since(log_before);
@@ -228,46 +205,24 @@ TEST_F(DownloadTest, ResumeRecordDecidesWhereToStart) {
   }
 }
 
-// A package whose MD5 differs stays "Completed", so the next attempt starts
-// afresh; the waiting variant reports the failure and then the success.
+// A package whose MD5 differs fails and stays "Completed", so the next
+// attempt starts afresh.
 TEST_F(DownloadTest, ChecksumMismatchLeavesCompletedAndStartsAfresh) {
   Server tls(true);
   ASSERT_GT(tls.port(), 0) << tls.log();
   const std::string data = publish("p.zip", 250000);
   const std::string url = tls.base() + "/files/packages/p.zip";
   const std::string wrong = md5_of("not the package");
-
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    SCOPED_TRACE(attempt);
-    const std::size_t server_before = tls.log().size();
-    const std::size_t log_before = log_size();
-    const std::size_t pipe_before = pipe_->received().size();
-    EXPECT_EQ(download_manager(url, wrong, kDownloadTarget), -1);
-    EXPECT_EQ(server_ranges(tls, server_before, ranges_from(0)), ranges_from(0));
-    const std::string log = log_since(log_before);
-    EXPECT_NE(log.find("ERROR  (download_manager:download_manager:"), std::string::npos);
-    EXPECT_TRUE(log_has("download_manager", "download_manager", "Downloaded file checksum is invalid. Download Failed.",
-                        log_before));
-    EXPECT_EQ(log.find("Previous download was successful. again fresh  download") != std::string::npos, attempt == 1);
-    EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + wrong + "|250000|2:2|Completed|");
-    const std::string status = testutil::last_status();
-    EXPECT_EQ(status.substr(status.find(" | ")),
-              " | download_manager | download_manager | Downloaded file checksum is invalid. Download Failed.");
-    EXPECT_TRUE(pipe_->wait_for("10000|Downloaded file checksum is invalid|Download Failed.\n", 5000, pipe_before));
-  }
-
-  std::size_t log_before = log_size();
+  const std::size_t log_before = log_size();
   EXPECT_EQ(download_software_update(url, wrong, true), -1);
-  EXPECT_NE(log_since(log_before).find("ERROR  (download:download_software_update:"), std::string::npos);
-  EXPECT_TRUE(log_has("download", "download_software_update", "Error at download_manager ", log_before));
+  EXPECT_TRUE(log_has("download_manager", "download_manager", "Downloaded file checksum is invalid. Download Failed.",
+                      log_before));
+  EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + wrong + "|250000|2:2|Completed|");
+  EXPECT_TRUE(pipe_->wait_for("10000|Downloaded file checksum is invalid|Download Failed.\n"));
 
-  log_before = log_size();
   EXPECT_EQ(download_software_update(url, md5_of(data), true), 0);
   EXPECT_NE(log_since(log_before).find(") - Download exe has been changed. starting fresh download...\n"),
             std::string::npos);
-  EXPECT_NE(log_since(log_before).find("INFO   (download:download_software_update:"), std::string::npos);
-  EXPECT_TRUE(log_has("download", "download_software_update", "file downloaded and check sum verified successfully",
-                      log_before));
   EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
 }
 
@@ -304,11 +259,8 @@ TEST_F(DownloadTest, ThreadVariantHoldsTheOnlyDownloadSlot) {
   ASSERT_TRUE(testutil::wait_until([] { return !download_running(); }, 30000));
   const std::string log = log_since(log_before);
   EXPECT_EQ(testutil::count_of(log, ") - Software download already in progress\n"), 3) << log;
-  for (const std::string& text : {"download_data.path     = " + url, "download_data.checksum = " + md5,
-                                  std::string("file downloaded and check sum verified successfully")}) {
-    EXPECT_TRUE(log_has("download", "thread_download_software", text, log_before)) << text;
-  }
-  EXPECT_EQ(testutil::count_of(log, "Range is: "), 3);
+  EXPECT_TRUE(log_has("download", "thread_download_software", "file downloaded and check sum verified successfully",
+                      log_before));
   EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
   EXPECT_EQ(download_manager(url, md5, kDownloadTarget), 0);  // the slot is free again
 }
@@ -342,7 +294,6 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
       {"header flood", head_ok("X-Pad: " + std::string(5000, 'p') + "\r\nContent-Length: 250000\r\n"),
        "Curl write_callback buffer insufficient", true},
       {"no Content-Length", head_ok(""), kNoLength, true},
-      {"Content-Length not a number", head_ok("Content-Length: 25e4\r\n"), kNoLength, true},
       {"Content-Length past the limit", head_ok("Content-Length: 99999999999\r\n"), kNoLength, true},
       {"not found", [](const CannedRequest&) { return Reply(http_reply("404 Not Found", "", "not found")); },
        "Package request answered with HTTP status 404", true},
@@ -350,7 +301,6 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
        "Range 0-102400 answered 1000 bytes instead of 102401", false},
       {"whole file for a range", sized([&] { return Reply(http_reply("200 OK", "", data)); }),
        "Range answer longer than 102401 bytes", false},
-      {"ranges refused", sized([] { return Reply(http_reply("416 Range Not Satisfiable", "", "")); }), kPerform, false},
       {"stalled after the size", sized([] { return Reply(); }), kPerform, false},
       {"range trickling in", sized([&] { return trickle; }), "Curl return code 28, HTTP Error Code  206", false},
       {"stalled", nullptr, "Error at curl_easy_perform ", true},
@@ -384,8 +334,8 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
   EXPECT_EQ(download_range_seconds(), 60);
 }
 
-// The header parser and the record that the host reads for its progress.
-TEST(DownloadFormat, ContentLengthAndRecordText) {
+// The package size from the HEAD answer's headers.
+TEST(DownloadFormat, ContentLength) {
   struct {
     const char* headers;
     long expected;
@@ -397,35 +347,12 @@ TEST(DownloadFormat, ContentLengthAndRecordText) {
       {"HTTP/1.1 200 OK\r\nContent-Length:\t2147483647 \r\n\r\n", 2147483647L},
       {"HTTP/1.1 200 OK\r\nContent-Length: 2147483648\r\n\r\n", -1},
       {"HTTP/1.1 200 OK\r\nContent-Length: 12abc\r\n\r\n", -1},
-      {"HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\n", -1},
-      {"HTTP/1.1 200 OK\r\nContent-Length: \r\n\r\n", -1},
       {"HTTP/1.1 200 OK\r\nX-Content-Length: 5\r\n\r\n", -1},
-      {"", -1},
   };
   for (const auto& c : lengths) {
     SCOPED_TRACE(c.headers);
     EXPECT_EQ(ParseFileLength(c.headers), c.expected);
   }
-
-  testutil::WorkDir dir;
-  ASSERT_EQ(zlog_init("rd.log"), 0);
-  const std::string sum(32, 'a');
-  for (const int current : {1, 2}) {
-    SCOPED_TRACE(current);
-    ASSERT_EQ(update_to_conf("https://h/p.zip", sum, 250000, 2, current), 0);
-    EXPECT_EQ(testutil::read_file(kDownloadRecord), current == 1 ? "https://h/p.zip|" + sum + "|250000|1:2|In progress|"
-                                                                 : "https://h/p.zip|" + sum + "|250000|2:2|Completed|");
-    int got_current = -1;
-    int got_last = -1;
-    // 1 for a completed download, which starts afresh at 0:0.
-    EXPECT_EQ(get_previous_download_info("https://h/p.zip", sum, 250000, &got_current, &got_last), current == 2);
-    EXPECT_EQ(got_current, current == 2 ? 0 : current);
-    EXPECT_EQ(got_last, current == 2 ? 0 : 2);
-  }
-  for (const auto& entry : std::filesystem::directory_iterator(".")) {
-    EXPECT_NE(entry.path().filename().string().rfind("dm.conf.tmp", 0), 0u) << "temporary record left behind";
-  }
-  zlog_fini();
 }
 
 }  // namespace

@@ -26,15 +26,19 @@ int run_command(const std::vector<std::string>& args, std::string* output) {
   return code;
 }
 
+// Each server writes a file of its own: a second one never reads the port of
+// the first, whose file it would otherwise share.
 Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
+  static std::atomic<int> started{0};
+  out_ = "server-" + std::to_string(++started) + ".out";
   std::vector<std::string> args = {"serve",  "--port", "0",          tls ? "--tls" : "--plain",
                                    "--data", "data",   "--registry", "registry.db"};
   args.insert(args.end(), extra.begin(), extra.end());
-  pid_ = spawn(args, "server.out");
+  pid_ = spawn(args, out_);
   const std::regex first("listening on (https?)://127\\.0\\.0\\.1:([0-9]+)/\n");
   testutil::wait_until([&] {
     std::smatch m;
-    const std::string out = testutil::read_file("server.out");
+    const std::string out = testutil::read_file(out_);
     if (pid_ > 0 && std::regex_search(out, m, first)) port_ = std::stoi(m[2]);
     return pid_ <= 0 || port_ > 0;
   });
@@ -48,7 +52,7 @@ std::string Server::base() const {
   return (tls_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_) + "/Zelm";
 }
 
-std::string Server::log() const { return testutil::read_file("server.out"); }
+std::string Server::log() const { return testutil::read_file(out_); }
 
 namespace {
 
@@ -241,7 +245,9 @@ Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>
   }
   BioPtr cert_out(BIO_new(BIO_s_mem()));
   PEM_write_bio_X509(cert_out.get(), cert.get());
-  out.cert_pem = testcrypto::bio_text(cert_out.get());
+  char* pem = nullptr;
+  const long pem_size = BIO_get_mem_data(cert_out.get(), &pem);
+  out.cert_pem.assign(pem, static_cast<std::size_t>(pem_size));
   out.key_pem = testcrypto::private_key_pem(out.key.get(), true);
   return out;
 }
@@ -250,8 +256,7 @@ Issued demo_ca() {
   Issued ca;
   ca.cert_pem = testutil::read_file(kMgmtData + "/ca.crt");
   ca.key_pem = testutil::read_file(kMgmtData + "/ca.key");
-  BioPtr in(BIO_new_mem_buf(ca.key_pem.data(), static_cast<int>(ca.key_pem.size())));
-  ca.key.reset(PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr));
+  ca.key = testcrypto::private_key_of_pem(ca.key_pem);
   return ca;
 }
 

@@ -52,6 +52,7 @@ class Server {
 
  private:
   bool tls_;
+  std::string out_;  // the server's output, a file of its own
   pid_t pid_ = -1;
   int port_ = 0;
 };
