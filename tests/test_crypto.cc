@@ -9,6 +9,7 @@
 #include "common/rd_config.h"
 
 namespace testcrypto {
+namespace {
 
 std::string bio_text(BIO* mem) {
   char* data = nullptr;
@@ -16,6 +17,7 @@ std::string bio_text(BIO* mem) {
   return std::string(data, static_cast<std::size_t>(len));
 }
 
+// Standard Base64 (one line, "=" padding); nullopt for text that is not.
 std::optional<Bytes> base64_decode(const std::string& text) {
   if (text.size() % 4 != 0) return std::nullopt;
   Bytes out(text.size() / 4 * 3 + 1);
@@ -27,8 +29,6 @@ std::optional<Bytes> base64_decode(const std::string& text) {
   out.resize(static_cast<std::size_t>(n) - pad);
   return out;
 }
-
-namespace {
 
 BioPtr bio_of(const std::string& text) { return BioPtr(BIO_new_mem_buf(text.data(), static_cast<int>(text.size()))); }
 

@@ -34,10 +34,6 @@ X509Ptr cert_of_pem(const std::string& pem);
 PkeyPtr public_key_of_cert(const std::string& pem);
 // A PEM private key, or null.
 PkeyPtr private_key_of_pem(const std::string& pem);
-// Standard Base64 (one line, "=" padding); nullopt for text that is not.
-std::optional<Bytes> base64_decode(const std::string& text);
-// What a memory BIO holds.
-std::string bio_text(BIO* mem);
 // The key as PEM: PKCS#8, or the traditional RSA form.
 std::string private_key_pem(EVP_PKEY* key, bool pkcs8);
 
