@@ -19,6 +19,7 @@
 
 namespace {
 
+using testutil::has;
 using testutil::log_text;
 using testutil::read_file;
 using testutil::write_file;
@@ -26,11 +27,6 @@ using testutil::write_file;
 constexpr char kBase[] = "https://mgmt.example.test:8443/Zelm";
 
 // Whether text holds needle; a failure shows both.
-testing::AssertionResult has(const std::string& text, const std::string& needle) {
-  if (text.find(needle) != std::string::npos) return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "\"" << needle << "\" not in:\n" << text;
-}
-
 std::uint16_t crc_of(const std::string& s) {
   return crc16_update(0, reinterpret_cast<const std::uint8_t*>(s.data()), s.size());
 }

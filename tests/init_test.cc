@@ -29,15 +29,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using testutil::count_of;
+using testutil::has;
 using testutil::last_status;
 using testutil::read_file;
 
 // Whether text holds needle; a failure shows both.
-testing::AssertionResult has(const std::string& text, const std::string& needle) {
-  if (text.find(needle) != std::string::npos) return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "\"" << needle << "\" not in:\n" << text;
-}
-
 // The library fixture in a working folder laid out by vexoctl, with the
 // simulated scanner SERIAL-A in RefDll; nothing started yet.
 class StartupTest : public testutil::LibraryTest {

@@ -86,10 +86,6 @@ extern const bool kTimeWaitBlocksBind;
 // access lists stand in and stat reports 0666 or 0444).
 extern const bool kPosixFileModes;
 
-// The lock folder the library uses when no test moved it ("/tmp" on POSIX;
-// none on Windows, where the locks are named kernel objects).
-extern const char kSystemLockDir[];
-
 // Sets (or, with nullptr, removes) an environment variable of this process,
 // which child processes inherit.
 void set_env(const char* name, const char* value);

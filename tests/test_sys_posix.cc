@@ -113,7 +113,6 @@ void ignore_broken_pipe() { ::signal(SIGPIPE, SIG_IGN); }
 
 const bool kTimeWaitBlocksBind = true;
 const bool kPosixFileModes = true;
-const char kSystemLockDir[] = "/tmp";
 
 void set_env(const char* name, const char* value) {
   if (value != nullptr) {

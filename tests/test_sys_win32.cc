@@ -220,7 +220,6 @@ void ignore_broken_pipe() {}
 
 const bool kTimeWaitBlocksBind = false;
 const bool kPosixFileModes = false;
-const char kSystemLockDir[] = "";
 
 void set_env(const char* name, const char* value) {
   // The C runtime's copy for getenv, the system's for child processes.

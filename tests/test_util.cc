@@ -70,6 +70,11 @@ int count_of(const std::string& text, const std::string& needle) {
   return n;
 }
 
+testing::AssertionResult has(const std::string& text, const std::string& needle) {
+  if (text.find(needle) != std::string::npos) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << "\"" << needle << "\" not in:\n" << text;
+}
+
 int mode_of(const std::string& path) {
   std::error_code ec;
   const fs::file_status st = fs::symlink_status(path, ec);
@@ -288,7 +293,7 @@ xmlNode* root(const Xml& doc) { return doc ? xmlDocGetRootElement(doc.get()) : n
 
 xmlNode* child(xmlNode* parent, const char* name) {
   for (xmlNode* c = parent != nullptr ? parent->children : nullptr; c != nullptr; c = c->next) {
-    if (c->type == XML_ELEMENT_NODE && name_of(c) == name) return c;
+    if (c->type == XML_ELEMENT_NODE && xmlStrEqual(c->name, BAD_CAST name)) return c;
   }
   return nullptr;
 }
@@ -300,8 +305,6 @@ std::vector<xmlNode*> children(xmlNode* parent) {
   }
   return out;
 }
-
-std::string name_of(xmlNode* node) { return reinterpret_cast<const char*>(node->name); }
 
 std::string content(xmlNode* node) {
   if (node == nullptr) return "";

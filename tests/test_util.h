@@ -46,6 +46,8 @@ std::string read_file(const std::string& path);  // "" when it cannot be read
 void write_file(const std::string& path, const std::string& data);
 // Occurrences of needle in text (overlapping ones included).
 int count_of(const std::string& text, const std::string& needle);
+// Succeeds when text holds needle; the failure shows the whole text.
+testing::AssertionResult has(const std::string& text, const std::string& needle);
 // A file of the source tree's tests/data.
 std::string data_file(const std::string& name);
 
@@ -152,13 +154,6 @@ class Child {
   std::thread reader_;
 };
 
-// Kills (SIGKILL) and reaps a forked child on every way out of a test.
-struct Reaper {
-  int pid = -1;
-  ~Reaper() { reap(); }
-  void reap();
-};
-
 // The port a service logged in the run log at path ("Server Listening On
 // 127.0.0.1 And Port N"), the latest one; 0 when none.
 int logged_port(const std::string& log_path);
@@ -173,7 +168,6 @@ Xml parse_xml(const std::string& text);  // no network, no entities
 xmlNode* root(const Xml& doc);
 xmlNode* child(xmlNode* parent, const char* name);  // the first element so named
 std::vector<xmlNode*> children(xmlNode* parent);    // the element children
-std::string name_of(xmlNode* node);
 Attrs attrs(xmlNode* node);  // empty for a null node
 std::string content(xmlNode* node);
 

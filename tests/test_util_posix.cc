@@ -106,9 +106,4 @@ int Child::stop() {
   return status_;
 }
 
-void Reaper::reap() {
-  if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
-  pid = -1;
-}
-
 }  // namespace testutil
