@@ -128,14 +128,16 @@ TEST_F(VexoctlTest, CommandsHaveHelpAndRejectBadUsage) {
     std::vector<std::string> args;
     int rc;
   } bad[] = {
-      // clang-format off
-      {{}, 2}, {{"frobnicate"}, 2}, {{"domain-encrypt"}, 2}, {{"domain-encrypt", "a", "b"}, 2}, {{"seal"}, 2},
+      {{}, 2},
+      {{"frobnicate"}, 2},
+      {{"domain-encrypt"}, 2},
+      {{"domain-encrypt", "a", "b"}, 2},
+      {{"seal"}, 2},
       {{"init-workdir", "wd", "--scanner", "Aratek_A600"}, 2},
       {{"init-workdir", "wd", "--mgmt-url", kUrl}, 2},
       {{"init-workdir", "wd", "--scanner", "Aratek_A600", "--mgmt-url", kUrl, "--bogus"}, 2},
       {{"init-workdir", "wd", "--scanner", "Nikon_D5", "--mgmt-url", kUrl}, 1},
       {{"domain-decrypt", "AAAAAAAAAAAAAAAAAAAAAA=="}, 1},
-      // clang-format on
   };
   for (const auto& b : bad) {
     ToolRun r = run_tool(kTool, b.args);
@@ -167,12 +169,14 @@ TEST_F(VexoctlTest, UidaiCertInstallsACertificateTheLibraryUses) {
     std::vector<std::string> args;
     int rc;
   } runs[] = {
-      // clang-format off
-      {{"uidai-cert", "wd", "P"}, 2},           {{"uidai-cert", "wd", "PROD", "new.pem"}, 2},
-      {{"uidai-cert", "wd", "P", "junk.pem"}, 1}, {{"uidai-cert", "wd", "P", "absent.pem"}, 1},
-      {{"uidai-cert", "wd", "P", "ca.pem"}, 1},   {{"uidai-cert", "wd", "S", "ca.pem", "--force"}, 0},
-      {{"uidai-cert", "wd", "PP", "new.pem"}, 0}, {{"uidai-cert", "wd", "P_OLD", "new.pem"}, 0},
-      // clang-format on
+      {{"uidai-cert", "wd", "P"}, 2},
+      {{"uidai-cert", "wd", "PROD", "new.pem"}, 2},
+      {{"uidai-cert", "wd", "P", "junk.pem"}, 1},
+      {{"uidai-cert", "wd", "P", "absent.pem"}, 1},
+      {{"uidai-cert", "wd", "P", "ca.pem"}, 1},
+      {{"uidai-cert", "wd", "S", "ca.pem", "--force"}, 0},
+      {{"uidai-cert", "wd", "PP", "new.pem"}, 0},
+      {{"uidai-cert", "wd", "P_OLD", "new.pem"}, 0},
   };
   for (const auto& r : runs) {
     ToolRun run = run_tool(kTool, r.args);
