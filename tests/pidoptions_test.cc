@@ -147,25 +147,6 @@ TEST_F(PidOptionsTest, EveryGateAndAttributeRule) {
       {"Opts env 40", doc("fCount=\"1\" env=\"" + repeat('e', 40) + "\""), 0, 100, kSkip, "", nullptr},
       {"root env 40", "<PidOptions ver=\"1.0\" env=\"" + repeat('e', 40) + "\"/>", 0, 100, kSkip, "", nullptr},
       // Demo
-      {"Demo values",
-       doc("fCount=\"1\"", "<Demo lang=\"06\"><Pi ms=\"E\" name=\"Ravi &amp; Co\" gender=\"M\" dob=\"1980-01-01\"/>"
-                           "<Pa co=\"S/O X\" pc=\"560001\"/><Pfa av=\"addr\" lmv=\"90\"/></Demo>"),
-       0, 0, 0, "",
-       [](R r) {
-         EXPECT_EQ(r.demo_given, 1);
-         EXPECT_EQ(r.lang, "06");
-         EXPECT_EQ(r.pi.given, 1);
-         EXPECT_EQ(r.pi.ms, "E");
-         EXPECT_EQ(r.pi.name, "Ravi & Co");
-         EXPECT_EQ(r.pi.gender, "M");
-         EXPECT_EQ(r.pi.dob, "1980-01-01");
-         EXPECT_EQ(r.pa.given, 1);
-         EXPECT_EQ(r.pa.co, "S/O X");
-         EXPECT_EQ(r.pa.pc, "560001");
-         EXPECT_EQ(r.pfa.given, 1);
-         EXPECT_EQ(r.pfa.av, "addr");
-         EXPECT_EQ(r.pfa.lmv, "90");
-       }},
       {"Demo empty", doc("fCount=\"1\"", "<Demo></Demo>"), 0, 0, 0, "",
        [](R r) { EXPECT_EQ(r.demo_given, 0); EXPECT_EQ(r.pi.given, 0); }},
       {"Demo value 255", doc("fCount=\"1\"", "<Demo><Pa street=\"" + repeat('s', 255) + "\"/></Demo>"), 0, 0, 0, "",
