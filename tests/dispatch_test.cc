@@ -12,10 +12,6 @@ using namespace testutil;
 
 namespace {
 
-const char kBadPidOptions[] =
-    "<PidData>\n<Resp errCode=\"100\" errInfo=\"Invalid input Pid-Options, XML should strictly adhere to spec\"\n"
-    "<PidData />\n";
-
 // A text of a data file: \r \n \t and \\ stand for those bytes, {PORT}
 // for the listener's port and {N*c} for the character c N times.
 std::string unescape(const std::string& in, int port) {
@@ -38,22 +34,6 @@ std::string unescape(const std::string& in, int port) {
   return out;
 }
 
-// The exchanges of a data file: "== name" starts one, "> " gives its request
-// and "< " the answer the client must receive, byte for byte.
-struct Exchange {
-  std::string name, request, answer;
-};
-std::vector<Exchange> exchanges(const std::string& file, int port) {
-  std::vector<Exchange> rows;
-  std::istringstream in(data_file(file));
-  for (std::string line; std::getline(in, line);) {
-    if (line.starts_with("== ")) rows.push_back({line.substr(3), "", ""});
-    if (line.starts_with("> ")) rows.back().request = unescape(line.substr(2), port);
-    if (line.starts_with("< ")) rows.back().answer = unescape(line.substr(2), port);
-  }
-  return rows;
-}
-
 class DispatchTest : public LibraryTest {
  protected:
   void SetUp() override {
@@ -61,6 +41,27 @@ class DispatchTest : public LibraryTest {
     port_ = start_server();
     ASSERT_NE(port_, 0);
   }
+
+  // Plays the count exchanges of a data file: "== name" starts one, "> " gives
+  // its request and "< " the answer the client must receive, byte for byte.
+  void play(const std::string& file, std::size_t count) {
+    struct Exchange {
+      std::string name, request, answer;
+    };
+    std::vector<Exchange> rows;
+    std::istringstream in(data_file(file));
+    for (std::string line; std::getline(in, line);) {
+      if (line.starts_with("== ")) rows.push_back({line.substr(3), "", ""});
+      if (line.starts_with("> ")) rows.back().request = unescape(line.substr(2), port_);
+      if (line.starts_with("< ")) rows.back().answer = unescape(line.substr(2), port_);
+    }
+    ASSERT_EQ(rows.size(), count) << file;
+    for (const Exchange& row : rows) {
+      SCOPED_TRACE(row.name);
+      EXPECT_EQ(http_exchange(port_, row.request), row.answer);
+    }
+  }
+
   int port_ = 0;
 };
 
@@ -71,14 +72,8 @@ class DispatchTest : public LibraryTest {
 // Access-Control-Request-Private-Network grants it, and every other answer
 // keeps its bytes.
 TEST_F(DispatchTest, AnswersEveryVerbAndPreflightByteForByte) {
-  for (const auto& [file, count] : {std::pair{"dispatch_verbs.txt", 29u}, {"dispatch_private_network.txt", 11u}}) {
-    const std::vector<Exchange> rows = exchanges(file, port_);
-    ASSERT_EQ(rows.size(), count) << file;
-    for (const Exchange& row : rows) {
-      SCOPED_TRACE(row.name);
-      EXPECT_EQ(http_exchange(port_, row.request), row.answer);
-    }
-  }
+  play("dispatch_verbs.txt", 29);
+  play("dispatch_private_network.txt", 11);
   // Lines logged by the design's functions, not by helpers; a refused capture
   // is reported to the front end.
   EXPECT_TRUE(wait_log("server", "process_incoming_message", "PATH VALIDATION FAILED"));
@@ -120,39 +115,7 @@ TEST_F(DispatchTest, LongOriginsNeverCutTheHeader) {
 // files) is never on the list.
 TEST_F(DispatchTest, OriginListDecidesWhoIsServed) {
   rd_config_update([](RdConfig& c) { c.allowed_origins = "https://bank.example, https://branch.example:8443"; });
-  const int p = port_;
-  const std::string body = discovery_body("READY");
-  const struct {
-    const char* origin;  // the header line, "" for none
-    const char* echoed;  // the origin form's value; "" the form without it; nullptr refused
-  } rows[] = {
-      {"Origin: https://bank.example\r\n", " https://bank.example"},
-      {"Origin: HTTPS://Branch.Example:8443\r\n", " HTTPS://Branch.Example:8443"},
-      {"", ""},
-      {"Origin: https://evil.example\r\n", nullptr},
-      {"Origin: https://bank.example.evil\r\n", nullptr},
-      {"Origin: null\r\n", nullptr},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.origin);
-    auto ask = [&](const std::string& start, const std::string& rest = "\r\n") {
-      return http_exchange(p, start + row.origin + rest);
-    };
-    const char* echo = row.echoed == nullptr || *row.echoed == '\0' ? nullptr : row.echoed;
-    EXPECT_EQ(ask("RDSERVICE / HTTP/1.1\r\n"), ok_header(p, "/", body.size(), echo) + body);
-    if (row.echoed == nullptr) {
-      EXPECT_EQ(ask("OPTIONS /rd/capture HTTP/1.1\r\n"), error_header(403, p, ""));
-      EXPECT_EQ(ask("DEVICEINFO /rd/info HTTP/1.1\r\n"), error_header(403, p, "/rd/info"));
-      EXPECT_EQ(ask("POSTAUTH /rd/postauth HTTP/1.1\r\n"), error_header(403, p, "/rd/postauth"));
-      EXPECT_EQ(ask("CAPTURE /rd/capture HTTP/1.1\r\n", "\r\n<a/>"), error_header(403, p, "/rd/capture"));
-    } else {
-      EXPECT_EQ(ask("CAPTURE /rd/capture HTTP/1.1\r\n", "\r\n<a/>"),  // no Content-Length: errCode 100
-                ok_header(p, "/rd/capture", 114, echo) + kBadPidOptions);
-      EXPECT_EQ(ask("POSTAUTH /postauth HTTP/1.1\r\n"), error_header(400, p, "/postauth", echo));
-      EXPECT_EQ(ask("OPTIONS /rd/capture HTTP/1.1\r\n").rfind(*row.origin ? "HTTP/1.1 200 OK" : "HTTP/1.1 405 ", 0),
-                0u);
-    }
-  }
+  play("dispatch_allowed_origins.txt", 27);
   EXPECT_TRUE(wait_log("server", "process_incoming_message",
                        "Origin https://evil.example is not in ALLOWED_ORIGINS: no CORS grant"));
 }
