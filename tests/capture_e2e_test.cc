@@ -121,9 +121,9 @@ class CaptureEndToEnd : public testutil::LibraryTest {
   // Sends a CAPTURE request; the answer's body, once its head is the one of
   // every capture answer.
   std::string capture(const std::string& pid_options) {
-    const std::string answer = testutil::http_exchange(
-        port_, "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
-                   std::to_string(pid_options.size()) + "\r\n\r\n" + pid_options);
+    const std::string answer =
+        testutil::http_exchange(port_, "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
+                                           std::to_string(pid_options.size()) + "\r\n\r\n" + pid_options);
     const std::size_t split = answer.find("\r\n\r\n");
     EXPECT_NE(split, std::string::npos) << answer;
     if (split == std::string::npos) return "";
@@ -171,13 +171,16 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
     std::map<std::string, std::string> resp;  // the answer's values that differ per row
     const char* records;                      // protobuf: "type posh" of each record in order
   } rows[] = {
-      {"one finger, minutiae, XML", "quality",
+      {"one finger, minutiae, XML",
+       "quality",
        "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
        "posh=\"LEFT_INDEX\" env=\"P\" otp=\"654321\" wadh=\"wadh-text\"/><Demo lang=\"06\"><Pi ms=\"E\" "
        "name=\"Savitri &amp; Devi\" gender=\"F\" dob=\"1961-04-17\"/><Pa co=\"S/O X\" street=\"Lal Bagh Road\" "
        "pc=\"560001\"/><Pfa av=\"addr\" lmv=\"90\"/></Demo></PidOptions>",
-       {{"fCount", "1"}, {"fType", "0"}, {"nmPoints", "033"}, {"qScore", "077"}, {"type", "X"}}, nullptr},
-      {"two fingers, minutiae and image, protobuf", "quality_values",
+       {{"fCount", "1"}, {"fType", "0"}, {"nmPoints", "033"}, {"qScore", "077"}, {"type", "X"}},
+       nullptr},
+      {"two fingers, minutiae and image, protobuf",
+       "quality_values",
        "<PidOptions ver=\"2.0\"><Opts fCount=\"2\" fType=\"2\" format=\"1\" pidVer=\"2.0\" otp=\"654321\" "
        "wadh=\"wadh-text\" posh=\"LEFT_INDEX,RIGHT_THUMB\"/></PidOptions>",
        {{"fCount", "2"}, {"fType", "2"}, {"nmPoints", "033,033"}, {"qScore", "070,055"}, {"type", "P"}},
@@ -274,8 +277,8 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
     EXPECT_EQ(body, fill(testutil::data_file("capture_pid_error.xml"),
                          {{"code", c.code}, {"info", c.info}, {"dpId", rd_identity_copy().dpId}, {"mc", mc()}}));
   }
-  EXPECT_TRUE(has(testutil::last_status(),
-                  " | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "));
+  EXPECT_TRUE(
+      has(testutil::last_status(), " | pidblock | GenerateEncPIDBlock | Error at GenerateEncandPlainSessionKey "));
   const std::string log = testutil::read_file("rd.log");
   EXPECT_TRUE(has(log, "Error at FP Capture\n"));
   EXPECT_TRUE(has(log, "Error at GenerateEncandPlainSessionKey \n"));
