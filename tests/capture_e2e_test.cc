@@ -97,7 +97,7 @@ class CaptureEndToEnd : public testutil::LibraryTest {
     const testutil::Run init = testutil::init_workdir(dir_.path());
     ASSERT_EQ(init.rc, 0) << init.out;
     refdll_ = dir_.file("RefDll");
-    sim::write_control(refdll_, {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}});
+    script({});
     seams([](testutil::Seams& s) {
       s.beep_ms = 1u;
       s.recapture_pause_ms = 20u;
@@ -116,6 +116,12 @@ class CaptureEndToEnd : public testutil::LibraryTest {
     testutil::write_file("cert/public/signed_mc.cer", cert_pem);
     ASSERT_EQ(Start_RDservice(), 0) << testutil::last_status();
     port_ = service_port();
+  }
+
+  // Scripts the scanner A600-E2E-7: no wait per capture, plus the given keys.
+  void script(sim::Keys keys) {
+    keys.insert(keys.end(), {{"serial", "A600-E2E-7"}, {"capture_wait_ms", "0"}});
+    sim::write_control(refdll_, keys);
   }
 
   // Sends a CAPTURE request; the answer's body, once its head is the one of
@@ -190,10 +196,7 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
   const std::string dc = rd_config_copy().dc;
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
-    sim::write_control(refdll_, {{"serial", "A600-E2E-7"},
-                                 {"capture_wait_ms", "0"},
-                                 {"minutiae_count", "33"},
-                                 {r.quality, r.records ? "70,55" : "77"}});
+    script({{"minutiae_count", "33"}, {r.quality, r.records ? "70,55" : "77"}});
     const std::size_t piped = pipe_->received().size();
     const std::string body = capture(r.options);
     std::map<std::string, std::string> values = r.resp;
@@ -266,10 +269,7 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
     SCOPED_TRACE(c.name);
     set_rd_status_ready();
     set_uidai_prod_checksum(c.prod_checksum);
-    sim::Keys keys = c.control;
-    keys.push_back({"capture_wait_ms", "0"});
-    keys.push_back({"serial", "A600-E2E-7"});
-    sim::write_control(refdll_, keys);
+    script(c.control);
     const std::size_t piped = pipe_->received().size();
     const std::string body = capture(
         "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>");
