@@ -98,9 +98,12 @@ class CaptureEndToEnd : public testutil::LibraryTest {
     ASSERT_EQ(init.rc, 0) << init.out;
     refdll_ = dir_.file("RefDll");
     script({});
+    // The real lock waits: a capture refused while another runs must not get
+    // its answer from a shortened wait.
     seams([](testutil::Seams& s) {
       s.beep_ms = 1u;
       s.recapture_pause_ms = 20u;
+      s.scanner_lock_ms = s.handheld_lock_ms = std::nullopt;
     });
     uidai_ = testcrypto::make_self_signed("Test UIDAI", "20240101000000Z", "20310309120000Z");
     fs::create_directories("cert/uidai");
