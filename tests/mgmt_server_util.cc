@@ -85,7 +85,7 @@ int select_alpn(SSL* ssl, const unsigned char** out, unsigned char* out_len, con
 
 }  // namespace
 
-std::string CannedRequest::header(const std::string& name) const {
+std::string header_of(const std::string& head, const std::string& name) {
   std::smatch m;
   const std::regex re("\r\n" + name + ":[ \t]*([^\r\n]*)", std::regex::icase);
   return std::regex_search(head, m, re) ? std::string(m[1]) : std::string();

@@ -57,13 +57,15 @@ class Server {
   int port_ = 0;
 };
 
+// The value of the first header called name (any case) in an HTTP head; empty when none.
+std::string header_of(const std::string& head, const std::string& name);
+
 // One request as the canned server read it.
 struct CannedRequest {
   std::string method;
   std::string head;  // request line and headers
   std::string body;
-  // The value of the first header called name (any case); empty when none.
-  std::string header(const std::string& name) const;
+  std::string header(const std::string& name) const { return header_of(head, name); }
 };
 
 // What the canned server sends back on one connection.
