@@ -127,7 +127,7 @@ class MgmtServerTest : public ::testing::Test {
   testutil::WorkDir dir_;
 };
 
-// The bytes of each range: DownloadTest.FreshDownloadFetchesExactRanges. The
+// The bytes of each range: DownloadTest.DownloadFetchesExactRangesFromTheResumePoint. The
 // Content-Range of a last range past the end, and of one that starts past it,
 // name the file's real end; nothing outside the data folder is served.
 TEST_F(MgmtServerTest, RangedDownloadsAndRefusedPaths) {
