@@ -83,8 +83,8 @@ std::string http_reply(const std::string& status, const std::string& headers, co
 
 // An HTTP server of the test on a free port of 127.0.0.1, in a thread of its
 // own, one request per connection. With a certificate and key (PEM files) it
-// speaks TLS, and records the protocols each client offers through ALPN
-// (choosing h2 when offered, as an HTTP/2 server does).
+// speaks TLS, choosing h2 through ALPN when a client offers it, as an HTTP/2
+// server does.
 class CannedServer {
  public:
   using Handler = std::function<Reply(const CannedRequest&)>;
@@ -96,8 +96,6 @@ class CannedServer {
   std::string url(const std::string& path) const;
   int connections() { return locked(connections_); }
   std::vector<CannedRequest> requests() { return locked(requests_); }
-  // The ALPN protocols the last TLS client offered, comma-separated.
-  std::string offered_alpn() { return locked(alpn_); }
   // Bytes sent on the last connection.
   std::size_t sent() { return locked(sent_); }
 
@@ -118,7 +116,6 @@ class CannedServer {
   std::mutex mutex_;
   int connections_ = 0;
   std::vector<CannedRequest> requests_;
-  std::string alpn_;
   std::size_t sent_ = 0;
   std::thread thread_;
 };
