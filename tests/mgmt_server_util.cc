@@ -4,6 +4,7 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <regex>
 #include <stdexcept>
 
@@ -17,11 +18,57 @@ namespace mgmttest {
 const std::string kServer = VEXO_MGMT_SERVER;
 const std::string kMgmtData = std::string(VEXO_SOURCE_DIR) + "/data/mgmt";
 
+namespace {
+
+constexpr int kLimitMs = 30000;  // to start, to run a registry command, to stop
+
+// A word quoted for sh.
+std::string quoted(const std::string& word) {
+  std::string q = "'";
+  for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+// Waits until path holds a whole number; -1 after the limit.
+long wait_number(const std::string& path) {
+  std::string text;
+  const bool done = testutil::wait_until(
+      [&] {
+        text = testutil::read_file(path);
+        return !text.empty() && text.back() == '\n';
+      },
+      kLimitMs);
+  return done ? std::stol(text) : -1;
+}
+
+// The server runs under a small sh script that writes its pid and, when it
+// ends, its exit code into files beside its output (renamed into place, so a
+// reader never sees half a number): under Wine a Windows process gets no
+// handle on a Linux program to wait on or to end. The pid, -1 when it did not start.
+pid_t spawn(const std::vector<std::string>& args, const std::string& out_file) {
+  const std::string dir = linux_cwd();
+  if (dir.empty()) return -1;
+  for (const char* end : {".pid", ".exit"}) std::remove((out_file + end).c_str());
+  std::string command = quoted(kServer);
+  for (const auto& a : args) command += " " + quoted(a);
+  const std::string out = quoted(out_file);
+  const std::string script = "cd " + quoted(dir) + " || exit 127\n" + command + " > " + out + " 2>&1 &\n" +
+                             "echo $! > " + out + ".pid.tmp && mv " + out + ".pid.tmp " + out + ".pid\n" +
+                             "wait $!\necho $? > " + out + ".exit.tmp && mv " + out + ".exit.tmp " + out + ".exit\n";
+  testutil::write_file(out_file + ".sh", script);
+  if (!run_linux("/bin/sh " + dir + "/" + out_file + ".sh")) return -1;
+  return static_cast<pid_t>(wait_number(out_file + ".pid"));
+}
+
+// The exit code of the server spawned with out_file, -1 when it did not end.
+int wait_exit(const std::string& out_file) { return static_cast<int>(wait_number(out_file + ".exit")); }
+
+}  // namespace
+
 int run_command(const std::vector<std::string>& args, std::string* output) {
   const std::string out = "cmd.out";
-  pid_t pid = spawn(args, out);
-  if (pid < 0) return -1;
-  const int code = wait_exit(pid);
+  if (spawn(args, out) < 0) return -1;
+  const int code = wait_exit(out);
   if (output != nullptr) *output = testutil::read_file(out);
   return code;
 }
@@ -45,7 +92,9 @@ Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
 }
 
 Server::~Server() {
-  if (pid_ > 0) terminate(pid_);
+  if (pid_ <= 0) return;
+  run_linux("/bin/kill -TERM " + std::to_string(pid_));
+  if (wait_exit(out_) == -1) run_linux("/bin/kill -KILL " + std::to_string(pid_));
 }
 
 std::string Server::base() const {

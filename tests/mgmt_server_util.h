@@ -3,7 +3,7 @@
 // free port for a test's life), a canned HTTP(S) server in a thread that
 // answers exactly the bytes a case needs, and certificates made for a case.
 // The server is a Linux program; the Windows tests, run under Wine, start the
-// Linux build of it (mgmt_server_util_SYSTEM.cc).
+// Linux build of it.
 #ifndef VEXO_TESTS_MGMT_SERVER_UTIL_H
 #define VEXO_TESTS_MGMT_SERVER_UTIL_H
 
@@ -25,13 +25,11 @@ namespace mgmttest {
 extern const std::string kServer;
 extern const std::string kMgmtData;
 
-// Runs the server binary with args in the current folder, stdout and stderr
-// into out_file. Returns the pid, -1 when it did not start.
-pid_t spawn(const std::vector<std::string>& args, const std::string& out_file);
-// Waits for a spawned server to end; its exit code, -1 when it did not exit.
-int wait_exit(pid_t pid);
-// Asks a spawned server to stop (SIGTERM) and waits for it to end.
-void terminate(pid_t pid);
+// What each system does for the server (mgmt_server_util_SYSTEM.cc): the
+// current folder as the Linux side names it ("" when none), and a command
+// line started there in the background; false when it did not start.
+std::string linux_cwd();
+bool run_linux(const std::string& command);
 
 // Runs a registry command to its end; its exit status.
 int run_command(const std::vector<std::string>& args, std::string* output = nullptr);
