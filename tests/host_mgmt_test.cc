@@ -57,8 +57,8 @@ TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     // --no-mgmt: the service runs and the server hears nothing.
     Host quiet(device, {"--no-mgmt"});
     ASSERT_TRUE(quiet.wait_for("Start_RDservice returned 0\n")) << quiet.output();
-    EXPECT_NE(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n").find("status=\"READY\""),
-              std::string::npos);
+    EXPECT_TRUE(
+        testutil::has(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"READY\""));
     EXPECT_EQ(quiet.stop(), 0);
     EXPECT_EQ(quiet.output().find("mgmt:"), std::string::npos) << quiet.output();
     EXPECT_EQ(server.log().find("/rest/"), std::string::npos) << server.log();
@@ -75,8 +75,8 @@ TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
         testutil::count_of(host.output(), "mgmt: uidai_cert_force_update -> 0, next action NO_ACTION_NECESSARY\n"), 1);
     EXPECT_TRUE(host.wait_for("pipe: 5000|RD Service Started\n")) << host.output();
     // The issued certificate in use: ManagementEndToEnd.KeyRotationSignsCapturesWithTheIssuedCertificate.
-    const std::string discovery = testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n");
-    EXPECT_NE(discovery.find("status=\"READY\""), std::string::npos) << discovery;
+    EXPECT_TRUE(
+        testutil::has(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"READY\""));
 
     // Another scanner, not registered: Init at once, although the poll is six hours.
     set_serial("A600-HOST-2");

@@ -46,9 +46,9 @@ std::string md5_of(const std::string& data) {
   return hex_lower({digest, size});
 }
 
-// The ranges of a 250000-byte package from chunk first on.
-Strings ranges_from(std::size_t first) {
-  const Strings all = {"0-102400", "102401-204801", "204802-250000"};
+// The ranges of a 250000-byte package (or one whose last range is last) from chunk first on.
+Strings ranges_from(std::size_t first, const char* last = "204802-250000") {
+  const Strings all = {"0-102400", "102401-204801", last};
   return Strings(all.begin() + static_cast<long>(first), all.end());
 }
 
@@ -113,7 +113,7 @@ TEST_F(DownloadTest, DownloadFetchesExactRangesFromTheResumePoint) {
   const char* kResuming = "Resuming previous download";
   struct Case {
     const char* name;
-    std::size_t size;  // of the package on the server
+    std::size_t size;     // of the package on the server
     std::string record;   // empty: no dm.conf
     std::string package;  // held before; "-": no DownloadSW folder, which is made
     Strings ranges;
@@ -122,8 +122,7 @@ TEST_F(DownloadTest, DownloadFetchesExactRangesFromTheResumePoint) {
   } cases[] = {
       // The last index is 1 but chunk 0 already holds every byte.
       {"one chunk", 102400, "", "-", {"0-102400"}, "", "|102400|1:1|Completed|"},
-      {"a 2-byte last chunk", 204803, "", junk, {"0-102400", "102401-204801", "204802-204803"}, "",
-       "|204803|2:2|Completed|"},
+      {"a 2-byte last chunk", 204803, "", junk, ranges_from(0, "204802-204803"), "", "|204803|2:2|Completed|"},
       {"empty", 0, "", junk, {}, "", "|0|0:0|Completed|"},
       {"no record", 250000, "", junk, ranges_from(0), ""},
       {"changed checksum", 250000, rec(md5_of("another package"), "250000|0:2|In progress|"), chunk0, ranges_from(0),
@@ -164,16 +163,13 @@ TEST_F(DownloadTest, DownloadFetchesExactRangesFromTheResumePoint) {
     ASSERT_EQ(download_manager(package_url, sum, kDownloadTarget), 0) << log_since(log_before);
 
     EXPECT_EQ(server_ranges(tls, server_before, c.ranges), c.ranges);
-    if (!c.log_line.empty()) {
-      EXPECT_NE(log_since(log_before).find(") - " + c.log_line + "\n"), std::string::npos) << log_since(log_before);
-    }
+    EXPECT_TRUE(testutil::has(log_since(log_before), ") - " + c.log_line + (c.log_line.empty() ? "" : "\n")));
     EXPECT_TRUE(testutil::read_file(kDownloadTarget) == package);
     EXPECT_EQ(testutil::read_file(kDownloadRecord), package_url + "|" + sum + c.done);
-    EXPECT_NE(testutil::last_status().find(" | download_manager | get_package_size | Software download is in "
-                                           "progress : Size of .exe file is " +
-                                           size + " bytes "),
-              std::string::npos)
-        << testutil::last_status();
+    EXPECT_TRUE(testutil::has(testutil::last_status(),
+                              " | download_manager | get_package_size | Software download "
+                              "is in progress : Size of .exe file is " +
+                                  size + " bytes "));
     EXPECT_TRUE(pipe_->wait_for("10000|Software download is in progress:|Size of .exe file is " + size + " byte\n",
                                 5000, pipe_before))
         << pipe_->received();
@@ -193,7 +189,7 @@ TEST_F(DownloadTest, DownloadFetchesExactRangesFromTheResumePoint) {
   EXPECT_EQ(testutil::read_file(kDownloadRecord), url + "|" + wrong + "|250000|2:2|Completed|");
   EXPECT_TRUE(pipe_->wait_for("10000|Downloaded file checksum is invalid|Download Failed.\n"));
   EXPECT_EQ(download_software_update(url, md5, true), 0);
-  EXPECT_NE(log_since(log_before).find(") - " + std::string(kChanged) + "\n"), std::string::npos);
+  EXPECT_TRUE(testutil::has(log_since(log_before), ") - " + std::string(kChanged) + "\n"));
   EXPECT_TRUE(testutil::read_file(kDownloadTarget) == data);
 }
 
@@ -288,10 +284,10 @@ TEST_F(DownloadTest, HostileServerGetsCleanFailure) {
     EXPECT_EQ(download_manager(server.url("/files/packages/p.zip"), md5, kDownloadTarget), -1);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
     const std::string log = log_since(log_before);
-    EXPECT_NE(log.find(std::string(") - ") + c.log_line + "\n"), std::string::npos) << log;
+    EXPECT_TRUE(testutil::has(log, std::string(") - ") + c.log_line + "\n"));
     EXPECT_FALSE(std::filesystem::exists(kDownloadRecord));
     if (c.size_fails) {
-      EXPECT_NE(log.find(") - Error at get_package_size\n"), std::string::npos);
+      EXPECT_TRUE(testutil::has(log, ") - Error at get_package_size\n"));
       const std::string status = testutil::last_status();
       EXPECT_EQ(status.substr(status.find(" | ")),
                 " | download_manager | get_package_size | Get download file size failed ");

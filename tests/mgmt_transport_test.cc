@@ -133,8 +133,7 @@ TEST_F(MgmtTransportTest, ResponseChecksSizeLimitsAndTimeout) {
       EXPECT_EQ(testutil::last_status(), "");
     } else {
       EXPECT_EQ(response, "");  // nothing unverified reaches the caller
-      const std::string status = testutil::last_status();
-      EXPECT_NE(status.find(std::string(" | curl_api | sendData2Zelm | ") + c.status), std::string::npos) << status;
+      EXPECT_TRUE(testutil::has(testutil::last_status(), std::string(" | curl_api | sendData2Zelm | ") + c.status));
       ASSERT_TRUE(pipe_->wait_for(before + c.pipe)) << pipe_->received();
     }
   }
@@ -182,9 +181,9 @@ TEST_F(MgmtTransportTest, PinnedCaFileGuardsEveryHttpsTransfer) {
     const bool ok = c.expected == 0;
     EXPECT_EQ(Curl_Download_File(c.base + "/files/uidai/prod.pem", 5, 10, "prod.pem", 65536), ok ? 0 : -1);
     if (ok) {
-      EXPECT_NE(response.find("ZELM-001"), std::string::npos) << response;
+      EXPECT_TRUE(testutil::has(response, "ZELM-001"));
     } else {
-      EXPECT_NE(testutil::last_status().find(c.report + " "), std::string::npos) << testutil::last_status();
+      EXPECT_TRUE(testutil::has(testutil::last_status(), c.report + " "));
       ASSERT_TRUE(pipe_->wait_for(before + "10000|" + c.report + "\n")) << pipe_->received();
     }
     // A refused CA file is refused before any connection: nothing can arrive
@@ -283,11 +282,10 @@ TEST_F(MgmtTransportTest, UnreachableServerIsReported) {
   set_register_url(url);
   std::string response;
   EXPECT_EQ(sendData2Zelm(url, kRequest, &response), -18);
-  EXPECT_NE(testutil::last_status().find("Internet connectivity issue, not able to connect Url - " + url + ") "),
-            std::string::npos)
-      << testutil::last_status();
+  EXPECT_TRUE(
+      testutil::has(testutil::last_status(), "Internet connectivity issue, not able to connect Url - " + url + ") "));
   EXPECT_TRUE(pipe_->wait_for("10000|Internet connectivity issue,|not able to connect to MS\n"));
-  EXPECT_NE(testutil::log_text().find("Query Unsuccessful,Curl return code 7\n"), std::string::npos);
+  EXPECT_TRUE(testutil::has(testutil::log_text(), "Query Unsuccessful,Curl return code 7\n"));
 }
 
 TEST_F(MgmtTransportTest, ResponseRdtHeaderParsedAndChecked) {
@@ -333,9 +331,7 @@ TEST_F(MgmtTransportTest, GetAndDownloadKeepTheirLimits) {
     EXPECT_EQ(response, rc == 0 ? body : "");
     EXPECT_EQ(server.requests().at(0).header("RD_DRT"), "");
   }
-  EXPECT_NE(testutil::last_status().find("| GetDataFromZelm | Query Unsuccessful,Curl return code 23 "),
-            std::string::npos)
-      << testutil::last_status();
+  EXPECT_TRUE(testutil::has(testutil::last_status(), "| GetDataFromZelm | Query Unsuccessful,Curl return code 23 "));
 
   // Downloads over TLS from the reference server, stopped at their limit as
   // the bytes arrive; a failed one leaves the file that was there.
@@ -374,7 +370,7 @@ TEST_F(MgmtTransportTest, GetAndDownloadKeepTheirLimits) {
   EXPECT_EQ(Curl_Download_File(endless.url("/uidai/prod.pem"), 5, 10, "pkg.zip", 65536), 23);
   EXPECT_LT(endless.sent(), 64u << 20);
 
-  EXPECT_NE(testutil::log_text().find("Curl return code 22, HTTP Error Code  404"), std::string::npos);
+  EXPECT_TRUE(testutil::has(testutil::log_text(), "Curl return code 22, HTTP Error Code  404"));
   // Only the downloaded file and its siblings: no temporary file left behind.
   int files = 0;
   for (const auto& e : std::filesystem::directory_iterator("."))
