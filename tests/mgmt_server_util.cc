@@ -292,12 +292,4 @@ Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>
   return out;
 }
 
-Issued demo_ca() {
-  Issued ca;
-  ca.cert_pem = testutil::read_file(kMgmtData + "/ca.crt");
-  ca.key_pem = testutil::read_file(kMgmtData + "/ca.key");
-  ca.key = testcrypto::private_key_of_pem(ca.key_pem);
-  return ca;
-}
-
 }  // namespace mgmttest

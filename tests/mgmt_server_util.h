@@ -130,8 +130,6 @@ struct Issued {
   std::string key_pem;
 };
 Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>& extensions, const Issued* issuer);
-// The demonstration Management CA of data/mgmt, as an issuer.
-Issued demo_ca();
 
 }  // namespace mgmttest
 

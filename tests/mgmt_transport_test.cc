@@ -247,7 +247,9 @@ TEST_F(MgmtTransportTest, ServerCertificateMustChainToThePinAndServeTheServer) {
     return issue_cert("127.0.0.1", ext, &issuer);
   };
   const mgmttest::Issued outside = server_cert(other_ca, "critical,digitalSignature", "serverAuth");
-  const mgmttest::Issued device = server_cert(mgmttest::demo_ca(), "critical,digitalSignature,nonRepudiation", nullptr);
+  const mgmttest::Issued pinned = {testcrypto::private_key_of_pem(testutil::read_file(kMgmtData + "/ca.key")),
+                                   testutil::read_file(kMgmtData + "/ca.crt"), ""};
+  const mgmttest::Issued device = server_cert(pinned, "critical,digitalSignature,nonRepudiation", nullptr);
   struct Case {
     const char* name;
     std::string cert;
