@@ -21,22 +21,6 @@ using mgmttest::run_command;
 
 const std::string kSerial = "A600-HOST-1";
 
-// vexo-host for the scanner of workdir, its output collected; retries after
-// 200 ms (the real pauses: host_plan_test).
-class Host : public testutil::Child {
- public:
-  Host(const std::string& workdir, std::vector<std::string> options)
-      : Child(args(workdir, std::move(options)),
-              {"APPDATA=" + workdir + "/appdata", "VEXO_HOST_TEST_RETRY_BASE_MS=200"}) {}
-
- private:
-  static std::vector<std::string> args(const std::string& workdir, std::vector<std::string> options) {
-    options.insert(options.begin(), {testutil::program("vexo-host"), "--workdir", workdir});
-    options.push_back("Aratek_A600");
-    return options;
-  }
-};
-
 TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
   testutil::WorkDir dir;
   fs::copy(kMgmtData, "data", fs::copy_options::recursive);
@@ -52,10 +36,18 @@ TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
   set_serial(kSerial);
   // The port the service of the latest host run listens on, from its run log.
   auto service_port = [&] { return testutil::logged_port(device + "/rd.log"); };
+  // vexo-host for the scanner of device, with options; it retries after 200 ms
+  // (the real pauses: host_plan_test).
+  auto host_args = [&](std::vector<std::string> options) {
+    options.insert(options.begin(), {testutil::program("vexo-host"), "--workdir", device});
+    options.push_back("Aratek_A600");
+    return options;
+  };
+  const std::vector<std::string> env = {"APPDATA=" + device + "/appdata", "VEXO_HOST_TEST_RETRY_BASE_MS=200"};
 
   {
     // --no-mgmt: the service runs and the server hears nothing.
-    Host quiet(device, {"--no-mgmt"});
+    testutil::Child quiet(host_args({"--no-mgmt"}), env);
     ASSERT_TRUE(quiet.wait_for("Start_RDservice returned 0\n")) << quiet.output();
     EXPECT_TRUE(
         testutil::has(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"READY\""));
@@ -66,7 +58,7 @@ TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
 
   {
     // A fresh folder: Init asks for a key, the server issues its certificate.
-    Host host(device, {});
+    testutil::Child host(host_args({}), env);
     ASSERT_TRUE(host.wait_for("mgmt: Init -> 0, next action KEY_ROTATION\n")) << host.output();
     ASSERT_TRUE(host.wait_for("mgmt: Key_Rotation -> 0, next action NO_ACTION_NECESSARY\n")) << host.output();
     ASSERT_TRUE(host.wait_for("mgmt: next Init in 21600 s\n")) << host.output();
@@ -91,7 +83,7 @@ TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
 
   // The registered scanner again, polled every second: queued actions are followed.
   set_serial(kSerial);
-  Host host(device, {"--mgmt-poll", "1"});
+  testutil::Child host(host_args({"--mgmt-poll", "1"}), env);
   ASSERT_TRUE(host.wait_for("mgmt: next Init in 1 s\n")) << host.output();
   ASSERT_EQ(0, run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}));
   ASSERT_TRUE(host.wait_for("mgmt: Init -> 0, next action UIDAI_CERT_UPDATE\n")) << host.output();
