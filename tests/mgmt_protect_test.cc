@@ -4,7 +4,6 @@
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -115,25 +114,14 @@ TEST(RdsHash, ResponseDrtIsBoundToItsRequest) {
   }
 }
 
-// Padding of one and two characters is decoded above (32 and 64 bytes), a
-// character outside the alphabet refused.
+// Padding of one and two characters is decoded above (32 and 64 bytes), the
+// decoder's refusals by its own fuzz test; the wrappers refuse what they cannot take.
 TEST(RdsHash, Base64AndAesRefusals) {
-  struct {
-    const char* text;
-    int rc;
-    std::size_t len;
-  } rows[] = {{"", 0, 0}, {"QUJD", 0, 3}, {"QUJ", -1, 0}};
-  for (const auto& r : rows) {
-    Bytes out{9};
-    EXPECT_EQ(rds_hmac_Base64Decode(r.text, &out), r.rc) << r.text;
-    EXPECT_EQ(out.size(), r.len) << r.text;
-  }
   std::string text = "x";
   EXPECT_EQ(rds_hmac_Base64Encode(nullptr, 3, &text), -1);
   const std::uint8_t abc[] = {'A', 'B', 'C'};
   EXPECT_EQ(rds_hmac_Base64Encode(abc, -1, &text), -1);
-  EXPECT_EQ(rds_hmac_Base64Encode(abc, 3, &text), 0);
-  EXPECT_EQ(text, "QUJD");
+  EXPECT_EQ(text, "");
 
   Bytes out{1};
   const std::uint8_t block[48] = {};

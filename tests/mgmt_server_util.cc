@@ -4,6 +4,7 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <regex>
 #include <stdexcept>
 
@@ -17,11 +18,57 @@ namespace mgmttest {
 const std::string kServer = VEXO_MGMT_SERVER;
 const std::string kMgmtData = std::string(VEXO_SOURCE_DIR) + "/data/mgmt";
 
+namespace {
+
+constexpr int kLimitMs = 30000;  // to start, to run a registry command, to stop
+
+// A word quoted for sh.
+std::string quoted(const std::string& word) {
+  std::string q = "'";
+  for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+// Waits until path holds a whole number; -1 after the limit.
+long wait_number(const std::string& path) {
+  std::string text;
+  const bool done = testutil::wait_until(
+      [&] {
+        text = testutil::read_file(path);
+        return !text.empty() && text.back() == '\n';
+      },
+      kLimitMs);
+  return done ? std::stol(text) : -1;
+}
+
+// The server runs under a small sh script that writes its pid and, when it
+// ends, its exit code into files beside its output (renamed into place, so a
+// reader never sees half a number): under Wine a Windows process gets no
+// handle on a Linux program to wait on or to end. The pid, -1 when it did not start.
+pid_t spawn(const std::vector<std::string>& args, const std::string& out_file) {
+  const std::string dir = linux_cwd();
+  if (dir.empty()) return -1;
+  for (const char* end : {".pid", ".exit"}) std::remove((out_file + end).c_str());
+  std::string command = quoted(kServer);
+  for (const auto& a : args) command += " " + quoted(a);
+  const std::string out = quoted(out_file);
+  const std::string script = "cd " + quoted(dir) + " || exit 127\n" + command + " > " + out + " 2>&1 &\n" +
+                             "echo $! > " + out + ".pid.tmp && mv " + out + ".pid.tmp " + out + ".pid\n" +
+                             "wait $!\necho $? > " + out + ".exit.tmp && mv " + out + ".exit.tmp " + out + ".exit\n";
+  testutil::write_file(out_file + ".sh", script);
+  if (!run_linux("/bin/sh " + dir + "/" + out_file + ".sh")) return -1;
+  return static_cast<pid_t>(wait_number(out_file + ".pid"));
+}
+
+// The exit code of the server spawned with out_file, -1 when it did not end.
+int wait_exit(const std::string& out_file) { return static_cast<int>(wait_number(out_file + ".exit")); }
+
+}  // namespace
+
 int run_command(const std::vector<std::string>& args, std::string* output) {
   const std::string out = "cmd.out";
-  pid_t pid = spawn(args, out);
-  if (pid < 0) return -1;
-  const int code = wait_exit(pid);
+  if (spawn(args, out) < 0) return -1;
+  const int code = wait_exit(out);
   if (output != nullptr) *output = testutil::read_file(out);
   return code;
 }
@@ -45,7 +92,9 @@ Server::Server(bool tls, const std::vector<std::string>& extra) : tls_(tls) {
 }
 
 Server::~Server() {
-  if (pid_ > 0) terminate(pid_);
+  if (pid_ <= 0) return;
+  run_linux("/bin/kill -TERM " + std::to_string(pid_));
+  if (wait_exit(out_) == -1) run_linux("/bin/kill -KILL " + std::to_string(pid_));
 }
 
 std::string Server::base() const {
@@ -66,26 +115,22 @@ bool wait_readable(platform::socket_t fd, const std::atomic<bool>& stop, int tim
   return false;
 }
 
-// The ALPN list of a client hello as "a,b,c"; the server takes h2 when offered.
-int select_alpn(SSL* ssl, const unsigned char** out, unsigned char* out_len, const unsigned char* in,
-                unsigned int in_len, void*) {
-  auto* offered = static_cast<std::string*>(SSL_get_app_data(ssl));
-  int h2 = -1;
-  for (unsigned int i = 0; i < in_len && i + 1 + in[i] <= in_len; i += 1u + in[i]) {
-    const std::string name(reinterpret_cast<const char*>(in + i + 1), in[i]);
-    if (!offered->empty()) *offered += ',';
-    *offered += name;
-    if (name == "h2") h2 = static_cast<int>(i);
+// Takes h2 when the client offers it, as an HTTP/2 server does: a client
+// that offered it could not read the HTTP/1.1 answer.
+int select_h2(SSL*, const unsigned char** out, unsigned char* out_len, const unsigned char* in, unsigned int in_len,
+              void*) {
+  static const unsigned char kH2[] = {2, 'h', '2'};
+  unsigned char* chosen = nullptr;
+  if (SSL_select_next_proto(&chosen, out_len, kH2, sizeof kH2, in, in_len) != OPENSSL_NPN_NEGOTIATED) {
+    return SSL_TLSEXT_ERR_NOACK;
   }
-  if (h2 < 0) return SSL_TLSEXT_ERR_NOACK;
-  *out = in + h2 + 1;
-  *out_len = in[h2];
+  *out = chosen;
   return SSL_TLSEXT_ERR_OK;
 }
 
 }  // namespace
 
-std::string CannedRequest::header(const std::string& name) const {
+std::string header_of(const std::string& head, const std::string& name) {
   std::smatch m;
   const std::regex re("\r\n" + name + ":[ \t]*([^\r\n]*)", std::regex::icase);
   return std::regex_search(head, m, re) ? std::string(m[1]) : std::string();
@@ -104,7 +149,7 @@ CannedServer::CannedServer(Handler handler, const std::string& cert_file, const 
         SSL_CTX_use_PrivateKey_file(tls_.get(), key_file.c_str(), SSL_FILETYPE_PEM) != 1) {
       throw std::runtime_error("canned server: certificate not loaded");
     }
-    SSL_CTX_set_alpn_select_cb(tls_.get(), select_alpn, nullptr);
+    SSL_CTX_set_alpn_select_cb(tls_.get(), select_h2, nullptr);
   }
   fd_ = platform::tcp_socket();
   if (fd_ == platform::kInvalidSocket || platform::bind_loopback(fd_, 0) != 0 || platform::listen_socket(fd_, 8) != 0 ||
@@ -134,15 +179,10 @@ void CannedServer::serve() {
       sent_ = 0;
     }
     std::unique_ptr<SSL, SslFree> ssl;
-    std::string alpn;
     if (tls_) {
       ssl.reset(SSL_new(tls_.get()));
-      SSL_set_app_data(ssl.get(), &alpn);
       SSL_set_fd(ssl.get(), static_cast<int>(c));
-      const bool shaken = SSL_accept(ssl.get()) == 1;
-      std::lock_guard<std::mutex> lock(mutex_);
-      alpn_ = alpn;
-      if (!shaken) ssl.reset();
+      if (SSL_accept(ssl.get()) != 1) ssl.reset();
     }
     if (!tls_ || ssl) answer(c, ssl.get());
     ssl.reset();
@@ -250,14 +290,6 @@ Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>
   out.cert_pem.assign(pem, static_cast<std::size_t>(pem_size));
   out.key_pem = testcrypto::private_key_pem(out.key.get(), true);
   return out;
-}
-
-Issued demo_ca() {
-  Issued ca;
-  ca.cert_pem = testutil::read_file(kMgmtData + "/ca.crt");
-  ca.key_pem = testutil::read_file(kMgmtData + "/ca.key");
-  ca.key = testcrypto::private_key_of_pem(ca.key_pem);
-  return ca;
 }
 
 }  // namespace mgmttest

@@ -3,7 +3,7 @@
 // free port for a test's life), a canned HTTP(S) server in a thread that
 // answers exactly the bytes a case needs, and certificates made for a case.
 // The server is a Linux program; the Windows tests, run under Wine, start the
-// Linux build of it (mgmt_server_util_SYSTEM.cc).
+// Linux build of it.
 #ifndef VEXO_TESTS_MGMT_SERVER_UTIL_H
 #define VEXO_TESTS_MGMT_SERVER_UTIL_H
 
@@ -25,13 +25,11 @@ namespace mgmttest {
 extern const std::string kServer;
 extern const std::string kMgmtData;
 
-// Runs the server binary with args in the current folder, stdout and stderr
-// into out_file. Returns the pid, -1 when it did not start.
-pid_t spawn(const std::vector<std::string>& args, const std::string& out_file);
-// Waits for a spawned server to end; its exit code, -1 when it did not exit.
-int wait_exit(pid_t pid);
-// Asks a spawned server to stop (SIGTERM) and waits for it to end.
-void terminate(pid_t pid);
+// What each system does for the server (mgmt_server_util_SYSTEM.cc): the
+// current folder as the Linux side names it ("" when none), and a command
+// line started there in the background; false when it did not start.
+std::string linux_cwd();
+bool run_linux(const std::string& command);
 
 // Runs a registry command to its end; its exit status.
 int run_command(const std::vector<std::string>& args, std::string* output = nullptr);
@@ -57,13 +55,15 @@ class Server {
   int port_ = 0;
 };
 
+// The value of the first header called name (any case) in an HTTP head; empty when none.
+std::string header_of(const std::string& head, const std::string& name);
+
 // One request as the canned server read it.
 struct CannedRequest {
   std::string method;
   std::string head;  // request line and headers
   std::string body;
-  // The value of the first header called name (any case); empty when none.
-  std::string header(const std::string& name) const;
+  std::string header(const std::string& name) const { return header_of(head, name); }
 };
 
 // What the canned server sends back on one connection.
@@ -81,8 +81,8 @@ std::string http_reply(const std::string& status, const std::string& headers, co
 
 // An HTTP server of the test on a free port of 127.0.0.1, in a thread of its
 // own, one request per connection. With a certificate and key (PEM files) it
-// speaks TLS, and records the protocols each client offers through ALPN
-// (choosing h2 when offered, as an HTTP/2 server does).
+// speaks TLS, choosing h2 through ALPN when a client offers it, as an HTTP/2
+// server does.
 class CannedServer {
  public:
   using Handler = std::function<Reply(const CannedRequest&)>;
@@ -94,8 +94,6 @@ class CannedServer {
   std::string url(const std::string& path) const;
   int connections() { return locked(connections_); }
   std::vector<CannedRequest> requests() { return locked(requests_); }
-  // The ALPN protocols the last TLS client offered, comma-separated.
-  std::string offered_alpn() { return locked(alpn_); }
   // Bytes sent on the last connection.
   std::size_t sent() { return locked(sent_); }
 
@@ -116,7 +114,6 @@ class CannedServer {
   std::mutex mutex_;
   int connections_ = 0;
   std::vector<CannedRequest> requests_;
-  std::string alpn_;
   std::size_t sent_ = 0;
   std::thread thread_;
 };
@@ -133,8 +130,6 @@ struct Issued {
   std::string key_pem;
 };
 Issued issue_cert(const char* cn, const std::vector<std::pair<int, const char*>>& extensions, const Issued* issuer);
-// The demonstration Management CA of data/mgmt, as an issuer.
-Issued demo_ca();
 
 }  // namespace mgmttest
 

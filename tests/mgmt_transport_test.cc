@@ -25,7 +25,6 @@
 #include "test_util.h"
 #include "web_service/auth_format.h"
 #include "web_service/curl_api.h"
-#include "web_service/json/json_frame_parse.h"
 #include "web_service/transfer.h"
 
 namespace {
@@ -39,21 +38,15 @@ using mgmttest::Reply;
 using mgmttest::Server;
 using testutil::Seams;
 
-const MgmtIdentity kDevice = {"1.0.2",        "KORV.LIN.001", "CL01",    "2.1",  "LINUX",
-                              "0a1b2c3d4e5f", "SN1001",       "Korvane", "A600", "KORV"};
+// What the client posts: the transport does not look into it, the server
+// refuses it (ZELM-001) with a verified answer.
+const std::string kRequest = "{}";
 
 // The response's RD_DRT as the server makes it, over body and the request's RD_DRT.
 std::string signed_for(const std::string& body, const std::string& request_drt) {
   std::string drt;
   EXPECT_EQ(rds_hmac_sign_response(body.data(), body.size(), request_drt, &drt), 0);
   return drt;
-}
-
-std::string json_body_of_size(std::size_t size) {
-  std::string body("{\"respStatus\":\"y\",\"pad\":\"");
-  body.append(size - body.size() - 2, 'x');
-  body += "\"}";
-  return body;
 }
 
 class MgmtTransportTest : public testutil::LibraryTest {
@@ -69,11 +62,6 @@ class MgmtTransportTest : public testutil::LibraryTest {
     std::filesystem::create_directories("cert");
     testutil::write_file("cert/server.crt", testutil::read_file(kMgmtData + "/ca.crt"));
   }
-  static std::string request() {
-    std::string out;
-    EXPECT_EQ(json_frame_with(kDevice, mgmt_timestamp(), nullptr, &out), 0);
-    return out;
-  }
   // Resets the last-status line and the pipe; what the pipe held before.
   std::string fresh_reports() {
     rd_log_reset_for_test();
@@ -83,11 +71,12 @@ class MgmtTransportTest : public testutil::LibraryTest {
 };
 
 // Each answer is bounded and verified before it reaches the caller, over
-// plain HTTP (where no CA file is needed) and over TLS, where the client
-// offers HTTP/1.1 alone even to a server that would take HTTP/2.
+// plain HTTP (where no CA file is needed: the refused answers arrive) and over
+// TLS, where the client speaks HTTP/1.1 even to a server that would take
+// HTTP/2 (the canned one).
 TEST_F(MgmtTransportTest, ResponseChecksSizeLimitsAndTimeout) {
   std::string other_request;
-  ASSERT_EQ(rds_hmac_sign("{}", 2, 1, &other_request), 0);
+  ASSERT_EQ(rds_hmac_sign("[]", 2, 1, &other_request), 0);
   const char* kPoisoned = "Data from server is poisoned ";
   const char* kPoisonedPipe = "10000|Data from server is poisoned\n";
   struct Case {
@@ -100,8 +89,7 @@ TEST_F(MgmtTransportTest, ResponseChecksSizeLimitsAndTimeout) {
     const char* status;  // expected last-status text after " | sendData2Zelm | "
     const char* pipe;
   } cases[] = {
-      {"29999 bytes", false, 29999, "RD_DRT", false, 0, nullptr, nullptr},
-      {"over TLS", true, 100, "RD_DRT", false, 0, nullptr, nullptr},
+      {"29999 bytes over TLS", true, 29999, "RD_DRT", false, 0, nullptr, nullptr},
       {"30000 bytes", false, 30000, "RD_DRT", false, -20, "Internet connectivity issue - ",
        "10000|Internet connectivity issue,|not able to connect to MS\n"},
       {"no RD_DRT", false, 40, nullptr, false, -22, kPoisoned, kPoisonedPipe},
@@ -111,7 +99,9 @@ TEST_F(MgmtTransportTest, ResponseChecksSizeLimitsAndTimeout) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string body = c.body_size > 0 ? json_body_of_size(c.body_size) : "";
+    // {"respStatus":"y","pad":"xx...x"} of body_size bytes.
+    const std::string pad(c.body_size > 27 ? c.body_size - 27 : 0, 'x');
+    const std::string body = c.body_size > 0 ? R"({"respStatus":"y","pad":")" + pad + "\"}" : "";
     CannedServer server(
         [&](const CannedRequest& r) {
           const std::string drt = signed_for(body, c.of_other_request ? other_request : r.header("RD_DRT"));
@@ -127,20 +117,18 @@ TEST_F(MgmtTransportTest, ResponseChecksSizeLimitsAndTimeout) {
     set_register_url(url);
     const std::string before = fresh_reports();
     std::string response = "stale";
-    EXPECT_EQ(sendData2Zelm(url, request(), &response), c.expected);
+    EXPECT_EQ(sendData2Zelm(url, kRequest, &response), c.expected);
 
-    // A CA file exists only for TLS, where only HTTP/1.1 is offered.
+    // A CA file exists only for TLS.
     EXPECT_EQ(server.requests().size(), 1u);
     EXPECT_EQ(std::filesystem::remove("cert/server.crt"), c.tls);
-    EXPECT_EQ(server.offered_alpn(), c.tls ? "http/1.1" : "");
 
     if (c.expected == 0) {
       EXPECT_EQ(response, body);
       EXPECT_EQ(testutil::last_status(), "");
     } else {
       EXPECT_EQ(response, "");  // nothing unverified reaches the caller
-      const std::string status = testutil::last_status();
-      EXPECT_NE(status.find(std::string(" | curl_api | sendData2Zelm | ") + c.status), std::string::npos) << status;
+      EXPECT_TRUE(testutil::has(testutil::last_status(), std::string(" | curl_api | sendData2Zelm | ") + c.status));
       ASSERT_TRUE(pipe_->wait_for(before + c.pipe)) << pipe_->received();
     }
   }
@@ -184,14 +172,13 @@ TEST_F(MgmtTransportTest, PinnedCaFileGuardsEveryHttpsTransfer) {
     const int posts = testutil::count_of(tls.log(), "/rest/register/");
     const int gets = testutil::count_of(tls.log(), "/files/uidai/prod.pem");
     std::string response;
-    EXPECT_EQ(sendData2Zelm(c.base + "/rest/register/", request(), &response), c.expected);
+    EXPECT_EQ(sendData2Zelm(c.base + "/rest/register/", kRequest, &response), c.expected);
     const bool ok = c.expected == 0;
     EXPECT_EQ(Curl_Download_File(c.base + "/files/uidai/prod.pem", 5, 10, "prod.pem", 65536), ok ? 0 : -1);
     if (ok) {
-      // An unknown serial is a well-formed, verified refusal of the server.
-      EXPECT_NE(response.find("ZELM-015"), std::string::npos) << response;
+      EXPECT_TRUE(testutil::has(response, "ZELM-001"));
     } else {
-      EXPECT_NE(testutil::last_status().find(c.report + " "), std::string::npos) << testutil::last_status();
+      EXPECT_TRUE(testutil::has(testutil::last_status(), c.report + " "));
       ASSERT_TRUE(pipe_->wait_for(before + "10000|" + c.report + "\n")) << pipe_->received();
     }
     // A refused CA file is refused before any connection: nothing can arrive
@@ -255,7 +242,9 @@ TEST_F(MgmtTransportTest, ServerCertificateMustChainToThePinAndServeTheServer) {
     return issue_cert("127.0.0.1", ext, &issuer);
   };
   const mgmttest::Issued outside = server_cert(other_ca, "critical,digitalSignature", "serverAuth");
-  const mgmttest::Issued device = server_cert(mgmttest::demo_ca(), "critical,digitalSignature,nonRepudiation", nullptr);
+  const mgmttest::Issued pinned = {testcrypto::private_key_of_pem(testutil::read_file(kMgmtData + "/ca.key")),
+                                   testutil::read_file(kMgmtData + "/ca.crt"), ""};
+  const mgmttest::Issued device = server_cert(pinned, "critical,digitalSignature,nonRepudiation", nullptr);
   struct Case {
     const char* name;
     std::string cert;
@@ -277,7 +266,7 @@ TEST_F(MgmtTransportTest, ServerCertificateMustChainToThePinAndServeTheServer) {
     set_register_url(url);
     const int rc = with_system_store(dir_.file("store"), [&] {
       std::string response;
-      return -sendData2Zelm(url, request(), &response);
+      return -sendData2Zelm(url, kRequest, &response);
     });
     EXPECT_EQ(rc, -c.expected) << testutil::read_file("store.txt");
     EXPECT_EQ(testutil::count_of(tls.log(), "/rest/register/"), c.expected == 0 ? 1 : 0) << tls.log();
@@ -289,12 +278,11 @@ TEST_F(MgmtTransportTest, UnreachableServerIsReported) {
   const std::string url = "http://127.0.0.1:" + std::to_string(closed_port()) + "/Zelm/rest/register/";
   set_register_url(url);
   std::string response;
-  EXPECT_EQ(sendData2Zelm(url, request(), &response), -18);
-  EXPECT_NE(testutil::last_status().find("Internet connectivity issue, not able to connect Url - " + url + ") "),
-            std::string::npos)
-      << testutil::last_status();
+  EXPECT_EQ(sendData2Zelm(url, kRequest, &response), -18);
+  EXPECT_TRUE(
+      testutil::has(testutil::last_status(), "Internet connectivity issue, not able to connect Url - " + url + ") "));
   EXPECT_TRUE(pipe_->wait_for("10000|Internet connectivity issue,|not able to connect to MS\n"));
-  EXPECT_NE(testutil::log_text().find("Query Unsuccessful,Curl return code 7\n"), std::string::npos);
+  EXPECT_TRUE(testutil::has(testutil::log_text(), "Query Unsuccessful,Curl return code 7\n"));
 }
 
 TEST_F(MgmtTransportTest, ResponseRdtHeaderParsedAndChecked) {
@@ -308,7 +296,6 @@ TEST_F(MgmtTransportTest, ResponseRdtHeaderParsedAndChecked) {
     std::string value;
     int check;
   } cases[] = {
-      {"", -1, "", -22},
       {"HTTP/2 200\r\nrd_Drt:\t" + good + "\r\n\r\n", 0, good, 0},
       {"HTTP/1.1 200 OK\r\nX-Note: RD_DRT: AAAA\r\nRD_DRT: " + good + "\r\n", 0, good, 0},
       {"HTTP/1.1 200 OK\r\nX-RD_DRT: " + good + "\r\n", -1, "", -22},
@@ -341,9 +328,7 @@ TEST_F(MgmtTransportTest, GetAndDownloadKeepTheirLimits) {
     EXPECT_EQ(response, rc == 0 ? body : "");
     EXPECT_EQ(server.requests().at(0).header("RD_DRT"), "");
   }
-  EXPECT_NE(testutil::last_status().find("| GetDataFromZelm | Query Unsuccessful,Curl return code 23 "),
-            std::string::npos)
-      << testutil::last_status();
+  EXPECT_TRUE(testutil::has(testutil::last_status(), "| GetDataFromZelm | Query Unsuccessful,Curl return code 23 "));
 
   // Downloads over TLS from the reference server, stopped at their limit as
   // the bytes arrive; a failed one leaves the file that was there.
@@ -366,7 +351,6 @@ TEST_F(MgmtTransportTest, GetAndDownloadKeepTheirLimits) {
       {base + "pkg.zip", 65536, "pkg.zip", 23, package},
       {base + "missing.zip", 65536, "pkg.zip", 22, package},
       {base + "pkg.zip", 65536, "no/such/folder/pkg.zip", -1, ""},
-      {"https://127.0.0.1:" + std::to_string(closed_port()) + "/x", 65536, "pkg.zip", 7, package},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
@@ -383,7 +367,7 @@ TEST_F(MgmtTransportTest, GetAndDownloadKeepTheirLimits) {
   EXPECT_EQ(Curl_Download_File(endless.url("/uidai/prod.pem"), 5, 10, "pkg.zip", 65536), 23);
   EXPECT_LT(endless.sent(), 64u << 20);
 
-  EXPECT_NE(testutil::log_text().find("Curl return code 22, HTTP Error Code  404"), std::string::npos);
+  EXPECT_TRUE(testutil::has(testutil::log_text(), "Curl return code 22, HTTP Error Code  404"));
   // Only the downloaded file and its siblings: no temporary file left behind.
   int files = 0;
   for (const auto& e : std::filesystem::directory_iterator("."))
