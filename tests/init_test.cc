@@ -33,7 +33,6 @@ using testutil::has;
 using testutil::last_status;
 using testutil::read_file;
 
-// Whether text holds needle; a failure shows both.
 // The library fixture in a working folder laid out by vexoctl, with the
 // simulated scanner SERIAL-A in RefDll; nothing started yet.
 class StartupTest : public testutil::LibraryTest {
