@@ -128,12 +128,11 @@ TEST(Seal, VerifyTableAndAdd) {
   EXPECT_EQ(platform::file_size("new.ini"), 0);
 }
 
-TEST(DomainName, RoundTripAndRefusals) {
+// The round trip: every reading of config.ini below decrypts kBase.
+TEST(DomainName, HidesTheUrlAndRefuses) {
   std::string value, out = "stale";
   ASSERT_EQ(encrypt_domain_name(kBase, &value), 0);
   EXPECT_EQ(value.find("example"), std::string::npos) << value;
-  ASSERT_EQ(decrypt_domain_name(value, &out), 0);
-  EXPECT_EQ(out, kBase);
   EXPECT_EQ(encrypt_domain_name("", &out), -1);
   EXPECT_EQ(out, "");
   // A value under another key: FailedReadingsChangeNothingAndReleaseTheLock.
