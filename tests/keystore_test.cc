@@ -1,8 +1,6 @@
 // Device keystore: real key generation, real files in a temporary working
 // folder, the real scanner lock, and OpenSSL to read back what was written.
 #include <gtest/gtest.h>
-#include <openssl/bn.h>
-#include <openssl/core_names.h>
 #include <openssl/x509v3.h>
 
 #include <cstdio>
@@ -111,10 +109,10 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
   EXPECT_EQ(read_file("last_acces_time_file"), stamp(static_cast<std::uint32_t>(times.access_ns / 1000000000LL)));
 
-  // The text form, without the key and the signature; the key identifier is
-  // the SHA-1 of the public key.
+  // The text form without the signature and with the modulus left out; the
+  // key identifier is the SHA-1 of the public key.
   BioPtr text(BIO_new(BIO_s_mem()));
-  ASSERT_EQ(X509_print_ex(text.get(), x509.get(), XN_FLAG_ONELINE, X509_FLAG_NO_PUBKEY | X509_FLAG_NO_SIGDUMP), 1);
+  ASSERT_EQ(X509_print_ex(text.get(), x509.get(), XN_FLAG_ONELINE, X509_FLAG_NO_SIGDUMP), 1);
   unsigned char key_id[20];
   unsigned int n = 0;
   ASSERT_EQ(X509_pubkey_digest(x509.get(), EVP_sha1(), key_id, &n), 1);
@@ -123,15 +121,10 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   expected.replace(expected.find("{ski}"), 5, ski.get());
   char* data = nullptr;
   const long length = BIO_get_mem_data(text.get(), &data);
-  EXPECT_EQ(std::string(data, static_cast<std::size_t>(length)), expected);
-  EVP_PKEY* pub = X509_get0_pubkey(x509.get());
-  ASSERT_NE(pub, nullptr);
-  EXPECT_EQ(X509_verify(x509.get(), pub), 1);
-  EXPECT_EQ(EVP_PKEY_get_bits(pub), 2048);
-  BIGNUM* e = nullptr;
-  ASSERT_EQ(EVP_PKEY_get_bn_param(pub, OSSL_PKEY_PARAM_RSA_E, &e), 1);
-  EXPECT_EQ(BN_get_word(e), 65537u);
-  BN_free(e);
+  EXPECT_EQ(std::regex_replace(std::string(data, static_cast<std::size_t>(length)),
+                               std::regex("(Modulus:\n)( +[0-9a-f:]+\n)+"), "$1{modulus}\n"),
+            expected);
+  EXPECT_EQ(X509_verify(x509.get(), X509_get0_pubkey(x509.get())), 1);
 
   // The configured number is minutes, whatever its size (1440 is a day, above).
   const int validity[][3] = {{90, 0, 5400}, {2881, 2, 60}};  // minutes, days, seconds
