@@ -186,13 +186,12 @@ TEST_F(StartupTest, ClosesTheProcessAndPlacesTheLocksAsConfigured) {
 struct FailureCase {
   const char* name;
   int expected;
-  const char* status;       // expected part of the last-status line after its time stamp
-  const char* logged;       // expected log line
-  const char* remove = "";  // a file removed first
+  const char* status;  // expected part of the last-status line after its time stamp
+  const char* logged;  // expected log line
+  const char* path = "";                                     // a file changed first:
+  const char* append = nullptr;                              // this text added, or else the file removed
   platform::WriteFault fault = platform::WriteFault::kNone;  // writes that fail
   const char* scanner = "Aratek_A600";
-  const char *append_to = "", *append_text = "";  // a file edited first
-  const char *control = "", *value = "";          // a setting of the simulated scanner
 };
 
 using enum platform::WriteFault;
@@ -201,17 +200,16 @@ using enum platform::WriteFault;
 const FailureCase kFailureCases[] = {
     {"NoStatusPipe", -1, "Create pipe failed, error_code = 2", "", "qdx.win.002"},
     {"NoConfig", -16, " | init | IsFilePresent | File Not Found : config.ini", "", "config.ini"},
-    {"UnknownScanner", -3, "", ") - FP sensor is not valid sensor\n", "", kNone, "NIKON_X1"},
-    {"NoDevice", -10, " | init | Initialize_process | fingerprint device not attached, err_code: -3 ", "", "", kNone,
-     "Aratek_A600", "", "", "present", "0"},
+    {"UnknownScanner", -3, "", ") - FP sensor is not valid sensor\n", "", nullptr, kNone, "NIKON_X1"},
+    {"NoDevice", -10, " | init | Initialize_process | fingerprint device not attached, err_code: -3 ", "",
+     "RefDll/sim_control.ini", "present = 0\n"},
     {"VendorLibraryMissing", kDllLoadingFailed, "", "", "RefDll/libAraTrustFinger.so"},
-    {"GlobalInitFails", -1, " | init | Initialize_process | Aratek fingerprint scanner: Global init failed ", "", "",
-     kNone, "Aratek_A600", "", "", "global_init_result", "-7"},
-    {"HandEditedConfig", -5, " | init | Initialize_process | Config file reading failed", "", "", kNone, "Aratek_A600",
-     "config.ini", "\n"},
-    {"ProxyWithoutUrl", -13, "", "", "", kNone, "Aratek_A600", "proxy.ini", "[config]\nusername = u\npassword = \n"},
-    {"SerialNotOpened", -8, "", ") - opening Serial_number file failed\n", "", kOpen},
-    {"SerialNotWritten", -7, "", ") - writing to serial_number file is failed\n", "", kWrite},
+    {"GlobalInitFails", -1, " | init | Initialize_process | Aratek fingerprint scanner: Global init failed ", "",
+     "RefDll/sim_control.ini", "global_init_result = -7\n"},
+    {"HandEditedConfig", -5, " | init | Initialize_process | Config file reading failed", "", "config.ini", "\n"},
+    {"ProxyWithoutUrl", -13, "", "", "proxy.ini", "[config]\nusername = u\npassword = \n"},
+    {"SerialNotOpened", -8, "", ") - opening Serial_number file failed\n", "", nullptr, kOpen},
+    {"SerialNotWritten", -7, "", ") - writing to serial_number file is failed\n", "", nullptr, kWrite},
 };
 
 void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
@@ -221,9 +219,8 @@ class StartupFailureTest : public StartupTest, public ::testing::WithParamInterf
 
 TEST_P(StartupFailureTest, ReturnsItsCode) {
   const FailureCase& c = GetParam();
-  fs::remove(c.remove);
-  if (*c.control) sim::write_control(refdll_, {{c.control, c.value}});
-  if (*c.append_to) testutil::write_file(c.append_to, read_file(c.append_to) + c.append_text);
+  if (c.append) testutil::write_file(c.path, read_file(c.path) + c.append);
+  if (!c.append) fs::remove(c.path);
   seams([&](testutil::Seams& s) { s.write_fault = c.fault; });
   EXPECT_EQ(Initialize_process(c.scanner), c.expected);
   EXPECT_TRUE(has(last_status(), c.status));
