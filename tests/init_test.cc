@@ -301,9 +301,9 @@ TEST_F(StartupTest, StartAndPlugEventsMoveTheStatus) {
 }
 
 // The host program in a folder made by vexoctl makes its status FIFO private
-// in XDG_RUNTIME_DIR, reports a pull-out from SIGUSR2, exits 0 on SIGTERM and
-// removes the FIFO it made.
-TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
+// in XDG_RUNTIME_DIR, reports a pull-out from SIGUSR2 (the status it leaves:
+// StartAndPlugEventsMoveTheStatus), exits 0 on SIGTERM and removes the FIFO.
+TEST(HostProcessTest, KeepsItsFifoPrivateAndStopsOnSigterm) {
   testutil::WorkDir dir;
   ASSERT_EQ(testutil::init_workdir(dir.path()).rc, 0);
   fs::create_directories(dir.file("appdata"));
@@ -314,12 +314,10 @@ TEST(HostProcessTest, ServesDiscoveryAndStopsOnSigterm) {
   ASSERT_TRUE(host.wait_for("Start_RDservice returned 0")) << host.output();
   EXPECT_EQ(testutil::mode_of(fifo), 0600);
   EXPECT_TRUE(fs::is_fifo(fifo));
-  const int port = testutil::logged_port(dir.file("rd.log"));
   host.signal(SIGUSR2);
   ASSERT_TRUE(host.wait_for("detach_device returned 0")) << host.output();
   // The pipe reader prints on a thread of its own, so its line may come later.
   EXPECT_TRUE(host.wait_for("pipe: 5000|Fingerprint device disconnected")) << host.output();
-  EXPECT_TRUE(has(testutil::http_exchange(port, "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"NOTREADY\""));
   EXPECT_EQ(host.stop(), 0);
   EXPECT_FALSE(fs::exists(fifo));
 }
