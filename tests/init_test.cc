@@ -16,7 +16,6 @@
 #include "common/rd_config.h"
 #include "common/rd_log.h"
 #include "common/rd_status.h"
-#include "common/work_area.h"
 #include "init/init.h"
 #include "mgmt_core/keystore.h"
 #include "mgmt_server_util.h"
