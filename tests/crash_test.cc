@@ -4,7 +4,6 @@
 // succeed. For the keystore, the key must also be readable again, through
 // the forced key rotation when the kill left it torn.
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -23,6 +22,7 @@
 #include "rd_core/uidai_certs.h"
 #include "semaphore/device_lock.h"
 #include "sim_control.h"
+#include "test_crypto.h"
 #include "test_util.h"
 #include "vexo.h"
 
@@ -159,8 +159,7 @@ TEST_F(CrashTest, KeystoreAndKeyRotation) {
     if (mgmttest::run_command({"list", "--registry", "registry.db"}, &listed) != 0) return 1;
     const bool old_whole = dc == old_dc && mc == old_mc;
     const bool new_whole = dc != old_dc && mc != old_mc && listed.find("dc=" + dc) != std::string::npos;
-    BioPtr bio(BIO_new_mem_buf(key_pem.data(), static_cast<int>(key_pem.size())));
-    PkeyPtr key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
+    PkeyPtr key = testcrypto::private_key_of_pem(std::string(key_pem.view()));
     const auto* p = reinterpret_cast<const unsigned char*>(mc.data());
     X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(mc.size())));
     return (old_whole || new_whole) && key && cert && X509_check_private_key(cert.get(), key.get()) == 1 ? 0 : 1;

@@ -1,8 +1,6 @@
 // Device keystore: real key generation, real files in a temporary working
 // folder, the real scanner lock, and OpenSSL to read back what was written.
 #include <gtest/gtest.h>
-#include <openssl/bn.h>
-#include <openssl/core_names.h>
 #include <openssl/x509v3.h>
 
 #include <cstdio>
@@ -74,19 +72,14 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
     EXPECT_TRUE(testsys::owner_only(f)) << f;
   }
 
+  // The key file opens with the password derived here, so every part of the
+  // derivation (this program's digest too) is checked by opening it.
   const Sha256Digest digest = sha256(read_file(platform::program_path()));
-  std::array<std::uint8_t, 32> service{};
-  ASSERT_EQ(GetHashRDservice(&service), 0);
-  EXPECT_EQ(service, digest);
   platform::FileIdentity node;
   ASSERT_TRUE(testsys::file_identity(node_file(), &node));
   char dyn[96];
   std::snprintf(dyn, sizeof dyn, "%lu%lu%lu", node.volume_serial, node.index_high, node.index_low);
   const Sha256Digest password = sha256(bytes(digest) + std::string(kMacA.begin(), kMacA.end()) + dyn);
-  std::array<std::uint8_t, 32> derived{};
-  ASSERT_EQ(GetPasswordToDecPrivateKey(&derived), 0);
-  EXPECT_EQ(derived, password);
-
   // Read as the keystore's own reads must not see: its access time, which the
   // keystore records as a tamper seal, is put back afterwards.
   testsys::FileTimes times;
@@ -116,10 +109,10 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
   EXPECT_EQ(read_file("last_acces_time_file"), stamp(static_cast<std::uint32_t>(times.access_ns / 1000000000LL)));
 
-  // The text form, without the key and the signature; the key identifier is
-  // the SHA-1 of the public key.
+  // The text form without the signature and with the modulus left out; the
+  // key identifier is the SHA-1 of the public key.
   BioPtr text(BIO_new(BIO_s_mem()));
-  ASSERT_EQ(X509_print_ex(text.get(), x509.get(), XN_FLAG_ONELINE, X509_FLAG_NO_PUBKEY | X509_FLAG_NO_SIGDUMP), 1);
+  ASSERT_EQ(X509_print_ex(text.get(), x509.get(), XN_FLAG_ONELINE, X509_FLAG_NO_SIGDUMP), 1);
   unsigned char key_id[20];
   unsigned int n = 0;
   ASSERT_EQ(X509_pubkey_digest(x509.get(), EVP_sha1(), key_id, &n), 1);
@@ -128,15 +121,10 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   expected.replace(expected.find("{ski}"), 5, ski.get());
   char* data = nullptr;
   const long length = BIO_get_mem_data(text.get(), &data);
-  EXPECT_EQ(std::string(data, static_cast<std::size_t>(length)), expected);
-  EVP_PKEY* pub = X509_get0_pubkey(x509.get());
-  ASSERT_NE(pub, nullptr);
-  EXPECT_EQ(X509_verify(x509.get(), pub), 1);
-  EXPECT_EQ(EVP_PKEY_get_bits(pub), 2048);
-  BIGNUM* e = nullptr;
-  ASSERT_EQ(EVP_PKEY_get_bn_param(pub, OSSL_PKEY_PARAM_RSA_E, &e), 1);
-  EXPECT_EQ(BN_get_word(e), 65537u);
-  BN_free(e);
+  EXPECT_EQ(std::regex_replace(std::string(data, static_cast<std::size_t>(length)),
+                               std::regex("(Modulus:\n)( +[0-9a-f:]+\n)+"), "$1{modulus}\n"),
+            expected);
+  EXPECT_EQ(X509_verify(x509.get(), X509_get0_pubkey(x509.get())), 1);
 
   // The configured number is minutes, whatever its size (1440 is a day, above).
   const int validity[][3] = {{90, 0, 5400}, {2881, 2, 60}};  // minutes, days, seconds
@@ -152,17 +140,13 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   }
 }
 
-// Each way the keystore can be disturbed, and where the key read ends.
+// Each way the keystore can be disturbed, and where the key read ends. A
+// changed access stamp: ManagementEndToEnd.TamperedKeystoreForcesAKeyRotation.
 TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
   using Disturb = std::function<void()>;
   const std::string node = node_file();
   auto remove = [](const char* f) { return [f] { std::remove(f); }; };
   auto adapters = [](std::vector<std::pair<unsigned, Mac>> list) { return [list] { set_adapters(list); }; };
-  const Disturb age_access_time = [] {
-    testsys::FileTimes times;
-    ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
-    ASSERT_TRUE(testsys::set_access_time("keystore/enc_private_key", times.access_ns / 1000000000LL - 3600));
-  };
   const Disturb edit_key_hash = [] {
     std::string h = read_file("keystore/key.hash");
     h[7] = static_cast<char>(h[7] ^ 0x40);
@@ -187,49 +171,41 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
   } cases[] = {
       {"access-time file deleted", remove("last_acces_time_file"), -1,
        {"keystore access time file not exist", kRotationFailed}, "10000|File Not Found : ./last_acces_time_file\n"},
-      {"access time changed", age_access_time, -1, {"key tamper detected", kRotationFailed}, nullptr},
       {"recorded adapter gone", adapters({{2, kMacC}, {5, kMacB}}), -1, {"PD didn't match", kRotationFailed}, nullptr},
       {"recorded adapter now listed last", adapters({{1, kMacC}, {2, kMacB}, {3, kMacA}}), 0, {}, nullptr},
       {"key.hash edited", edit_key_hash, -1, {"validation failed, Private key might be tampered", kRotationFailed},
        "10000|validation failed, Private key might|be tampered\n"},
+      {"key file deleted", remove("keystore/enc_private_key"), -1,
+       {"Error at to reading private key file", "Failed to get Password"},
+       "10000|File Not Found : ./keystore/enc_private_key\n"},
+      {"pdHash deleted", remove("keystore/pdHash.hash"), -1, {"Error at to open pd_file application"}, nullptr},
+      {"no adapters", adapters({}), -1, {"iCount is <= 0", "Unable to get MAC ID"}, nullptr},
+      {"key.hash deleted", remove("keystore/key.hash"), -1, {"Failed to open private key validation info"},
+       "10000|File not found ./keystore/key.hash\n"},
+      // The node file last: a changed one cannot be put back.
       {"node file recreated", recreate_node, -1,
        {"Decryption of private key is failed|validation failed, Private key might be tampered", kRotationFailed},
        nullptr},
       {"node file deleted", remove(node.c_str()), -1,
        {"Opening Vexo_Node.txt Failed", "Getting Dynamic key Failed", kRotationFailed}, nullptr},
-      {"key file deleted", remove("keystore/enc_private_key"), -1,
-       {"Error at to reading private key file", "Failed to get Password"},
-       "10000|File Not Found : ./keystore/enc_private_key\n"},
-      {"pdHash deleted", remove("keystore/pdHash.hash"), -1, {"Error at to open pd_file application"}, nullptr},
-      {"key.hash deleted", remove("keystore/key.hash"), -1, {"Failed to open private key validation info"},
-       "10000|File not found ./keystore/key.hash\n"},
-      {"no adapters", adapters({}), -1, {"iCount is <= 0", "Unable to get MAC ID"}, nullptr},
   };
   // clang-format on
-  // Key generation is slow, so a case starts from a copy of one keystore; only
-  // a changed node file (which cannot be copied back) needs a new keystore.
+  // Key generation is slow, so every case starts from a copy of one keystore,
+  // with the key file's times set to one fixed second and the stamp recording
+  // it, so that no read of the test and no tick of the clock can move them.
   const char* const kFiles[] = {"keystore/enc_private_key", "keystore/key.hash", "keystore/pdHash.hash",
                                 "last_acces_time_file"};
+  std::string cert;
+  ASSERT_EQ(GenerateKeyPair(&cert), 0) << testutil::log_text();
   std::vector<std::string> saved;
-  platform::FileIdentity saved_node;
-  // Each case starts from the key file's times set to one fixed second and the
-  // stamp recording it, so that no read of the test and no tick of the clock
-  // between two calls can move them.
+  for (const char* f : kFiles) saved.push_back(read_file(f));
   constexpr std::uint32_t kStamp = 1700000000;
+  saved.back() = stamp(kStamp);
   const testsys::FileTimes kTimes{kStamp * 1000000000LL, kStamp * 1000000000LL};
+  std::string statuses;  // the last status after each case
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     set_adapters({{2, kMacA}, {3, kMacB}});
-    platform::FileIdentity node;
-    if (saved.empty() || !testsys::file_identity(node_file(), &node) || node.index_low != saved_node.index_low ||
-        node.index_high != saved_node.index_high) {
-      std::string cert;
-      ASSERT_EQ(GenerateKeyPair(&cert), 0) << testutil::log_text();
-      saved.clear();
-      for (const char* f : kFiles) saved.push_back(read_file(f));
-      saved.back() = stamp(kStamp);
-      ASSERT_TRUE(testsys::file_identity(node_file(), &saved_node));
-    }
     for (std::size_t i = 0; i < saved.size(); ++i) testutil::write_file(kFiles[i], saved[i]);
     ASSERT_TRUE(testsys::set_file_times(kFiles[0], kTimes));
     c.disturb();
@@ -252,9 +228,9 @@ TEST_F(KeystoreTest, TamperedKeystoreReachesItsResult) {
     if (c.pipe) {
       EXPECT_TRUE(pipe_->wait_for(c.pipe)) << pipe_->received();
     }
+    statuses += testutil::last_status();
   }
-  EXPECT_NE(testutil::last_status().find("| keystore | GetDevicePrivateKeyFromFile | File not found : "),
-            std::string::npos);
+  EXPECT_TRUE(testutil::has(statuses, "| keystore | GetDevicePrivateKeyFromFile | File not found : "));
 }
 
 // The node file's place for a known RDS id (QDX.WIN.002's is used above),
@@ -296,13 +272,12 @@ TEST(FileIdentityTest, CreateNewAndOpenExisting) {
   // reboot; st_dev may not (LVM, btrfs).
   platform::FileIdentity system;
   ASSERT_TRUE(testsys::file_identity("node.txt", &system));
-  EXPECT_EQ(created.volume_serial, system.volume_serial);
-  EXPECT_EQ(created.index_high, system.index_high);
-  EXPECT_EQ(created.index_low, system.index_low);
+  const auto id = [](const platform::FileIdentity& f) { return std::tuple(f.volume_serial, f.index_high, f.index_low); };
+  EXPECT_EQ(id(created), id(system));
   const struct {
     int words[2];
     unsigned long folded;
-  } folds[] = {{{0, 0}, 0}, {{0x12345678, 0}, 0x12345678}, {{-1, 1}, 0xFFFFFFFEul}, {{0x0F0F0F0F, 0x0F0F0F0F}, 0}};
+  } folds[] = {{{0x12345678, 0}, 0x12345678}, {{-1, 1}, 0xFFFFFFFEul}, {{0x0F0F0F0F, 0x0F0F0F0F}, 0}};
   for (const auto& f : folds) EXPECT_EQ(platform::fold_fsid(f.words), f.folded) << f.words[0];
 
   const struct {
@@ -318,9 +293,7 @@ TEST(FileIdentityTest, CreateNewAndOpenExisting) {
     opened = platform::FileIdentity{1, 2, 3};
     EXPECT_EQ(platform::file_identity(r.path, r.create_new, &opened), r.result) << r.path;
     if (r.result == 0) {
-      EXPECT_EQ(opened.volume_serial, created.volume_serial);
-      EXPECT_EQ(opened.index_low, created.index_low);
-      EXPECT_EQ(opened.index_high, created.index_high);
+      EXPECT_EQ(id(opened), id(created));
     } else {
       EXPECT_EQ(platform::last_error(), r.error) << r.path;
       EXPECT_EQ(opened.index_low, 0u);

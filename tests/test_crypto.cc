@@ -52,6 +52,20 @@ std::optional<Bytes> gcm_open(const Bytes& key, const std::string& ts, const std
   return out;
 }
 
+// RSA PKCS#1 v1.5 decryption; nullopt on failure.
+std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
+  std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree> ctx(EVP_PKEY_CTX_new(key, nullptr));
+  Bytes out(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
+  std::size_t len = out.size();
+  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) {
+    return std::nullopt;
+  }
+  out.resize(len);
+  return out;
+}
+
 }  // namespace
 
 std::string make_cert_pem(EVP_PKEY* key, const char* cn, const char* not_before, const char* not_after, long serial,
@@ -99,19 +113,6 @@ std::string private_key_pem(EVP_PKEY* key, bool pkcs8) {
   (pkcs8 ? PEM_write_bio_PrivateKey : PEM_write_bio_PrivateKey_traditional)(mem.get(), key, nullptr, nullptr, 0,
                                                                             nullptr, nullptr);
   return bio_text(mem.get());
-}
-
-std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped) {
-  std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree> ctx(EVP_PKEY_CTX_new(key, nullptr));
-  Bytes out(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
-  std::size_t len = out.size();
-  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
-      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      EVP_PKEY_decrypt(ctx.get(), out.data(), &len, wrapped.data(), wrapped.size()) != 1) {
-    return std::nullopt;
-  }
-  out.resize(len);
-  return out;
 }
 
 bool rsa_sha256_verify(EVP_PKEY* key, std::string_view message, const Bytes& sig) {

@@ -37,8 +37,6 @@ PkeyPtr private_key_of_pem(const std::string& pem);
 // The key as PEM: PKCS#8, or the traditional RSA form.
 std::string private_key_pem(EVP_PKEY* key, bool pkcs8);
 
-// RSA PKCS#1 v1.5 decryption; nullopt on failure.
-std::optional<Bytes> rsa_unwrap(EVP_PKEY* key, const Bytes& wrapped);
 // RSA signature over SHA-256 of message.
 bool rsa_sha256_verify(EVP_PKEY* key, std::string_view message, const Bytes& sig);
 
