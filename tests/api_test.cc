@@ -12,7 +12,6 @@
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "common/work_area.h"
-#include "platform/platform.h"
 #include "rd_core/api.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
