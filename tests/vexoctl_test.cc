@@ -237,9 +237,10 @@ TEST_F(VexoctlTest, TlsCertKeepsItsCaAndSignsNewServerCerts) {
   EXPECT_EQ(run({kTool, "tls-cert"}).rc, 2);
 }
 
-// trust-tls puts the CA into the NSS database of $HOME (made when missing),
-// trusted for servers, under the name it prints; the printed command takes
-// it out again. HOME is a temporary folder: the user's database is untouched.
+// trust-tls puts the CA into the NSS database of $HOME (made when missing)
+// and of each Firefox profile, under the name it prints; the printed command
+// takes it out again. HOME is a temporary folder: the user's database is
+// untouched. (Chromium trusting it for servers: BrowserPage.https.)
 TEST_F(VexoctlTest, TrustTlsAddsTheCaToTheUsersNssDatabase) {
   if (::access("/usr/bin/certutil", X_OK) != 0) GTEST_SKIP() << "certutil (libnss3-tools) is not installed";
   const std::string home = dir_.file("home"), wd = dir_.file("tls");
