@@ -1,6 +1,6 @@
 // The local listener through real sockets on ports the test reserved: port
-// choice and restarts, request reading in every shape, clients that
-// misbehave, and failures inside a connection thread.
+// choice and restarts, request reading in every shape, a client that stops
+// reading, and failures inside a connection thread.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -162,60 +162,7 @@ TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
   EXPECT_EQ(log_text().find(digits + digits), std::string::npos);
 }
 
-// The receive limit covers the whole request, header and body: a client that
-// closes, stops, or trickles a byte at a time so that no single wait runs out
-// is dropped without an answer when the limit ends. A slow client that
-// finishes within the limit is served.
-TEST_F(ListenerTest, ClientsThatCloseStallOrTrickleAreDropped) {
-  constexpr int kLimitMs = 800;
-  seams([&](Seams& s) { s.recv_wait_ms = kLimitMs; });
-  const int port = start_server();
-  ASSERT_NE(port, 0);
-  const std::string head_with_body = "RDSERVICE / HTTP/1.1\r\nContent-Length: 100\r\n\r\nab";
-  const struct {
-    const char* name;
-    std::string first;  // sent at once
-    bool close;         // then the client closes ...
-    bool trickle;       // ... or sends a byte every 100 ms, or nothing
-    const char* logged;
-  } rows[] = {
-      {"close before any byte", "", true, false, "recv failed"},
-      {"close inside the header", "RDSERVICE / HTTP/1.1\r\nHo", true, false, "recv failed in loop"},
-      {"close inside the body", "RDSERVICE / HTTP/1.1\r\nContent-Length: 9\r\n\r\n<ab", true, false,
-       "Receiving Body, From Socket Failed"},
-      {"silent", "", false, false, "Timeout to receive data from client"},
-      {"three bytes, then a byte every 100 ms", "RDS", false, true, "Timeout to receive data from client"},
-      {"header complete, body stalls", head_with_body, false, false, "Timeout to receive data from client"},
-      {"header complete, body trickles", head_with_body, false, true, "Timeout to receive data from client"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const std::size_t offset = log_text().size();
-    const int s = connect_to(port);
-    ASSERT_GE(s, 0);
-    if (row.close) {
-      (void)platform::send_socket(s, row.first.data(), row.first.size());
-      testsys::shutdown_send(s);
-    } else {
-      const long acted_ms = feed_until_server_acts(
-          s,
-          [&](int i) {
-            if (i == 0) (void)platform::send_socket(s, row.first.data(), row.first.size());
-            if (i > 0 && row.trickle) (void)platform::send_socket(s, "a", 1);
-          },
-          100, 5000);
-      EXPECT_GE(acted_ms, kLimitMs - 100);
-      EXPECT_LE(acted_ms, kLimitMs + 1000);
-    }
-    EXPECT_EQ(read_until_close(s, 1000), "");
-    platform::close_socket(s);
-    EXPECT_TRUE(wait_log("server", "recv_thru_tcp_socket", row.logged, offset));
-    EXPECT_TRUE(wait_log("server", "process_incoming_message", "recv failed : Could not received data bytes", offset));
-  }
-  EXPECT_NE(last_status().find(" | server | process_incoming_message | recv failed : Could not received data bytes "),
-            std::string::npos);
-  EXPECT_EQ(http_exchange(port, {"RDSERVICE / HT", "TP/1.1\r\nHost: a\r\n", "\r\n"}, 200), discovery_answer(port));
-}
+// Clients that close, stall or trickle: TlsTest.ClientsThatCloseStallOrTrickleAreDropped.
 
 // A client that stops reading cannot hold a connection thread and its work
 // area: the answer must be out within the request limit (shortened here).
