@@ -236,7 +236,6 @@ def scan(driver, page_url, service_base):
     check(re.fullmatch(r"Korvane RD service\(.+\) is running", cells[3]), "info %r" % cells[3])
     rows[0].find_element("css selector", "input[type=radio]").click()
     check(driver.find_element("id", "chosen").text == service_base, "the service was not chosen")
-    return cells
 
 
 def device_info_and_capture(driver, service, screenshot):
@@ -343,10 +342,9 @@ def case_https(args, tmp):
 
     # The same page for a browser whose NSS database lacks the local CA:
     # it refuses the certificate, so the trust above came from that entry.
-    untrusting_home = os.path.join(tmp, "untrusting-home")
+    untrusting_home = os.path.join(tmp, "untrusting")
     os.makedirs(untrusting_home)
-    os.makedirs(os.path.join(tmp, "untrusting"))
-    other = start_browser(os.path.join(tmp, "untrusting"), untrusting_home)
+    other = start_browser(untrusting_home, untrusting_home)
     other.get(page_url + "/index.html")
     check(not other.find_elements("id", "scan"), "an untrusting browser showed the page")
 
