@@ -82,7 +82,7 @@ TEST_F(SimTest, SerialNumberIsTheDescriptionsLeadingText) {
   EXPECT_NE(std::string::npos, testutil::read_file("rd.log").find("GetDeviceDescription failed"));
 }
 
-TEST_F(SimTest, CaptureFollowsItsScriptAndRefusesWhatTheDeviceWould) {
+TEST_F(SimTest, ScannerFollowsItsScriptAndRefusesWhatTheDeviceWould) {
   load();
   const std::vector<int> results = {0, ARAFPSCAN_ERROR_TIMEOUT, -5, 0, 0};
   ASSERT_EQ(0, aratek_sdk().GlobalInit());
@@ -110,15 +110,12 @@ TEST_F(SimTest, CaptureFollowsItsScriptAndRefusesWhatTheDeviceWould) {
   EXPECT_EQ(0, aratek_sdk().CloseDevice(dev.handle));
   EXPECT_EQ(SIM_ERR_BAD_HANDLE, aratek_sdk().CloseDevice(dev.handle));
   dev.handle = nullptr;
-}
 
-// Lists are clamped to the scales and fall back to the single value when
-// used up; a scripted failure and refused arguments.
-TEST_F(SimTest, NfiqAndQualityFollowTheirLists) {
-  load();
+  // NFIQ and quality lists are clamped to the scales and fall back to the
+  // single value when used up; a scripted failure and refused arguments.
   control({{"nfiq_scores", "9,0"}, {"nfiq", "5"}, {"quality_values", "120,-4"}, {"quality", "61"},
            {"nfiq_results", "0,0,0,-21"}});
-  const std::vector<unsigned char> raw(SIM_DEFAULT_WIDTH * SIM_DEFAULT_HEIGHT, 128);
+  std::fill(raw.begin(), raw.end(), 128);
   const int expected[][2] = {{5, 100}, {1, 0}, {5, 61}};
   for (const auto& [nfiq_want, quality_want] : expected) {
     int nfiq = 0, quality = -1;
