@@ -26,22 +26,14 @@ constexpr const char* kValidBody =
     "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
     "posh=\"UNKNOWN\"/></PidOptions>";
 
-std::string capture_head(std::size_t len, const char* origin) {
-  std::string port = std::to_string(service_port());
-  std::string head = "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
-                     "/rd/capture\r\nContent-Length: " + std::to_string(len) +
-                     "\r\nContent-Type: text/xml\r\nConnection: close\r\n";
-  if (origin) head += std::string("Access-Control-Allow-Origin: ") + origin + "\r\n";
-  return head + "\r\n";
-}
-
-std::string info_head(std::size_t len, const char* origin) {
-  std::string port = std::to_string(service_port());
-  std::string head = "HTTP/1.1 200 OK\r\n";
-  if (origin) head += std::string("Access-Control-Allow-Origin:") + origin + "\r\n";
-  return head + "CACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
-         "/rd/info\r\nContent-Length: " + std::to_string(len) +
-         "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+// The head of a worker's answer: DEVICEINFO names the origin first, CAPTURE last.
+std::string head_of(const std::string& path, std::size_t len, const char* origin) {
+  const bool info = path == "/rd/info";
+  const std::string allow =
+      origin == nullptr ? "" : std::string("Access-Control-Allow-Origin:") + (info ? "" : " ") + origin + "\r\n";
+  return "HTTP/1.1 200 OK\r\n" + (info ? allow : "") + "CACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" +
+         std::to_string(service_port()) + path + "\r\nContent-Length: " + std::to_string(len) +
+         "\r\nContent-Type: text/xml\r\nConnection: close\r\n" + (info ? "" : allow) + "\r\n";
 }
 
 class ApiTest : public testutil::LibraryTest {
@@ -126,7 +118,7 @@ TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
     if (c.setup) c.setup();
     ASSERT_EQ(capture(c.body.c_str(), c.origin, area_.data()), 0);
     expect_pid_data(c.code, c.info, c.fcount, kMc, c.fcount == 3 ? "1" : "0");
-    EXPECT_EQ(head(), capture_head(body().size(), c.origin));
+    EXPECT_EQ(head(), head_of("/rd/capture", body().size(), c.origin));
     EXPECT_TRUE(piped(c.pipe + "\n")) << pipe_->received();
     // The line logs the message's parts with a blank for each separator.
     std::string line = c.pipe.substr(5);
@@ -143,7 +135,7 @@ TEST_F(ApiTest, CaptureEmptyBodyAndMissingCertificate) {
   ASSERT_EQ(capture("", nullptr, area_.data()), 0);
   // An error answer without the certificate still frames the device block.
   expect_pid_data(100, "Invalid PidOptions input. XML should strictly adhere to spec.", 0, "");
-  EXPECT_EQ(head(), capture_head(body().size(), nullptr));
+  EXPECT_EQ(head(), head_of("/rd/capture", body().size(), nullptr));
   EXPECT_NE(testutil::read_file("rd.log").find("Request_For_Pidblock is null "), std::string::npos);
 }
 
@@ -171,11 +163,9 @@ TEST_F(ApiTest, DeviceInfoWithAndWithoutCertificate) {
   std::filesystem::remove(dir_.file("cert/public/signed_mc.cer"));
   fresh_reports();
   ASSERT_EQ(GetDeviceInfo(area_.data(), " null"), 0);
-  const std::string expected =
-      "<DeviceInfo dpId=\"KORVANE.AR\" rdsId=\"QDX.WIN.002\" rdsVer=\"1.0.2\" dc=\"4f3c1a2b-dc\" mi=\"A600\" mc=\"\">"
-      "<additional_info><Param name=\"srno\" value=\"SN0042\"/></additional_info></DeviceInfo>\n";
+  const std::string expected = testutil::data_file("api_device_info.xml");
   EXPECT_EQ(body(), expected);
-  EXPECT_EQ(head(), info_head(expected.size(), " null"));
+  EXPECT_EQ(head(), head_of("/rd/info", expected.size(), " null"));
   EXPECT_TRUE(testutil::last_status().ends_with(
       std::string(" | api | GetDeviceInfo | device public cert is not present : ") + kCertPath + " "))
       << testutil::last_status();
@@ -190,9 +180,9 @@ TEST_F(ApiTest, OversizedOriginFallsBackToPlainHead) {
   fresh_reports();
   set_rd_status_used();
   ASSERT_EQ(capture(kValidBody, origin.c_str(), area_.data()), 0);
-  EXPECT_EQ(head(), capture_head(body().size(), nullptr));
+  EXPECT_EQ(head(), head_of("/rd/capture", body().size(), nullptr));
   ASSERT_EQ(GetDeviceInfo(area_.data(), origin.c_str()), 0);
-  EXPECT_EQ(head(), info_head(body().size(), nullptr));
+  EXPECT_EQ(head(), head_of("/rd/info", body().size(), nullptr));
 }
 
 }  // namespace
