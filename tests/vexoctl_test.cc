@@ -72,11 +72,10 @@ class VexoctlTest : public testutil::LibraryTest {
   std::string staged_tool(bool refdll) {
     const std::string bin = dir_.file("bin");
     fs::create_directories(bin);
-    fs::copy_file(kTool, bin + "/vexoctl", fs::copy_options::overwrite_existing);
-    // The schema and the library the demonstration keystore is bound to.
-    fs::copy_file(std::string(VEXO_BUILD_DIR) + "/Final.xsd", bin + "/Final.xsd", fs::copy_options::overwrite_existing);
-    fs::copy_file(std::string(VEXO_BUILD_DIR) + "/libVexo.so", bin + "/libVexo.so",
-                  fs::copy_options::overwrite_existing);
+    // With the schema and the library the demonstration keystore is bound to.
+    for (const char* file : {"vexoctl", "Final.xsd", "libVexo.so"}) {
+      fs::copy_file(std::string(VEXO_BUILD_DIR) + "/" + file, bin + "/" + file, fs::copy_options::overwrite_existing);
+    }
     if (refdll) {
       fs::create_directories(bin + "/RefDll");
       write_file(bin + "/RefDll/libAraTrustFinger.so", std::string("\177ELF fake library\0tail", 22));
