@@ -12,14 +12,11 @@
 #include "common/rd_log.h"
 #include "common/rd_status.h"
 #include "common/work_area.h"
-#include "platform/platform.h"
 #include "rd_core/api.h"
 #include "semaphore/semaphore_syc.h"
 #include "test_util.h"
 
 namespace {
-
-using testutil::Attrs;
 
 constexpr char kCertRaw[] = "0\x82\x01\x0a signed device certificate \xff\x00 tail";
 const std::string kCertBytes(kCertRaw, sizeof kCertRaw - 1);                     // binary, with a NUL inside
@@ -29,22 +26,14 @@ constexpr const char* kValidBody =
     "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" format=\"0\" pidVer=\"2.0\" timeout=\"10000\" "
     "posh=\"UNKNOWN\"/></PidOptions>";
 
-std::string capture_head(std::size_t len, const char* origin) {
-  std::string port = std::to_string(service_port());
-  std::string head = "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
-                     "/rd/capture\r\nContent-Length: " + std::to_string(len) +
-                     "\r\nContent-Type: text/xml\r\nConnection: close\r\n";
-  if (origin) head += std::string("Access-Control-Allow-Origin: ") + origin + "\r\n";
-  return head + "\r\n";
-}
-
-std::string info_head(std::size_t len, const char* origin) {
-  std::string port = std::to_string(service_port());
-  std::string head = "HTTP/1.1 200 OK\r\n";
-  if (origin) head += std::string("Access-Control-Allow-Origin:") + origin + "\r\n";
-  return head + "CACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + port +
-         "/rd/info\r\nContent-Length: " + std::to_string(len) +
-         "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n";
+// The head of a worker's answer: DEVICEINFO names the origin first, CAPTURE last.
+std::string head_of(const std::string& path, std::size_t len, const char* origin) {
+  const bool info = path == "/rd/info";
+  const std::string allow =
+      origin == nullptr ? "" : std::string("Access-Control-Allow-Origin:") + (info ? "" : " ") + origin + "\r\n";
+  return "HTTP/1.1 200 OK\r\n" + (info ? allow : "") + "CACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" +
+         std::to_string(service_port()) + path + "\r\nContent-Length: " + std::to_string(len) +
+         "\r\nContent-Type: text/xml\r\nConnection: close\r\n" + (info ? "" : allow) + "\r\n";
 }
 
 class ApiTest : public testutil::LibraryTest {
@@ -74,26 +63,17 @@ class ApiTest : public testutil::LibraryTest {
   std::string body() const { return std::string(area_.data()); }
   std::string head() const { return std::string(area_.data() + kRespHeaderOffset); }
 
-  // Parses the PidData body and checks code, text, fCount and the device
-  // block; the other blocks are empty.
-  void expect_pid_data(int code, const std::string& info, const std::string& fcount, const std::string& mc) {
-    const std::string b = body();
-    const testutil::Xml doc = testutil::parse_xml(b);
-    ASSERT_TRUE(doc) << b;
-    xmlNode* root = testutil::root(doc);
-    Attrs resp = testutil::attrs(testutil::child(root, "Resp"));
-    EXPECT_EQ(resp["errCode"] + "|" + resp["errInfo"] + "|" + resp["fCount"],
-              std::to_string(code) + "|" + info + "|" + fcount);
-    xmlNode* dev = testutil::child(root, "DeviceInfo");
-    EXPECT_EQ(testutil::attrs(dev), (Attrs{{"dpId", "KORVANE.AR"},
-                                           {"rdsId", "QDX.WIN.002"},
-                                           {"rdsVer", "1.0.2"},
-                                           {"dc", "4f3c1a2b-dc"},
-                                           {"mi", "A600"},
-                                           {"mc", mc}}));
-    EXPECT_EQ(testutil::attrs(testutil::child(testutil::child(dev, "additional_info"), "Param")),
-              (Attrs{{"name", "srno"}, {"value", "SN0042"}}));
-    EXPECT_EQ(testutil::content(root), "");
+  // The whole PidData body of an error answer: fcount empty scores ("000").
+  void expect_pid_data(int code, const std::string& info, int fcount, const std::string& mc, const char* ftype = "0") {
+    std::string points;
+    for (int i = 0; i < fcount; ++i) points += i == 0 ? "000" : ",000";
+    std::string expected = testutil::data_file("api_pid_error.xml");
+    for (const auto& [key, value] : {std::pair<std::string, std::string>{"{code}", std::to_string(code)},
+                                     {"{info}", info}, {"{fCount}", std::to_string(fcount)}, {"{fType}", ftype},
+                                     {"{points}", points}, {"{points}", points}, {"{mc}", mc}}) {
+      expected.replace(expected.find(key), key.size(), value);
+    }
+    EXPECT_EQ(body(), expected);
   }
 
   std::size_t pipe_mark_ = 0;
@@ -113,22 +93,22 @@ TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
     const char* origin;
     int code;
     std::string info;
-    const char* fcount;
+    int fcount;
     std::string pipe;  // the status-pipe message, also in the last-status line when reported
     bool reported;
   } cases[] = {
-      {"used", set_rd_status_used, kValidBody, "http://example.com", 710, "Being used by another application", "0",
+      {"used", set_rd_status_used, kValidBody, "http://example.com", 710, "Being used by another application", 0,
        "5000|RD Service is in USED state,|please wait for some time", false},
-      {"not ready", set_rd_status_notready, kValidBody, nullptr, 720, "Device not ready", "0",
+      {"not ready", set_rd_status_notready, kValidBody, nullptr, 720, "Device not ready", 0,
        "5000|RD Service is in NOTREADY state,|please wait for some time", false},
-      {"detached", detached, kValidBody, nullptr, 720, "Device not ready", "0",
+      {"detached", detached, kValidBody, nullptr, 720, "Device not ready", 0,
        "5000|Device is not connected,|RD Service is in not ready state", true},
-      {"other root", nullptr, "<Pid ver=\"1.0\"/>", " http://a.example", 100, schema, "0",
+      {"other root", nullptr, "<Pid ver=\"1.0\"/>", " http://a.example", 100, schema, 0,
        "5000|Pid options validation failed", true},
       {"image of three", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"3\" fType=\"1\"/></PidOptions>", nullptr, 120,
-       "Invalid value for fCount", "3", "5000|Request xml, parameter invalid", true},
+       "Invalid value for fCount", 3, "5000|Request xml, parameter invalid", true},
       {"no finger", nullptr, "<PidOptions ver=\"1.0\"><Opts fCount=\"0\" pidVer=\"2.0\"/></PidOptions>",
-       "http://example.com", -1, "Command Not Sent to Device", "0", "5000|Allowed auth methods failed", true},
+       "http://example.com", -1, "Command Not Sent to Device", 0, "5000|Allowed auth methods failed", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -137,8 +117,8 @@ TEST_F(ApiTest, CaptureRefusalsBeforeTheScanner) {
     set_device_detached(0);
     if (c.setup) c.setup();
     ASSERT_EQ(capture(c.body.c_str(), c.origin, area_.data()), 0);
-    expect_pid_data(c.code, c.info, c.fcount, kMc);
-    EXPECT_EQ(head(), capture_head(body().size(), c.origin));
+    expect_pid_data(c.code, c.info, c.fcount, kMc, c.fcount == 3 ? "1" : "0");
+    EXPECT_EQ(head(), head_of("/rd/capture", body().size(), c.origin));
     EXPECT_TRUE(piped(c.pipe + "\n")) << pipe_->received();
     // The line logs the message's parts with a blank for each separator.
     std::string line = c.pipe.substr(5);
@@ -154,8 +134,8 @@ TEST_F(ApiTest, CaptureEmptyBodyAndMissingCertificate) {
   fresh_reports();
   ASSERT_EQ(capture("", nullptr, area_.data()), 0);
   // An error answer without the certificate still frames the device block.
-  expect_pid_data(100, "Invalid PidOptions input. XML should strictly adhere to spec.", "0", "");
-  EXPECT_EQ(head(), capture_head(body().size(), nullptr));
+  expect_pid_data(100, "Invalid PidOptions input. XML should strictly adhere to spec.", 0, "");
+  EXPECT_EQ(head(), head_of("/rd/capture", body().size(), nullptr));
   EXPECT_NE(testutil::read_file("rd.log").find("Request_For_Pidblock is null "), std::string::npos);
 }
 
@@ -167,7 +147,7 @@ TEST_F(ApiTest, CaptureLockBusyAndLockMissing) {
   ASSERT_EQ(capture(kValidBody, nullptr, area_.data()), 0);
   auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_GE(waited, std::chrono::milliseconds(200));
-  expect_pid_data(710, "Being used by another application", "1", kMc);
+  expect_pid_data(710, "Being used by another application", 1, kMc);
   EXPECT_TRUE(testutil::last_status().ends_with(" | api | capture | Error at to lock semaphore"));
   ASSERT_EQ(Unlock_Semaphore(), 0);
 
@@ -175,7 +155,7 @@ TEST_F(ApiTest, CaptureLockBusyAndLockMissing) {
   semaphore_reset_for_test();
   fresh_reports();
   ASSERT_EQ(capture(kValidBody, nullptr, area_.data()), 0);
-  expect_pid_data(999, "Internal error", "1", kMc);
+  expect_pid_data(999, "Internal error", 1, kMc);
 }
 
 // With the certificate, the answer through the listener: CaptureEndToEnd.DeviceInfoAnswers.
@@ -183,11 +163,9 @@ TEST_F(ApiTest, DeviceInfoWithAndWithoutCertificate) {
   std::filesystem::remove(dir_.file("cert/public/signed_mc.cer"));
   fresh_reports();
   ASSERT_EQ(GetDeviceInfo(area_.data(), " null"), 0);
-  const std::string expected =
-      "<DeviceInfo dpId=\"KORVANE.AR\" rdsId=\"QDX.WIN.002\" rdsVer=\"1.0.2\" dc=\"4f3c1a2b-dc\" mi=\"A600\" mc=\"\">"
-      "<additional_info><Param name=\"srno\" value=\"SN0042\"/></additional_info></DeviceInfo>\n";
+  const std::string expected = testutil::data_file("api_device_info.xml");
   EXPECT_EQ(body(), expected);
-  EXPECT_EQ(head(), info_head(expected.size(), " null"));
+  EXPECT_EQ(head(), head_of("/rd/info", expected.size(), " null"));
   EXPECT_TRUE(testutil::last_status().ends_with(
       std::string(" | api | GetDeviceInfo | device public cert is not present : ") + kCertPath + " "))
       << testutil::last_status();
@@ -202,9 +180,9 @@ TEST_F(ApiTest, OversizedOriginFallsBackToPlainHead) {
   fresh_reports();
   set_rd_status_used();
   ASSERT_EQ(capture(kValidBody, origin.c_str(), area_.data()), 0);
-  EXPECT_EQ(head(), capture_head(body().size(), nullptr));
+  EXPECT_EQ(head(), head_of("/rd/capture", body().size(), nullptr));
   ASSERT_EQ(GetDeviceInfo(area_.data(), origin.c_str()), 0);
-  EXPECT_EQ(head(), info_head(body().size(), nullptr));
+  EXPECT_EQ(head(), head_of("/rd/info", body().size(), nullptr));
 }
 
 }  // namespace

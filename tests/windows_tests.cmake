@@ -20,7 +20,7 @@ vexo_add_test(config_test config_test.cc LOCKS scanner_lock)
 vexo_add_test(keystore_test keystore_test.cc LOCKS scanner_lock)
 vexo_add_sim_test()
 vexo_add_test(postauth_test postauth_test.cc LOCKS ports fifo handheld_lock
-              THREADS PostAuthParse PostAuthTest)
+              THREADS PostAuthTest)
 vexo_add_test(pidoptions_test pidoptions_test.cc)
 vexo_add_test(piddata_test piddata_test.cc)
 vexo_add_test(api_test api_test.cc LOCKS scanner_lock THREADS ApiTest)
