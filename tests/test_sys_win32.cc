@@ -287,6 +287,7 @@ Process::~Process() {
 }
 
 bool Process::started() const { return state_->process != nullptr; }
+int Process::id() const { return state_->process != nullptr ? static_cast<int>(::GetProcessId(state_->process)) : -1; }
 
 int Process::wait() {
   if (state_->process == nullptr) return state_->code;
