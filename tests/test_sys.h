@@ -100,6 +100,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
   bool started() const;
+  int id() const;  // the system's process id, -1 once it has ended
   // Waits for the end: the exit code, or as a shell reports a signal,
   // 128 + its number (a crash point's kill gives 137 on every system).
   int wait();

@@ -154,6 +154,7 @@ Process::~Process() {
 }
 
 bool Process::started() const { return state_->pid > 0; }
+int Process::id() const { return state_->pid > 0 ? state_->pid : -1; }
 
 int Process::wait() {
   if (state_->pid <= 0) return state_->code;

@@ -30,62 +30,59 @@ namespace {
 // One instance of the pipe: waiting for a client, then reading from it.
 struct Instance {
   HANDLE pipe = INVALID_HANDLE_VALUE;
-  HANDLE event = nullptr;
+  HANDLE event = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   OVERLAPPED ov{};
   bool connected = false;
-  bool connected_at_once = false;  // a client came before ConnectNamedPipe
+  bool pending = false;  // ov belongs to a call in flight
   char buf[4096];
+
+  // Starts the next call (ConnectNamedPipe, then ReadFile), whose end sets
+  // event; false when the instance is done for.
+  bool next() {
+    ov = OVERLAPPED{};
+    ov.hEvent = event;
+    ::ResetEvent(event);
+    const BOOL done = connected ? ::ReadFile(pipe, buf, sizeof buf, nullptr, &ov) : ::ConnectNamedPipe(pipe, &ov);
+    const DWORD error = ::GetLastError();
+    pending = done || error == ERROR_IO_PENDING;
+    // A client that came (and maybe went) before ConnectNamedPipe: what it
+    // wrote is read next.
+    if (!connected && (error == ERROR_PIPE_CONNECTED || error == ERROR_NO_DATA)) ::SetEvent(event);
+    return pending || ::WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
+  }
+
   ~Instance() {
-    // A call still pending completes (cancelled) into ov before ov goes:
-    // cancelled, or else ended by closing the handle.
-    if (pipe != INVALID_HANDLE_VALUE) {
-      const bool pending = ::WaitForSingleObject(event, 0) != WAIT_OBJECT_0;
-      ::CancelIoEx(pipe, nullptr);
-      const bool done = !pending || ::WaitForSingleObject(event, 1000) == WAIT_OBJECT_0;
-      ::CloseHandle(pipe);
-      if (!done) ::WaitForSingleObject(event, 1000);
-    }
+    // A call in flight ends (cancelled) into ov before ov goes. Only a call
+    // in flight is waited for: a finished one never sets the event again.
+    DWORD n = 0;
+    if (pending && ::CancelIoEx(pipe, &ov)) ::GetOverlappedResult(pipe, &ov, &n, TRUE);
+    if (pipe != INVALID_HANDLE_VALUE) ::CloseHandle(pipe);
     if (event != nullptr) ::CloseHandle(event);
   }
 };
 
 }  // namespace
 
-// Two instances always wait for the next clients, so that a writer that
-// reopens the pipe never finds it busy, even before this thread has run
-// again; each connected instance is read until its client goes away.
+// A spare instance always waits beside the one a client holds, so that a
+// writer that reopens the pipe never finds it busy, even before this thread
+// has run again; each connected instance is read until its client goes away.
 struct PipeServer::State {
   std::string path;
-  HANDLE stop = nullptr;
+  HANDLE stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   std::thread thread;
   std::vector<std::unique_ptr<Instance>> instances;
   std::function<void(const char*, std::size_t)> on_data;
 
-  std::unique_ptr<Instance> listen() {
+  void listen() {
     auto in = std::make_unique<Instance>();
     const std::wstring name(path.begin(), path.end());
     in->pipe = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED,
                                   PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
                                   PIPE_UNLIMITED_INSTANCES, 4096, 4096, 0, nullptr);
-    in->event = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (in->pipe == INVALID_HANDLE_VALUE || in->event == nullptr) throw std::runtime_error("CreateNamedPipe failed");
-    in->ov.hEvent = in->event;
-    if (::ConnectNamedPipe(in->pipe, &in->ov) || ::GetLastError() == ERROR_PIPE_CONNECTED) {
-      in->connected_at_once = true;
-      ::SetEvent(in->event);
-    } else if (::GetLastError() != ERROR_IO_PENDING) {
-      throw std::runtime_error("ConnectNamedPipe failed");
+    if (in->pipe == INVALID_HANDLE_VALUE || in->event == nullptr || !in->next()) {
+      throw std::runtime_error("named pipe failed");
     }
-    return in;
-  }
-
-  // Starts the next read; false when the client is gone.
-  static bool read(Instance& in) {
-    in.ov = OVERLAPPED{};
-    in.ov.hEvent = in.event;
-    ::ResetEvent(in.event);
-    if (::ReadFile(in.pipe, in.buf, sizeof in.buf, nullptr, &in.ov)) return true;
-    return ::GetLastError() == ERROR_IO_PENDING;
+    instances.push_back(std::move(in));
   }
 
   void serve() {
@@ -93,22 +90,22 @@ struct PipeServer::State {
       std::vector<HANDLE> waits{stop};
       for (const auto& in : instances) waits.push_back(in->event);
       const DWORD r = ::WaitForMultipleObjects(static_cast<DWORD>(waits.size()), waits.data(), FALSE, INFINITE);
-      if (r == WAIT_OBJECT_0 || r == WAIT_FAILED || r >= WAIT_OBJECT_0 + waits.size()) return;
+      if (r == WAIT_OBJECT_0 || r >= WAIT_OBJECT_0 + waits.size()) break;
       const std::size_t i = r - WAIT_OBJECT_0 - 1;
       Instance& in = *instances[i];
       DWORD n = 0;
-      const BOOL ok = in.connected_at_once || ::GetOverlappedResult(in.pipe, &in.ov, &n, FALSE);
-      in.connected_at_once = false;
+      const bool ok = !in.pending || ::GetOverlappedResult(in.pipe, &in.ov, &n, FALSE);
+      in.pending = false;
       if (!in.connected) {
-        // A client came: a fresh instance takes over the waiting.
-        in.connected = ok != 0;
-        instances.push_back(listen());
-        if (!in.connected || !read(in)) instances.erase(instances.begin() + static_cast<long>(i));
-        continue;
+        in.connected = true;
+        listen();  // takes over the waiting
+      } else if (ok && n > 0) {
+        on_data(in.buf, n);
       }
-      if (ok && n > 0) on_data(in.buf, n);
-      if (!ok || !read(in)) instances.erase(instances.begin() + static_cast<long>(i));
+      if (!ok || !in.next()) instances.erase(instances.begin() + static_cast<long>(i));
     }
+    // Cancelled here, on the thread that started most of the calls.
+    instances.clear();
   }
 };
 
@@ -118,10 +115,9 @@ PipeServer::PipeServer(const std::string& /*dir*/, std::function<void(const char
   State& s = *state_;
   s.path = "\\\\.\\pipe\\vexo-test-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++counter);
   s.on_data = std::move(on_data);
-  s.stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   if (s.stop == nullptr) throw std::runtime_error("CreateEvent failed");
-  s.instances.push_back(s.listen());
-  s.instances.push_back(s.listen());
+  s.listen();
+  s.listen();
   s.thread = std::thread([&s] { s.serve(); });
 }
 
@@ -129,7 +125,6 @@ PipeServer::~PipeServer() {
   State& s = *state_;
   ::SetEvent(s.stop);
   if (s.thread.joinable()) s.thread.join();
-  s.instances.clear();
   ::CloseHandle(s.stop);
 }
 
@@ -292,6 +287,7 @@ Process::~Process() {
 }
 
 bool Process::started() const { return state_->process != nullptr; }
+int Process::id() const { return state_->process != nullptr ? static_cast<int>(::GetProcessId(state_->process)) : -1; }
 
 int Process::wait() {
   if (state_->process == nullptr) return state_->code;

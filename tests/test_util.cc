@@ -237,14 +237,19 @@ int reserve_ports(int count) {
 
 std::string program(const std::string& name) { return std::string(VEXO_BUILD_DIR) + "/" + name; }
 
-Run run(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-  // The output goes to a file of its own beside the working folder, which the
-  // program may be told to fill; the extra environment is this process's
-  // while the program starts.
+namespace {
+
+// A file of its own beside the working folder, for a program's output.
+std::string output_file() {
   static std::atomic<int> serial{0};
-  const std::string out = (fs::temp_directory_path() / ("vexo_run_" + std::to_string(testsys::process_id()) + "_" +
-                                                        std::to_string(serial++) + ".out"))
-                              .string();
+  const std::string name = "vexo_run_" + std::to_string(testsys::process_id()) + "_" + std::to_string(serial++);
+  return (fs::temp_directory_path() / (name + ".out")).string();
+}
+
+// Starts argv with the extra environment ("NAME=value"), which is this
+// process's while the program starts.
+std::unique_ptr<testsys::Process> start(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                                        const std::string& out) {
   std::vector<std::pair<std::string, std::string>> saved;
   for (const std::string& e : env) {
     const std::string name = e.substr(0, e.find('='));
@@ -252,18 +257,44 @@ Run run(const std::vector<std::string>& argv, const std::vector<std::string>& en
     saved.emplace_back(name, old != nullptr ? std::string("=") + old : "");
     testsys::set_env(name.c_str(), e.substr(name.size() + 1).c_str());
   }
-  Run r;
-  {
-    testsys::Process p(argv, out);
-    for (auto it = saved.rbegin(); it != saved.rend(); ++it) {
-      testsys::set_env(it->first.c_str(), it->second.empty() ? nullptr : it->second.c_str() + 1);
-    }
-    if (p.started()) r.rc = p.wait();
+  auto p = std::make_unique<testsys::Process>(argv, out);
+  for (auto it = saved.rbegin(); it != saved.rend(); ++it) {
+    testsys::set_env(it->first.c_str(), it->second.empty() ? nullptr : it->second.c_str() + 1);
   }
+  return p;
+}
+
+}  // namespace
+
+Run run(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
+  const std::string out = output_file();
+  Run r;
+  if (auto p = start(argv, env, out); p->started()) r.rc = p->wait();
   r.out = read_file(out);
   std::error_code ec;
   fs::remove(out, ec);
   return r;
+}
+
+Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env)
+    : out_(output_file()), process_(start(argv, env, out_)) {}
+
+Child::~Child() {
+  stop();
+  std::error_code ec;
+  fs::remove(out_, ec);
+}
+
+std::string Child::output() { return read_file(out_); }
+
+bool Child::wait_for(const std::string& needle, int timeout_ms, int count) {
+  return wait_until([&] { return count_of(output(), needle) >= count; }, timeout_ms);
+}
+
+int Child::stop() {
+  // A signal's end shows as 128 + its number.
+  const int code = process_->stop();
+  return code >= 128 ? -1 : code;
 }
 
 Run init_workdir(const std::string& dir, const std::string& scanner, const std::vector<std::string>& extra,

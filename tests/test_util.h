@@ -131,8 +131,7 @@ Run run(const std::vector<std::string>& argv, const std::vector<std::string>& en
 Run init_workdir(const std::string& dir, const std::string& scanner = "Aratek_A600",
                  const std::vector<std::string>& extra = {}, const std::string& url = "https://mgmt.test/Zelm");
 
-// POSIX only (test_util_posix.cc): a program running beside the test, its
-// output collected by a thread.
+// A program running beside the test, its output collected in a file.
 class Child {
  public:
   Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
@@ -142,16 +141,13 @@ class Child {
   std::string output();
   // Waits until the output holds needle count times.
   bool wait_for(const std::string& needle, int timeout_ms = 20000, int count = 1);
-  void signal(int sig);
+  void signal(int sig);  // POSIX only (test_util_posix.cc)
   // SIGTERM, then its exit status (-1 when it did not exit normally).
   int stop();
 
  private:
-  int pid_ = -1;
-  int status_ = -1;
-  std::mutex mutex_;
-  std::string output_;
-  std::thread reader_;
+  std::string out_;
+  std::unique_ptr<testsys::Process> process_;
 };
 
 // The port a service logged in the run log at path ("Server Listening On

@@ -17,6 +17,7 @@ vexo_add_test(listener_test listener_test.cc LOCKS ports THREADS ListenerTest)
 vexo_add_test(dispatch_test dispatch_test.cc LOCKS ports THREADS DispatchTest)
 vexo_add_test(tls_test tls_test.cc LOCKS ports THREADS TlsTest)
 vexo_add_test(config_test config_test.cc LOCKS scanner_lock)
+vexo_add_test(log_test log_test.cc THREADS LogTest)
 vexo_add_test(keystore_test keystore_test.cc LOCKS scanner_lock)
 vexo_add_sim_test()
 vexo_add_test(postauth_test postauth_test.cc LOCKS ports fifo handheld_lock
@@ -53,10 +54,6 @@ add_test(NAME LibraryExportsOnlyThePublicFunctions
 #   mgmt_download_test   kills a forked downloader between two chunks.
 #   mgmt_server_test     tests the reference server itself, a Linux program.
 #   mgmt_transport_test  its CA-folder cases fork into a private mount namespace.
-#   log_test             holds POSIX-only cases among system-neutral ones
-#                        (the status FIFO's owner and modes, another user's
-#                        FIFO): to run here once those cases move to a
-#                        program of their own.
 #   listener_memory_test reads /proc/self/statm.
 #   seams_test           the lock folder at rest is a POSIX path (/run/vexo or
 #                        /tmp); Windows has named semaphores instead.
