@@ -32,6 +32,7 @@ vexo_add_test(capture_e2e_test capture_e2e_test.cc LOCKS ports
 vexo_add_test(mgmt_protect_test mgmt_protect_test.cc)
 vexo_add_test(crypto_test crypto_test.cc)
 vexo_add_test(mgmt_json_test mgmt_json_test.cc)
+vexo_add_test(mgmt_download_test mgmt_download_test.cc)
 
 add_executable(host_plan_test host_plan_test.cc ${CMAKE_SOURCE_DIR}/tools/vexo-host/mgmt_plan.cc)
 target_include_directories(host_plan_test PRIVATE ${CMAKE_SOURCE_DIR}/tools/vexo-host)
@@ -51,7 +52,6 @@ add_test(NAME LibraryExportsOnlyThePublicFunctions
 #   init_test, host_mgmt_test, vexoctl_test
 #                        fork and exec the host and vexoctl, drive the host
 #                        with signals and read its FIFO.
-#   mgmt_download_test   kills a forked downloader between two chunks.
 #   mgmt_server_test     tests the reference server itself, a Linux program.
 #   mgmt_transport_test  its CA-folder cases fork into a private mount namespace.
 #   listener_memory_test reads /proc/self/statm.
