@@ -209,8 +209,10 @@ TEST_F(ConfigTest, FailedReadingsChangeNothingAndReleaseTheLock) {
     write_sealed_config(c.keys);
     if (c.edit_after_seal) write_file("config.ini", read_file("config.ini") + "Verbose = 0\n");
     rd_config_update([](RdConfig& r) { r.rd_ver = r.dev_pub_key_validity = r.dc = r.mgmt_url_register = "sentinel"; });
+    rd_set_verbose(5);  // the file says 1
     const std::size_t offset = log_text().size();
     EXPECT_EQ(read_config_file(), c.expected);
+    EXPECT_EQ(rd_verbose(), 5);
     EXPECT_TRUE(has(log_text().substr(offset), c.message));
     EXPECT_TRUE(lock_is_free());
     const RdConfig r = rd_config_copy();

@@ -191,15 +191,21 @@ int read_config_file() {
   }
   // The keys are read into a copy in the file's order; the shared record
   // changes only when every key was good, so readers never see half a file.
+  // The verbosity applies at once (the reading's own trace lines follow it)
+  // and goes back when the reading fails.
   RdConfig cfg = rd_config_copy();
+  const int verbose_before = rd_verbose();
   read_optional_keys(ini.get(), &cfg);
   int rc = read_device_keys(ini.get(), &cfg);
   if (rc == rd_codes::kConfigOk) rc = read_endpoints(ini.get(), &cfg);
-  if (rc != rd_codes::kConfigOk) return rc;
   ini.reset();
-  if (lock.unlock() != 0) {
+  if (rc == rd_codes::kConfigOk && lock.unlock() != 0) {
     RD_ERROR("Error at Unlock_Semaphore");
-    return rd_codes::kConfigUnlock;
+    rc = rd_codes::kConfigUnlock;
+  }
+  if (rc != rd_codes::kConfigOk) {
+    rd_set_verbose(verbose_before);
+    return rc;
   }
   rd_config_update([&cfg](RdConfig& shared) { shared = std::move(cfg); });
   return rd_codes::kConfigOk;
