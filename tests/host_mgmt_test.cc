@@ -3,6 +3,7 @@
 // certificate issued by the demonstration CA), a changed scanner makes the
 // host ask again at once, and queued actions are followed at the next poll.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
@@ -43,15 +44,23 @@ TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     options.push_back("Aratek_A600");
     return options;
   };
-  const std::vector<std::string> env = {"APPDATA=" + device + "/appdata", "VEXO_HOST_TEST_RETRY_BASE_MS=200"};
+  const std::string run = dir.file("run"), fifo = run + "/qdx.win.002";
+  ASSERT_EQ(mkdir(run.c_str(), 0700), 0);
+  const std::vector<std::string> env = {"APPDATA=" + device + "/appdata", "VEXO_HOST_TEST_RETRY_BASE_MS=200",
+                                        "XDG_RUNTIME_DIR=" + run};
 
   {
-    // --no-mgmt: the service runs and the server hears nothing.
+    // --no-mgmt: the service runs and the server hears nothing. The status
+    // FIFO is private in XDG_RUNTIME_DIR, SIGUSR2 reports a pull-out, and
+    // SIGTERM ends the host with 0 and removes the FIFO.
     testutil::Child quiet(host_args({"--no-mgmt"}), env);
     ASSERT_TRUE(quiet.wait_for("Start_RDservice returned 0\n")) << quiet.output();
-    EXPECT_TRUE(
-        testutil::has(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"READY\""));
+    EXPECT_EQ(testutil::mode_of(fifo), 0600);
+    EXPECT_TRUE(fs::is_fifo(fifo));
+    quiet.signal(SIGUSR2);
+    ASSERT_TRUE(quiet.wait_for("detach_device returned 0")) << quiet.output();
     EXPECT_EQ(quiet.stop(), 0);
+    EXPECT_FALSE(fs::exists(fifo));
     EXPECT_EQ(quiet.output().find("mgmt:"), std::string::npos) << quiet.output();
     EXPECT_EQ(server.log().find("/rest/"), std::string::npos) << server.log();
   }

@@ -130,7 +130,6 @@ TEST_F(DownloadTest, DownloadFetchesExactRangesFromTheResumePoint) {
       {"checksum in capitals", 250000, rec(upper_md5, "250000|0:2|In progress|"), chunk0, ranges_from(1), kResuming},
       {"completed", 250000, rec(md5, "250000|2:2|Completed|"), data, ranges_from(0),
        "Previous download was successful. again fresh  download"},
-      {"after chunk 0", 250000, rec(md5, "250000|0:2|In progress|"), chunk0, ranges_from(1), kResuming},
       {"chunk 1 appended, record not written", 250000, rec(md5, "250000|0:2|In progress|"), data.substr(0, 204802),
        ranges_from(1), "Package cut back from 204802 to 102401 bytes"},
       {"package shorter than the record", 250000, rec(md5, "250000|1:2|In progress|"), data.substr(0, 1000),

@@ -94,24 +94,7 @@ TEST(RdsHash, ResponseDrtIsBoundToItsRequest) {
   for (std::uint8_t b : sha(request)) want.push_back(b);
   EXPECT_EQ(ecb_decrypt(kMasterKey, b64(response_drt)), want);
 
-  // A matching one, another request's and a short one go through the transport tests.
-  const std::string changed = response + " ";
-  struct {
-    const char* name;
-    std::string header;
-    const std::string& body;
-    int rc;
-    int result;
-  } rows[] = {
-      {"body changed", response_drt, changed, 0, 0},
-      {"not Base64", "@@@@", response, -1, 0},
-      {"empty", "", response, -1, 0},
-  };
-  for (const auto& r : rows) {
-    int result = -1;
-    EXPECT_EQ(rds_hmac_check(r.header, drt, 1, r.body.data(), r.body.size(), &result), r.rc) << r.name;
-    EXPECT_EQ(result, r.result) << r.name;
-  }
+  // Changed, empty and foreign ones are refused through the transport's RD_DRT checks.
 }
 
 // Padding of one and two characters is decoded above (32 and 64 bytes), the

@@ -26,13 +26,13 @@ const std::string kHostId = "0a1b2c3d4e5f";
 const std::string kModel = "A600";
 
 // One exchange with a plain-HTTP server: the status, the head and the body;
-// for a POST the body as JSON, and whether its RD_DRT binds it to the request.
+// for a POST the body as JSON. (Every answer's RD_DRT, refusals too, is
+// verified by the client: MgmtTransportTest.PinnedCaFileGuardsEveryHttpsTransfer.)
 struct Reply {
   int status = 0;
   std::string head;
   std::string body;
   JsonPtr json;
-  int drt_ok = -1;
   std::string header(const std::string& name) const { return mgmttest::header_of(head, name); }
   // The value at a JSON pointer: a string as it is, anything else as plain JSON.
   std::string at(const char* pointer) const {
@@ -101,7 +101,6 @@ Reply post(const Server& s, const std::string& endpoint, const std::string& body
   const std::string headers = "Content-Type: application/json; charset=utf-8\r\n";
   Reply a = exchange(s, "POST /Zelm" + endpoint, drt.empty() ? headers : headers + "RD_DRT: " + drt + "\r\n", body);
   a.json.reset(json_tokener_parse(a.body.c_str()));
-  EXPECT_EQ(rds_hmac_check(a.header("RD_DRT"), request_drt(body), 1, a.body.data(), a.body.size(), &a.drt_ok), 0);
   return a;
 }
 
@@ -129,20 +128,12 @@ TEST_F(MgmtServerTest, RangedDownloadsAndRefusedPaths) {
   testutil::write_file("data/packages/p.zip", std::string(1000, 'p'));
   Server s(false);
   ASSERT_GT(s.port(), 0) << s.log();
-  struct Range {
-    const char* range;
-    int status;
-    const char* content_range;
-  } ranges[] = {
-      {"900-2000", 206, "bytes 900-999/1000"},
-      {"1000-2000", 416, "bytes */1000"},
-  };
-  for (const auto& r : ranges) {
-    SCOPED_TRACE(r.range);
-    const Reply got = exchange(s, "GET /Zelm/files/packages/p.zip", "Range: bytes=" + std::string(r.range) + "\r\n");
-    EXPECT_EQ(r.status, got.status);
-    EXPECT_EQ(r.content_range, got.header("Content-Range"));
-  }
+  const Reply last = exchange(s, "GET /Zelm/files/packages/p.zip", "Range: bytes=900-2000\r\n");
+  EXPECT_EQ(206, last.status);
+  EXPECT_EQ("bytes 900-999/1000", last.header("Content-Range"));
+  const Reply past = exchange(s, "GET /Zelm/files/packages/p.zip", "Range: bytes=1000-2000\r\n");
+  EXPECT_EQ(416, past.status);
+  EXPECT_EQ("bytes */1000", past.header("Content-Range"));
   EXPECT_EQ(404, exchange(s, "GET /Zelm/files/packages/..%2Fregistry.db").status);
   EXPECT_EQ(404, exchange(s, "GET /Zelm/files/other/x").status);
 }
@@ -260,8 +251,6 @@ TEST_F(MgmtServerTest, AlteredRequestsAreRefused) {
     Reply a = post(s, "/rest/register/", c.body, c.drt == "-" ? "" : c.drt);
     EXPECT_EQ(c.code, a.at("/respCode")) << a.body;
     EXPECT_EQ(std::string(c.code) == "ZELM-000" ? "y" : "n", a.at("/respStatus"));
-    // Refusals are protected too, bound to the body that was received.
-    EXPECT_EQ(1, a.drt_ok);
   }
   // An over-long body is cut off before it is read.
   EXPECT_EQ(413, exchange(s, "POST /Zelm/rest/register/", "", std::string(100000, ' ')).status);

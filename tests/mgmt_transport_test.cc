@@ -77,24 +77,21 @@ class MgmtTransportTest : public testutil::LibraryTest {
 TEST_F(MgmtTransportTest, ResponseChecksSizeLimitsAndTimeout) {
   std::string other_request;
   ASSERT_EQ(rds_hmac_sign("[]", 2, 1, &other_request), 0);
-  const char* kPoisoned = "Data from server is poisoned ";
-  const char* kPoisonedPipe = "10000|Data from server is poisoned\n";
   struct Case {
     const char* name;
     bool tls;
     std::size_t body_size;  // 0: no answer at all
-    const char* header;     // the RD_DRT header's name; null: none
     bool of_other_request;  // signed over another request's RD_DRT
     int expected;
     const char* status;  // expected last-status text after " | sendData2Zelm | "
     const char* pipe;
   } cases[] = {
-      {"29999 bytes over TLS", true, 29999, "RD_DRT", false, 0, nullptr, nullptr},
-      {"30000 bytes", false, 30000, "RD_DRT", false, -20, "Internet connectivity issue - ",
+      {"29999 bytes over TLS", true, 29999, false, 0, nullptr, nullptr},
+      {"30000 bytes", false, 30000, false, -20, "Internet connectivity issue - ",
        "10000|Internet connectivity issue,|not able to connect to MS\n"},
-      {"no RD_DRT", false, 40, nullptr, false, -22, kPoisoned, kPoisonedPipe},
-      {"RD_DRT of another request", false, 40, "RD_DRT", true, -23, kPoisoned, kPoisonedPipe},
-      {"no answer within the limit", false, 0, nullptr, false, -17, "Server Connection Timeout (1 sec) ",
+      {"RD_DRT of another request", false, 40, true, -23, "Data from server is poisoned ",
+       "10000|Data from server is poisoned\n"},
+      {"no answer within the limit", false, 0, false, -17, "Server Connection Timeout (1 sec) ",
        "5000|Server Connection Timeout|(1 sec)\n"},
   };
   for (const auto& c : cases) {
@@ -105,8 +102,7 @@ TEST_F(MgmtTransportTest, ResponseChecksSizeLimitsAndTimeout) {
     CannedServer server(
         [&](const CannedRequest& r) {
           const std::string drt = signed_for(body, c.of_other_request ? other_request : r.header("RD_DRT"));
-          return Reply(body.empty() ? ""
-                                    : http_reply("200 OK", c.header ? c.header + (": " + drt + "\r\n") : "", body));
+          return Reply(body.empty() ? "" : http_reply("200 OK", "RD_DRT: " + drt + "\r\n", body));
         },
         c.tls ? kMgmtData + "/server.crt" : "", c.tls ? kMgmtData + "/server.key" : "");
     if (c.tls) install_ca();
