@@ -88,7 +88,6 @@ TEST_F(StartupTest, CallsResumeSkipOneTimeStepsAndTrackTheScanner) {
   ASSERT_EQ(Initialize_process("Aratek_A600"), 0) << last_status();
   EXPECT_TRUE(has(last_status(), " | init | Initialize_process | Initialize_process Success "));
   EXPECT_EQ(read_file("Serial_number"), "SERIAL-A");
-  EXPECT_EQ(get_device_serial(), "SERIAL-A");
   const RdIdentity id = rd_identity_copy();
   EXPECT_EQ(id.rdsId + " " + id.mi + " " + id.dpId, "QDX.WIN.002 QDX.ARA.A600.W KORVANE.QDX");
   EXPECT_EQ(id.clId.size(), 5u);

@@ -96,16 +96,14 @@ std::size_t value_of(const std::string& text, const std::string& key) {
   return text.find('"', text.find("\"" + key + "\"") + key.size() + 2) + 1;
 }
 
-// Posts body to the endpoint with the given RD_DRT header (none when empty).
-Reply post(const Server& s, const std::string& endpoint, const std::string& body, const std::string& drt) {
-  const std::string headers = "Content-Type: application/json; charset=utf-8\r\n";
-  Reply a = exchange(s, "POST /Zelm" + endpoint, drt.empty() ? headers : headers + "RD_DRT: " + drt + "\r\n", body);
+// Posts body to the endpoint with its own RD_DRT, another one, or none ("-").
+Reply call(const Server& s, const std::string& endpoint, const std::string& body = frame(), std::string drt = "") {
+  if (drt.empty()) drt = request_drt(body);
+  std::string headers = "Content-Type: application/json; charset=utf-8\r\n";
+  if (drt != "-") headers += "RD_DRT: " + drt + "\r\n";
+  Reply a = exchange(s, "POST /Zelm" + endpoint, headers, body);
   a.json.reset(json_tokener_parse(a.body.c_str()));
   return a;
-}
-
-Reply call(const Server& s, const std::string& endpoint, const std::string& body = frame()) {
-  return post(s, endpoint, body, request_drt(body));
 }
 
 class MgmtServerTest : public ::testing::Test {
@@ -245,10 +243,9 @@ TEST_F(MgmtServerTest, AlteredRequestsAreRefused) {
       {"not JSON", "{\"device\": ", "", "ZELM-001"},
       {"no device", "{\"ts\": \"x\", \"sKey\": \"x\", \"hmac\": \"x\"}", "", "ZELM-001"},
   };
-  for (auto& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    if (c.drt.empty()) c.drt = request_drt(c.body);
-    Reply a = post(s, "/rest/register/", c.body, c.drt == "-" ? "" : c.drt);
+    const Reply a = call(s, "/rest/register/", c.body, c.drt);
     EXPECT_EQ(c.code, a.at("/respCode")) << a.body;
     EXPECT_EQ(std::string(c.code) == "ZELM-000" ? "y" : "n", a.at("/respStatus"));
   }
