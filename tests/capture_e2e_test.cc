@@ -127,21 +127,15 @@ class CaptureEndToEnd : public testutil::LibraryTest {
     sim::write_control(refdll_, keys);
   }
 
-  // Sends a CAPTURE request; the answer's body, once its head is the one of
-  // every capture answer.
+  // Sends a CAPTURE request; the answer's body. (The head, framed by the same
+  // code for every capture answer: ApiTest.)
   std::string capture(const std::string& pid_options) {
     const std::string answer =
         testutil::http_exchange(port_, "CAPTURE /rd/capture HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
                                            std::to_string(pid_options.size()) + "\r\n\r\n" + pid_options);
     const std::size_t split = answer.find("\r\n\r\n");
     EXPECT_NE(split, std::string::npos) << answer;
-    if (split == std::string::npos) return "";
-    std::string body = answer.substr(split + 4);
-    EXPECT_EQ(answer.substr(0, split + 4),
-              "HTTP/1.1 200 OK\r\nCACHE-CONTROL: no-cache\r\nLOCATION: http://127.0.0.1:" + std::to_string(port_) +
-                  "/rd/capture\r\nContent-Length: " + std::to_string(body.size()) +
-                  "\r\nContent-Type: text/xml\r\nConnection: close\r\n\r\n");
-    return body;
+    return split == std::string::npos ? "" : answer.substr(split + 4);
   }
 
   // Opens Skey, Data and Hmac of a successful answer: the plain Pid, and its ts.
@@ -217,7 +211,6 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
       // The record arrives whole: its signature is over its own bytes.
       const std::string bs = between(as_text(plain), " bs=\"", '"'), record = between(as_text(plain), bs + "\">");
       EXPECT_TRUE(verify_bs(device_key.get(), b64(record), ts, dc, bs));
-      EXPECT_EQ(as_text(b64(record)).substr(0, 4), std::string("FMR\0", 4));
       std::string dih;
       ASSERT_EQ(Generate_dih(&dih), 0);
       EXPECT_EQ(as_text(plain), fill(testutil::data_file("capture_pid_plain.xml"),

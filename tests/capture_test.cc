@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -251,53 +250,38 @@ TEST_F(CaptureTest, LowNfiqIsCapturedAgainUpToThreeTimes) {
       << testutil::last_status();
 }
 
-// Minutiae and image records as the request's fType asks, with the scanner's
-// quality and minutiae count; the image record's header and its JPEG 2000.
-TEST_F(CaptureTest, RecordsCarryTheScannerValues) {
-  struct Case {
-    int ftype;
-    std::vector<bool> kinds;  // per finger: false FMR, true FIR
-  } cases[] = {{1, {true}}, {2, {false, true}}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.ftype);
-    script({{"minutiae_count", "25"},
-            {"quality", "64"},
-            {"image_width", "300"},
-            {"image_height", "400"},
-            {"resolution", "1000"}});
-    PidOptionsRequest r = make_request(2, c.ftype, {"LEFT_INDEX", "RIGHT_THUMB"});
-    std::vector<CapturedFinger> fingers;
-    ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
-    ASSERT_EQ(fingers.size(), 2u);
-    for (const CapturedFinger& f : fingers) {
-      EXPECT_EQ(f.qScore, 64);
-      EXPECT_EQ(f.nmPoints, c.ftype == 1 ? 0 : 25);
-      ASSERT_EQ(f.records.size(), c.kinds.size());
-      for (std::size_t k = 0; k < c.kinds.size(); ++k) {
-        const BioRecord& rec = f.records[k];
-        EXPECT_EQ(rec.image, c.kinds[k]);
-        if (!rec.image) {
-          ASSERT_GT(rec.bytes.size(), 28u);
-          EXPECT_EQ(std::string(rec.bytes.begin(), rec.bytes.begin() + 4), std::string("FMR\0", 4));
-          EXPECT_EQ(rec.bytes[27], 25);
-          continue;
-        }
-        const std::vector<std::uint8_t>& b = rec.bytes;
-        ASSERT_GT(b.size(), kFirHeaderSize);
-        const std::size_t image_len = b.size() - kFirHeaderSize;
-        // The 46-byte header: "FIR", "010", the record's length, device 0,
-        // acquisition level 30, one finger, in ppi: 1000 four times, 8 bits,
-        // JPEG 2000 (4); then the view: its length, position 0, view 1 of 1,
-        // quality 64, impression 0, 300 x 400.
-        const std::string header = "4649520030313000" + hex_be(b.size(), 6) + "0000001e010103e803e803e803e80804" +
-                                   "0000" + hex_be(14 + image_len, 4) + "00010140" + "00012c019000";
-        EXPECT_EQ(hex_lower(std::span(b.data(), kFirHeaderSize)), header);
-        jp2test::DecodedImage img;
-        ASSERT_TRUE(jp2test::decode_jp2(b.data() + kFirHeaderSize, image_len, &img));
-        EXPECT_EQ(img.width, 300);
-        EXPECT_EQ(img.height, 400);
-      }
-    }
+// An image-only request: one FIR record per finger with the scanner's quality
+// and no minutiae; its header and its JPEG 2000. (Minutiae records, and both
+// kinds in order: CaptureEndToEnd.CapturesOpenWithTheUidaiKey.)
+TEST_F(CaptureTest, ImageRecordsCarryTheScannerValues) {
+  script({{"minutiae_count", "25"},
+          {"quality", "64"},
+          {"image_width", "300"},
+          {"image_height", "400"},
+          {"resolution", "1000"}});
+  PidOptionsRequest r = make_request(2, 1, {"LEFT_INDEX", "RIGHT_THUMB"});
+  std::vector<CapturedFinger> fingers;
+  ASSERT_EQ(FP_Cap(&fingers, r, kTs), 0);
+  ASSERT_EQ(fingers.size(), 2u);
+  for (const CapturedFinger& f : fingers) {
+    EXPECT_EQ(f.qScore, 64);
+    EXPECT_EQ(f.nmPoints, 0);
+    ASSERT_EQ(f.records.size(), 1u);
+    EXPECT_TRUE(f.records[0].image);
+    const std::vector<std::uint8_t>& b = f.records[0].bytes;
+    ASSERT_GT(b.size(), kFirHeaderSize);
+    const std::size_t image_len = b.size() - kFirHeaderSize;
+    // The 46-byte header: "FIR", "010", the record's length, device 0,
+    // acquisition level 30, one finger, in ppi: 1000 four times, 8 bits,
+    // JPEG 2000 (4); then the view: its length, position 0, view 1 of 1,
+    // quality 64, impression 0, 300 x 400.
+    const std::string header = "4649520030313000" + hex_be(b.size(), 6) + "0000001e010103e803e803e803e80804" + "0000" +
+                               hex_be(14 + image_len, 4) + "00010140" + "00012c019000";
+    EXPECT_EQ(hex_lower(std::span(b.data(), kFirHeaderSize)), header);
+    jp2test::DecodedImage img;
+    ASSERT_TRUE(jp2test::decode_jp2(b.data() + kFirHeaderSize, image_len, &img));
+    EXPECT_EQ(img.width, 300);
+    EXPECT_EQ(img.height, 400);
   }
 }
 

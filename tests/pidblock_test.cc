@@ -47,8 +47,7 @@ TEST(Jpeg2000Test, CompressedImagesDecodeToTheOriginal) {
     double min_fraction, max_fraction;  // compressed size / raw size
   } cases[] = {
       {256, 360, 15.0f, 8.0, 1.0 / 25, 1.0 / 12},  // the scanner's image at the capture's ratio
-      {17, 9, 15.0f, 40.0, 0, 2.0},                // fewer resolution levels than the default
-      {1, 1, 15.0f, 255.0, 0, 400.0},
+      {1, 1, 15.0f, 255.0, 0, 400.0},              // fewer resolution levels than the default: one
       {64, 48, 1.0f, 0.0, 0, 1.5},  // ratio 1: lossless
   };
   for (const Case& c : cases) {

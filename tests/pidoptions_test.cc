@@ -9,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "common/rd_log.h"
 #include "rd_core/xml_parse.h"
 #include "test_util.h"
 
@@ -30,14 +29,12 @@ bool no_scratch_left(const std::string& dir) {
   return true;
 }
 
-class PidOptionsTest : public ::testing::Test {
+class PidOptionsTest : public testutil::LibraryTest {
  protected:
   void SetUp() override {
+    LibraryTest::SetUp();
     std::filesystem::copy_file(VEXO_SOURCE_DIR "/data/Final.xsd", dir_.file("Final.xsd"));
-    ASSERT_EQ(zlog_init("rd.log"), 0);
   }
-  void TearDown() override { zlog_fini(); }
-  testutil::WorkDir dir_;
 };
 
 struct GateCase {
