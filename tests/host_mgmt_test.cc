@@ -75,7 +75,7 @@ TEST(HostMgmt, ProvisionsFollowsAChangedScannerAndTheQueue) {
     EXPECT_EQ(
         testutil::count_of(host.output(), "mgmt: uidai_cert_force_update -> 0, next action NO_ACTION_NECESSARY\n"), 1);
     EXPECT_TRUE(host.wait_for("pipe: 5000|RD Service Started\n")) << host.output();
-    // The issued certificate in use: ManagementEndToEnd.KeyRotationSignsCapturesWithTheIssuedCertificate.
+    // The issued certificate in use: ManagementEndToEnd.TamperedKeystoreForcesAKeyRotation.
     EXPECT_TRUE(
         testutil::has(testutil::http_exchange(service_port(), "RDSERVICE / HTTP/1.1\r\n\r\n"), "status=\"READY\""));
 

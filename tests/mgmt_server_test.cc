@@ -179,7 +179,7 @@ TEST_F(MgmtServerTest, KeyRotationIssuesCertificateUnderTheCa) {
   ASSERT_EQ("y", a.at("/respStatus")) << a.body;
 
   // sPKey: Base64 DER of a client certificate (the chain and the key:
-  // ManagementEndToEnd.KeyRotationSignsCapturesWithTheIssuedCertificate).
+  // ManagementEndToEnd.TamperedKeystoreForcesAKeyRotation).
   std::vector<std::uint8_t> der;
   ASSERT_EQ(Base64Decode(a.at("/sPKey"), &der), 0);
   const unsigned char* p = der.data();
