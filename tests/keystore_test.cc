@@ -93,17 +93,15 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   EXPECT_EQ(read_file("keystore/key.hash"), bytes(sha256(pem)));
   EXPECT_EQ(read_file("keystore/pdHash.hash"), bytes(sha256(std::span<const std::uint8_t>(kMacA))));
 
+  // Repeated reads, and signatures that verify under this certificate: the
+  // end-to-end captures.
   ASSERT_EQ(Lock_Semaphore(), 0);
-  Secret first, second;
-  ASSERT_EQ(GetDevicePrivateKeyFromFile(&first), 0);
-  ASSERT_EQ(GetDevicePrivateKeyFromFile(&second), 0);
-  EXPECT_EQ(first.view(), pem);
-  EXPECT_EQ(second.view(), pem);
-  EXPECT_EQ(Unlock_Semaphore(), 0);  // the reads left the caller's lock held
-  PkeyPtr key = testcrypto::private_key_of_pem(pem);
+  Secret read_back;
+  ASSERT_EQ(GetDevicePrivateKeyFromFile(&read_back), 0);
+  EXPECT_EQ(read_back.view(), pem);
+  EXPECT_EQ(Unlock_Semaphore(), 0);
   X509Ptr x509 = testcrypto::cert_of_pem(cert);
-  ASSERT_TRUE(key && x509);
-  EXPECT_EQ(X509_check_private_key(x509.get(), key.get()), 1);
+  ASSERT_TRUE(x509);
 
   // The recorded stamp is the key file's access time after the last read.
   ASSERT_TRUE(testsys::file_times("keystore/enc_private_key", &times));
@@ -247,18 +245,15 @@ TEST_F(KeystoreTest, UnknownRdsIdFailsWithoutRotation) {
 
   std::string cert = "stale";
   rd_identity_update([&](RdIdentity& r) { r.rdsId = "QDX.WIN.005"; });
-  std::array<std::uint8_t, 32> password{};
-  EXPECT_EQ(GetPasswordToEncPrivateKey(&password), -1);
-  EXPECT_NE(testutil::log_text().find("Invalid RDS ID"), std::string::npos);
-  EXPECT_EQ(GetPasswordToDecPrivateKey(&password), -1);
-  EXPECT_NE(testutil::log_text().find("Invalid RDS_ID"), std::string::npos);
   EXPECT_EQ(GenerateKeyPair(&cert), -1);
   EXPECT_TRUE(cert.empty());
-  EXPECT_NE(testutil::log_text().find("Error at GetPasswordToEncDecPrivateKey"), std::string::npos);
+  EXPECT_TRUE(testutil::has(testutil::log_text(), "Invalid RDS ID"));
+  EXPECT_TRUE(testutil::has(testutil::log_text(), "Error at GetPasswordToEncDecPrivateKey"));
 
   ASSERT_EQ(Lock_Semaphore(), 0);
   Secret pem;
   EXPECT_EQ(GetDevicePrivateKeyFromFile(&pem), -1);
+  EXPECT_TRUE(testutil::has(testutil::log_text(), "Invalid RDS_ID"));
   EXPECT_EQ(testutil::log_text().find("Going for Forceful Key rotation"), std::string::npos);
   EXPECT_EQ(Unlock_Semaphore(), 0);
 }

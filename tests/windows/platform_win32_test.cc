@@ -15,7 +15,6 @@
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <iterator>
@@ -156,14 +155,6 @@ TEST(Win32Environment, AppData) {
   testsys::set_env("APPDATA", saved != nullptr ? had.c_str() : nullptr);
 }
 
-TEST(Win32Random, BytesDiffer) {
-  std::uint8_t a[32] = {}, b[32] = {};
-  ASSERT_EQ(platform::random_bytes(a, sizeof a), 0);
-  ASSERT_EQ(platform::random_bytes(b, sizeof b), 0);
-  EXPECT_NE(std::memcmp(a, b, sizeof a), 0);
-  EXPECT_EQ(platform::random_bytes(a, 0), 0);
-}
-
 TEST(Win32Clock, BeepAndSleepWaitTheirTime) {
   const struct {
     bool beep;
@@ -236,14 +227,6 @@ TEST(Win32Netif, AdaptersHaveAddressesInIndexOrder) {
       EXPECT_LE(adapters[i - 1].index, adapters[i].index);
     }
   }
-  platform::Adapter fake;
-  fake.address[5] = 1;
-  fake.name = "test";
-  test_seams::update([&](test_seams::Seams& s) { s.adapters = std::vector<platform::Adapter>{fake}; });
-  ASSERT_EQ(platform::list_adapters(&adapters), 0);
-  ASSERT_EQ(adapters.size(), 1u);
-  EXPECT_EQ(adapters[0].name, "test");
-  test_seams::update([](test_seams::Seams& s) { s.adapters = std::nullopt; });
 }
 
 // ---------------------------------------------------------------- sockets
@@ -293,31 +276,15 @@ TEST(Win32Socket, NonBlockingListenerGivesBlockingConnections) {
 
 // ---------------------------------------------------------------- status pipe
 
-TEST(Win32Pipe, WritesReachTheServerAndFailuresCarryTheCode) {
-  const std::string name = "\\\\.\\pipe\\vexo-test-" + std::to_string(::GetCurrentProcessId());
-  HANDLE server =
-      ::CreateNamedPipeA(name.c_str(), PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE | PIPE_WAIT, 1, 4096, 4096, 0, nullptr);
-  ASSERT_NE(server, INVALID_HANDLE_VALUE);
-  int err = 0;
-  int fd = platform::pipe_open(name, &err);
-  ASSERT_NE(fd, -1) << err;
-  const std::string message = "5000|Capture Timeout|Try again\n";
-  ASSERT_EQ(platform::pipe_write(fd, message.data(), message.size(), &err), 0);
-  char buf[128];
-  DWORD n = 0;
-  ASSERT_TRUE(::ReadFile(server, buf, sizeof buf, &n, nullptr));
-  EXPECT_EQ(std::string(buf, n), message);
-  ::CloseHandle(server);
-  EXPECT_EQ(platform::pipe_write(fd, message.data(), message.size(), &err), -1);
-  EXPECT_TRUE(err == ERROR_NO_DATA || err == ERROR_BROKEN_PIPE || err == ERROR_PIPE_NOT_CONNECTED) << err;
-  platform::pipe_close(fd);
-
+// Messages through a real named pipe, and a write once the reader is gone:
+// LogTest.StatusPipeMessagesArriveByteForByte. Here: what is not a pipe server.
+TEST(Win32Pipe, OnlyAPipeServerOpens) {
   WorkDir dir;
   write_file(dir.file("plain"), "x");
-  for (const std::string& path : {name, std::string("\\\\.\\pipe\\vexo-test-never-made"), dir.file("plain")}) {
-    err = 0;
+  for (const std::string& path : {std::string("\\\\.\\pipe\\vexo-test-never-made"), dir.file("plain")}) {
+    int err = 0;
     EXPECT_EQ(platform::pipe_open(path, &err), -1) << path;
-    EXPECT_EQ(err, ERROR_FILE_NOT_FOUND) << path;  // the first: the server is gone
+    EXPECT_EQ(err, ERROR_FILE_NOT_FOUND) << path;
   }
   EXPECT_EQ(platform::status_pipe_path(), "\\\\.\\pipe\\qdx.win.002");
 }
@@ -380,20 +347,6 @@ TEST(Win32Lock, NamedLockAcrossThreadsAndProcesses) {
   platform::named_lock_close(b);
   EXPECT_EQ(platform::named_lock_open(""), nullptr);
   test_seams::set({});
-}
-
-TEST(Win32Lock, LocalLock) {
-  platform::LocalLock* lock = platform::local_lock_create();
-  ASSERT_NE(lock, nullptr);
-  EXPECT_EQ(platform::local_lock_release(lock), -1);
-  ASSERT_EQ(platform::local_lock_acquire(lock, 2000), 0);
-  int other_thread = -2;
-  std::thread([&] { other_thread = platform::local_lock_acquire(lock, 50); }).join();
-  EXPECT_EQ(other_thread, 1);
-  EXPECT_EQ(platform::local_lock_release(lock), 0);
-  EXPECT_EQ(platform::local_lock_release(lock), -1);
-  platform::local_lock_destroy(lock);
-  EXPECT_EQ(platform::local_lock_acquire(nullptr, 0), -1);
 }
 
 }  // namespace
