@@ -62,7 +62,6 @@ TEST(Win32Files, AtomicReplacementKeepsBytesAndCleansUp) {
   ASSERT_EQ(platform::write_file_atomic(path, "second\n", 7), 0);
   ASSERT_EQ(platform::read_file(path, &got), 0);
   EXPECT_EQ(got, "second\n");
-  EXPECT_EQ(platform::file_size(path), 7);
 
   const struct {
     platform::WriteFault fault;
@@ -84,7 +83,6 @@ TEST(Win32Files, AtomicReplacementKeepsBytesAndCleansUp) {
   EXPECT_EQ(got, "a\nb\n");
   // config.ini alone: no temporary is left behind.
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
-  EXPECT_EQ(platform::read_file(dir.file("missing"), &got), -1);
 }
 
 TEST(Win32Files, StaleTemporariesAreRemovedOthersStay) {
@@ -250,8 +248,9 @@ TEST(Win32Socket, NonBlockingListenerGivesBlockingConnections) {
 
 // ---------------------------------------------------------------- status pipe
 
-// Messages through a real named pipe, and a write once the reader is gone:
-// LogTest.StatusPipeMessagesArriveByteForByte. Here: what is not a pipe server.
+// Messages through a real named pipe: every test that reads the status pipe;
+// a write once the reader is gone: LogTest.WriteFailsOnceTheReaderIsGone.
+// Here: what is not a pipe server.
 TEST(Win32Pipe, OnlyAPipeServerOpens) {
   WorkDir dir;
   write_file(dir.file("plain"), "x");
