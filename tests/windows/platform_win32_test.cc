@@ -173,7 +173,6 @@ TEST(Win32Dynlib, NamesLoadingAndErrors) {
   } cases[] = {
       {".\\RefDll", "AraTrustFinger.dll", ".\\RefDll\\AraTrustFinger.dll"},
       {"./RefDll/", "Tavio.dll", ".\\RefDll\\Tavio.dll"},
-      {"RefDll", "openjp2.dll", "RefDll\\openjp2.dll"},
   };
   for (const auto& c : cases) EXPECT_EQ(platform::library_path(c.folder, c.dll), c.path);
 
