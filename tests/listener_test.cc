@@ -78,7 +78,6 @@ TEST_F(ListenerTest, ServicesShareTheRangeOnBothLoopbacksAndRestartAtOnce) {
   }
   EXPECT_EQ(http_exchange(first, {kDiscovery}, 0, true), discovery_answer(first));
   EXPECT_EQ(http_exchange(second, {kDiscovery}, 0, true), discovery_answer(second));
-  EXPECT_EQ(http_exchange(second, kDiscovery), discovery_answer(second));
   // Without a half-close the child closes first.
   const int s = connect_to(first);
   ASSERT_EQ(platform::send_socket(s, kDiscovery.data(), kDiscovery.size()), static_cast<long>(kDiscovery.size()));
@@ -129,7 +128,6 @@ TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
     std::vector<std::string> pieces;
     std::string answer, logged;
   } rows[] = {
-      {"no Content-Length", {"RDSERVICE / HTTP/1.1\r\nHost: a\r\n\r\n"}, ok, ""},
       {"Content-Length not a number", {"RDSERVICE / HTTP/1.1\r\nContent-Length: abc\r\n\r\n"}, ok, ""},
       {"header in single bytes", {"R", "D", "SERVICE / HTTP/1.1\r\n", "\r", "\n"}, ok, ""},
       // How many reads the body takes depends on the machine's load; the
@@ -149,9 +147,9 @@ TEST_F(ListenerTest, ReadsRequestsOfEveryShape) {
     EXPECT_EQ(http_exchange(port, row.pieces, 100), row.answer);
     EXPECT_TRUE(row.logged.empty() || wait_log("server", "recv_thru_tcp_socket", row.logged, offset));
   }
-  // The pieces were joined into one request; its body is never logged.
+  // The pieces were joined into one request. That bodies are never logged:
+  // CaptureEndToEnd.CapturesOpenWithTheUidaiKey.
   EXPECT_TRUE(log_has("server", "process_incoming_message", "Request is: RDSERVICE /, body of 30 bytes, origin: none"));
-  EXPECT_EQ(log_text().find(digits + digits), std::string::npos);
 }
 
 // Clients that close, stall or trickle: TlsTest.ClientsThatCloseStallOrTrickleAreDropped.

@@ -20,7 +20,6 @@ using testutil::last_status;
 // The library fixture: locks in its folder "locks", 300 ms lock waits, an
 // Aratek_A600 configured.
 using LockTest = testutil::LibraryTest;
-constexpr unsigned kShortMs = 300;
 
 // Runs fn in a child process that opens the lock afresh (or uses the handles
 // it inherited); returns its exit code.
@@ -118,15 +117,9 @@ TEST_F(LockTest, SecondProcessTimesOutWhileFirstHolds) {
   ASSERT_EQ(init_semaphore(), 0);
   EXPECT_TRUE(platform::file_exists(dir_.file("locks/Global_QDX_WIN_010.lock")));
   ASSERT_EQ(Lock_Semaphore(), 0);
-  int waited = in_child([] {
-    std::uint64_t start = platform::monotonic_ms();
-    int rc = Lock_Semaphore();
-    std::uint64_t took = platform::monotonic_ms() - start;
-    if (rc != -2) return 1;
-    return took >= kShortMs - 10 && took < kShortMs + 2000 ? 0 : 2;
-  });
-  EXPECT_EQ(waited, 0);
-  // A child that uses the handles it inherited cannot drop the parent's lock.
+  // The wait of another process that opened the lock itself:
+  // HandheldHostProcess.ServesPostAuthAndYieldsToAnotherHolder. A child that
+  // uses the handles it inherited times out too, and cannot drop the parent's lock.
   EXPECT_EQ(in_child([] { return Unlock_Semaphore() == -1 && Lock_Semaphore() == -2 ? 0 : 1; }, false), 0);
   ASSERT_EQ(Unlock_Semaphore(), 0);
   EXPECT_EQ(in_child([] { return Lock_Semaphore() == 0 && Unlock_Semaphore() == 0 ? 0 : 1; }), 0);
@@ -134,14 +127,6 @@ TEST_F(LockTest, SecondProcessTimesOutWhileFirstHolds) {
   // kill) does not keep the lock.
   EXPECT_EQ(in_child([] { return Lock_Semaphore(); }), 0);
   EXPECT_EQ(Lock_Semaphore(), 0);
-  EXPECT_EQ(Unlock_Semaphore(), 0);
-  // Another scanner model has a lock of its own.
-  ASSERT_EQ(Lock_Semaphore(), 0);
-  EXPECT_EQ(in_child([] {
-              use_scanner("Aratek_A400");
-              return init_semaphore() == 0 && Lock_Semaphore() == 0 ? 0 : 1;
-            }),
-            0);
   EXPECT_EQ(Unlock_Semaphore(), 0);
 }
 

