@@ -105,13 +105,6 @@ int named_lock_acquire(NamedLock* lock, unsigned timeout_ms);
 int named_lock_release(NamedLock* lock);
 void named_lock_close(NamedLock* lock);
 
-// A process-local binary semaphore (initial 1, maximum 1).
-struct LocalLock;
-LocalLock* local_lock_create();
-int local_lock_acquire(LocalLock* lock, unsigned timeout_ms);  // 0, 1 time-out, -1
-int local_lock_release(LocalLock* lock);                       // 0, -1 when not held
-void local_lock_destroy(LocalLock* lock);
-
 // ---------------------------------------------------------------- dynamic libraries
 // "NAME.dll" becomes "libNAME.so"; other names are returned unchanged.
 std::string shared_library_name(const std::string& dll_name);

@@ -99,12 +99,6 @@ struct NamedLock {
   std::shared_ptr<LockState> state;
 };
 
-struct LocalLock {
-  Mutex mutex;
-  CondVar cv;
-  bool held GUARDED_BY(mutex) = false;
-};
-
 NamedLock* named_lock_open(const char* name) {
   if (name == nullptr || *name == '\0') {
     errno = EINVAL;
@@ -183,29 +177,5 @@ int named_lock_release(NamedLock* lock) {
 }
 
 void named_lock_close(NamedLock* lock) { delete lock; }
-
-LocalLock* local_lock_create() { return new (std::nothrow) LocalLock(); }
-
-int local_lock_acquire(LocalLock* lock, unsigned timeout_ms) {
-  if (lock == nullptr) return -1;
-  MutexLock guard(&lock->mutex);
-  const Deadline deadline = deadline_after(timeout_ms);
-  while (lock->held) {
-    if (!lock->cv.WaitUntil(&lock->mutex, deadline) && lock->held) return 1;
-  }
-  lock->held = true;
-  return 0;
-}
-
-int local_lock_release(LocalLock* lock) {
-  if (lock == nullptr) return -1;
-  MutexLock guard(&lock->mutex);
-  if (!lock->held) return -1;
-  lock->held = false;
-  lock->cv.Signal();
-  return 0;
-}
-
-void local_lock_destroy(LocalLock* lock) { delete lock; }
 
 }  // namespace platform

@@ -87,10 +87,6 @@ struct NamedLock {
   std::shared_ptr<LockState> state;
 };
 
-struct LocalLock {
-  win32::UniqueKernelHandle semaphore;
-};
-
 NamedLock* named_lock_open(const char* name) {
   if (name == nullptr || *name == '\0') {
     ::SetLastError(ERROR_INVALID_NAME);
@@ -131,31 +127,5 @@ int named_lock_release(NamedLock* lock) {
 }
 
 void named_lock_close(NamedLock* lock) { delete lock; }
-
-LocalLock* local_lock_create() {
-  HANDLE h = ::CreateSemaphoreW(nullptr, 1, 1, nullptr);
-  if (h == nullptr) return nullptr;
-  auto* lock = new (std::nothrow) LocalLock();
-  if (lock == nullptr) {
-    ::CloseHandle(h);
-    return nullptr;
-  }
-  lock->semaphore.reset(h);
-  return lock;
-}
-
-int local_lock_acquire(LocalLock* lock, unsigned timeout_ms) {
-  if (lock == nullptr) return -1;
-  return wait_for(lock->semaphore.get(), timeout_ms);
-}
-
-// ReleaseSemaphore fails with ERROR_TOO_MANY_POSTS when the count is already
-// at its maximum: the lock was not held.
-int local_lock_release(LocalLock* lock) {
-  if (lock == nullptr) return -1;
-  return ::ReleaseSemaphore(lock->semaphore.get(), 1, nullptr) ? 0 : -1;
-}
-
-void local_lock_destroy(LocalLock* lock) { delete lock; }
 
 }  // namespace platform
