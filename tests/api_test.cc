@@ -67,13 +67,13 @@ class ApiTest : public testutil::LibraryTest {
   void expect_pid_data(int code, const std::string& info, int fcount, const std::string& mc, const char* ftype = "0") {
     std::string points;
     for (int i = 0; i < fcount; ++i) points += i == 0 ? "000" : ",000";
-    std::string expected = testutil::data_file("api_pid_error.xml");
-    for (const auto& [key, value] : {std::pair<std::string, std::string>{"{code}", std::to_string(code)},
-                                     {"{info}", info}, {"{fCount}", std::to_string(fcount)}, {"{fType}", ftype},
-                                     {"{points}", points}, {"{points}", points}, {"{mc}", mc}}) {
-      expected.replace(expected.find(key), key.size(), value);
-    }
-    EXPECT_EQ(body(), expected);
+    EXPECT_EQ(body(), testutil::fill(testutil::data_file("api_pid_error.xml"),
+                                     {{"code", std::to_string(code)},
+                                      {"info", info},
+                                      {"fCount", std::to_string(fcount)},
+                                      {"fType", ftype},
+                                      {"points", points},
+                                      {"mc", mc}}));
   }
 
   std::size_t pipe_mark_ = 0;

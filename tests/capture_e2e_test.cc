@@ -52,20 +52,6 @@ Bytes b64(const std::string& text) {
 
 std::string as_text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
-// text with each {name} of values replaced by its value; other braces stay.
-std::string fill(const std::string& text, const std::map<std::string, std::string>& values) {
-  std::string out;
-  std::size_t at = 0;
-  for (std::size_t open = text.find('{'); open != std::string::npos; open = text.find('{', open + 1)) {
-    const std::size_t close = text.find('}', open);
-    const auto value = values.find(text.substr(open + 1, close - open - 1));
-    if (close == std::string::npos || value == values.end()) continue;
-    out += text.substr(at, open - at) + value->second;
-    at = close + 1;
-  }
-  return out + text.substr(at);
-}
-
 // The text from the end of the first open in xml up to the next end ("" when
 // open is missing): element contents and attribute values.
 std::string between(const std::string& xml, const std::string& open, char end = '<') {
@@ -202,7 +188,7 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
                    {"skey", between(body, "<Skey ci=\"20310309\">")},
                    {"hmac", between(body, "<Hmac>")},
                    {"data", between(body, "<Data type=\"" + values["type"] + "\">")}});
-    EXPECT_EQ(body, fill(testutil::data_file("capture_pid_data.xml"), values));
+    EXPECT_EQ(body, testutil::fill(testutil::data_file("capture_pid_data.xml"), values));
     EXPECT_TRUE(pipe_->wait_for("5000|Capture Success\n", 5000, piped));
 
     std::string ts;
@@ -213,7 +199,7 @@ TEST_F(CaptureEndToEnd, CapturesOpenWithTheUidaiKey) {
       EXPECT_TRUE(verify_bs(device_key.get(), b64(record), ts, dc, bs));
       std::string dih;
       ASSERT_EQ(Generate_dih(&dih), 0);
-      EXPECT_EQ(as_text(plain), fill(testutil::data_file("capture_pid_plain.xml"),
+      EXPECT_EQ(as_text(plain), testutil::fill(testutil::data_file("capture_pid_plain.xml"),
                                      {{"ts", ts}, {"dih", dih}, {"bs", bs}, {"record", record}}));
       continue;
     }
@@ -270,7 +256,7 @@ TEST_F(CaptureEndToEnd, FailuresAreAnsweredAsPidData) {
     const std::string body = capture(
         "<PidOptions ver=\"1.0\"><Opts fCount=\"1\" fType=\"0\" pidVer=\"2.0\" posh=\"UNKNOWN\"/></PidOptions>");
     EXPECT_TRUE(pipe_->wait_for(c.pipe, 5000, piped)) << pipe_->received().substr(piped);
-    EXPECT_EQ(body, fill(testutil::data_file("capture_pid_error.xml"),
+    EXPECT_EQ(body, testutil::fill(testutil::data_file("capture_pid_error.xml"),
                          {{"code", c.code}, {"info", c.info}, {"dpId", rd_identity_copy().dpId}, {"mc", mc()}}));
   }
   EXPECT_TRUE(
@@ -330,12 +316,12 @@ TEST_F(CaptureEndToEnd, DeviceInfoAnswers) {
     SCOPED_TRACE(c.serial);
     set_device_serial(c.serial);
     rd_config_update([&](RdConfig& r) { r.dc = c.dc; });
-    std::string expected = fill(testutil::data_file("capture_device_info.txt"), {{"port", std::to_string(port_)},
+    std::string expected = testutil::fill(testutil::data_file("capture_device_info.txt"), {{"port", std::to_string(port_)},
                                                                                  {"dpId", rd_identity_copy().dpId},
                                                                                  {"dc", c.dc_attr},
                                                                                  {"mc", mc()},
                                                                                  {"srno", c.serial_attr}});
-    expected = fill(expected, {{"length", std::to_string(expected.size() - expected.find("\r\n\r\n") - 4)}});
+    expected = testutil::fill(expected, {{"length", std::to_string(expected.size() - expected.find("\r\n\r\n") - 4)}});
     EXPECT_EQ(testutil::http_exchange(port_, "DEVICEINFO /rd/info HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"), expected);
   }
 }

@@ -115,8 +115,7 @@ TEST_F(KeystoreTest, GeneratedKeyAndCertificateReadBack) {
   unsigned int n = 0;
   ASSERT_EQ(X509_pubkey_digest(x509.get(), EVP_sha1(), key_id, &n), 1);
   std::unique_ptr<char, void (*)(void*)> ski(OPENSSL_buf2hexstr(key_id, n), [](void* p) { OPENSSL_free(p); });
-  std::string expected = testutil::data_file("keystore_device_cert.txt");
-  expected.replace(expected.find("{ski}"), 5, ski.get());
+  const std::string expected = testutil::fill(testutil::data_file("keystore_device_cert.txt"), {{"ski", ski.get()}});
   char* data = nullptr;
   const long length = BIO_get_mem_data(text.get(), &data);
   EXPECT_EQ(std::regex_replace(std::string(data, static_cast<std::size_t>(length)),

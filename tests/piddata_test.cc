@@ -70,10 +70,7 @@ TEST(PidData, EveryErrorCodeAndItsAnswer) {
     set_pid_error(&r, code);
     std::string out;
     ASSERT_EQ(FramePidOutputOuterXML(r, &out), 0);
-    std::string expected = answer;
-    expected.replace(expected.find("{code}"), 6, std::to_string(code));
-    expected.replace(expected.find("{text}"), 6, text);
-    EXPECT_EQ(out, expected);
+    EXPECT_EQ(out, testutil::fill(answer, {{"code", std::to_string(code)}, {"text", text}}));
   }
   EXPECT_EQ(rows, 49);
 }

@@ -85,6 +85,19 @@ std::string data_file(const std::string& name) {
   return read_file(std::string(VEXO_SOURCE_DIR) + "/tests/data/" + name);
 }
 
+std::string fill(const std::string& text, const std::map<std::string, std::string>& values) {
+  std::string out;
+  std::size_t at = 0;
+  for (std::size_t open = text.find('{'); open != std::string::npos; open = text.find('{', open + 1)) {
+    const std::size_t close = text.find('}', open);
+    const auto value = values.find(text.substr(open + 1, close - open - 1));
+    if (close == std::string::npos || value == values.end()) continue;
+    out += text.substr(at, open - at) + value->second;
+    at = close + 1;
+  }
+  return out + text.substr(at);
+}
+
 bool wait_until(const std::function<bool()>& done, int timeout_ms) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (!done()) {

@@ -50,6 +50,8 @@ int count_of(const std::string& text, const std::string& needle);
 testing::AssertionResult has(const std::string& text, const std::string& needle);
 // A file of the source tree's tests/data.
 std::string data_file(const std::string& name);
+// text with each {name} of values replaced by its value; other braces stay.
+std::string fill(const std::string& text, const std::map<std::string, std::string>& values);
 
 // The permission bits of path (not following a symbolic link), or -1; on
 // Windows only the read-only bit shows (0666 or 0444).
