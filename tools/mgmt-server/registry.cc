@@ -52,7 +52,7 @@ int Registry::exec(const char* sql) {
 }
 
 int Registry::open(const std::string& path, std::string* error) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(&mutex_);
   sqlite3* raw = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   db_.reset(raw);
@@ -73,7 +73,7 @@ int Registry::open(const std::string& path, std::string* error) {
 }
 
 int Registry::add_device(const std::string& serial, const std::string& model, const std::string& host_id) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(&mutex_);
   Stmt s = prepare(db_.get(),
                    "INSERT INTO devices(serial, model, host_id) VALUES(?1, ?2, ?3) "
                    "ON CONFLICT(serial) DO UPDATE SET "
@@ -85,7 +85,7 @@ int Registry::add_device(const std::string& serial, const std::string& model, co
 }
 
 int Registry::find(const std::string& serial, Device* out) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(&mutex_);
   *out = Device();
   Stmt s = prepare(db_.get(),
                    "SELECT serial, host_id, model, dc, cert, rotated_at FROM devices "
@@ -107,7 +107,7 @@ int Registry::find(const std::string& serial, Device* out) {
 }
 
 int Registry::learn_identity(const std::string& serial, const std::string& host_id, const std::string& model) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(&mutex_);
   Stmt s = prepare(db_.get(),
                    "UPDATE devices SET"
                    " host_id = CASE WHEN host_id = '' THEN ?2 ELSE host_id END,"
@@ -119,7 +119,7 @@ int Registry::learn_identity(const std::string& serial, const std::string& host_
 }
 
 int Registry::enqueue(const std::string& serial, const std::string& action) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(&mutex_);
   Stmt s = prepare(db_.get(),
                    "INSERT INTO actions(serial, action) "
                    "SELECT serial, ?2 FROM devices WHERE serial = ?1;");
@@ -129,7 +129,7 @@ int Registry::enqueue(const std::string& serial, const std::string& action) {
 }
 
 int Registry::pop(const std::string& serial, std::string* action) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(&mutex_);
   action->clear();
   // DELETE ... RETURNING takes the head in one statement, so two processes
   // sharing the file never hand out the same entry twice.
@@ -147,7 +147,7 @@ int Registry::pop(const std::string& serial, std::string* action) {
 
 int Registry::store_rotation(const std::string& serial, const std::string& dc, const std::string& cert_der,
                              std::int64_t when) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(&mutex_);
   Stmt s = prepare(db_.get(), "UPDATE devices SET dc = ?2, cert = ?3, rotated_at = ?4 WHERE serial = ?1;");
   if (!s || !bind_text(s.get(), 1, serial) || !bind_text(s.get(), 2, dc) ||
       sqlite3_bind_blob(s.get(), 3, cert_der.data(), static_cast<int>(cert_der.size()), SQLITE_TRANSIENT) !=
@@ -162,7 +162,7 @@ int Registry::list(std::vector<Device>* out) {
   out->clear();
   std::vector<std::string> serials;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    platform::MutexLock lock(&mutex_);
     Stmt s = prepare(db_.get(), "SELECT serial FROM devices ORDER BY serial;");
     if (!s) return -1;
     int rc;

@@ -9,9 +9,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "platform/mutex.h"
 
 namespace mgmt {
 
@@ -55,9 +56,9 @@ class Registry {
   int list(std::vector<Device>* out);
 
  private:
-  int exec(const char* sql);
-  std::mutex mutex_;
-  std::unique_ptr<sqlite3, SqliteClose> db_;
+  int exec(const char* sql) REQUIRES(mutex_);
+  platform::Mutex mutex_;
+  std::unique_ptr<sqlite3, SqliteClose> db_ GUARDED_BY(mutex_);
 };
 
 }  // namespace mgmt

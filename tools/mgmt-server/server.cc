@@ -8,11 +8,11 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <thread>
 
 #include "crypto.h"
+#include "platform/mutex.h"
 #include "messages.h"
 #include "protect.h"
 #include "registry.h"
@@ -45,12 +45,12 @@ const char* op_name(Op op) {
   return "?";
 }
 
-std::mutex g_log_mutex;
+platform::Mutex g_log_mutex;
 
 // One line per request: method, path, serial ("-" when none), result.
 void log_request(const std::string& method, const std::string& path, const std::string& serial,
                  const std::string& result) {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
+  platform::MutexLock lock(&g_log_mutex);
   std::printf("%s %s %s %s\n", method.c_str(), path.c_str(), serial.empty() ? "-" : serial.c_str(), result.c_str());
   std::fflush(stdout);
 }

@@ -6,18 +6,17 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 
 #include "mgmt_plan.h"
+#include "platform/mutex.h"
 #include "vexo.h"
 
 namespace host {
@@ -92,10 +91,10 @@ class DownloadWatcher {
 }  // namespace
 
 struct MgmtLoopState {
-  std::mutex mutex;
-  std::condition_variable wake;
-  bool stop = false;            // guarded by mutex
-  bool init_requested = false;  // guarded by mutex
+  platform::Mutex mutex;
+  platform::CondVar wake;
+  bool stop GUARDED_BY(mutex) = false;
+  bool init_requested GUARDED_BY(mutex) = false;
 };
 
 namespace {
@@ -134,9 +133,11 @@ class Runner {
   // Waits until next is due; false when stopped. A changed scanner replaces
   // it with Init at once.
   bool wait(Schedule::Next* next) {
-    std::unique_lock<std::mutex> lock(shared_->mutex);
-    shared_->wake.wait_for(lock, std::chrono::milliseconds(std::max(next->wait_ms, 0LL)),
-                           [this] { return shared_->stop || shared_->init_requested; });
+    platform::MutexLock lock(&shared_->mutex);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(next->wait_ms, 0LL));
+    while (!shared_->stop && !shared_->init_requested) {
+      if (!shared_->wake.WaitUntil(&shared_->mutex, deadline)) break;
+    }
     if (shared_->stop) return false;
     if (shared_->init_requested) {
       shared_->init_requested = false;
@@ -207,18 +208,18 @@ MgmtLoop::~MgmtLoop() { stop(); }
 
 void MgmtLoop::request_init() {
   {
-    std::lock_guard<std::mutex> lock(shared_->mutex);
+    platform::MutexLock lock(&shared_->mutex);
     shared_->init_requested = true;
   }
-  shared_->wake.notify_all();
+  shared_->wake.SignalAll();
 }
 
 void MgmtLoop::stop() {
   {
-    std::lock_guard<std::mutex> lock(shared_->mutex);
+    platform::MutexLock lock(&shared_->mutex);
     shared_->stop = true;
   }
-  shared_->wake.notify_all();
+  shared_->wake.SignalAll();
 }
 
 }  // namespace host

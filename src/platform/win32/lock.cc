@@ -8,8 +8,8 @@
 // ends.
 #include <map>
 #include <memory>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/platform.h"
 #include "platform/shared.h"
 #include "platform/win32/win32_util.h"
@@ -25,12 +25,12 @@ namespace {
 // What one process knows of one name; shared by every handle of that name.
 struct LockState {
   win32::UniqueKernelHandle semaphore;
-  std::mutex mutex;
-  bool held = false;
+  Mutex mutex;
+  bool held GUARDED_BY(mutex) = false;
 };
 
-std::mutex g_registry_mutex;
-std::map<std::string, std::weak_ptr<LockState>>& registry() {
+Mutex g_registry_mutex;
+std::map<std::string, std::weak_ptr<LockState>>& registry() REQUIRES(g_registry_mutex) {
   static auto* r = new std::map<std::string, std::weak_ptr<LockState>>();
   return *r;
 }
@@ -93,7 +93,7 @@ NamedLock* named_lock_open(const char* name) {
     return nullptr;
   }
   const std::string full = object_name(name);
-  std::lock_guard<std::mutex> guard(g_registry_mutex);
+  MutexLock guard(&g_registry_mutex);
   std::shared_ptr<LockState> state = registry()[full].lock();
   if (state == nullptr) {
     HANDLE h = open_or_create(full);
@@ -110,7 +110,7 @@ int named_lock_acquire(NamedLock* lock, unsigned timeout_ms) {
   LockState& s = *lock->state;
   const int rc = wait_for(s.semaphore.get(), timeout_ms);
   if (rc == 0) {
-    std::lock_guard<std::mutex> guard(s.mutex);
+    MutexLock guard(&s.mutex);
     s.held = true;
   }
   return rc;
@@ -119,7 +119,7 @@ int named_lock_acquire(NamedLock* lock, unsigned timeout_ms) {
 int named_lock_release(NamedLock* lock) {
   if (lock == nullptr || lock->state == nullptr) return -1;
   LockState& s = *lock->state;
-  std::lock_guard<std::mutex> guard(s.mutex);
+  MutexLock guard(&s.mutex);
   if (!s.held) return -1;
   if (!::ReleaseSemaphore(s.semaphore.get(), 1, nullptr)) return -1;
   s.held = false;
