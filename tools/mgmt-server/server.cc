@@ -140,11 +140,19 @@ void answer_range(const httplib::Request& req, httplib::Response& res, const fs:
   res.set_content(read(first, last - first + 1), "application/octet-stream");
 }
 
+// Why a request is refused: its code and description; no code when it is not.
+struct Refusal {
+  const char* code = nullptr;
+  std::string desc;
+};
+
 class Service {
  public:
   Service(const ServeOptions& opts, Registry* registry, Ca* ca, std::string scheme, std::string bound_host)
       : opts_(opts), registry_(registry), ca_(ca), scheme_(std::move(scheme)), bound_host_(std::move(bound_host)) {}
 
+  // Answers a POST of op: what op gives the device, or the refusal of the
+  // first check that fails.
   void post(Op op, const httplib::Request& req, httplib::Response& res) const;
   void get_cert(bool production, const httplib::Request& req, httplib::Response& res) const;
   void get_file(const httplib::Request& req, httplib::Response& res) const;
@@ -155,6 +163,11 @@ class Service {
   std::string next_action(const Device& d, std::time_t now) const;
   std::string file_url(const httplib::Request& req, const std::string& rel) const;
   void answer(const httplib::Request& req, httplib::Response& res, const Response& r, const std::string& serial) const;
+  // Reads and verifies the request and finds its device (binding a new one to
+  // its host id and model); a refusal when a check fails.
+  Refusal identify(const httplib::Request& req, Request* in, Device* dev) const;
+  // Does op for the device and fills r with its answer; a refusal when it cannot.
+  Refusal operate(Op op, const httplib::Request& req, const Request& in, Device* dev, Response* r) const;
   // The package the softUpdate endpoint offers: the last name in packages/.
   std::string current_package() const;
 
@@ -211,83 +224,90 @@ void Service::answer(const httplib::Request& req, httplib::Response& res, const 
   log_request(req.method, req.path, serial, result);
 }
 
-void Service::post(Op op, const httplib::Request& req, httplib::Response& res) const {
-  Response r;
-  r.ts = ist_now();
-  auto refuse = [&](const char* code, const std::string& desc, const std::string& serial) {
-    r.status.assign(1, 'n');
-    r.code = code;
-    r.desc = desc;
-    r.serial = serial;
-    answer(req, res, r, serial);
-  };
-
-  Request in;
+Refusal Service::identify(const httplib::Request& req, Request* in, Device* dev) const {
   std::string why;
-  bool parsed = parse_request(req.body, &in, &why) == 0;
+  const bool parsed = parse_request(req.body, in, &why) == 0;
   if (!req.has_header("RD_DRT") || !request_drt_ok(req.get_header_value("RD_DRT"), req.body))
-    return refuse(kCodeBadDrt, "RD_DRT header missing or not matching the request", in.serial);
-  if (!parsed) return refuse(kCodeMalformed, "Malformed request: " + why, in.serial);
-  if (!hmac_pair_ok(in.skey, in.hmac, in.serial + "@" + in.ts))
-    return refuse(kCodeBadHmac, "sKey/hmac do not verify", in.serial);
-
-  Device dev;
-  int found = registry_->find(in.serial, &dev);
-  if (found < 0) return refuse(kCodeInternal, "Registry failure", in.serial);
-  if (found == 0) return refuse(kCodeNotRegistered, "Device not registered", in.serial);
-  if ((dev.host_id.empty() && !in.host_id.empty()) || (dev.model.empty() && !in.model.empty())) {
+    return {kCodeBadDrt, "RD_DRT header missing or not matching the request"};
+  if (!parsed) return {kCodeMalformed, "Malformed request: " + why};
+  if (!hmac_pair_ok(in->skey, in->hmac, in->serial + "@" + in->ts)) return {kCodeBadHmac, "sKey/hmac do not verify"};
+  const int found = registry_->find(in->serial, dev);
+  if (found < 0) return {kCodeInternal, "Registry failure"};
+  if (found == 0) return {kCodeNotRegistered, "Device not registered"};
+  if ((dev->host_id.empty() && !in->host_id.empty()) || (dev->model.empty() && !in->model.empty())) {
     // A device added without host id or model is bound to the first values it sends.
-    if (registry_->learn_identity(in.serial, in.host_id, in.model) != 0 || registry_->find(in.serial, &dev) != 1)
-      return refuse(kCodeInternal, "Registry failure", in.serial);
+    if (registry_->learn_identity(in->serial, in->host_id, in->model) != 0 || registry_->find(in->serial, dev) != 1)
+      return {kCodeInternal, "Registry failure"};
   }
-  r.host_id = dev.host_id;
-  r.serial = dev.serial;
-  r.model = dev.model;
-  const std::time_t t = now();
+  return {};
+}
 
+Refusal Service::operate(Op op, const httplib::Request& req, const Request& in, Device* dev, Response* r) const {
+  const std::time_t t = now();
   switch (op) {
     case Op::kRegister:
     case Op::kUpdateStatus:
-      r.next_actions.push_back(next_action(dev, t));
+      r->next_actions.push_back(next_action(*dev, t));
       break;
     case Op::kKeyRotation: {
       std::string pem, der, error;
-      if (in.pkey.empty() || base64_decode(in.pkey, &pem) != 0)
-        return refuse(kCodeBadKey, "pKey missing or not Base64", in.serial);
-      if (issue_device_cert(*ca_, pem, dev.serial, t, &der, &error) != 0)
-        return refuse(kCodeBadKey, "pKey not usable: " + error, in.serial);
+      if (in.pkey.empty() || base64_decode(in.pkey, &pem) != 0) return {kCodeBadKey, "pKey missing or not Base64"};
+      if (issue_device_cert(*ca_, pem, dev->serial, t, &der, &error) != 0)
+        return {kCodeBadKey, "pKey not usable: " + error};
       std::string dc = new_uuid();
-      if (dc.empty() || registry_->store_rotation(dev.serial, dc, der, t) != 0)
-        return refuse(kCodeInternal, "Registry failure", in.serial);
-      dev.dc = dc;
-      dev.rotated_at = t;
-      r.dc = dc;
-      r.next_actions.push_back(next_action(dev, t));
-      r.extra.emplace_back("sPKey", base64_encode(der));
+      if (dc.empty() || registry_->store_rotation(dev->serial, dc, der, t) != 0)
+        return {kCodeInternal, "Registry failure"};
+      dev->dc = dc;
+      dev->rotated_at = t;
+      r->dc = dc;
+      r->next_actions.push_back(next_action(*dev, t));
+      r->extra.emplace_back("sPKey", base64_encode(der));
       break;
     }
     case Op::kSoftUpdate: {
       std::string name = current_package(), data;
       if (name.empty() || read_file(fs::path(opts_.data_dir) / "packages" / name, &data) != 0)
-        return refuse(kCodeNoFile, "No software package available", in.serial);
-      r.next_actions.push_back("NO_ACTION_NECESSARY");
-      r.extra.emplace_back("path", file_url(req, "packages/" + name));
-      r.extra.emplace_back("checksum", hex_digest("md5", data));
+        return {kCodeNoFile, "No software package available"};
+      r->next_actions.push_back("NO_ACTION_NECESSARY");
+      r->extra.emplace_back("path", file_url(req, "packages/" + name));
+      r->extra.emplace_back("checksum", hex_digest("md5", data));
       break;
     }
     case Op::kUidaiUpdate: {
       std::string data;
       if (read_file(fs::path(opts_.data_dir) / "uidai" / "prod.pem", &data) != 0)
-        return refuse(kCodeNoFile, "No UIDAI certificate available", in.serial);
+        return {kCodeNoFile, "No UIDAI certificate available"};
       // The device fetches the certificate, then reports through updateStatus.
-      r.next_actions.push_back("UPDATE_STATUS");
-      r.extra.emplace_back("path", file_url(req, "uidai/prod.pem"));
-      r.extra.emplace_back("checksum", hex_digest("sha256", data));
+      r->next_actions.push_back("UPDATE_STATUS");
+      r->extra.emplace_back("path", file_url(req, "uidai/prod.pem"));
+      r->extra.emplace_back("checksum", hex_digest("sha256", data));
       break;
     }
   }
-  r.code = kCodeOk;
-  r.desc = std::string(op_name(op)) + " successful";
+  return {};
+}
+
+void Service::post(Op op, const httplib::Request& req, httplib::Response& res) const {
+  Response r;
+  r.ts = ist_now();
+  Request in;
+  Device dev;
+  Refusal refusal = identify(req, &in, &dev);
+  if (refusal.code == nullptr) {
+    r.host_id = dev.host_id;
+    r.serial = dev.serial;
+    r.model = dev.model;
+    refusal = operate(op, req, in, &dev, &r);
+  }
+  if (refusal.code != nullptr) {
+    r.status.assign(1, 'n');  // not = "n": GCC 12 gives a false -Wrestrict there
+    r.code = refusal.code;
+    r.desc = refusal.desc;
+    r.serial = in.serial;
+  } else {
+    r.code = kCodeOk;
+    r.desc = std::string(op_name(op)) + " successful";
+  }
   answer(req, res, r, in.serial);
 }
 
@@ -335,20 +355,9 @@ httplib::Server::Handler guarded(F f) {
   };
 }
 
-}  // namespace
-
-int serve(const ServeOptions& opts) {
-  Registry registry;
-  std::string error;
-  if (registry.open(opts.registry, &error) != 0) {
-    std::fprintf(stderr, "vexo-mgmt-server: cannot open registry %s: %s\n", opts.registry.c_str(), error.c_str());
-    return 1;
-  }
-  Ca ca;
-  if (load_ca(opts.ca_cert, opts.ca_key, &ca, &error) != 0) {
-    std::fprintf(stderr, "vexo-mgmt-server: %s\n", error.c_str());
-    return 1;
-  }
+// The HTTP or HTTPS server with its limits, or null (reported) when its
+// certificate and key do not load.
+std::unique_ptr<httplib::Server> make_server(const ServeOptions& opts) {
   std::unique_ptr<httplib::Server> server;
   if (opts.tls)
     server = std::make_unique<httplib::SSLServer>(opts.cert.c_str(), opts.key.c_str());
@@ -356,7 +365,7 @@ int serve(const ServeOptions& opts) {
     server = std::make_unique<httplib::Server>();
   if (!server->is_valid()) {
     std::fprintf(stderr, "vexo-mgmt-server: cannot load %s and %s\n", opts.cert.c_str(), opts.key.c_str());
-    return 1;
+    return nullptr;
   }
   // Bounded requests: small bodies and short waits. A connection serves up to
   // 1000 requests, so that the ranges of a whole package share one. Small
@@ -368,29 +377,12 @@ int serve(const ServeOptions& opts) {
   server->set_keep_alive_max_count(1000);
   server->set_keep_alive_timeout(5);
   server->set_tcp_nodelay(true);
+  return server;
+}
 
-  // Signals are taken by a thread of their own, which stops the server.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-
-  int port = opts.port;
-  if (port == 0) {
-    port = server->bind_to_any_port(opts.host);
-  } else if (!server->bind_to_port(opts.host, port)) {
-    port = -1;
-  }
-  if (port <= 0) {
-    std::fprintf(stderr, "vexo-mgmt-server: cannot bind %s port %d\n", opts.host.c_str(), opts.port);
-    return 1;
-  }
-  const std::string scheme = opts.tls ? "https" : "http";
-  const bool v6 = opts.host.find(':') != std::string::npos;
-  const std::string bound = (v6 ? "[" + opts.host + "]" : opts.host) + ":" + std::to_string(port);
-  Service service(opts, &registry, &ca, scheme, bound);
-
+// The endpoints, each under any prefix ("/Zelm"), and the log of what the
+// JSON handlers do not log themselves.
+void route(httplib::Server* server, const Service& service) {
   const std::string pre = "(.*)/rest/";
   auto post = [&](const char* suffix, Op op) {
     server->Post(pre + suffix,
@@ -418,6 +410,47 @@ int serve(const ServeOptions& opts) {
     }
     log_request(q.method, q.path, "", result);
   });
+}
+
+}  // namespace
+
+int serve(const ServeOptions& opts) {
+  Registry registry;
+  std::string error;
+  if (registry.open(opts.registry, &error) != 0) {
+    std::fprintf(stderr, "vexo-mgmt-server: cannot open registry %s: %s\n", opts.registry.c_str(), error.c_str());
+    return 1;
+  }
+  Ca ca;
+  if (load_ca(opts.ca_cert, opts.ca_key, &ca, &error) != 0) {
+    std::fprintf(stderr, "vexo-mgmt-server: %s\n", error.c_str());
+    return 1;
+  }
+  std::unique_ptr<httplib::Server> server = make_server(opts);
+  if (server == nullptr) return 1;
+
+  // Signals are taken by a thread of their own, which stops the server.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+  int port = opts.port;
+  if (port == 0) {
+    port = server->bind_to_any_port(opts.host);
+  } else if (!server->bind_to_port(opts.host, port)) {
+    port = -1;
+  }
+  if (port <= 0) {
+    std::fprintf(stderr, "vexo-mgmt-server: cannot bind %s port %d\n", opts.host.c_str(), opts.port);
+    return 1;
+  }
+  const std::string scheme = opts.tls ? "https" : "http";
+  const bool v6 = opts.host.find(':') != std::string::npos;
+  const std::string bound = (v6 ? "[" + opts.host + "]" : opts.host) + ":" + std::to_string(port);
+  Service service(opts, &registry, &ca, scheme, bound);
+  route(server.get(), service);
 
   std::printf("listening on %s://%s/\n", scheme.c_str(), bound.c_str());
   std::fflush(stdout);

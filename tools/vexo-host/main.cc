@@ -78,87 +78,66 @@ void print_status(const Exports& x, const char* call, int rc) {
   std::fflush(stdout);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// What the command line asks for.
+struct Options {
   std::string workdir;
   std::string pipe_dir;
   std::string scanner;
   bool mgmt = true;
   host::MgmtOptions mgmt_options;
-  mgmt_options.poll_ms = kDefaultPollSeconds * 1000;
+};
+
+// Reads the command line into *o. -1 to go on, else the exit code (0 after
+// --help, 2 after a usage error).
+int parse_options(int argc, char** argv, Options* o) {
+  o->mgmt_options.poll_ms = kDefaultPollSeconds * 1000;
   for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
+    const std::string arg = argv[i];
     long long seconds = 0;
     if (arg == "--help" || arg == "-h") {
       usage();
       return 0;
     }
     if (arg == "--workdir" && i + 1 < argc) {
-      workdir = argv[++i];
+      o->workdir = argv[++i];
     } else if (arg == "--status-pipe-dir" && i + 1 < argc) {
-      pipe_dir = argv[++i];
+      o->pipe_dir = argv[++i];
     } else if (arg == "--no-mgmt") {
-      mgmt = false;
+      o->mgmt = false;
     } else if (arg == "--mgmt-poll" && i + 1 < argc && parse_number(argv[i + 1], 1, kMaxPollSeconds, &seconds)) {
-      mgmt_options.poll_ms = seconds * 1000;
+      o->mgmt_options.poll_ms = seconds * 1000;
       ++i;
-    } else if (arg.rfind("--", 0) != 0 && scanner.empty()) {
-      scanner = arg;
+    } else if (arg.rfind("--", 0) != 0 && o->scanner.empty()) {
+      o->scanner = arg;
     } else {
       usage();
       return 2;
     }
   }
-  if (scanner.empty()) {
+  if (o->scanner.empty()) {
     usage();
     return 2;
   }
   long long base_ms = 0;
   const char* base = std::getenv(kRetryBaseEnv);
-  if (base != nullptr && parse_number(base, 1, host::kRetryBaseMs, &base_ms)) mgmt_options.retry_base_ms = base_ms;
+  if (base != nullptr && parse_number(base, 1, host::kRetryBaseMs, &base_ms)) o->mgmt_options.retry_base_ms = base_ms;
+  return -1;
+}
 
-  const std::string lib_path = host::library_beside_program();
-  std::string error;
-  host::take_events();
-  // Made before the host changes folder: a relative path is the starting folder's.
-  auto pipe = std::make_unique<host::StatusPipe>();
-  if (!pipe->start(pipe_dir, &error)) {
-    std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
-    return 1;
-  }
-  if (!workdir.empty() && !host::enter_folder(workdir, &error)) {
-    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", workdir.c_str(), error.c_str());
-    return 1;
-  }
+// Binds every export the host calls; false (with a message) when one is missing.
+bool bind_exports(void* lib, Exports* x, host::MgmtExports* m) {
+  return bind(lib, "Initialize_process", &x->Initialize_process) &&
+         bind(lib, "Start_RDservice", &x->Start_RDservice) &&
+         bind(lib, "Get_Last_RDservice_Status", &x->Get_Last_RDservice_Status) &&
+         bind(lib, "attach_device", &x->attach_device) && bind(lib, "detach_device", &x->detach_device) &&
+         bind(lib, "Init", &m->Init) && bind(lib, "Key_Rotation", &m->Key_Rotation) &&
+         bind(lib, "Software_Update", &m->Software_Update) && bind(lib, "uidai_cert_update", &m->uidai_cert_update) &&
+         bind(lib, "uidai_cert_force_update", &m->uidai_cert_force_update);
+}
 
-  void* lib = host::load_library(lib_path, &error);
-  Exports x;
-  host::MgmtExports m;
-  if (lib == nullptr || !bind(lib, "Initialize_process", &x.Initialize_process) ||
-      !bind(lib, "Start_RDservice", &x.Start_RDservice) ||
-      !bind(lib, "Get_Last_RDservice_Status", &x.Get_Last_RDservice_Status) ||
-      !bind(lib, "attach_device", &x.attach_device) || !bind(lib, "detach_device", &x.detach_device) ||
-      !bind(lib, "Init", &m.Init) || !bind(lib, "Key_Rotation", &m.Key_Rotation) ||
-      !bind(lib, "Software_Update", &m.Software_Update) || !bind(lib, "uidai_cert_update", &m.uidai_cert_update) ||
-      !bind(lib, "uidai_cert_force_update", &m.uidai_cert_force_update)) {
-    if (lib == nullptr) std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
-    return 1;
-  }
-
-  int rc = x.Initialize_process(scanner.c_str());
-  print_status(x, "Initialize_process", rc);
-  if (rc == 0) {
-    rc = x.Start_RDservice();
-    print_status(x, "Start_RDservice", rc);
-  }
-  int exit_code = rc == 0 ? 0 : 1;
-  std::unique_ptr<host::MgmtLoop> loop;
-  if (rc == 0 && mgmt) {
-    m.Get_Last_RDservice_Status = x.Get_Last_RDservice_Status;
-    loop = std::make_unique<host::MgmtLoop>(m, mgmt_options);
-  }
-  while (rc == 0) {
+// Turns plug events into attach_device and detach_device until asked to stop.
+void follow_events(const Exports& x, host::MgmtLoop* loop) {
+  for (;;) {
     const host::Event event = host::wait_event();
     if (event == host::Event::kAttach) {
       const int attached = x.attach_device();
@@ -170,11 +149,54 @@ int main(int argc, char** argv) {
     } else {
       std::printf("vexo-host: stopping\n");
       std::fflush(stdout);
-      break;
+      return;
     }
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  if (const int code = parse_options(argc, argv, &o); code >= 0) return code;
+
+  const std::string lib_path = host::library_beside_program();
+  std::string error;
+  host::take_events();
+  // Made before the host changes folder: a relative path is the starting folder's.
+  auto pipe = std::make_unique<host::StatusPipe>();
+  if (!pipe->start(o.pipe_dir, &error)) {
+    std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
+    return 1;
+  }
+  if (!o.workdir.empty() && !host::enter_folder(o.workdir, &error)) {
+    std::fprintf(stderr, "vexo-host: cannot enter %s: %s\n", o.workdir.c_str(), error.c_str());
+    return 1;
+  }
+
+  void* lib = host::load_library(lib_path, &error);
+  Exports x;
+  host::MgmtExports m;
+  if (lib == nullptr) {
+    std::fprintf(stderr, "vexo-host: %s\n", error.c_str());
+    return 1;
+  }
+  if (!bind_exports(lib, &x, &m)) return 1;
+
+  int rc = x.Initialize_process(o.scanner.c_str());
+  print_status(x, "Initialize_process", rc);
+  if (rc == 0) {
+    rc = x.Start_RDservice();
+    print_status(x, "Start_RDservice", rc);
+  }
+  std::unique_ptr<host::MgmtLoop> loop;
+  if (rc == 0 && o.mgmt) {
+    m.Get_Last_RDservice_Status = x.Get_Last_RDservice_Status;
+    loop = std::make_unique<host::MgmtLoop>(m, o.mgmt_options);
+  }
+  if (rc == 0) follow_events(x, loop.get());
   if (loop != nullptr) loop->stop();
   pipe.reset();
   // The library's threads live as long as the process; leave without unloading it.
-  host::leave(exit_code);
+  host::leave(rc == 0 ? 0 : 1);
 }
