@@ -86,6 +86,84 @@ bool build_pid(const PidInput& in, xmlDoc* doc) {
   return true;
 }
 
+// The session key is an AES-256 key.
+using SessionKey = SecretArray<32>;
+
+// Runs the scanner. 0; 700 or 730 as the capture answered them; or 999 for
+// any other fault (told on the status pipe).
+int capture_fingers(PidOptionsRequest& request, const std::string& ts, std::vector<CapturedFinger>* fingers) {
+  RD_LOG_AS("GenerateEncPIDBlock");
+  const int rc = FP_Cap(fingers, request, ts);
+  if (rc == 0) return 0;
+  RD_ERROR("Error at FP Capture");
+  if (rc == rd_codes::kRdTimeout || rc == rd_codes::kRdCaptureFailed) return rc;
+  RD_PIPE("5000", "Internal Error\n");
+  return rd_codes::kRdInternal;
+}
+
+// The device identity hash for the Bios element. 0 or 999 (reported).
+int device_hash(std::string* dih) {
+  RD_LOG_AS("GenerateEncPIDBlock");
+  if (Generate_dih(dih) == 0) return 0;
+  RD_ERROR("Error at dih generation ...");
+  RD_STATUS("Error at dih generation ... ");
+  RD_PIPE("10000", "Error at dih generation\n");
+  return rd_codes::kRdInternal;
+}
+
+// A fresh session key, wrapped for UIDAI in *skey, with the expiry of the
+// certificate that wrapped it in *ci. 0 or the code of the fault (reported).
+int session_key(const std::string& env, SessionKey* key, std::string* skey, std::string* ci) {
+  RD_LOG_AS("GenerateEncPIDBlock");
+  const int rc = GenerateEncandPlainSessionKey(env, key->data(), skey, ci);
+  if (rc != 0) {
+    RD_ERROR("Error at GenerateEncandPlainSessionKey ");
+    RD_STATUS("Error at GenerateEncandPlainSessionKey ");
+    RD_PIPE("10000", "Error at Generate encrypted and|plain sessionKey\n");
+  }
+  return rc;
+}
+
+// The plain Pid block, protobuf for format 'P' and XML otherwise. 0 or 999
+// (logged).
+int frame_plain_pid(const PidInput& input, char format, std::vector<std::uint8_t>* plain) {
+  RD_LOG_AS("GenerateEncPIDBlock");
+  int rc = 0;
+  if (format == 'P') {
+    rc = FramePidOutputProtobuf(input, plain);
+  } else {
+    std::string xml;
+    rc = FramePidInnerXML(input, &xml);
+    plain->assign(xml.begin(), xml.end());
+    cleanse(xml.data(), xml.size());
+  }
+  if (rc != 0) {
+    RD_ERROR("Error at framing the plain pid block");
+    return rd_codes::kRdInternal;
+  }
+  // The plain Pid holds biometric records and the OTP: only its length is told.
+  RD_INFO("Length of plain pid is %d", static_cast<int>(plain->size()));
+  return 0;
+}
+
+// Encrypts the plain Pid and its hash under key, then cleanses the plain Pid
+// whatever the outcome. 0 or 999 (reported).
+int encrypt_pid(std::vector<std::uint8_t>* plain, const SessionKey& key, const std::string& ts, std::string* data,
+                std::string* hmac) {
+  RD_LOG_AS("GenerateEncPIDBlock");
+  const int rc = GenerateEncPID_EncPIDHash(*plain, key.data(), ts, data, hmac);
+  cleanse(plain->data(), plain->size());
+  if (rc != 0) {
+    RD_ERROR("Error at to generate encrypted pinblock and encrypted pidblock hash");
+    RD_STATUS("Error at to generate encrypted pinblock and encrypted pidblock hash");
+    RD_PIPE("10000", "Error at to generate encrypted|pidblock and encrypted pidblock|hash\n");
+    return rd_codes::kRdInternal;
+  }
+  return 0;
+}
+
+// Capture, device hash, session key, plain Pid, encryption: the first fault
+// ends the run with its code. The session key is cleansed on every path.
 int generate(PidOptionsRequest& request, EncPidBlock* out) {
   RD_LOG_AS("GenerateEncPIDBlock");
   std::string ts;
@@ -93,63 +171,23 @@ int generate(PidOptionsRequest& request, EncPidBlock* out) {
     RD_ERROR("Error at capture timestamp");
     return rd_codes::kRdInternal;
   }
-
   std::vector<CapturedFinger> fingers;
-  int rc = FP_Cap(&fingers, request, ts);
-  if (rc != 0) {
-    RD_ERROR("Error at FP Capture");
-    if (rc == rd_codes::kRdTimeout || rc == rd_codes::kRdCaptureFailed) return rc;
-    RD_PIPE("5000", "Internal Error\n");
-    return rd_codes::kRdInternal;
-  }
-
+  int rc = capture_fingers(request, ts, &fingers);
+  if (rc != 0) return rc;
   std::string dih;
-  if (Generate_dih(&dih) != 0) {
-    RD_ERROR("Error at dih generation ...");
-    RD_STATUS("Error at dih generation ... ");
-    RD_PIPE("10000", "Error at dih generation\n");
-    return rd_codes::kRdInternal;
-  }
+  rc = device_hash(&dih);
+  if (rc != 0) return rc;
 
-  std::uint8_t key[32] = {};
+  SessionKey key{};
   std::string skey, ci;
-  rc = GenerateEncandPlainSessionKey(request.env, key, &skey, &ci);
-  if (rc != 0) {
-    RD_ERROR("Error at GenerateEncandPlainSessionKey ");
-    RD_STATUS("Error at GenerateEncandPlainSessionKey ");
-    RD_PIPE("10000", "Error at Generate encrypted and|plain sessionKey\n");
-    cleanse(key, sizeof key);
-    return rc;
-  }
-
-  PidInput input = make_pid_input(request, ts, dih, fingers);
+  rc = session_key(request.env, &key, &skey, &ci);
+  if (rc != 0) return rc;
   std::vector<std::uint8_t> plain;
-  if (request.format == 'P') {
-    rc = FramePidOutputProtobuf(input, &plain);
-  } else {
-    std::string xml;
-    rc = FramePidInnerXML(input, &xml);
-    plain.assign(xml.begin(), xml.end());
-    cleanse(xml.data(), xml.size());
-  }
-  if (rc != 0) {
-    RD_ERROR("Error at framing the plain pid block");
-    cleanse(key, sizeof key);
-    return rd_codes::kRdInternal;
-  }
-  // The plain Pid holds biometric records and the OTP: only its length is told.
-  RD_INFO("Length of plain pid is %d", static_cast<int>(plain.size()));
-
+  rc = frame_plain_pid(make_pid_input(request, ts, dih, fingers), request.format, &plain);
+  if (rc != 0) return rc;
   std::string data, hmac;
-  rc = GenerateEncPID_EncPIDHash(plain, key, ts, &data, &hmac);
-  cleanse(key, sizeof key);
-  cleanse(plain.data(), plain.size());
-  if (rc != 0) {
-    RD_ERROR("Error at to generate encrypted pinblock and encrypted pidblock hash");
-    RD_STATUS("Error at to generate encrypted pinblock and encrypted pidblock hash");
-    RD_PIPE("10000", "Error at to generate encrypted|pidblock and encrypted pidblock|hash\n");
-    return rd_codes::kRdInternal;
-  }
+  rc = encrypt_pid(&plain, key, ts, &data, &hmac);
+  if (rc != 0) return rc;
 
   out->data = std::move(data);
   out->hmac = std::move(hmac);

@@ -165,78 +165,105 @@ int read_demo(xmlDoc* doc, const xmlNode* demo, PidOptionsRequest* request) {
   return 0;
 }
 
-// Walks the attributes of one Opts element in document order. 0 or the code
-// of the first fault.
-int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std::string* raw_posh) {
+// Reads fCount, fType or posh; other names are left alone. 0 or the code of
+// the fault.
+int read_finger_opt(const xmlChar* name, const std::string& value, PidOptionsRequest* request,
+                    std::string* raw_posh) {
   RD_LOG_AS("Parse_XML_Request");
+  if (name_is(name, "fCount")) {
+    int count = to_int(value);
+    // Compared unsigned so that a negative count fails too.
+    if (static_cast<unsigned>(count) > kMaxFingers) {
+      RD_ERROR("Invalid fingerprint count : %d", count);
+      return rd_codes::kRdBadFCount;
+    }
+    request->fCount = count;
+    request->finger_requested = count >= 1 ? 1 : 0;
+  } else if (name_is(name, "fType")) {
+    int type = to_int(value);
+    if (static_cast<unsigned>(type) > 2) {
+      RD_ERROR("Invalid finger print type : %d", type);
+      return rd_codes::kRdBadFType;
+    }
+    request->fType = type;
+    // Image records are large: an image capture is limited to two fingers.
+    // Only the count read so far is seen, so the attribute order matters.
+    if (type != 0 && request->fCount > 2) {
+      RD_ERROR("Invalid fingerprint count : %d", request->fCount);
+      return rd_codes::kRdBadFCount;
+    }
+  } else if (name_is(name, "posh")) {
+    request->positions.clear();
+    if (value.size() >= kRawPoshSize) {
+      RD_ERROR("Invalid position");
+      return rd_codes::kRdBadPosh;
+    }
+    *raw_posh = value;
+  }
+  return 0;
+}
+
+// Reads iCount, pCount, format, pidVer or timeout; other names are left
+// alone. 0 or the code of the fault.
+int read_mode_opt(const xmlChar* name, const std::string& value, PidOptionsRequest* request) {
+  RD_LOG_AS("Parse_XML_Request");
+  if (name_is(name, "iCount")) {
+    if (to_int(value) != 0) {
+      RD_ERROR("Rd service does not support iris");
+      return rd_codes::kRdNoIris;
+    }
+  } else if (name_is(name, "pCount")) {
+    if (to_int(value) != 0) {
+      RD_ERROR("Invalid face count value(It should be 0");
+      return rd_codes::kRdNoFace;
+    }
+    request->face_requested = 0;
+    request->pCount = 0;
+  } else if (name_is(name, "format")) {
+    int format = to_int(value);
+    if (static_cast<unsigned>(format) > 1) {
+      RD_ERROR("Invalid format value : %d", format);
+      return rd_codes::kRdBadFormat;
+    }
+    request->format = format == 1 ? 'P' : 'X';
+  } else if (name_is(name, "pidVer")) {
+    if (value != "2.0") {
+      RD_ERROR("Invalid PID version");
+      return rd_codes::kRdBadPidVer;
+    }
+  } else if (name_is(name, "timeout")) {
+    int timeout = to_int(value);
+    if (timeout > 60000) return rd_codes::kRdBadTimeout;
+    request->timeout_given = 1;
+    request->timeout = timeout;
+  }
+  return 0;
+}
+
+// Copies env, otp or wadh within their bounds; other names are left alone.
+// 0 or 100.
+int read_text_opt(const xmlChar* name, const std::string& value, PidOptionsRequest* request) {
+  if (name_is(name, "env")) {
+    if (!copy_bounded(value, kEnvSize, "env", &request->env)) return rd_codes::kRdBadPidOptions;
+  } else if (name_is(name, "otp")) {
+    request->otp_given = 1;
+    if (!copy_bounded(value, kOtpSize, "otp", &request->otp)) return rd_codes::kRdBadPidOptions;
+  } else if (name_is(name, "wadh")) {
+    if (!copy_bounded(value, kWadhSize, "wadh", &request->wadh)) return rd_codes::kRdBadPidOptions;
+  }
+  return 0;
+}
+
+// Walks the attributes of one Opts element in document order. 0 or the code
+// of the first fault. Each name belongs to one reader alone, so an attribute
+// is read once and the faults come in document order.
+int read_opts(xmlDoc* doc, const xmlNode* opts, PidOptionsRequest* request, std::string* raw_posh) {
   for (const xmlAttr* a = opts->properties; a != nullptr; a = a->next) {
     const std::string value = attribute_value(doc, a);
-    if (name_is(a->name, "fCount")) {
-      int count = to_int(value);
-      // Compared unsigned so that a negative count fails too.
-      if (static_cast<unsigned>(count) > kMaxFingers) {
-        RD_ERROR("Invalid fingerprint count : %d", count);
-        return rd_codes::kRdBadFCount;
-      }
-      request->fCount = count;
-      request->finger_requested = count >= 1 ? 1 : 0;
-    } else if (name_is(a->name, "env")) {
-      if (!copy_bounded(value, kEnvSize, "env", &request->env)) return rd_codes::kRdBadPidOptions;
-    } else if (name_is(a->name, "fType")) {
-      int type = to_int(value);
-      if (static_cast<unsigned>(type) > 2) {
-        RD_ERROR("Invalid finger print type : %d", type);
-        return rd_codes::kRdBadFType;
-      }
-      request->fType = type;
-      // Image records are large: an image capture is limited to two fingers.
-      // Only the count read so far is seen, so the attribute order matters.
-      if (type != 0 && request->fCount > 2) {
-        RD_ERROR("Invalid fingerprint count : %d", request->fCount);
-        return rd_codes::kRdBadFCount;
-      }
-    } else if (name_is(a->name, "posh")) {
-      request->positions.clear();
-      if (value.size() >= kRawPoshSize) {
-        RD_ERROR("Invalid position");
-        return rd_codes::kRdBadPosh;
-      }
-      *raw_posh = value;
-    } else if (name_is(a->name, "iCount")) {
-      if (to_int(value) != 0) {
-        RD_ERROR("Rd service does not support iris");
-        return rd_codes::kRdNoIris;
-      }
-    } else if (name_is(a->name, "pCount")) {
-      if (to_int(value) != 0) {
-        RD_ERROR("Invalid face count value(It should be 0");
-        return rd_codes::kRdNoFace;
-      }
-      request->face_requested = 0;
-      request->pCount = 0;
-    } else if (name_is(a->name, "format")) {
-      int format = to_int(value);
-      if (static_cast<unsigned>(format) > 1) {
-        RD_ERROR("Invalid format value : %d", format);
-        return rd_codes::kRdBadFormat;
-      }
-      request->format = format == 1 ? 'P' : 'X';
-    } else if (name_is(a->name, "pidVer")) {
-      if (value != "2.0") {
-        RD_ERROR("Invalid PID version");
-        return rd_codes::kRdBadPidVer;
-      }
-    } else if (name_is(a->name, "timeout")) {
-      int timeout = to_int(value);
-      if (timeout > 60000) return rd_codes::kRdBadTimeout;
-      request->timeout_given = 1;
-      request->timeout = timeout;
-    } else if (name_is(a->name, "otp")) {
-      request->otp_given = 1;
-      if (!copy_bounded(value, kOtpSize, "otp", &request->otp)) return rd_codes::kRdBadPidOptions;
-    } else if (name_is(a->name, "wadh")) {
-      if (!copy_bounded(value, kWadhSize, "wadh", &request->wadh)) return rd_codes::kRdBadPidOptions;
-    }
+    int rc = read_finger_opt(a->name, value, request, raw_posh);
+    if (rc == 0) rc = read_mode_opt(a->name, value, request);
+    if (rc == 0) rc = read_text_opt(a->name, value, request);
+    if (rc != 0) return rc;
   }
   return 0;
 }
