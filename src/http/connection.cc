@@ -112,6 +112,73 @@ void log_request(const char* raw, std::size_t len, const RequestLine& line, cons
           origin != nullptr ? log_safe(origin, 256).c_str() : " none");
 }
 
+// Reads the request into raw, after the TLS handshake when the service runs
+// over TLS. *received is its length or a negative reader result; false when
+// the handshake failed (the TLS layer has closed the socket then).
+bool receive_request(Connection* conn, char* raw, int* received) {
+  RD_LOG_AS("process_incoming_message");
+  if (!conn->tls()) {
+    RD_VERBOSE("Going for recv_thru_tcp_socket");
+    *received = recv_thru_tcp_socket(conn->socket(), raw);
+    return true;
+  }
+  // The request's limit starts with the handshake's first wait.
+  const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
+  if (conn->handshake(deadline) != 0) {
+    RD_ERROR("makeSSLConnection Failed");
+    RD_STATUS("SSL Connection Failed, please check browser settings ");
+    return false;
+  }
+  RD_VERBOSE("Going for recvFromSSLWithTC");
+  int len = 0;
+  *received = recvFromSSLWithTC(conn->ssl(), raw, &len, deadline);
+  if (*received == 0) *received = len;
+  return true;
+}
+
+// Ends a connection whose request could not be read: a request too large
+// gets its 413 answer, any other failure none. True when it did so.
+bool refuse_unread_request(Connection* conn, int received, char* header) {
+  RD_LOG_AS("process_incoming_message");
+  if (received == kRequestTooLarge) {
+    frame_http_error_header(rd_codes::kHttpTooLarge, kHost, service_port(), "", 0, nullptr, header);
+    conn->send(header, "");
+  } else if (received < 0) {
+    RD_ERROR("recv failed : Could not received data bytes");
+    RD_STATUS("recv failed : Could not received data bytes ");
+  } else {
+    return false;
+  }
+  conn->close();
+  RD_INFO("Returning from process_incoming_message");
+  return true;
+}
+
+// Logs what was asked, answers it from the work area and closes the
+// connection; the work area is freed before the socket closes.
+void answer_request(Connection* conn, WorkAreaPtr* area, int received) {
+  RD_LOG_AS("process_incoming_message");
+  char* raw = area->get() + kRawReqOffset;
+  std::unique_ptr<char[]> origin;
+  OriginKind origin_kind = find_origin(raw, &origin);
+  RequestLine line = split_request_line(raw);
+  log_request(raw, static_cast<std::size_t>(received), line, origin.get());
+  RD_VERBOSE("custom_verb is %.*s\n", static_cast<int>(line.verb.size()), line.verb.data());
+
+  if (logfile_size_check() != 0) {
+    RD_ERROR("logfile_size_check failed");
+    return;
+  }
+
+  dispatch_request(raw, line, origin_kind, origin.get(), area->get());
+  conn->send(area->get() + kRespHeaderOffset, area->get());
+  RD_INFO("Response Sent Successfully");
+  area->reset();
+  origin.reset();
+  conn->close();
+  RD_INFO("Returning from process_incoming_message");
+}
+
 }  // namespace
 
 int recv_thru_tcp_socket(platform::socket_t s, char* buf) {
@@ -165,58 +232,10 @@ int process_incoming_message(platform::socket_t s) {
       RD_ERROR("Memory allocation failed\n");
       return 0;
     }
-    char* raw = area.get() + kRawReqOffset;
-    char* header = area.get() + kRespHeaderOffset;
-
-    int received;
-    if (conn.tls()) {
-      // The request's limit starts with the handshake's first wait.
-      const std::uint64_t deadline = platform::monotonic_ms() + static_cast<std::uint64_t>(recv_wait_ms());
-      if (conn.handshake(deadline) != 0) {
-        RD_ERROR("makeSSLConnection Failed");
-        RD_STATUS("SSL Connection Failed, please check browser settings ");
-        return 0;
-      }
-      RD_VERBOSE("Going for recvFromSSLWithTC");
-      int len = 0;
-      received = recvFromSSLWithTC(conn.ssl(), raw, &len, deadline);
-      if (received == 0) received = len;
-    } else {
-      RD_VERBOSE("Going for recv_thru_tcp_socket");
-      received = recv_thru_tcp_socket(s, raw);
-    }
-    if (received == kRequestTooLarge) {
-      frame_http_error_header(rd_codes::kHttpTooLarge, kHost, service_port(), "", 0, nullptr, header);
-      conn.send(header, "");
-      conn.close();
-      RD_INFO("Returning from process_incoming_message");
-      return 0;
-    }
-    if (received < 0) {
-      RD_ERROR("recv failed : Could not received data bytes");
-      RD_STATUS("recv failed : Could not received data bytes ");
-      conn.close();
-      RD_INFO("Returning from process_incoming_message");
-      return 0;
-    }
-    std::unique_ptr<char[]> origin;
-    OriginKind origin_kind = find_origin(raw, &origin);
-    RequestLine line = split_request_line(raw);
-    log_request(raw, static_cast<std::size_t>(received), line, origin.get());
-    RD_VERBOSE("custom_verb is %.*s\n", static_cast<int>(line.verb.size()), line.verb.data());
-
-    if (logfile_size_check() != 0) {
-      RD_ERROR("logfile_size_check failed");
-      return 0;
-    }
-
-    dispatch_request(raw, line, origin_kind, origin.get(), area.get());
-    conn.send(header, area.get());
-    RD_INFO("Response Sent Successfully");
-    area.reset();
-    origin.reset();
-    conn.close();
-    RD_INFO("Returning from process_incoming_message");
+    int received = 0;
+    if (!receive_request(&conn, area.get() + kRawReqOffset, &received)) return 0;
+    if (refuse_unread_request(&conn, received, area.get() + kRespHeaderOffset)) return 0;
+    answer_request(&conn, &area, received);
   } catch (const std::exception& e) {
     RD_ERROR("Request not answered: %s", e.what());
   } catch (...) {

@@ -53,6 +53,86 @@ int forced_key_rotation() {
   return rd_codes::kKeystoreTampered;
 }
 
+// The dynamic key from this device's node file. A missing node file means a
+// key rotation was cut short or the file was removed: the key can never be
+// opened again, so it counts as tampered.
+int read_dynamic_key(std::string* dynamic_key) {
+  RD_LOG_AS("GetPasswordToDecPrivateKey");
+  const std::string node = keystore_node_file(rd_identity_copy().rdsId);
+  if (node.empty()) {
+    RD_ERROR("Invalid RDS_ID");
+    return rd_codes::kKeystoreFailed;
+  }
+  int rc = GetDynamickey_For_Decryption(node, dynamic_key);
+  if (rc != 0) {
+    RD_ERROR("Getting Dynamic key Failed");
+    return platform::file_exists(node) ? rc : rd_codes::kKeystoreTampered;
+  }
+  return 0;
+}
+
+// Compares the key file's access time with the one recorded when the library
+// last read it. 0, kKeystoreFailed, or kKeystoreTampered.
+int check_access_stamp() {
+  RD_LOG_AS("GetPasswordToDecPrivateKey");
+  const std::string key_path = keystore_file_path(kEncKey);
+  Stamp current{};
+  if (access_stamp(key_path, &current) != 0) {
+    RD_ERROR("Error at to reading private key file");
+    RD_STATUS("Error at to reading private key file : %s ", key_path.c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", key_path.c_str());
+    return rd_codes::kKeystoreFailed;
+  }
+  const std::string time_path = keystore_file_path(kAccessTimeFile);
+  std::string recorded;
+  if (platform::read_file(time_path, &recorded) != 0) {
+    RD_ERROR("keystore access time file not exist");
+    RD_STATUS("keystore access time file not exist : %s ", time_path.c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", time_path.c_str());
+    return rd_codes::kKeystoreTampered;
+  }
+  // Anything but the 4 recorded bytes (also a truncated file) means the key
+  // file was touched since the library last read it.
+  if (recorded.size() < current.size() || std::memcmp(recorded.data(), current.data(), current.size()) != 0) {
+    RD_ERROR("key tamper detected");
+    RD_STATUS("key tamper detected ");
+    return rd_codes::kKeystoreTampered;
+  }
+  return 0;
+}
+
+// Finds, among this machine's adapters (read into *ids), the first whose
+// address hashes to the recorded value: the one that made the password.
+// *match points into *ids. 0, kKeystoreFailed, or kKeystoreTampered.
+int find_recorded_adapter(std::vector<Mac>* ids, const Mac** match) {
+  RD_LOG_AS("GetPasswordToDecPrivateKey");
+  const std::string pd_path = keystore_file_path(kPdHash);
+  std::string pd_hash;
+  if (platform::read_file(pd_path, &pd_hash) != 0) {
+    RD_ERROR("Error at to open pd_file application");
+    RD_STATUS("Error at to open pd_file application : %s ", pd_path.c_str());
+    RD_PIPE("10000", "File Not Found : %s\n", pd_path.c_str());
+    return rd_codes::kKeystoreFailed;
+  }
+  if (GetAdapterID(ids) != 0) {
+    RD_ERROR("Could not get MAC ID");
+    return rd_codes::kKeystoreFailed;
+  }
+  if (ids->empty()) {
+    RD_ERROR("iCount is <= 0");
+    RD_ERROR("Unable to get MAC ID");
+    return rd_codes::kKeystoreFailed;
+  }
+  for (const Mac& mac : *ids) {
+    if (same_digest(pd_hash, sha256(std::span<const std::uint8_t>(mac.data(), mac.size())))) {
+      *match = &mac;
+      return 0;
+    }
+  }
+  RD_ERROR("PD didn't match");
+  return rd_codes::kKeystoreTampered;
+}
+
 }  // namespace
 
 int GenerateKeyPair(std::string* cert_pem) {
@@ -124,43 +204,9 @@ int stage_key_pair(std::string* cert_pem) {
 
 int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   password->fill(0);
-  const std::string node = keystore_node_file(rd_identity_copy().rdsId);
-  if (node.empty()) {
-    RD_ERROR("Invalid RDS_ID");
-    return rd_codes::kKeystoreFailed;
-  }
   std::string dynamic_key;
-  int rc = GetDynamickey_For_Decryption(node, &dynamic_key);
-  if (rc != 0) {
-    RD_ERROR("Getting Dynamic key Failed");
-    // No node file: a key rotation was cut short, or the file was removed;
-    // the key can never be opened again, so a new one is needed.
-    return platform::file_exists(node) ? rc : rd_codes::kKeystoreTampered;
-  }
-
-  const std::string key_path = keystore_file_path(kEncKey);
-  Stamp current{};
-  if (access_stamp(key_path, &current) != 0) {
-    RD_ERROR("Error at to reading private key file");
-    RD_STATUS("Error at to reading private key file : %s ", key_path.c_str());
-    RD_PIPE("10000", "File Not Found : %s\n", key_path.c_str());
-    return rd_codes::kKeystoreFailed;
-  }
-  const std::string time_path = keystore_file_path(kAccessTimeFile);
-  std::string recorded;
-  if (platform::read_file(time_path, &recorded) != 0) {
-    RD_ERROR("keystore access time file not exist");
-    RD_STATUS("keystore access time file not exist : %s ", time_path.c_str());
-    RD_PIPE("10000", "File Not Found : %s\n", time_path.c_str());
-    return rd_codes::kKeystoreTampered;
-  }
-  // Anything but the 4 recorded bytes (also a truncated file) means the key
-  // file was touched since the library last read it.
-  if (recorded.size() < current.size() || std::memcmp(recorded.data(), current.data(), current.size()) != 0) {
-    RD_ERROR("key tamper detected");
-    RD_STATUS("key tamper detected ");
-    return rd_codes::kKeystoreTampered;
-  }
+  if (const int rc = read_dynamic_key(&dynamic_key); rc != 0) return rc;
+  if (const int rc = check_access_stamp(); rc != 0) return rc;
 
   std::array<std::uint8_t, 32> digest;
   if (GetHashRDservice(&digest) != 0) {
@@ -169,36 +215,9 @@ int GetPasswordToDecPrivateKey(std::array<std::uint8_t, 32>* password) {
   }
   RD_VERBOSE("password validation is successful");
 
-  const std::string pd_path = keystore_file_path(kPdHash);
-  std::string pd_hash;
-  if (platform::read_file(pd_path, &pd_hash) != 0) {
-    RD_ERROR("Error at to open pd_file application");
-    RD_STATUS("Error at to open pd_file application : %s ", pd_path.c_str());
-    RD_PIPE("10000", "File Not Found : %s\n", pd_path.c_str());
-    return rd_codes::kKeystoreFailed;
-  }
   std::vector<Mac> ids;
-  if (GetAdapterID(&ids) != 0) {
-    RD_ERROR("Could not get MAC ID");
-    return rd_codes::kKeystoreFailed;
-  }
-  if (ids.empty()) {
-    RD_ERROR("iCount is <= 0");
-    RD_ERROR("Unable to get MAC ID");
-    return rd_codes::kKeystoreFailed;
-  }
-  // The first adapter whose address hashes to the recorded value made the password.
   const Mac* match = nullptr;
-  for (const Mac& mac : ids) {
-    if (same_digest(pd_hash, sha256(std::span<const std::uint8_t>(mac.data(), mac.size())))) {
-      match = &mac;
-      break;
-    }
-  }
-  if (match == nullptr) {
-    RD_ERROR("PD didn't match");
-    return rd_codes::kKeystoreTampered;
-  }
+  if (const int rc = find_recorded_adapter(&ids, &match); rc != 0) return rc;
   *password = keystore_detail::derive_password(digest, *match, dynamic_key);
   RD_VERBOSE("Password generated successfully");
   return 0;

@@ -108,6 +108,70 @@ int transfer_failure(CURLcode rc, const std::string& url, const char* error_text
   }
 }
 
+// Signs the request text (its first length bytes) and makes the header list
+// that carries the signature as RD_DRT. 0, or kTransportDrtNotMade.
+int make_signed_headers(const std::string& request, std::size_t length, transfer::Slist* header_list,
+                        std::string* request_drt) {
+  RD_LOG_AS("sendData2Zelm");
+  header_list->reset(curl_slist_append(nullptr, "Content-Type: application/json; charset=utf-8"));
+  const bool signed_ok = rds_hmac_sign(request.c_str(), length, 1, request_drt) == 0;
+  curl_slist* with_drt =
+      signed_ok && *header_list ? curl_slist_append(header_list->get(), ("RD_DRT: " + *request_drt).c_str()) : nullptr;
+  if (with_drt == nullptr) {
+    RD_ERROR("Error at RD_DRT_hash_gen");
+    RD_STATUS("Error at RD_DRT_hash_gen");
+    return rd_codes::kTransportDrtNotMade;
+  }
+  return 0;
+}
+
+// The POST itself: endpoint, the request's first length bytes, its headers
+// and the buffer that takes libcurl's error text. False when an option
+// cannot be set.
+bool set_post_request(CURL* c, const RdConfig& config, const std::string& url, const std::string& request,
+                      std::size_t length, curl_slist* header_list, char* error_text) {
+  return set_endpoint(kPost, c, config, url) &&
+         transfer::set_options(
+             kPost, c,
+             {{CURLOPT_POST, 1L, "Error in Curl CURLOPT_POST"},
+              {CURLOPT_POSTFIELDS, request.c_str(), "Error in Curl CURLOPT_POSTFIELDS"},
+              {CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "Error in Curl CURLOPT_POSTFIELDSIZE"},
+              {CURLOPT_HTTPHEADER, header_list, "Error in Curl CURLOPT_HTTPHEADER"},
+              {CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER"}});
+}
+
+// The trust of the transfer (prepared into *trust, which must outlive the
+// transfer), its time limit and the collectors of the answer's body and
+// headers. 0, the trust's failure code, or kTransportFailed.
+int set_post_receivers(CURL* c, const std::string& url, transfer::Trust* trust, Collector* body, Collector* headers) {
+  RD_LOG_AS("sendData2Zelm");
+  if (const int pin = transfer::prepare_trust(kPost, url, trust); pin != 0) return pin;
+  RD_INFO("%s", trust->tls ? "Communication is Happening through HTTPs" : "Communication is Happening through HTTP");
+  if (!transfer::set_trust(kPost, c, *trust) ||
+      !transfer::set_options(kPost, c,
+                             {{CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION"},
+                              {CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option"},
+                              {CURLOPT_HEADERFUNCTION, collect, "Error in Curl CURLOPT_HEADERFUNCTION"},
+                              {CURLOPT_HEADERDATA, headers, "Error in Curl CURLOPT_HEADERDATA"},
+                              {CURLOPT_WRITEDATA, body, "Error in Curl CURLOPT_WRITEDATA"}})) {
+    return rd_codes::kTransportFailed;
+  }
+  return 0;
+}
+
+// Checks the RD_DRT the server put on its answer against the answer and our
+// request's own. 0, or ResponseDRTCheck's code, reported as poisoned data.
+int check_response_drt(const Collector& body, const Collector& headers, const std::string& request_drt) {
+  RD_LOG_AS("sendData2Zelm");
+  const int check = ResponseDRTCheck(body.data, headers.data, request_drt);
+  if (check != 0) {
+    RD_ERROR("Data from server is poisoned");
+    RD_STATUS("Data from server is poisoned ");
+    RD_PIPE("10000", "Data from server is poisoned\n");
+  }
+  return check;
+}
+
 }  // namespace
 
 long zelm_timeout_seconds() {
@@ -123,15 +187,8 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   // The request's RD_DRT covers its text up to the first zero byte, as sent.
   const std::size_t length = std::strlen(request.c_str());
   std::string request_drt;
-  transfer::Slist header_list(curl_slist_append(nullptr, "Content-Type: application/json; charset=utf-8"));
-  const bool signed_ok = rds_hmac_sign(request.c_str(), length, 1, &request_drt) == 0;
-  curl_slist* with_drt =
-      signed_ok && header_list ? curl_slist_append(header_list.get(), ("RD_DRT: " + request_drt).c_str()) : nullptr;
-  if (with_drt == nullptr) {
-    RD_ERROR("Error at RD_DRT_hash_gen");
-    RD_STATUS("Error at RD_DRT_hash_gen");
-    return rd_codes::kTransportDrtNotMade;
-  }
+  transfer::Slist header_list;
+  if (const int made = make_signed_headers(request, length, &header_list, &request_drt); made != 0) return made;
 
   const curl_version_info_data* version = curl_version_info(CURLVERSION_NOW);
   RD_DEBUG("d->version = %s\n", version->version);
@@ -144,41 +201,18 @@ int sendData2Zelm(const std::string& url, const std::string& request, std::strin
   }
   char error_text[CURL_ERROR_SIZE] = {};
   CURL* c = curl.get();
-  if (!set_endpoint(kPost, c, config, url) ||
-      !transfer::set_options(kPost, c,
-                             {{CURLOPT_POST, 1L, "Error in Curl CURLOPT_POST"},
-                              {CURLOPT_POSTFIELDS, request.c_str(), "Error in Curl CURLOPT_POSTFIELDS"},
-                              {CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "Error in Curl CURLOPT_POSTFIELDSIZE"},
-                              {CURLOPT_HTTPHEADER, header_list.get(), "Error in Curl CURLOPT_HTTPHEADER"},
-                              {CURLOPT_ERRORBUFFER, error_text, "Error in Curl CURLOPT_ERRORBUFFER"}})) {
+  if (!set_post_request(c, config, url, request, length, header_list.get(), error_text)) {
     return rd_codes::kTransportFailed;
   }
-
   transfer::Trust trust;
-  if (const int pin = transfer::prepare_trust(kPost, url, &trust); pin != 0) return pin;
-  RD_INFO("%s", trust.tls ? "Communication is Happening through HTTPs" : "Communication is Happening through HTTP");
-  if (!transfer::set_trust(kPost, c, trust) ||
-      !transfer::set_options(kPost, c,
-                             {{CURLOPT_WRITEFUNCTION, collect, "Error in Curl CURLOPT_WRITEFUNCTION"},
-                              {CURLOPT_TIMEOUT, zelm_timeout_seconds(), "Error in Setting CURLOPT_TIMEOUT Option"},
-                              {CURLOPT_HEADERFUNCTION, collect, "Error in Curl CURLOPT_HEADERFUNCTION"},
-                              {CURLOPT_HEADERDATA, &headers, "Error in Curl CURLOPT_HEADERDATA"},
-                              {CURLOPT_WRITEDATA, &body, "Error in Curl CURLOPT_WRITEDATA"}})) {
-    return rd_codes::kTransportFailed;
-  }
+  if (const int set = set_post_receivers(c, url, &trust, &body, &headers); set != 0) return set;
 
   RD_INFO("sending request to management server");
   const CURLcode rc = curl_easy_perform(c);
   curl.reset();
   header_list.reset();
   if (rc != CURLE_OK) return transfer_failure(rc, url, error_text);
-
-  if (const int check = ResponseDRTCheck(body.data, headers.data, request_drt); check != 0) {
-    RD_ERROR("Data from server is poisoned");
-    RD_STATUS("Data from server is poisoned ");
-    RD_PIPE("10000", "Data from server is poisoned\n");
-    return check;
-  }
+  if (const int check = check_response_drt(body, headers, request_drt); check != 0) return check;
   RD_INFO("Got Response from management server");
   *response = std::move(body.data);
   return rd_codes::kTransportOk;
