@@ -138,6 +138,7 @@ int frame_plain_pid(const PidInput& input, char format, std::vector<std::uint8_t
     cleanse(xml.data(), xml.size());
   }
   if (rc != 0) {
+    cleanse(plain->data(), plain->size());  // whatever part of it was framed
     RD_ERROR("Error at framing the plain pid block");
     return rd_codes::kRdInternal;
   }
