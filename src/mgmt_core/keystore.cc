@@ -71,6 +71,15 @@ int read_dynamic_key(std::string* dynamic_key) {
   return 0;
 }
 
+// A keystore file the key reader needs cannot be read: the run log, the last
+// status and the user hear of it.
+void report_missing(const char* what, const std::string& path) {
+  RD_LOG_AS("GetPasswordToDecPrivateKey");
+  RD_ERROR("%s", what);
+  RD_STATUS("%s : %s ", what, path.c_str());
+  RD_PIPE("10000", "File Not Found : %s\n", path.c_str());
+}
+
 // Compares the key file's access time with the one recorded when the library
 // last read it. 0, kKeystoreFailed, or kKeystoreTampered.
 int check_access_stamp() {
@@ -78,17 +87,13 @@ int check_access_stamp() {
   const std::string key_path = keystore_file_path(kEncKey);
   Stamp current{};
   if (access_stamp(key_path, &current) != 0) {
-    RD_ERROR("Error at to reading private key file");
-    RD_STATUS("Error at to reading private key file : %s ", key_path.c_str());
-    RD_PIPE("10000", "File Not Found : %s\n", key_path.c_str());
+    report_missing("Error at to reading private key file", key_path);
     return rd_codes::kKeystoreFailed;
   }
   const std::string time_path = keystore_file_path(kAccessTimeFile);
   std::string recorded;
   if (platform::read_file(time_path, &recorded) != 0) {
-    RD_ERROR("keystore access time file not exist");
-    RD_STATUS("keystore access time file not exist : %s ", time_path.c_str());
-    RD_PIPE("10000", "File Not Found : %s\n", time_path.c_str());
+    report_missing("keystore access time file not exist", time_path);
     return rd_codes::kKeystoreTampered;
   }
   // Anything but the 4 recorded bytes (also a truncated file) means the key
@@ -109,9 +114,7 @@ int find_recorded_adapter(std::vector<Mac>* ids, const Mac** match) {
   const std::string pd_path = keystore_file_path(kPdHash);
   std::string pd_hash;
   if (platform::read_file(pd_path, &pd_hash) != 0) {
-    RD_ERROR("Error at to open pd_file application");
-    RD_STATUS("Error at to open pd_file application : %s ", pd_path.c_str());
-    RD_PIPE("10000", "File Not Found : %s\n", pd_path.c_str());
+    report_missing("Error at to open pd_file application", pd_path);
     return rd_codes::kKeystoreFailed;
   }
   if (GetAdapterID(ids) != 0) {
